@@ -1,0 +1,36 @@
+# bv_add_test(NAME name SOURCES file... [LIBRARIES target...] [DEFINITIONS def...] [LABELS label...])
+#
+# A GoogleTest program. Every TEST becomes a CTest entry and runs in a process and a private root
+# of its own, so that each finds the fixed paths empty and leaves nothing behind.
+
+include(GoogleTest)
+find_package(GTest REQUIRED)
+
+set(BV_TEST_ROOT "${CMAKE_SOURCE_DIR}/tests/support/root")
+
+function(bv_add_test)
+  cmake_parse_arguments(T "" "NAME" "SOURCES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})
+  if(NOT T_LIBRARIES)
+    set(T_LIBRARIES bv::bv)
+  endif()
+  add_executable(${T_NAME} ${T_SOURCES})
+  target_include_directories(${T_NAME} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/tests)
+  target_compile_definitions(${T_NAME} PRIVATE
+    BV_TEST_SOURCE_DIR="${CMAKE_SOURCE_DIR}/tests"
+    BV_UBUSD="${BV_UBUSD}"
+    ${T_DEFINITIONS})
+  # The macros of the test framework compare and convert in ways that -Wconversion dislikes.
+  target_compile_options(${T_NAME} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Wno-conversion -Wno-sign-conversion>)
+  target_link_libraries(${T_NAME} PRIVATE ${T_LIBRARIES} GTest::gtest GTest::gtest_main
+    Threads::Threads ${CMAKE_DL_LIBS})
+  set_target_properties(${T_NAME} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"
+    CROSSCOMPILING_EMULATOR "${BV_TEST_ROOT}"
+    ENABLE_EXPORTS ON)
+  if(TARGET ubusd)
+    add_dependencies(${T_NAME} ubusd)
+  endif()
+  gtest_discover_tests(${T_NAME}
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 120 LABELS "${T_LABELS}")
+endfunction()

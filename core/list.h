@@ -15,7 +15,10 @@ inline void list_init(bv_list_head &head)
     head.prev = &head;
 }
 
-inline bool list_empty(const bv_list_head &head) { return head.next == &head; }
+inline bool list_empty(const bv_list_head &head)
+{
+    return head.next == &head;
+}
 
 // Links an element behind the last one.
 inline void list_append(bv_list_head &head, bv_list_head &link)
@@ -25,6 +28,23 @@ inline void list_append(bv_list_head &head, bv_list_head &link)
     link.prev = last;
     last->next = &link;
     head.prev = &link;
+}
+
+// Appends an element to a list that another thread may walk at the same moment with list_next():
+// the walker finds it complete or not at all. Only one thread may append at a time.
+inline void list_publish(bv_list_head &head, bv_list_head &link)
+{
+    bv_list_head *last = head.prev;
+    link.next = &head;
+    link.prev = last;
+    head.prev = &link;
+    __atomic_store_n(&last->next, &link, __ATOMIC_RELEASE);
+}
+
+// The element behind this one, where others may be published meanwhile.
+inline bv_list_head *list_next(const bv_list_head &link)
+{
+    return __atomic_load_n(&link.next, __ATOMIC_ACQUIRE);
 }
 
 // Takes an element out of its list and clears its links, so that a later use of them is found.
@@ -37,7 +57,8 @@ inline void list_unlink(bv_list_head &link)
 }
 
 // The record around an embedded link, `offset` bytes (offsetof) into it.
-template <typename Record> inline Record *list_record(bv_list_head *link, size_t offset)
+template <typename Record>
+inline Record *list_record(bv_list_head *link, size_t offset)
 {
     return reinterpret_cast<Record *>(reinterpret_cast<char *>(link) - offset);
 }

@@ -1,0 +1,205 @@
+// Hash table with chains. Geometry is fixed and keys have one size, so that a look-up is one hash
+// over the whole key, padding included, and one comparison per entry of a chain.
+//
+// Node, key and record of an entry are allocations of their own: a record may then be as large as
+// an allocation gets, and its address, which callers keep, is aligned for any type.
+
+#include <bv/hash.h>
+
+#include "core/list.h"
+#include "os/alloc.h"
+#include "os/checked.h"
+
+#include <bv/status.h>
+
+namespace {
+
+constexpr uint32_t kMagic = 0x42524F56; // "BROV"
+
+struct Entry {
+    bv_list_head link;
+    uint8_t *key;
+    void *data;
+};
+
+static_assert(sizeof(void *) != 4 || sizeof(bv_hash) == 24, "public record");
+static_assert(sizeof(void *) != 4 || offsetof(bv_hash, buckets) == 20, "public record");
+static_assert(sizeof(void *) != 4 || sizeof(Entry) == 16, "four pointers");
+
+Entry *entry_of(bv_list_head *link)
+{
+    return bv::list_record<Entry>(link, offsetof(Entry, link));
+}
+
+bool is_table(const bv_hash *table)
+{
+    return table != nullptr && table->magic == kMagic;
+}
+
+// The mask is applied to sizes that are no power of two as well. Rounding the size would move
+// entries to other buckets and change what a dump shows.
+bv_list_head &bucket_of(const bv_hash &table, const uint8_t *key)
+{
+    return table.buckets[bv_os_jhash(key, table.keysize, 0) & (table.hashsize - 1)];
+}
+
+Entry *find_entry(const bv_hash &table, bv_list_head &bucket, const uint8_t *key)
+{
+    for (bv_list_head *link = bucket.next; link != &bucket; link = link->next) {
+        Entry *entry = entry_of(link);
+        if (bv_os_memcmp(entry->key, key, table.keysize) == 0)
+            return entry;
+    }
+    return nullptr;
+}
+
+void free_entry(Entry *entry)
+{
+    bv_os_free(entry->data);
+    bv_os_free(entry->key);
+    bv_os_free(entry);
+}
+
+void copy_record(const bv_hash &table, Entry &entry, const void *data)
+{
+    bv_os_memcpy(entry.data, table.datasize, data, table.datasize);
+}
+
+// An entry with its own copies, not linked yet; null if memory is short.
+Entry *make_entry(const bv_hash &table, const uint8_t *key, const void *data)
+{
+    Entry *entry = static_cast<Entry *>(bv_os_malloc(sizeof(Entry)));
+    if (entry == nullptr)
+        return nullptr;
+
+    entry->key = static_cast<uint8_t *>(bv_os_malloc(table.keysize));
+    entry->data = bv_os_malloc(table.datasize);
+    if (entry->key == nullptr || entry->data == nullptr) {
+        free_entry(entry);
+        return nullptr;
+    }
+
+    bv_os_memcpy(entry->key, table.keysize, key, table.keysize);
+    copy_record(table, *entry, data);
+    return entry;
+}
+
+void free_bucket(bv_list_head &bucket)
+{
+    for (bv_list_head *link = bucket.next; link != &bucket;) {
+        bv_list_head *next = link->next;
+        free_entry(entry_of(link));
+        link = next;
+    }
+}
+
+// The address as the eight digits that a dump has room for.
+unsigned int low_address(const void *pointer)
+{
+    return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
+}
+
+void dump_bucket(uint32_t number, bv_list_head &bucket)
+{
+    uint32_t position = 0;
+    for (bv_list_head *link = bucket.next; link != &bucket; link = link->next) {
+        const Entry *entry = entry_of(link);
+        bv_os_printf("\r\n[%04u-%04u]keyobject:%08x dataobject:%08x", number, position++,
+                     low_address(entry->key), low_address(entry->data));
+    }
+}
+
+} // namespace
+
+bv_hash *bv_hash_init(uint32_t hashsize, uint32_t keysize, uint32_t datasize)
+{
+    if (hashsize == 0 || keysize == 0 || datasize == 0)
+        return nullptr;
+
+    bv_hash *table = static_cast<bv_hash *>(bv_os_malloc(sizeof(bv_hash)));
+    if (table == nullptr)
+        return nullptr;
+
+    void *buckets = bv::allocate(uint64_t{hashsize} * sizeof(bv_list_head));
+    if (buckets == nullptr) {
+        bv_os_free(table);
+        return nullptr;
+    }
+
+    *table = {kMagic, hashsize, keysize, datasize, 0, static_cast<bv_list_head *>(buckets)};
+    for (uint32_t i = 0; i < hashsize; i++)
+        bv::list_init(table->buckets[i]);
+    return table;
+}
+
+int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *data)
+{
+    if (!is_table(table) || key == nullptr)
+        return BV_ERR_FAILED;
+
+    // Before the look-up on purpose: a full table refuses every insert at once, also that of a
+    // key which it holds.
+    if (table->currnum >= table->hashsize)
+        return BV_ERR_FULL;
+
+    bv_list_head &bucket = bucket_of(*table, key);
+    Entry *entry = find_entry(*table, bucket, key);
+    if (entry != nullptr) {
+        copy_record(*table, *entry, data);
+        return BV_OK;
+    }
+
+    entry = make_entry(*table, key, data);
+    if (entry == nullptr)
+        return BV_ERR_MEMORY;
+    bv::list_append(bucket, entry->link);
+    table->currnum = bv::checked_add(table->currnum, 1);
+    return BV_OK;
+}
+
+void *bv_hash_find(bv_hash *table, const uint8_t *key)
+{
+    if (!is_table(table) || key == nullptr)
+        return nullptr;
+
+    const Entry *entry = find_entry(*table, bucket_of(*table, key), key);
+    return entry == nullptr ? nullptr : entry->data;
+}
+
+void bv_hash_remove(bv_hash *table, const uint8_t *key)
+{
+    if (!is_table(table) || key == nullptr)
+        return;
+
+    Entry *entry = find_entry(*table, bucket_of(*table, key), key);
+    if (entry == nullptr)
+        return;
+    bv::list_unlink(entry->link);
+    table->currnum = bv::checked_sub(table->currnum, 1);
+    free_entry(entry);
+}
+
+void bv_hash_exit(bv_hash *table)
+{
+    if (!is_table(table))
+        return;
+
+    for (uint32_t i = 0; i < table->hashsize; i++)
+        free_bucket(table->buckets[i]);
+    bv_os_free(table->buckets);
+    bv_os_free(table);
+}
+
+void bv_hash_dump(bv_hash *table)
+{
+    if (!is_table(table))
+        return;
+
+    bv_os_printf("\r\n===============================================");
+    bv_os_printf("\r\nhashsize:%u keysize:%u datasize:%u currnum:%u ", table->hashsize,
+                 table->keysize, table->datasize, table->currnum);
+    bv_os_printf("\r\n-----------------------------------------------");
+    for (uint32_t i = 0; i < table->hashsize; i++)
+        dump_bucket(i, table->buckets[i]);
+    bv_os_printf("\r\n===============================================\r\n");
+}

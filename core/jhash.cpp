@@ -1,0 +1,89 @@
+// Bob Jenkins' hash "lookup2" (1996). The configuration database hashes 1024 bytes on every
+// access, so the words of the key are loaded whole where the machine's order is that of the hash.
+
+#include <bv/hash.h>
+
+namespace {
+
+constexpr uint32_t kGoldenRatio = 0x9E3779B9;
+constexpr uint32_t kBlockSize = 12;
+
+struct State {
+    uint32_t a;
+    uint32_t b;
+    uint32_t c;
+};
+
+inline void mix(State &s)
+{
+    s.a -= s.b;
+    s.a -= s.c;
+    s.a ^= s.c >> 13;
+    s.b -= s.c;
+    s.b -= s.a;
+    s.b ^= s.a << 8;
+    s.c -= s.a;
+    s.c -= s.b;
+    s.c ^= s.b >> 13;
+    s.a -= s.b;
+    s.a -= s.c;
+    s.a ^= s.c >> 12;
+    s.b -= s.c;
+    s.b -= s.a;
+    s.b ^= s.a << 16;
+    s.c -= s.a;
+    s.c -= s.b;
+    s.c ^= s.b >> 5;
+    s.a -= s.b;
+    s.a -= s.c;
+    s.a ^= s.c >> 3;
+    s.b -= s.c;
+    s.b -= s.a;
+    s.b ^= s.a << 10;
+    s.c -= s.a;
+    s.c -= s.b;
+    s.c ^= s.b >> 15;
+}
+
+// A little-endian word at any address.
+inline uint32_t get_le32(const uint8_t *from)
+{
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    uint32_t word;
+    __builtin_memcpy(&word, from, sizeof(word));
+    return word;
+#else
+    return from[0] | static_cast<uint32_t>(from[1]) << 8 | static_cast<uint32_t>(from[2]) << 16 |
+           static_cast<uint32_t>(from[3]) << 24;
+#endif
+}
+
+// Adds the last 0 to 11 bytes, each at its place in its word. The low byte of c is left to the
+// length, so the bytes 8 to 10 lie one place higher than in a whole block.
+void add_rest(State &s, const uint8_t *rest, uint32_t length)
+{
+    uint32_t *const words[] = {&s.a, &s.b, &s.c};
+    for (uint32_t i = 0; i < length; i++) {
+        const uint32_t place = i < 8 ? i % 4 : i % 4 + 1;
+        *words[i / 4] += static_cast<uint32_t>(rest[i]) << (8 * place);
+    }
+}
+
+} // namespace
+
+uint32_t bv_os_jhash(const uint8_t *key, uint32_t length, uint32_t initval)
+{
+    State s = {kGoldenRatio, kGoldenRatio, initval};
+    uint32_t left = length;
+    for (; left >= kBlockSize; left -= kBlockSize, key += kBlockSize) {
+        s.a += get_le32(key);
+        s.b += get_le32(key + 4);
+        s.c += get_le32(key + 8);
+        mix(s);
+    }
+
+    s.c += length;
+    add_rest(s, key, left);
+    mix(s);
+    return s.c;
+}

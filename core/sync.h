@@ -1,0 +1,66 @@
+// Locks held for a scope, and accesses that are made without one on purpose.
+//
+// What several threads touch without a lock is read and written through the functions here and
+// nowhere else, so that each such place can be found, and ThreadSanitizer can tell it from a
+// mistake.
+#ifndef BV_CORE_SYNC_H
+#define BV_CORE_SYNC_H
+
+#include <bv/os.h>
+
+#include <pthread.h>
+
+namespace bv {
+
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(mutex)
+    {
+        bv_os_pthread_mutex_lock(&mutex_);
+    }
+    ~MutexGuard() { bv_os_pthread_mutex_unlock(&mutex_); }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+
+private:
+    pthread_mutex_t &mutex_;
+};
+
+// Relaxed: a value on its own, which says nothing about other memory.
+template <typename T>
+inline T load_relaxed(const T &from)
+{
+    return __atomic_load_n(&from, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+inline void store_relaxed(T &to, T value)
+{
+    __atomic_store_n(&to, value, __ATOMIC_RELAXED);
+}
+
+// Replaces a value if it is still the one seen; otherwise, or for no reason, false and the present
+// one in `seen`.
+template <typename T>
+inline bool try_swap_relaxed(T &value, T &seen, T replacement)
+{
+    return __atomic_compare_exchange_n(&value, &seen, replacement, true, __ATOMIC_RELAXED,
+                                       __ATOMIC_RELAXED);
+}
+
+// A value that hands over what was written before it.
+template <typename T>
+inline T load_acquire(const T &from)
+{
+    return __atomic_load_n(&from, __ATOMIC_ACQUIRE);
+}
+
+template <typename T>
+inline void store_release(T &to, T value)
+{
+    __atomic_store_n(&to, value, __ATOMIC_RELEASE);
+}
+
+} // namespace bv
+
+#endif

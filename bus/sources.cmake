@@ -1,1 +1,10 @@
-bv_sources(uloop.cpp blob.cpp blobmsg.cpp ubus.cpp json.cpp)
+bv_sources(
+  uloop.cpp
+  blob.cpp
+  blobmsg.cpp
+  ubus.cpp
+  json.cpp
+  rpc_message.cpp
+  rpc_server.cpp
+  rpc_client.cpp
+  example_handlers.cpp)

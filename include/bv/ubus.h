@@ -13,7 +13,7 @@
  * Threads, for the whole header: one event loop per process, driven by the thread that runs it; a
  * bus connection is used by one thread at a time. The bus library shares buffers between all
  * connections of a process, so the server and the client of one process belong to one thread.
- * The remaining wrappers keep no state; json-c objects and blob buffers belong to whoever uses them.
+ * The remaining wrappers keep no state; blob buffers and JSON objects belong to whoever uses them.
  *
  * Signals: initialising the event loop, which connecting to the bus does too, installs the loop's
  * handlers for SIGINT, SIGTERM and SIGCHLD where the process had the default action, and ignores

@@ -1,0 +1,93 @@
+// The caller's side of remote calls: one connection per process, one call at a time.
+
+#include <bv/ubus.h>
+
+#include "bus/rpc_message.h"
+
+#include <bv/os.h>
+#include <bv/status.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int kCallTimeoutMs = 3000;
+
+ubus_context *g_connection; // null while not connected
+uint32_t g_object_id;       // 0, which no object has, until it was looked up
+blob_buf g_request;         // reused for every call
+
+// Result of the newest reply. Not reset before a call: services rely on a call that is completed
+// without a reply returning what the call before it did.
+uint32_t g_last_result;
+
+// What the caller of the call under way gave us to fill.
+struct CallerBuffer {
+    void *data;
+    uint32_t length;
+};
+
+// Another process wrote the reply: it decides neither how much the caller's buffer takes nor how
+// much of the message is there.
+void copy_reply(const CallerBuffer &buffer, const bv::RpcReply &reply)
+{
+    const uint32_t length = std::min({reply.length, reply.available, buffer.length});
+    if (buffer.data == nullptr || length == 0)
+        return;
+    bv_os_memcpy(buffer.data, length, reply.data, length);
+}
+
+void take_reply(ubus_request *req, int, blob_attr *message)
+{
+    bv::RpcReply reply;
+    if (!bv::rpc_parse_reply(message, reply)) {
+        g_last_result = BV_ERR_INVALID;
+        return;
+    }
+    g_last_result = reply.result;
+    copy_reply(*static_cast<const CallerBuffer *>(req->priv), reply);
+}
+
+bool can_be_sent(const char *func_name, const void *data, uint32_t length)
+{
+    return func_name != nullptr && (data != nullptr || length == 0) && length <= bv::kBusBodyLimit;
+}
+
+} // namespace
+
+int32_t bv_ubus_client_init(const char *object_name)
+{
+    bv_ubus_client_exit();
+    g_connection = bv_ubus_connect(nullptr);
+    if (g_connection == nullptr)
+        return BV_ERR_FAILED;
+    // An owner that is not there yet is no failure here: calls then say so.
+    bv_ubus_lookup_id(g_connection, object_name != nullptr ? object_name : bv::kDefaultObjectName,
+                      &g_object_id);
+    return BV_OK;
+}
+
+uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len)
+{
+    if (!can_be_sent(func_name, data, len))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (g_connection == nullptr)
+        return UBUS_STATUS_CONNECTION_FAILED;
+    if (!bv::rpc_build_request(g_request, func_name, data, len))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+
+    CallerBuffer buffer = {data, len};
+    const int status = bv_ubus_invoke(g_connection, g_object_id, bv::kMethodName, g_request.head,
+                                      take_reply, &buffer, kCallTimeoutMs);
+    if (status != UBUS_STATUS_OK)
+        return static_cast<uint32_t>(status);
+    return g_last_result;
+}
+
+void bv_ubus_client_exit(void)
+{
+    if (g_connection != nullptr)
+        bv_ubus_free(g_connection);
+    g_connection = nullptr;
+    g_object_id = 0;
+}

@@ -1,0 +1,52 @@
+// The two messages of a remote call, as the arguments and the answer of the bus method "method".
+//
+//   request   "func" string, "len" 32 bits, "data" raw bytes
+//   reply     "return" 32 bits, "len" 32 bits, "data" raw bytes
+//
+// Both come from another process: what a parse function hands out lies inside the message, with
+// the number of bytes that are really there.
+#ifndef BV_BUS_RPC_MESSAGE_H
+#define BV_BUS_RPC_MESSAGE_H
+
+#include <bv/ubus.h>
+
+namespace bv {
+
+constexpr char kDefaultObjectName[] = "brovan.gateway.server";
+constexpr char kMethodName[] = "method";
+
+// The bus carries bodies up to this; it drops the connection of whoever sends a longer reply.
+constexpr uint32_t kBusBodyLimit = 1024 * 1024;
+
+constexpr int kRpcFields = 3;
+extern const blobmsg_policy kRequestPolicy[kRpcFields];
+
+struct RpcRequest {
+    const char *func;   // terminated
+    uint32_t length;    // as declared; not yet compared with anything
+    uint8_t *data;      // in the message
+    uint32_t available; // bytes at data
+};
+
+struct RpcReply {
+    uint32_t result;
+    uint32_t length; // as declared
+    const uint8_t *data;
+    uint32_t available;
+};
+
+// False when a field is missing or has the wrong type.
+bool rpc_parse_request(blob_attr *message, RpcRequest &request);
+bool rpc_parse_reply(blob_attr *message, RpcReply &reply);
+
+// Fills buf with a message; false when memory is short or the message would be too long for buf.
+bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length);
+bool rpc_build_reply(blob_buf &buf, uint32_t result, const void *data, uint32_t length);
+
+// Makes sure, before a handler runs, that its reply will fit both buf and the bus. Discards what
+// buf holds.
+bool rpc_reserve_reply(blob_buf &buf, uint32_t length);
+
+} // namespace bv
+
+#endif

@@ -1,0 +1,166 @@
+// Shell commands. Every line that the shell gets is built in a buffer of 256 bytes; what does not
+// fit becomes an empty line, never a cut one, so that half a command is never run.
+//
+// Output is captured through a file, not a pipe: the shell line with its redirection is what
+// people at the device see in the process list and can repeat by hand.
+
+#include <bv/os.h>
+
+#include <securec.h>
+
+#include <climits>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+
+namespace {
+
+constexpr uint32_t kLineSize = 256;
+using Line = char[kLineSize];
+
+constexpr uint32_t kFileNameSize = 64;
+constexpr uint32_t kFileNameLimit = 32;
+using FileName = char[kFileNameSize];
+
+// The next capture's number, shared by both capturing functions. Not locked: callers serialise
+// captures. The accesses are atomic only so that a race stays a wrong name and nothing worse.
+uint8_t g_capture_sequence = 1;
+
+void format_command(Line &command, const char *format, va_list args)
+{
+    memset(command, 0, sizeof command);
+    vsprintf_s(command, sizeof command, format, args);
+}
+
+void name_capture_file(FileName &name, const char *format)
+{
+    memset(name, 0, sizeof name);
+    unsigned pid = static_cast<unsigned>(bv_os_getpid()) & 0xFFFF;
+    uint8_t sequence = __atomic_load_n(&g_capture_sequence, __ATOMIC_RELAXED);
+    __atomic_store_n(&g_capture_sequence, static_cast<uint8_t>(sequence + 1), __ATOMIC_RELAXED);
+    bv_os_snprintf(name, kFileNameLimit, format, "/tmp/system", pid, sequence);
+}
+
+// Hands the capture file's trimmed text to the caller and removes the file.
+int32_t take_capture(const FileName &name, char *out, uint32_t outsize)
+{
+    int fd = bv_os_open(name, O_RDONLY, 0666);
+    if (fd == -1)
+        return BV_ERR_NO_FILE;
+
+    char text[kLineSize + 1]; // one more than is read: always terminated
+    memset(text, 0, sizeof text);
+    bv_os_lseek(fd, 0, SEEK_SET);
+    bv_os_read(fd, text, kLineSize);
+    bv_os_close(fd);
+    bv_os_systemnull("rm -f %s", name);
+
+    int printed = bv_os_snprintf(out, outsize, "%s", bv_os_trim(text));
+    return printed > 0 ? BV_OK : BV_ERR_FAILED;
+}
+
+} // namespace
+
+int bv_os_system(const char *format, ...)
+{
+    Line command;
+    va_list args;
+    va_start(args, format);
+    format_command(command, format, args);
+    va_end(args);
+    return system(command);
+}
+
+int bv_os_systemnull(const char *format, ...)
+{
+    Line command;
+    va_list args;
+    va_start(args, format);
+    format_command(command, format, args);
+    va_end(args);
+
+    Line line;
+    memset(line, 0, sizeof line);
+    bv_os_snprintf(line, sizeof line, "%s >/dev/null 2>&1", command);
+    return system(line);
+}
+
+int bv_os_systembk(const char *format, ...)
+{
+    Line command;
+    va_list args;
+    va_start(args, format);
+    format_command(command, format, args);
+    va_end(args);
+
+    Line line;
+    memset(line, 0, sizeof line);
+    bv_os_snprintf(line, sizeof line, "%s >/dev/null 2>&1 &", command);
+    return system(line);
+}
+
+int bv_os_sysprocess(const char *format, ...)
+{
+    Line command;
+    va_list args;
+    va_start(args, format);
+    format_command(command, format, args);
+    va_end(args);
+
+    Line line;
+    memset(line, 0, sizeof line);
+    bv_os_snprintf(line, sizeof line, "su -p %s -c \"%s\"", "BROVAN", command);
+    return system(line);
+}
+
+int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...)
+{
+    FileName name;
+    name_capture_file(name, "%s_%04d_%02d");
+
+    Line command;
+    va_list args;
+    va_start(args, format);
+    format_command(command, format, args);
+    va_end(args);
+
+    Line line;
+    memset(line, 0, sizeof line);
+    bv_os_snprintf(line, sizeof line, "%s > %s", command, name);
+    system(line);
+    return take_capture(name, out, outsize);
+}
+
+// The process id is at least two digits wide here and four above. That is meant: whoever looks for
+// a service's capture files under /tmp goes by both forms.
+int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern, const char *delimiter,
+                       const char *format, ...)
+{
+    FileName name;
+    name_capture_file(name, "%s_%02d_%02d");
+
+    Line command;
+    va_list args;
+    va_start(args, format);
+    format_command(command, format, args);
+    va_end(args);
+
+    Line line;
+    memset(line, 0, sizeof line);
+    bv_os_snprintf(line, sizeof line, "%s | grep '%s' | awk -F '%s' '{print $2}' > %s", command,
+                   pattern, delimiter, name);
+    system(line);
+    return take_capture(name, out, outsize);
+}
+
+void bv_get_pipe(const char *command, char *out, uint32_t outsize)
+{
+    FILE *stream = command == nullptr ? nullptr : bv_os_popen(command, "r");
+    if (stream == nullptr)
+        return;
+
+    if (out != nullptr && outsize > 0)
+        bv_os_fgets(out, outsize > INT_MAX ? INT_MAX : static_cast<int>(outsize), stream);
+    bv_os_pclose(stream);
+}

@@ -1,0 +1,80 @@
+// Text that services exchange with users, scripts and the configuration: matching, trimming and
+// hexadecimal rendering.
+
+#include <bv/os.h>
+
+#include <cstring>
+#include <regex.h>
+
+namespace {
+
+// Not ispunct(): what is accepted as input must not depend on a service's locale.
+bool is_special(unsigned char ch)
+{
+    bool punctuation = (ch >= '!' && ch <= '/') || (ch >= ':' && ch <= '@') ||
+                       (ch >= '[' && ch <= '`') || (ch >= '{' && ch <= '~');
+    return punctuation || bv_os_isspace(ch) == 1;
+}
+
+// The text is built in a buffer of this size, which every restart clears.
+constexpr uint32_t kHexBufferSize = 512;
+constexpr uint32_t kHexRestart = kHexBufferSize / 2;
+
+} // namespace
+
+int32_t bv_os_match(const char *text, const char *pattern)
+{
+    regex_t expression;
+    if (text == nullptr || pattern == nullptr || regcomp(&expression, pattern, REG_EXTENDED) != 0)
+        return BV_ERR_FAILED;
+
+    regmatch_t match;
+    int result = regexec(&expression, text, 1, &match, 0);
+    regfree(&expression);
+    return result == 0 ? BV_OK : BV_ERR_FAILED;
+}
+
+int32_t bv_os_match_special_char(const char *text)
+{
+    if (text == nullptr)
+        return BV_ERR_FAILED;
+
+    for (; *text != '\0'; ++text)
+        if (is_special(static_cast<unsigned char>(*text)))
+            return BV_OK;
+    return BV_ERR_FAILED;
+}
+
+char *bv_os_trim(char *text)
+{
+    if (text == nullptr)
+        return nullptr;
+
+    while (bv_os_isspace(static_cast<unsigned char>(*text)) == 1)
+        ++text;
+    char *end = text + strlen(text);
+    while (end > text && bv_os_isspace(static_cast<unsigned char>(end[-1])) == 1)
+        *--end = '\0';
+    return text;
+}
+
+// Callers know the restart: digests and random text are cut into pieces that stay below it, and
+// what is longer has always come out as the hex of its last bytes.
+int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint32_t outsize)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    char text[kHexBufferSize];
+    memset(text, 0, sizeof text);
+
+    uint32_t count = data == nullptr ? 0 : length % kHexRestart;
+    const uint8_t *bytes = static_cast<const uint8_t *>(data);
+    if (count > 0)
+        bytes += length - count;
+    for (uint32_t i = 0; i < count; ++i) {
+        text[2 * i] = kDigits[bytes[i] >> 4];
+        text[2 * i + 1] = kDigits[bytes[i] & 15];
+    }
+
+    bv_os_memcpy(out, outsize, text, outsize < sizeof text ? outsize : sizeof text);
+    return BV_OK;
+}

@@ -1,0 +1,1 @@
+bv_sources(switches.cpp channel.cpp startup.cpp)

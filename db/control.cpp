@@ -1,0 +1,117 @@
+// The whole database between memory and files: start, reset, restore, commit, and the command
+// word by which a message asks for one of them.
+
+#include <bv/db.h>
+
+#include "core/list.h"
+#include "db/internal.h"
+
+#include <bv/os.h>
+
+namespace {
+
+constexpr char kUserFile[] = "/config/work/userdata.json";
+constexpr char kPrivateFile[] = "/config/work/privdata.json";
+constexpr char kFactoryFile[] = "/config/factory/factory.json";
+
+void dump_family(bv_db_family &family)
+{
+    bv_os_printf("\nname=%s cnt=%d memsize=%d instnum=%d instance=%d", family.name,
+                 family.para_count, family.image_size, family.inst_count, family.inst_max);
+    bv_list_head &list = family.inst_list;
+    for (bv_list_head *link = list.next; link != &list; link = link->next)
+        bv_os_printb(bv::instance(link)->image, family.image_size);
+}
+
+int32_t dump(bv_list_head &list)
+{
+    bv::for_each_family(list, dump_family);
+    return BV_OK;
+}
+
+int32_t dump_factory()
+{
+    return dump(g_st_db_mng.factory_list);
+}
+int32_t dump_user()
+{
+    return dump(g_st_db_mng.user_list);
+}
+int32_t dump_private()
+{
+    return dump(g_st_db_mng.private_list);
+}
+int32_t do_nothing()
+{
+    return BV_OK;
+}
+
+// Indexed by the command word.
+constexpr int32_t (*kCommands[])() = {do_nothing,     bv_db_commit,  bv_db_private, bv_db_factory,
+                                      bv_db_template, bv_db_restore, bv_db_start,   dump_factory,
+                                      dump_user,      dump_private};
+
+} // namespace
+
+int32_t bv_db_commit(void)
+{
+    if (g_st_db_mng.ready != 1)
+        return BV_OK;
+    return bv_db_user_write(&g_st_db_mng.user_list, kUserFile);
+}
+
+int32_t bv_db_private(void)
+{
+    if (g_st_db_mng.ready != 1)
+        return BV_OK;
+    return bv_db_user_write(&g_st_db_mng.private_list, kPrivateFile);
+}
+
+int32_t bv_db_factory(void)
+{
+    return bv_db_user_write(&g_st_db_mng.factory_list, kFactoryFile);
+}
+
+int32_t bv_db_template(void)
+{
+    bv_db_hash_free();
+    bv_db_template_read(&g_st_db_mng.factory_list);
+    bv_db_template_read(&g_st_db_mng.user_list);
+    bv_db_template_read(&g_st_db_mng.private_list);
+    return BV_OK;
+}
+
+int32_t bv_db_restore(void)
+{
+    bv_db_hash_free();
+    bv_db_template_read(&g_st_db_mng.factory_list);
+    bv_db_user_read(&g_st_db_mng.factory_list, kFactoryFile);
+    bv_db_template_read(&g_st_db_mng.user_list);
+    bv_db_template_read(&g_st_db_mng.private_list);
+    return BV_OK;
+}
+
+// Factory families first: a name that stands in several lists then belongs to the first of
+// factory, user and private that has it.
+int32_t bv_db_start(void)
+{
+    bv_db_hash_free();
+    bv_db_template_read(&g_st_db_mng.factory_list);
+    bv_db_user_read(&g_st_db_mng.factory_list, kFactoryFile);
+    bv_db_template_read(&g_st_db_mng.user_list);
+    bv_db_user_read(&g_st_db_mng.user_list, kUserFile);
+    bv_db_template_read(&g_st_db_mng.private_list);
+    bv_db_user_read(&g_st_db_mng.private_list, kPrivateFile);
+    return BV_OK;
+}
+
+int32_t bv_db_trigger(const uint32_t *msg)
+{
+    if (msg == nullptr)
+        return BV_OK;
+    uint32_t command = 0; // copied: a message on the wire need not be aligned
+    bv_os_memcpy(&command, sizeof command, msg, sizeof command);
+    if (command >= sizeof kCommands / sizeof kCommands[0])
+        return BV_OK;
+    return kCommands[command]();
+}

@@ -1,0 +1,284 @@
+// Parameters between text (a descriptor's value) and bytes (an image).
+//
+// Templates come from outside and may claim anything: lengths that disagree with their types or
+// are negative move the cursor anywhere. So integers go byte by byte through a window that reads
+// zero and drops stores outside the image; a position is 64 bits wide and cannot wrap.
+
+#include <bv/db.h>
+
+#include "db/internal.h"
+
+#include <bv/os.h>
+
+namespace {
+
+constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
+constexpr uint32_t kMacSize = 6;
+constexpr uint32_t kIpSize = 4;
+
+enum class Type : uint8_t { Unknown, String, Char, Uchar, Short, Ushort, Int, Uint, Mac, Ip };
+
+struct TypeName {
+    char name[7];
+    Type type;
+};
+constexpr TypeName kTypeNames[] = {
+    {"string", Type::String}, {"char", Type::Char},     {"uchar", Type::Uchar},
+    {"short", Type::Short},   {"ushort", Type::Ushort}, {"int", Type::Int},
+    {"uint", Type::Uint},     {"mac", Type::Mac},       {"ip", Type::Ip}};
+
+// Every parameter of every instance comes through here: nine calls of the string comparison
+// would cost more than the conversion itself.
+bool is_text(const char *text, const char *expected)
+{
+    while (*text == *expected && *text != '\0') {
+        ++text;
+        ++expected;
+    }
+    return *text == *expected;
+}
+
+Type type_of(const bv_db_para &para)
+{
+    for (const TypeName &row : kTypeNames)
+        if (is_text(para.type, row.name))
+            return row.type;
+    return Type::Unknown;
+}
+
+// Calls visit(parameter, position in the image) for each descriptor up to the first invalid one.
+template <typename Visit>
+void walk(bv_db_para *table, int32_t count, Visit visit)
+{
+    int64_t position = 0;
+    for (int32_t i = 0; i < count && table[i].valid != 0; ++i) {
+        visit(table[i], position);
+        position += table[i].len;
+    }
+}
+
+// An image to read from; what lies outside it reads as 0.
+struct Source {
+    const uint8_t *bytes;
+    int64_t size;
+
+    uint8_t at(int64_t position) const
+    {
+        return position >= 0 && position < size ? bytes[position] : uint8_t{0};
+    }
+
+    // Fills an object of any type with the bytes at a position that need not be aligned.
+    template <typename T>
+    T load(int64_t position) const
+    {
+        T object{};
+        auto *to = reinterpret_cast<uint8_t *>(&object);
+        for (uint32_t i = 0; i < sizeof object; ++i)
+            to[i] = at(position + i);
+        return object;
+    }
+};
+
+// An image to write to; what falls outside it is dropped.
+struct Target {
+    uint8_t *bytes;
+    int64_t size;
+
+    void put(int64_t position, uint8_t byte) const
+    {
+        if (position >= 0 && position < size)
+            bytes[position] = byte;
+    }
+
+    template <typename T>
+    void store(int64_t position, const T &object) const
+    {
+        auto *from = reinterpret_cast<const uint8_t *>(&object);
+        for (uint32_t i = 0; i < sizeof object; ++i)
+            put(position + i, from[i]);
+    }
+};
+
+struct Mac {
+    uint8_t bytes[kMacSize];
+};
+
+struct Ip {
+    uint8_t bytes[kIpSize];
+};
+
+void put_decimal(char *value, uint32_t magnitude, bool negative)
+{
+    char text[12];
+    uint32_t first = sizeof text - 1;
+    text[first] = '\0';
+    do {
+        text[--first] = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (negative)
+        text[--first] = '-';
+    bv_os_strcpy(value, kValueSize, text + first);
+}
+
+void put_unsigned(char *value, uint32_t number)
+{
+    put_decimal(value, number, false);
+}
+
+void put_signed(char *value, int32_t number)
+{
+    auto bits = static_cast<uint32_t>(number);
+    put_decimal(value, number < 0 ? 0 - bits : bits, number < 0);
+}
+
+// The text up to its NUL or to the end of the image, however far that is behind the parameter's
+// own bytes. One that does not fit a value is dropped, not cut.
+void string_to_text(const Source &image, int64_t position, char *value)
+{
+    value[0] = '\0';
+    if (position < 0)
+        return;
+
+    uint32_t length = 0;
+    while (length < kValueSize && image.at(position + length) != 0)
+        ++length;
+    if (length == 0 || length == kValueSize)
+        return;
+    bv_os_memcpy(value, kValueSize, image.bytes + position, length);
+    value[length] = '\0';
+}
+
+void parameter_to_text(const Source &image, int64_t position, bv_db_para &para)
+{
+    char *value = para.value;
+    switch (type_of(para)) {
+    case Type::String:
+        return string_to_text(image, position, value);
+    case Type::Char:
+        return put_signed(value, image.load<int8_t>(position));
+    case Type::Uchar:
+        return put_unsigned(value, image.load<uint8_t>(position));
+    case Type::Short:
+        return put_signed(value, image.load<int16_t>(position));
+    case Type::Ushort:
+        return put_unsigned(value, image.load<uint16_t>(position));
+    case Type::Int:
+        return put_signed(value, image.load<int32_t>(position));
+    case Type::Uint:
+        return put_unsigned(value, image.load<uint32_t>(position));
+    case Type::Mac:
+        return bv_os_mac_ntop(image.load<Mac>(position).bytes, value, kValueSize);
+    case Type::Ip:
+        bv_os_inet_ntop(image.load<Ip>(position).bytes, value, kValueSize);
+        return;
+    case Type::Unknown:
+        return;
+    }
+}
+
+// As atoi() reads a number, but modulo 2^32 on every C library: some clamp what does not fit an
+// int, and a large unsigned value would come back from its own file as 2147483647.
+uint32_t number_of(const char *text)
+{
+    while (bv_os_isspace(static_cast<unsigned char>(*text)) != 0)
+        ++text;
+    bool negative = *text == '-';
+    if (*text == '-' || *text == '+')
+        ++text;
+
+    uint32_t number = 0;
+    for (; *text >= '0' && *text <= '9'; ++text)
+        number = number * 10 + static_cast<uint32_t>(*text - '0');
+    return negative ? 0 - number : number;
+}
+
+// Cut to the parameter's bytes and terminated within them. Bytes behind the NUL keep what the
+// image held before.
+void text_to_string(const Target &image, int64_t position, int32_t len, const char *value)
+{
+    if (position < 0)
+        return;
+    int64_t room = image.size - position;
+    if (room > len)
+        room = len;
+    if (room < 1)
+        return;
+
+    auto capacity = static_cast<uint32_t>(room);
+    bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, capacity - 1);
+}
+
+void text_to_mac(const Target &image, int64_t position, const char *value)
+{
+    Mac mac{};
+    bv_os_mac_pton(value, mac.bytes);
+    image.store(position, mac);
+}
+
+void text_to_ip(const Target &image, int64_t position, const char *value)
+{
+    Ip ip{};
+    if (bv_os_inet_pton(value, ip.bytes) != 1)
+        ip = Ip{};
+    image.store(position, ip);
+}
+
+void parameter_to_image(const Target &image, int64_t position, const bv_db_para &para)
+{
+    const char *value = para.value;
+    switch (type_of(para)) {
+    case Type::String:
+        return text_to_string(image, position, para.len, value);
+    case Type::Char:
+    case Type::Uchar:
+        return image.store(position, static_cast<uint8_t>(number_of(value)));
+    case Type::Short:
+    case Type::Ushort:
+        return image.store(position, static_cast<uint16_t>(number_of(value)));
+    case Type::Int:
+    case Type::Uint:
+        return image.store(position, number_of(value));
+    case Type::Mac:
+        return text_to_mac(image, position, value);
+    case Type::Ip:
+        return text_to_ip(image, position, value);
+    case Type::Unknown:
+        return;
+    }
+}
+
+} // namespace
+
+void bv::image_to_text(const uint8_t *image, int64_t image_size, bv_db_para *table, int32_t count)
+{
+    if (image == nullptr || table == nullptr)
+        return;
+    Source source{image, image_size};
+    walk(table, count,
+         [&](bv_db_para &para, int64_t position) { parameter_to_text(source, position, para); });
+}
+
+int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table)
+{
+    if (table == nullptr)
+        return BV_OK;
+
+    int64_t size = 0;
+    walk(table, count, [&](const bv_db_para &para, int64_t) { size += para.len; });
+    bv::image_to_text(static_cast<const uint8_t *>(image), size, table, count);
+    return BV_OK;
+}
+
+int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode)
+{
+    if (family == nullptr || family->working_image == nullptr || family->para == nullptr)
+        return BV_OK;
+
+    Target target{family->working_image, bv::image_allocation(family->image_size)};
+    walk(family->para, family->para_count, [&](const bv_db_para &para, int64_t position) {
+        if (mode != 1 || para.selected == 1)
+            parameter_to_image(target, position, para);
+    });
+    return BV_OK;
+}

@@ -1,0 +1,90 @@
+// Data files, read.
+//
+// Elements go through the family's descriptors and working image one after the other, and
+// neither is reset in between. That is meant: a parameter that an element lacks has the value of
+// the element before it, so a file may name only what differs.
+
+#include <bv/db.h>
+
+#include "core/list.h"
+#include "db/internal.h"
+
+#include <bv/os.h>
+#include <bv/ubus.h>
+
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
+
+// Takes the values that an element's "para" holds. One that is no object holds none.
+void take_values(json_object *values, bv_db_family &family)
+{
+    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
+        bv_db_para &para = family.para[i];
+        json_object *value = bv_json_object_object_get(values, para.name);
+        const char *text = bv_json_object_get_string(value);
+        if (text != nullptr)
+            bv_os_strncpy(para.value, kValueSize, text, kValueSize - 1);
+    }
+}
+
+// Makes an instance of the working image, or overwrites the one that has the number.
+void store_instance(bv_db_family &family, int32_t number)
+{
+    auto size = static_cast<uint32_t>(family.image_size);
+    bv_db_inst *instance = bv_db_data_get_inst(&family, number);
+    if (instance != nullptr)
+        bv_db_data_set_context(&family, instance, family.working_image, size);
+    else
+        bv_db_data_add_inst(&family, family.working_image, size, number);
+}
+
+void read_element(json_object *element, bv_db_family &family)
+{
+    json_object *number = bv_json_object_object_get(element, "inst");
+    json_object *values = bv_json_object_object_get(element, "para");
+    if (number == nullptr || values == nullptr)
+        return;
+
+    take_values(values, family);
+    bv_db_user_fill_tomem(&family, 0);
+    store_instance(family, bv_json_object_get_int(number));
+}
+
+void read_family(json_object *tree, bv_db_family &family)
+{
+    if (family.image_size == 0)
+        return;
+    json_object *elements = bv_json_object_object_get(tree, family.name);
+    if (elements == nullptr) {
+        if (bv::list_empty(family.inst_list))
+            store_instance(family, 1);
+        return;
+    }
+    if (bv_json_object_is_type(elements, json_type_array) == 0)
+        return;
+
+    size_t count = bv_json_object_array_length(elements);
+    for (size_t i = 0; i < count; ++i)
+        read_element(bv_json_object_array_get_idx(elements, i), family);
+}
+
+} // namespace
+
+int32_t bv_db_user_read(bv_list_head *list, const char *path)
+{
+    if (list == nullptr || path == nullptr)
+        return BV_ERR_FAILED;
+    int32_t status = bv_os_access(path, F_OK);
+    if (status != 0)
+        return status;
+
+    json_object *tree = bv_json_object_from_file(path);
+    if (tree == nullptr)
+        return BV_ERR_FAILED;
+    bv::for_each_family(*list, [&](bv_db_family &family) { read_family(tree, family); });
+    bv_json_object_put(tree);
+    return BV_OK;
+}

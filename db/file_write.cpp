@@ -1,0 +1,149 @@
+// Data files, written.
+//
+// The text is built in one buffer and leaves in large pieces: one print call per line made a
+// commit several times slower. The file is rewritten in place, so its owner, mode and links stay
+// as the deployment set them; the price is a cut-off file when the power or the disk fails
+// half-way.
+
+#include <bv/db.h>
+
+#include "core/list.h"
+#include "db/internal.h"
+
+#include <bv/os.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kBufferSize = 65536; // above the longest single text, 1023 bytes
+constexpr mode_t kFileMode = 0600;
+
+// The text on its way to the file.
+struct Output {
+    FILE *stream;
+    char *buffer;
+    uint32_t length;
+    bool failed; // the disk is full: what follows would only leave a hole in the text
+};
+
+void flush(Output &out)
+{
+    if (!out.failed && bv_os_fwrite(out.buffer, 1, out.length, out.stream) != out.length)
+        out.failed = true;
+    out.length = 0;
+}
+
+void put_bytes(Output &out, const char *text, uint32_t length)
+{
+    if (length > kBufferSize - out.length)
+        flush(out);
+    if (bv_os_memcpy(out.buffer + out.length, kBufferSize - out.length, text, length) == 0)
+        out.length += length;
+}
+
+void put(Output &out, const char *text)
+{
+    put_bytes(out, text, bv_os_strlen(text));
+}
+
+template <uint32_t Size>
+void put_literal(Output &out, const char (&text)[Size])
+{
+    put_bytes(out, text, Size - 1);
+}
+
+void put_parameters(Output &out, const bv_db_family &family)
+{
+    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
+        if (i > 0)
+            put_literal(out, ",\n");
+        put_literal(out, "\t\t\t\t\"");
+        put(out, family.para[i].name);
+        put_literal(out, "\":\"");
+        put(out, family.para[i].value);
+        put_literal(out, "\"");
+    }
+}
+
+// One instance, from the descriptors' values: its image goes through them.
+void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32_t number)
+{
+    bv::image_to_text(image, family.image_size, family.para, family.para_count);
+
+    char text[12];
+    bv_os_sprintf(text, sizeof text, "%d", number);
+    put_literal(out, "\t\t{\n\t\t\t\"inst\":\"");
+    put(out, text);
+    put_literal(out, "\",\n\t\t\t\"para\":{\n");
+    put_parameters(out, family);
+    put_literal(out, "\n\t\t\t}\n\t\t}");
+}
+
+void put_instances(Output &out, bv_db_family &family)
+{
+    bv_list_head &list = family.inst_list;
+    if (bv::list_empty(list) && family.para_count != 0)
+        put_instance(out, family, family.default_image, 1);
+
+    for (bv_list_head *link = list.next; link != &list; link = link->next) {
+        if (link != list.next)
+            put_literal(out, ",\n");
+        put_instance(out, family, bv::instance(link)->image, bv::instance(link)->number);
+    }
+}
+
+void put_families(Output &out, bv_list_head &list)
+{
+    bool first = true;
+    bv::for_each_family(list, [&](bv_db_family &family) {
+        if (!first)
+            put_literal(out, ",\n");
+        first = false;
+        put_literal(out, "\t\"");
+        put(out, family.name);
+        put_literal(out, "\":[\n");
+        put_instances(out, family);
+        put_literal(out, "\n\t]");
+    });
+}
+
+// Opens the file for rewriting. A new one is made beforehand, since fopen() would make it
+// readable for everyone, and there are passwords in it.
+FILE *open_for_rewriting(const char *path)
+{
+    if (bv_os_access(path, F_OK) != 0) {
+        int fd = bv_os_open(path, O_CREAT, kFileMode);
+        if (fd >= 0)
+            bv_os_close(fd);
+    }
+    return bv_os_fopen(path, "w");
+}
+
+} // namespace
+
+int32_t bv_db_user_write(bv_list_head *list, const char *path)
+{
+    if (list == nullptr || path == nullptr)
+        return BV_ERR_WRITE_OPEN;
+    // Before the file is opened, which empties it.
+    auto *buffer = static_cast<char *>(bv_os_malloc(kBufferSize));
+    if (buffer == nullptr)
+        return BV_ERR_MEMORY;
+
+    FILE *stream = open_for_rewriting(path);
+    if (stream == nullptr) {
+        bv_os_free(buffer);
+        return BV_ERR_WRITE_OPEN;
+    }
+
+    Output out{stream, buffer, 0, false};
+    put_literal(out, "{\n");
+    put_families(out, *list);
+    put_literal(out, "\n}\n");
+    flush(out);
+    bv_os_fclose(stream); // a full disk is not an error here: memory still has everything
+    bv_os_free(buffer);
+    return BV_OK;
+}

@@ -1,0 +1,261 @@
+// Instances: numbered images of a family, and the calls by family name that services use.
+//
+// The list is in the order of adding, which is the order that walks and data files show. Its
+// length and highest number are kept in the family record, for bv_db_inst_getnum() and
+// bv_db_inst_getnew().
+
+#include <bv/db.h>
+
+#include "core/list.h"
+#include "db/internal.h"
+#include "os/checked.h"
+
+#include <bv/os.h>
+
+namespace {
+
+// The instance behind a link of the list (its head for the first one), or null at the end.
+bv_db_inst *instance_behind(bv_db_family &family, bv_list_head &link)
+{
+    return link.next == &family.inst_list ? nullptr : bv::instance(link.next);
+}
+
+bv_db_inst *report_number(bv_db_inst *instance, int32_t *number)
+{
+    if (instance != nullptr)
+        *number = instance->number;
+    return instance;
+}
+
+bv_db_inst *make_instance(const bv_db_family &family)
+{
+    auto *instance = static_cast<bv_db_inst *>(bv_os_malloc(sizeof(bv_db_inst)));
+    if (instance == nullptr)
+        return nullptr;
+    instance->image = bv::make_image(family.image_size);
+    if (instance->image == nullptr && family.image_size > 0) {
+        bv_os_free(instance);
+        return nullptr;
+    }
+    return instance;
+}
+
+void free_instance(bv_db_inst *instance)
+{
+    bv::list_unlink(instance->link);
+    bv_os_free(instance->image);
+    bv_os_free(instance);
+}
+
+// Copies an image of the family out, or nothing when it has none.
+int32_t copy_out(const bv_db_family &family, const uint8_t *image, void *buf, uint32_t buflen)
+{
+    if (family.image_size <= 0 || image == nullptr)
+        return BV_OK;
+    return bv_os_memcpy(buf, buflen, image, static_cast<uint32_t>(family.image_size));
+}
+
+int32_t copy_in(const bv_db_family &family, uint8_t *image, const void *buf, uint32_t buflen)
+{
+    if (family.image_size <= 0 || image == nullptr)
+        return BV_OK;
+    return bv_os_memcpy(image, static_cast<uint32_t>(family.image_size), buf, buflen);
+}
+
+// Finds the named family and its instance for the calls below.
+int32_t find_instance(const char *name, uint32_t inst, bv_db_family **family, bv_db_inst **instance)
+{
+    *family = bv_db_hash_find(name);
+    if (*family == nullptr)
+        return BV_ERR_NO_FAMILY;
+    *instance = bv_db_data_get_inst(*family, static_cast<int32_t>(inst));
+    return *instance == nullptr ? BV_ERR_NO_INSTANCE : BV_OK;
+}
+
+} // namespace
+
+bv_db_inst *bv_db_data_get_inst(bv_db_family *family, int32_t inst)
+{
+    if (family == nullptr)
+        return nullptr;
+    bv_list_head &list = family->inst_list;
+    for (bv_list_head *link = list.next; link != &list; link = link->next)
+        if (bv::instance(link)->number == inst)
+            return bv::instance(link);
+    return nullptr;
+}
+
+bv_db_inst *bv_db_data_get_inst_first(bv_db_family *family, int32_t *inst)
+{
+    if (family == nullptr || inst == nullptr)
+        return nullptr;
+    return report_number(instance_behind(*family, family->inst_list), inst);
+}
+
+bv_db_inst *bv_db_data_get_inst_next(bv_db_family *family, int32_t prev, int32_t *inst)
+{
+    bv_db_inst *before = bv_db_data_get_inst(family, prev);
+    if (before == nullptr || inst == nullptr)
+        return nullptr;
+    return report_number(instance_behind(*family, before->link), inst);
+}
+
+int32_t bv_db_data_get_inst_max(bv_db_family *family)
+{
+    int32_t highest = 1;
+    if (family == nullptr)
+        return highest;
+    bv_list_head &list = family->inst_list;
+    for (bv_list_head *link = list.next; link != &list; link = link->next)
+        if (bv::instance(link)->number > highest)
+            highest = bv::instance(link)->number;
+    return highest;
+}
+
+int32_t bv_db_data_get_context(bv_db_family *family, bv_db_inst *instance, void *buf,
+                               uint32_t buflen)
+{
+    if (family == nullptr || instance == nullptr)
+        return BV_ERR_FAILED;
+    return copy_out(*family, instance->image, buf, buflen);
+}
+
+int32_t bv_db_data_set_context(bv_db_family *family, bv_db_inst *instance, const void *buf,
+                               uint32_t buflen)
+{
+    if (family == nullptr || instance == nullptr)
+        return BV_ERR_FAILED;
+    return copy_in(*family, instance->image, buf, buflen);
+}
+
+int32_t bv_db_data_add_inst(bv_db_family *family, const void *buf, uint32_t buflen, int32_t inst)
+{
+    if (family == nullptr)
+        return BV_ERR_FAILED;
+    bv_db_inst *instance = make_instance(*family);
+    if (instance == nullptr)
+        return BV_ERR_MEMORY;
+
+    instance->number = inst;
+    copy_in(*family, instance->image, buf, buflen);
+    bv::list_append(family->inst_list, instance->link);
+    family->inst_max = bv_db_data_get_inst_max(family);
+    family->inst_count = bv::checked_add(family->inst_count, 1);
+    return BV_OK;
+}
+
+int32_t bv_db_data_del_inst(bv_db_family *family, bv_db_inst *instance)
+{
+    if (family == nullptr || instance == nullptr)
+        return BV_ERR_FAILED;
+    free_instance(instance);
+    family->inst_max = bv_db_data_get_inst_max(family);
+    family->inst_count = bv::checked_sub(family->inst_count, 1);
+    return BV_OK;
+}
+
+int32_t bv_db_data_free(bv_db_family *family)
+{
+    if (family == nullptr)
+        return BV_ERR_FAILED;
+    while (!bv::list_empty(family->inst_list))
+        free_instance(bv::instance(family->inst_list.next));
+    family->inst_count = 0;
+    family->inst_max = 1;
+    return BV_OK;
+}
+
+int32_t bv_db_inst_add(const char *name, const void *buf, uint32_t buflen, uint32_t inst)
+{
+    bv_db_family *family = bv_db_hash_find(name);
+    if (family == nullptr)
+        return BV_ERR_NO_FAMILY;
+    if (bv_db_data_get_inst(family, static_cast<int32_t>(inst)) != nullptr)
+        return BV_ERR_EXISTS;
+    return bv_db_data_add_inst(family, buf, buflen, static_cast<int32_t>(inst));
+}
+
+int32_t bv_db_inst_del(const char *name, uint32_t inst)
+{
+    bv_db_family *family;
+    bv_db_inst *instance;
+    int32_t status = find_instance(name, inst, &family, &instance);
+    return status == BV_OK ? bv_db_data_del_inst(family, instance) : status;
+}
+
+int32_t bv_db_inst_getnew(const char *name, uint32_t *out)
+{
+    bv_db_family *family = bv_db_hash_find(name);
+    if (family == nullptr || out == nullptr)
+        return BV_ERR_NO_FAMILY;
+    *out = static_cast<uint32_t>(bv::checked_add(family->inst_max, 1));
+    return BV_OK;
+}
+
+int32_t bv_db_inst_getnum(const char *name)
+{
+    bv_db_family *family = bv_db_hash_find(name);
+    return family == nullptr ? 0 : family->inst_count;
+}
+
+int32_t bv_db_read(const char *name, void *buf, uint32_t buflen, uint32_t inst)
+{
+    bv_db_family *family;
+    bv_db_inst *instance;
+    int32_t status = find_instance(name, inst, &family, &instance);
+    // A family that was never stored still has its settings: the template's.
+    if (status == BV_ERR_NO_INSTANCE && inst == 1) {
+        copy_out(*family, family->default_image, buf, buflen);
+        return BV_OK;
+    }
+    if (status == BV_OK)
+        copy_out(*family, instance->image, buf, buflen);
+    return status;
+}
+
+int32_t bv_db_read_first(const char *name, void *buf, uint32_t buflen, uint32_t *inst)
+{
+    bv_db_family *family = bv_db_hash_find(name);
+    if (family == nullptr)
+        return BV_ERR_NO_FAMILY;
+    auto *number = reinterpret_cast<int32_t *>(inst);
+    bv_db_inst *instance = bv_db_data_get_inst_first(family, number);
+    if (instance == nullptr)
+        return BV_ERR_NO_INSTANCE;
+    copy_out(*family, instance->image, buf, buflen);
+    return BV_OK;
+}
+
+int32_t bv_db_read_next(const char *name, void *buf, uint32_t buflen, uint32_t prev, uint32_t *inst)
+{
+    bv_db_family *family = bv_db_hash_find(name);
+    if (family == nullptr)
+        return BV_ERR_NO_FAMILY;
+    auto *number = reinterpret_cast<int32_t *>(inst);
+    bv_db_inst *instance = bv_db_data_get_inst_next(family, static_cast<int32_t>(prev), number);
+    if (instance == nullptr)
+        return BV_ERR_NO_INSTANCE;
+    copy_out(*family, instance->image, buf, buflen);
+    return BV_OK;
+}
+
+int32_t bv_db_write(const char *name, const void *buf, uint32_t buflen, uint32_t inst)
+{
+    bv_db_family *family;
+    bv_db_inst *instance;
+    int32_t status = find_instance(name, inst, &family, &instance);
+    if (status == BV_OK)
+        copy_in(*family, instance->image, buf, buflen);
+    return status;
+}
+
+int32_t bv_db_status(void)
+{
+    return static_cast<int32_t>(g_st_db_mng.ready);
+}
+
+int32_t bv_db_ready(void)
+{
+    g_st_db_mng.ready = 1;
+    return BV_OK;
+}

@@ -1,0 +1,79 @@
+// What the files of the database share: family keys, sizes of images, walks over registrations.
+#ifndef BV_DB_INTERNAL_H
+#define BV_DB_INTERNAL_H
+
+#include <bv/db.h>
+#include <bv/os.h>
+
+#include "core/list.h"
+
+#include <cstddef>
+#include <cstring>
+
+namespace bv {
+
+// A family name as the table wants it: 1024 bytes, zeros behind the name.
+struct FamilyKey {
+    char bytes[1024];
+
+    // A name that does not fit leaves the key empty, so all overlong names are one family.
+    explicit FamilyKey(const char *name)
+    {
+        memset(bytes, 0, sizeof bytes);
+        bv_os_strncpy(bytes, sizeof bytes, name, sizeof bytes);
+    }
+
+    const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(bytes); }
+};
+
+// Images are allocated in whole steps of 32 bytes. A size that is 0 or negative (a template may
+// claim negative lengths) has no image at all.
+inline uint32_t image_allocation(int32_t image_size)
+{
+    if (image_size <= 0)
+        return 0;
+    return (static_cast<uint32_t>(image_size) + 31) & ~uint32_t{31};
+}
+
+// A zeroed image for a family, or null: no room, or nothing to keep.
+inline uint8_t *make_image(int32_t image_size)
+{
+    uint32_t allocation = image_allocation(image_size);
+    if (allocation == 0)
+        return nullptr;
+    auto *image = static_cast<uint8_t *>(bv_os_malloc(allocation));
+    if (image != nullptr)
+        bv_os_memset(image, allocation, 0, allocation);
+    return image;
+}
+
+inline bv_db_reg *registration(bv_list_head *link)
+{
+    return list_record<bv_db_reg>(link, offsetof(bv_db_reg, link));
+}
+
+inline bv_db_inst *instance(bv_list_head *link)
+{
+    return list_record<bv_db_inst>(link, offsetof(bv_db_inst, link));
+}
+
+// Calls visit(family) for each name of a registration list, in order, whose family exists.
+template <typename Visit>
+inline void for_each_family(bv_list_head &list, Visit visit)
+{
+    for (bv_list_head *link = list.next; link != &list; link = link->next) {
+        bv_db_family *family = bv_db_hash_find(registration(link)->name);
+        if (family != nullptr)
+            visit(*family);
+    }
+}
+
+// As bv_db_user_fill_frommem(), for an image whose size the family knows; convert.cpp.
+void image_to_text(const uint8_t *image, int64_t image_size, bv_db_para *table, int32_t count);
+
+// Releases what a template gave a family, and its instances; the default image is left to leak.
+void release_contents(bv_db_family &family);
+
+} // namespace bv
+
+#endif

@@ -1,0 +1,149 @@
+// The manager record, the three registration lists and the table of families.
+//
+// Families live in the hash table, as copies of a zeroed record that are filled in place: what
+// bv_hash_find() returns is the family itself and stays put until it is removed. Their embedded
+// links make the list in creation order that a reload walks.
+
+#include <bv/db.h>
+
+#include "core/list.h"
+#include "db/internal.h"
+
+#include <bv/hash.h>
+#include <bv/os.h>
+
+namespace {
+
+constexpr uint32_t kFamilyBuckets = 2048;
+constexpr uint32_t kNameSize = sizeof(bv_db_family::name);
+
+static_assert(sizeof(bv_db_para) == 3084);
+static_assert(offsetof(bv_db_para, name) == 12 && offsetof(bv_db_para, type) == 1036 &&
+              offsetof(bv_db_para, value) == 2060);
+static_assert(offsetof(bv_db_family, image_size) == 8 && offsetof(bv_db_family, name) == 16 &&
+              offsetof(bv_db_family, getfunc) == 1040 && offsetof(bv_db_family, setfunc) == 2064);
+static_assert(sizeof(void *) != 4 || (sizeof(bv_db_mng) == 40 && sizeof(bv_db_reg) == 1032 &&
+                                      sizeof(bv_db_inst) == 16 && sizeof(bv_db_family) == 3116));
+static_assert(sizeof(void *) != 4 ||
+              (offsetof(bv_db_mng, family_list) == 24 && offsetof(bv_db_mng, table) == 32 &&
+               offsetof(bv_db_mng, ready) == 36));
+static_assert(sizeof(void *) != 4 ||
+              (offsetof(bv_db_family, inst_list) == 3088 && offsetof(bv_db_family, link) == 3096 &&
+               offsetof(bv_db_family, para) == 3104 &&
+               offsetof(bv_db_family, working_image) == 3112));
+static_assert(sizeof(void *) != 4 ||
+              (offsetof(bv_db_reg, name) == 8 && offsetof(bv_db_inst, number) == 8 &&
+               offsetof(bv_db_inst, image) == 12));
+
+bool is_registered(const bv_list_head &list, const char *name)
+{
+    for (bv_list_head *link = list.next; link != &list; link = link->next)
+        if (bv_os_strcmp(bv::registration(link)->name, name) == 0)
+            return true;
+    return false;
+}
+
+int32_t register_name(bv_list_head &list, const char *name)
+{
+    if (name == nullptr)
+        return BV_ERR_FAILED;
+    if (is_registered(list, name))
+        return BV_ERR_EXISTS;
+
+    auto *record = static_cast<bv_db_reg *>(bv_os_malloc(sizeof(bv_db_reg)));
+    if (record == nullptr)
+        return BV_ERR_MEMORY;
+    bv_os_memset(record, sizeof *record, 0, sizeof *record);
+    bv_os_strcpy(record->name, sizeof record->name, name);
+    bv::list_append(list, record->link);
+    return BV_OK;
+}
+
+bv_db_family *find_by_key(const bv::FamilyKey &key)
+{
+    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, key.data()));
+}
+
+bv_db_family *family_of(bv_list_head *link)
+{
+    return bv::list_record<bv_db_family>(link, offsetof(bv_db_family, link));
+}
+
+} // namespace
+
+// The lists are empty rings from the start, so that a call before bv_db_init() finds nothing
+// instead of walking through null.
+bv_db_mng g_st_db_mng = {{&g_st_db_mng.user_list, &g_st_db_mng.user_list},
+                         {&g_st_db_mng.private_list, &g_st_db_mng.private_list},
+                         {&g_st_db_mng.factory_list, &g_st_db_mng.factory_list},
+                         {&g_st_db_mng.family_list, &g_st_db_mng.family_list},
+                         nullptr,
+                         0};
+
+int32_t bv_db_init(void)
+{
+    bv_os_memset(&g_st_db_mng, sizeof g_st_db_mng, 0, sizeof g_st_db_mng);
+    bv::list_init(g_st_db_mng.user_list);
+    bv::list_init(g_st_db_mng.private_list);
+    bv::list_init(g_st_db_mng.factory_list);
+    bv::list_init(g_st_db_mng.family_list);
+
+    g_st_db_mng.table = bv_hash_init(kFamilyBuckets, kNameSize, sizeof(bv_db_family));
+    return g_st_db_mng.table == nullptr ? BV_ERR_MEMORY : BV_OK;
+}
+
+int32_t bv_db_reg_user(const char *name)
+{
+    return register_name(g_st_db_mng.user_list, name);
+}
+
+int32_t bv_db_reg_private(const char *name)
+{
+    return register_name(g_st_db_mng.private_list, name);
+}
+
+int32_t bv_db_reg_factory(const char *name)
+{
+    return register_name(g_st_db_mng.factory_list, name);
+}
+
+int32_t bv_db_hash_free(void)
+{
+    bv_list_head &families = g_st_db_mng.family_list;
+    for (bv_list_head *link = families.next, *next; link != &families; link = next) {
+        next = link->next; // the record goes with its entry in the table
+        bv_db_family *family = family_of(link);
+        bv::release_contents(*family);
+        bv::list_unlink(family->link);
+        bv_hash_remove(g_st_db_mng.table, bv::FamilyKey(family->name).data());
+    }
+    return BV_OK;
+}
+
+bv_db_family *bv_db_hash_find(const char *name)
+{
+    if (name == nullptr)
+        return nullptr;
+    return find_by_key(bv::FamilyKey(name));
+}
+
+bv_db_family *bv_db_hash_add(const char *name)
+{
+    if (name == nullptr)
+        return nullptr;
+
+    bv::FamilyKey key(name);
+    if (find_by_key(key) != nullptr)
+        return nullptr;
+
+    bv_db_family blank;
+    memset(&blank, 0, sizeof blank);
+    if (bv_hash_insert(g_st_db_mng.table, key.data(), &blank) != BV_OK)
+        return nullptr;
+
+    bv_db_family *family = find_by_key(key);
+    bv_os_strcpy(family->name, sizeof family->name, name);
+    bv::list_init(family->inst_list);
+    bv::list_append(g_st_db_mng.family_list, family->link);
+    return family;
+}

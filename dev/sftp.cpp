@@ -1,0 +1,24 @@
+// File transfer. The script knows the transfer client and its options; what is decided here is
+// only the command line, whose words and quoting scripts in the field rely on.
+
+#include <bv/sftp.h>
+
+#include <bv/os.h>
+
+static_assert(sizeof(bv_sftp_info) == 452, "callers fill this record themselves");
+
+int bv_sftp_get(const bv_sftp_info *info)
+{
+    if (info == nullptr)
+        return -1;
+    return bv_os_system("/etc/sftp.sh -p %s -cmd \"get %s %s\" -P %d %s@%s", info->password,
+                        info->remote_path, info->local_path, info->port, info->user, info->host);
+}
+
+int bv_sftp_put(const bv_sftp_info *info)
+{
+    if (info == nullptr)
+        return -1;
+    return bv_os_system("/etc/sftp.sh -p %s -cmd \"put %s %s\" -P %d %s@%s", info->password,
+                        info->local_path, info->remote_path, info->port, info->user, info->host);
+}

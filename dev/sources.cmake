@@ -1,0 +1,1 @@
+bv_sources(mtd.cpp ioctl.cpp sftp.cpp)

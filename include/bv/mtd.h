@@ -1,0 +1,99 @@
+/**
+ * @file mtd.h
+ * Raw flash partitions by name, as "/proc/mtd" lists them.
+ *
+ * True of every function here: a partition is found anew at each call by a shell pipeline (about
+ * as costly as starting four programs), its device is opened and closed by the call, and nothing
+ * is kept in between. Offsets and lengths are bytes within the partition. Bits of flash can only
+ * be cleared by a write; bv_mtd_erase() sets them.
+ *
+ * The name goes into the shell command as it stands and is matched as a substring and regular
+ * expression: pass plain partition names from trusted sources. A name that occurs in several
+ * lines of "/proc/mtd" finds none of them.
+ *
+ * Thread-safe, but concurrent writes or erases of one partition are not serialised.
+ */
+#ifndef BV_MTD_H
+#define BV_MTD_H
+
+#include <bv/base.h>
+#include <bv/status.h>
+
+#include <mtd/mtd-user.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * Asks the kernel for a partition's geometry. The device is opened for writing, so a partition
+ * that refuses that cannot be asked.
+ *
+ * @param name  the partition's name
+ * @param info  receives the kernel's record; the caller's; untouched where opening fails
+ *
+ * @retval BV_OK           info is filled
+ * @retval BV_ERR_INVALID  name or info is null
+ * @retval BV_ERR_FAILED   no such partition, its device cannot be opened, or it is no flash
+ */
+BV_API int32_t bv_mtd_get_info(const char *name, struct mtd_info_user *info);
+
+/**
+ * Reads a range, at most 8192 bytes a system call.
+ *
+ * @param name    the partition's name
+ * @param buf     receives len bytes; on a failure what came before it is in there
+ * @param offset  first byte, in bytes from the partition's start; below 2 GiB
+ * @param len     bytes to read, at least 1; the range may end exactly at the partition's end
+ *
+ * @retval BV_OK              the range is read
+ * @retval BV_ERR_INVALID     name or buf is null, or len is 0
+ * @retval BV_ERR_FAILED      as bv_mtd_get_info(), or the device cannot seek to offset
+ * @retval BV_ERR_RANGE       the range ends beyond the partition
+ * @retval BV_ERR_OPEN        the device cannot be opened for reading
+ * @retval BV_ERR_SHORT_READ  the device gave fewer bytes than asked, or an error
+ */
+BV_API int32_t bv_mtd_read(const char *name, void *buf, uint32_t offset, uint32_t len);
+
+/**
+ * Writes a range, at most 8192 bytes a system call, synchronously. Nothing is erased first.
+ *
+ * @param name    the partition's name
+ * @param buf     len bytes to write; the caller keeps it
+ * @param offset  first byte, in bytes from the partition's start; below 2 GiB; any alignment
+ * @param len     bytes to write, at least 1
+ *
+ * @retval BV_OK               the range is on flash
+ * @retval BV_ERR_INVALID      name or buf is null, or len is 0
+ * @retval BV_ERR_FAILED       as bv_mtd_get_info(), or the device cannot seek to offset
+ * @retval BV_ERR_RANGE        the range ends beyond the partition; nothing is written
+ * @retval BV_ERR_OPEN         the device cannot be opened for writing
+ * @retval BV_ERR_SHORT_WRITE  the device took fewer bytes than asked, or gave an error
+ */
+BV_API int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, uint32_t len);
+
+/**
+ * Erases whole blocks, one request each. A block that already reads all 0xFF is left alone, to
+ * spare it wear; blocks of more than 655360 bytes are erased without that look.
+ *
+ * A block that fails to erase is not reported. It is tried again in the next block's round, so
+ * as many blocks at the end of the range stay as they were as there were failures: read the
+ * range back where that matters.
+ *
+ * @param name    the partition's name
+ * @param offset  first byte; a multiple of the erase size
+ * @param len     bytes, at least 1; a multiple of the erase size
+ *
+ * @retval BV_OK           every round was done (see above)
+ * @retval BV_ERR_INVALID  name is null, len is 0, or the range is not made of whole blocks
+ * @retval BV_ERR_FAILED   as bv_mtd_get_info(), or the device could not be closed cleanly
+ * @retval BV_ERR_RANGE    the range ends beyond the partition
+ * @retval BV_ERR_OPEN     the device cannot be opened for writing
+ */
+BV_API int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

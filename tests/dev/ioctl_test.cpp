@@ -1,0 +1,183 @@
+// The driver channel: the record byte for byte, results, and what happens to the caller's data.
+
+#include "dev/devices.h"
+
+#include <bv/ioctl.h>
+#include <bv/os.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <malloc.h>
+
+namespace {
+
+size_t largest_request; // by malloc, while `watching`
+bool watching;
+
+} // namespace
+
+// Counts what the library asks for; the allocator itself is the real one.
+extern "C" void *malloc(size_t size)
+{
+    static auto *next = reinterpret_cast<void *(*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
+    if (watching && size > largest_request)
+        largest_request = size;
+    return next(size);
+}
+
+namespace {
+
+std::vector<uint8_t> text(const char *s) { return std::vector<uint8_t>(s, s + strlen(s)); }
+
+size_t open_descriptors()
+{
+    size_t count = 0;
+    DIR *dir = opendir("/proc/self/fd");
+    while (readdir(dir) != nullptr)
+        count++;
+    closedir(dir);
+    return count;
+}
+
+class Driver : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        devices::driver_load();
+        descriptors_ = open_descriptors();
+    }
+    void TearDown() override { EXPECT_EQ(open_descriptors(), descriptors_); }
+
+    size_t descriptors_ = 0;
+};
+
+TEST_F(Driver, TheRecordIsNameLengthResultAndData)
+{
+    char data[] = "hello";
+    EXPECT_EQ(bv_ioctl_call("upper", data, 5), 0u);
+    EXPECT_STREQ(data, "HELLO");
+
+    const devices::DriverCall &call = devices::last_driver_call();
+    std::vector<uint8_t> head(264, 0);
+    memcpy(head.data(), "upper", 5);
+    uint32_t len = 5;
+    memcpy(head.data() + 256, &len, 4);
+    EXPECT_EQ(call.head, head);
+    EXPECT_EQ(call.data, text("hello"));
+    EXPECT_EQ(call.open_flags & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
+}
+
+TEST_F(Driver, TheRecordHasOneByteMoreThanItsFieldsNeed)
+{
+    char data[100] = {};
+    largest_request = 0;
+    watching = true;
+    bv_ioctl_call("upper", data, 100);
+    watching = false;
+    EXPECT_EQ(largest_request, 365u);
+}
+
+TEST_F(Driver, TheDriversOwnResultIsReturnedAndItsDataTaken)
+{
+    uint8_t data[3] = {1, 2, 3};
+    EXPECT_EQ(bv_ioctl_call("result5", data, 3), 5u);
+    EXPECT_EQ(data[0], 0xa5);
+    EXPECT_EQ(data[2], 0xa5);
+}
+
+TEST_F(Driver, ARejectedRequestLeavesTheData)
+{
+    uint8_t data[3] = {1, 2, 3};
+    EXPECT_EQ(bv_ioctl_call("reject", data, 3), 0xffffffffu);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(data[0], 1);
+    EXPECT_EQ(data[2], 3);
+}
+
+TEST_F(Driver, AnyNonZeroResultOfTheIoctlIsReturnedAndLeavesTheData)
+{
+    devices::driver_odd_result(true);
+    uint8_t data[3] = {1, 2, 3};
+    EXPECT_EQ(bv_ioctl_call("result5", data, 3), 7u);
+    EXPECT_EQ(data[0], 1);
+    EXPECT_EQ(bv_ioctl_call("result5", nullptr, 0), 7u);
+}
+
+TEST_F(Driver, LengthZeroCarriesNoData)
+{
+    uint8_t data[1] = {0x42};
+    EXPECT_EQ(bv_ioctl_call("result5", data, 0), 5u);
+    EXPECT_EQ(data[0], 0x42);
+    EXPECT_TRUE(devices::last_driver_call().data.empty());
+}
+
+TEST_F(Driver, NullDataStillAnnouncesItsLengthAndShowsNoStaleHeap)
+{
+    void *stale = malloc(365);
+    memset(stale, 0xdd, 365);
+    free(stale);
+    EXPECT_EQ(bv_ioctl_call("result5", nullptr, 100), 5u);
+    uint32_t len;
+    memcpy(&len, devices::last_driver_call().head.data() + 256, 4);
+    EXPECT_EQ(len, 100u);
+    EXPECT_EQ(devices::last_driver_call().data, std::vector<uint8_t>(100, 0));
+}
+
+TEST_F(Driver, ANameOf255CharactersArrivesWhole)
+{
+    std::string name(255, 'n');
+    EXPECT_EQ(bv_ioctl_call(name.c_str(), nullptr, 0), 0xfffffffeu);
+    const auto &head = devices::last_driver_call().head;
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(head.data())), name);
+}
+
+TEST_F(Driver, ALongerOrNullNameArrivesEmpty)
+{
+    std::string name256(256, 'n');
+    std::string name300(300, 'n');
+    for (const char *name : {name256.c_str(), name300.c_str(), static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(bv_ioctl_call(name, nullptr, 0), 0xfffffffeu);
+        EXPECT_EQ(devices::last_driver_call().head, std::vector<uint8_t>(264, 0));
+    }
+}
+
+TEST_F(Driver, ARecordThatCannotBeAllocatedIsOutOfMemory)
+{
+    uint8_t data[1] = {9};
+    std::vector<uint8_t> largest(1310720 - 265);
+    EXPECT_EQ(bv_ioctl_call("upper", largest.data(), 1310720 - 265), 0u);
+    EXPECT_EQ(bv_ioctl_call("upper", data, 1310720 - 264), BV_ERR_MEMORY);
+    EXPECT_EQ(bv_ioctl_call("upper", data, 1310721), BV_ERR_MEMORY);
+    EXPECT_EQ(bv_ioctl_call("upper", data, 0xfffffef7), BV_ERR_MEMORY); // + 265 is 2^32
+    EXPECT_EQ(bv_ioctl_call("upper", data, 0xffffffff), BV_ERR_MEMORY);
+    EXPECT_EQ(data[0], 9);
+}
+
+TEST(DriverMissing, IsItsOwnCodeAndLeavesTheData)
+{
+    uint8_t data[2] = {1, 2};
+    EXPECT_EQ(bv_ioctl_call("upper", data, 2), BV_ERR_CHANNEL);
+    EXPECT_EQ(data[1], 2);
+    EXPECT_EQ(bv_ioctl_call("upper", data, 0xffffffff), BV_ERR_MEMORY) << "memory comes first";
+    bv_ioctl_record record = {};
+    EXPECT_EQ(bv_ioctl_system(&record), BV_ERR_CHANNEL);
+}
+
+TEST_F(Driver, ACallersOwnRecordGoesAsItIs)
+{
+    struct {
+        bv_ioctl_record head;
+        char data[4];
+    } record = {{"upper", 4, 0x1234}, {'a', 'b', 'c', 'd'}};
+    EXPECT_EQ(bv_ioctl_system(&record), 0u);
+    EXPECT_EQ(memcmp(record.data, "ABCD", 4), 0);
+    EXPECT_EQ(record.head.result, 0u);
+}
+
+} // namespace

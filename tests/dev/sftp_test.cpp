@@ -1,0 +1,129 @@
+// File transfer: the command line as it reaches the script, and the script's status.
+
+#include <bv/sftp.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+namespace {
+
+// The script of these tests records its arguments, one a line, and exits as told.
+void install_script(int status)
+{
+    FILE *file = fopen("/etc/sftp.sh", "w");
+    fprintf(file, "#!/bin/sh\n: > /tmp/arguments\nfor a in \"$@\"; do echo \"$a\" >> /tmp/arguments; done\nexit %d\n",
+            status);
+    fclose(file);
+    chmod("/etc/sftp.sh", 0755);
+}
+
+std::string arguments()
+{
+    std::string text;
+    char line[512];
+    FILE *file = fopen("/tmp/arguments", "r");
+    while (file != nullptr && fgets(line, sizeof(line), file) != nullptr)
+        text += line;
+    if (file != nullptr)
+        fclose(file);
+    return text;
+}
+
+bv_sftp_info transfer()
+{
+    bv_sftp_info info = {};
+    strcpy(info.local_path, "/tmp/here.bin");
+    strcpy(info.remote_path, "/srv/there.bin");
+    strcpy(info.user, "backup");
+    strcpy(info.host, "192.0.2.7");
+    strcpy(info.password, "secret");
+    info.port = 2222;
+    return info;
+}
+
+TEST(Sftp, GetNamesTheRemoteFileFirst)
+{
+    install_script(0);
+    bv_sftp_info info = transfer();
+    EXPECT_EQ(bv_sftp_get(&info), 0);
+    EXPECT_EQ(arguments(), "-p\nsecret\n-cmd\nget /srv/there.bin /tmp/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
+}
+
+TEST(Sftp, PutNamesTheLocalFileFirst)
+{
+    install_script(0);
+    bv_sftp_info info = transfer();
+    EXPECT_EQ(bv_sftp_put(&info), 0);
+    EXPECT_EQ(arguments(), "-p\nsecret\n-cmd\nput /tmp/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
+}
+
+TEST(Sftp, TheScriptsStatusIsPassedThrough)
+{
+    install_script(3);
+    bv_sftp_info info = transfer();
+    int status = bv_sftp_get(&info);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    status = bv_sftp_put(&info);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+}
+
+TEST(Sftp, AMissingScriptIsTheShellsStatus)
+{
+    bv_sftp_info info = transfer();
+    EXPECT_EQ(WEXITSTATUS(bv_sftp_get(&info)), 127);
+}
+
+TEST(Sftp, APathWithABlankBecomesTwoWordsOfTheCommandInside)
+{
+    install_script(0);
+    bv_sftp_info info = transfer();
+    strcpy(info.local_path, "/tmp/two words");
+    EXPECT_EQ(bv_sftp_put(&info), 0);
+    EXPECT_NE(arguments().find("put /tmp/two words /srv/there.bin\n"), std::string::npos);
+}
+
+TEST(Sftp, APathWithAQuoteBreaksTheQuoting)
+{
+    install_script(0);
+    bv_sftp_info info = transfer();
+    strcpy(info.local_path, "/tmp/a\" b");
+    EXPECT_NE(bv_sftp_put(&info), 0); // the shell is left with an open quote
+    EXPECT_EQ(arguments(), "");
+}
+
+TEST(Sftp, ACommandOf255CharactersIsRunALongerOneRunsAsAnEmptyLine)
+{
+    install_script(0);
+    bv_sftp_info info = transfer();
+    // "/etc/sftp.sh -p secret -cmd \"get  \" -P 2222 backup@192.0.2.7" has 61 characters.
+    memset(info.local_path, 'l', 127);
+    memset(info.remote_path, 'r', 127);
+    info.remote_path[0] = '/';
+    info.local_path[127] = '\0';
+    size_t fixed = strlen("/etc/sftp.sh -p secret -cmd \"get  \" -P 2222 backup@192.0.2.7");
+    info.remote_path[255 - fixed - 127] = '\0';
+    EXPECT_EQ(bv_sftp_get(&info), 0);
+    EXPECT_NE(arguments(), "");
+
+    remove("/tmp/arguments");
+    info.remote_path[255 - fixed - 127] = 'r';
+    info.remote_path[255 - fixed - 127 + 1] = '\0';
+    EXPECT_EQ(bv_sftp_get(&info), 0) << "an empty line succeeds";
+    EXPECT_EQ(arguments(), "") << "and the script was not run";
+}
+
+TEST(Sftp, WithoutATransferNothingIsRun)
+{
+    install_script(0);
+    EXPECT_EQ(bv_sftp_get(nullptr), -1);
+    EXPECT_EQ(bv_sftp_put(nullptr), -1);
+    EXPECT_EQ(arguments(), "");
+}
+
+} // namespace

@@ -1,0 +1,211 @@
+/*
+ * The owner: a service that keeps parameter families, persists them and offers them on the bus.
+ *
+ *   owner [COLLECTOR]   COLLECTOR: IPv4 address that debug messages go to (default 127.0.0.1)
+ *
+ * It shows the order in which every service starts: bv_libraries_init(), the registrations,
+ * bv_db_start(), bv_db_ready(), and then bv_ubus_server_init(), which serves in this thread.
+ */
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <bv/bv.h>
+
+#include "families.h"
+
+static volatile sig_atomic_t stop;
+
+/* Kernel events arrive on the library's dispatch thread, requests on this program's main thread. */
+static pthread_mutex_t event_lock = PTHREAD_MUTEX_INITIALIZER;
+static char event_text[64] = "none yet";
+
+static void on_signal(int number)
+{
+    (void)number;
+    stop = 1;
+}
+
+/* Ends the loop soon after a signal. A timer does it, not the signal handler: a signal between
+ * the loop's test and its wait would be noticed only with the next request. */
+static void check_stop(struct uloop_timeout *timer)
+{
+    if (stop)
+        uloop_end();
+    else
+        bv_uloop_timeout_set(timer, 100);
+}
+
+static struct uloop_timeout stop_timer = {.cb = check_stop};
+
+static void on_link_event(void *data, uint32_t length)
+{
+    (void)length; /* the payload is terminated by a zero byte behind it */
+    bv_os_pthread_mutex_lock(&event_lock);
+    bv_os_snprintf(event_text, sizeof(event_text), "%s", (const char *)data);
+    bv_os_pthread_mutex_unlock(&event_lock);
+    printf("owner: kernel event: %s\n", (const char *)data);
+    fflush(stdout);
+}
+
+/* ---- the functions offered on the bus: each changes the message in place ---- */
+
+static struct config_message *as_message(void *data, uint32_t length)
+{
+    struct config_message *message = data;
+
+    if (length < sizeof(*message))
+        return NULL;
+    message->family[sizeof(message->family) - 1] = '\0'; /* it came from another process */
+    return message;
+}
+
+static uint32_t config_read(void *data, uint32_t length)
+{
+    struct config_message *message = as_message(data, length);
+
+    if (message == NULL)
+        return BV_ERR_INVALID;
+    message->status =
+        bv_db_read(message->family, message->image, sizeof(message->image), message->instance);
+    return BV_OK;
+}
+
+/* The image's size is known to both sides by the family; a longer copy would be refused. */
+static uint32_t image_size(const char *family)
+{
+    const bv_db_family *record = bv_db_hash_find(family);
+
+    return record == NULL || record->image_size < 0 || record->image_size > IMAGE_MAX
+               ? 0
+               : (uint32_t)record->image_size;
+}
+
+static uint32_t config_write(void *data, uint32_t length)
+{
+    struct config_message *message = as_message(data, length);
+
+    if (message == NULL)
+        return BV_ERR_INVALID;
+    message->status = bv_db_write(message->family, message->image, image_size(message->family),
+                                  message->instance);
+    bv_debug_remote(1, 0x4257, OWNER_MODULE, LEVEL_CHANGE, "%s instance %u written, status %d",
+                    message->family, message->instance, message->status);
+    return BV_OK;
+}
+
+static uint32_t config_add(void *data, uint32_t length)
+{
+    struct config_message *message = as_message(data, length);
+
+    if (message == NULL)
+        return BV_ERR_INVALID;
+    message->status = bv_db_inst_getnew(message->family, &message->instance);
+    if (message->status == BV_OK)
+        message->status = bv_db_inst_add(message->family, message->image,
+                                         image_size(message->family), message->instance);
+    return BV_OK;
+}
+
+static uint32_t config_walk(void *data, uint32_t length)
+{
+    struct config_message *message = as_message(data, length);
+
+    if (message == NULL)
+        return BV_ERR_INVALID;
+    message->status = message->instance == 0
+                          ? bv_db_read_first(message->family, message->image,
+                                             sizeof(message->image), &message->instance)
+                          : bv_db_read_next(message->family, message->image,
+                                            sizeof(message->image), message->instance,
+                                            &message->instance);
+    return BV_OK;
+}
+
+static uint32_t config_trigger(void *data, uint32_t length)
+{
+    return length < sizeof(uint32_t) ? BV_ERR_INVALID : (uint32_t)bv_db_trigger(data);
+}
+
+static uint32_t debug_switch(void *data, uint32_t length)
+{
+    bv_debug_switch record;
+
+    if (bv_os_memcpy(&record, sizeof(record), data, length) != 0)
+        return BV_ERR_INVALID;
+    return (uint32_t)bv_debug_set_cfg_switch(&record);
+}
+
+static uint32_t last_event(void *data, uint32_t length)
+{
+    bv_os_pthread_mutex_lock(&event_lock);
+    bv_os_strcpy(data, length, event_text);
+    bv_os_pthread_mutex_unlock(&event_lock);
+    return BV_OK;
+}
+
+static int register_functions(void)
+{
+    bv_ubus_server_reg(FUNC_READ, config_read);
+    bv_ubus_server_reg(FUNC_WRITE, config_write);
+    bv_ubus_server_reg(FUNC_ADD, config_add);
+    bv_ubus_server_reg(FUNC_WALK, config_walk);
+    bv_ubus_server_reg(FUNC_TRIGGER, config_trigger);
+    bv_ubus_server_reg(FUNC_SWITCH, debug_switch);
+    bv_ubus_server_reg(FUNC_EVENT, last_event);
+    bv_uloop_timeout_set(&stop_timer, 100);
+    puts("owner: serving");
+    fflush(stdout);
+    return 0;
+}
+
+/* Connecting to the bus takes over SIGTERM and SIGINT where they are at their defaults, so a
+ * service that wants to end by them in its own way says so first. */
+static void take_signals(void)
+{
+    struct sigaction action;
+
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = on_signal;
+    bv_os_sigaction(SIGTERM, &action, NULL);
+    bv_os_sigaction(SIGINT, &action, NULL);
+}
+
+static void start_database(void)
+{
+    bv_db_reg_factory("board.json");
+    bv_db_reg_user("lan.json");
+    bv_db_reg_user("wireless.json");
+    bv_db_reg_user("dhcp-host.json");
+    bv_db_reg_private("wan.json");
+    bv_db_start();
+    bv_db_ready();
+}
+
+int main(int argc, char **argv)
+{
+    bv_debug_cfg collector = {.port = 5344, .second_port = 7364};
+
+    take_signals();
+    if (bv_libraries_init() != BV_OK) {
+        fputs("owner: the library did not start\n", stderr);
+        return 1;
+    }
+    collector.address = bv_os_inet_addr(argc > 1 ? argv[1] : "127.0.0.1");
+    bv_debug_set_cfg(&collector);
+    bv_notifier_reg(8, on_link_event);
+    start_database();
+
+    /* The call returns when the loop ends: after a signal, or when the bus is lost, which a
+     * service survives by connecting again. */
+    while (!stop) {
+        int32_t status = bv_ubus_server_init(NULL, register_functions);
+
+        if (!stop) {
+            fprintf(stderr, "owner: not serving (%d), trying again\n", status);
+            bv_timer_set(500);
+        }
+    }
+    puts("owner: ended");
+    return 0;
+}

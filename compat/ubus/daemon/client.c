@@ -1,0 +1,329 @@
+// Connections: accepting them, cutting their input into messages, and their end.
+
+#include "ubusd.h"
+
+#include <errno.h>
+#include <grp.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <libubox/usock.h>
+
+enum {
+    kInputSize = 65536,
+    kAcceptsPerTurn = 16,
+    kAcceptPauseMs = 100,
+};
+
+static uint8_t input[kInputSize];
+static struct avl_tree clients;
+static struct uloop_fd listener;
+
+static void resume_accepting(struct uloop_timeout *timer);
+static struct uloop_timeout accept_pause = {.cb = resume_accepting};
+
+struct client *client_find(uint32_t id)
+{
+    struct client *client;
+
+    return avl_find_element(&clients, &id, client, by_id);
+}
+
+static void resume_accepting(struct uloop_timeout *timer)
+{
+    (void)timer;
+    uloop_fd_add(&listener, ULOOP_READ | ULOOP_BLOCKING);
+}
+
+static void client_close(struct client *client)
+{
+    client->broken = true;
+    avl_delete(&clients, &client->by_id);
+    uloop_fd_delete(&client->sock);
+    objects_remove_all_of(client);
+    output_forget(client);
+    lookups_forget(client);
+    close(client->sock.fd);
+    free(client->partial.bytes);
+    free(client->accounts);
+    free(client);
+
+    // A descriptor is free again: do not let those in the backlog wait for the pause to end.
+    if (accept_pause.pending) {
+        uloop_timeout_cancel(&accept_pause);
+        resume_accepting(&accept_pause);
+    }
+}
+
+static void serve(struct client *client, const uint8_t *bytes, size_t length)
+{
+    struct message message;
+
+    if (message_parse(&message, bytes, length))
+        request_handle(client, &message);
+}
+
+// The size of the message whose first bytes are given, header included; 0 when no message can have
+// such a length.
+static size_t message_size(const uint8_t *bytes)
+{
+    size_t length = get_be32(bytes + kHeaderLength) & BLOB_ATTR_LEN_MASK;
+    size_t padded = (length + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
+
+    if (length < kWordLength || padded > UBUS_MAX_MSGLEN)
+        return 0;
+    return kHeaderLength + length;
+}
+
+static bool partial_resize(struct client *client, size_t size)
+{
+    uint8_t *bytes = realloc(client->partial.bytes, size);
+
+    if (bytes == NULL)
+        return false;
+    client->partial.bytes = bytes;
+    client->partial.size = size;
+    return true;
+}
+
+static void partial_clear(struct client *client)
+{
+    free(client->partial.bytes);
+    memset(&client->partial, 0, sizeof(client->partial));
+}
+
+// Keeps the beginning of a message, `size` bytes long in all, until the rest comes.
+static bool partial_begin(struct client *client, const uint8_t *bytes, size_t length, size_t size)
+{
+    if (!partial_resize(client, size))
+        return false;
+    memcpy(client->partial.bytes, bytes, length);
+    client->partial.length = length;
+    return true;
+}
+
+// Serves every whole message and keeps what is left. False when the stream makes no sense.
+static bool serve_input(struct client *client, const uint8_t *bytes, size_t length)
+{
+    while (length > 0) {
+        if (length < kMessageMinimum)
+            return partial_begin(client, bytes, length, kMessageMinimum);
+
+        size_t size = message_size(bytes);
+        if (size == 0)
+            return false;
+        if (length < size)
+            return partial_begin(client, bytes, length, size);
+
+        serve(client, bytes, size);
+        bytes += size;
+        length -= size;
+    }
+    return true;
+}
+
+// The missing part of a message is there; serves the message if it is complete by now. `bytes` is
+// what came after it and is moved past what the message still needed.
+static bool serve_partial(struct client *client, const uint8_t **bytes, size_t *length)
+{
+    if (client->partial.size == kMessageMinimum) {
+        size_t size = message_size(client->partial.bytes);
+        if (size == 0 || !partial_resize(client, size))
+            return false;
+    }
+
+    size_t missing = client->partial.size - client->partial.length;
+    size_t take = missing < *length ? missing : *length;
+    memcpy(client->partial.bytes + client->partial.length, *bytes, take);
+    client->partial.length += take;
+    *bytes += take;
+    *length -= take;
+
+    if (client->partial.length == client->partial.size) {
+        serve(client, client->partial.bytes, client->partial.size);
+        partial_clear(client);
+    }
+    return true;
+}
+
+// Serves `length` freshly read bytes: the partial message's own first, then those in `input`.
+static bool take_input(struct client *client, size_t length)
+{
+    const uint8_t *bytes = input;
+    size_t missing = client->partial.size - client->partial.length;
+
+    if (length < missing) {
+        client->partial.length += length;
+        return true;
+    }
+    client->partial.length += missing;
+    length -= missing;
+    if (client->partial.size > 0 && !serve_partial(client, &bytes, &length))
+        return false;
+    return serve_input(client, bytes, length);
+}
+
+// One read: what is missing of a partial message goes straight to its place.
+static ssize_t read_more(struct client *client)
+{
+    struct iovec parts[] = {
+        {client->partial.bytes + client->partial.length,
+         client->partial.size - client->partial.length},
+        {input, sizeof(input)},
+    };
+    ssize_t length;
+
+    do {
+        if (parts[0].iov_len == 0)
+            length = recv(client->sock.fd, input, sizeof(input), MSG_DONTWAIT);
+        else
+            length = readv(client->sock.fd, parts, 2);
+    } while (length < 0 && errno == EINTR);
+    return length;
+}
+
+static void client_event(struct uloop_fd *sock, unsigned int events)
+{
+    struct client *client = container_of(sock, struct client, sock);
+    bool ending = sock->eof || sock->error;
+    bool alive = true;
+
+    if ((events & ULOOP_WRITE) != 0 && !ending) {
+        output_resume(client);
+        lookups_resume(client);
+    }
+
+    // One read serves a living client; of one that is leaving everything it still said is heard.
+    while (alive && ((events & ULOOP_READ) != 0 || ending)) {
+        ssize_t length = read_more(client);
+
+        if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            alive = !ending;
+        else
+            alive = length > 0 && take_input(client, (size_t)length);
+        if (!ending || length <= 0)
+            break;
+    }
+
+    output_flush();
+    if (!alive) {
+        client_close(client);
+        output_flush();
+    }
+}
+
+static void put_account(uint8_t *to, uint32_t attr, const char *name, size_t length)
+{
+    put_be32(to, attr << BLOB_ATTR_ID_SHIFT | (uint32_t)(kWordLength + length));
+    memcpy(to + kWordLength, name, length);
+}
+
+static size_t padded_attr(size_t payload)
+{
+    return (kWordLength + payload + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
+}
+
+// Who the client is, as forwarded calls tell it. Both names or none.
+static void find_accounts(struct client *client)
+{
+    struct ucred who;
+    socklen_t size = sizeof(who);
+
+    if (getsockopt(client->sock.fd, SOL_SOCKET, SO_PEERCRED, &who, &size) != 0)
+        return;
+    const struct passwd *user = getpwuid(who.uid);
+    const struct group *group = getgrgid(who.gid);
+    if (user == NULL || group == NULL)
+        return;
+
+    size_t user_length = strlen(user->pw_name) + 1;
+    size_t group_length = strlen(group->gr_name) + 1;
+    size_t length = padded_attr(user_length) + padded_attr(group_length);
+    client->accounts = calloc(1, length);
+    if (client->accounts == NULL)
+        return;
+    client->accounts_length = length;
+    put_account(client->accounts, UBUS_ATTR_USER, user->pw_name, user_length);
+    put_account(client->accounts + padded_attr(user_length), UBUS_ATTR_GROUP, group->gr_name,
+                group_length);
+}
+
+// The greeting must arrive in one piece: client libraries read it with one call.
+static void greet(struct client *client)
+{
+    uint8_t bytes[kMessageMinimum];
+    struct iovec part = {bytes, sizeof(bytes)};
+
+    put_header(bytes, UBUS_MSG_HELLO, 0, client->id);
+    put_be32(bytes + kHeaderLength, kWordLength);
+    output_send(client, &part, 1);
+    output_flush();
+}
+
+static void client_open(int fd)
+{
+    struct client *client = calloc(1, sizeof(*client));
+
+    if (client == NULL) {
+        close(fd);
+        return;
+    }
+    client->sock.fd = fd;
+    client->sock.cb = client_event;
+    INIT_LIST_HEAD(&client->objects);
+    INIT_LIST_HEAD(&client->lookups);
+    if (!ids_insert(&clients, &client->by_id, &client->id)) {
+        close(fd);
+        free(client);
+        return;
+    }
+    if (uloop_fd_add(&client->sock, ULOOP_READ | ULOOP_BLOCKING) != 0) {
+        client_close(client);
+        return;
+    }
+    find_accounts(client);
+    greet(client);
+}
+
+// With no descriptor left the backlog stays readable: stop looking at it for a while.
+static void pause_accepting(void)
+{
+    uloop_fd_delete(&listener);
+    uloop_timeout_set(&accept_pause, kAcceptPauseMs);
+}
+
+static void accept_clients(struct uloop_fd *sock, unsigned int events)
+{
+    (void)events;
+    for (int i = 0; i < kAcceptsPerTurn; i++) {
+        int fd = accept4(sock->fd, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
+
+        if (fd >= 0) {
+            client_open(fd);
+            continue;
+        }
+        if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
+            pause_accepting();
+        if (errno != EINTR && errno != ECONNABORTED)
+            return;
+    }
+}
+
+bool clients_listen(const char *path)
+{
+    ids_init(&clients);
+    unlink(path);
+
+    mode_t old = umask(0111);
+    listener.fd = usock(USOCK_UNIX | USOCK_SERVER | USOCK_NONBLOCK, path, NULL);
+    umask(old);
+    if (listener.fd < 0)
+        return false;
+
+    listener.cb = accept_clients;
+    return uloop_fd_add(&listener, ULOOP_READ | ULOOP_BLOCKING) == 0;
+}

@@ -1,0 +1,189 @@
+// Finding objects by path.
+//
+// A full listing can be longer than a client's queue, which would drop the end of it and leave the
+// client waiting for good. So a listing goes out only while the client reads: with output queued
+// it waits, remembering the last path sent.
+
+#include "ubusd.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+enum { kPostponedMaximum = 1048576 }; // bytes per client, as for its queue
+
+struct lookup {
+    struct list_head list; // in client.lookups once postponed
+    struct message request;
+    char *pattern; // null: everything
+    char *last;    // path sent last, null before the first
+    size_t size;   // charged to the client
+    bool found;
+};
+
+static bool is_prefix_pattern(const char *pattern)
+{
+    size_t length = strlen(pattern);
+
+    return length > 0 && pattern[length - 1] == '*';
+}
+
+static void send_object(struct client *client, const struct lookup *lookup,
+                        const struct object *object)
+{
+    struct blob_buf *answer = answer_begin();
+
+    if (answer == NULL)
+        return;
+    blob_put_string(answer, UBUS_ATTR_OBJPATH, object->path);
+    blob_put_u32(answer, UBUS_ATTR_OBJID, object->id);
+    blob_put_u32(answer, UBUS_ATTR_OBJTYPE, object->type->id);
+    blob_put(answer, UBUS_ATTR_SIGNATURE, object->type->signature, object->type->length);
+    send_blob(client, UBUS_MSG_DATA, lookup->request.seq, lookup->request.peer, answer->head);
+}
+
+// The object after the last one sent, or the first that can match.
+static struct object *next_object(const struct lookup *lookup, const char *prefix)
+{
+    const char *from = lookup->last != NULL ? lookup->last : prefix;
+    struct avl_node *node = avl_find_greaterequal(&objects_by_path, from);
+
+    if (node != NULL && lookup->last != NULL && strcmp(node->key, lookup->last) == 0) {
+        if (avl_is_last(&objects_by_path, node))
+            return NULL;
+        node = list_entry(node->list.next, struct avl_node, list);
+    }
+    return node != NULL ? container_of(node, struct object, by_path) : NULL;
+}
+
+// Sends the objects whose paths begin with the prefix. False when the client stopped reading.
+static bool list_prefix(struct client *client, struct lookup *lookup, const char *prefix,
+                        size_t length)
+{
+    struct object *object = next_object(lookup, prefix);
+    const char *sent = NULL;
+
+    while (object != NULL && strncmp(object->path, prefix, length) == 0) {
+        if (output_is_stalled(client)) {
+            if (sent != NULL) {
+                free(lookup->last);
+                lookup->last = strdup(sent);
+            }
+            return false;
+        }
+        lookup->found = true;
+        if (object->type != NULL)
+            send_object(client, lookup, object);
+        sent = object->path;
+        object = avl_is_last(&objects_by_path, &object->by_path)
+                     ? NULL
+                     : avl_next_element(object, by_path);
+    }
+    return true;
+}
+
+static bool list_matching(struct client *client, struct lookup *lookup)
+{
+    char *star = lookup->pattern + strlen(lookup->pattern) - 1;
+
+    // The star is put back: a postponed look-up needs the pattern again.
+    *star = '\0';
+    bool done = list_prefix(client, lookup, lookup->pattern, (size_t)(star - lookup->pattern));
+    *star = '*';
+    return done;
+}
+
+static void list_one(struct client *client, struct lookup *lookup)
+{
+    struct object *object;
+
+    object = avl_find_element(&objects_by_path, lookup->pattern, object, by_path);
+    if (object == NULL)
+        return;
+    lookup->found = true;
+    if (object->type != NULL)
+        send_object(client, lookup, object);
+}
+
+// False when the rest has to wait.
+static bool run(struct client *client, struct lookup *lookup)
+{
+    uint32_t status = UBUS_STATUS_OK;
+
+    if (output_is_stalled(client))
+        return false;
+    if (lookup->pattern == NULL) {
+        if (!list_prefix(client, lookup, "", 0))
+            return false;
+    } else {
+        if (!is_prefix_pattern(lookup->pattern))
+            list_one(client, lookup);
+        else if (!list_matching(client, lookup))
+            return false;
+        if (!lookup->found)
+            status = UBUS_STATUS_NOT_FOUND;
+    }
+    send_status(client, &lookup->request, status);
+    return true;
+}
+
+// Keeps the look-up for later. Beyond the limit it is dropped, as output is.
+static void postpone(struct client *client, const struct lookup *lookup)
+{
+    size_t length = lookup->pattern != NULL ? strlen(lookup->pattern) + 1 : 0;
+    size_t size = sizeof(*lookup) + length;
+    struct lookup *kept = NULL;
+
+    if (client->lookups_size + size <= kPostponedMaximum)
+        kept = malloc(size);
+    if (kept == NULL) {
+        free(lookup->last);
+        return;
+    }
+    *kept = *lookup;
+    kept->size = size;
+    if (length > 0)
+        kept->pattern = memcpy(kept + 1, lookup->pattern, length);
+    client->lookups_size += size;
+    list_add_tail(&kept->list, &client->lookups);
+}
+
+static void forget(struct client *client, struct lookup *lookup)
+{
+    client->lookups_size -= lookup->size;
+    list_del(&lookup->list);
+    free(lookup->last);
+    free(lookup);
+}
+
+void request_lookup(struct client *client, const struct message *message)
+{
+    struct blob_attr *path = message->attr[UBUS_ATTR_OBJPATH];
+    struct lookup lookup = {.request = *message, .pattern = path != NULL ? blob_data(path) : NULL};
+
+    if (lookup.pattern != NULL && lookup.pattern[0] == '\0') {
+        send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
+        return;
+    }
+    if (!list_empty(&client->lookups) || !run(client, &lookup))
+        postpone(client, &lookup);
+    else
+        free(lookup.last);
+}
+
+void lookups_resume(struct client *client)
+{
+    while (!list_empty(&client->lookups) && !output_is_stalled(client)) {
+        struct lookup *lookup = list_first_entry(&client->lookups, struct lookup, list);
+
+        if (!run(client, lookup))
+            return;
+        forget(client, lookup);
+        output_flush();
+    }
+}
+
+void lookups_forget(struct client *client)
+{
+    while (!list_empty(&client->lookups))
+        forget(client, list_first_entry(&client->lookups, struct lookup, list));
+}

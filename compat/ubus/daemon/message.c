@@ -1,0 +1,99 @@
+// Taking messages apart and putting the daemon's own ones together.
+
+#include "ubusd.h"
+
+#include <string.h>
+
+static const struct blob_attr_info kAttributes[UBUS_ATTR_MAX] = {
+    [UBUS_ATTR_STATUS] = {.type = BLOB_ATTR_INT32},
+    [UBUS_ATTR_OBJPATH] = {.type = BLOB_ATTR_STRING},
+    [UBUS_ATTR_OBJID] = {.type = BLOB_ATTR_INT32},
+    [UBUS_ATTR_METHOD] = {.type = BLOB_ATTR_STRING},
+    [UBUS_ATTR_OBJTYPE] = {.type = BLOB_ATTR_INT32},
+    [UBUS_ATTR_SIGNATURE] = {.type = BLOB_ATTR_NESTED},
+    [UBUS_ATTR_DATA] = {.type = BLOB_ATTR_NESTED},
+    [UBUS_ATTR_TARGET] = {.type = BLOB_ATTR_INT32},
+    [UBUS_ATTR_ACTIVE] = {.type = BLOB_ATTR_INT8},
+    [UBUS_ATTR_NO_REPLY] = {.type = BLOB_ATTR_INT8},
+    [UBUS_ATTR_SUBSCRIBERS] = {.type = BLOB_ATTR_NESTED},
+    [UBUS_ATTR_USER] = {.type = BLOB_ATTR_STRING},
+    [UBUS_ATTR_GROUP] = {.type = BLOB_ATTR_STRING},
+};
+
+void put_be32(uint8_t *to, uint32_t value)
+{
+    to[0] = (uint8_t)(value >> 24);
+    to[1] = (uint8_t)(value >> 16);
+    to[2] = (uint8_t)(value >> 8);
+    to[3] = (uint8_t)value;
+}
+
+uint32_t get_be32(const uint8_t *from)
+{
+    return (uint32_t)from[0] << 24 | (uint32_t)from[1] << 16 | (uint32_t)from[2] << 8 | from[3];
+}
+
+void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer)
+{
+    to[0] = 0;
+    to[1] = type;
+    to[2] = (uint8_t)(seq >> 8);
+    to[3] = (uint8_t)seq;
+    put_be32(to + 4, peer);
+}
+
+// `bytes` is one whole message. Attributes point into it.
+bool message_parse(struct message *message, const uint8_t *bytes, size_t length)
+{
+    if (length < kMessageMinimum)
+        return false;
+
+    message->bytes = bytes;
+    message->length = length;
+    message->type = bytes[1];
+    message->seq = (uint16_t)(bytes[2] << 8 | bytes[3]);
+    message->peer = get_be32(bytes + 4);
+    memset(message->attr, 0, sizeof(message->attr));
+    blob_parse_untrusted((struct blob_attr *)(uintptr_t)(bytes + kHeaderLength),
+                         length - kHeaderLength, message->attr, kAttributes, UBUS_ATTR_MAX);
+    return true;
+}
+
+uint32_t message_u32(const struct message *message, int attr)
+{
+    return blob_get_u32(message->attr[attr]);
+}
+
+void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer,
+               struct blob_attr *body)
+{
+    uint8_t header[kHeaderLength];
+    struct iovec parts[] = {
+        {header, sizeof(header)},
+        {body, blob_raw_len(body)},
+    };
+
+    put_header(header, type, seq, peer);
+    output_send(to, parts, 2);
+}
+
+// The end of every answer that the daemon gives itself.
+void send_status(struct client *to, const struct message *request, uint32_t status)
+{
+    uint8_t bytes[kMessageMinimum + 2 * kWordLength];
+    struct iovec part = {bytes, sizeof(bytes)};
+
+    put_header(bytes, UBUS_MSG_STATUS, request->seq, request->peer);
+    put_be32(bytes + 8, sizeof(bytes) - kHeaderLength);
+    put_be32(bytes + 12, (uint32_t)UBUS_ATTR_STATUS << BLOB_ATTR_ID_SHIFT | 2 * kWordLength);
+    put_be32(bytes + 16, status);
+    output_send(to, &part, 1);
+}
+
+// The daemon's buffer for one body, emptied. Gone with the next call.
+struct blob_buf *answer_begin(void)
+{
+    static struct blob_buf answer;
+
+    return blob_buf_init(&answer, 0) == 0 ? &answer : NULL;
+}

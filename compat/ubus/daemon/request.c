@@ -1,0 +1,129 @@
+// What a client can ask for, and passing calls and answers on.
+
+#include "ubusd.h"
+
+#include <string.h>
+
+typedef void (*request_handler)(struct client *client, const struct message *message);
+
+// Passes an attribute on as it came, with its padding.
+static struct iovec whole_attr(struct blob_attr *attr)
+{
+    struct iovec part = {attr, attr != NULL ? blob_pad_len(attr) : 0};
+
+    return part;
+}
+
+// Hands a call to the owner of an object. Beyond object, method and fields only what the daemon
+// itself knows is passed on.
+void forward_call(struct client *to, uint32_t object_id, struct client *from,
+                  const struct message *call, bool no_reply)
+{
+    static const uint8_t kNoReply[] = {UBUS_ATTR_NO_REPLY, 0, 0, 5, 1, 0, 0, 0};
+    uint8_t head[kMessageMinimum];
+    uint8_t object[2 * kWordLength];
+    struct iovec parts[] = {
+        {head, sizeof(head)},
+        {(void *)(uintptr_t)kNoReply, no_reply ? sizeof(kNoReply) : 0},
+        {object, sizeof(object)},
+        whole_attr(call->attr[UBUS_ATTR_METHOD]),
+        {from->accounts, from->accounts_length},
+        whole_attr(call->attr[UBUS_ATTR_DATA]),
+    };
+    enum { kCount = sizeof(parts) / sizeof(parts[0]), kAccounts = 4 };
+    size_t length = 0;
+
+    for (int i = 0; i < kCount; i++)
+        length += parts[i].iov_len;
+    // The largest calls have no room for the names; without them the owner can still read it.
+    if (length - kHeaderLength > UBUS_MAX_MSGLEN) {
+        length -= from->accounts_length;
+        parts[kAccounts].iov_len = 0;
+    }
+
+    put_header(head, UBUS_MSG_INVOKE, call->seq, from->id);
+    put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
+    put_be32(object, (uint32_t)UBUS_ATTR_OBJID << BLOB_ATTR_ID_SHIFT | sizeof(object));
+    put_be32(object + kWordLength, object_id);
+    output_send(to, parts, kCount);
+}
+
+static void request_invoke(struct client *client, const struct message *message)
+{
+    if (message->attr[UBUS_ATTR_OBJID] == NULL || message->attr[UBUS_ATTR_METHOD] == NULL) {
+        send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
+        return;
+    }
+
+    uint32_t id = message_u32(message, UBUS_ATTR_OBJID);
+    if (id == UBUS_SYSTEM_OBJECT_EVENT) {
+        event_call(client, message);
+        return;
+    }
+    const struct object *object = object_find(id);
+    if (object == NULL) {
+        send_status(client, message, UBUS_STATUS_NOT_FOUND);
+        return;
+    }
+    forward_call(object->owner, id, client, message, false);
+}
+
+// DATA or STATUS of an owner, for the caller named in peer. There is no table of open calls: what
+// an owner says is passed on, and what fits nobody is dropped without a word.
+static void forward_answer(struct client *client, const struct message *message)
+{
+    int needed = message->type == UBUS_MSG_STATUS ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA;
+
+    if (message->attr[needed] == NULL || message->attr[UBUS_ATTR_OBJID] == NULL)
+        return;
+    const struct object *object = object_find(message_u32(message, UBUS_ATTR_OBJID));
+    if (object == NULL || object->owner != client)
+        return;
+    struct client *caller = client_find(message->peer);
+    if (caller == NULL)
+        return;
+
+    uint8_t header[kHeaderLength];
+    struct iovec parts[] = {
+        {header, sizeof(header)},
+        {(void *)(uintptr_t)(message->bytes + kHeaderLength), message->length - kHeaderLength},
+    };
+    memcpy(header, message->bytes, sizeof(header));
+    put_be32(header + 4, object->id);
+    output_send(caller, parts, 2);
+}
+
+static void request_ping(struct client *client, const struct message *message)
+{
+    uint8_t header[kHeaderLength];
+    struct iovec parts[] = {
+        {header, sizeof(header)},
+        {(void *)(uintptr_t)(message->bytes + kHeaderLength), message->length - kHeaderLength},
+    };
+
+    put_header(header, UBUS_MSG_DATA, message->seq, message->peer);
+    output_send(client, parts, 2);
+    send_status(client, message, UBUS_STATUS_OK);
+}
+
+static const request_handler kRequests[__UBUS_MSG_LAST] = {
+    [UBUS_MSG_STATUS] = forward_answer,
+    [UBUS_MSG_DATA] = forward_answer,
+    [UBUS_MSG_PING] = request_ping,
+    [UBUS_MSG_LOOKUP] = request_lookup,
+    [UBUS_MSG_INVOKE] = request_invoke,
+    [UBUS_MSG_ADD_OBJECT] = request_add_object,
+    [UBUS_MSG_REMOVE_OBJECT] = request_remove_object,
+    [UBUS_MSG_SUBSCRIBE] = request_subscribe,
+    [UBUS_MSG_UNSUBSCRIBE] = request_unsubscribe,
+    [UBUS_MSG_NOTIFY] = request_notify,
+};
+
+void request_handle(struct client *client, const struct message *message)
+{
+    if (message->type >= __UBUS_MSG_LAST || kRequests[message->type] == NULL) {
+        send_status(client, message, UBUS_STATUS_INVALID_COMMAND);
+        return;
+    }
+    kRequests[message->type](client, message);
+}

@@ -1,0 +1,175 @@
+// Watching objects: a client's object (the watcher) subscribes to somebody else's (the target) and
+// gets its notifications as calls.
+
+#include "ubusd.h"
+
+#include <stdlib.h>
+
+struct subscription {
+    struct list_head of_target;  // in target->watchers
+    struct list_head of_watcher; // in watcher->watched
+    struct object *target;
+    struct object *watcher;
+};
+
+// Tells the owner of a target that it has its first watcher, or lost its last.
+static void tell_active(struct object *target, bool active)
+{
+    struct blob_buf *body = answer_begin();
+
+    if (body == NULL)
+        return;
+    blob_put_u32(body, UBUS_ATTR_OBJID, target->id);
+    blob_put_u8(body, UBUS_ATTR_ACTIVE, active);
+    send_blob(target->owner, UBUS_MSG_NOTIFY, ++target->notify_seq, 0, body->head);
+}
+
+// Tells a watcher that its target is no more.
+static void tell_gone(struct object *watcher, const struct object *target)
+{
+    struct blob_buf *body = answer_begin();
+
+    if (body == NULL)
+        return;
+    blob_put_u32(body, UBUS_ATTR_OBJID, watcher->id);
+    blob_put_u32(body, UBUS_ATTR_TARGET, target->id);
+    send_blob(watcher->owner, UBUS_MSG_UNSUBSCRIBE, ++watcher->notify_seq, 0, body->head);
+}
+
+static void unsubscribe(struct subscription *subscription)
+{
+    struct object *target = subscription->target;
+
+    list_del(&subscription->of_target);
+    list_del(&subscription->of_watcher);
+    free(subscription);
+    if (list_empty(&target->watchers))
+        tell_active(target, false);
+}
+
+// The object goes: as a target and as a watcher.
+void subscriptions_forget(struct object *object)
+{
+    struct subscription *subscription, *next;
+
+    list_for_each_entry_safe(subscription, next, &object->watchers, of_target) {
+        tell_gone(subscription->watcher, object);
+        unsubscribe(subscription);
+    }
+    list_for_each_entry_safe(subscription, next, &object->watched, of_watcher)
+        unsubscribe(subscription);
+}
+
+// The two objects of a SUBSCRIBE or UNSUBSCRIBE, or what is wrong with them.
+static uint32_t find_pair(struct client *client, const struct message *message,
+                          struct object **watcher, struct object **target)
+{
+    if (message->attr[UBUS_ATTR_OBJID] == NULL || message->attr[UBUS_ATTR_TARGET] == NULL)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+
+    uint32_t id = message_u32(message, UBUS_ATTR_OBJID);
+    *watcher = object_find(id);
+    if (*watcher == NULL && !is_system_object(id))
+        return UBUS_STATUS_NOT_FOUND;
+    if (*watcher == NULL || (*watcher)->owner != client)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    *target = object_find(message_u32(message, UBUS_ATTR_TARGET));
+    return *target != NULL ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND;
+}
+
+void request_subscribe(struct client *client, const struct message *message)
+{
+    struct object *watcher = NULL;
+    struct object *target = NULL;
+    uint32_t status = find_pair(client, message, &watcher, &target);
+
+    if (status == UBUS_STATUS_OK && target->owner == client)
+        status = UBUS_STATUS_INVALID_ARGUMENT;
+    if (status != UBUS_STATUS_OK) {
+        send_status(client, message, status);
+        return;
+    }
+    struct subscription *subscription = calloc(1, sizeof(*subscription));
+    if (subscription == NULL) {
+        send_status(client, message, UBUS_STATUS_NO_MEMORY);
+        return;
+    }
+
+    bool first = list_empty(&target->watchers);
+    subscription->target = target;
+    subscription->watcher = watcher;
+    list_add_tail(&subscription->of_target, &target->watchers);
+    list_add_tail(&subscription->of_watcher, &watcher->watched);
+    send_status(client, message, UBUS_STATUS_OK);
+    if (first)
+        tell_active(target, true);
+}
+
+void request_unsubscribe(struct client *client, const struct message *message)
+{
+    struct object *watcher = NULL;
+    struct object *target = NULL;
+    struct subscription *subscription;
+    uint32_t status = find_pair(client, message, &watcher, &target);
+
+    if (status == UBUS_STATUS_OK) {
+        status = UBUS_STATUS_NOT_FOUND;
+        list_for_each_entry(subscription, &watcher->watched, of_watcher) {
+            if (subscription->target == target) {
+                unsubscribe(subscription);
+                status = UBUS_STATUS_OK;
+                break;
+            }
+        }
+    }
+    send_status(client, message, status);
+}
+
+// STATUS {OBJID, SUBSCRIBERS, STATUS}: whose answers the notifier may expect.
+static void answer_watchers(struct client *client, const struct message *message,
+                            const struct object *object)
+{
+    struct blob_buf *body = answer_begin();
+    struct subscription *subscription;
+
+    if (body == NULL)
+        return;
+    blob_put_u32(body, UBUS_ATTR_OBJID, object->id);
+    void *list = blob_nest_start(body, UBUS_ATTR_SUBSCRIBERS);
+    if (list == NULL)
+        return;
+    list_for_each_entry(subscription, &object->watchers, of_target)
+        blob_put_u32(body, 0, subscription->watcher->id);
+    blob_nest_end(body, list);
+    blob_put_u32(body, UBUS_ATTR_STATUS, UBUS_STATUS_OK);
+    send_blob(client, UBUS_MSG_STATUS, message->seq, message->peer, body->head);
+}
+
+void request_notify(struct client *client, const struct message *message)
+{
+    struct blob_attr *no_reply_attr = message->attr[UBUS_ATTR_NO_REPLY];
+    bool no_reply = no_reply_attr != NULL && blob_get_u8(no_reply_attr) != 0;
+    struct subscription *subscription;
+
+    if (message->attr[UBUS_ATTR_OBJID] == NULL || message->attr[UBUS_ATTR_METHOD] == NULL) {
+        send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
+        return;
+    }
+    uint32_t id = message_u32(message, UBUS_ATTR_OBJID);
+    struct object *object = object_find(id);
+    if (object == NULL && !is_system_object(id)) {
+        send_status(client, message, UBUS_STATUS_NOT_FOUND);
+        return;
+    }
+    if (object == NULL || object->owner != client) {
+        send_status(client, message, UBUS_STATUS_PERMISSION_DENIED);
+        return;
+    }
+
+    if (!no_reply)
+        answer_watchers(client, message, object);
+    list_for_each_entry(subscription, &object->watchers, of_target) {
+        struct object *watcher = subscription->watcher;
+        forward_call(watcher->owner, watcher->id, client, message, no_reply);
+    }
+}

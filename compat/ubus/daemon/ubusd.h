@@ -1,0 +1,154 @@
+// Shared by the files of the bus daemon.
+//
+// One thread, one event loop. Input is read into one buffer of the daemon and served message by
+// message straight from there; what a message causes is sent before the next read. Nothing closes
+// a client but its own read callback, so no message handler has to expect a client or object to go
+// away under it except by its own doing.
+
+#ifndef UBUSD_H
+#define UBUSD_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/uio.h>
+
+#include <libubox/avl.h>
+#include <libubox/blob.h>
+#include <libubox/list.h>
+#include <libubox/uloop.h>
+
+#include "ubusmsg.h"
+
+enum {
+    kHeaderLength = sizeof(struct ubus_msghdr),
+    kWordLength = 4,                                  // of a body or attribute
+    kMessageMinimum = kHeaderLength + kWordLength,
+    kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX,             // ids below are the daemon's
+};
+
+// Bytes waiting until a client reads again.
+struct queue {
+    uint8_t *bytes;
+    size_t start;
+    size_t end;
+    size_t size;
+};
+
+struct client {
+    struct avl_node by_id; // key: id
+    struct uloop_fd sock;
+    uint32_t id;
+    bool broken;              // takes no more output; its read callback will close it
+    struct list_head objects; // object.of_owner
+
+    // A message of which only a part has come: `length` of `size` bytes. While not even its
+    // length is known, size is that of the shortest message.
+    struct {
+        uint8_t *bytes;
+        size_t length;
+        size_t size;
+    } partial;
+
+    struct queue queue;
+    struct list_head lookups; // waiting for the queue to drain
+    size_t lookups_size;      // bytes they take
+
+    // USER and GROUP attributes as they go into forwarded calls; empty without account entries.
+    uint8_t *accounts;
+    size_t accounts_length;
+};
+
+// What an object publishes about its methods. Lives as long as an object has it.
+struct object_type {
+    struct avl_node by_id; // key: id
+    uint32_t id;
+    unsigned int objects;
+    uint32_t length;
+    uint8_t signature[]; // payload of the SIGNATURE attribute
+};
+
+struct object {
+    struct avl_node by_id;   // key: id
+    struct avl_node by_path; // key: path; only with one
+    struct list_head of_owner;
+    struct client *owner;
+    struct object_type *type; // null: not to be found by LOOKUP
+    char *path;               // null: unnamed
+    uint32_t id;
+    uint16_t notify_seq;          // of the daemon's own messages about this object
+    struct list_head watchers;    // subscription.of_target
+    struct list_head watched;     // subscription.of_watcher
+    struct list_head patterns;    // of the events it listens to
+    struct list_head of_listener; // in the list of objects with patterns
+};
+
+// A message as received. `attr` is filled from the body, wrongly shaped attributes left out.
+struct message {
+    const uint8_t *bytes; // header included
+    size_t length;
+    uint8_t type;
+    uint16_t seq;
+    uint32_t peer;
+    struct blob_attr *attr[UBUS_ATTR_MAX];
+};
+
+// client.c
+bool clients_listen(const char *path);
+struct client *client_find(uint32_t id);
+
+// output.c: a message goes out whole or not at all.
+void output_send(struct client *to, const struct iovec *parts, int count);
+void output_flush(void);
+void output_resume(struct client *client);
+void output_forget(struct client *client);
+bool output_is_stalled(const struct client *client);
+
+// message.c
+bool message_parse(struct message *message, const uint8_t *bytes, size_t length);
+uint32_t message_u32(const struct message *message, int attr);
+void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer);
+void put_be32(uint8_t *to, uint32_t value);
+uint32_t get_be32(const uint8_t *from);
+void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer,
+               struct blob_attr *body);
+void send_status(struct client *to, const struct message *request, uint32_t status);
+struct blob_buf *answer_begin(void);
+
+// request.c
+void request_handle(struct client *client, const struct message *message);
+void forward_call(struct client *to, uint32_t object_id, struct client *from,
+                  const struct message *call, bool no_reply);
+
+// object.c
+void objects_init(void);
+struct object *object_find(uint32_t id);
+void object_remove(struct object *object);
+void objects_remove_all_of(struct client *client);
+void request_add_object(struct client *client, const struct message *message);
+void request_remove_object(struct client *client, const struct message *message);
+bool is_system_object(uint32_t id);
+
+// lookup.c
+void request_lookup(struct client *client, const struct message *message);
+void lookups_resume(struct client *client);
+void lookups_forget(struct client *client);
+extern struct avl_tree objects_by_path;
+
+// event.c
+void event_call(struct client *client, const struct message *message);
+void event_object_added(const struct object *object);
+void event_object_removed(const struct object *object);
+void event_forget_listener(struct object *object);
+
+// subscribe.c
+void request_subscribe(struct client *client, const struct message *message);
+void request_unsubscribe(struct client *client, const struct message *message);
+void request_notify(struct client *client, const struct message *message);
+void subscriptions_forget(struct object *object);
+
+// ids.c
+void ids_init(struct avl_tree *tree);
+bool ids_insert(struct avl_tree *tree, struct avl_node *node, uint32_t *id);
+
+#endif

@@ -85,10 +85,13 @@ bool bc_take_print_directive(const char **format, struct print_directive *direct
                              struct arguments *arguments)
 {
     *directive = (struct print_directive){.precision = -1};
-    if (!take_flags_and_width(format, directive, arguments))
-        return false;
-    if (!take_precision(format, directive, arguments))
-        return false;
+    // Flags, digits, star and dot all come before the letters, and most directives have none.
+    if (**format < 'A') {
+        if (!take_flags_and_width(format, directive, arguments))
+            return false;
+        if (!take_precision(format, directive, arguments))
+            return false;
+    }
     while (bc_take_length(format, "ZNw", &directive->length))
         continue;
     directive->conversion = **format;

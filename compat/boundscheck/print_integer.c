@@ -92,7 +92,7 @@ static enum print_status put_number(struct print_sink *sink,
         before = padding;
 
     enum print_status status = bc_fill(sink, ' ', before);
-    if (status == kPrintOk)
+    if (status == kPrintOk && number->prefix_length != 0)
         status = bc_put(sink, number->prefix, number->prefix_length);
     if (status == kPrintOk)
         status = bc_fill(sink, '0', zeros);
@@ -103,24 +103,23 @@ static enum print_status put_number(struct print_sink *sink,
     return status;
 }
 
-// Finishes a number from its digits, which lie between first and end: precision, then width.
+// Finishes a number that has its prefix and its digits: precision, then width.
 static enum print_status put_digits(struct print_sink *sink,
-                                    const struct print_directive *directive, const char *prefix,
-                                    const char *first, const char *end)
+                                    const struct print_directive *directive, struct number *number)
 {
-    struct number number = {
-        .prefix = prefix,
-        .prefix_length = strlen(prefix),
-        .digits = first,
-        .digits_length = (size_t)(end - first),
-    };
     int wanted = directive->precision < 0 ? 1 : directive->precision;
     size_t least = (size_t)(wanted < kMaxDigits ? wanted : kMaxDigits);
-    if (directive->conversion == 'o' && directive->alternative && least <= number.digits_length)
-        least = number.digits_length + 1; // an octal number that shows its base begins with 0
-    if (least > number.digits_length)
-        number.zeros = least - number.digits_length;
-    return put_number(sink, directive, &number, directive->zero && directive->precision < 0);
+    if (directive->conversion == 'o' && directive->alternative && least <= number->digits_length)
+        least = number->digits_length + 1; // an octal number that shows its base begins with 0
+    if (least > number->digits_length)
+        number->zeros = least - number->digits_length;
+    return put_number(sink, directive, number, directive->zero && directive->precision < 0);
+}
+
+static void set_digits(struct number *number, const char *first, const char *end)
+{
+    number->digits = first;
+    number->digits_length = (size_t)(end - first);
 }
 
 enum print_status bc_print_signed(struct print_sink *sink, const struct print_directive *directive,
@@ -128,17 +127,20 @@ enum print_status bc_print_signed(struct print_sink *sink, const struct print_di
 {
     intmax_t value = signed_argument(directive->length.strongest, arguments);
     uintmax_t magnitude = value < 0 ? 0 - (uintmax_t)value : (uintmax_t)value;
-    const char *sign = "";
+    struct number number = {.prefix_length = 1};
     if (value < 0)
-        sign = "-";
+        number.prefix = "-";
     else if (directive->plus)
-        sign = "+";
+        number.prefix = "+";
     else if (directive->space)
-        sign = " ";
+        number.prefix = " ";
+    else
+        number.prefix_length = 0;
 
     char digits[kOctalDigits];
     char *end = digits + sizeof(digits);
-    return put_digits(sink, directive, sign, put_decimal(end, magnitude), end);
+    set_digits(&number, put_decimal(end, magnitude), end);
+    return put_digits(sink, directive, &number);
 }
 
 enum print_status bc_print_unsigned(struct print_sink *sink,
@@ -146,22 +148,29 @@ enum print_status bc_print_unsigned(struct print_sink *sink,
                                     struct arguments *arguments)
 {
     uintmax_t value = unsigned_argument(directive->length.strongest, arguments);
-    bool prefixed = directive->alternative && value != 0;
+    struct number number = {.prefix = directive->conversion == 'X' ? "0X" : "0x"};
     char digits[kOctalDigits];
     char *end = digits + sizeof(digits);
+    char *first;
 
     switch (directive->conversion) {
     case 'x':
-        return put_digits(sink, directive, prefixed ? "0x" : "",
-                          put_power_of_two(end, value, 4, "0123456789abcdef"), end);
+        first = put_power_of_two(end, value, 4, "0123456789abcdef");
+        break;
     case 'X':
-        return put_digits(sink, directive, prefixed ? "0X" : "",
-                          put_power_of_two(end, value, 4, "0123456789ABCDEF"), end);
+        first = put_power_of_two(end, value, 4, "0123456789ABCDEF");
+        break;
     case 'o':
-        return put_digits(sink, directive, "", put_power_of_two(end, value, 3, "01234567"), end);
+        first = put_power_of_two(end, value, 3, "01234567");
+        break;
     default:
-        return put_digits(sink, directive, "", put_decimal(end, value), end);
+        first = put_decimal(end, value);
+        break;
     }
+    bool hexadecimal = directive->conversion == 'x' || directive->conversion == 'X';
+    number.prefix_length = hexadecimal && directive->alternative && value != 0 ? 2 : 0;
+    set_digits(&number, first, end);
+    return put_digits(sink, directive, &number);
 }
 
 // Only width, - and 0 mean anything for a pointer, and 0 not for a null one.

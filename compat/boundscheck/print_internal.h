@@ -49,6 +49,8 @@ static inline enum print_status bc_put(struct print_sink *sink, const char *text
 
 static inline enum print_status bc_fill(struct print_sink *sink, char c, size_t length)
 {
+    if (length == 0) // the common case: no width
+        return kPrintOk;
     size_t room = bc_room(sink);
     size_t written = length < room ? length : room;
     memset(sink->next, c, written);

@@ -41,7 +41,14 @@
 #include <time.h>
 #include <unistd.h>
 
+/* libubox's attribute shorthands stay inside: in C++ they break [[fallthrough]] and collide with
+ * names of the standard library's own. */
 #ifdef __cplusplus
+#pragma push_macro("__packed")
+#pragma push_macro("__hidden")
+#pragma push_macro("__constructor")
+#pragma push_macro("__destructor")
+#pragma push_macro("fallthrough")
 extern "C" {
 #endif
 
@@ -53,6 +60,14 @@ extern "C" {
 #include <libubus.h>
 
 #include <json-c/json.h>
+
+#ifdef __cplusplus
+#pragma pop_macro("__packed")
+#pragma pop_macro("__hidden")
+#pragma pop_macro("__constructor")
+#pragma pop_macro("__destructor")
+#pragma pop_macro("fallthrough")
+#endif
 
 /**
  * @name Event loop

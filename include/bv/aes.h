@@ -1,0 +1,112 @@
+/**
+ * @file aes.h
+ * AES-128 in CBC mode with PKCS #7 padding (FIPS 197, NIST SP 800-38A, RFC 5652 6.3) for short
+ * buffers, short texts and files.
+ *
+ * True of every function here:
+ *  - the initialisation vector is always sixteen zero bytes and nothing is authenticated. Equal
+ *    plaintexts under one key give equal ciphertexts, and altered ciphertext decrypts to something
+ *    else without a complaint: protect what must not be altered by other means;
+ *  - failures of the cipher, of memory and of files are not reported; what then comes out is
+ *    empty or short. Only bv_aes_str_en() has a failure result;
+ *  - a null argument is 0 work and result 0 (-1 of bv_aes_str_en()), outputs untouched;
+ *  - a key is 16 bytes, never read beyond. Callers may go on passing 64-byte buffers;
+ *  - the caller owns every buffer, nothing is kept, and the library's own copies of keys and
+ *    plaintexts are cleared before it returns;
+ *  - any number of threads may call at once, on buffers and files of their own.
+ */
+#ifndef BV_AES_H
+#define BV_AES_H
+
+#include <bv/base.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** What bv_aes_cbc_en() and bv_aes_cbc_de() work on. */
+typedef struct bv_aes_record {
+    uint32_t plain_len;  /**< bytes in plain; more than 64 count as 64 */
+    uint32_t cipher_len; /**< bytes in cipher; more than 128 count as 128 */
+    uint8_t plain[64];   /**< plaintext */
+    uint8_t cipher[128]; /**< ciphertext */
+    uint8_t key[64];     /**< the first 16 bytes are the key */
+} bv_aes_record;
+
+/**
+ * Encrypts plain into cipher.
+ *
+ * @param rec  plain, plain_len and key set; cipher_len becomes 16 * (plain_len / 16 + 1), at most
+ *             80, or 0 when the cipher cannot be had
+ * @return 0
+ */
+BV_API int32_t bv_aes_cbc_en(bv_aes_record *rec);
+
+/**
+ * Decrypts cipher into plain.
+ *
+ * @param rec  cipher, cipher_len and key set; plain_len becomes the bytes in plain. Of a result
+ *             above 64 bytes only the first 64 are kept; with a wrong padding (wrong key, damaged
+ *             or cut ciphertext) the last block is missing
+ * @return 0
+ */
+BV_API int32_t bv_aes_cbc_de(bv_aes_record *rec);
+
+/**
+ * Encrypts a text into hexadecimal digits.
+ *
+ * @param out         gets 32 * (length / 16 + 1) lower-case digits and a terminating zero
+ * @param out_size    its size in bytes; 161 is enough for every text
+ * @param plain_text  the text, of which at most the first 64 characters are encrypted
+ * @param key         16 bytes
+ *
+ * @retval 0   out holds the ciphertext
+ * @retval -1  out is too small, and untouched
+ */
+BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_text,
+                             const uint8_t *key);
+
+/**
+ * Decrypts hexadecimal digits into a text.
+ *
+ * @param hex_in    digits of either case, two a byte; an odd last one and what lies beyond 256 are
+ *                  ignored. Each pair is read as strtol(3) reads it, so one that is no number is 0
+ * @param out       gets the text, at most 64 characters, and a terminating zero; empty when it does
+ *                  not fit. A zero byte in the plaintext ends the text
+ * @param out_size  its size in bytes; 65 is enough for every text
+ * @param key       16 bytes
+ * @return 0
+ */
+BV_API int32_t bv_aes_str_de(const char *hex_in, char *out, uint32_t out_size, const uint8_t *key);
+
+/**
+ * Encrypts a file: every 32 bytes become a message of their own of 48 bytes, and the last 1 to 32
+ * one of 16, 32 or 48. The size is taken when the file is opened; what is appended meanwhile is
+ * left out, and a file that shrinks ends early.
+ *
+ * @param in_path   the file to read. When it is missing or empty, nothing is written, but out_path
+ *                  is created all the same
+ * @param out_path  the file to write, created with mode 0666 as the umask allows. It is not cut:
+ *                  of a longer file there, the old end stays behind the new bytes. Must not be
+ *                  the input file
+ * @param key       16 bytes
+ * @return 0
+ */
+BV_API int32_t bv_aes_file_en(const char *in_path, const char *out_path, const uint8_t *key);
+
+/**
+ * Decrypts a file that bv_aes_file_en() has made. A message of 48 bytes whose padding is wrong
+ * gives the 32 bytes before its last block; the messages behind it are not affected.
+ *
+ * @param in_path   the file to read; as in bv_aes_file_en()
+ * @param out_path  the file to write; as in bv_aes_file_en()
+ * @param key       16 bytes
+ * @return 0
+ */
+BV_API int32_t bv_aes_file_de(const char *in_path, const char *out_path, const uint8_t *key);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -76,9 +76,8 @@ static bool take_precision(const char **format, struct print_directive *directiv
         return bc_take_number(format, &directive->precision);
 
     ++*format;
-    int precision = va_arg(arguments->list, int);
-    directive->precision = precision < 0 ? -1 : precision;
-    return precision <= kMaxStar;
+    directive->precision = va_arg(arguments->list, int);
+    return directive->precision <= kMaxStar;
 }
 
 bool bc_take_print_directive(const char **format, struct print_directive *directive,

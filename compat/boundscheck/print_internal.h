@@ -28,7 +28,7 @@ struct print_directive {
     bool alternative;
     bool zero;
     int width;
-    int precision; // -1: none given
+    int precision; // negative: none given
     struct length_letters length;
     char conversion;
 };

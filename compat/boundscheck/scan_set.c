@@ -25,13 +25,13 @@ bool bc_take_set(const char **format, struct scan_set *set)
         ++next;
 
     // The byte that a dash could make the start of a range; 0 where the dash is a plain member:
-    // in front, and right behind a complete range.
+    // in front, and right behind a complete range. The NUL of an unfinished set is below every
+    // start, so it never ends a range.
     unsigned char start = 0;
     for (bool first = true; first || *next != ']'; first = false) {
         if (*next == '\0')
             return false;
-        bool range =
-            *next == '-' && start != 0 && next[1] != '\0' && next[1] != ']' && start <= next[1];
+        bool range = *next == '-' && start != 0 && start <= next[1] && next[1] != ']';
         if (range) {
             add_range(set, start, next[1]);
             start = 0;

@@ -243,6 +243,9 @@ TEST(BoundscheckPrint, FloatsReadAsTheCLibraryPrintsThem)
               "+0003.14|3.14    | 1.0|1.00   ");
     EXPECT_EQ(text_of("%.300f", 1.0), "1." + std::string(300, '0'));
     EXPECT_EQ(text_of("%.*f", -1, 0.5), "0.500000");
+    for (size_t zeros = 100; zeros < 200; ++zeros)
+        EXPECT_EQ(text_of("%.*f|", static_cast<int>(zeros), 1.0),
+                  "1." + std::string(zeros, '0') + "|");
 }
 
 TEST(BoundscheckPrint, AHugeFloatPrecisionCostsNoMoreThanTheDestinationIsLarge)

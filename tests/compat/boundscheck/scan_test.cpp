@@ -186,6 +186,7 @@ TEST(BoundscheckScan, BadDirectivesAreErrorsUnlessTheyMatchThemselves)
     expect_int(" k12", "%k%d", 1, 12);
     expect_int("+d12", "%+d%d", 1, 12);
     expect_int("12", "%214748369d", 1, 12);
+    expect_int("0012", "%214748370%d", -1, kOld);
 }
 
 TEST(BoundscheckScan, APercentSkipsBlanksAndMustThenMatch)
@@ -200,6 +201,7 @@ TEST(BoundscheckScan, APercentSkipsBlanksAndMustThenMatch)
 TEST(BoundscheckScan, WidthZeroStopsTheScan)
 {
     expect_int("12", "%0d", 0, kOld);
+    expect_int("-12", "%0d", 0, kOld);
     int first, second = kOld;
     EXPECT_EQ(sscanf_s("12 34", "%d%0d", &first, &second), 1);
     EXPECT_EQ(second, kOld);
@@ -280,6 +282,7 @@ TEST(BoundscheckScan, SetsKnowRangesNegationBracketsAndDashes)
     EXPECT_EQ(scan_text("\x80\xc3\xff!", "%[\x80-\xff]", 8, 1), "\x80\xc3\xff\0####"_b);
     EXPECT_EQ(scan_text("aab", "%[a-a]", 8, 1), "aa\0#####"_b);
     EXPECT_EQ(scan_text(" \t\nx", "%[ \t\n]", 8, 1), " \t\n\0####"_b);
+    EXPECT_EQ(scan_text("A-BC", "%[AB-]", 8, 1), "A-B\0####"_b);
     EXPECT_EQ(scan_text("b", "%[a]", 8, 0), "########");
     EXPECT_EQ(scan_text(" a", "%[a]", 8, 0), "########");
     EXPECT_EQ(scan_text("abcd", "%2[a-z]", 8, 1), "ab\0#####"_b);
@@ -368,6 +371,18 @@ TEST(BoundscheckScan, OnlyANumberOutOfAFloatsRangeChangesErrno)
     EXPECT_EQ(errno, 77);
     EXPECT_EQ(sscanf_s("1e400", "%lf", &value), 1);
     EXPECT_EQ(errno, ERANGE);
+}
+
+TEST(BoundscheckScan, BytesThatAreNoCharacterEmptyTheBufferAndKeepErrno)
+{
+    if (setlocale(LC_CTYPE, "C.UTF-8") == nullptr)
+        GTEST_SKIP() << "no UTF-8 locale on this machine";
+    wchar_t wide[4];
+    errno = 77;
+    EXPECT_EQ(sscanf_s("a\xff", "%ls", wide, size_t{4}), 0);
+    EXPECT_EQ(errno, 77);
+    EXPECT_EQ(wide[0], L'\0');
+    setlocale(LC_CTYPE, "C");
 }
 
 TEST(BoundscheckScan, CountGivesTheBytesTakenAndIsNoStoredValue)

@@ -99,6 +99,20 @@ void connection_release(struct connection *connection)
         destroy(connection);
 }
 
+// In between calls from others are put by; afterwards they are due.
+void connection_enter(struct connection *connection)
+{
+    connection_hold(connection);
+    connection->ctx.stack_depth++;
+}
+
+void connection_leave(struct connection *connection)
+{
+    connection->ctx.stack_depth--;
+    pending_schedule(connection);
+    connection_release(connection);
+}
+
 // A program that does not care ends its loop, if the loop knew of the connection at all.
 static void end_loop(struct ubus_context *ctx)
 {
@@ -179,11 +193,8 @@ UBUS_EXPORT int ubus_reconnect(struct ubus_context *ctx, const char *path)
     ctx->sock.eof = false;
     ctx->sock.error = false;
     // Calls that come for the objects published first wait until all are.
-    connection_hold(connection);
-    ctx->stack_depth++;
+    connection_enter(connection);
     objects_publish_again(connection);
-    ctx->stack_depth--;
-    pending_schedule(connection);
-    connection_release(connection);
+    connection_leave(connection);
     return UBUS_STATUS_OK;
 }

@@ -56,6 +56,8 @@ static inline struct connection *connection_of(struct ubus_context *ctx)
 // connection.c
 void connection_hold(struct connection *connection);
 void connection_release(struct connection *connection);
+void connection_enter(struct connection *connection);
+void connection_leave(struct connection *connection);
 void connection_end(struct connection *connection);
 
 // send.c: parts[0] is filled in by message_send(), the rest is the body after its first word.

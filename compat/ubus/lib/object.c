@@ -94,18 +94,17 @@ static void added(struct ubus_request *request, int type, struct blob_attr *body
         result->type_id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
 }
 
-UBUS_EXPORT int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
+static int publish(struct connection *connection, struct ubus_object *object)
 {
-    struct connection *connection = connection_of(ctx);
     struct blob_buf *body = &connection->body;
     struct added result = {0, 0};
     struct ubus_request request = {.raw_data_cb = added, .priv = &result};
 
     if (blob_buf_init(body, 0) != 0)
         return UBUS_STATUS_NO_MEMORY;
-    if (obj->name != NULL && obj->type != NULL) {
-        blob_put_string(body, UBUS_ATTR_OBJPATH, obj->name);
-        put_type(body, obj->type);
+    if (object->name != NULL && object->type != NULL) {
+        blob_put_string(body, UBUS_ATTR_OBJPATH, object->name);
+        put_type(body, object->type);
     }
     int status = request_body(connection, &request, UBUS_MSG_ADD_OBJECT);
     if (status != UBUS_STATUS_OK)
@@ -113,13 +112,24 @@ UBUS_EXPORT int ubus_add_object(struct ubus_context *ctx, struct ubus_object *ob
     if (result.id == 0)
         return UBUS_STATUS_NO_DATA;
 
-    unlink_object(connection, obj);
-    obj->id = result.id;
-    if (result.type_id != 0 && obj->type != NULL)
-        obj->type->id = result.type_id;
-    obj->avl.key = &obj->id;
-    avl_insert(&ctx->objects, &obj->avl);
+    unlink_object(connection, object);
+    object->id = result.id;
+    if (result.type_id != 0 && object->type != NULL)
+        object->type->id = result.type_id;
+    object->avl.key = &object->id;
+    avl_insert(&connection->ctx.objects, &object->avl);
     return UBUS_STATUS_OK;
+}
+
+UBUS_EXPORT int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
+{
+    struct connection *connection = connection_of(ctx);
+
+    // The first call may come with the very answer: nothing is served before the id is known.
+    connection_enter(connection);
+    int status = publish(connection, obj);
+    connection_leave(connection);
+    return status;
 }
 
 UBUS_EXPORT int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)

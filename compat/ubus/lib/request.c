@@ -125,17 +125,14 @@ int request_run(struct connection *connection, struct ubus_request *request, uin
     if (message_send(connection, type, request->seq, request->peer, parts, count, fd) != 0)
         return UBUS_STATUS_INVALID_ARGUMENT;
 
-    connection_hold(connection);
-    ctx->stack_depth++;
+    connection_enter(connection);
     list_add(&request->list, &ctx->requests);
     status = wait_status(connection, request, timeout);
     list_del_init(&request->list);
     // With nothing whole left in the buffer the socket alone tells when there is more.
     if (!connection->lost)
         input_serve(connection);
-    ctx->stack_depth--;
-    pending_schedule(connection);
-    connection_release(connection);
+    connection_leave(connection);
     return status;
 }
 

@@ -1,0 +1,99 @@
+// The two example handlers, and what a length other than the record's does to them.
+
+#include <bv/ubus.h>
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes counted(size_t length)
+{
+    Bytes bytes(length);
+    for (size_t i = 0; i < length; i++)
+        bytes[i] = static_cast<uint8_t>(i + 1);
+    return bytes;
+}
+
+void set(Bytes bytes)
+{
+    EXPECT_EQ(bv_example_set(bytes.data(), static_cast<uint32_t>(bytes.size())), 0u);
+}
+
+Bytes record()
+{
+    Bytes bytes(56, 0xee);
+    EXPECT_EQ(bv_example_get(bytes.data(), 56), 0u);
+    return bytes;
+}
+
+} // namespace
+
+TEST(ExampleHandlers, TheRecordIsZeroAtLoad)
+{
+    EXPECT_EQ(record(), Bytes(56));
+}
+
+TEST(ExampleHandlers, WhatIsSetIsGot)
+{
+    set(counted(56));
+    EXPECT_EQ(record(), counted(56));
+}
+
+TEST(ExampleHandlers, AShortGetClearsThatMuchOfTheBuffer)
+{
+    set(counted(56));
+    for (uint32_t length : {1u, 20u, 55u}) {
+        Bytes buffer(56, 0xee);
+        EXPECT_EQ(bv_example_get(buffer.data(), length), 0u);
+        Bytes expected(56, 0xee);
+        std::fill_n(expected.begin(), length, 0);
+        EXPECT_EQ(buffer, expected);
+    }
+    EXPECT_EQ(record(), counted(56));
+}
+
+TEST(ExampleHandlers, AShortSetClearsThatMuchOfTheRecord)
+{
+    for (size_t length : {1, 20, 55}) {
+        set(counted(56));
+        set(Bytes(length, 0x77));
+        Bytes expected = counted(56);
+        std::fill_n(expected.begin(), length, 0);
+        EXPECT_EQ(record(), expected);
+    }
+}
+
+TEST(ExampleHandlers, ALongerBufferTakesAndGivesTheRecordOnly)
+{
+    set(counted(100));
+    EXPECT_EQ(record(), counted(56));
+    Bytes buffer(100, 0xee);
+    EXPECT_EQ(bv_example_get(buffer.data(), 100), 0u);
+    Bytes expected = counted(56);
+    expected.resize(100, 0xee);
+    EXPECT_EQ(buffer, expected);
+}
+
+TEST(ExampleHandlers, ALengthOf0ChangesNothing)
+{
+    set(counted(56));
+    uint8_t byte = 0xee;
+    EXPECT_EQ(bv_example_get(&byte, 0), 0u);
+    EXPECT_EQ(byte, 0xee);
+    EXPECT_EQ(bv_example_set(&byte, 0), 0u);
+    EXPECT_EQ(record(), counted(56));
+}
+
+TEST(ExampleHandlers, ANullBufferEndsInOrder)
+{
+    EXPECT_EQ(bv_example_get(nullptr, 56), 0u);
+    for (uint32_t length : {56u, 57u, 1000000u, 0xffffffffu}) {
+        set(counted(56));
+        EXPECT_EQ(bv_example_set(nullptr, length), 0u);
+        EXPECT_EQ(record(), Bytes(56));
+    }
+}

@@ -1,0 +1,151 @@
+// Message bus wrappers over a real daemon: an owner with a method of its own and a caller, each a
+// process.
+
+#include <bv/ubus.h>
+
+#include "bus/service.h"
+#include "support/bus.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr char kName[] = "test.object";
+
+// Replies with the fields it was given, twice; then completes with 5, which counts, and returns 6.
+int echo_twice(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *method,
+               blob_attr *message)
+{
+    blob_buf reply = {};
+    bv_blobmsg_buf_init(&reply);
+    bv_blobmsg_add_string(&reply, "method", method);
+    bv_blob_put_raw(&reply, bv_blob_data(message), static_cast<unsigned int>(bv_blob_len(message)));
+    bv_ubus_send_reply(ctx, req, reply.head);
+    bv_ubus_send_reply(ctx, req, reply.head);
+    bv_blob_buf_free(&reply);
+    bv_ubus_complete_deferred_request(ctx, req, 5);
+    return 6;
+}
+
+int only_return_6(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *)
+{
+    return 6;
+}
+
+const ubus_method kMethods[] = {{"echo", echo_twice, 0, 0, nullptr, 0},
+                                {"six", only_return_6, 0, 0, nullptr, 0}};
+ubus_object_type g_type = {"test", 0, kMethods, 2};
+ubus_object g_object;
+
+int publish_and_serve()
+{
+    bv_uloop_init();
+    ubus_context *ctx = bv_ubus_connect(nullptr);
+    if (ctx == nullptr)
+        return 100;
+    bv_uloop_fd_add(&ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
+    g_object.name = kName;
+    g_object.type = &g_type;
+    g_object.methods = kMethods;
+    g_object.n_methods = 2;
+    const int status = bv_ubus_add_object(ctx, &g_object);
+    if (status != 0)
+        return status;
+    bv_uloop_run();
+    bv_ubus_free(ctx);
+    bv_uloop_done();
+    return 0;
+}
+
+struct Received {
+    int count = 0;
+    std::string method;
+    uint32_t number = 0;
+};
+
+void receive(ubus_request *req, int type, blob_attr *message)
+{
+    EXPECT_EQ(type, 2);
+    Received *received = static_cast<Received *>(req->priv);
+    received->count++;
+    const blobmsg_policy policy[] = {{"method", BLOBMSG_TYPE_STRING}, {"n", BLOBMSG_TYPE_INT32}};
+    blob_attr *fields[2];
+    bv_blobmsg_parse(policy, 2, fields, bv_blob_data(message),
+                     static_cast<unsigned int>(bv_blob_len(message)));
+    if (fields[0] != nullptr)
+        received->method = bv_blobmsg_get_string(fields[0]);
+    if (fields[1] != nullptr)
+        received->number = bv_blobmsg_get_u32(fields[1]);
+}
+
+} // namespace
+
+TEST(Ubus, WithoutADaemonThereIsNoConnection)
+{
+    EXPECT_EQ(bv_ubus_connect(nullptr), nullptr);
+    EXPECT_EQ(bv_ubus_connect("/tmp/nothing"), nullptr);
+    bv_ubus_free(nullptr);
+}
+
+TEST(Ubus, ConnectsToAnotherSocketByItsPath)
+{
+    BusDaemon daemon("/tmp/other.sock");
+    EXPECT_EQ(bv_ubus_connect(nullptr), nullptr);
+    ubus_context *ctx = bv_ubus_connect("/tmp/other.sock");
+    EXPECT_NE(ctx, nullptr);
+    bv_ubus_free(ctx);
+}
+
+TEST(Ubus, ObjectsArePublishedFoundCalledAndGone)
+{
+    BusDaemon daemon;
+    Service owner(publish_and_serve);
+    ASSERT_TRUE(wait_for_object(kName));
+    ubus_context *ctx = bv_ubus_connect(nullptr);
+    ASSERT_NE(ctx, nullptr);
+    uint32_t id = 0;
+    EXPECT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
+    EXPECT_NE(id, 0u);
+
+    blob_buf arguments = {};
+    bv_blobmsg_buf_init(&arguments);
+    bv_blobmsg_add_u32(&arguments, "n", 1234567);
+    Received received;
+    EXPECT_EQ(bv_ubus_invoke(ctx, id, "echo", arguments.head, receive, &received, 10000), 5);
+    EXPECT_EQ(received.count, 2);
+    EXPECT_EQ(received.method, "echo");
+    EXPECT_EQ(received.number, 1234567u);
+    bv_blob_buf_free(&arguments);
+
+    EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 10000), 6);
+    EXPECT_EQ(bv_ubus_invoke(ctx, id, "seven", nullptr, nullptr, nullptr, 10000), 3);
+    EXPECT_EQ(bv_ubus_invoke(ctx, 0, "six", nullptr, nullptr, nullptr, 10000), 4);
+
+    Service second(publish_and_serve);
+    EXPECT_EQ(second.wait(), 2) << "the name is taken";
+    owner.signal(SIGTERM);
+    EXPECT_EQ(owner.wait(), 0);
+    uint32_t untouched = 77;
+    while (object_exists(kName))
+        usleep(1000);
+    EXPECT_EQ(bv_ubus_lookup_id(ctx, kName, &untouched), 4);
+    EXPECT_EQ(untouched, 77u);
+    bv_ubus_free(ctx);
+}
+
+TEST(Ubus, ACallTimesOutAfterTheMillisecondsGiven)
+{
+    BusDaemon daemon;
+    Service owner(publish_and_serve);
+    ASSERT_TRUE(wait_for_object(kName));
+    ubus_context *ctx = bv_ubus_connect(nullptr);
+    ASSERT_NE(ctx, nullptr);
+    uint32_t id = 0;
+    ASSERT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
+    owner.signal(SIGSTOP);
+    EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 50), 7);
+    owner.signal(SIGCONT);
+    EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 10000), 6);
+    bv_ubus_free(ctx);
+}

@@ -3,7 +3,7 @@
 // The library calls libc through the dynamic linker, so a function of the same name in the test
 // program comes first. A fault point, at file scope of one source file, puts one there:
 //
-//     BV_FAULT_socket // ready-made, see the list at the end; any other with BV_FAULT_POINT
+//     BV_FAULT_socket; // ready-made, see the list at the end; any other with BV_FAULT_POINT
 //
 //     TEST(...)
 //     {
@@ -116,41 +116,41 @@ private:
 
 // clang-format off
 #define BV_FAULT_socket \
-    BV_FAULT_POINT(socket, int, (int domain, int type, int protocol), (domain, type, protocol), -1);
+    BV_FAULT_POINT(socket, int, (int domain, int type, int protocol), (domain, type, protocol), -1)
 #define BV_FAULT_bind \
-    BV_FAULT_POINT(bind, int, (int fd, const sockaddr *addr, socklen_t len), (fd, addr, len), -1);
+    BV_FAULT_POINT(bind, int, (int fd, const sockaddr *addr, socklen_t len), (fd, addr, len), -1)
 #define BV_FAULT_sendto \
     BV_FAULT_POINT(sendto, ssize_t, \
         (int fd, const void *buf, size_t n, int flags, const sockaddr *addr, socklen_t len), \
-        (fd, buf, n, flags, addr, len), -1);
+        (fd, buf, n, flags, addr, len), -1)
 #define BV_FAULT_sendmsg \
-    BV_FAULT_POINT(sendmsg, ssize_t, (int fd, const msghdr *msg, int flags), (fd, msg, flags), -1);
+    BV_FAULT_POINT(sendmsg, ssize_t, (int fd, const msghdr *msg, int flags), (fd, msg, flags), -1)
 #define BV_FAULT_recvmsg \
-    BV_FAULT_POINT(recvmsg, ssize_t, (int fd, msghdr *msg, int flags), (fd, msg, flags), -1);
+    BV_FAULT_POINT(recvmsg, ssize_t, (int fd, msghdr *msg, int flags), (fd, msg, flags), -1)
 #define BV_FAULT_read \
-    BV_FAULT_POINT(read, ssize_t, (int fd, void *buf, size_t n), (fd, buf, n), -1);
+    BV_FAULT_POINT(read, ssize_t, (int fd, void *buf, size_t n), (fd, buf, n), -1)
 #define BV_FAULT_write \
-    BV_FAULT_POINT(write, ssize_t, (int fd, const void *buf, size_t n), (fd, buf, n), -1);
+    BV_FAULT_POINT(write, ssize_t, (int fd, const void *buf, size_t n), (fd, buf, n), -1)
 #define BV_FAULT_close \
-    BV_FAULT_POINT(close, int, (int fd), (fd), -1);
+    BV_FAULT_POINT(close, int, (int fd), (fd), -1)
 #define BV_FAULT_ioctl \
     BV_FAULT_POINT(ioctl, int, (int fd, unsigned long request, void *argument), \
-        (fd, request, argument), -1);
+        (fd, request, argument), -1)
 #define BV_FAULT_access \
-    BV_FAULT_POINT(access, int, (const char *path, int mode), (path, mode), -1);
+    BV_FAULT_POINT(access, int, (const char *path, int mode), (path, mode), -1)
 #define BV_FAULT_popen \
-    BV_FAULT_POINT(popen, FILE *, (const char *command, const char *type), (command, type), nullptr);
+    BV_FAULT_POINT(popen, FILE *, (const char *command, const char *type), (command, type), nullptr)
 #define BV_FAULT_pthread_create \
     BV_FAULT_POINT(pthread_create, int, (pthread_t *thread, const pthread_attr_t *attr, \
-        void *(*start)(void *), void *argument), (thread, attr, start, argument), EAGAIN);
+        void *(*start)(void *), void *argument), (thread, attr, start, argument), EAGAIN)
 
 // Functions with large-file names: test them through BV_FAULT_OF(open) and so on.
 #define BV_FAULT_open \
-    BV_FAULT_POINT_64(open, int, (const char *path, int flags, mode_t mode), (path, flags, mode), -1);
+    BV_FAULT_POINT_64(open, int, (const char *path, int flags, mode_t mode), (path, flags, mode), -1)
 #define BV_FAULT_lseek \
-    BV_FAULT_POINT_64(lseek, off_t, (int fd, off_t offset, int whence), (fd, offset, whence), -1);
+    BV_FAULT_POINT_64(lseek, off_t, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
 #define BV_FAULT_fopen \
-    BV_FAULT_POINT_64(fopen, FILE *, (const char *path, const char *mode), (path, mode), nullptr);
+    BV_FAULT_POINT_64(fopen, FILE *, (const char *path, const char *mode), (path, mode), nullptr)
 // clang-format on
 
 #endif

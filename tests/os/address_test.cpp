@@ -1,0 +1,100 @@
+#include <bv/os.h>
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace {
+
+std::string bytes(const char *text)
+{
+    char out[7] = "??????";
+    bv_os_mac_pton(text, out);
+    EXPECT_EQ(out[6], '\0');
+    return std::string(out, 6);
+}
+
+} // namespace
+
+TEST(MacPton, ReadsEitherCase)
+{
+    EXPECT_EQ(bytes("00:1A:2b:3c:4d:5e"), std::string("\x00\x1a\x2b\x3c\x4d\x5e", 6));
+}
+
+TEST(MacPton, BytesAreZeroFromTheFirstBadGroupOn)
+{
+    const struct {
+        const char *text;
+        std::string mac;
+    } rows[] = {
+        {"", std::string(6, '\0')},
+        {"aa", std::string("\xaa\0\0\0\0\0", 6)},
+        {"aa:bb:zz:dd:ee:ff", std::string("\xaa\xbb\0\0\0\0", 6)},
+        {"aa-bb-cc-dd-ee-ff", std::string("\xaa\0\0\0\0\0", 6)},
+        {"aab:bb:cc:dd:ee:ff", std::string("\xaa\0\0\0\0\0", 6)}, // two digits at most
+        {"a:b:c:d:e:f", std::string("\x0a\x0b\x0c\x0d\x0e\x0f", 6)},
+        {"1:2:3:4:5:6 and more", std::string("\x01\x02\x03\x04\x05\x06", 6)},
+        {"+1: 2:3:4:5:6", std::string("\x01\x02\x03\x04\x05\x06", 6)},
+        {"-1:02:03:04:05:06", std::string("\xff\x02\x03\x04\x05\x06", 6)},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(bytes(row.text), row.mac) << row.text;
+}
+
+TEST(MacPton, NullTextIsAllZeroAndNullOutIsLeftAlone)
+{
+    EXPECT_EQ(bytes(nullptr), std::string(6, '\0'));
+    bv_os_mac_pton("aa:bb:cc:dd:ee:ff", nullptr);
+}
+
+TEST(MacNtop, PrintsLowerCase)
+{
+    char out[18];
+    bv_os_mac_ntop("\x00\x1a\x2b\x3c\x4d\x5e", out, sizeof out);
+    EXPECT_STREQ(out, "00:1a:2b:3c:4d:5e");
+    bv_os_mac_ntop("\xff\xff\xff\xff\xff\xff", out, sizeof out);
+    EXPECT_STREQ(out, "ff:ff:ff:ff:ff:ff");
+}
+
+TEST(MacNtop, IsEmptyWhenItDoesNotFit)
+{
+    char out[] = "..................";
+    bv_os_mac_ntop("\1\2\3\4\5\6", out, 17);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(out[17], '.');
+    bv_os_mac_ntop(nullptr, out, 18);
+    EXPECT_STREQ(out, "");
+}
+
+TEST(InetPton, ConvertsDottedAddressesOnly)
+{
+    unsigned char out[4] = {9, 9, 9, 9};
+    EXPECT_EQ(bv_os_inet_pton("192.168.1.254", out), 1);
+    EXPECT_EQ(memcmp(out, "\xc0\xa8\x01\xfe", 4), 0);
+    EXPECT_EQ(bv_os_inet_pton("192.168.1", out), 0);
+    EXPECT_EQ(bv_os_inet_pton("192.168.1.256", out), 0);
+    EXPECT_EQ(bv_os_inet_pton("::1", out), 0);
+    EXPECT_EQ(bv_os_inet_pton("", out), 0);
+    EXPECT_EQ(memcmp(out, "\xc0\xa8\x01\xfe", 4), 0);
+}
+
+TEST(InetNtop, PrintsIntoTheCallersBuffer)
+{
+    char out[16];
+    EXPECT_EQ(bv_os_inet_ntop("\xc0\xa8\x01\xfe", out, sizeof out), out);
+    EXPECT_STREQ(out, "192.168.1.254");
+    errno = 0;
+    EXPECT_EQ(bv_os_inet_ntop("\xc0\xa8\x01\xfe", out, 13), nullptr);
+    EXPECT_EQ(errno, ENOSPC);
+}
+
+TEST(InetAddr, IsInNetworkOrderOrAllOnes)
+{
+    uint32_t address = bv_os_inet_addr("10.1.2.3");
+    EXPECT_EQ(memcmp(&address, "\x0a\x01\x02\x03", 4), 0);
+    EXPECT_EQ(bv_os_inet_addr("nonsense"), 0xffffffffu);
+    EXPECT_EQ(bv_os_inet_addr("127.1"), htonl(0x7f000001)); // as inet_addr() has always read it
+}

@@ -1,0 +1,116 @@
+#include <bv/os.h>
+
+#include "support/capture.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+std::string dump(const void *address, int32_t length)
+{
+    CaptureStdout output;
+    int32_t result = bv_os_printb(address, length);
+    std::string text = output.stop();
+    EXPECT_EQ(result, 2);
+    return text;
+}
+
+std::string head(const void *address)
+{
+    char text[32];
+    snprintf(text, sizeof text,
+             "\r\n[0x%08x] : ", static_cast<unsigned>(reinterpret_cast<uintptr_t>(address)));
+    return text;
+}
+
+std::string padded(const char *text, int32_t width)
+{
+    CaptureStdout output;
+    bv_os_printa(text, width);
+    return output.stop();
+}
+
+alignas(16) const uint8_t kBytes[] = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
+                                      0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f,
+                                      0x10, 0x11, 0x12, 0x13, 0xfc, 0xfd, 0xfe, 0xff};
+
+} // namespace
+
+TEST(Printb, NothingToShowIsAnEmptyLine)
+{
+    EXPECT_EQ(dump(kBytes, 0), "\r\n");
+    EXPECT_EQ(dump(kBytes, -1), "\r\n");
+    EXPECT_EQ(dump(kBytes, INT32_MIN), "\r\n");
+    EXPECT_EQ(dump(nullptr, 0), "\r\n");
+    EXPECT_EQ(dump(nullptr, 16), "\r\n");
+}
+
+TEST(Printb, ShowsFourWordsALineInMemoryOrder)
+{
+    EXPECT_EQ(dump(kBytes, 20), head(kBytes) + "00010203 04050607 08090a0b 0c0d0e0f " +
+                                    head(kBytes + 16) + "10111213 \r\n");
+    EXPECT_EQ(dump(kBytes, 16), head(kBytes) + "00010203 04050607 08090a0b 0c0d0e0f \r\n");
+}
+
+TEST(Printb, TheLastWordIsShownWhole)
+{
+    for (int32_t length = 21; length <= 24; ++length)
+        EXPECT_EQ(dump(kBytes, length), head(kBytes) + "00010203 04050607 08090a0b 0c0d0e0f " +
+                                            head(kBytes + 16) + "10111213 fcfdfeff \r\n");
+    EXPECT_EQ(dump(kBytes, 1), head(kBytes) + "00010203 \r\n");
+}
+
+// Lines break every 16 bytes of the dump, wherever it starts; the bracket shows the address.
+TEST(Printb, LinesGoByOffsetAndTheBracketShowsTheAddress)
+{
+    EXPECT_EQ(dump(kBytes + 4, 20), head(kBytes + 4) + "04050607 08090a0b 0c0d0e0f 10111213 " +
+                                        head(kBytes + 20) + "fcfdfeff \r\n");
+}
+
+TEST(Printb, AnUnalignedAddressPrints)
+{
+    EXPECT_EQ(dump(kBytes + 1, 8), head(kBytes + 1) + "01020304 05060708 \r\n");
+}
+
+TEST(Printb, AnAddressHasEightDigits)
+{
+    auto low = reinterpret_cast<void *>(uintptr_t{0x1000000});
+    void *page = mmap(low, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    if (page == low) { // otherwise this machine has something else there
+        EXPECT_EQ(dump(page, 4), "\r\n[0x01000000] : 00000000 \r\n");
+    }
+    munmap(page, 4096);
+}
+
+TEST(Printa, PadsToTheWidth)
+{
+    EXPECT_EQ(padded("ab", 5), "ab   ");
+    EXPECT_EQ(padded("ab", 2), "ab");
+    EXPECT_EQ(padded("", 3), "   ");
+}
+
+TEST(Printa, ALongerTextIsPrintedWhole)
+{
+    EXPECT_EQ(padded("ab", 1), "ab");
+    EXPECT_EQ(padded("ab", 0), "ab");
+    EXPECT_EQ(padded("ab", -5), "ab");
+    EXPECT_EQ(padded("ab", INT32_MIN), "ab");
+}
+
+TEST(Printa, TheTextIsNoFormat)
+{
+    EXPECT_EQ(padded("%s%n", 5), "%s%n ");
+}
+
+TEST(Printa, NullPrintsNothing)
+{
+    EXPECT_EQ(padded(nullptr, 5), "");
+}

@@ -1,0 +1,133 @@
+#include <bv/os.h>
+
+#include "support/fault_points.h"
+#include "support/files.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+BV_FAULT_fopen;
+
+namespace {
+
+constexpr char kRecord[] = "/tmp/remoteprint";
+std::vector<std::string> g_lines;
+
+} // namespace
+
+extern "C" int system(const char *line)
+{
+    g_lines.push_back(line);
+    return next_function<int(const char *)>("system")(line);
+}
+
+TEST(Record, AppendsWithoutNewlinesAndCounts)
+{
+    EXPECT_EQ(bv_os_record("%s=%d", "a", 1), 3);
+    EXPECT_EQ(bv_os_record("%s", "\n"), 1);
+    EXPECT_EQ(bv_os_record("%s", ""), 0);
+    EXPECT_EQ(bv_os_record("end"), 3);
+    EXPECT_EQ(read_file(kRecord), "a=1\nend");
+}
+
+TEST(Record, IsNotBoundByTheShellsLine)
+{
+    std::string text(5000, 'x');
+    EXPECT_EQ(bv_os_record("%s", text.c_str()), 5000);
+    EXPECT_EQ(read_file(kRecord), text);
+}
+
+TEST(Record, InitStartsAnew)
+{
+    bv_os_record("old");
+    EXPECT_EQ(bv_os_record_init(), 0);
+    EXPECT_FALSE(file_exists(kRecord));
+    EXPECT_EQ(g_lines, std::vector<std::string>{"rm -f /tmp/remoteprint >/dev/null 2>&1"});
+    EXPECT_EQ(bv_os_record_init(), 0); // also when there is none
+    bv_os_record("new");
+    EXPECT_EQ(read_file(kRecord), "new");
+}
+
+TEST(Record, AFileThatCannotBeOpenedIsReported)
+{
+    BV_FAULT_OF(fopen).fail_next(1, EACCES);
+    EXPECT_EQ(bv_os_record("x"), BV_ERR_RECORD);
+    EXPECT_FALSE(file_exists(kRecord));
+}
+
+TEST(Record, KeepsNoDescriptor)
+{
+    std::vector<int> before = open_descriptors();
+    for (int i = 0; i < 10; ++i)
+        bv_os_record("%d", i);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(RecordOutput, AppendsTheRecordToTheTerminalAndKeepsIt)
+{
+    bv_os_record("line\n");
+    write_file("/tmp/tty", " /tmp/terminal\n");
+    write_file("/tmp/terminal", "before\n");
+    bv_os_record_output();
+    EXPECT_EQ(read_file("/tmp/terminal"), "before\nline\n");
+    EXPECT_EQ(read_file(kRecord), "line\n");
+    EXPECT_EQ(g_lines.back(), "cat /tmp/remoteprint >> /tmp/terminal");
+}
+
+TEST(RecordOutput, DoesNothingWithoutARecord)
+{
+    write_file("/tmp/tty", "/tmp/terminal\n");
+    bv_os_record_output();
+    EXPECT_TRUE(g_lines.empty());
+    EXPECT_FALSE(file_exists("/tmp/terminal"));
+}
+
+TEST(RecordOutput, WithoutATerminalNameTheShellComplains)
+{
+    bv_os_record("line");
+    bv_os_record_output();
+    EXPECT_EQ(g_lines.back(), "cat /tmp/remoteprint >> ");
+    EXPECT_EQ(read_file(kRecord), "line");
+}
+
+TEST(RecordOutput, ATerminalNameHas31CharactersAtMost)
+{
+    std::string name = "/tmp/" + std::string(26, 't');
+    bv_os_record("line");
+    write_file("/tmp/tty", name);
+    bv_os_record_output();
+    EXPECT_EQ(read_file(name), "line");
+
+    write_file("/tmp/tty", name + "t");
+    bv_os_record_output();
+    EXPECT_EQ(g_lines.back(), "cat /tmp/remoteprint >> ");
+    EXPECT_FALSE(file_exists(name + "t"));
+}
+
+TEST(Filesize, TellsTheSize)
+{
+    write_file("/tmp/file", "12345");
+    EXPECT_EQ(bv_get_filesize("/tmp/file"), 5);
+    write_file("/tmp/file", "");
+    EXPECT_EQ(bv_get_filesize("/tmp/file"), 0);
+}
+
+TEST(Filesize, OfAMissingFileIsMinusOne)
+{
+    EXPECT_EQ(bv_get_filesize("/tmp/missing"), -1);
+    EXPECT_EQ(bv_get_filesize(nullptr), -1);
+}
+
+TEST(Filesize, IsCutTo32Bits)
+{
+    write_file("/tmp/sparse", "");
+    ASSERT_EQ(truncate("/tmp/sparse", 0x80000000), 0);
+    EXPECT_EQ(bv_get_filesize("/tmp/sparse"), INT32_MIN);
+    ASSERT_EQ(truncate("/tmp/sparse", 0x100000005), 0);
+    EXPECT_EQ(bv_get_filesize("/tmp/sparse"), 5);
+}

@@ -1,0 +1,206 @@
+#include <bv/os.h>
+
+#include "support/fault_points.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstring>
+#include <regex.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+int g_compiled;
+int g_freed;
+
+// The hex text, cut down to what a caller's buffer of that size gets.
+std::string hex(const std::vector<uint8_t> &data, uint32_t outsize = 512)
+{
+    std::string out(outsize, '?');
+    EXPECT_EQ(bv_os_tohexstr(data.data(), static_cast<uint32_t>(data.size()), out.data(), outsize),
+              0);
+    return out;
+}
+
+std::string digits(const uint8_t *data, size_t count)
+{
+    std::string text;
+    char pair[3];
+    for (size_t i = 0; i < count; ++i) {
+        snprintf(pair, sizeof pair, "%02x", data[i]);
+        text += pair;
+    }
+    return text;
+}
+
+// The slow way: append two digits at a time through the bounded printer, twice over.
+std::string hex_by_printing(const std::vector<uint8_t> &data)
+{
+    char a[512] = "";
+    char b[512] = "";
+    for (uint8_t byte : data) {
+        bv_os_sprintf(a, sizeof a, "%s%02x", b, byte);
+        bv_os_sprintf(b, sizeof b, "%s", a);
+    }
+    return b;
+}
+
+std::vector<uint8_t> numbered(size_t count)
+{
+    std::vector<uint8_t> data(count);
+    for (size_t i = 0; i < count; ++i)
+        data[i] = static_cast<uint8_t>(i * 37 + 11);
+    return data;
+}
+
+} // namespace
+
+extern "C" int regcomp(regex_t *expression, const char *pattern, int flags)
+{
+    ++g_compiled;
+    EXPECT_EQ(flags, REG_EXTENDED);
+    int result =
+        next_function<int(regex_t *, const char *, int)>("regcomp")(expression, pattern, flags);
+    g_freed += result != 0 ? 1 : 0; // nothing to free
+    return result;
+}
+
+extern "C" void regfree(regex_t *expression)
+{
+    ++g_freed;
+    next_function<void(regex_t *)>("regfree")(expression);
+}
+
+TEST(Match, FindsAnExtendedExpressionAnywhere)
+{
+    EXPECT_EQ(bv_os_match("eth0.100", "^eth[0-9]+"), 0);
+    EXPECT_EQ(bv_os_match("eth0.100", "^wlan"), -1);
+    EXPECT_EQ(bv_os_match("br-lan", "lan$"), 0);
+    EXPECT_EQ(bv_os_match("abc", "b"), 0);
+    EXPECT_EQ(bv_os_match("abc", "(x|c){1}"), 0);
+    EXPECT_EQ(bv_os_match("ABC", "abc"), -1); // case counts
+    EXPECT_EQ(bv_os_match("", "^$"), 0);
+}
+
+TEST(Match, APatternThatDoesNotCompileMatchesNothing)
+{
+    EXPECT_EQ(bv_os_match("abc", "("), -1);
+    EXPECT_EQ(bv_os_match("abc", "[a"), -1);
+    EXPECT_EQ(bv_os_match("abc", "a{2,1}"), -1);
+}
+
+TEST(Match, NullIsNoMatch)
+{
+    EXPECT_EQ(bv_os_match(nullptr, "a"), -1);
+    EXPECT_EQ(bv_os_match("a", nullptr), -1);
+}
+
+TEST(Match, GivesTheExpressionBackWhetherItMatchesOrNot)
+{
+    g_compiled = g_freed = 0;
+    bv_os_match("abc", "b");
+    bv_os_match("abc", "x");
+    bv_os_match("abc", "(");
+    EXPECT_EQ(g_compiled, 3);
+    EXPECT_EQ(g_freed, 3);
+}
+
+TEST(MatchSpecialChar, FindsPunctuationAndWhiteSpace)
+{
+    EXPECT_EQ(bv_os_match_special_char("abc123"), -1);
+    EXPECT_EQ(bv_os_match_special_char("abc-1"), 0);
+    EXPECT_EQ(bv_os_match_special_char("a b"), 0);
+    EXPECT_EQ(bv_os_match_special_char(""), -1);
+    EXPECT_EQ(bv_os_match_special_char(nullptr), -1);
+    EXPECT_EQ(bv_os_match_special_char("abcdefgh!"), 0);
+}
+
+TEST(MatchSpecialChar, ClassifiesEveryByteAsAsciiInAnyLocale)
+{
+    setlocale(LC_ALL, "C.UTF-8");
+    const std::string special = "!\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~ \t\n\v\f\r";
+    for (int ch = 1; ch < 256; ++ch) {
+        char text[] = {'a', static_cast<char>(ch), '\0'};
+        bool expected = special.find(static_cast<char>(ch)) != std::string::npos;
+        EXPECT_EQ(bv_os_match_special_char(text), expected ? 0 : -1) << ch;
+    }
+}
+
+TEST(Trim, CutsBothEndsInPlace)
+{
+    char text[] = "  ab \t";
+    EXPECT_EQ(bv_os_trim(text), text + 2);
+    EXPECT_EQ(memcmp(text, "  ab\0\0", 7), 0); // what leads stays as it was
+}
+
+TEST(Trim, LeavesInnerWhiteSpaceAlone)
+{
+    char text[] = "\r\na b\nc\v\f";
+    EXPECT_STREQ(bv_os_trim(text), "a b\nc");
+}
+
+TEST(Trim, AnAllBlankTextGivesItsTerminatorAndIsNotChanged)
+{
+    char text[] = "   ";
+    EXPECT_EQ(bv_os_trim(text), text + 3);
+    EXPECT_EQ(memcmp(text, "   ", 4), 0);
+    char empty[] = "";
+    EXPECT_EQ(bv_os_trim(empty), empty);
+}
+
+TEST(Trim, NullIsNull)
+{
+    EXPECT_EQ(bv_os_trim(nullptr), nullptr);
+}
+
+TEST(Trim, BytesAbove127AreNoWhiteSpace)
+{
+    char text[] = "\xa0 x \x85";
+    EXPECT_STREQ(bv_os_trim(text), "\xa0 x \x85");
+}
+
+TEST(Tohexstr, RendersLowerCaseWithTheTerminator)
+{
+    EXPECT_EQ(hex({0xde, 0xad, 0xbe, 0xef}, 9), std::string("deadbeef\0", 9));
+}
+
+TEST(Tohexstr, ASmallBufferGetsACutTextWithoutTerminator)
+{
+    char out[5] = "????";
+    out[4] = '!';
+    EXPECT_EQ(bv_os_tohexstr("\xde\xad\xbe\xef", 4, out, 4), 0);
+    EXPECT_EQ(std::string(out, 5), "dead!");
+}
+
+TEST(Tohexstr, ZerosFollowTheTextUpTo512Bytes)
+{
+    std::string out = hex({0x01}, 600);
+    EXPECT_EQ(out.substr(0, 512), "01" + std::string(510, '\0'));
+    EXPECT_EQ(out.substr(512), std::string(88, '?'));
+}
+
+TEST(Tohexstr, RestartsFromEmptyAtEvery256thByte)
+{
+    for (size_t length : {0, 1, 254, 255, 256, 257, 300, 511, 512, 513, 1000}) {
+        SCOPED_TRACE(length);
+        std::vector<uint8_t> data = numbered(length);
+        size_t shown = length % 256;
+        std::string text = digits(data.data() + length - shown, shown);
+        EXPECT_EQ(hex(data), text + std::string(512 - text.size(), '\0'));
+        EXPECT_EQ(hex_by_printing(data), text); // and so says the bounded printer
+    }
+}
+
+TEST(Tohexstr, NullAndZeroSizesDoNoHarm)
+{
+    char out[4] = {'a', 'b', 'c', 'd'};
+    EXPECT_EQ(bv_os_tohexstr("x", 1, out, 0), 0);
+    EXPECT_EQ(memcmp(out, "abcd", 4), 0);
+    EXPECT_EQ(bv_os_tohexstr("x", 1, nullptr, 4), 0);
+    EXPECT_EQ(bv_os_tohexstr(nullptr, 0, out, 4), 0);
+    EXPECT_EQ(memcmp(out, "\0\0\0\0", 4), 0);
+    EXPECT_EQ(bv_os_tohexstr(nullptr, 300, out, 4), 0);
+    EXPECT_EQ(memcmp(out, "\0\0\0\0", 4), 0);
+}

@@ -1,0 +1,193 @@
+#include <bv/os.h>
+
+#include "support/fault_points.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+unsigned g_slept;      // what usleep() was asked for, instead of sleeping
+unsigned g_sleep_left; // what sleep() says is left
+volatile sig_atomic_t g_alarms;
+
+void count_alarm(int)
+{
+    g_alarms = g_alarms + 1;
+}
+
+// SIGALRM stays blocked except while a test waits for it, so that none can slip by.
+void catch_alarms()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGALRM);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signal(SIGALRM, count_alarm);
+}
+
+void wait_for_alarms(int count)
+{
+    sigset_t none;
+    sigemptyset(&none);
+    while (g_alarms < count)
+        sigsuspend(&none);
+}
+
+tm new_year_2026()
+{
+    tm broken = {};
+    broken.tm_year = 126;
+    broken.tm_mon = 0;
+    broken.tm_mday = 1;
+    broken.tm_hour = 12;
+    return broken;
+}
+
+} // namespace
+
+extern "C" int usleep(useconds_t usec)
+{
+    g_slept = usec;
+    errno = EINTR;
+    return -1;
+}
+
+extern "C" unsigned sleep(unsigned seconds)
+{
+    g_slept = seconds;
+    return g_sleep_left;
+}
+
+TEST(Time, MsleepSleepsAThousandMicrosecondsEach)
+{
+    bv_os_msleep(1500);
+    EXPECT_EQ(g_slept, 1500000u);
+    bv_os_msleep(0);
+    EXPECT_EQ(g_slept, 0u);
+    bv_os_msleep(4294967);
+    EXPECT_EQ(g_slept, 4294967000u);
+}
+
+TEST(Time, MsleepWrapsAt32Bits)
+{
+    bv_os_msleep(4294968);
+    EXPECT_EQ(g_slept, 704u);
+    bv_os_msleep(0xffffffff);
+    EXPECT_EQ(g_slept, 4294966296u);
+}
+
+TEST(Time, SleepsPassResultAndErrnoOn)
+{
+    errno = 0;
+    EXPECT_EQ(bv_os_msleep(1), -1);
+    EXPECT_EQ(errno, EINTR);
+    errno = 0;
+    EXPECT_EQ(bv_os_usleep(12345), -1);
+    EXPECT_EQ(g_slept, 12345u);
+    EXPECT_EQ(errno, EINTR);
+    g_sleep_left = 3;
+    EXPECT_EQ(bv_os_sleep(9), 3u);
+    EXPECT_EQ(g_slept, 9u);
+}
+
+TEST(Time, TimeIsNow)
+{
+    time_t before = time(nullptr);
+    time_t stored = 0;
+    time_t now = bv_os_time(&stored);
+    EXPECT_EQ(now, stored);
+    EXPECT_GE(now, before);
+    EXPECT_LE(now, time(nullptr));
+    EXPECT_GE(bv_os_time(nullptr), now);
+}
+
+TEST(Time, BrokenDownTimesGoBothWays)
+{
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    tm broken = new_year_2026();
+    time_t seconds = bv_os_mktime(&broken);
+    EXPECT_EQ(seconds, 1767268800);
+    EXPECT_EQ(broken.tm_wday, 4); // a Thursday
+
+    tm *local = bv_os_localtime(&seconds);
+    ASSERT_NE(local, nullptr);
+    EXPECT_EQ(local->tm_year, 126);
+    EXPECT_EQ(local->tm_hour, 12);
+    EXPECT_EQ(local, bv_os_localtime(&seconds)); // the C library's one record
+}
+
+TEST(Time, TimesPast2038AreKept)
+{
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    time_t seconds = 0x80000000;
+    EXPECT_EQ(bv_os_localtime(&seconds)->tm_year, 138);
+}
+
+TEST(Time, DifftimeIsEndLessStart)
+{
+    EXPECT_EQ(bv_os_difftime(110, 100), 10.0);
+    EXPECT_EQ(bv_os_difftime(100, 110), -10.0);
+}
+
+TEST(Time, StrftimeAndStrptimeFollowTheFormat)
+{
+    tm broken = new_year_2026();
+    char text[32];
+    EXPECT_EQ(bv_os_strftime(text, sizeof text, "%Y-%m-%d %H", &broken), 13u);
+    EXPECT_STREQ(text, "2026-01-01 12");
+    EXPECT_EQ(bv_os_strftime(text, 5, "%Y-%m-%d", &broken), 0u);
+
+    const char input[] = "2025-12-31x";
+    EXPECT_EQ(bv_os_strptime(input, "%Y-%m-%d", &broken), input + 10);
+    EXPECT_EQ(broken.tm_year, 125);
+    EXPECT_EQ(broken.tm_mon, 11);
+    EXPECT_EQ(bv_os_strptime("no date", "%Y", &broken), nullptr);
+}
+
+TEST(Time, SetitimerRingsAndTellsTheOldValue)
+{
+    catch_alarms();
+    itimerval value = {{0, 0}, {100, 0}};
+    EXPECT_EQ(bv_os_setitimer(ITIMER_REAL, &value, nullptr), 0);
+    value = {{0, 0}, {0, 1000}};
+    itimerval old = {};
+    EXPECT_EQ(bv_os_setitimer(ITIMER_REAL, &value, &old), 0);
+    EXPECT_GT(old.it_value.tv_sec, 90);
+    wait_for_alarms(1);
+    EXPECT_EQ(g_alarms, 1);
+
+    errno = 0;
+    EXPECT_EQ(bv_os_setitimer(99, &value, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(Time, TimerSettimeArmsAndTellsTheOldValue)
+{
+    catch_alarms();
+    timer_t timer;
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGALRM;
+    ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
+    itimerspec value = {{0, 0}, {100, 0}};
+    EXPECT_EQ(bv_os_timer_settime(timer, 0, &value, nullptr), 0);
+    value = {{0, 0}, {0, 1000000}};
+    itimerspec old = {};
+    EXPECT_EQ(bv_os_timer_settime(timer, 0, &value, &old), 0);
+    EXPECT_GT(old.it_value.tv_sec, 90);
+    wait_for_alarms(1);
+    EXPECT_EQ(g_alarms, 1);
+
+    value = {{0, 0}, {1, 0}};
+    EXPECT_EQ(bv_os_timer_settime(timer, TIMER_ABSTIME, &value, nullptr), 0); // long past
+    wait_for_alarms(2);
+    timer_delete(timer);
+}

@@ -1,0 +1,405 @@
+// The notifier between the threads of one process. Nothing of the system is replaced here, but
+// for allocations that are refused, so that this runs on a gateway as it is.
+
+#include <bv/notifier.h>
+
+#include <bv/status.h>
+
+#include "support/capture.h"
+#include "support/faults.h"
+#include "support/process.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// What callbacks saw, in order: "name:length:payload and the byte behind it".
+class Log {
+public:
+    void add(const std::string &line)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        lines_.push_back(line);
+    }
+
+    std::vector<std::string> lines()
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        return lines_;
+    }
+
+    // Waits for that many lines.
+    bool reaches(size_t count)
+    {
+        return eventually([&] { return lines().size() >= count; });
+    }
+
+    void clear()
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        lines_.clear();
+    }
+
+private:
+    std::mutex lock_;
+    std::vector<std::string> lines_;
+};
+
+Log g_log;
+
+std::string line_of(const char *name, const void *data, uint32_t length)
+{
+    return std::string(name) + ":" + std::to_string(length) + ":" +
+           std::string(static_cast<const char *>(data), size_t{length} + 1);
+}
+
+std::string expected(const char *name, const std::string &payload)
+{
+    return line_of(name, payload.c_str(), static_cast<uint32_t>(payload.size()));
+}
+
+void first(void *data, uint32_t length)
+{
+    g_log.add(line_of("first", data, length));
+}
+void second(void *data, uint32_t length)
+{
+    g_log.add(line_of("second", data, length));
+}
+void marker(void *data, uint32_t length)
+{
+    g_log.add(line_of("marker", data, length));
+}
+
+constexpr uint32_t kMarkerType = 13;
+
+class Notifier : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(bv_notifier_init(), 0);
+        // Registrations are permanent, also from test to test of one process.
+        static const int32_t registered = bv_notifier_reg(kMarkerType, marker);
+        ASSERT_EQ(registered, 0);
+        g_log.clear();
+    }
+
+    static int32_t send(uint32_t type, const std::string &text)
+    {
+        return bv_notifier_send(type, text.data(), static_cast<uint32_t>(text.size()));
+    }
+
+    // Waits until all that has been sent so far is delivered, and takes what was logged for it.
+    static std::vector<std::string> settle()
+    {
+        EXPECT_EQ(send(kMarkerType, "end"), 0);
+        const std::string end = expected("marker", "end");
+        EXPECT_TRUE(eventually([&] {
+            const std::vector<std::string> lines = g_log.lines();
+            return !lines.empty() && lines.back() == end;
+        }));
+        std::vector<std::string> lines = g_log.lines();
+        g_log.clear();
+        lines.pop_back();
+        return lines;
+    }
+};
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST(NotifierBeforeInit, NothingIsPostedOrRegistered)
+{
+    EXPECT_EQ(bv_notifier_send(1, "early", 5), -1);
+    EXPECT_EQ(bv_notifier_reg(1, first), 0);
+    bv_notifier_kernel(2, nullptr, 0);
+}
+
+TEST_F(Notifier, AnEventReachesItsCallbackWithItsPayload)
+{
+    bv_notifier_reg(0, first);
+    EXPECT_EQ(send(0, "hello"), 0);
+    EXPECT_EQ(settle(), (Lines{expected("first", "hello")}));
+}
+
+TEST_F(Notifier, CallbacksOfOneTypeRunInOrderOfRegistrationForEachEvent)
+{
+    bv_notifier_reg(1, second);
+    bv_notifier_reg(1, first);
+    send(1, "a");
+    send(1, "b");
+    EXPECT_EQ(settle(), (Lines{expected("second", "a"), expected("first", "a"),
+                               expected("second", "b"), expected("first", "b")}));
+}
+
+TEST_F(Notifier, ACallbackRegisteredTwiceIsCalledTwice)
+{
+    bv_notifier_reg(2, first);
+    bv_notifier_reg(2, first);
+    send(2, "x");
+    EXPECT_EQ(settle(), (Lines{expected("first", "x"), expected("first", "x")}));
+}
+
+TEST_F(Notifier, EveryTypeUpToThirteenHasCallbacksOfItsOwn)
+{
+    static uint32_t counts[14];
+    memset(counts, 0, sizeof(counts));
+    // Filled on the dispatch thread, read after a marker event came through.
+    for (uint32_t type = 0; type < 14; type++)
+        bv_notifier_reg(type, [](void *data, uint32_t length) {
+            if (length == 1)
+                counts[*static_cast<uint8_t *>(data)]++;
+        });
+    for (uint8_t type = 0; type < 14; type++)
+        bv_notifier_send(type, &type, 1);
+    settle();
+    for (uint32_t count : counts)
+        EXPECT_EQ(count, 1u);
+}
+
+TEST_F(Notifier, AnEmptyEventHasATerminatedEmptyPayload)
+{
+    bv_notifier_reg(3, first);
+    EXPECT_EQ(bv_notifier_send(3, "ignored", 0), 0);
+    EXPECT_EQ(bv_notifier_send(3, nullptr, 0), 0);
+    EXPECT_EQ(settle(), (Lines{expected("first", ""), expected("first", "")}));
+}
+
+TEST_F(Notifier, ANullPayloadArrivesAsZeroBytesOfItsLength)
+{
+    bv_notifier_reg(4, first);
+    EXPECT_EQ(bv_notifier_send(4, nullptr, 5), 0);
+    EXPECT_EQ(settle(), (Lines{expected("first", std::string(5, '\0'))}));
+}
+
+TEST_F(Notifier, ThePayloadIsACopyMadeWhenSending)
+{
+    bv_notifier_reg(5, first);
+    char text[] = "before";
+    bv_notifier_send(5, text, 6);
+    memcpy(text, "after!", 6);
+    EXPECT_EQ(settle(), (Lines{expected("first", "before")}));
+}
+
+TEST_F(Notifier, AnEventOfATypeWithoutCallbacksIsConsumedSilently)
+{
+    CaptureStdout out;
+    EXPECT_EQ(send(6, "nobody"), 0);
+    EXPECT_EQ(settle(), Lines{});
+    EXPECT_EQ(out.stop(), "");
+}
+
+TEST_F(Notifier, TypesAboveThirteenAreNobodys)
+{
+    EXPECT_EQ(bv_notifier_reg(14, first), 0);
+    EXPECT_EQ(bv_notifier_reg(0xffffffff, first), 0);
+    EXPECT_EQ(send(14, "x"), 0);
+    EXPECT_EQ(send(0xffffffff, "x"), 0);
+    EXPECT_EQ(settle(), Lines{});
+}
+
+TEST_F(Notifier, ANullCallbackIsIgnored)
+{
+    EXPECT_EQ(bv_notifier_reg(7, nullptr), 0);
+    EXPECT_EQ(send(7, "x"), 0);
+    EXPECT_EQ(settle(), Lines{});
+}
+
+TEST_F(Notifier, ASecondInitKeepsRegistrationsAndThreads)
+{
+    bv_notifier_reg(8, first);
+    const size_t threads = thread_count();
+    EXPECT_EQ(bv_notifier_init(), 0);
+    EXPECT_EQ(thread_count(), threads);
+    send(8, "still");
+    EXPECT_EQ(settle(), (Lines{expected("first", "still")}));
+}
+
+TEST_F(Notifier, ACallbackMayPostAndRegister)
+{
+    bv_notifier_reg(9, [](void *data, uint32_t length) {
+        uint8_t left = *static_cast<uint8_t *>(data);
+        g_log.add(line_of("chain", "", 0) + std::to_string(left));
+        if (left-- > 0)
+            EXPECT_EQ(bv_notifier_send(9, &left, length), 0);
+        else
+            bv_notifier_reg(10, first);
+    });
+    const uint8_t links = 3;
+    bv_notifier_send(9, &links, 1);
+    ASSERT_TRUE(g_log.reaches(4));
+    send(10, "then");
+    const Lines lines = settle();
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[0].back(), '3');
+    EXPECT_EQ(lines[3].back(), '0');
+    EXPECT_EQ(lines[4], expected("first", "then"));
+}
+
+TEST_F(Notifier, EventsPostedBehindASlowCallbackComeInOrderAndSurplusPostsDoNoHarm)
+{
+    static std::atomic<bool> release{false};
+    bv_notifier_reg(11, [](void *data, uint32_t length) {
+        while (!release)
+            usleep(1000);
+        g_log.add(line_of("slow", data, length));
+    });
+    Lines wanted;
+    for (int i = 0; i < 100; i++) {
+        send(11, std::to_string(i));
+        wanted.push_back(expected("slow", std::to_string(i)));
+    }
+    release = true;
+    EXPECT_EQ(settle(), wanted); // one round, a hundred posts
+
+    for (int i = 0; i < 10; i++)
+        sem_post(&g_st_notifier_sem);
+    send(11, "after");
+    EXPECT_EQ(settle(), (Lines{expected("slow", "after")}));
+}
+
+TEST_F(Notifier, AllPostsAreConsumed)
+{
+    for (int i = 0; i < 50; i++)
+        send(12, "x");
+    settle();
+    EXPECT_TRUE(eventually([] {
+        int value = -1;
+        return sem_getvalue(&g_st_notifier_sem, &value) == 0 && value == 0;
+    }));
+}
+
+TEST_F(Notifier, WithoutMemoryNothingIsPosted)
+{
+    bv_notifier_reg(0, second);
+    g_log.clear();
+    {
+        CaptureStdout refusal;
+        FailAllocation next(1);
+        EXPECT_EQ(bv_notifier_send(0, "lost", 4), -1);
+        EXPECT_TRUE(next.happened());
+    }
+    int value = -1;
+    sem_getvalue(&g_st_notifier_sem, &value);
+    EXPECT_EQ(value, 0);
+    EXPECT_EQ(settle(), Lines{});
+}
+
+TEST_F(Notifier, ARegistrationWithoutMemoryIsLost)
+{
+    static std::atomic<unsigned> calls{0};
+    {
+        CaptureStdout refusal;
+        FailAllocation next(1);
+        bv_notifier_reg(3, [](void *, uint32_t) { calls++; });
+        EXPECT_TRUE(next.happened());
+    }
+    EXPECT_EQ(send(3, "x"), 0);
+    settle();
+    EXPECT_EQ(calls, 0u);
+}
+
+TEST_F(Notifier, TheLargestEventFillsOneAllocationAndLongerOnesAreRefused)
+{
+    static std::atomic<uint32_t> seen{0};
+    bv_notifier_reg(4, [](void *, uint32_t length) { seen = length; });
+    const uint32_t header = 2 * sizeof(void *) + 8;
+    const uint32_t largest = 1310720 - header - 1;
+    std::string text(largest + 1, 'e');
+    EXPECT_EQ(bv_notifier_send(4, text.data(), largest), 0);
+    settle();
+    EXPECT_EQ(seen, largest);
+
+    CaptureStdout refusal;
+    EXPECT_EQ(bv_notifier_send(4, text.data(), largest + 1), -1);
+    EXPECT_EQ(bv_notifier_send(4, text.data(), 0xffffffff), -1); // length + 1 is not 0
+    EXPECT_EQ(bv_notifier_send(4, nullptr, 0u - header), -1);    // nor is the sum 1
+}
+
+TEST_F(Notifier, ASignalToTheDispatchThreadLosesNothing)
+{
+    static std::atomic<pthread_t> dispatcher{};
+    static std::atomic<bool> known{false};
+    bv_notifier_reg(7, [](void *, uint32_t) {
+        dispatcher = pthread_self();
+        known = true;
+    });
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    send(7, "x");
+    ASSERT_TRUE(eventually([] { return known.load(); }));
+
+    bv_notifier_reg(7, first);
+    for (int i = 0; i < 20; i++) {
+        pthread_kill(dispatcher, SIGUSR1);
+        usleep(1000);
+    }
+    g_log.clear();
+    send(7, "alive");
+    EXPECT_EQ(settle(), (Lines{expected("first", "alive")}));
+}
+
+TEST_F(Notifier, EightThreadsEventsArriveOnceAndInEachThreadsOrder)
+{
+    constexpr uint32_t kThreads = 8, kEach = 5000;
+    struct Mark {
+        uint32_t thread, number;
+    };
+    static uint32_t next[kThreads];
+    static std::atomic<uint32_t> total{0}, wrong{0};
+    memset(next, 0, sizeof(next));
+    bv_notifier_reg(5, [](void *data, uint32_t length) {
+        if (length != sizeof(Mark))
+            return;
+        Mark mark;
+        memcpy(&mark, data, sizeof(mark));
+        wrong += mark.number != next[mark.thread]++;
+        total++;
+    });
+
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < kThreads; t++) {
+        threads.emplace_back([t] {
+            for (uint32_t n = 0; n < kEach; n++) {
+                const Mark mark = {t, n};
+                bv_notifier_send(5, &mark, sizeof(mark));
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_TRUE(eventually([] { return total == kThreads * kEach; }, 60000)) << total;
+    EXPECT_EQ(wrong, 0u);
+}
+
+TEST_F(Notifier, RegisteringWhileEventsFlowIsSeenWholeOrNotAtAll)
+{
+    static std::atomic<bool> done{false};
+    std::thread sender([] {
+        while (!done)
+            bv_notifier_send(2, "x", 1);
+    });
+    static std::atomic<uint32_t> calls{0};
+    for (int i = 0; i < 200; i++)
+        bv_notifier_reg(2, [](void *, uint32_t) { calls++; });
+    usleep(1000);
+    done = true;
+    sender.join();
+    g_log.clear();
+    settle();
+    calls = 0;
+    bv_notifier_send(2, "x", 1);
+    EXPECT_TRUE(eventually([] { return calls >= 200; }));
+    g_log.clear();
+    settle();
+    EXPECT_EQ(calls, 200u);
+}

@@ -1,0 +1,126 @@
+// What happens inside the queue's lock and what does not, seen from libc's side: the calls that
+// the library makes come through this program first.
+
+#include <bv/queue.h>
+
+#include <bv/status.h>
+
+#include "support/fault_points.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+bv_queue *g_watched;          // the queue whose lock is looked at, or null
+unsigned g_outside, g_inside; // calls seen while that lock was free, and while it was held
+
+// Counts a call on the side of the lock where it happens.
+void note_call()
+{
+    if (g_watched == nullptr)
+        return;
+    if (pthread_mutex_trylock(&g_watched->lock) != 0) {
+        g_inside++;
+        return;
+    }
+    pthread_mutex_unlock(&g_watched->lock);
+    g_outside++;
+}
+
+} // namespace
+
+BV_FAULT_POINT(pthread_mutex_init, int, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attr),
+               (mutex, attr), EAGAIN);
+BV_FAULT_POINT(pthread_mutex_destroy, int, (pthread_mutex_t * mutex), (mutex), EBUSY);
+
+extern "C" int memcpy_s(void *to, size_t size, const void *from, size_t count)
+{
+    note_call();
+    static const auto next = next_function<int(void *, size_t, const void *, size_t)>("memcpy_s");
+    return next(to, size, from, count);
+}
+
+extern "C" void watched_free(void *block) __asm__("free");
+extern "C" void watched_free(void *block)
+{
+    note_call();
+    static const auto next = next_function<void(void *)>("free");
+    next(block);
+}
+
+extern "C" void *watched_malloc(size_t size) __asm__("malloc");
+extern "C" void *watched_malloc(size_t size)
+{
+    note_call();
+    static const auto next = next_function<void *(size_t)>("malloc");
+    return next(size);
+}
+
+namespace {
+
+class QueueLock : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(bv_queue_init(&queue, 4), BV_OK); }
+    void TearDown() override { bv_queue_free(&queue); }
+
+    template <typename Call>
+    uint32_t watch(Call call)
+    {
+        g_outside = g_inside = 0;
+        g_watched = queue;
+        const uint32_t result = call();
+        g_watched = nullptr;
+        return result;
+    }
+
+    bv_queue *queue = nullptr;
+};
+
+} // namespace
+
+TEST_F(QueueLock, MessagesAreMadeAndCopiedInOutsideIt)
+{
+    EXPECT_EQ(watch([this] { return bv_queue_send(queue, "abc", 3); }), BV_OK);
+    EXPECT_EQ(g_inside, 0u);
+    EXPECT_EQ(g_outside, 2u) << "one allocation, one copy";
+
+    char buffer[3];
+    bv_queue_recv(queue, buffer, 3);
+}
+
+TEST_F(QueueLock, MessagesAreCopiedOutAndFreedOutsideIt)
+{
+    ASSERT_EQ(bv_queue_send(queue, "abc", 3), BV_OK);
+    char buffer[3];
+    EXPECT_EQ(watch([&] { return bv_queue_recv(queue, buffer, 3); }), BV_OK);
+    EXPECT_EQ(g_inside, 0u);
+    EXPECT_EQ(g_outside, 2u) << "one copy, one free";
+    EXPECT_EQ(memcmp(buffer, "abc", 3), 0);
+}
+
+TEST_F(QueueLock, IsFreeAfterEveryResult)
+{
+    char byte;
+    EXPECT_EQ(bv_queue_recv(queue, &byte, 1), BV_ERR_EMPTY);
+    EXPECT_EQ(pthread_mutex_trylock(&queue->lock), 0);
+    pthread_mutex_unlock(&queue->lock);
+
+    for (int i = 0; i < 4; i++)
+        EXPECT_EQ(bv_queue_send(queue, "m", 1), BV_OK);
+    EXPECT_EQ(bv_queue_send(queue, "m", 1), BV_ERR_FULL);
+    EXPECT_EQ(pthread_mutex_trylock(&queue->lock), 0);
+    pthread_mutex_unlock(&queue->lock);
+
+    for (int i = 0; i < 4; i++)
+        EXPECT_EQ(bv_queue_recv(queue, &byte, 1), BV_OK);
+}
+
+TEST_F(QueueLock, FreeMakesItAnewAndDoesNotDestroyIt)
+{
+    fault_pthread_mutex_init.pass();
+    fault_pthread_mutex_destroy.pass();
+    ASSERT_EQ(bv_queue_free(&queue), BV_OK);
+    EXPECT_EQ(fault_pthread_mutex_init.calls(), 1);
+    EXPECT_EQ(fault_pthread_mutex_destroy.calls(), 0);
+}

@@ -1,0 +1,111 @@
+// The delay is a select() without descriptors. It is recorded here at the libc boundary, so that
+// a delay of weeks can be looked at; without a recorder it is the real one.
+
+#include <bv/notifier.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/select.h>
+
+namespace {
+
+struct Recorded {
+    int nfds;
+    bool any_set;
+    timeval interval;
+    int calls;
+};
+Recorded *g_recorder;
+
+timeval delay(uint32_t ms)
+{
+    Recorded recorded = {};
+    g_recorder = &recorded;
+    bv_timer_set(ms);
+    g_recorder = nullptr;
+    EXPECT_EQ(recorded.calls, 1);
+    EXPECT_EQ(recorded.nfds, 0);
+    EXPECT_FALSE(recorded.any_set);
+    return recorded.interval;
+}
+
+void expect_delay(uint32_t ms, long seconds, long microseconds)
+{
+    const timeval interval = delay(ms);
+    EXPECT_EQ(static_cast<long>(interval.tv_sec), seconds) << ms << " ms";
+    EXPECT_EQ(static_cast<long>(interval.tv_usec), microseconds) << ms << " ms";
+}
+
+using Select = int (*)(int, fd_set *, fd_set *, fd_set *, timeval *);
+
+// libc's own. Where time_t is wider than a long, its name is another one.
+Select real_select()
+{
+    const bool renamed = sizeof(time_t) > sizeof(long);
+    for (const char *name : {"__select_time64", "__select64", "select"}) {
+        void *symbol = renamed || name[0] == 's' ? dlsym(RTLD_NEXT, name) : nullptr;
+        if (symbol != nullptr)
+            return reinterpret_cast<Select>(symbol);
+    }
+    abort();
+}
+
+void tick()
+{
+    ADD_FAILURE() << "a tick came";
+}
+
+} // namespace
+
+extern "C" int select(int nfds, fd_set *in, fd_set *out, fd_set *other, timeval *timeout)
+{
+    if (g_recorder == nullptr)
+        return real_select()(nfds, in, out, other, timeout);
+
+    g_recorder->calls++;
+    g_recorder->nfds = nfds;
+    g_recorder->any_set = in != nullptr || out != nullptr || other != nullptr;
+    g_recorder->interval = *timeout;
+    return 0;
+}
+
+TEST(TimerSet, SplitsMillisecondsIntoSecondsAndMicroseconds)
+{
+    expect_delay(0, 0, 0);
+    expect_delay(1, 0, 1000);
+    expect_delay(999, 0, 999000);
+    expect_delay(1000, 1, 0);
+    expect_delay(1500, 1, 500000);
+    expect_delay(4294967, 4294, 967000); // the last whose product fits 32 bits
+}
+
+TEST(TimerSet, AboveSeventyOneMinutesTheProductWrapsBeforeTheRemainder)
+{
+    expect_delay(4294968, 4294, 704);           // 4294968000 - 2^32 = 704
+    expect_delay(5000000, 5000, 32704);         // 705032704 mod 10^6
+    expect_delay(4294967295u, 4294967, 966296); // 2^32 - 1000 mod 10^6
+}
+
+TEST(TimerSet, ZeroReturnsAtOnce)
+{
+    bv_timer_set(0); // the real one: a wait without end would run into the time limit
+}
+
+TEST(TimerSet, ReallySleeps)
+{
+    const auto start = std::chrono::steady_clock::now();
+    bv_timer_set(30);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(29));
+}
+
+TEST(TimeTick, AcceptsEverythingAndDoesNothing)
+{
+    EXPECT_EQ(bv_time_tick_init(), 0);
+    bv_time_tick_reg(tick, 1);
+    bv_time_tick_set(tick, 1);
+    bv_time_tick_reg(nullptr, 0);
+    bv_time_tick_set(nullptr, 0xffffffff);
+    bv_timer_set(20); // time enough for a tick, if there were any
+}

@@ -1,12 +1,13 @@
 /**
  * @file bv.h
- * The whole interface of the library, and its version.
+ * Every header of the library, and its version.
  */
 #ifndef BV_BV_H
 #define BV_BV_H
 
-#include <bv/os.h> /* first: it sets up what its declarations need from libc's headers */
+#include <bv/os.h> /* first: it asks libc's headers for what the declarations need */
 
+#include <bv/aes.h>
 #include <bv/base.h>
 #include <bv/db.h>
 #include <bv/debug.h>
@@ -16,12 +17,19 @@
 #include <bv/notifier.h>
 #include <bv/queue.h>
 #include <bv/sftp.h>
+#include <bv/sha2.h>
 #include <bv/status.h>
 #include <bv/ubus.h>
 
-/** The interface version; the first number is also the shared object's. */
+/**
+ * @name Version of the interface
+ * The major number is also the shared object's: it changes when programs must be built anew. The
+ * minor one counts additions, the patch one mends.
+ * @{
+ */
 #define BV_VERSION_MAJOR 1
 #define BV_VERSION_MINOR 0
 #define BV_VERSION_PATCH 0
+/** @} */
 
 #endif

@@ -1,0 +1,456 @@
+#include <bv/debug.h>
+#include <bv/os.h>
+
+#include "support/capture.h"
+#include "support/fault_points.h"
+#include "support/faults.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <netinet/in.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+BV_FAULT_socket;
+BV_FAULT_close;
+
+namespace {
+
+// What the library handed to sendto() last.
+struct Sent {
+    int count;
+    int fd;
+    size_t length;
+    int flags;
+    sockaddr_in to;
+    socklen_t to_length;
+    std::string block; // 2048 bytes of what the datagram was in
+} g_sent;
+bool g_watch; // otherwise calls just go through
+
+using Bytes = std::string;
+
+// A collector on loopback.
+class Collector {
+public:
+    Collector()
+    {
+        fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        socklen_t length = sizeof address;
+        getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+    ~Collector() { close(fd_); }
+
+    bv_debug_cfg address() const { return {htonl(INADDR_LOOPBACK), port_, 0}; }
+
+    // What has arrived; loopback delivers before the send returns.
+    std::vector<Bytes> datagrams()
+    {
+        std::vector<Bytes> all;
+        char buffer[65536];
+        ssize_t got;
+        while ((got = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0)
+            all.emplace_back(buffer, static_cast<size_t>(got));
+        return all;
+    }
+
+private:
+    int fd_;
+    uint16_t port_;
+};
+
+Bytes hex(const char *text)
+{
+    Bytes bytes;
+    for (; *text != '\0'; text += text[2] == ' ' ? 3 : 2)
+        bytes += static_cast<char>(strtol(std::string(text, 2).c_str(), nullptr, 16));
+    return bytes;
+}
+
+// The channel started, all on, with a collector listening.
+class Channel : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(bv_debug_init(), 0);
+        bv_debug_cfg address = collector_.address();
+        ASSERT_EQ(bv_debug_set_cfg(&address), 0);
+    }
+    void on(uint32_t module, uint32_t level) { bv_debug_set_switch(module, level, 1); }
+
+    Collector collector_;
+};
+
+std::vector<Bytes> none()
+{
+    return {};
+}
+
+} // namespace
+
+extern "C" ssize_t sendto(int fd, const void *data, size_t length, int flags, const sockaddr *to,
+                          socklen_t to_length)
+{
+    if (g_watch) {
+        memcpy(&g_sent.to, to, sizeof g_sent.to);
+        g_sent = {g_sent.count + 1,
+                  fd,
+                  length,
+                  flags,
+                  g_sent.to,
+                  to_length,
+                  Bytes(static_cast<const char *>(data), 2048)};
+        return static_cast<ssize_t>(length);
+    }
+    return next_function<ssize_t(int, const void *, size_t, int, const sockaddr *, socklen_t)>(
+        "sendto")(fd, data, length, flags, to, to_length);
+}
+
+TEST(DebugDestination, IsTheDefaultAfterInit)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    uint8_t record[8];
+    EXPECT_EQ(bv_debug_get_cfg(record, sizeof record), 0);
+    bv_debug_cfg expected = {0xC0A80A0A, 5344, 7364}; // the machine's own order throughout
+    EXPECT_EQ(memcmp(record, &expected, 8), 0);
+    if (htonl(1) != 1) {
+        EXPECT_EQ(Bytes(reinterpret_cast<char *>(record), 8), hex("0A 0A A8 C0 E0 14 C4 1C"));
+    }
+}
+
+TEST(DebugDestination, TheDefaultIsUsedUnconverted)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    g_watch = true;
+    bv_debug_header header = {};
+    EXPECT_EQ(bv_debug_sendmsg(&header, "x", 1), 11);
+    EXPECT_EQ(g_sent.to.sin_family, AF_INET);
+    EXPECT_EQ(g_sent.to.sin_addr.s_addr, 0xC0A80A0Au);
+    EXPECT_EQ(g_sent.to.sin_port, htons(5344));
+    EXPECT_EQ(g_sent.to_length, 16u);
+    EXPECT_EQ(g_sent.flags, 0);
+    if (htonl(1) != 1) {
+        EXPECT_STREQ(inet_ntoa(g_sent.to.sin_addr), "10.10.168.192");
+    }
+}
+
+TEST(DebugDestination, IsCopiedInAndOutWhole)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    const uint8_t record[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(bv_debug_set_cfg(record), 0);
+    uint8_t out[10];
+    memset(out, '.', sizeof out);
+    EXPECT_EQ(bv_debug_get_cfg(out, sizeof out), 0);
+    EXPECT_EQ(memcmp(out, record, 8), 0);
+    EXPECT_EQ(memcmp(out + 8, "..", 2), 0); // what is behind is not touched
+}
+
+TEST(DebugDestination, ABufferTooSmallIsClearedWithoutAFailure)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    char out[8];
+    memset(out, '.', sizeof out);
+    EXPECT_EQ(bv_debug_get_cfg(out, 7), 0);
+    EXPECT_EQ(memcmp(out, "\0\0\0\0\0\0\0.", 8), 0);
+    EXPECT_EQ(bv_debug_get_cfg(out, 0), 0);
+    EXPECT_EQ(bv_debug_get_cfg(nullptr, 8), 0);
+}
+
+TEST(DebugDestination, IsEmptyBeforeInit)
+{
+    uint8_t out[8];
+    EXPECT_EQ(bv_debug_get_cfg(out, 8), 0);
+    EXPECT_EQ(memcmp(out, "\0\0\0\0\0\0\0\0", 8), 0);
+}
+
+TEST(DebugDestination, NullIsAllZero)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    EXPECT_EQ(bv_debug_set_cfg(nullptr), 0);
+    uint8_t out[8];
+    bv_debug_get_cfg(out, 8);
+    EXPECT_EQ(memcmp(out, "\0\0\0\0\0\0\0\0", 8), 0);
+}
+
+TEST(DebugSocket, SetCfgBeforeInitClosesDescriptorZero)
+{
+    int spare = dup(0); // whatever it is, there is one to close
+    ASSERT_NE(fcntl(0, F_GETFD) == -1 ? dup2(spare == -1 ? 1 : spare, 0) : 0, -1);
+    bv_debug_cfg record = {htonl(INADDR_LOOPBACK), 9, 0};
+    fault_socket.fail_next(1, EMFILE); // or the new socket would take the place
+    EXPECT_EQ(bv_debug_set_cfg(&record), 0);
+    EXPECT_EQ(fault_socket.calls(), 1);
+    EXPECT_EQ(fcntl(0, F_GETFD), -1);
+}
+
+TEST(DebugSocket, EverySetCfgReplacesIt)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    std::vector<int> before = open_descriptors();
+    bv_debug_cfg record = {htonl(INADDR_LOOPBACK), 9, 0};
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(bv_debug_set_cfg(&record), 0);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(DebugSocket, ASecondInitLeavesTheFirstOneOpen)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    size_t before = open_descriptors().size();
+    ASSERT_EQ(bv_debug_init(), 0);
+    EXPECT_EQ(open_descriptors().size(), before + 1);
+}
+
+TEST(DebugSocket, IsADatagramSocketThatIsNeitherBoundNorConnected)
+{
+    ASSERT_EQ(bv_debug_init(), 0);
+    g_watch = true;
+    bv_debug_header header = {};
+    bv_debug_sendmsg(&header, "", 0);
+    int type = 0;
+    socklen_t length = sizeof type;
+    ASSERT_EQ(getsockopt(g_sent.fd, SOL_SOCKET, SO_TYPE, &type, &length), 0);
+    EXPECT_EQ(type, SOCK_DGRAM);
+    sockaddr_in address = {};
+    length = sizeof address;
+    ASSERT_EQ(getsockname(g_sent.fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    EXPECT_EQ(address.sin_port, 0);
+    EXPECT_EQ(getpeername(g_sent.fd, reinterpret_cast<sockaddr *>(&address), &length), -1);
+}
+
+TEST(DebugSocket, WithoutOneSendsFailSilently)
+{
+    fault_socket.fail_next(1, EMFILE);
+    CaptureStdout output;
+    EXPECT_EQ(bv_debug_init(), 0);
+    bv_debug_header header = {};
+    EXPECT_EQ(bv_debug_sendmsg(&header, "x", 1), -1);
+    bv_debug_set_switch(1, 1, 1);
+    bv_debug_remote(0, 0, 1, 1, "x");
+
+    fault_close.pass();
+    bv_debug_cfg record = {htonl(INADDR_LOOPBACK), 9, 0};
+    EXPECT_EQ(bv_debug_set_cfg(&record), 0); // has nothing to close, and opens one
+    EXPECT_EQ(fault_close.calls(), 0);
+    EXPECT_EQ(bv_debug_sendmsg(&header, "x", 1), 11);
+    EXPECT_EQ(output.stop(), "");
+}
+
+TEST(DebugSocket, BeforeInitMessagesAreSentToDescriptorZero)
+{
+    g_watch = true;
+    bv_debug_remote(1, 2, 3, 4, "%s", "early");
+    EXPECT_EQ(g_sent.count, 1);
+    EXPECT_EQ(g_sent.fd, 0);
+    EXPECT_EQ(g_sent.length, 15u);
+    EXPECT_EQ(g_sent.to.sin_addr.s_addr, 0u);
+}
+
+TEST_F(Channel, AMessageIsThisDatagram)
+{
+    on(2, 3);
+    bv_debug_remote(0x25, 0x1234, 2, 3, "%c%s", 'a', "bc");
+    EXPECT_EQ(collector_.datagrams(),
+              std::vector<Bytes>{hex("05 03 00 02 00 0D 12 34 00 07 61 62 63")});
+}
+
+TEST_F(Channel, AnyNumberOfArgumentsIsFormatted)
+{
+    on(1, 0);
+    bv_debug_remote(0, 0, 1, 0, "%d %.2f %s %ld %c %5.1f %u", -1, 2.5, "three", 4L, '5', 6.0, 7u);
+    std::vector<Bytes> all = collector_.datagrams();
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].substr(10), "-1 2.50 three 4 5   6.0 7");
+}
+
+TEST_F(Channel, TheModulesOwnSwitchOrTheGlobalOneLetsAMessageOut)
+{
+    bv_debug_remote(0, 0, 4, 7, "off");
+    EXPECT_EQ(collector_.datagrams(), none());
+
+    on(0, 7);
+    bv_debug_remote(0, 0, 4, 6, "other level");
+    EXPECT_EQ(collector_.datagrams(), none());
+    bv_debug_remote(0, 0, 4, 7, "global");
+    EXPECT_EQ(collector_.datagrams().size(), 1u);
+
+    on(5, 1);
+    bv_debug_remote(0, 0, 4, 1, "other module");
+    EXPECT_EQ(collector_.datagrams(), none());
+    bv_debug_remote(0, 0, 5, 1, "own");
+    EXPECT_EQ(collector_.datagrams().size(), 1u);
+    bv_debug_set_switch(5, 1, 0);
+    bv_debug_remote(0, 0, 5, 1, "off again");
+    EXPECT_EQ(collector_.datagrams(), none());
+}
+
+TEST_F(Channel, AMessageThatIsOffIsNeitherFormattedNorAllocated)
+{
+    char text[] = "x";
+    FailAllocation next(1);
+    bv_debug_remote(0, 0, 4, 7, "%s", text);
+    bv_debug_remote(0, 0, 4, 7, "%s", reinterpret_cast<const char *>(uintptr_t{1}));
+    EXPECT_FALSE(next.happened());
+}
+
+TEST_F(Channel, ArgumentsAreCutToTheirWidthsBeforeTheSwitchIsLookedUp)
+{
+    on(2, 3);
+    bv_debug_remote(0xffffffe5, 0xabcd1234, 0x10002, 0x103, "x");
+    EXPECT_EQ(collector_.datagrams(), std::vector<Bytes>{hex("05 03 00 02 00 0B 12 34 00 05 78")});
+}
+
+TEST_F(Channel, ATextOf255CharactersFits)
+{
+    on(1, 1);
+    std::string text(255, 't');
+    bv_debug_remote(0, 0, 1, 1, "%s", text.c_str());
+    EXPECT_EQ(collector_.datagrams(),
+              std::vector<Bytes>{hex("00 01 00 01 01 09 00 00 01 03") + text});
+}
+
+TEST_F(Channel, ALongerTextLeavesAsAnEmptyOne)
+{
+    on(1, 1);
+    for (size_t length : {256, 257, 5000})
+        bv_debug_remote(0x1f, 7, 1, 1, "%s", std::string(length, 't').c_str());
+    EXPECT_EQ(collector_.datagrams(), std::vector<Bytes>(3, hex("1F 01 00 01 00 0A 00 07 00 04")));
+}
+
+TEST_F(Channel, TheTextEndsAtItsFirstZeroByte)
+{
+    on(1, 1);
+    bv_debug_remote(0, 0, 1, 1, "ab%cd", 0);
+    EXPECT_EQ(collector_.datagrams(),
+              std::vector<Bytes>{hex("00 01 00 01 00 0C 00 00 00 06 61 62")});
+}
+
+TEST_F(Channel, ARefusedDirectiveLeavesAnEmptyText)
+{
+    on(1, 1);
+    const char *volatile format = "ab%m";
+    bv_debug_remote(0, 0, 1, 1, format);
+    EXPECT_EQ(collector_.datagrams(), std::vector<Bytes>{hex("00 01 00 01 00 0A 00 00 00 04")});
+}
+
+TEST_F(Channel, OutOfRangeNumbersDoNotReachOutOfTheTable)
+{
+    bv_debug_remote(0, 0, 65535, 255, "x");
+    bv_debug_remote(0, 0, 10, 0, "x");
+    EXPECT_EQ(collector_.datagrams(), none());
+}
+
+TEST_F(Channel, SendmsgSendsTheBytesAsTheyAreAndTellsHowMany)
+{
+    bv_debug_header header = {};
+    header.reserved0 = header.reserved1 = 0xff;
+    header.reserved2 = 0xffff;
+    header.level = 0xab;
+    header.module = 0x1234;
+    header.category = 0xff;
+    header.tag = 0x5678;
+    EXPECT_EQ(bv_debug_sendmsg(&header, "a\0b", 3), 13);
+    EXPECT_EQ(collector_.datagrams(),
+              std::vector<Bytes>{hex("1F AB 12 34 00 0D 56 78 00 07 61 00 62")});
+    EXPECT_EQ(bv_debug_sendmsg(&header, nullptr, 0), 10);
+    EXPECT_EQ(collector_.datagrams(), std::vector<Bytes>{hex("1F AB 12 34 00 0A 56 78 00 04")});
+}
+
+TEST_F(Channel, SendmsgDoesNotAskTheSwitches)
+{
+    bv_debug_header header = {};
+    EXPECT_EQ(bv_debug_sendmsg(&header, "x", 1), 11);
+    EXPECT_EQ(collector_.datagrams().size(), 1u);
+}
+
+TEST_F(Channel, LargeMessagesTravelUpToWhatADatagramHolds)
+{
+    std::string text(65535, 't');
+    bv_debug_header header = {};
+    for (uint16_t length : {2037, 2038, 2039, 65497}) {
+        EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), length), length + 10);
+        std::vector<Bytes> all = collector_.datagrams();
+        ASSERT_EQ(all.size(), 1u) << length;
+        EXPECT_EQ(all[0].substr(10), text.substr(0, length));
+    }
+    EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), 65498), -1);
+}
+
+TEST_F(Channel, LengthsWrapAt65536AndTheDatagramWithThem)
+{
+    std::string text(65535, 't');
+    bv_debug_header header = {};
+    EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), 65526), 0);
+    EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), 65532), 6);
+    EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), 65535), 9);
+    EXPECT_EQ(collector_.datagrams(), (std::vector<Bytes>{"", hex("00 00 00 00 00 06"),
+                                                          hex("00 00 00 00 00 09 00 00 00")}));
+}
+
+TEST_F(Channel, TheBlockIsClearedWholeAndAtLeast2048Bytes)
+{
+    void *dirty = malloc(2048); // the allocator hands it out again, as it is now
+    memset(dirty, 'd', 2048);
+    free(dirty);
+    bv_debug_header header = {};
+    g_watch = true;
+    EXPECT_EQ(bv_debug_sendmsg(&header, "x", 1), 11);
+    EXPECT_EQ(g_sent.length, 11u);
+    EXPECT_EQ(g_sent.block.substr(11), Bytes(2037, '\0'));
+}
+
+TEST_F(Channel, NoMemoryIsMinusOneAndNothingIsSent)
+{
+    on(1, 1);
+    bv_os_printf("%s", "");
+    CaptureStdout output;
+    bv_debug_header header = {};
+    int32_t result;
+    {
+        FailAllocation next(1);
+        result = bv_debug_sendmsg(&header, "x", 1);
+    }
+    {
+        FailAllocation next(1);
+        bv_debug_remote(0, 0, 1, 1, "x");
+    }
+    EXPECT_EQ(output.stop(), "malloc fail\nmalloc fail\n");
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(collector_.datagrams(), none());
+}
+
+TEST_F(Channel, ANullHeaderSendsNothing)
+{
+    EXPECT_EQ(bv_debug_sendmsg(nullptr, "x", 1), -1);
+    EXPECT_EQ(collector_.datagrams(), none());
+}
+
+TEST_F(Channel, ThreadsSendAtTheSameTime)
+{
+    on(0, 1);
+    std::vector<std::thread> threads;
+    for (unsigned module = 1; module <= 4; ++module)
+        threads.emplace_back([module] {
+            for (int i = 0; i < 50; ++i)
+                bv_debug_remote(0, 0, module, 1, "%u%u%u", module, module, module);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    std::vector<Bytes> all = collector_.datagrams();
+    EXPECT_EQ(all.size(), 200u);
+    for (const Bytes &datagram : all) {
+        ASSERT_EQ(datagram.size(), 13u);
+        EXPECT_EQ(datagram.substr(10), Bytes(3, static_cast<char>('0' + datagram[3])));
+    }
+}

@@ -1,0 +1,112 @@
+#include <bv/db.h>
+#include <bv/debug.h>
+#include <bv/notifier.h>
+#include <bv/os.h>
+
+#include "support/capture.h"
+#include "support/fault_points.h"
+#include "support/faults.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+BV_FAULT_socket;
+
+namespace {
+
+std::atomic<int> g_delivered{0};
+
+void count_event(void *, uint32_t)
+{
+    ++g_delivered;
+}
+
+// Whether a posted event reaches its callback, which needs the dispatch thread.
+bool notifier_runs()
+{
+    int before = g_delivered;
+    bv_notifier_reg(5, count_event);
+    bv_notifier_send(5, "x", 1);
+    return eventually([before] { return g_delivered > before; });
+}
+
+int32_t start_without_database_table()
+{
+    bv_os_printf("%s", ""); // standard output has its buffer from here on
+    CaptureStdout quiet;
+    FailAllocation second(2); // the first is the switch table
+    int32_t result = bv_libraries_init();
+    EXPECT_TRUE(second.happened());
+    return result;
+}
+
+} // namespace
+
+TEST(StartUp, BringsUpEveryFacility)
+{
+    EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_EQ(bv_debug_get_switch(3, 5), 0); // the switch table is there
+    EXPECT_NE(g_st_db_mng.table, nullptr);   // and the database's
+    EXPECT_EQ(bv_db_reg_user("family"), BV_OK);
+    EXPECT_TRUE(notifier_runs());
+    EXPECT_EQ(bv_time_tick_init(), 0);
+}
+
+TEST(StartUp, PrintsNothing)
+{
+    CaptureStdout output;
+    bv_libraries_init();
+    EXPECT_EQ(output.stop(), "");
+}
+
+TEST(StartUp, TheFailureOfOneIsTheResultAndStopsNoneOfTheOthers)
+{
+    EXPECT_EQ(start_without_database_table(), BV_ERR_MEMORY);
+    EXPECT_EQ(bv_debug_get_switch(3, 5), 0);
+    EXPECT_EQ(g_st_db_mng.table, nullptr);
+    EXPECT_TRUE(notifier_runs());
+}
+
+TEST(StartUp, CanBeRepeatedAfterAFailure)
+{
+    EXPECT_EQ(start_without_database_table(), BV_ERR_MEMORY);
+    EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_NE(g_st_db_mng.table, nullptr);
+    EXPECT_TRUE(notifier_runs());
+}
+
+TEST(StartUp, WithoutAnySocketsItStillSucceeds)
+{
+    fault_socket.fail_always(EMFILE);
+    EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_GE(fault_socket.calls(), 1);
+    fault_socket.pass();
+    EXPECT_TRUE(notifier_runs());
+}
+
+TEST(StartUp, TwiceStartsDebuggingAndTheDatabaseAfresh)
+{
+    ASSERT_EQ(bv_libraries_init(), 0);
+    bv_debug_set_switch(4, 2, 1);
+    ASSERT_NE(bv_db_hash_add("family"), nullptr);
+    size_t threads = thread_count();
+
+    EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_EQ(bv_debug_get_switch(4, 2), 0);
+    EXPECT_EQ(bv_db_hash_find("family"), nullptr);
+    EXPECT_EQ(thread_count(), threads); // one dispatcher, never two over one list
+    EXPECT_TRUE(notifier_runs());
+}
+
+TEST(StartUp, TwiceKeepsRegistrations)
+{
+    ASSERT_EQ(bv_libraries_init(), 0);
+    bv_notifier_reg(7, count_event);
+    ASSERT_EQ(bv_libraries_init(), 0);
+    bv_notifier_send(7, "x", 1);
+    EXPECT_TRUE(eventually([] { return g_delivered == 1; }));
+}

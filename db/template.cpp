@@ -103,6 +103,17 @@ int32_t sum_of_lengths(const bv_db_family &family)
     return sum;
 }
 
+// A copy of the working image that holds the defaults for the rest of the family's life, and
+// beyond: no one frees it.
+uint8_t *make_default_image(const bv_db_family &family)
+{
+    uint8_t *image = bv::make_image(family.image_size);
+    if (image != nullptr)
+        bv_os_memcpy(image, bv::image_allocation(family.image_size), family.working_image,
+                     static_cast<uint32_t>(family.image_size));
+    return image;
+}
+
 // Both images, holding the defaults. Either both are there afterwards, or the family has no
 // parameters.
 int32_t make_images(bv_db_family &family)
@@ -112,16 +123,14 @@ int32_t make_images(bv_db_family &family)
         return BV_OK;
 
     family.working_image = bv::make_image(family.image_size);
-    if (family.working_image != nullptr)
-        family.default_image = bv::make_image(family.image_size);
+    if (family.working_image != nullptr) {
+        bv_db_user_fill_tomem(&family, 0);
+        family.default_image = make_default_image(family);
+    }
     if (family.default_image == nullptr) {
         bv::release_contents(family);
         return BV_ERR_MEMORY;
     }
-
-    bv_db_user_fill_tomem(&family, 0);
-    bv_os_memcpy(family.default_image, bv::image_allocation(family.image_size),
-                 family.working_image, static_cast<uint32_t>(family.image_size));
     return BV_OK;
 }
 

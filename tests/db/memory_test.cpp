@@ -1,0 +1,246 @@
+// Each allocation of the database refused in turn: early return, nothing half done, and the same
+// call works afterwards.
+//
+// The JSON parser underneath does not survive a refusal of its own, so files are parsed
+// beforehand here: the library then gets the finished tree, and all that is refused is its own.
+
+#include "db/database.h"
+
+#include "support/faults.h"
+
+#include <json-c/json.h>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kTableSize = 3 * 3084;
+constexpr size_t kLanAllocation = 64;
+constexpr char kLanPath[] = "/etc/template/lan.json";
+
+struct Parsed {
+    const char *path;
+    json_object *tree;
+};
+Parsed g_parsed[] = {{kLanPath, nullptr}, {kUserFile, nullptr}};
+
+json_object *parse(const char *path)
+{
+    auto real =
+        reinterpret_cast<json_object *(*)(const char *)>(dlsym(RTLD_NEXT, "json_object_from_file"));
+    return real(path);
+}
+
+void parse_beforehand()
+{
+    for (Parsed &file : g_parsed)
+        file.tree = parse(file.path);
+}
+
+class DbMemory : public Db {
+protected:
+    void expect_no_parameters() const
+    {
+        EXPECT_EQ(family->image_size, 0);
+        EXPECT_EQ(family->para_count, 0);
+        EXPECT_EQ(family->para, nullptr);
+        EXPECT_EQ(family->default_image, nullptr);
+        EXPECT_EQ(family->working_image, nullptr);
+    }
+
+    int read_lan() { return bv_db_template_read_single(kLanPath, family); }
+
+    bv_db_family *family = nullptr;
+};
+
+// Calls action() with the first, second ... allocation refused until none is; afterwards() sees
+// the result of each refusal. Returns how many there were.
+template <typename Action, typename Afterwards>
+int refuse_each(Action action, Afterwards afterwards)
+{
+    for (unsigned n = 1;; ++n) {
+        SCOPED_TRACE(n);
+        int status;
+        bool refused;
+        {
+            FailAllocation nth(n);
+            status = action();
+            refused = nth.happened();
+        }
+        if (!refused)
+            return static_cast<int>(n) - 1;
+        afterwards(status);
+    }
+}
+
+TEST(DbMemoryAtInit, WithoutATableInitFailsAndCallsAreHarmless)
+{
+    int refused = refuse_each(bv_db_init, [](int status) {
+        EXPECT_EQ(status, BV_ERR_MEMORY);
+        EXPECT_EQ(g_st_db_mng.table, nullptr);
+        EXPECT_EQ(bv_db_reg_user("lan"), BV_OK);
+        EXPECT_EQ(bv_db_hash_find("lan"), nullptr);
+        EXPECT_EQ(bv_db_hash_add("lan"), nullptr);
+        EXPECT_EQ(bv_db_start(), BV_OK);
+        EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    });
+    EXPECT_EQ(refused, 2);
+}
+
+TEST_F(DbMemory, ARegistrationRefusedIsNotLinked)
+{
+    for (auto reg : {bv_db_reg_user, bv_db_reg_private, bv_db_reg_factory}) {
+        int refused = refuse_each([&] { return reg("lan"); },
+                                  [](int status) { EXPECT_EQ(status, BV_ERR_MEMORY); });
+        EXPECT_EQ(refused, 1);
+    }
+    EXPECT_EQ(names(g_st_db_mng.user_list), std::vector<std::string>{"lan"});
+}
+
+TEST_F(DbMemory, AFamilyRefusedIsNotLinked)
+{
+    int refused = refuse_each([] { return bv_db_hash_add("lan") == nullptr ? -1 : 0; },
+                              [](int status) {
+                                  EXPECT_EQ(status, -1);
+                                  EXPECT_EQ(g_st_db_mng.family_list.next, &g_st_db_mng.family_list);
+                                  EXPECT_EQ(bv_db_hash_find("lan"), nullptr);
+                              });
+    EXPECT_EQ(refused, 3);
+    EXPECT_NE(bv_db_hash_find("lan"), nullptr);
+}
+
+TEST_F(DbMemory, ATemplateWithoutTableOrImagesLeavesNoParameters)
+{
+    install("lan.json", kLan);
+    family = bv_db_hash_add("lan.json");
+    {
+        FailAllocationsOfSize table(kTableSize);
+        EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
+        EXPECT_EQ(table.happened(), 1u);
+    }
+    expect_no_parameters();
+    {
+        FailAllocationsOfSize image(kLanAllocation);
+        EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
+        EXPECT_GE(image.happened(), 1u);
+    }
+    expect_no_parameters();
+    EXPECT_EQ(bv_db_inst_getnum("lan.json"), 0);
+    uint8_t buf[38] = {9};
+    EXPECT_EQ(bv_db_read("lan.json", buf, sizeof buf, 1), BV_OK);
+    EXPECT_EQ(buf[0], 9) << "no image to copy";
+
+    EXPECT_EQ(read_lan(), BV_OK);
+    EXPECT_EQ(family->image_size, 38);
+}
+
+TEST_F(DbMemory, EveryRefusalDuringATemplateLeavesItWholeOrEmpty)
+{
+    install("lan.json", kLan);
+    family = bv_db_hash_add("lan.json");
+    parse_beforehand();
+    int refused = refuse_each([&] { return read_lan(); },
+                              [&](int status) {
+                                  EXPECT_EQ(status, BV_ERR_MEMORY);
+                                  expect_no_parameters();
+                                  EXPECT_STREQ(family->getfunc, "get");
+                              });
+    EXPECT_EQ(refused, 3) << "the table and the two images";
+    EXPECT_EQ(family->image_size, 38);
+}
+
+TEST_F(DbMemory, ARefusalWhileReadingAgainLeavesTheFamilyEmpty)
+{
+    install("lan.json", kLan);
+    family = bv_db_hash_add("lan.json");
+    parse_beforehand();
+    for (unsigned n = 1; n <= 3; ++n) {
+        ASSERT_EQ(read_lan(), BV_OK);
+        add_instance(family, 1, {"10.0.0.1", "9000", "a"});
+        FailAllocation nth(n);
+        EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
+        expect_no_parameters();
+        EXPECT_EQ(bv_db_inst_getnum("lan.json"), 0);
+    }
+}
+
+TEST_F(DbMemory, AnInstanceRefusedIsNotLinked)
+{
+    bv_db_family *lan = user_family("lan.json", kLan);
+    Bytes image(38, 1);
+    int refused = refuse_each([&] { return bv_db_inst_add("lan.json", image.data(), 38, 4); },
+                              [&](int status) {
+                                  EXPECT_EQ(status, BV_ERR_MEMORY);
+                                  EXPECT_EQ(numbers(lan), std::vector<int>{});
+                                  EXPECT_EQ(lan->inst_count, 0);
+                                  EXPECT_EQ(lan->inst_max, 0);
+                              });
+    EXPECT_EQ(refused, 2);
+    EXPECT_EQ(image_of(lan, 4), image);
+}
+
+TEST_F(DbMemory, AnInstanceOfNothingNeedsOneAllocation)
+{
+    bv_db_hash_add("bare");
+    EXPECT_EQ(refuse_each([] { return bv_db_inst_add("bare", nullptr, 0, 1); },
+                          [](int status) { EXPECT_EQ(status, BV_ERR_MEMORY); }),
+              1);
+}
+
+TEST_F(DbMemory, AWriteWithoutBufferKeepsTheFile)
+{
+    user_family("lan.json", kLan);
+    put_file(kUserFile, "as it was");
+    {
+        FailAllocation buffer(1);
+        EXPECT_EQ(bv_db_user_write(&g_st_db_mng.user_list, kUserFile), BV_ERR_MEMORY);
+    }
+    EXPECT_EQ(file_text(kUserFile), "as it was");
+    {
+        FailAllocation buffer(1);
+        EXPECT_EQ(bv_db_user_write(&g_st_db_mng.user_list, kPrivateFile), BV_ERR_MEMORY);
+    }
+    EXPECT_NE(access(kPrivateFile, F_OK), 0);
+    int refused =
+        refuse_each([] { return bv_db_user_write(&g_st_db_mng.user_list, kUserFile); }, [](int) {});
+    EXPECT_GE(refused, 2);
+    EXPECT_EQ(file_text(kUserFile).substr(0, 13), "{\n\t\"lan.json\"");
+}
+
+TEST_F(DbMemory, ReadsNeedNone)
+{
+    bv_db_family *lan = user_family("lan.json", kLan);
+    add_instance(lan, 1, {"10.0.0.1", "9000", "a"});
+    uint8_t buf[38];
+    EXPECT_EQ(refuse_each([&] { return bv_db_read("lan.json", buf, sizeof buf, 1); }, [](int) {}),
+              0);
+    EXPECT_EQ(refuse_each([&] { return bv_db_write("lan.json", buf, sizeof buf, 1); }, [](int) {}),
+              0);
+}
+
+TEST_F(DbMemory, EveryRefusalDuringAStartIsSurvived)
+{
+    install("lan.json", kLan);
+    bv_db_reg_user(kLanPath);
+    put_file(kUserFile, R"({"/etc/template/lan.json":[{"inst":"1","para":{"mtu":"9000"}},
+                                                       {"inst":"2","para":{"mtu":"1400"}}]})");
+    parse_beforehand();
+    int refused = refuse_each(bv_db_start, [](int status) {
+        EXPECT_EQ(status, BV_OK);
+        EXPECT_LT(bv_db_inst_getnum(kLanPath), 2);
+        EXPECT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/tmp/walk"), BV_OK);
+    });
+    EXPECT_EQ(refused, 3 + 3 + 4) << "the family, its template, two instances";
+    EXPECT_EQ(numbers(bv_db_hash_find(kLanPath)), (std::vector<int>{1, 2}));
+}
+
+} // namespace
+
+extern "C" json_object *json_object_from_file(const char *path)
+{
+    for (const Parsed &file : g_parsed)
+        if (file.tree != nullptr && strcmp(path, file.path) == 0)
+            return json_object_get(file.tree);
+    return parse(path);
+}

@@ -1,0 +1,219 @@
+#include "db/database.h"
+
+#include <bv/hash.h>
+
+#include <cstddef>
+
+namespace {
+
+class DbRegistry : public Db {};
+
+using Names = std::vector<std::string>;
+
+bool is_empty(const bv_list_head &list)
+{
+    return list.next == &list && list.prev == &list;
+}
+
+Names families()
+{
+    Names out;
+    bv_list_head &list = g_st_db_mng.family_list;
+    for (bv_list_head *link = list.next; link != &list; link = link->next)
+        out.push_back(reinterpret_cast<bv_db_family *>(reinterpret_cast<char *>(link) -
+                                                       offsetof(bv_db_family, link))
+                          ->name);
+    return out;
+}
+
+TEST(DbRegistryBeforeInit, FindsNothingAndFreesNothing)
+{
+    EXPECT_EQ(bv_db_hash_find("lan"), nullptr);
+    EXPECT_EQ(bv_db_hash_add("lan"), nullptr);
+    EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    EXPECT_EQ(bv_db_inst_getnum("lan"), 0);
+    EXPECT_EQ(bv_db_status(), 0);
+}
+
+TEST(DbRegistryRecords, HaveTheLayoutThatCallersCompileAgainst)
+{
+    EXPECT_EQ(sizeof(bv_db_para), 3084u);
+    EXPECT_EQ(offsetof(bv_db_para, len), 8u);
+    EXPECT_EQ(offsetof(bv_db_para, value), 2060u);
+    EXPECT_EQ(offsetof(bv_db_family, para_count), 12u);
+    EXPECT_EQ(offsetof(bv_db_family, setfunc), 2064u);
+    size_t pointers = sizeof(void *) - 4; // what a pointer has more than on the gateway
+    EXPECT_EQ(sizeof(bv_db_family), 3116u + 7 * pointers);
+    EXPECT_EQ(sizeof(bv_db_reg), 1032u + 2 * pointers);
+    EXPECT_EQ(sizeof(bv_db_mng), 40u + 9 * pointers + pointers);
+}
+
+TEST_F(DbRegistry, InitLeavesEmptyListsAndAnEmptyTable)
+{
+    EXPECT_TRUE(is_empty(g_st_db_mng.user_list));
+    EXPECT_TRUE(is_empty(g_st_db_mng.private_list));
+    EXPECT_TRUE(is_empty(g_st_db_mng.factory_list));
+    EXPECT_TRUE(is_empty(g_st_db_mng.family_list));
+    EXPECT_EQ(g_st_db_mng.ready, 0u);
+    ASSERT_NE(g_st_db_mng.table, nullptr);
+    EXPECT_EQ(g_st_db_mng.table->hashsize, 2048u);
+    EXPECT_EQ(g_st_db_mng.table->keysize, 1024u);
+    EXPECT_EQ(g_st_db_mng.table->datasize, sizeof(bv_db_family));
+    EXPECT_EQ(g_st_db_mng.table->currnum, 0u);
+}
+
+TEST_F(DbRegistry, ASecondInitStartsAfresh)
+{
+    bv_db_reg_user("lan");
+    bv_db_hash_add("lan");
+    bv_db_ready();
+    bv_hash *first = g_st_db_mng.table;
+
+    EXPECT_EQ(bv_db_init(), BV_OK);
+    EXPECT_NE(g_st_db_mng.table, first);
+    EXPECT_TRUE(is_empty(g_st_db_mng.user_list));
+    EXPECT_TRUE(is_empty(g_st_db_mng.family_list));
+    EXPECT_EQ(bv_db_status(), 0);
+    EXPECT_EQ(bv_db_hash_find("lan"), nullptr);
+}
+
+TEST_F(DbRegistry, EachListKeepsItsNamesInOrder)
+{
+    EXPECT_EQ(bv_db_reg_user("lan"), BV_OK);
+    EXPECT_EQ(bv_db_reg_user("dhcp"), BV_OK);
+    EXPECT_EQ(bv_db_reg_private("keys"), BV_OK);
+    EXPECT_EQ(bv_db_reg_factory("board"), BV_OK);
+    EXPECT_EQ(bv_db_reg_user("acl"), BV_OK);
+    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"lan", "dhcp", "acl"}));
+    EXPECT_EQ(names(g_st_db_mng.private_list), (Names{"keys"}));
+    EXPECT_EQ(names(g_st_db_mng.factory_list), (Names{"board"}));
+}
+
+TEST_F(DbRegistry, ANameIsRefusedTwiceInOneListOnly)
+{
+    for (auto reg : {bv_db_reg_user, bv_db_reg_private, bv_db_reg_factory}) {
+        EXPECT_EQ(reg("a"), BV_OK);
+        EXPECT_EQ(reg("a"), BV_ERR_EXISTS);
+        EXPECT_EQ(reg("A"), BV_OK) << "names are compared exactly";
+    }
+    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"a", "A"}));
+    EXPECT_EQ(names(g_st_db_mng.private_list), (Names{"a", "A"}));
+    EXPECT_EQ(names(g_st_db_mng.factory_list), (Names{"a", "A"}));
+}
+
+TEST_F(DbRegistry, NamesAreCopied)
+{
+    char name[] = "lan";
+    bv_db_reg_user(name);
+    bv_db_hash_add(name);
+    name[0] = 'w';
+    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"lan"}));
+    EXPECT_NE(bv_db_hash_find("lan"), nullptr);
+}
+
+TEST_F(DbRegistry, ANullNameIsRefused)
+{
+    EXPECT_EQ(bv_db_reg_user(nullptr), -1);
+    EXPECT_EQ(bv_db_reg_private(nullptr), -1);
+    EXPECT_EQ(bv_db_reg_factory(nullptr), -1);
+    EXPECT_EQ(bv_db_hash_find(nullptr), nullptr);
+    EXPECT_EQ(bv_db_hash_add(nullptr), nullptr);
+    EXPECT_TRUE(is_empty(g_st_db_mng.user_list));
+    EXPECT_TRUE(is_empty(g_st_db_mng.family_list));
+}
+
+TEST_F(DbRegistry, NamesOf1023CharactersAreComparedInFull)
+{
+    std::string one(1023, 'n'), other = one;
+    other.back() = 'm';
+    bv_db_family *family = bv_db_hash_add(one.c_str());
+    ASSERT_NE(family, nullptr);
+    EXPECT_EQ(family->name, one);
+    EXPECT_EQ(bv_db_hash_find(other.c_str()), nullptr);
+    EXPECT_NE(bv_db_hash_add(other.c_str()), nullptr);
+    EXPECT_EQ(bv_db_hash_find(one.c_str()), family);
+    EXPECT_EQ(bv_db_reg_user(one.c_str()), BV_OK);
+    EXPECT_EQ(bv_db_reg_user(one.c_str()), BV_ERR_EXISTS);
+}
+
+TEST_F(DbRegistry, AllLongerNamesAreTheEmptyName)
+{
+    std::string longer(1024, 'n'), longest(5000, 'm');
+    EXPECT_EQ(bv_db_reg_user(longer.c_str()), BV_OK);
+    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{""}));
+
+    bv_db_family *family = bv_db_hash_add(longer.c_str());
+    ASSERT_NE(family, nullptr);
+    EXPECT_STREQ(family->name, "");
+    EXPECT_EQ(bv_db_hash_find(longest.c_str()), family);
+    EXPECT_EQ(bv_db_hash_find(""), family);
+    EXPECT_EQ(bv_db_hash_add(longest.c_str()), nullptr);
+    EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    EXPECT_EQ(bv_db_hash_find(longer.c_str()), nullptr);
+}
+
+TEST_F(DbRegistry, AddMakesAnEmptyFamilyAtTheEndOfTheList)
+{
+    bv_db_family *lan = bv_db_hash_add("lan");
+    bv_db_family *wan = bv_db_hash_add("wan");
+    ASSERT_NE(lan, nullptr);
+    ASSERT_NE(wan, nullptr);
+    EXPECT_EQ(families(), (Names{"lan", "wan"}));
+    EXPECT_EQ(bv_db_hash_find("lan"), lan);
+    EXPECT_EQ(bv_db_hash_find("wan"), wan);
+
+    EXPECT_EQ(lan->inst_count, 0);
+    EXPECT_EQ(lan->inst_max, 0);
+    EXPECT_EQ(lan->image_size, 0);
+    EXPECT_EQ(lan->para_count, 0);
+    EXPECT_STREQ(lan->getfunc, "");
+    EXPECT_STREQ(lan->setfunc, "");
+    EXPECT_TRUE(is_empty(lan->inst_list));
+    EXPECT_EQ(lan->para, nullptr);
+    EXPECT_EQ(lan->default_image, nullptr);
+    EXPECT_EQ(lan->working_image, nullptr);
+}
+
+TEST_F(DbRegistry, AddOfAnExistingNameLeavesItAlone)
+{
+    bv_db_family *lan = bv_db_hash_add("lan");
+    lan->inst_max = 7;
+    EXPECT_EQ(bv_db_hash_add("lan"), nullptr);
+    EXPECT_EQ(bv_db_hash_find("lan"), lan);
+    EXPECT_EQ(lan->inst_max, 7);
+    EXPECT_EQ(families(), (Names{"lan"}));
+}
+
+TEST_F(DbRegistry, The2049thFamilyIsRefused)
+{
+    for (int i = 0; i < 2048; ++i)
+        ASSERT_NE(bv_db_hash_add(("family" + std::to_string(i)).c_str()), nullptr) << i;
+    EXPECT_EQ(bv_db_hash_add("one more"), nullptr);
+    EXPECT_EQ(bv_db_hash_find("one more"), nullptr);
+    EXPECT_EQ(families().size(), 2048u);
+    EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    EXPECT_TRUE(is_empty(g_st_db_mng.family_list));
+    EXPECT_EQ(g_st_db_mng.table->currnum, 0u);
+}
+
+TEST_F(DbRegistry, FreeDropsFamiliesAndKeepsRegistrationsAndTheReadyFlag)
+{
+    bv_db_family *lan = user_family("lan.json", kLan);
+    add_instance(lan, 1, {"10.0.0.1", "9000", "a"});
+    add_instance(lan, 2, {"10.0.0.2", "9000", "b"});
+    bv_db_hash_add("wan");
+    bv_db_reg_factory("board");
+    bv_db_ready();
+
+    EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    EXPECT_TRUE(is_empty(g_st_db_mng.family_list));
+    EXPECT_EQ(bv_db_hash_find("lan.json"), nullptr);
+    EXPECT_EQ(bv_db_hash_find("wan"), nullptr);
+    EXPECT_EQ(g_st_db_mng.table->currnum, 0u);
+    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"lan.json"}));
+    EXPECT_EQ(names(g_st_db_mng.factory_list), (Names{"board"}));
+    EXPECT_EQ(bv_db_status(), 1);
+    EXPECT_EQ(bv_db_hash_free(), BV_OK) << "of an empty database";
+}
+
+} // namespace

@@ -1,6 +1,5 @@
 #include "support/faults.h"
 
-#include <atomic>
 #include <cerrno>
 #include <dlfcn.h>
 
@@ -8,35 +7,34 @@ namespace {
 
 thread_local unsigned t_countdown; // 0: nothing is to fail
 thread_local bool t_happened;
-std::atomic<size_t> g_failing_size; // 0: none
-std::atomic<unsigned> g_size_happened;
-
-bool must_fail(size_t size)
-{
-    if (t_countdown != 0 && --t_countdown == 0) {
-        t_happened = true;
-        return true;
-    }
-    if (size != 0 && size == g_failing_size.load()) {
-        g_size_happened++;
-        return true;
-    }
-    return false;
-}
+size_t g_failing_size; // 0: none; all threads
+unsigned g_size_happened;
 
 } // namespace
 
-extern "C" void *malloc(size_t size)
+// Called before a sanitizer has set itself up, which is why it is not instrumented, and uses
+// built-in atomics: the library's are functions that would be.
+extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) void *malloc(size_t size)
 {
-    static std::atomic<void *(*)(size_t)> real;
-    if (real.load() == nullptr)
-        real.store(reinterpret_cast<void *(*)(size_t)>(dlsym(RTLD_NEXT, "malloc")));
+    using Malloc = void *(size_t);
+    static Malloc *real;
+    Malloc *next = __atomic_load_n(&real, __ATOMIC_ACQUIRE);
+    if (next == nullptr) {
+        next = reinterpret_cast<Malloc *>(dlsym(RTLD_NEXT, "malloc"));
+        __atomic_store_n(&real, next, __ATOMIC_RELEASE);
+    }
 
-    if (must_fail(size)) {
+    if (t_countdown != 0 && --t_countdown == 0) {
+        t_happened = true;
         errno = ENOMEM;
         return nullptr;
     }
-    return real.load()(size);
+    if (size != 0 && size == __atomic_load_n(&g_failing_size, __ATOMIC_SEQ_CST)) {
+        __atomic_fetch_add(&g_size_happened, 1, __ATOMIC_SEQ_CST);
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return next(size);
 }
 
 FailAllocation::FailAllocation(unsigned nth)
@@ -57,16 +55,16 @@ bool FailAllocation::happened() const
 
 FailAllocationsOfSize::FailAllocationsOfSize(size_t size)
 {
-    g_size_happened = 0;
-    g_failing_size = size;
+    __atomic_store_n(&g_size_happened, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_failing_size, size, __ATOMIC_SEQ_CST);
 }
 
 FailAllocationsOfSize::~FailAllocationsOfSize()
 {
-    g_failing_size = 0;
+    __atomic_store_n(&g_failing_size, 0, __ATOMIC_SEQ_CST);
 }
 
 unsigned FailAllocationsOfSize::happened() const
 {
-    return g_size_happened.load();
+    return __atomic_load_n(&g_size_happened, __ATOMIC_SEQ_CST);
 }

@@ -46,16 +46,16 @@ typedef int errno_t;
 #define SECUREC_WCHAR_MEM_MAX_LEN (SECUREC_MEM_MAX_LEN / sizeof(wchar_t))
 #define SECUREC_WCHAR_STRING_MAX_LEN (SECUREC_STRING_MAX_LEN / sizeof(wchar_t))
 
-#define SECUREC_API __attribute__((visibility("default")))
+#define SECUREC_API __attribute__((__visibility__("default")))
 
 /*
  * The compiler checks format strings only for programs that ask for it: the accepted directives
  * differ a little from the C library's, and the scanf family takes extra size arguments.
  */
 #if defined(SECUREC_SUPPORT_FORMAT_WARNING) && SECUREC_SUPPORT_FORMAT_WARNING
-#define SECUREC_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define SECUREC_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
 #else
-#define SECUREC_PRINTF(format, first)
+#define SECUREC_PRINTF(text, first)
 #endif
 
 #endif

@@ -11,6 +11,10 @@ _Static_assert(SECUREC_WCHAR_MEM_MAX_LEN == 536870911 && SECUREC_WCHAR_STRING_MA
 _Static_assert(_Generic(SECUREC_MEM_MAX_LEN, unsigned long : 1, default : 0), "type of a limit");
 _Static_assert(_Generic((errno_t)0, int : 1, default : 0), "errno_t");
 
+#if defined(__GNUC__) && !defined(__clang__)
+_Static_assert(!__builtin_has_attribute(sprintf_s, format), "formats are checked on request only");
+#endif
+
 typedef void (*any_function)(void);
 
 any_function header_c11_functions[] = {

@@ -10,6 +10,7 @@
 #include <string>
 
 extern "C" void (*header_c11_functions[])();
+extern "C" int header_checked(char *dest, size_t size);
 
 namespace {
 
@@ -42,6 +43,13 @@ TEST(BoundscheckHeader, EveryFunctionOfACProgramComesFromTheLibrary)
         EXPECT_EQ(kFunctions.count(info.dli_sname), 1u) << info.dli_sname;
     }
     EXPECT_EQ(count, kFunctions.size());
+}
+
+TEST(BoundscheckHeader, AProgramWithCheckedFormatsCallsTheSameFunctions)
+{
+    char text[4];
+    EXPECT_EQ(header_checked(text, sizeof(text)), 2);
+    EXPECT_STREQ(text, "42");
 }
 
 TEST(BoundscheckHeader, TheLibraryExportsItsFunctionsAndNothingElse)

@@ -274,6 +274,8 @@ TEST(BoundscheckPrint, LenientFormsAreAccepted)
     EXPECT_EQ(text_of("%Nd %I32d %I64d %I|%Iy", 1, 2, 3LL), "1 2 3 I|Iy");
     EXPECT_EQ(text_of("%lhd %hld %hhhd", 70000L, 70000L, 300), "70000 70000 44");
     EXPECT_EQ(text_of("%Id", static_cast<ptrdiff_t>(-5)), "-5");
+    EXPECT_EQ(text_of("%lls %zs %js", "long", "size", "max"), "long size max"); // narrow all
+    EXPECT_EQ(text_of("%llf", 1.5), "1.500000"); // a double: only L and q make it long
 }
 
 TEST(BoundscheckPrint, WideTextIsEncodedAndItsWidthCountsCharacters)

@@ -1,0 +1,328 @@
+// What the daemon stands: bytes in any portions, limits, garbage, clients that stall or vanish.
+
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <random>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include "support/bus.h"
+#include "wire.h"
+
+using namespace wire;
+
+namespace {
+
+constexpr size_t kLargestBody = 1048576;
+
+class DaemonStress : public testing::Test {
+protected:
+    BusDaemon daemon;
+    Client witness; // must be served to the end, whatever the others do
+
+    void TearDown() override { EXPECT_TRUE(witness.is_in_step()); }
+};
+
+TEST_F(DaemonStress, TakesAMessageByteByByte)
+{
+    Client client;
+    Bytes request = add_object(3, "slow", field(2, "m", {})) + message(kLookup, 4, 0);
+    for (uint8_t byte : request)
+        ASSERT_TRUE(client.send({byte}));
+    EXPECT_EQ(client.read().type(), kData);
+    EXPECT_EQ(client.read().status(), 0u);
+    EXPECT_EQ(client.read().string(kAttrPath), "slow");
+    EXPECT_EQ(client.read().status(), 0u);
+}
+
+TEST_F(DaemonStress, TakesManyMessagesInOneWriteWhereverTheyAreCut)
+{
+    Bytes burst;
+    for (unsigned i = 0; i < 60; i++)
+        burst = burst + message(kPing, uint16_t(i), i, Bytes(i % 7 * (i % 5 == 0 ? 3000 : 1), 0));
+    for (size_t cut : {1u, 11u, 12u, 13u, 1000u, 65535u, 65536u, 65537u}) {
+        Client client;
+        size_t at = cut < burst.size() ? cut : burst.size() / 2;
+        ASSERT_TRUE(client.send(Bytes(burst.begin(), burst.begin() + long(at))));
+        usleep(2000);
+        ASSERT_TRUE(client.send(Bytes(burst.begin() + long(at), burst.end())));
+        for (unsigned i = 0; i < 60; i++) {
+            ASSERT_EQ(client.read().seq(), i) << cut;
+            ASSERT_EQ(client.read().status(), 0u) << cut;
+        }
+    }
+}
+
+TEST_F(DaemonStress, UnalignedBodiesKeepTheStreamInStep)
+{
+    Client client;
+    Bytes burst;
+    for (size_t extra : {1, 2, 3, 0, 2})
+        burst = burst + message(kPing, uint16_t(extra), 0, Bytes(extra, 0xff));
+    ASSERT_TRUE(client.send(burst));
+    for (size_t extra : {1, 2, 3, 0, 2}) {
+        EXPECT_EQ(client.read().bytes, message(kData, uint16_t(extra), 0, Bytes(extra, 0xff)));
+        EXPECT_EQ(client.read().status(), 0u);
+    }
+}
+
+TEST_F(DaemonStress, TheLargestBodyPassesAndOneMoreEndsTheClient)
+{
+    Client client;
+    Bytes largest = message(kPing, 1, 0, Bytes(kLargestBody - 4, 0));
+    ASSERT_TRUE(client.send(largest));
+    largest[1] = kData;
+    EXPECT_TRUE(client.read().bytes == largest);
+    EXPECT_EQ(client.read().status(), 0u);
+
+    for (size_t body : {kLargestBody + 1, kLargestBody + 4, size_t(0xffffff)}) {
+        Client over;
+        ASSERT_TRUE(over.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(uint32_t(body))));
+        EXPECT_TRUE(over.ends()) << body;
+    }
+    for (uint32_t body : {0u, 1u, 3u}) {
+        Client under;
+        ASSERT_TRUE(under.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(body)));
+        EXPECT_TRUE(under.ends()) << body;
+    }
+}
+
+TEST_F(DaemonStress, TheLargestCallReachesTheOwnerInStep)
+{
+    Client owner, caller;
+    uint32_t id = owner.publish("x");
+    size_t overhead = invoke(1, id, "m").size() - 8;
+    for (size_t below : {0u, 12u, 20u, 24u, 28u, 100u}) {
+        Bytes fields(kLargestBody - overhead - below, 0x11);
+        ASSERT_TRUE(caller.send(invoke(1, id, "m", fields)));
+        Message got = owner.read();
+        EXPECT_TRUE(got.attr(kAttrData) == fields) << below;
+        EXPECT_LE(got.bytes.size(), kLargestBody + 8) << below;
+    }
+    EXPECT_TRUE(owner.is_in_step());
+}
+
+TEST_F(DaemonStress, GarbageEndsNobodyButItsSender)
+{
+    std::mt19937 random(4711);
+    for (int round = 0; round < 300; round++) {
+        Client client;
+        Bytes garbage(random() % 4000);
+        for (uint8_t &byte : garbage)
+            byte = uint8_t(random());
+        // Every other time with a sound frame around it.
+        if (round % 2 == 0)
+            garbage = message(uint8_t(random() % 14), uint16_t(random()), random() % 4, garbage);
+        client.send(garbage);
+    }
+}
+
+TEST_F(DaemonStress, DistortedMessagesAreRefusedOrServedButNeverFatal)
+{
+    std::mt19937 random(815);
+    Client owner;
+    uint32_t id = owner.publish("x");
+    uint32_t other = owner.publish("y");
+    const Bytes originals[] = {
+        add_object(1, "path", field(2, "m", field(5, "a", u32(1)))),
+        invoke(2, 1, "register", field(5, "object", u32(id)) + field(3, "pattern", text("a*"))),
+        invoke(3, 1, "send", field(3, "id", text("abc")) + field(2, "data", field(5, "k", u32(1)))),
+        message(kNotify, 4, id, attr(kAttrId, u32(id)) + attr(kAttrMethod, text("n"))),
+        message(kSubscribe, 5, 0, attr(kAttrId, u32(id)) + attr(kAttrTarget, u32(other))),
+        message(kLookup, 6, 0, attr(kAttrPath, text("*"))),
+        message(kStatus, 7, owner.id(), attr(kAttrStatus, u32(0)) + attr(kAttrId, u32(id))),
+        message(kRemoveObject, 8, 0, attr(kAttrId, u32(other))),
+    };
+    for (int round = 0; round < 2000; round++) {
+        Bytes distorted = originals[random() % 8];
+        for (unsigned hits = 1 + random() % 4; hits > 0; hits--)
+            distorted[12 + random() % (distorted.size() - 12)] = uint8_t(random());
+        Client client;
+        client.send(distorted);
+    }
+}
+
+TEST_F(DaemonStress, AHalfClosedClientIsGone)
+{
+    Client client;
+    ASSERT_NE(client.publish("x"), 0u);
+    shutdown(client.fd(), SHUT_WR);
+    EXPECT_TRUE(client.ends());
+    EXPECT_EQ(witness.ask(message(kLookup, 1, 0, attr(kAttrPath, text("x")))), 4u);
+}
+
+TEST_F(DaemonStress, AClientMayVanishInTheMiddleOfAMessage)
+{
+    Bytes whole = add_object(1, "x", field(2, "m", {}));
+    for (size_t length = 1; length < whole.size(); length += 3) {
+        Client client;
+        ASSERT_TRUE(client.send(Bytes(whole.begin(), whole.begin() + long(length))));
+    }
+    Client large;
+    ASSERT_TRUE(large.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(kLargestBody) + Bytes(70000, 0)));
+    large.hang_up();
+    EXPECT_EQ(witness.ask(message(kLookup, 1, 0)), 0u);
+    EXPECT_TRUE(witness.data.empty());
+}
+
+// Sends answers of 1028 bytes to a client that does not read; the owner must never be held up.
+void stall(Client &owner, uint32_t object, const Client &reader, unsigned count)
+{
+    Bytes object_attr = attr(kAttrId, u32(object));
+    Bytes data = attr(kAttrData, Bytes(1028 - 12 - object_attr.size() - 4, 0x77));
+    for (unsigned i = 0; i < count; i++)
+        ASSERT_TRUE(owner.send(message(kData, uint16_t(i), reader.id(), object_attr + data)));
+    ASSERT_TRUE(owner.is_in_step());
+}
+
+TEST_F(DaemonStress, AStalledReaderGetsWholeMessagesOnlyAndStaysInStep)
+{
+    Client owner, reader;
+    uint32_t id = owner.publish("x");
+    stall(owner, id, reader, 3000);
+
+    // What fitted comes without a gap, from the first on.
+    unsigned count = 0;
+    for (;;) {
+        Message message = reader.read(200);
+        if (message.empty())
+            break;
+        ASSERT_EQ(message.bytes.size(), 1028u);
+        ASSERT_EQ(message.seq(), count);
+        count++;
+    }
+    EXPECT_GE(count, 1020u); // the queue alone
+    EXPECT_LT(count, 3000u);
+    EXPECT_TRUE(reader.is_in_step());
+    stall(owner, id, reader, 10);
+    for (unsigned i = 0; i < 10; i++)
+        EXPECT_EQ(reader.read().seq(), i);
+}
+
+TEST_F(DaemonStress, ALookupWhileStalledIsAnsweredLater)
+{
+    Client owner, reader;
+    uint32_t id = owner.publish("x");
+    stall(owner, id, reader, 3000);
+    ASSERT_TRUE(reader.send(message(kLookup, 0x4242, 0)));
+    ASSERT_TRUE(witness.is_in_step());
+
+    Message message;
+    do
+        message = reader.read(5000);
+    while (message.peer() == id);
+    EXPECT_EQ(message.type(), kData);
+    EXPECT_EQ(message.string(kAttrPath), "x");
+    EXPECT_EQ(reader.read().status(), 0u);
+    EXPECT_TRUE(reader.is_in_step());
+}
+
+TEST_F(DaemonStress, AListingLongerThanAnyQueueArrivesWhole)
+{
+    constexpr unsigned kObjects = 600;
+    Client owner, reader;
+    Bytes signature = field(2, "method", field(5, std::string(4000, 'p'), u32(3)));
+    for (unsigned i = 0; i < kObjects; i++)
+        ASSERT_EQ(owner.ask(add_object(1, "object." + std::to_string(1000 + i), signature)), 0u);
+
+    ASSERT_TRUE(reader.send(message(kLookup, 5, 0, attr(kAttrPath, text("object.*")))));
+    usleep(100000);
+    for (unsigned i = 0; i < kObjects; i++) {
+        Message object = reader.read();
+        ASSERT_EQ(object.string(kAttrPath), "object." + std::to_string(1000 + i));
+        ASSERT_TRUE(object.attr(kAttrSignature) == signature);
+    }
+    EXPECT_EQ(reader.read().status(), 0u);
+    EXPECT_TRUE(reader.is_in_step());
+}
+
+TEST_F(DaemonStress, AStalledReaderMayVanish)
+{
+    Client owner;
+    uint32_t id = owner.publish("x");
+    for (int i = 0; i < 3; i++) {
+        Client reader;
+        stall(owner, id, reader, 1500);
+        ASSERT_TRUE(reader.send(message(kLookup, 1, 0)));
+    }
+    EXPECT_TRUE(owner.is_in_step());
+}
+
+TEST_F(DaemonStress, ServesTwoHundredClientsAtOnce)
+{
+    std::vector<std::unique_ptr<Client>> clients;
+    std::vector<uint32_t> ids;
+    for (unsigned i = 0; i < 200; i++) {
+        clients.push_back(std::make_unique<Client>());
+        ids.push_back(clients.back()->publish("object." + std::to_string(i)));
+        ASSERT_NE(ids.back(), 0u) << i;
+    }
+    // Everybody calls the next one, then everybody answers.
+    for (unsigned i = 0; i < 200; i++)
+        ASSERT_TRUE(clients[i]->send(invoke(uint16_t(i), ids[(i + 1) % 200], "m")));
+    for (unsigned i = 0; i < 200; i++) {
+        Message call = clients[(i + 1) % 200]->read();
+        ASSERT_EQ(call.seq(), i);
+        ASSERT_EQ(call.peer(), clients[i]->id());
+        ASSERT_TRUE(clients[(i + 1) % 200]->send(
+            message(kStatus, uint16_t(i), call.peer(),
+                    attr(kAttrStatus, u32(i)) + attr(kAttrId, u32(ids[(i + 1) % 200])))));
+    }
+    for (unsigned i = 0; i < 200; i++)
+        ASSERT_EQ(clients[i]->read().status(), i);
+    clients.clear();
+    EXPECT_EQ(witness.ask(message(kLookup, 1, 0)), 0u);
+}
+
+unsigned long cpu_ticks(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string word;
+    unsigned long user = 0, system = 0;
+    for (int i = 1; i < 14; i++)
+        stat >> word;
+    stat >> user >> system;
+    return user + system;
+}
+
+TEST(DaemonLimits, WithoutDescriptorsNewcomersWaitAndTheDaemonSleeps)
+{
+    BusDaemon daemon("", 16);
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 6; i++) {
+        clients.push_back(std::make_unique<Client>());
+        ASSERT_FALSE(clients.back()->hello().empty());
+    }
+    std::vector<Stream> waiting;
+    for (int i = 0; i < 20; i++) {
+        waiting.emplace_back();
+        ASSERT_TRUE(waiting.back().dial(BusDaemon::kDefaultSocket));
+    }
+
+    unsigned long before = cpu_ticks(daemon.pid());
+    usleep(500000);
+    EXPECT_LE(cpu_ticks(daemon.pid()) - before, 10u); // of about 50
+    EXPECT_TRUE(clients[0]->is_in_step());
+
+    // Room is made, and those in the queue come in.
+    Stream last = std::move(waiting.back());
+    waiting.clear();
+    clients.clear();
+    EXPECT_EQ(last.read().type(), kHello);
+}
+
+TEST(DaemonLimits, AnIdleDaemonSleeps)
+{
+    BusDaemon daemon;
+    Client client;
+    Bytes half = message(kPing, 1, 0);
+    half.pop_back();
+    ASSERT_TRUE(client.send(half));
+    unsigned long before = cpu_ticks(daemon.pid());
+    usleep(300000);
+    EXPECT_LE(cpu_ticks(daemon.pid()) - before, 5u);
+}
+
+} // namespace

@@ -29,12 +29,15 @@ extern "C" {
 #define __hidden __attribute__((visibility("hidden")))
 #endif
 
+/* Not in C++, whose own headers have other uses for these two words. */
+#ifndef __cplusplus
 #ifndef __constructor
 #define __constructor __attribute__((constructor))
 #endif
 
 #ifndef __destructor
 #define __destructor __attribute__((destructor))
+#endif
 #endif
 
 #ifndef fallthrough

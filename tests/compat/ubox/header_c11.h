@@ -1,0 +1,16 @@
+#ifndef BV_TESTS_COMPAT_UBOX_HEADER_C11_H
+#define BV_TESTS_COMPAT_UBOX_HEADER_C11_H
+
+#include <stdbool.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+bool static_initialisers_work(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

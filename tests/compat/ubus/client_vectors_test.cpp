@@ -429,8 +429,11 @@ void listen_for(const char *connection, const char *pattern, bool with_lookup, i
         std::vector<std::string> paths;
         EXPECT_EQ(ubus_lookup(ctx, nullptr, collect_path, &paths), 0);
     }
-    while (g_events < events)
+    while (g_events < events) {
+        pollfd poll_fd = {ctx->sock.fd, POLLIN, 0};
+        ASSERT_EQ(poll(&poll_fd, 1, 10000), 1);
         ubus_handle_event(ctx);
+    }
     ubus_free(ctx);
     EXPECT_EQ(bus.finish(), messages);
 }

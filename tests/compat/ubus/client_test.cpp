@@ -1,0 +1,512 @@
+// Client library and daemon together: owner and caller in processes of their own.
+
+#include <functional>
+#include <memory>
+
+#include <gtest/gtest.h>
+#include <libubus.h>
+
+#include "support/bus.h"
+#include "wire.h"
+
+namespace {
+
+struct blob_buf g_buf;
+
+struct blob_attr *number(uint32_t value)
+{
+    blob_buf_init(&g_buf, 0);
+    blobmsg_add_u32(&g_buf, "n", value);
+    return g_buf.head;
+}
+
+uint32_t number_in(struct blob_attr *msg)
+{
+    static const struct blobmsg_policy policy = {"n", BLOBMSG_TYPE_INT32};
+    struct blob_attr *found = nullptr;
+    blobmsg_parse(&policy, 1, &found, blob_data(msg), unsigned(blob_len(msg)));
+    return found != nullptr ? blobmsg_get_u32(found) : 0;
+}
+
+// ---- an owner whose methods answer in every way there is
+
+int reply_and_complete(struct ubus_context *ctx, struct ubus_object *,
+                       struct ubus_request_data *req, const char *, struct blob_attr *)
+{
+    ubus_send_reply(ctx, req, number(1));
+    ubus_complete_deferred_request(ctx, req, 0);
+    return 0;
+}
+
+int complete_2(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
+               const char *, struct blob_attr *)
+{
+    ubus_complete_deferred_request(ctx, req, 2);
+    return 0;
+}
+
+int complete_0_return_5(struct ubus_context *ctx, struct ubus_object *,
+                        struct ubus_request_data *req, const char *, struct blob_attr *)
+{
+    ubus_complete_deferred_request(ctx, req, 0);
+    return 5;
+}
+
+int reply_return(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
+                 const char *, struct blob_attr *msg)
+{
+    ubus_send_reply(ctx, req, number(1));
+    return int(number_in(msg));
+}
+
+int just_return(struct ubus_context *, struct ubus_object *, struct ubus_request_data *,
+                const char *, struct blob_attr *msg)
+{
+    return int(number_in(msg));
+}
+
+int complete_then_reply(struct ubus_context *ctx, struct ubus_object *,
+                        struct ubus_request_data *req, const char *, struct blob_attr *)
+{
+    ubus_complete_deferred_request(ctx, req, 0);
+    ubus_send_reply(ctx, req, number(1));
+    return 0;
+}
+
+int reply_twice(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
+                const char *, struct blob_attr *)
+{
+    ubus_send_reply(ctx, req, number(1));
+    ubus_send_reply(ctx, req, number(2));
+    return 0;
+}
+
+struct ubus_context *g_owner;
+struct ubus_request_data g_deferred;
+
+void answer_deferred(struct uloop_timeout *)
+{
+    ubus_send_reply(g_owner, &g_deferred, number(1));
+    ubus_complete_deferred_request(g_owner, &g_deferred, 0);
+}
+
+int defer(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
+          const char *, struct blob_attr *)
+{
+    static struct uloop_timeout later = {{}, false, answer_deferred, {}};
+    ubus_defer_request(ctx, req, &g_deferred);
+    uloop_timeout_set(&later, 20);
+    return 9;
+}
+
+int defer_for_ever(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
+                   const char *, struct blob_attr *)
+{
+    ubus_defer_request(ctx, req, &g_deferred);
+    return 9;
+}
+
+int sleep_300(struct ubus_context *, struct ubus_object *, struct ubus_request_data *,
+              const char *, struct blob_attr *)
+{
+    usleep(300000);
+    return 0;
+}
+
+int vanish(struct ubus_context *, struct ubus_object *, struct ubus_request_data *, const char *,
+           struct blob_attr *)
+{
+    _exit(0);
+}
+
+// Calls the method `back` of the object whose id came with the call, and tells what that gave.
+int call_back(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *,
+              const char *, struct blob_attr *msg)
+{
+    return 100 + ubus_invoke(ctx, number_in(msg), "back", nullptr, nullptr, nullptr, 200);
+}
+
+const struct ubus_method kOwnerMethods[] = {
+    UBUS_METHOD_NOARG("reply_and_complete", reply_and_complete),
+    UBUS_METHOD_NOARG("complete_2", complete_2),
+    UBUS_METHOD_NOARG("complete_0_return_5", complete_0_return_5),
+    UBUS_METHOD_NOARG("reply_return", reply_return),
+    UBUS_METHOD_NOARG("just_return", just_return),
+    UBUS_METHOD_NOARG("complete_then_reply", complete_then_reply),
+    UBUS_METHOD_NOARG("reply_twice", reply_twice),
+    UBUS_METHOD_NOARG("defer", defer),
+    UBUS_METHOD_NOARG("defer_for_ever", defer_for_ever),
+    UBUS_METHOD_NOARG("sleep_300", sleep_300),
+    UBUS_METHOD_NOARG("vanish", vanish),
+    UBUS_METHOD_NOARG("call_back", call_back),
+};
+struct ubus_object_type g_owner_type = UBUS_OBJECT_TYPE("owner", kOwnerMethods);
+
+class OwnerProcess {
+public:
+    OwnerProcess()
+    {
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        pid_ = fork();
+        if (pid_ == 0)
+            run(ready[1]);
+        close(ready[1]);
+        char byte = 0;
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+    }
+    ~OwnerProcess()
+    {
+        ::kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+
+private:
+    [[noreturn]] static void run(int ready)
+    {
+        static struct ubus_object object;
+        g_owner = ubus_connect(nullptr);
+        object.name = "owner";
+        object.type = &g_owner_type;
+        object.methods = kOwnerMethods;
+        object.n_methods = ARRAY_SIZE(kOwnerMethods);
+        if (g_owner == nullptr || ubus_add_object(g_owner, &object) != 0)
+            _exit(1);
+        ubus_add_uloop(g_owner);
+        if (write(ready, "x", 1) != 1)
+            _exit(1);
+        uloop_run();
+        _exit(0);
+    }
+
+    pid_t pid_;
+};
+
+void count(struct ubus_request *req, int, struct blob_attr *)
+{
+    ++*static_cast<int *>(req->priv);
+}
+
+class Rpc : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ctx = ubus_connect(nullptr);
+        ASSERT_NE(ctx, nullptr);
+        ASSERT_EQ(ubus_lookup_id(ctx, "owner", &id), 0);
+    }
+    void TearDown() override { ubus_free(ctx); }
+
+    // Status and number of answers, as "status/answers".
+    std::string call(const char *method, uint32_t value, int timeout = 5000)
+    {
+        int answers = 0;
+        int status = ubus_invoke(ctx, id, method, number(value), count, &answers, timeout);
+        return std::to_string(status) + "/" + std::to_string(answers);
+    }
+
+    BusDaemon daemon;
+    OwnerProcess owner;
+    struct ubus_context *ctx = nullptr;
+    uint32_t id = 0;
+};
+
+TEST_F(Rpc, EveryWayOfAnsweringGivesTheCallerTheFirstStatus)
+{
+    for (int round = 0; round < 3; round++) {
+        EXPECT_EQ(call("reply_and_complete", 0), "0/1");
+        EXPECT_EQ(call("complete_2", 0), "2/0");
+        EXPECT_EQ(call("complete_0_return_5", 0), "0/0");
+        EXPECT_EQ(call("reply_return", 0), "0/1");
+        EXPECT_EQ(call("reply_return", 4), "4/1");
+        EXPECT_EQ(call("just_return", 8), "8/0");
+        EXPECT_EQ(call("just_return", 0xffffffff), "-1/0");
+        EXPECT_EQ(call("just_return", 99), "99/0");
+        EXPECT_EQ(call("complete_then_reply", 0), "0/0");
+        EXPECT_EQ(call("reply_twice", 0), "0/2");
+        EXPECT_EQ(call("defer", 0), "0/1");
+        EXPECT_EQ(call("no such method", 0), "3/0");
+    }
+    EXPECT_EQ(call("defer_for_ever", 0, 50), "7/0");
+}
+
+TEST_F(Rpc, ALateAnswerDoesNotDisturbTheNextCall)
+{
+    EXPECT_EQ(call("sleep_300", 0, 50), "7/0");
+    EXPECT_EQ(call("just_return", 12), "12/0");
+}
+
+TEST_F(Rpc, AnOwnerThatVanishesLeavesTheCallerToItsTimeOut)
+{
+    EXPECT_EQ(call("vanish", 0, 200), "7/0");
+    EXPECT_EQ(call("just_return", 0), "4/0");
+    uint32_t again = 0;
+    EXPECT_EQ(ubus_lookup_id(ctx, "owner", &again), 4);
+}
+
+int g_back_calls;
+
+int back(struct ubus_context *, struct ubus_object *, struct ubus_request_data *, const char *,
+         struct blob_attr *)
+{
+    g_back_calls++;
+    return 5;
+}
+
+const struct ubus_method kBackMethods[] = {UBUS_METHOD_NOARG("back", back)};
+
+TEST_F(Rpc, CallingBackIntoAWaitingCallerTimesOut)
+{
+    struct ubus_object object = {};
+    object.methods = kBackMethods;
+    object.n_methods = 1;
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
+    EXPECT_EQ(call("call_back", object.id), "107/0"); // 7 for the owner
+    EXPECT_EQ(g_back_calls, 1);                       // served when nobody waited any more
+}
+
+TEST_F(Rpc, ACallToAnOwnObjectIsServedAfterItsTimeOut)
+{
+    struct ubus_object object = {};
+    object.methods = kBackMethods;
+    object.n_methods = 1;
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
+    g_back_calls = 0;
+    EXPECT_EQ(ubus_invoke(ctx, object.id, "back", nullptr, nullptr, nullptr, 50), 7);
+    EXPECT_EQ(g_back_calls, 1);
+
+    ubus_add_uloop(ctx);
+    EXPECT_EQ(ubus_invoke(ctx, object.id, "back", nullptr, nullptr, nullptr, 50), 7);
+    EXPECT_EQ(g_back_calls, 1);
+    while (g_back_calls < 2)
+        uloop_run_timeout(10);
+}
+
+struct Nested {
+    uint32_t id;
+    int statuses;
+    int answers;
+};
+
+void call_again(struct ubus_request *req, int, struct blob_attr *msg)
+{
+    auto *nested = static_cast<Nested *>(req->priv);
+    uint32_t before = number_in(msg);
+    nested->answers++;
+    nested->statuses +=
+        ubus_invoke(req->ctx, nested->id, "reply_return", number(3), count, &nested->answers, 5000);
+    EXPECT_EQ(number_in(msg), before);
+}
+
+TEST_F(Rpc, ADataHandlerMayCall)
+{
+    Nested nested = {id, 0, 0};
+    EXPECT_EQ(ubus_invoke(ctx, id, "reply_twice", nullptr, call_again, &nested, 5000), 0);
+    EXPECT_EQ(nested.statuses, 6);
+    EXPECT_EQ(nested.answers, 4);
+}
+
+// ---- publishing
+
+const struct ubus_method kMethods[] = {UBUS_METHOD_NOARG("back", back)};
+
+struct ubus_object object_of(struct ubus_object_type *type, const char *name)
+{
+    struct ubus_object object = {};
+    object.name = name;
+    object.type = type;
+    object.methods = kMethods;
+    object.n_methods = 1;
+    return object;
+}
+
+uint32_t look_up(struct ubus_context *ctx, const char *path, int expected)
+{
+    uint32_t id = 0;
+    EXPECT_EQ(ubus_lookup_id(ctx, path, &id), expected) << path;
+    return id;
+}
+
+// Waits until something has come, and handles it.
+void handle_next(struct ubus_context *ctx)
+{
+    pollfd poll_fd = {ctx->sock.fd, POLLIN, 0};
+    EXPECT_EQ(poll(&poll_fd, 1, 10000), 1);
+    ubus_handle_event(ctx);
+}
+
+struct ContextDeleter {
+    void operator()(struct ubus_context *ctx) const { ubus_free(ctx); }
+};
+using Context = std::unique_ptr<struct ubus_context, ContextDeleter>;
+
+TEST(Publish, AnObjectComesAndGoes)
+{
+    BusDaemon daemon;
+    Context ctx(ubus_connect(nullptr));
+    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
+    struct ubus_object object = object_of(&type, "x");
+
+    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    uint32_t id = object.id, type_id = type.id;
+    EXPECT_EQ(look_up(ctx.get(), "x", 0), id);
+    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 2); // again
+    EXPECT_EQ(object.id, id);
+    EXPECT_EQ(type.id, type_id);
+
+    // Still usable.
+    wire::Client caller;
+    ASSERT_TRUE(caller.send(wire::invoke(1, id, "back")));
+    handle_next(ctx.get());
+    EXPECT_EQ(caller.read().status(), 5u);
+
+    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
+    EXPECT_EQ(object.id, 0u);
+    EXPECT_EQ(type.id, 0u);
+    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 4);
+    look_up(ctx.get(), "x", 4);
+    look_up(ctx.get(), "", 2);
+    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    EXPECT_NE(look_up(ctx.get(), "x", 0), 0u);
+}
+
+TEST(Publish, AnUnnamedObjectPublishedAgainMovesToItsNewId)
+{
+    BusDaemon daemon;
+    Context ctx(ubus_connect(nullptr));
+    struct ubus_object object = object_of(nullptr, "ignored");
+    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    uint32_t first = object.id;
+    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    EXPECT_NE(object.id, first);
+    look_up(ctx.get(), "ignored", 4);
+
+    wire::Client caller;
+    ASSERT_TRUE(caller.send(wire::invoke(1, object.id, "back")));
+    handle_next(ctx.get());
+    EXPECT_EQ(caller.read().status(), 5u);
+    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
+}
+
+TEST(Publish, StaleTypeIdsMakeAnObjectInvisible)
+{
+    BusDaemon daemon;
+    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
+    struct ubus_object object = object_of(&type, "x");
+    Context ctx(ubus_connect(nullptr));
+    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    uint32_t id = object.id;
+    ctx.reset();
+    EXPECT_EQ(object.id, id); // left alone
+
+    ctx.reset(ubus_connect(nullptr));
+    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    EXPECT_EQ(look_up(ctx.get(), "x", 0), 0u);
+
+    ctx.reset(ubus_connect(nullptr));
+    type.id = 0;
+    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+}
+
+TEST(Publish, ManyObjectsShareAType)
+{
+    BusDaemon daemon;
+    Context ctx(ubus_connect(nullptr));
+    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
+    struct ubus_object one = object_of(&type, "one"), two = object_of(&type, "two");
+    ASSERT_EQ(ubus_add_object(ctx.get(), &one), 0);
+    uint32_t type_id = type.id;
+    ASSERT_EQ(ubus_add_object(ctx.get(), &two), 0);
+    EXPECT_EQ(type.id, type_id);
+    EXPECT_EQ(look_up(ctx.get(), "two", 0), two.id);
+    EXPECT_EQ(ubus_remove_object(ctx.get(), &one), 0);
+    EXPECT_EQ(type.id, type_id);
+    EXPECT_EQ(ubus_remove_object(ctx.get(), &two), 0);
+    EXPECT_EQ(type.id, 0u);
+}
+
+// ---- the daemon's restart
+
+TEST(Restart, ContextsStayDeadUntilTheyReconnect)
+{
+    BusDaemon daemon;
+    Context ctx(ubus_connect(nullptr));
+    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
+    struct ubus_object one = object_of(&type, "one"), two = object_of(&type, "two");
+    ASSERT_EQ(ubus_add_object(ctx.get(), &one), 0);
+    ASSERT_EQ(ubus_add_object(ctx.get(), &two), 0);
+    uint32_t old = one.id;
+    ubus_add_uloop(ctx.get());
+    uint16_t seq = ctx->request_seq;
+
+    daemon.kill();
+    uint32_t id = 0;
+    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
+    EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 10);
+    EXPECT_FALSE(ctx->sock.registered);
+    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
+
+    daemon.start();
+    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
+    ASSERT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
+    EXPECT_FALSE(ctx->sock.registered);
+    EXPECT_NE(one.id, old);
+    EXPECT_EQ(look_up(ctx.get(), "one", 0), one.id);
+    EXPECT_EQ(look_up(ctx.get(), "two", 0), two.id);
+    EXPECT_GT(ctx->request_seq, seq); // numbers go on
+
+    wire::Client caller;
+    EXPECT_EQ(caller.ask(wire::invoke(1, old, "back")), 4u);
+    ASSERT_TRUE(caller.send(wire::invoke(2, two.id, "back")));
+    handle_next(ctx.get());
+    EXPECT_EQ(caller.read().status(), 5u);
+}
+
+TEST(Restart, AnObjectWhosePathIsTakenIsPublishedNextTime)
+{
+    BusDaemon daemon;
+    Context ctx(ubus_connect(nullptr));
+    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
+    struct ubus_object object = object_of(&type, "x");
+    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    daemon.kill();
+    daemon.start();
+    {
+        wire::Client thief;
+        ASSERT_NE(thief.publish("x"), 0u);
+        EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
+        EXPECT_EQ(object.id, 0u);
+    }
+    EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
+    EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+    EXPECT_NE(object.id, 0u);
+}
+
+TEST(Restart, AProgramMayReconnectWhenItHearsOfTheLoss)
+{
+    BusDaemon daemon;
+    static int lost;
+    lost = 0;
+    Context ctx(ubus_connect(nullptr));
+    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
+    struct ubus_object object = object_of(&type, "x");
+    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ubus_add_uloop(ctx.get());
+    ctx->connection_lost = [](struct ubus_context *context) {
+        lost++;
+        EXPECT_EQ(ubus_reconnect(context, nullptr), 0);
+        ubus_add_uloop(context);
+    };
+    for (int round = 1; round <= 3; round++) {
+        daemon.kill();
+        daemon.start();
+        while (lost < round)
+            uloop_run_timeout(10);
+        EXPECT_EQ(lost, round);
+        EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+    }
+}
+
+} // namespace

@@ -71,6 +71,25 @@ TEST(StartUp, TheFailureOfOneIsTheResultAndStopsNoneOfTheOthers)
     EXPECT_TRUE(notifier_runs());
 }
 
+TEST(StartUp, DebuggingComesFirstAndCannotFail)
+{
+    bv_os_printf("%s", "");
+    CaptureStdout quiet;
+    bool refused;
+    int32_t result;
+    {
+        FailAllocation first(1); // the switch table
+        result = bv_libraries_init();
+        refused = first.happened();
+    }
+    EXPECT_EQ(quiet.stop(), "malloc fail\n");
+    EXPECT_TRUE(refused);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(bv_debug_get_switch(3, 5), 1); // everything is said rather than nothing
+    EXPECT_NE(g_st_db_mng.table, nullptr);
+    EXPECT_TRUE(notifier_runs());
+}
+
 TEST(StartUp, CanBeRepeatedAfterAFailure)
 {
     EXPECT_EQ(start_without_database_table(), BV_ERR_MEMORY);

@@ -14,11 +14,13 @@
 #include <vector>
 
 BV_FAULT_popen;
+BV_FAULT_read;
 
 namespace {
 
 pid_t g_pid;                      // what getpid() says; 0 for the truth
 bool g_run = true;                // whether system() does anything
+int g_status;                     // its result when it does nothing
 std::vector<std::string> g_lines; // what the shell was given
 
 const std::string kLongest(255, 'x');
@@ -75,7 +77,7 @@ extern "C" pid_t getpid(void) noexcept
 extern "C" int system(const char *line)
 {
     g_lines.push_back(line);
-    return g_run ? next_function<int(const char *)>("system")(line) : 0;
+    return g_run ? next_function<int(const char *)>("system")(line) : g_status;
 }
 
 TEST_F(Shell, SystemRunsTheCommandItselfAndReturnsItsWaitStatus)
@@ -138,6 +140,16 @@ TEST_F(Shell, TheCommandStandsBetweenTheDoubleQuotesUnescaped)
     g_run = false;
     bv_os_sysprocess("echo \"%s\" $HOME", "a b");
     EXPECT_EQ(last_line(), "su -p BROVAN -c \"echo \"a b\" $HOME\"");
+}
+
+TEST_F(Shell, AShellThatCannotBeStartedIsReportedAsItIs)
+{
+    g_run = false;
+    g_status = -1;
+    EXPECT_EQ(bv_os_system("x"), -1);
+    EXPECT_EQ(bv_os_systemnull("x"), -1);
+    EXPECT_EQ(bv_os_systembk("x"), -1);
+    EXPECT_EQ(bv_os_sysprocess("x"), -1);
 }
 
 TEST_F(Shell, ACommandOf255CharactersIsRunAsItIs)
@@ -247,6 +259,16 @@ TEST_F(Shell, SystemexEndsAtTheFirstZeroByte)
     EXPECT_EQ(capture_text(std::string("ab\0cd\n", 6), out, sizeof out), 0);
     EXPECT_STREQ(out, "ab");
     EXPECT_EQ(capture_text(std::string("\0cd\n", 4), out, sizeof out), BV_ERR_FAILED);
+}
+
+TEST_F(Shell, ACaptureThatCannotBeReadIsEmptyAndStillRemoved)
+{
+    char out[] = "before";
+    fault_read.fail_always();
+    int32_t result = bv_os_systemex(out, sizeof out, "echo x");
+    fault_read.pass();
+    EXPECT_EQ(result, BV_ERR_FAILED);
+    EXPECT_STREQ(out, "");
 }
 
 TEST_F(Shell, OfSeveralCommandsOnlyTheLastIsCaptured)

@@ -2,13 +2,23 @@
 
 #include <bv/os.h>
 
-#include "crypto/wipe.h"
-
 #include <openssl/rand.h>
 
 namespace {
 
 constexpr int32_t kMaxDigits = 256;
+
+// Turns the bytes at the front of buf into count digits, the high one of each byte first. In place
+// and from the end, so that no copy of what may become a password stays anywhere: each byte is read
+// for the last time just before its place is taken.
+void expand_to_digits(uint8_t *buf, int32_t count)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    for (int32_t i = count - 1; i >= 0; i--) {
+        const uint8_t byte = buf[i / 2];
+        buf[i] = static_cast<uint8_t>(kDigits[i % 2 == 0 ? byte >> 4 : byte & 15]);
+    }
+}
 
 } // namespace
 
@@ -23,13 +33,6 @@ uint32_t bv_os_random(uint8_t *buf, int32_t num)
         return 0;
 
     const int result = RAND_bytes(buf, num);
-
-    // Half of the bytes are enough for all digits. Converting the others too would spoil the
-    // longest text: bv_os_tohexstr() starts afresh at its 256th byte.
-    char text[2 * kMaxDigits] = {};
-    const auto count = static_cast<uint32_t>(num);
-    bv_os_tohexstr(buf, (count + 1) / 2, text, sizeof(text));
-    bv_os_memcpy(buf, count, text, count);
-    bv::wipe(text);
+    expand_to_digits(buf, num);
     return static_cast<uint32_t>(result);
 }

@@ -99,18 +99,24 @@ BV_INLINE void all_rounds(uint32_t *v, uint32_t *w, const uint8_t *block,
     (round<T>(v, w, block), ...);
 }
 
-} // namespace
-
-void bv::sha256_blocks(uint32_t (&state)[8], const uint8_t *data, size_t count)
+__attribute__((noinline)) void compress(uint32_t *state, const uint8_t *data, size_t count)
 {
     uint32_t w[16];
 
-    for (; count > 0; count--, data += kSha256BlockSize) {
+    for (; count > 0; count--, data += bv::kSha256BlockSize) {
         uint32_t v[8] = {state[0], state[1], state[2], state[3],
                          state[4], state[5], state[6], state[7]};
         all_rounds(v, w, data, std::make_integer_sequence<unsigned, 64>());
         state[0] += v[0], state[1] += v[1], state[2] += v[2], state[3] += v[3];
         state[4] += v[4], state[5] += v[5], state[6] += v[6], state[7] += v[7];
     }
-    wipe(w);
+}
+
+} // namespace
+
+void bv::sha256_blocks(uint32_t (&state)[8], const uint8_t *data, size_t count)
+{
+    compress(state, data, count);
+    // w, and the working variables that found no register.
+    wipe_stack<384>();
 }

@@ -23,6 +23,15 @@ inline void wipe(T &object)
     wipe(&object, sizeof(object));
 }
 
+// Clears what functions called before by the same caller left on the stack: values that the
+// compiler put there for want of registers, which no wipe() of an object reaches.
+template <size_t Size>
+__attribute__((noinline)) void wipe_stack()
+{
+    unsigned char area[Size];
+    wipe(area);
+}
+
 } // namespace bv
 
 #endif

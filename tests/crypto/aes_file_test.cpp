@@ -1,0 +1,346 @@
+#include <bv/aes.h>
+
+#include "crypto/reference.h"
+#include "support/capture.h"
+#include "support/fault_points.h"
+#include "support/files.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+BV_FAULT_POINT(EVP_CIPHER_CTX_new, EVP_CIPHER_CTX *, (), (), nullptr);
+BV_FAULT_POINT(EVP_CipherUpdate, int,
+               (EVP_CIPHER_CTX * ctx, unsigned char *out, int *outl, const unsigned char *in,
+                int inl),
+               (ctx, out, outl, in, inl), 0);
+BV_FAULT_write;
+
+    namespace
+{
+
+    void (*g_before_read)(int call); // counted from 1
+    int g_reads;
+    size_t g_most = SIZE_MAX; // bytes that a read gives at most
+    off_t g_size;             // what seeking to the end answers, when not 0
+
+} // namespace
+
+extern "C" ssize_t read(int fd, void *buf, size_t n)
+{
+    static auto *next = next_function<ssize_t(int, void *, size_t)>("read");
+    if (g_before_read != nullptr)
+        g_before_read(++g_reads);
+    return next(fd, buf, n < g_most ? n : g_most);
+}
+
+#ifdef __GLIBC__
+#define LSEEK "lseek64"
+#else
+#define LSEEK "lseek"
+#endif
+extern "C" off_t test_lseek(int fd, off_t offset, int whence) __asm__(LSEEK);
+extern "C" off_t test_lseek(int fd, off_t offset, int whence)
+{
+    static auto *next = next_function<off_t(int, off_t, int)>(LSEEK);
+    if (g_size != 0 && whence == SEEK_END)
+        return g_size;
+    return next(fd, offset, whence);
+}
+
+namespace {
+
+const std::string kKey = "sixteen byte key";
+const char *const kPlain = "/tmp/plain";
+const char *const kCipher = "/tmp/cipher";
+const char *const kBack = "/tmp/back";
+
+// Chunk by chunk, each a message of its own.
+std::string by_chunks(bool encrypt, const std::string &in)
+{
+    const size_t size = encrypt ? 32 : 48;
+    std::string out;
+    for (size_t at = 0; at < in.size(); at += size)
+        out += reference::aes(encrypt, kKey, in.substr(at, size));
+    return out;
+}
+
+std::string encrypt_file(const std::string &content)
+{
+    write_file(kPlain, content);
+    unlink(kCipher);
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+    return read_file(kCipher);
+}
+
+std::string decrypt_file(const std::string &content)
+{
+    write_file(kCipher, content);
+    unlink(kBack);
+    EXPECT_EQ(bv_aes_file_de(kCipher, kBack, u8(kKey)), 0);
+    return read_file(kBack);
+}
+
+// Not EXPECT_EQ, which would print megabytes.
+void expect_same(const std::string &ours, const std::string &theirs, size_t which)
+{
+    EXPECT_EQ(ours.size(), theirs.size()) << which;
+    EXPECT_TRUE(ours == theirs) << which;
+}
+
+} // namespace
+
+TEST(AesFile, EverySizeIsEncryptedChunkByChunkAndComesBack)
+{
+    RandomBytes random(81);
+    std::vector<size_t> sizes = {4064, 4095, 4096, 4097, 4128, 8192, 8193, 1000003};
+    for (size_t size = 0; size <= 130; size++)
+        sizes.push_back(size);
+    for (size_t size : sizes) {
+        const std::string plain = random.bytes(size);
+        const std::string cipher = encrypt_file(plain);
+        expect_same(cipher, by_chunks(true, plain), size);
+        expect_same(decrypt_file(cipher), plain, size);
+    }
+}
+
+TEST(AesFile, EncryptedSizesAreThoseOfTheChunks)
+{
+    EXPECT_EQ(encrypt_file(std::string(1, 'x')).size(), 16u);
+    EXPECT_EQ(encrypt_file(std::string(16, 'x')).size(), 32u);
+    EXPECT_EQ(encrypt_file(std::string(32, 'x')).size(), 48u);
+    EXPECT_EQ(encrypt_file(std::string(33, 'x')).size(), 64u);
+    EXPECT_EQ(encrypt_file(std::string(64, 'x')).size(), 96u);
+    EXPECT_EQ(encrypt_file(std::string(65, 'x')).size(), 112u);
+}
+
+TEST(AesFile, EqualChunksGiveEqualCiphertext)
+{
+    const std::string cipher = encrypt_file(std::string(64, 'x'));
+    EXPECT_EQ(to_hex(cipher.substr(0, 48)), to_hex(cipher.substr(48)));
+}
+
+TEST(AesFile, ALongerOutputKeepsItsOldTail)
+{
+    write_file(kPlain, "short");
+    write_file(kCipher, std::string(100, 'o'));
+    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    EXPECT_EQ(read_file(kCipher), reference::aes(true, kKey, "short") + std::string(84, 'o'));
+
+    write_file(kBack, std::string(100, 'o'));
+    write_file(kCipher, reference::aes(true, kKey, "short"));
+    bv_aes_file_de(kCipher, kBack, u8(kKey));
+    EXPECT_EQ(read_file(kBack), "short" + std::string(95, 'o'));
+}
+
+TEST(AesFile, AnEmptyInputCreatesTheOutputAndLeavesAnExistingOne)
+{
+    for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
+        write_file("/tmp/empty", "");
+        unlink("/tmp/out");
+        EXPECT_EQ(transform("/tmp/empty", "/tmp/out", u8(kKey)), 0);
+        EXPECT_TRUE(file_exists("/tmp/out"));
+        write_file("/tmp/out", "old");
+        EXPECT_EQ(transform("/tmp/empty", "/tmp/out", u8(kKey)), 0);
+        EXPECT_EQ(read_file("/tmp/out"), "old");
+    }
+}
+
+TEST(AesFile, AMissingInputIsAnEmptyOne)
+{
+    for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
+        write_file("/tmp/out", "old");
+        EXPECT_EQ(transform("/tmp/missing", "/tmp/out", u8(kKey)), 0);
+        EXPECT_EQ(read_file("/tmp/out"), "old");
+        EXPECT_EQ(transform("/tmp/missing", "/tmp/new", u8(kKey)), 0);
+        EXPECT_TRUE(file_exists("/tmp/new"));
+        EXPECT_EQ(unlink("/tmp/new"), 0);
+    }
+}
+
+TEST(AesFile, AnOutputThatCannotBeOpenedIsNoFailure)
+{
+    write_file(kPlain, "content");
+    EXPECT_EQ(bv_aes_file_en(kPlain, "/tmp/no/such/folder", u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_de(kPlain, "/tmp", u8(kKey)), 0);
+}
+
+TEST(AesFile, TheOutputIsCreatedReadableForAllButTheUmask)
+{
+    umask(027);
+    encrypt_file("content");
+    struct stat st;
+    ASSERT_EQ(stat(kCipher, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+}
+
+TEST(AesFile, ADirectoryAsInputGivesNothing)
+{
+    EXPECT_EQ(bv_aes_file_en("/tmp", "/tmp/out", u8(kKey)), 0);
+    EXPECT_EQ(read_file("/tmp/out"), "");
+}
+
+TEST(AesFile, RandomBytesDecryptAsChunkByChunk)
+{
+    RandomBytes random(82);
+    for (size_t size = 1; size <= 200; size++) {
+        const std::string cipher = random.bytes(size);
+        expect_same(decrypt_file(cipher), by_chunks(false, cipher), size);
+    }
+    for (size_t size : {6143u, 6144u, 6145u, 6160u, 6192u, 20000u}) {
+        const std::string cipher = random.bytes(size);
+        expect_same(decrypt_file(cipher), by_chunks(false, cipher), size);
+    }
+}
+
+TEST(AesFile, ADamagedChunkDoesNotHarmTheOthers)
+{
+    RandomBytes random(83);
+    const std::string plain = random.bytes(32 * 300 + 7);
+    const std::string good = encrypt_file(plain);
+    for (int i = 0; i < 60; i++) {
+        std::string bad = good;
+        const size_t at = random.number(0, bad.size());
+        bad[at] = static_cast<char>(bad[at] ^ random.number(1, 256));
+        const std::string back = decrypt_file(bad);
+        expect_same(back, by_chunks(false, bad), at);
+        const size_t chunk = at / 48;
+        EXPECT_TRUE(back.substr(0, chunk * 32) == plain.substr(0, chunk * 32)) << at;
+    }
+}
+
+// A wrong padding makes a chunk of 48 give 32 to 47 bytes.
+TEST(AesFile, ForgedPaddingsNeverWriteMoreThanTheyHold)
+{
+    std::string cipher, plain;
+    for (int padding = 0; padding <= 20; padding++) {
+        // A chunk that decrypts to 47 bytes and any last byte.
+        std::string chunk(48, 'p');
+        for (int i = 1; i <= padding && i <= 16; i++)
+            chunk[48 - i] = static_cast<char>(padding);
+        chunk[47] = static_cast<char>(padding);
+        cipher += reference::aes(true, kKey, chunk).substr(0, 48);
+        plain += chunk.substr(0, padding >= 1 && padding <= 16 ? 48 - padding : 32);
+    }
+    expect_same(decrypt_file(cipher), plain, 0);
+
+    std::string longest; // 47 bytes from every chunk, through several batches
+    std::string chunk = std::string(47, 'p') + '\1';
+    for (int i = 0; i < 300; i++)
+        longest += reference::aes(true, kKey, chunk).substr(0, 48);
+    expect_same(decrypt_file(longest), by_chunks(false, longest), 0);
+    EXPECT_EQ(read_file(kBack).size(), 300u * 47);
+}
+
+TEST(AesFile, TruncatedFilesDecryptAsFarAsTheyGo)
+{
+    RandomBytes random(84);
+    const std::string cipher = encrypt_file(random.bytes(32 * 4));
+    for (size_t size = 0; size <= cipher.size(); size++)
+        expect_same(decrypt_file(cipher.substr(0, size)), by_chunks(false, cipher.substr(0, size)),
+                    size);
+}
+
+TEST(AesFile, AFileThatShrinksEndsWithTheBytesThatCame)
+{
+    const std::string plain = RandomBytes(85).bytes(20000);
+    g_before_read = [](int call) {
+        if (call == 2 && truncate(kPlain, 5000) != 0)
+            abort();
+    };
+    write_file(kPlain, plain);
+    g_reads = 0;
+    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    g_before_read = nullptr;
+    expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 5000)), 0);
+}
+
+TEST(AesFile, AShortReadEndsTheWork)
+{
+    const std::string plain = RandomBytes(86).bytes(20000);
+    write_file(kPlain, plain);
+    g_most = 1001;
+    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    g_most = SIZE_MAX;
+    expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 1001)), 0);
+}
+
+TEST(AesFile, WhatIsAppendedMeanwhileIsLeftOut)
+{
+    const std::string plain = RandomBytes(87).bytes(100);
+    write_file(kPlain, plain);
+    g_size = 70;
+    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    g_size = 0;
+    expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 70)), 0);
+}
+
+// Sizes whose low 32 bits are small or negative: cut to an int they would end the work at once.
+TEST(AesFile, SizesPast2GiBAreNotCut)
+{
+    const std::string plain = RandomBytes(88).bytes(10000);
+    for (off_t size :
+         {off_t{1} << 31, (off_t{1} << 32) - 1, off_t{1} << 32, (off_t{1} << 32) + 5}) {
+        write_file(kPlain, plain);
+        unlink(kCipher);
+        unlink(kBack);
+        g_size = size;
+        bv_aes_file_en(kPlain, kCipher, u8(kKey));
+        bv_aes_file_de(kCipher, kBack, u8(kKey));
+        g_size = 0;
+        expect_same(read_file(kCipher), by_chunks(true, plain), 0);
+        expect_same(read_file(kBack), plain, 0);
+    }
+}
+
+TEST(AesFile, AFullDiskEndsTheWorkWithoutAFailure)
+{
+    write_file(kPlain, RandomBytes(89).bytes(200000));
+    fault_write.fail_next(2, ENOSPC);
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(fault_write.calls(), 2);
+    EXPECT_EQ(read_file(kCipher).size(), 128u * 48);
+
+    fault_write.pass();
+    write_file(kPlain, std::string(8 << 20, 'x')); // the small disk holds 4 MiB
+    EXPECT_EQ(bv_aes_file_en(kPlain, "/config/work/cipher", u8(kKey)), 0);
+    const std::string written = read_file("/config/work/cipher");
+    EXPECT_GT(written.size(), 1u << 20);
+    EXPECT_LT(written.size(), 8u << 20);
+    EXPECT_TRUE(written.substr(0, 48 * 1000) == by_chunks(true, std::string(32 * 1000, 'x')));
+}
+
+TEST(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
+{
+    const auto before = open_descriptors();
+    write_file(kPlain, "content");
+    fault_EVP_CIPHER_CTX_new.fail_next();
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(read_file(kCipher), "");
+    fault_EVP_CipherUpdate.fail_next();
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(read_file(kCipher), "");
+    fault_EVP_CipherUpdate.fail_next();
+    EXPECT_EQ(bv_aes_file_de("/usr/bin/env", kCipher, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en("/tmp/missing", "/tmp/no/such/folder", u8(kKey)), 0);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(AesFile, NullArgumentsAreHarmless)
+{
+    write_file(kPlain, "content");
+    EXPECT_EQ(bv_aes_file_en(nullptr, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en(kPlain, nullptr, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, nullptr), 0);
+    EXPECT_EQ(bv_aes_file_de(nullptr, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_de(kPlain, nullptr, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_de(kPlain, kCipher, nullptr), 0);
+    EXPECT_FALSE(file_exists(kCipher));
+}
+
+TEST(AesFile, NothingIsPrinted)
+{
+    CaptureStdout capture;
+    bv_aes_file_en("/tmp/missing", "/tmp/no/such/folder", u8(kKey));
+    EXPECT_EQ(capture.stop(), "");
+}

@@ -1,0 +1,328 @@
+#include <bv/aes.h>
+#include <bv/status.h>
+
+#include "crypto/guarded.h"
+#include "crypto/reference.h"
+#include "support/fault_points.h"
+
+#include <cstddef>
+#include <gtest/gtest.h>
+
+BV_FAULT_POINT(EVP_CIPHER_CTX_new, EVP_CIPHER_CTX *, (), (), nullptr);
+BV_FAULT_POINT(EVP_CipherInit_ex, int,
+               (EVP_CIPHER_CTX * ctx, const EVP_CIPHER *cipher, ENGINE *impl,
+                const unsigned char *key, const unsigned char *iv, int enc),
+               (ctx, cipher, impl, key, iv, enc), 0);
+
+namespace {
+
+const std::string kKey = "sixteen byte key";
+
+// A record at the end of its page, the key after the 16th byte filled with something else.
+class Record {
+public:
+    explicit Record(const std::string &key = kKey) : memory_(sizeof(bv_aes_record))
+    {
+        memset(memory_.bytes(), '#', sizeof(bv_aes_record));
+        memcpy(memory()->key, key.data(), 16);
+    }
+
+    bv_aes_record *memory() { return reinterpret_cast<bv_aes_record *>(memory_.bytes()); }
+    bv_aes_record *operator->() { return memory(); }
+
+    std::string encrypt(const std::string &plain)
+    {
+        memcpy(memory()->plain, plain.data(), plain.size());
+        memory()->plain_len = static_cast<uint32_t>(plain.size());
+        EXPECT_EQ(bv_aes_cbc_en(memory()), 0);
+        return std::string(reinterpret_cast<char *>(memory()->cipher), memory()->cipher_len);
+    }
+
+    std::string decrypt(const std::string &cipher)
+    {
+        memcpy(memory()->cipher, cipher.data(), cipher.size());
+        memory()->cipher_len = static_cast<uint32_t>(cipher.size());
+        EXPECT_EQ(bv_aes_cbc_de(memory()), 0);
+        return std::string(reinterpret_cast<char *>(memory()->plain), memory()->plain_len);
+    }
+
+private:
+    Guarded memory_;
+};
+
+// Text and key at the very end of their memory, the result in memory of exactly out_size bytes.
+int32_t encrypt_text(const std::string &text, std::string &out, uint32_t out_size)
+{
+    Guarded in(text + '\0'), key(kKey), to(std::string(out_size, '#'));
+    const int32_t status = bv_aes_str_en(to.text(), out_size, in.text(), key.bytes());
+    out = std::string(to.text(), out_size);
+    return status;
+}
+
+std::string decrypt_text(const std::string &hex, uint32_t out_size = 65)
+{
+    Guarded in(hex + '\0'), key(kKey), to(std::string(out_size, '#'));
+    EXPECT_EQ(bv_aes_str_de(in.text(), to.text(), out_size, key.bytes()), 0);
+    return std::string(to.text(), out_size);
+}
+
+std::string up_to_nul(const std::string &text)
+{
+    return text.substr(0, text.find('\0'));
+}
+
+std::string hex_of(const std::string &text)
+{
+    return to_hex(reference::aes(true, kKey, text));
+}
+
+} // namespace
+
+static_assert(sizeof(bv_aes_record) == 264);
+static_assert(offsetof(bv_aes_record, cipher) == 72 && offsetof(bv_aes_record, key) == 200);
+
+TEST(AesRecord, PublishedVectorsAgreeWithUsAndWithLibcrypto)
+{
+    const auto rows = read_rows("aes128_cbc.txt");
+    ASSERT_EQ(rows.size(), 7u);
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row[0]);
+        const std::string key = bytes_of(row[1]), plain = bytes_of(row[2]),
+                          cipher = bytes_of(row[3]);
+        EXPECT_EQ(to_hex(reference::aes(true, key, plain)), to_hex(cipher));
+        EXPECT_EQ(to_hex(Record(key).encrypt(plain)), to_hex(cipher));
+        EXPECT_EQ(to_hex(Record(key).decrypt(cipher)), to_hex(plain));
+    }
+}
+
+TEST(AesRecord, EveryLengthAgreesWithLibcryptoAndComesBack)
+{
+    RandomBytes random(71);
+    for (uint32_t length = 0; length <= 64; length++) {
+        const std::string key = random.bytes(16), plain = random.bytes(length);
+        Record record(key);
+        const std::string cipher = record.encrypt(plain);
+        EXPECT_EQ(to_hex(cipher), to_hex(reference::aes(true, key, plain)));
+        EXPECT_EQ(cipher.size(), 16 * (length / 16 + 1));
+        EXPECT_EQ(record->plain_len, length);
+        EXPECT_EQ(to_hex(Record(key).decrypt(cipher)), to_hex(plain)) << length;
+    }
+}
+
+TEST(AesRecord, OnlyTheBytesThatAreNeededChange)
+{
+    Record record;
+    record.encrypt("abc");
+    EXPECT_EQ(record->cipher[16], '#');
+    EXPECT_EQ(record->plain[3], '#');
+    Record back;
+    back.decrypt(reference::aes(true, kKey, "abc"));
+    EXPECT_EQ(back->plain_len, 3u);
+    EXPECT_EQ(back->plain[3], '#');
+}
+
+TEST(AesRecord, LengthsBeyondTheFieldsCountAsTheFieldsSize)
+{
+    for (uint32_t length : {65u, 128u, 0x7fffffffu, 0xffffffffu}) {
+        Record record;
+        memset(record->plain, 'p', 64);
+        record->plain_len = length;
+        bv_aes_cbc_en(record.memory());
+        EXPECT_EQ(record->cipher_len, 80u);
+        EXPECT_EQ(to_hex(record->cipher, 80), hex_of(std::string(64, 'p')));
+
+        memset(record->cipher, 'c', 128);
+        record->cipher_len = length + 128 < length ? length : length + 128;
+        bv_aes_cbc_de(record.memory());
+        EXPECT_EQ(record->plain_len, 64u);
+        EXPECT_EQ(to_hex(record->plain, 64),
+                  to_hex(reference::aes(false, kKey, std::string(128, 'c')).substr(0, 64)));
+        EXPECT_EQ(record->key[63], '#');
+        EXPECT_EQ(record->cipher[0], 'c');
+    }
+}
+
+TEST(AesRecord, OfALongerPlaintextTheFirst64BytesAreKept)
+{
+    RandomBytes random(72);
+    for (size_t length = 65; length <= 127; length++) {
+        const std::string plain = random.bytes(length);
+        Record record;
+        EXPECT_EQ(to_hex(record.decrypt(reference::aes(true, kKey, plain))),
+                  to_hex(plain.substr(0, 64)));
+    }
+}
+
+TEST(AesRecord, DamagedAndCutCiphertextGivesWhatLibcryptoGives)
+{
+    RandomBytes random(73);
+    for (size_t length = 0; length <= 128; length++) {
+        const std::string cipher = random.bytes(length);
+        EXPECT_EQ(to_hex(Record().decrypt(cipher)),
+                  to_hex(reference::aes(false, kKey, cipher).substr(0, 64)))
+            << length;
+    }
+    std::string wrong = reference::aes(true, kKey, std::string(40, 'x'));
+    wrong[40] = static_cast<char>(wrong[40] ^ 1);
+    EXPECT_EQ(Record().decrypt(wrong).size(), 32u) << "the last block is lost with its padding";
+}
+
+TEST(AesRecord, WithoutACipherTheResultIsEmpty)
+{
+    Record record;
+    fault_EVP_CIPHER_CTX_new.fail_next();
+    EXPECT_EQ(record.encrypt("abc"), "");
+    fault_EVP_CipherInit_ex.fail_next();
+    EXPECT_EQ(record.encrypt("abc"), "");
+    fault_EVP_CIPHER_CTX_new.fail_next();
+    EXPECT_EQ(record.decrypt("0123456789abcdef"), "");
+    fault_EVP_CipherInit_ex.fail_next();
+    EXPECT_EQ(record.decrypt("0123456789abcdef"), "");
+    EXPECT_EQ(record->plain[3], '#');
+}
+
+TEST(AesRecord, NullIsNoWork)
+{
+    EXPECT_EQ(bv_aes_cbc_en(nullptr), 0);
+    EXPECT_EQ(bv_aes_cbc_de(nullptr), 0);
+}
+
+TEST(AesText, EveryLengthUpTo64ComesOutAsLowerCaseHexAndBack)
+{
+    for (size_t length = 0; length <= 64; length++) {
+        std::string text;
+        for (size_t i = 0; i < length; i++)
+            text += static_cast<char>('!' + (i + length) % 90);
+        const auto exact = static_cast<uint32_t>(32 * (length / 16 + 1) + 1);
+        std::string out;
+        ASSERT_EQ(encrypt_text(text, out, exact), 0) << length;
+        EXPECT_EQ(out, hex_of(text) + '\0') << length;
+        EXPECT_EQ(up_to_nul(decrypt_text(out)), text);
+
+        std::string untouched;
+        EXPECT_EQ(encrypt_text(text, untouched, exact - 1), -1);
+        EXPECT_EQ(untouched, std::string(exact - 1, '#'));
+    }
+}
+
+TEST(AesText, TheEmptyTextIsOneBlock)
+{
+    std::string out;
+    EXPECT_EQ(encrypt_text("", out, 33), 0);
+    EXPECT_EQ(up_to_nul(out).size(), 32u);
+}
+
+TEST(AesText, OnlyTheTextAndItsTerminatorAreWritten)
+{
+    std::string out;
+    ASSERT_EQ(encrypt_text("abc", out, 100), 0);
+    EXPECT_EQ(out.substr(32), '\0' + std::string(67, '#'));
+}
+
+TEST(AesText, OfALongerTextTheFirst64CharactersAreEncrypted)
+{
+    for (size_t length : {65u, 100u, 100000u}) {
+        std::string out;
+        ASSERT_EQ(encrypt_text(std::string(length, 'x'), out, 161), 0);
+        EXPECT_EQ(up_to_nul(out), hex_of(std::string(64, 'x')));
+    }
+}
+
+TEST(AesText, NoRoomAtAllIsRefused)
+{
+    char nothing = '#';
+    EXPECT_EQ(bv_aes_str_en(&nothing, 0, "abc", u8(kKey)), -1);
+    EXPECT_EQ(nothing, '#');
+}
+
+TEST(AesText, UpperCaseDigitsAndAnOddLastOneAreAccepted)
+{
+    std::string hex = hex_of("some text");
+    for (char &c : hex)
+        c = static_cast<char>(toupper(c));
+    EXPECT_EQ(up_to_nul(decrypt_text(hex)), "some text");
+    EXPECT_EQ(up_to_nul(decrypt_text(hex + "7")), "some text");
+    EXPECT_EQ(up_to_nul(decrypt_text("7")), "");
+    EXPECT_EQ(up_to_nul(decrypt_text("")), "");
+}
+
+// Each pair is read on its own as a number, whatever else is in it.
+TEST(AesText, PairsThatAreNoHexReadAsNumbersDo)
+{
+    const struct {
+        const char *pair;
+        uint8_t byte;
+    } pairs[] = {{"zz", 0},  {"0x", 0},  {"-1", 255}, {"+f", 15},
+                 {" f", 15}, {"fz", 15}, {"zf", 0},   {"aF", 175}};
+
+    const std::string good = reference::aes(true, kKey, "the block before and this");
+    for (const auto &row : pairs) {
+        std::string cipher = good;
+        cipher[0] = static_cast<char>(row.byte);
+        const std::string hex = row.pair + to_hex(good).substr(2);
+        EXPECT_EQ(up_to_nul(decrypt_text(hex)), up_to_nul(reference::aes(false, kKey, cipher)))
+            << row.pair;
+    }
+}
+
+TEST(AesText, DigitsBeyond256AreIgnored)
+{
+    RandomBytes random(74);
+    std::string plain;
+    for (int i = 0; i < 127; i++)
+        plain += static_cast<char>('a' + i % 26);
+    const std::string hex = hex_of(plain); // 256 digits
+    ASSERT_EQ(hex.size(), 256u);
+    for (const char *more : {"", "0", "00", "0123456789abcdef0123456789abcdef"})
+        EXPECT_EQ(up_to_nul(decrypt_text(hex + more)), plain.substr(0, 64));
+    EXPECT_EQ(up_to_nul(decrypt_text(hex + std::string(100000, 'f'))), plain.substr(0, 64));
+}
+
+TEST(AesText, ATextThatDoesNotFitLeavesAnEmptyOne)
+{
+    const std::string hex = hex_of("eight ch");
+    EXPECT_EQ(decrypt_text(hex, 9), std::string("eight ch") + '\0');
+    EXPECT_EQ(decrypt_text(hex, 8)[0], 0);
+    EXPECT_EQ(decrypt_text(hex, 1)[0], 0);
+    EXPECT_EQ(decrypt_text(hex_of(std::string(64, 'x')), 64)[0], 0);
+    EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string(64, 'x')), 65)), std::string(64, 'x'));
+}
+
+TEST(AesText, AZeroByteInThePlaintextEndsTheText)
+{
+    EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string("ab\0cd", 5)))), "ab");
+}
+
+TEST(AesText, RandomInputsNeverLeaveTheBuffers)
+{
+    RandomBytes random(75);
+    for (int i = 0; i < 2000; i++) {
+        std::string text = random.bytes(random.number(0, 400));
+        for (char &c : text)
+            c = c == 0 ? ' ' : c;
+        const auto out_size = static_cast<uint32_t>(random.number(1, 200));
+        decrypt_text(text, out_size);
+        std::string out;
+        encrypt_text(text, out, out_size);
+    }
+}
+
+TEST(AesText, NullArgumentsAreHarmless)
+{
+    char out[161] = "#";
+    EXPECT_EQ(bv_aes_str_en(nullptr, 161, "abc", u8(kKey)), -1);
+    EXPECT_EQ(bv_aes_str_en(out, 161, nullptr, u8(kKey)), -1);
+    EXPECT_EQ(bv_aes_str_en(out, 161, "abc", nullptr), -1);
+    EXPECT_EQ(bv_aes_str_de(nullptr, out, 161, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_str_de("00", nullptr, 161, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_str_de("00", out, 161, nullptr), 0);
+    EXPECT_STREQ(out, "#");
+}
+
+TEST(AesText, WithoutACipherTheTextIsEmpty)
+{
+    std::string out;
+    fault_EVP_CIPHER_CTX_new.fail_next();
+    EXPECT_EQ(encrypt_text("abc", out, 33), 0);
+    EXPECT_EQ(up_to_nul(out), "");
+}

@@ -1,0 +1,299 @@
+#include <bv/os.h>
+
+#include "crypto/reference.h"
+#include "support/capture.h"
+#include "support/fault_points.h"
+#include "support/faults.h"
+#include "support/files.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+#include <openssl/sha.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+BV_FAULT_POINT(EVP_MD_CTX_new, EVP_MD_CTX *, (), (), nullptr);
+BV_FAULT_POINT(EVP_DigestInit_ex, int, (EVP_MD_CTX * ctx, const EVP_MD *type, ENGINE *impl),
+               (ctx, type, impl), 0);
+
+namespace {
+
+int g_read_calls;
+void (*g_before_read)(int call) = nullptr; // counted from 1
+bool g_read_fails;
+
+} // namespace
+
+// What happens to a file while it is read.
+extern "C" ssize_t read(int fd, void *buf, size_t n)
+{
+    static auto *next = next_function<ssize_t(int, void *, size_t)>("read");
+    if (g_before_read != nullptr)
+        g_before_read(++g_read_calls);
+    if (g_read_fails) {
+        errno = EIO;
+        return -1;
+    }
+    return next(fd, buf, n);
+}
+
+namespace {
+
+std::string sha256(const std::string &text)
+{
+    char out[128];
+    memset(out, '#', sizeof(out));
+    bv_os_sha256(out, text.c_str());
+    EXPECT_EQ(out[64], 0);
+    EXPECT_EQ(out[65], '#') << "only 65 bytes may be written";
+    return out;
+}
+
+// A buffer of 65 bytes: 64 digits and what must stay.
+class Sm3Text {
+public:
+    Sm3Text() { memset(text_, '#', sizeof(text_)); }
+    operator char *() { return text_; }
+    std::string digits() const { return std::string(text_, 64); }
+    bool terminated() const { return text_[64] != '#'; }
+    bool untouched() const { return std::string(text_, sizeof(text_)) == std::string(65, '#'); }
+
+private:
+    char text_[65];
+};
+
+std::string sm3(const std::string &message)
+{
+    return to_hex(reference::digest(EVP_sm3(), message));
+}
+
+std::string sm3_of_file(const std::string &path)
+{
+    Sm3Text out;
+    EXPECT_EQ(bv_os_sm3_file(path.c_str(), out), BV_OK);
+    EXPECT_FALSE(out.terminated());
+    return out.digits();
+}
+
+} // namespace
+
+TEST(Sha256Text, HasTheStandardDigest)
+{
+    EXPECT_EQ(sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+}
+
+TEST(Sha256Text, EveryLengthAroundBlockEdgesAgreesWithLibcrypto)
+{
+    for (size_t length = 0; length <= 260; length++) {
+        std::string text;
+        for (size_t i = 0; i < length; i++)
+            text += static_cast<char>(1 + (i * 7 + length) % 255);
+        EXPECT_EQ(sha256(text), to_hex(reference::digest(EVP_sha256(), text))) << length;
+    }
+    const std::string million(1000000, 'a');
+    EXPECT_EQ(sha256(million), to_hex(reference::digest(EVP_sha256(), million)));
+}
+
+TEST(Sha256Text, NullArgumentsAreHarmless)
+{
+    char out[65] = "#";
+    bv_os_sha256(out, nullptr);
+    bv_os_sha256(nullptr, "abc");
+    EXPECT_STREQ(out, "#");
+}
+
+// 2^29 + 3 characters out of one page of memory, mapped again and again.
+TEST(Sha256Text, TheLengthIsCutTo32BitsFrom512MiBOn)
+{
+    const size_t length = (size_t{1} << 29) + 3, piece = 16 * 1024 * 1024;
+    const int fd = memfd_create("text", 0);
+    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(piece)), 0);
+    auto *base = static_cast<char *>(mmap(nullptr, length + piece, PROT_READ | PROT_WRITE,
+                                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    ASSERT_NE(base, MAP_FAILED);
+    for (size_t at = 0; at < length; at += piece) {
+        ASSERT_NE(mmap(base + at, piece, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0),
+                  MAP_FAILED);
+    }
+    memset(base, 'a', piece);
+    // The last piece is private memory, so that the terminator is not in all of them.
+    ASSERT_NE(mmap(base + length - 3, piece, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0),
+              MAP_FAILED);
+    memcpy(base + length - 3, "end", 4);
+
+    SHA256_CTX theirs;
+    SHA256_Init(&theirs);
+    SHA256_Update(&theirs, base, length);
+    theirs.Nl = 3 * 8; // 2^29 bytes are 2^32 bits, which the text's digest forgets
+    theirs.Nh = 0;
+    uint8_t expected[32];
+    SHA256_Final(expected, &theirs);
+
+    char out[65];
+    bv_os_sha256(out, base);
+    EXPECT_EQ(out, to_hex(expected, sizeof(expected)));
+    munmap(base, length + piece);
+    close(fd);
+}
+
+TEST(Sm3Text, PublishedVectorsAgreeWithUsAndWithLibcrypto)
+{
+    const auto rows = read_rows("sm3.txt");
+    ASSERT_EQ(rows.size(), 4u);
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row[0]);
+        const std::string message = bytes_of(row[1]), expected = to_hex(bytes_of(row[2]));
+        EXPECT_EQ(sm3(message), expected);
+        Sm3Text out;
+        EXPECT_EQ(bv_os_sm3_str(u8(message), static_cast<uint32_t>(message.size()), out), BV_OK);
+        EXPECT_EQ(out.digits(), expected);
+        EXPECT_FALSE(out.terminated());
+    }
+}
+
+TEST(Sm3Text, RandomBuffersAgreeWithLibcrypto)
+{
+    RandomBytes random(41);
+    for (size_t length = 1; length <= 200; length++) {
+        const std::string message = random.bytes(length);
+        Sm3Text out;
+        EXPECT_EQ(bv_os_sm3_str(u8(message), static_cast<uint32_t>(length), out), BV_OK);
+        EXPECT_EQ(out.digits(), sm3(message)) << length;
+    }
+}
+
+TEST(Sm3Text, NothingToHashIsRefusedAndLeavesTheBuffer)
+{
+    Sm3Text out;
+    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 0, out),
+              uint32_t{BV_ERR_INVALID});
+    EXPECT_EQ(bv_os_sm3_str(nullptr, 1, out), uint32_t{BV_ERR_INVALID});
+    EXPECT_EQ(bv_os_sm3_str(nullptr, 0, out), uint32_t{BV_ERR_INVALID});
+    EXPECT_TRUE(out.untouched());
+    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, nullptr),
+              uint32_t{BV_ERR_INVALID});
+}
+
+TEST(Sm3Text, WithoutADigestContextThereIsNoDigest)
+{
+    Sm3Text out;
+    fault_EVP_MD_CTX_new.fail_next();
+    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out),
+              uint32_t{BV_ERR_MEMORY});
+    fault_EVP_DigestInit_ex.fail_next();
+    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out),
+              uint32_t{BV_ERR_MEMORY});
+    write_file("/tmp/file", "content");
+    fault_EVP_MD_CTX_new.fail_next();
+    EXPECT_EQ(bv_os_sm3_file("/tmp/file", out), uint32_t{BV_ERR_MEMORY});
+    EXPECT_TRUE(out.untouched());
+}
+
+TEST(Sm3File, SizesAroundThePieceAgreeWithTheTextDigest)
+{
+    RandomBytes random(42);
+    for (size_t size : {0u, 1u, 65535u, 65536u, 65537u, 200000u}) {
+        const std::string content = random.bytes(size);
+        write_file("/tmp/file", content);
+        EXPECT_EQ(sm3_of_file("/tmp/file"), sm3(content)) << size;
+        if (size > 0) {
+            Sm3Text out;
+            bv_os_sm3_str(u8(content), static_cast<uint32_t>(size), out);
+            EXPECT_EQ(out.digits(), sm3_of_file("/tmp/file")) << size;
+        }
+    }
+}
+
+TEST(Sm3File, AMissingFileIsReported)
+{
+    Sm3Text out;
+    EXPECT_EQ(bv_os_sm3_file("/tmp/missing", out), uint32_t{BV_ERR_NO_FILE});
+    EXPECT_EQ(bv_os_sm3_file(nullptr, out), uint32_t{BV_ERR_NO_FILE});
+    EXPECT_TRUE(out.untouched());
+    write_file("/tmp/file", "content");
+    EXPECT_EQ(bv_os_sm3_file("/tmp/file", nullptr), uint32_t{BV_ERR_NO_FILE});
+}
+
+// In a child that has given up root: root may read everything.
+TEST(Sm3File, AFileThatMayNotBeReadIsReported)
+{
+    write_file("/tmp/file", "content");
+    ASSERT_EQ(chmod("/tmp/file", 0), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setuid(65534) != 0)
+            _exit(77);
+        Sm3Text out;
+        const uint32_t status = bv_os_sm3_file("/tmp/file", out);
+        _exit(status == BV_ERR_OPEN && out.untouched() ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "this private root has only one user";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(Sm3File, ADirectoryHasTheDigestOfNothing)
+{
+    EXPECT_EQ(sm3_of_file("/tmp"), sm3(""));
+}
+
+TEST(Sm3File, AReadErrorEndsTheFile)
+{
+    const std::string content = RandomBytes(43).bytes(3 * 65536);
+    write_file("/tmp/file", content);
+    g_before_read = [](int call) { g_read_fails = call >= 2; };
+    EXPECT_EQ(sm3_of_file("/tmp/file"), sm3(content.substr(0, 65536)));
+}
+
+TEST(Sm3File, AFileThatShrinksEndsEarly)
+{
+    const std::string content = RandomBytes(44).bytes(3 * 65536);
+    write_file("/tmp/file", content);
+    g_before_read = [](int call) {
+        if (call == 2 && truncate("/tmp/file", 70000) != 0)
+            abort();
+    };
+    EXPECT_EQ(sm3_of_file("/tmp/file"), sm3(content.substr(0, 70000)));
+}
+
+TEST(Sm3File, AFileWithoutASizeIsReadToItsEnd)
+{
+    const std::string content = RandomBytes(45).bytes(100000);
+    ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        write_file("/tmp/pipe", content);
+        _exit(0);
+    }
+    EXPECT_EQ(sm3_of_file("/tmp/pipe"), sm3(content));
+    waitpid(child, nullptr, 0);
+}
+
+TEST(Sm3File, WithoutMemoryForThePieceNothingStaysOpen)
+{
+    write_file("/tmp/file", "content");
+    const auto before = open_descriptors();
+    Sm3Text out;
+    {
+        FailAllocationsOfSize fail(65536);
+        EXPECT_EQ(bv_os_sm3_file("/tmp/file", out), uint32_t{BV_ERR_MEMORY});
+        EXPECT_EQ(fail.happened(), 1u);
+    }
+    EXPECT_TRUE(out.untouched());
+    EXPECT_EQ(bv_os_sm3_file("/tmp/file", out), BV_OK);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(Sm3File, NothingIsPrinted)
+{
+    CaptureStdout capture;
+    Sm3Text out;
+    bv_os_sm3_file("/tmp/missing", out);
+    bv_os_sm3_file("/tmp", out);
+    EXPECT_EQ(capture.stop(), "");
+}

@@ -1,0 +1,123 @@
+#include <bv/os.h>
+
+#include "crypto/vectors.h"
+#include "support/fault_points.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <set>
+
+namespace {
+
+std::string g_bytes; // what the generator gives instead of its own, when not empty
+int g_result = 1;
+int g_calls = 0;
+
+// 300 bytes of '#', to see what is written.
+class Buffer {
+public:
+    Buffer() { memset(bytes_, '#', sizeof(bytes_)); }
+    operator uint8_t *() { return bytes_; }
+    std::string front(size_t count) const { return text().substr(0, count); }
+    bool untouched_from(size_t at) const
+    {
+        return text().find_first_not_of('#', at) == std::string::npos;
+    }
+
+private:
+    std::string text() const
+    {
+        return std::string(reinterpret_cast<const char *>(bytes_), sizeof(bytes_));
+    }
+    uint8_t bytes_[300];
+};
+
+bool all_digits(const std::string &text)
+{
+    return text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+} // namespace
+
+// In front of libcrypto's.
+extern "C" int RAND_bytes(unsigned char *buf, int num)
+{
+    g_calls++;
+    if (g_result != 1)
+        return g_result;
+    if (g_bytes.empty())
+        return next_function<int(unsigned char *, int)>("RAND_bytes")(buf, num);
+    memcpy(buf, g_bytes.data(), static_cast<size_t>(num));
+    return 1;
+}
+
+TEST(Random, TheTextIsTheHexOfTheFirstHalfOfTheBytes)
+{
+    g_bytes = RandomBytes(51).bytes(256);
+    for (int32_t num = 1; num <= 256; num++) {
+        Buffer buffer;
+        EXPECT_EQ(bv_os_random(buffer, num), 1u);
+        EXPECT_EQ(buffer.front(static_cast<size_t>(num)),
+                  to_hex(g_bytes).substr(0, static_cast<size_t>(num)));
+        EXPECT_TRUE(buffer.untouched_from(static_cast<size_t>(num))) << num;
+    }
+}
+
+TEST(Random, TheLongestTextHas256Digits)
+{
+    Buffer buffer;
+    EXPECT_EQ(bv_os_random(buffer, 256), 1u);
+    EXPECT_TRUE(all_digits(buffer.front(256)));
+    EXPECT_TRUE(buffer.untouched_from(256));
+}
+
+TEST(Random, OneMoreIsTooLongAndLeavesTheBuffer)
+{
+    Buffer buffer;
+    EXPECT_EQ(bv_os_random(buffer, 257), uint32_t{BV_ERR_TOO_LONG});
+    EXPECT_EQ(bv_os_random(buffer, INT32_MAX), uint32_t{BV_ERR_TOO_LONG});
+    EXPECT_TRUE(buffer.untouched_from(0));
+    EXPECT_EQ(g_calls, 0);
+}
+
+TEST(Random, OneDigitIsEnough)
+{
+    Buffer buffer;
+    EXPECT_EQ(bv_os_random(buffer, 1), 1u);
+    EXPECT_TRUE(all_digits(buffer.front(1)));
+    EXPECT_TRUE(buffer.untouched_from(1));
+}
+
+TEST(Random, NoneAndNegativeNumbersLeaveTheBuffer)
+{
+    Buffer buffer;
+    EXPECT_EQ(bv_os_random(buffer, 0), 1u);
+    EXPECT_EQ(bv_os_random(nullptr, 0), 1u);
+    EXPECT_EQ(bv_os_random(buffer, -1), 0u);
+    EXPECT_EQ(bv_os_random(buffer, INT32_MIN), 0u);
+    EXPECT_EQ(bv_os_random(nullptr, 8), 0u);
+    EXPECT_TRUE(buffer.untouched_from(0));
+    EXPECT_EQ(g_calls, 0);
+}
+
+TEST(Random, AFailingGeneratorIsReportedAndTheBufferConvertedAllTheSame)
+{
+    for (int failure : {0, -1}) {
+        Buffer buffer;
+        g_result = failure;
+        EXPECT_EQ(bv_os_random(buffer, 5), static_cast<uint32_t>(failure));
+        EXPECT_EQ(buffer.front(5), "23232"); // of the '#' there
+        EXPECT_TRUE(buffer.untouched_from(5));
+    }
+}
+
+TEST(Random, TextsDiffer)
+{
+    std::set<std::string> texts;
+    for (int i = 0; i < 100; i++) {
+        Buffer buffer;
+        ASSERT_EQ(bv_os_random(buffer, 32), 1u);
+        texts.insert(buffer.front(32));
+    }
+    EXPECT_EQ(texts.size(), 100u);
+}

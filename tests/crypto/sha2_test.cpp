@@ -1,0 +1,222 @@
+#include <bv/sha2.h>
+
+#include "crypto/reference.h"
+
+#include <gtest/gtest.h>
+#include <openssl/sha.h>
+
+namespace {
+
+const auto *kAbc = reinterpret_cast<const uint8_t *>("abc");
+
+size_t digest_size(bool is224)
+{
+    return is224 ? 28 : 32;
+}
+
+std::string one_shot(const std::string &message, bool is224)
+{
+    uint8_t out[32];
+    sha2(u8(message), static_cast<uint32_t>(message.size()), out, is224);
+    return std::string(reinterpret_cast<char *>(out), digest_size(is224));
+}
+
+void update(sha2_context *ctx, const std::string &piece)
+{
+    sha2_update(ctx, u8(piece), static_cast<uint32_t>(piece.size()));
+}
+
+std::string finish(sha2_context *ctx)
+{
+    uint8_t out[32];
+    sha2_finish(ctx, out);
+    return std::string(reinterpret_cast<char *>(out), digest_size(ctx->is224 != 0));
+}
+
+} // namespace
+
+TEST(Sha2, PublishedVectorsAgreeWithUsAndWithLibcrypto)
+{
+    const auto rows = read_rows("sha2.txt");
+    ASSERT_EQ(rows.size(), 30u);
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row[0]);
+        const bool is224 = row[1] == "224";
+        const std::string message = bytes_of(row[2]), expected = to_hex(bytes_of(row[3]));
+        EXPECT_EQ(to_hex(reference::digest(reference::sha2(is224), message)), expected);
+        EXPECT_EQ(to_hex(one_shot(message, is224)), expected);
+    }
+}
+
+TEST(Sha2, EveryLengthAroundBlockEdgesAgreesWithLibcrypto)
+{
+    RandomBytes random(1);
+    for (size_t length = 0; length <= 300; length++) {
+        const std::string message = random.bytes(length);
+        for (bool is224 : {false, true}) {
+            EXPECT_EQ(to_hex(one_shot(message, is224)),
+                      to_hex(reference::digest(reference::sha2(is224), message)))
+                << length;
+        }
+    }
+}
+
+TEST(Sha2, EverySplitIntoTwoUpdatesGivesTheSameDigest)
+{
+    RandomBytes random(2);
+    const std::string all = random.bytes(200);
+    for (size_t length = 0; length <= all.size(); length++) {
+        const std::string expected = reference::digest(EVP_sha256(), all.substr(0, length));
+        for (size_t cut = 0; cut <= length; cut++) {
+            sha2_context ctx;
+            sha2_starts(&ctx, 0);
+            update(&ctx, all.substr(0, cut));
+            update(&ctx, all.substr(cut, length - cut));
+            ASSERT_EQ(to_hex(finish(&ctx)), to_hex(expected)) << cut << " of " << length;
+        }
+    }
+}
+
+TEST(Sha2, PiecesOf1And63And64And65BytesGiveTheSameDigest)
+{
+    RandomBytes random(3);
+    const std::string message = random.bytes(1000);
+    for (bool is224 : {false, true}) {
+        for (size_t piece : {1u, 63u, 64u, 65u}) {
+            sha2_context ctx;
+            sha2_starts(&ctx, is224);
+            for (size_t at = 0; at < message.size(); at += piece)
+                update(&ctx, message.substr(at, piece));
+            EXPECT_EQ(to_hex(finish(&ctx)), to_hex(one_shot(message, is224))) << piece;
+        }
+    }
+}
+
+TEST(Sha2, RandomMessagesInRandomPiecesAgreeWithLibcrypto)
+{
+    RandomBytes random(4);
+    for (int i = 0; i < 500; i++) {
+        const bool is224 = random.number(0, 2) == 1;
+        std::string message;
+        sha2_context ctx;
+        sha2_starts(&ctx, is224);
+        for (size_t pieces = random.number(0, 6); pieces > 0; pieces--) {
+            const std::string piece = random.bytes(random.number(0, 400));
+            message += piece;
+            update(&ctx, piece);
+        }
+        ASSERT_EQ(to_hex(finish(&ctx)), to_hex(reference::digest(reference::sha2(is224), message)));
+    }
+}
+
+TEST(Sha2, AnyAlignmentOfTheInputWillDo)
+{
+    RandomBytes random(5);
+    const std::string text = random.bytes(300);
+    for (size_t at = 0; at < 16; at++)
+        EXPECT_EQ(to_hex(one_shot(text.substr(at), false)), [&] {
+            uint8_t out[32];
+            sha2(u8(text) + at, static_cast<uint32_t>(text.size() - at), out, 0);
+            return to_hex(out, sizeof(out));
+        }());
+}
+
+TEST(Sha2, TheContextCountsBytesWithACarryIntoTheHighWord)
+{
+    sha2_context ctx;
+    sha2_starts(&ctx, 0);
+    EXPECT_EQ(ctx.total[0], 0u);
+    EXPECT_EQ(ctx.total[1], 0u);
+
+    update(&ctx, std::string(100, 'x'));
+    EXPECT_EQ(ctx.total[0], 100u);
+
+    ctx.total[0] = 0xffffffc0; // as after so many whole blocks
+    ctx.total[1] = 6;
+    update(&ctx, std::string(64, 'x'));
+    EXPECT_EQ(ctx.total[0], 0u);
+    EXPECT_EQ(ctx.total[1], 7u);
+}
+
+// The bit count's low word overflows at 2^29 bytes, the byte count's at 2^32. Setting the counters
+// stands for hashing that much.
+TEST(Sha2, LengthsThatNeedTheHighWordArePaddedAsLibcryptoDoes)
+{
+    const uint64_t totals[] = {(1ull << 29) - 64, 1ull << 29, (1ull << 32) - 64,
+                               1ull << 32,        5ull << 32, (1ull << 61) - 128};
+    const std::string rest(70, 'r');
+    for (uint64_t total : totals) {
+        sha2_context ctx;
+        sha2_starts(&ctx, 0);
+        ctx.total[0] = static_cast<uint32_t>(total);
+        ctx.total[1] = static_cast<uint32_t>(total >> 32);
+        update(&ctx, rest);
+
+        SHA256_CTX theirs;
+        SHA256_Init(&theirs);
+        theirs.Nl = static_cast<uint32_t>(total << 3);
+        theirs.Nh = static_cast<uint32_t>(total >> 29);
+        SHA256_Update(&theirs, rest.data(), rest.size());
+        uint8_t expected[32];
+        SHA256_Final(expected, &theirs);
+
+        EXPECT_EQ(to_hex(finish(&ctx)), to_hex(expected, sizeof(expected))) << total;
+    }
+}
+
+TEST(Sha2, StartsMakesAnyMemoryAFreshContextAndKeepsThePads)
+{
+    sha2_context ctx;
+    memset(&ctx, 0xee, sizeof(ctx));
+    sha2_starts(&ctx, 5);
+    EXPECT_EQ(ctx.is224, 5);
+    EXPECT_EQ(ctx.ipad[0], 0xee);
+    EXPECT_EQ(ctx.opad[63], 0xee);
+    update(&ctx, "abc");
+    EXPECT_EQ(to_hex(finish(&ctx)), to_hex(one_shot("abc", true)));
+}
+
+TEST(Sha2, AnEmptyUpdateDoesNothingWhateverItsPointer)
+{
+    sha2_context ctx, before;
+    sha2_starts(&ctx, 0);
+    update(&ctx, "abc");
+    before = ctx;
+    sha2_update(&ctx, nullptr, 0);
+    sha2_update(&ctx, reinterpret_cast<const uint8_t *>(1), 0);
+    EXPECT_EQ(memcmp(&ctx, &before, sizeof(ctx)), 0);
+}
+
+TEST(Sha2, TheShorterDigestLeavesTheLastFourBytesAlone)
+{
+    uint8_t out[32];
+    memset(out, 0xee, sizeof(out));
+    sha2(kAbc, 3, out, 1);
+    EXPECT_EQ(to_hex(out + 24, 8), "e36c9da7eeeeeeee");
+}
+
+TEST(Sha2, NullArgumentsAreHarmless)
+{
+    uint8_t out[32] = {0xee};
+    sha2_context ctx;
+    sha2_starts(nullptr, 0);
+    sha2_update(nullptr, kAbc, 3);
+    sha2_finish(nullptr, out);
+    sha2(nullptr, 3, out, 0);
+    sha2(kAbc, 3, nullptr, 0);
+    EXPECT_EQ(out[0], 0xee);
+
+    sha2_starts(&ctx, 0);
+    update(&ctx, "abc");
+    sha2_update(&ctx, nullptr, 3);
+    sha2_finish(&ctx, nullptr);
+    EXPECT_EQ(to_hex(finish(&ctx)), to_hex(one_shot("abc", false)));
+}
+
+TEST(Sha2, OutputMayBeThePlaceOfTheInput)
+{
+    std::string message(40, 'm');
+    const std::string expected = reference::digest(EVP_sha256(), message);
+    sha2(u8(message), 40, reinterpret_cast<uint8_t *>(&message[0]), 0);
+    EXPECT_EQ(to_hex(message.substr(0, 32)), to_hex(expected));
+}

@@ -95,8 +95,7 @@ private:
         std::memcpy(address.sun_path, path(), std::strlen(path()));
 
         int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        bool connected =
-            connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
+        bool connected = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
         close(fd);
         return connected;
     }

@@ -23,7 +23,8 @@ static bool listens_to(const struct object *object, const char *event)
 {
     struct pattern *pattern;
 
-    list_for_each_entry(pattern, &object->patterns, list) {
+    list_for_each_entry(pattern, &object->patterns, list)
+    {
         if (ubus_pattern_matches(pattern->text, event))
             return true;
     }
@@ -50,7 +51,8 @@ static void publish(const char *event, const void *fields, size_t length,
 {
     struct object *object;
 
-    list_for_each_entry(object, &listeners, of_listener) {
+    list_for_each_entry(object, &listeners, of_listener)
+    {
         if (object->owner != sender && listens_to(object, event))
             deliver(object, event, fields, length);
     }
@@ -83,7 +85,8 @@ void event_forget_listener(struct object *object)
 {
     struct pattern *pattern, *next;
 
-    list_for_each_entry_safe(pattern, next, &object->patterns, list) {
+    list_for_each_entry_safe(pattern, next, &object->patterns, list)
+    {
         list_del(&pattern->list);
         free(pattern);
     }
@@ -96,7 +99,8 @@ static bool add_pattern(struct object *object, const char *text)
     struct pattern *pattern;
 
     // The same pattern again changes nothing that anybody could see.
-    list_for_each_entry(pattern, &object->patterns, list) {
+    list_for_each_entry(pattern, &object->patterns, list)
+    {
         if (strcmp(pattern->text, text) == 0)
             return true;
     }

@@ -20,7 +20,7 @@ static void end_requested(struct uloop_fd *signals, unsigned int events)
 }
 
 // SIGTERM and SIGINT end the daemon. They are blocked and read from a descriptor: the loop's own
-// handlers would lose one that comes before the loop runs. The loop must not see them at default.
+// handlers would lose one that comes before the loop runs.
 static bool catch_end(void)
 {
     static struct uloop_fd signals = {.cb = end_requested};

@@ -64,8 +64,7 @@ uint32_t message_u32(const struct message *message, int attr)
     return blob_get_u32(message->attr[attr]);
 }
 
-void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer,
-               struct blob_attr *body)
+void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer, struct blob_attr *body)
 {
     uint8_t header[kHeaderLength];
     struct iovec parts[] = {

@@ -37,7 +37,8 @@ static bool signature_is_sound(const struct blob_attr *signature)
     struct blob_attr *method;
     size_t rest;
 
-    blob_for_each_attr(method, signature, rest) {
+    blob_for_each_attr(method, signature, rest)
+    {
         if (!blobmsg_check_attr(method, true))
             return false;
     }

@@ -146,8 +146,8 @@ void output_flush(void)
 
     size_t sent = write_or_stall(client, &all, 1, length);
     for (size_t at = 0; at < length && !client->broken;) {
-        size_t size = kHeaderLength + (get_be32(collected.bytes + at + kHeaderLength) &
-                                       BLOB_ATTR_LEN_MASK);
+        size_t size =
+            kHeaderLength + (get_be32(collected.bytes + at + kHeaderLength) & BLOB_ATTR_LEN_MASK);
         struct iovec one = {collected.bytes + at, size};
         size_t done = sent > at ? sent - at : 0;
 

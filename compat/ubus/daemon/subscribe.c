@@ -52,7 +52,8 @@ void subscriptions_forget(struct object *object)
 {
     struct subscription *subscription, *next;
 
-    list_for_each_entry_safe(subscription, next, &object->watchers, of_target) {
+    list_for_each_entry_safe(subscription, next, &object->watchers, of_target)
+    {
         tell_gone(subscription->watcher, object);
         unsubscribe(subscription);
     }
@@ -114,7 +115,8 @@ void request_unsubscribe(struct client *client, const struct message *message)
 
     if (status == UBUS_STATUS_OK) {
         status = UBUS_STATUS_NOT_FOUND;
-        list_for_each_entry(subscription, &watcher->watched, of_watcher) {
+        list_for_each_entry(subscription, &watcher->watched, of_watcher)
+        {
             if (subscription->target == target) {
                 unsubscribe(subscription);
                 status = UBUS_STATUS_OK;
@@ -168,7 +170,8 @@ void request_notify(struct client *client, const struct message *message)
 
     if (!no_reply)
         answer_watchers(client, message, object);
-    list_for_each_entry(subscription, &object->watchers, of_target) {
+    list_for_each_entry(subscription, &object->watchers, of_target)
+    {
         struct object *watcher = subscription->watcher;
         forward_call(watcher->owner, watcher->id, client, message, no_reply);
     }

@@ -22,9 +22,9 @@
 
 enum {
     kHeaderLength = sizeof(struct ubus_msghdr),
-    kWordLength = 4,                                  // of a body or attribute
+    kWordLength = 4, // of a body or attribute
     kMessageMinimum = kHeaderLength + kWordLength,
-    kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX,             // ids below are the daemon's
+    kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX, // ids below are the daemon's
 };
 
 // Bytes waiting until a client reads again.

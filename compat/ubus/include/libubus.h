@@ -366,7 +366,8 @@ static inline void ubus_handle_event(struct ubus_context *ctx)
     ctx->sock.cb(&ctx->sock, ULOOP_READ);
 }
 
-/** The text of a status. A number without one gives "Unknown error: n", valid in this thread until the next such call. */
+/** The text of a status. A number without one gives "Unknown error: n", valid in this thread until
+ * the next such call. */
 const char *ubus_strerror(int error);
 
 #ifdef __cplusplus

@@ -26,6 +26,6 @@ UBUS_EXPORT int ubus_invoke_fd(struct ubus_context *ctx, uint32_t obj, const cha
         {msg != NULL ? blob_data(msg) : NULL, length},
         {(void *)(uintptr_t)kZeros, padding(length)},
     };
-    return request_run(connection_of(ctx), &request, UBUS_MSG_INVOKE, parts,
-                       (int)ARRAY_SIZE(parts), fd, timeout);
+    return request_run(connection_of(ctx), &request, UBUS_MSG_INVOKE, parts, (int)ARRAY_SIZE(parts),
+                       fd, timeout);
 }

@@ -192,7 +192,8 @@ void pending_forget(struct connection *connection)
     struct pending *pending, *next;
 
     uloop_timeout_cancel(&connection->ctx.pending_timer);
-    list_for_each_entry_safe(pending, next, &connection->ctx.pending, list) {
+    list_for_each_entry_safe(pending, next, &connection->ctx.pending, list)
+    {
         list_del(&pending->list);
         free(pending);
     }
@@ -206,8 +207,7 @@ void pending_timer_expired(struct uloop_timeout *timer)
 // The loop's callback, also what ubus_handle_event() calls.
 void sock_event(struct uloop_fd *sock, unsigned int events)
 {
-    struct connection *connection =
-        connection_of(container_of(sock, struct ubus_context, sock));
+    struct connection *connection = connection_of(container_of(sock, struct ubus_context, sock));
     bool ending = sock->eof || sock->error;
     unsigned int generation = connection->generation;
     enum input_state state = kInputMore;

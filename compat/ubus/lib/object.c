@@ -37,7 +37,8 @@ static void unlink_object(struct connection *connection, struct ubus_object *obj
         avl_delete(&connection->ctx.objects, &object->avl);
         return;
     }
-    list_for_each(entry, &connection->unpublished) {
+    list_for_each(entry, &connection->unpublished)
+    {
         if (entry == &object->avl.list) {
             list_del(entry);
             return;
@@ -164,7 +165,8 @@ void objects_publish_again(struct connection *connection)
 
     avl_remove_all_elements(&ctx->objects, object, avl, next)
         list_add_tail(&object->avl.list, &connection->unpublished);
-    list_for_each_entry(object, &connection->unpublished, avl.list) {
+    list_for_each_entry(object, &connection->unpublished, avl.list)
+    {
         object->id = 0;
         if (object->type != NULL)
             object->type->id = 0;

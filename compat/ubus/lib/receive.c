@@ -94,7 +94,8 @@ static bool input_make_room(struct connection *connection)
         if (input->size < size)
             return input_replace(connection, size);
         // A buffer grown for one large message is given back after a while without another.
-        if (input->size > size && connection->ctx.msgbuf_reduction_counter++ > kReadsBeforeShrinking)
+        if (input->size > size &&
+            connection->ctx.msgbuf_reduction_counter++ > kReadsBeforeShrinking)
             input_replace(connection, size);
         return true;
     }

@@ -14,7 +14,8 @@ static struct ubus_request *find_request(struct connection *connection,
 {
     struct ubus_request *request;
 
-    list_for_each_entry(request, &connection->ctx.requests, list) {
+    list_for_each_entry(request, &connection->ctx.requests, list)
+    {
         if (request->seq == message->seq && request->peer == message->peer)
             return request;
     }

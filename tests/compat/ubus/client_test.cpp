@@ -106,8 +106,8 @@ int defer_for_ever(struct ubus_context *ctx, struct ubus_object *, struct ubus_r
     return 9;
 }
 
-int sleep_300(struct ubus_context *, struct ubus_object *, struct ubus_request_data *,
-              const char *, struct blob_attr *)
+int sleep_300(struct ubus_context *, struct ubus_object *, struct ubus_request_data *, const char *,
+              struct blob_attr *)
 {
     usleep(300000);
     return 0;

@@ -286,11 +286,8 @@ TEST(ClientVectors, TheCaller)
 
     const Expected calls[] = {
         {"status", "method", 0, 1}, // answered and completed
-        {"fail", "method", 2, 0},
-        {"plain", "method", 0, 1},
-        {"empty", "method", 0, 1},
-        {"defer", "method", 0, 1},
-        {"status", "nosuch", 3, 0},
+        {"fail", "method", 2, 0},   {"plain", "method", 0, 1},  {"empty", "method", 0, 1},
+        {"defer", "method", 0, 1},  {"status", "nosuch", 3, 0},
     };
     vectors::File file = vectors::read();
     std::vector<std::pair<std::string, std::string>> recorded; // func and method of each call
@@ -422,9 +419,8 @@ void listen_for(const char *connection, const char *pattern, bool with_lookup, i
     blob_buf_init(&g_buf, 0);
     blobmsg_add_u32(&g_buf, "object", object.id);
     blobmsg_add_string(&g_buf, "pattern", pattern);
-    EXPECT_EQ(ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "register", g_buf.head, nullptr, nullptr,
-                          0),
-              0);
+    EXPECT_EQ(
+        ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "register", g_buf.head, nullptr, nullptr, 0), 0);
     if (with_lookup) {
         std::vector<std::string> paths;
         EXPECT_EQ(ubus_lookup(ctx, nullptr, collect_path, &paths), 0);

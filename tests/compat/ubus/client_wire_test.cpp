@@ -363,9 +363,9 @@ TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &one), 0);
     EXPECT_EQ(hex(bus.read().bytes),
-              hex(add_object(1, "one", field(2, "some", a + c) + field(2, "none", {}) +
-                                           field(2, "tagged", a + b + c) +
-                                           field(2, "short", {}))));
+              hex(add_object(1, "one",
+                             field(2, "some", a + c) + field(2, "none", {}) +
+                                 field(2, "tagged", a + b + c) + field(2, "short", {}))));
     EXPECT_EQ(type.id, 0x4321u);
 
     EXPECT_EQ(bus.publish(ctx, &two, 2, 2), 0);
@@ -375,8 +375,9 @@ TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
     bus.send(message(kData, 1, 0, attr(kAttrId, u32(2))));
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &two), 0);
-    EXPECT_EQ(bus.read().bytes, message(kAddObject, 1, 0, attr(kAttrPath, text("two")) +
-                                                              attr(kAttrType, u32(0x4321))));
+    EXPECT_EQ(
+        bus.read().bytes,
+        message(kAddObject, 1, 0, attr(kAttrPath, text("two")) + attr(kAttrType, u32(0x4321))));
 }
 
 // ---- calls from others
@@ -468,10 +469,9 @@ TEST_F(Owner, AnswersCallsItCannotServe)
 
 TEST_F(Owner, DoesNotAnswerWhenNoReplyIsWanted)
 {
-    Bytes call = message(kInvoke, 5, kCaller, attr(kAttrNoReply, {1}) +
-                                                  attr(kAttrId, u32(kObject)) +
-                                                  attr(kAttrMethod, text("m")) +
-                                                  attr(kAttrData, {}));
+    Bytes call = message(kInvoke, 5, kCaller,
+                         attr(kAttrNoReply, {1}) + attr(kAttrId, u32(kObject)) +
+                             attr(kAttrMethod, text("m")) + attr(kAttrData, {}));
     EXPECT_TRUE(react(call).empty());
     EXPECT_EQ(g_seen.methods.size(), 1u);
     call[16] = 0; // NO_REPLY = 0
@@ -504,9 +504,9 @@ TEST_F(Owner, LearnsWhetherAnybodyWatches)
 {
     object.subscribe_cb = state_changed;
     for (uint8_t active : {1, 0}) {
-        EXPECT_TRUE(react(message(kNotify, 1, 0, attr(kAttrId, u32(kObject)) +
-                                                     attr(kAttrActive, {active})))
-                        .empty());
+        EXPECT_TRUE(
+            react(message(kNotify, 1, 0, attr(kAttrId, u32(kObject)) + attr(kAttrActive, {active})))
+                .empty());
         EXPECT_EQ(object.has_subscribers, active == 1);
     }
     EXPECT_EQ(g_state_changes, 2);
@@ -573,8 +573,8 @@ TEST_F(Owner, AnswersInAnyNumberOfPiecesAtOnce)
     call.peer = kCaller;
     call.seq = 12;
     EXPECT_EQ(ubus_send_reply(ctx, &call, nullptr), 0);
-    EXPECT_EQ(bus.read().bytes, message(kData, 12, kCaller, attr(kAttrId, u32(kObject)) +
-                                                                attr(kAttrData, {})));
+    EXPECT_EQ(bus.read().bytes,
+              message(kData, 12, kCaller, attr(kAttrId, u32(kObject)) + attr(kAttrData, {})));
     ubus_complete_deferred_request(ctx, &call, -1);
     EXPECT_EQ(bus.read().bytes, status(12, kCaller, 0xffffffff, kObject));
 
@@ -728,11 +728,21 @@ TEST_F(Owner, TheLossHandlerMayFreeTheContext)
 
 TEST(Text, EveryStatusHasOne)
 {
-    const char *const texts[] = {
-        "Success", "Invalid command", "Invalid argument", "Method not found", "Not found",
-        "No response", "Permission denied", "Request timed out", "Operation not supported",
-        "Unknown error", "Connection failed", "Out of memory", "Parsing message data failed",
-        "System error", "Unknown error: 14"};
+    const char *const texts[] = {"Success",
+                                 "Invalid command",
+                                 "Invalid argument",
+                                 "Method not found",
+                                 "Not found",
+                                 "No response",
+                                 "Permission denied",
+                                 "Request timed out",
+                                 "Operation not supported",
+                                 "Unknown error",
+                                 "Connection failed",
+                                 "Out of memory",
+                                 "Parsing message data failed",
+                                 "System error",
+                                 "Unknown error: 14"};
     for (int i = 0; i < 15; i++)
         EXPECT_STREQ(ubus_strerror(i), texts[i]);
     EXPECT_STREQ(ubus_strerror(-1), "Unknown error: -1");

@@ -161,7 +161,8 @@ TEST_F(DaemonStress, AClientMayVanishInTheMiddleOfAMessage)
         ASSERT_TRUE(client.send(Bytes(whole.begin(), whole.begin() + long(length))));
     }
     Client large;
-    ASSERT_TRUE(large.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(kLargestBody) + Bytes(70000, 0)));
+    ASSERT_TRUE(
+        large.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(kLargestBody) + Bytes(70000, 0)));
     large.hang_up();
     EXPECT_EQ(witness.ask(message(kLookup, 1, 0)), 0u);
     EXPECT_TRUE(witness.data.empty());

@@ -35,8 +35,7 @@ TEST_F(Daemon, EchoesAPingByteForByteWhateverItsLength)
         ping[1] = kData;
         EXPECT_EQ(hex(client.read().bytes), hex(ping));
         Message status = client.read();
-        EXPECT_EQ(status.bytes,
-                  message(kStatus, 0x1234, 0xdeadbeef, attr(kAttrStatus, u32(0))));
+        EXPECT_EQ(status.bytes, message(kStatus, 0x1234, 0xdeadbeef, attr(kAttrStatus, u32(0))));
     }
 }
 
@@ -111,8 +110,8 @@ TEST_F(Daemon, TypesAreSharedUntilTheirLastObjectGoes)
     EXPECT_GE(type, 1024u);
 
     // By its id from another client; then it is not told again.
-    ASSERT_EQ(two.ask(message(kAddObject, 2, 0, attr(kAttrPath, text("two")) +
-                                                    attr(kAttrType, u32(type)))),
+    ASSERT_EQ(two.ask(message(kAddObject, 2, 0,
+                              attr(kAttrPath, text("two")) + attr(kAttrType, u32(type)))),
               0u);
     uint32_t second = two.data[0].number(kAttrId);
     EXPECT_TRUE(two.data[0].attr(kAttrType).empty());
@@ -135,9 +134,9 @@ TEST_F(Daemon, ObjectsWithoutATypeAreInvisibleButCallable)
     Client owner, caller;
     const Bytes named = attr(kAttrPath, text("hidden"));
     const Bytes cases[] = {
-        named + attr(kAttrType, u32(4711)),              // no such type
-        named,                                           // none at all
-        named + attr(kAttrSignature, field(2, "", {})),  // a method without a name
+        named + attr(kAttrType, u32(4711)),             // no such type
+        named,                                          // none at all
+        named + attr(kAttrSignature, field(2, "", {})), // a method without a name
     };
     for (const Bytes &attrs : cases) {
         ASSERT_EQ(owner.ask(message(kAddObject, 1, 0, attrs)), 0u);
@@ -234,10 +233,10 @@ TEST_F(Daemon, ForwardsWhateverTheOwnerSaysAndNothingElse)
     Bytes data = attr(kAttrData, field(5, "k", u32(1)));
 
     // None of these may arrive, and nobody is told.
-    ASSERT_TRUE(owner.send(message(kStatus, 1, caller.id(), status)));           // no object
-    ASSERT_TRUE(owner.send(message(kStatus, 1, caller.id(), object)));           // no status
-    ASSERT_TRUE(owner.send(message(kData, 1, caller.id(), object)));             // no data
-    ASSERT_TRUE(owner.send(message(kData, 1, 4711, object + data)));             // no such client
+    ASSERT_TRUE(owner.send(message(kStatus, 1, caller.id(), status))); // no object
+    ASSERT_TRUE(owner.send(message(kStatus, 1, caller.id(), object))); // no status
+    ASSERT_TRUE(owner.send(message(kData, 1, caller.id(), object)));   // no data
+    ASSERT_TRUE(owner.send(message(kData, 1, 4711, object + data)));   // no such client
     ASSERT_TRUE(owner.send(message(kStatus, 1, 0, object + status)));
     ASSERT_TRUE(stranger.send(message(kStatus, 1, caller.id(), object + status))); // not the owner
     ASSERT_TRUE(stranger.send(message(kStatus, 1, caller.id(), attr(kAttrId, u32(1)) + status)));
@@ -376,10 +375,10 @@ TEST_F(Daemon, DeliversAnEventOncePerObjectButNotToItsSender)
     for (uint32_t object : {first, second}) {
         Message got = listener.read();
         EXPECT_EQ(got.peer(), 0u);
-        EXPECT_EQ(got.bytes, message(kInvoke, uint16_t(got.seq()), 0,
-                                     attr(kAttrId, u32(object)) +
-                                         attr(kAttrMethod, text("my.event")) +
-                                         attr(kAttrData, fields)));
+        EXPECT_EQ(got.bytes,
+                  message(kInvoke, uint16_t(got.seq()), 0,
+                          attr(kAttrId, u32(object)) + attr(kAttrMethod, text("my.event")) +
+                              attr(kAttrData, fields)));
     }
     EXPECT_EQ(sender.ask(event_send("my.other", {})), 0u);
     EXPECT_EQ(listener.read().number(kAttrId), first);
@@ -434,7 +433,8 @@ TEST_F(Daemon, TellsEveryoneOfNamedObjectsThatComeAndGo)
 
 Bytes subscription(int type, uint32_t object, uint32_t target)
 {
-    return message(uint8_t(type), 1, 0, attr(kAttrId, u32(object)) + attr(kAttrTarget, u32(target)));
+    return message(uint8_t(type), 1, 0,
+                   attr(kAttrId, u32(object)) + attr(kAttrTarget, u32(target)));
 }
 
 TEST_F(Daemon, RefusesSubscriptionsThatMakeNoSense)
@@ -465,8 +465,8 @@ TEST_F(Daemon, SubscribingTwiceNotifiesTwice)
     EXPECT_EQ(watcher.ask(subscription(kSubscribe, own, target)), 0u);
     EXPECT_EQ(owner.read().attr(kAttrActive), Bytes{1});
 
-    Bytes notify = message(kNotify, 9, target, attr(kAttrId, u32(target)) +
-                                                   attr(kAttrMethod, text("n")));
+    Bytes notify =
+        message(kNotify, 9, target, attr(kAttrId, u32(target)) + attr(kAttrMethod, text("n")));
     ASSERT_TRUE(owner.send(notify));
     Message answer = owner.read();
     EXPECT_EQ(answer.attr(kAttrSubscribers), attr(0, u32(own)) + attr(0, u32(own)));
@@ -507,8 +507,9 @@ TEST_F(Daemon, TellsWatchersWhenTheirTargetIsGone)
         target = owner.publish("t");
         EXPECT_EQ(watcher.ask(subscription(kSubscribe, own, target)), 0u);
     }
-    EXPECT_EQ(watcher.read().bytes,
-              message(kUnsubscribe, 1, 0, attr(kAttrId, u32(own)) + attr(kAttrTarget, u32(target))));
+    EXPECT_EQ(
+        watcher.read().bytes,
+        message(kUnsubscribe, 1, 0, attr(kAttrId, u32(own)) + attr(kAttrTarget, u32(target))));
 }
 
 // ---- life of the daemon

@@ -77,8 +77,14 @@ inline File read()
     return file;
 }
 
-inline bool is_name(const std::string &token) { return token[0] == '{'; }
-inline std::string name_of(const std::string &token) { return token.substr(1, token.size() - 2); }
+inline bool is_name(const std::string &token)
+{
+    return token[0] == '{';
+}
+inline std::string name_of(const std::string &token)
+{
+    return token.substr(1, token.size() - 2);
+}
 
 // The bytes of a message with the ids filled in.
 inline wire::Bytes bytes_of(const Item &item, const std::map<std::string, wire::Bytes> &ids)

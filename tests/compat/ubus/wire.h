@@ -21,12 +21,33 @@ namespace wire {
 using Bytes = std::vector<uint8_t>;
 
 enum Type {
-    kHello, kStatus, kData, kPing, kLookup, kInvoke, kAddObject, kRemoveObject, kSubscribe,
-    kUnsubscribe, kNotify, kMonitor
+    kHello,
+    kStatus,
+    kData,
+    kPing,
+    kLookup,
+    kInvoke,
+    kAddObject,
+    kRemoveObject,
+    kSubscribe,
+    kUnsubscribe,
+    kNotify,
+    kMonitor
 };
 enum Attr {
-    kAttrStatus = 1, kAttrPath, kAttrId, kAttrMethod, kAttrType, kAttrSignature, kAttrData,
-    kAttrTarget, kAttrActive, kAttrNoReply, kAttrSubscribers, kAttrUser, kAttrGroup
+    kAttrStatus = 1,
+    kAttrPath,
+    kAttrId,
+    kAttrMethod,
+    kAttrType,
+    kAttrSignature,
+    kAttrData,
+    kAttrTarget,
+    kAttrActive,
+    kAttrNoReply,
+    kAttrSubscribers,
+    kAttrUser,
+    kAttrGroup
 };
 
 inline uint32_t be32(const uint8_t *from)
@@ -82,9 +103,9 @@ inline Bytes add_object(uint16_t seq, const std::string &path, const Bytes &meth
 inline Bytes invoke(uint16_t seq, uint32_t object, const std::string &method,
                     const Bytes &fields = {})
 {
-    return message(kInvoke, seq, object, attr(kAttrId, u32(object)) +
-                                             attr(kAttrMethod, text(method)) +
-                                             attr(kAttrData, fields));
+    return message(kInvoke, seq, object,
+                   attr(kAttrId, u32(object)) + attr(kAttrMethod, text(method)) +
+                       attr(kAttrData, fields));
 }
 
 struct Message {

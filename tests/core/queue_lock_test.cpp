@@ -34,27 +34,47 @@ BV_FAULT_POINT(pthread_mutex_init, int, (pthread_mutex_t * mutex, const pthread_
                (mutex, attr), EAGAIN);
 BV_FAULT_POINT(pthread_mutex_destroy, int, (pthread_mutex_t * mutex), (mutex), EBUSY);
 
-extern "C" int memcpy_s(void *to, size_t size, const void *from, size_t count)
+namespace {
+
+using Copy = int(void *, size_t, const void *, size_t);
+using Malloc = void *(size_t);
+using Free = void(void *);
+std::atomic<Copy *> g_memcpy_s;
+std::atomic<Malloc *> g_malloc;
+std::atomic<Free *> g_free;
+
+// The function behind this program's own. Its place is no static of the function: that would
+// itself want memory, in the middle of malloc().
+template <typename Function>
+Function *behind(std::atomic<Function *> &known, const char *name)
+{
+    if (known == nullptr)
+        known = next_function<Function>(name);
+    return known;
+}
+
+} // namespace
+
+extern "C" int watched_memcpy_s(void *to, size_t size, const void *from,
+                                size_t count) __asm__("memcpy_s");
+extern "C" int watched_memcpy_s(void *to, size_t size, const void *from, size_t count)
 {
     note_call();
-    static const auto next = next_function<int(void *, size_t, const void *, size_t)>("memcpy_s");
-    return next(to, size, from, count);
+    return behind(g_memcpy_s, "memcpy_s")(to, size, from, count);
 }
 
 extern "C" void watched_free(void *block) __asm__("free");
 extern "C" void watched_free(void *block)
 {
     note_call();
-    static const auto next = next_function<void(void *)>("free");
-    next(block);
+    behind(g_free, "free")(block);
 }
 
 extern "C" void *watched_malloc(size_t size) __asm__("malloc");
 extern "C" void *watched_malloc(size_t size)
 {
     note_call();
-    static const auto next = next_function<void *(size_t)>("malloc");
-    return next(size);
+    return behind(g_malloc, "malloc")(size);
 }
 
 namespace {

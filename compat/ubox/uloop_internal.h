@@ -6,7 +6,7 @@
 #include <libubox/uloop.h>
 
 // uloop_fd.c: the poll object and the events fetched from it.
-int poll_open(void); // 0, or -1 with errno; does nothing when open
+int poll_open(void); // 0, or -1 with errno
 bool poll_is_open(void);
 void poll_close(void); // drops fetched events; the callers' records are not touched
 

@@ -59,9 +59,7 @@ static void replace_handler(int signo, signal_handler from, signal_handler to)
 {
     struct sigaction action;
 
-    if (sigaction(signo, NULL, &action) < 0 || (action.sa_flags & SA_SIGINFO))
-        return;
-    if (action.sa_handler != from)
+    if (sigaction(signo, NULL, &action) < 0 || action.sa_handler != from)
         return;
 
     memset(&action, 0, sizeof(action));

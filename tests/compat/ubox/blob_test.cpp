@@ -173,6 +173,15 @@ TEST_F(BlobBuf, PaddingOfAReservedPayloadIsZeroed)
     EXPECT_EQ(std::string(attr->data + 5, 3), std::string(3, '\0'));
 }
 
+TEST_F(BlobBuf, TheGapBehindRawBytesIsZeroed)
+{
+    ASSERT_EQ(blob_buf_init(&buf, 0), 0);
+    ASSERT_NE(blob_put(&buf, 1, std::string(24, '\xee').data(), 24), nullptr);
+    ASSERT_EQ(blob_buf_init(&buf, 0), 0);
+    ASSERT_NE(blob_put_raw(&buf, "\x01\0\0\x05x", 5), nullptr);
+    EXPECT_EQ(image(), (std::vector<uint8_t>{0, 0, 0, 9, 1, 0, 0, 5, 'x', 0, 0, 0}));
+}
+
 TEST_F(BlobBuf, PutsWithoutInitAreRefused)
 {
     EXPECT_EQ(blob_put_u8(&buf, 1, 1), nullptr);
@@ -400,6 +409,16 @@ TEST(Blob, ANegativeTypeAcceptsNothing)
 {
     EXPECT_FALSE(blob_check_type("", 1, -1));
     EXPECT_FALSE(blob_check_type("", 1, BLOB_ATTR_LAST));
+}
+
+TEST(Blob, AChildShorterThanItsHeaderIsPassedOver)
+{
+    Attr attr{1, 0, 0, 12, 2, 0, 0, 3, 3, 0, 0, 4};
+    blob_attr *data[4];
+
+    EXPECT_EQ(blob_parse(attr, data, nullptr, 4), 1);
+    EXPECT_EQ(data[2], nullptr);
+    EXPECT_NE(data[3], nullptr);
 }
 
 TEST(Blob, ParsingWithoutSlotsWritesNothing)

@@ -260,6 +260,19 @@ TEST_F(UloopTimeout, NextTimeoutIsThatOfTheNearest)
     EXPECT_EQ(uloop_get_next_timeout(), 0);
 }
 
+TEST_F(UloopTimeout, NextTimeoutIsZeroWhileOthersOfThePassWait)
+{
+    int next = -2;
+    Timer second;
+    Timer first([&](Timer &) { next = uloop_get_next_timeout(); });
+
+    uloop_timeout_set(&first, 0);
+    uloop_timeout_set(&second, 0);
+    uloop_run_timeout(0);
+    EXPECT_EQ(next, 0);
+    EXPECT_EQ(uloop_get_next_timeout(), -1);
+}
+
 TEST_F(UloopTimeout, ATimerThatIsDueIsNotRunByTheCallWhoseWaitItEnded)
 {
     bool ran = false;

@@ -412,11 +412,15 @@ int serve(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_da
     return g_seen.result;
 }
 
+int g_lost;
+bool g_lost_eof, g_lost_error, g_lost_registered;
+
 class Owner : public Request {
 protected:
     void SetUp() override
     {
         Request::SetUp();
+        g_lost = 0;
         g_seen = {};
         g_seen.result = 33;
         any.handler = serve;
@@ -586,9 +590,6 @@ TEST_F(Owner, AnswersInAnyNumberOfPiecesAtOnce)
 }
 
 // ---- losing the connection
-
-int g_lost;
-bool g_lost_eof, g_lost_error, g_lost_registered;
 
 void note_loss(struct ubus_context *ctx)
 {

@@ -5,15 +5,12 @@
 #include <bv/ubus.h>
 
 #include "bus/scripted_bus.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
-
-// Message buffers grow through this one.
-BV_FAULT_POINT(realloc, void *, (void *block, size_t size), (block, size), nullptr);
 
 using wire::Bytes;
 using wire::Message;
@@ -382,10 +379,9 @@ TEST(RpcClient, NoMemoryForTheRequestIs2AndTheNextCallWorks)
     Client client(reply_with(wire::reply(7, 6, Bytes(6, 9))));
     Bytes data(5000, 0x33);
     for (uint32_t length : {1u, 5000u}) { // the buffer's first bytes, and its growth
-        fault_realloc.fail_always(ENOMEM);
+        FailReallocations failing;
         EXPECT_EQ(bv_ubus_client_call("get", data.data(), length), 2u);
-        EXPECT_GT(fault_realloc.calls(), 0);
-        fault_realloc.pass();
+        EXPECT_GT(failing.happened(), 0u);
     }
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(client.buffer, Bytes(6, 9));

@@ -9,12 +9,16 @@ thread_local unsigned t_countdown; // 0: nothing is to fail
 thread_local bool t_happened;
 size_t g_failing_size; // 0: none; all threads
 unsigned g_size_happened;
+bool g_realloc_fails;
+unsigned g_realloc_happened;
 
 } // namespace
 
-// Called before a sanitizer has set itself up, which is why it is not instrumented, and uses
-// built-in atomics: the library's are functions that would be.
-extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) void *malloc(size_t size)
+// These are called before a sanitizer has set itself up, which is why they are not instrumented,
+// and use built-in atomics: the library's are functions that would be.
+#define UNINSTRUMENTED __attribute__((no_sanitize("address", "thread", "undefined")))
+
+extern "C" UNINSTRUMENTED void *malloc(size_t size)
 {
     using Malloc = void *(size_t);
     static Malloc *real;
@@ -35,6 +39,24 @@ extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) void *
         return nullptr;
     }
     return next(size);
+}
+
+extern "C" UNINSTRUMENTED void *realloc(void *block, size_t size)
+{
+    using Realloc = void *(void *, size_t);
+    static Realloc *real;
+    Realloc *next = __atomic_load_n(&real, __ATOMIC_ACQUIRE);
+    if (next == nullptr) {
+        next = reinterpret_cast<Realloc *>(dlsym(RTLD_NEXT, "realloc"));
+        __atomic_store_n(&real, next, __ATOMIC_RELEASE);
+    }
+
+    if (__atomic_load_n(&g_realloc_fails, __ATOMIC_SEQ_CST)) {
+        __atomic_fetch_add(&g_realloc_happened, 1, __ATOMIC_SEQ_CST);
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return next(block, size);
 }
 
 FailAllocation::FailAllocation(unsigned nth)
@@ -67,4 +89,20 @@ FailAllocationsOfSize::~FailAllocationsOfSize()
 unsigned FailAllocationsOfSize::happened() const
 {
     return __atomic_load_n(&g_size_happened, __ATOMIC_SEQ_CST);
+}
+
+FailReallocations::FailReallocations()
+{
+    __atomic_store_n(&g_realloc_happened, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_realloc_fails, true, __ATOMIC_SEQ_CST);
+}
+
+FailReallocations::~FailReallocations()
+{
+    __atomic_store_n(&g_realloc_fails, false, __ATOMIC_SEQ_CST);
+}
+
+unsigned FailReallocations::happened() const
+{
+    return __atomic_load_n(&g_realloc_happened, __ATOMIC_SEQ_CST);
 }

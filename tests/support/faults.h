@@ -1,5 +1,5 @@
 // Allocations made to fail. A program that uses this has support/faults.cpp among its sources:
-// it defines malloc() for the whole process.
+// it defines malloc() and realloc() for the whole process.
 #ifndef BV_TESTS_SUPPORT_FAULTS_H
 #define BV_TESTS_SUPPORT_FAULTS_H
 
@@ -25,6 +25,18 @@ public:
     ~FailAllocationsOfSize();
     FailAllocationsOfSize(const FailAllocationsOfSize &) = delete;
     FailAllocationsOfSize &operator=(const FailAllocationsOfSize &) = delete;
+
+    // How many were refused.
+    unsigned happened() const;
+};
+
+// While it lives, every realloc() returns null, in all threads: nothing can grow.
+class FailReallocations {
+public:
+    FailReallocations();
+    ~FailReallocations();
+    FailReallocations(const FailReallocations &) = delete;
+    FailReallocations &operator=(const FailReallocations &) = delete;
 
     // How many were refused.
     unsigned happened() const;

@@ -47,7 +47,7 @@ void bv_os_record_output(void)
 int32_t bv_get_filesize(const char *path)
 {
     struct stat st;
-    if (bv_os_stat(path, &st) != 0)
+    if (path == nullptr || bv_os_stat(path, &st) != 0)
         return BV_ERR_FAILED;
     return static_cast<int32_t>(st.st_size);
 }

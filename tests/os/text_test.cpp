@@ -51,7 +51,7 @@ std::vector<uint8_t> numbered(size_t count)
 {
     std::vector<uint8_t> data(count);
     for (size_t i = 0; i < count; ++i)
-        data[i] = static_cast<uint8_t>(i * 37 + 11);
+        data[i] = static_cast<uint8_t>(i * 37 + i / 256 + 11); // no two runs of 256 alike
     return data;
 }
 
@@ -157,8 +157,8 @@ TEST(Trim, NullIsNull)
 
 TEST(Trim, BytesAbove127AreNoWhiteSpace)
 {
-    char text[] = "\xa0 x \x85";
-    EXPECT_STREQ(bv_os_trim(text), "\xa0 x \x85");
+    char text[] = "\xa0 x \x89";
+    EXPECT_STREQ(bv_os_trim(text), "\xa0 x \x89");
 }
 
 TEST(Tohexstr, RendersLowerCaseWithTheTerminator)

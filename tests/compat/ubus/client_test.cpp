@@ -307,6 +307,20 @@ TEST_F(Rpc, ADataHandlerMayCall)
     EXPECT_EQ(nested.answers, 4);
 }
 
+void reconnect(struct ubus_request *req, int, struct blob_attr *)
+{
+    auto *daemon = static_cast<BusDaemon *>(req->priv);
+    daemon->kill();
+    daemon->start();
+    EXPECT_EQ(ubus_reconnect(req->ctx, nullptr), 0);
+}
+
+TEST_F(Rpc, ACallThatOutlivesItsConnectionFails)
+{
+    EXPECT_EQ(ubus_invoke(ctx, id, "reply_and_complete", nullptr, reconnect, &daemon, 0), 10);
+    EXPECT_EQ(call("just_return", 0), "4/0"); // the owner did not reconnect
+}
+
 // ---- publishing
 
 const struct ubus_method kMethods[] = {UBUS_METHOD_NOARG("back", back)};

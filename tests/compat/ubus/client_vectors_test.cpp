@@ -192,6 +192,7 @@ struct ubus_object_type g_type = UBUS_OBJECT_TYPE("obj", kMethods);
 struct ubus_object make_object(const char *path)
 {
     struct ubus_object object = {};
+    g_type.id = 0;
     object.name = path;
     object.type = &g_type;
     object.methods = kMethods;

@@ -542,6 +542,17 @@ TEST_F(Owner, InTheLoopCallsPutByAreServedByTheLoop)
     EXPECT_EQ(g_seen.methods, std::vector<std::string>{"first"});
 }
 
+TEST_F(Owner, ACallThatComesBeforeThoseAreServedDoesNotOvertakeThem)
+{
+    ubus_add_uloop(ctx);
+    bus.send(incoming(1, "first"));
+    bus.send_status(2, kObject + 1, 6);
+    EXPECT_EQ(ubus_invoke(ctx, kObject + 1, "m", nullptr, nullptr, nullptr, 5000), 6);
+    bus.send(incoming(2, "second"));
+    ubus_handle_event(ctx);
+    EXPECT_EQ(g_seen.methods, (std::vector<std::string>{"first", "second"}));
+}
+
 TEST_F(Owner, HandlersMayCallButAreNeverNested)
 {
     g_seen.call_out = true;

@@ -208,8 +208,8 @@ TEST_F(DaemonStress, LargeMessagesAreNeverCutEither)
     uint32_t id = owner.publish("x");
     for (uint16_t i = 0; i < 30; i++) {
         Bytes fields(100000 + i * 4, uint8_t(i));
-        ASSERT_TRUE(owner.send(message(kData, i, reader.id(),
-                                       attr(kAttrId, u32(id)) + attr(kAttrData, fields))));
+        ASSERT_TRUE(owner.send(
+            message(kData, i, reader.id(), attr(kAttrId, u32(id)) + attr(kAttrData, fields))));
     }
     ASSERT_TRUE(owner.is_in_step());
 

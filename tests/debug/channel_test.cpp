@@ -340,7 +340,7 @@ TEST_F(Channel, ARefusedDirectiveLeavesAnEmptyText)
 {
     on(1, 1);
     const char *volatile format = "ab%m";
-    bv_debug_remote(0, 0, 1, 1, format);
+    bv_debug_remote(0, 0, 1, 1, format, 1);
     EXPECT_EQ(collector_.datagrams(), std::vector<Bytes>{hex("00 01 00 01 00 0A 00 00 00 04")});
 }
 
@@ -402,6 +402,7 @@ TEST_F(Channel, TheBlockIsClearedWholeAndAtLeast2048Bytes)
 {
     void *dirty = malloc(2048); // the allocator hands it out again, as it is now
     memset(dirty, 'd', 2048);
+    asm volatile("" : : "r"(dirty) : "memory"); // or the compiler does none of this
     free(dirty);
     bv_debug_header header = {};
     g_watch = true;

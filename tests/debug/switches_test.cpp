@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -17,6 +19,15 @@ std::string dump()
     CaptureStdout output;
     EXPECT_EQ(bv_debug_dump_cfg_switch(), 0);
     return output.stop();
+}
+
+// Leaves a used block behind that the table's allocation gets, with room for a little more.
+void dirty_the_heap()
+{
+    void *block = malloc(88);
+    memset(block, 0xff, 88);
+    asm volatile("" : : "r"(block) : "memory"); // or the compiler does none of this
+    free(block);
 }
 
 std::string line(unsigned module, unsigned level)
@@ -46,6 +57,7 @@ TEST(DebugSwitches, StoringBeforeInitDoesNothing)
 
 TEST(DebugSwitches, AllAreOffAfterInit)
 {
+    dirty_the_heap();
     ASSERT_EQ(bv_debug_init(), 0);
     for (unsigned module = 0; module < 10; ++module)
         for (unsigned level = 0; level < 8; ++level)
@@ -99,11 +111,13 @@ TEST(DebugSwitches, NumbersThatStayInsideTheTableAddressOneAnother)
 
 TEST(DebugSwitches, NumbersOutsideTheTableReadAsOffAndStoreNothing)
 {
+    dirty_the_heap();
     ASSERT_EQ(bv_debug_init(), 0);
     const struct {
         uint32_t module, level;
     } outside[] = {{10, 0}, {9, 8}, {0, 80}, {0xffffffff, 0}, {0x20000000, 0}, {0, 0xffffffff}};
     for (const auto &at : outside) {
+        EXPECT_EQ(bv_debug_get_switch(at.module, at.level), 0) << at.module << " " << at.level;
         bv_debug_set_switch(at.module, at.level, 1);
         EXPECT_EQ(bv_debug_get_switch(at.module, at.level), 0) << at.module << " " << at.level;
     }

@@ -55,7 +55,6 @@ using Steps = std::vector<std::string>;
 BV_FAULT_socket;
 BV_FAULT_pthread_create;
 BV_FAULT_POINT(sem_post, int, (sem_t * sem), (sem), -1);
-BV_FAULT_POINT(sem_init, int, (sem_t * sem, int shared, unsigned value), (sem, shared, value), -1);
 
 extern "C" int watched_sem_wait(sem_t *sem) __asm__("sem_wait");
 extern "C" int watched_sem_wait(sem_t *sem)

@@ -105,7 +105,7 @@ uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out)
 
 uint32_t bv_os_sm3_file(const char *path, char *out)
 {
-    if (out == nullptr || bv_os_access(path, F_OK) != 0)
+    if (path == nullptr || out == nullptr || bv_os_access(path, F_OK) != 0)
         return BV_ERR_NO_FILE;
 
     const int fd = bv_os_open(path, O_RDONLY, 0666);

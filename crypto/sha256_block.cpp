@@ -118,5 +118,5 @@ void bv::sha256_blocks(uint32_t (&state)[8], const uint8_t *data, size_t count)
 {
     compress(state, data, count);
     // w, and the working variables that found no register.
-    wipe_stack<384>();
+    wipe_stack<320>();
 }

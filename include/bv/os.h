@@ -491,7 +491,8 @@ BV_API void bv_os_sha256(char *out, const char *text);
  *                have a text
  *
  * @retval BV_OK           out holds the digest
- * @retval BV_ERR_INVALID  data is null or length is 0: out is as it was
+ * @retval BV_ERR_INVALID  data or out is null, or length is 0: out is as it was
+ * @retval BV_ERR_MEMORY   libcrypto has no memory, or was built without SM3: out is as it was
  */
 BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
 
@@ -502,9 +503,9 @@ BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
  * @param out   gets 64 lower-case hexadecimal digits and no terminator, as in bv_os_sm3_str()
  *
  * @retval BV_OK           out holds the digest
- * @retval BV_ERR_NO_FILE  there is no such file
+ * @retval BV_ERR_NO_FILE  there is no such file, or an argument is null
  * @retval BV_ERR_OPEN     the file cannot be opened
- * @retval BV_ERR_MEMORY   no memory for the read buffer
+ * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB, or as in bv_os_sm3_str()
  *
  * A failure leaves out as it was.
  */
@@ -540,7 +541,8 @@ BV_API uint16_t bv_os_crc16(uint16_t crc, const uint8_t *buf, uint32_t len);
  * @retval 1                buf holds random text
  * @retval BV_ERR_TOO_LONG  num is above 256: buf is as it was
  *
- * Anything else is the random generator's failure (0 also for a negative num).
+ * Anything else is the random generator's failure (0 also for a negative num). After it buf holds
+ * num digits that are not random.
  */
 BV_API uint32_t bv_os_random(uint8_t *buf, int32_t num);
 

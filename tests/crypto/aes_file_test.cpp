@@ -16,13 +16,12 @@ BV_FAULT_POINT(EVP_CipherUpdate, int,
                (ctx, out, outl, in, inl), 0);
 BV_FAULT_write;
 
-    namespace
-{
+namespace {
 
-    void (*g_before_read)(int call); // counted from 1
-    int g_reads;
-    size_t g_most = SIZE_MAX; // bytes that a read gives at most
-    off_t g_size;             // what seeking to the end answers, when not 0
+void (*g_before_read)(int call); // counted from 1
+int g_reads;
+size_t g_most = SIZE_MAX; // bytes that a read gives at most
+off_t g_size;             // what seeking to the end answers, when not 0
 
 } // namespace
 

@@ -107,18 +107,19 @@ struct Ip {
     uint8_t bytes[kIpSize];
 };
 
+// Written in place: a bounded print or copy per number would be most of a commit.
 void put_decimal(char *value, uint32_t magnitude, bool negative)
 {
-    char text[12];
-    uint32_t first = sizeof text - 1;
-    text[first] = '\0';
+    uint32_t end = negative ? 2 : 1;
+    for (uint32_t rest = magnitude; rest >= 10; rest /= 10)
+        ++end;
+
+    value[0] = '-';
+    value[end] = '\0';
     do {
-        text[--first] = static_cast<char>('0' + magnitude % 10);
+        value[--end] = static_cast<char>('0' + magnitude % 10);
         magnitude /= 10;
     } while (magnitude != 0);
-    if (negative)
-        text[--first] = '-';
-    bv_os_strcpy(value, kValueSize, text + first);
 }
 
 void put_unsigned(char *value, uint32_t number)
@@ -136,17 +137,12 @@ void put_signed(char *value, int32_t number)
 // own bytes. One that does not fit a value is dropped, not cut.
 void string_to_text(const Source &image, int64_t position, char *value)
 {
+    for (uint32_t i = 0; i < kValueSize; ++i) {
+        value[i] = static_cast<char>(image.at(position + i));
+        if (value[i] == '\0')
+            return;
+    }
     value[0] = '\0';
-    if (position < 0)
-        return;
-
-    uint32_t length = 0;
-    while (length < kValueSize && image.at(position + length) != 0)
-        ++length;
-    if (length == 0 || length == kValueSize)
-        return;
-    bv_os_memcpy(value, kValueSize, image.bytes + position, length);
-    value[length] = '\0';
 }
 
 void parameter_to_text(const Source &image, int64_t position, bv_db_para &para)
@@ -257,6 +253,11 @@ void bv::image_to_text(const uint8_t *image, int64_t image_size, bv_db_para *tab
     Source source{image, image_size};
     walk(table, count,
          [&](bv_db_para &para, int64_t position) { parameter_to_text(source, position, para); });
+}
+
+void bv::number_to_text(int32_t number, char *text)
+{
+    put_signed(text, number);
 }
 
 int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table)

@@ -8,6 +8,7 @@
 
 #include "core/list.h"
 #include "db/internal.h"
+#include "db/members.h"
 
 #include <bv/os.h>
 #include <bv/ubus.h>
@@ -19,12 +20,11 @@ namespace {
 constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
 
 // Takes the values that an element's "para" holds. One that is no object holds none.
-void take_values(json_object *values, bv_db_family &family)
+void take_values(bv::Members values, bv_db_family &family)
 {
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
         bv_db_para &para = family.para[i];
-        json_object *value = bv_json_object_object_get(values, para.name);
-        const char *text = bv_json_object_get_string(value);
+        const char *text = bv_json_object_get_string(values.get(para.name));
         if (text != nullptr)
             bv_os_strncpy(para.value, kValueSize, text, kValueSize - 1);
     }
@@ -43,21 +43,22 @@ void store_instance(bv_db_family &family, int32_t number)
 
 void read_element(json_object *element, bv_db_family &family)
 {
-    json_object *number = bv_json_object_object_get(element, "inst");
-    json_object *values = bv_json_object_object_get(element, "para");
+    bv::Members members(element);
+    json_object *number = members.get("inst");
+    json_object *values = members.get("para");
     if (number == nullptr || values == nullptr)
         return;
 
-    take_values(values, family);
+    take_values(bv::Members(values), family);
     bv_db_user_fill_tomem(&family, 0);
     store_instance(family, bv_json_object_get_int(number));
 }
 
-void read_family(json_object *tree, bv_db_family &family)
+void read_family(bv::Members &tree, bv_db_family &family)
 {
     if (family.image_size == 0)
         return;
-    json_object *elements = bv_json_object_object_get(tree, family.name);
+    json_object *elements = tree.get(family.name);
     if (elements == nullptr) {
         if (bv::list_empty(family.inst_list))
             store_instance(family, 1);
@@ -84,7 +85,8 @@ int32_t bv_db_user_read(bv_list_head *list, const char *path)
     json_object *tree = bv_json_object_from_file(path);
     if (tree == nullptr)
         return BV_ERR_FAILED;
-    bv::for_each_family(*list, [&](bv_db_family &family) { read_family(tree, family); });
+    bv::Members members(tree);
+    bv::for_each_family(*list, [&](bv_db_family &family) { read_family(members, family); });
     bv_json_object_put(tree);
     return BV_OK;
 }

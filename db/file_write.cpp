@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr uint32_t kBufferSize = 65536; // above the longest single text, 1023 bytes
+constexpr uint32_t kBufferSize = 65536;
 constexpr mode_t kFileMode = 0600;
 
 // The text on its way to the file.
@@ -35,36 +35,35 @@ void flush(Output &out)
     out.length = 0;
 }
 
-void put_bytes(Output &out, const char *text, uint32_t length)
-{
-    if (length > kBufferSize - out.length)
-        flush(out);
-    if (bv_os_memcpy(out.buffer + out.length, kBufferSize - out.length, text, length) == 0)
-        out.length += length;
-}
-
+// Byte by byte: names and values are a few characters long, and measuring and copying each one
+// by calls took longer than the characters themselves.
 void put(Output &out, const char *text)
 {
-    put_bytes(out, text, bv_os_strlen(text));
-}
-
-template <uint32_t Size>
-void put_literal(Output &out, const char (&text)[Size])
-{
-    put_bytes(out, text, Size - 1);
+    char *buffer = out.buffer;
+    uint32_t length = out.length;
+    for (; *text != '\0'; ++text) {
+        if (length == kBufferSize) {
+            out.length = length;
+            flush(out);
+            length = 0;
+        }
+        buffer[length++] = *text;
+    }
+    out.length = length;
 }
 
 void put_parameters(Output &out, const bv_db_family &family)
 {
+    const char *before = "\t\t\t\t\"";
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
-        if (i > 0)
-            put_literal(out, ",\n");
-        put_literal(out, "\t\t\t\t\"");
+        put(out, before);
         put(out, family.para[i].name);
-        put_literal(out, "\":\"");
+        put(out, "\":\"");
         put(out, family.para[i].value);
-        put_literal(out, "\"");
+        before = "\",\n\t\t\t\t\"";
     }
+    if (family.para_count > 0 && family.para[0].valid != 0)
+        put(out, "\"");
 }
 
 // One instance, from the descriptors' values: its image goes through them.
@@ -73,12 +72,12 @@ void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32
     bv::image_to_text(image, family.image_size, family.para, family.para_count);
 
     char text[12];
-    bv_os_sprintf(text, sizeof text, "%d", number);
-    put_literal(out, "\t\t{\n\t\t\t\"inst\":\"");
+    bv::number_to_text(number, text);
+    put(out, "\t\t{\n\t\t\t\"inst\":\"");
     put(out, text);
-    put_literal(out, "\",\n\t\t\t\"para\":{\n");
+    put(out, "\",\n\t\t\t\"para\":{\n");
     put_parameters(out, family);
-    put_literal(out, "\n\t\t\t}\n\t\t}");
+    put(out, "\n\t\t\t}\n\t\t}");
 }
 
 void put_instances(Output &out, bv_db_family &family)
@@ -89,7 +88,7 @@ void put_instances(Output &out, bv_db_family &family)
 
     for (bv_list_head *link = list.next; link != &list; link = link->next) {
         if (link != list.next)
-            put_literal(out, ",\n");
+            put(out, ",\n");
         put_instance(out, family, bv::instance(link)->image, bv::instance(link)->number);
     }
 }
@@ -99,13 +98,13 @@ void put_families(Output &out, bv_list_head &list)
     bool first = true;
     bv::for_each_family(list, [&](bv_db_family &family) {
         if (!first)
-            put_literal(out, ",\n");
+            put(out, ",\n");
         first = false;
-        put_literal(out, "\t\"");
+        put(out, "\t\"");
         put(out, family.name);
-        put_literal(out, "\":[\n");
+        put(out, "\":[\n");
         put_instances(out, family);
-        put_literal(out, "\n\t]");
+        put(out, "\n\t]");
     });
 }
 
@@ -139,9 +138,9 @@ int32_t bv_db_user_write(bv_list_head *list, const char *path)
     }
 
     Output out{stream, buffer, 0, false};
-    put_literal(out, "{\n");
+    put(out, "{\n");
     put_families(out, *list);
-    put_literal(out, "\n}\n");
+    put(out, "\n}\n");
     flush(out);
     bv_os_fclose(stream); // a full disk is not an error here: memory still has everything
     bv_os_free(buffer);

@@ -52,17 +52,42 @@ inline bv_db_reg *registration(bv_list_head *link)
     return list_record<bv_db_reg>(link, offsetof(bv_db_reg, link));
 }
 
+inline bv_db_family *family_of(bv_list_head *link)
+{
+    return list_record<bv_db_family>(link, offsetof(bv_db_family, link));
+}
+
 inline bv_db_inst *instance(bv_list_head *link)
 {
     return list_record<bv_db_inst>(link, offsetof(bv_db_inst, link));
 }
 
+// Finds families one after the other. They are mostly created in the order of registration, so
+// the one behind the last one found is tried first: a comparison of names instead of a hash over
+// the padded key, which would take a quarter of a commit.
+class FamilyCursor {
+public:
+    bv_db_family *find(const char *name)
+    {
+        bv_db_family *family = next_ == &g_st_db_mng.family_list ? nullptr : family_of(next_);
+        if (family == nullptr || bv_os_strcmp(family->name, name) != 0)
+            family = bv_db_hash_find(name);
+        if (family != nullptr)
+            next_ = family->link.next;
+        return family;
+    }
+
+private:
+    bv_list_head *next_ = g_st_db_mng.family_list.next;
+};
+
 // Calls visit(family) for each name of a registration list, in order, whose family exists.
 template <typename Visit>
 inline void for_each_family(bv_list_head &list, Visit visit)
 {
+    FamilyCursor families;
     for (bv_list_head *link = list.next; link != &list; link = link->next) {
-        bv_db_family *family = bv_db_hash_find(registration(link)->name);
+        bv_db_family *family = families.find(registration(link)->name);
         if (family != nullptr)
             visit(*family);
     }
@@ -70,6 +95,9 @@ inline void for_each_family(bv_list_head &list, Visit visit)
 
 // As bv_db_user_fill_frommem(), for an image whose size the family knows; convert.cpp.
 void image_to_text(const uint8_t *image, int64_t image_size, bv_db_para *table, int32_t count);
+
+// Decimal text of a number: up to 11 characters and the NUL.
+void number_to_text(int32_t number, char *text);
 
 // Releases what a template gave a family, and its instances; the default image is left to leak.
 void release_contents(bv_db_family &family);

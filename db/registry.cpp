@@ -64,11 +64,6 @@ bv_db_family *find_by_key(const bv::FamilyKey &key)
     return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, key.data()));
 }
 
-bv_db_family *family_of(bv_list_head *link)
-{
-    return bv::list_record<bv_db_family>(link, offsetof(bv_db_family, link));
-}
-
 } // namespace
 
 // The lists are empty rings from the start, so that a call before bv_db_init() finds nothing
@@ -112,7 +107,7 @@ int32_t bv_db_hash_free(void)
     bv_list_head &families = g_st_db_mng.family_list;
     for (bv_list_head *link = families.next, *next; link != &families; link = next) {
         next = link->next; // the record goes with its entry in the table
-        bv_db_family *family = family_of(link);
+        bv_db_family *family = bv::family_of(link);
         bv::release_contents(*family);
         bv::list_unlink(family->link);
         bv_hash_remove(g_st_db_mng.table, bv::FamilyKey(family->name).data());

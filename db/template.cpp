@@ -8,6 +8,7 @@
 
 #include "core/list.h"
 #include "db/internal.h"
+#include "db/members.h"
 #include "os/alloc.h"
 #include "os/checked.h"
 
@@ -34,9 +35,9 @@ int32_t search(const char *name, char *path)
 }
 
 // Copies a member's text, cut to the field. False if there is none.
-bool take_text(json_object *object, const char *key, char *field)
+bool take_text(bv::Members &members, const char *key, char *field)
 {
-    const char *text = bv_json_object_get_string(bv_json_object_object_get(object, key));
+    const char *text = bv_json_object_get_string(members.get(key));
     if (text == nullptr)
         return false;
     bv_os_strncpy(field, kTextSize, text, kTextSize - 1);
@@ -47,15 +48,16 @@ bool take_text(json_object *object, const char *key, char *field)
 // had stays in the slot, invalid, for the next element to overwrite.
 bool take_parameter(json_object *element, bv_db_para &slot)
 {
-    bool named = take_text(element, "name", slot.name);
-    bool typed = take_text(element, "type", slot.type);
-    json_object *len = bv_json_object_object_get(element, "len");
+    bv::Members members(element);
+    bool named = take_text(members, "name", slot.name);
+    bool typed = take_text(members, "type", slot.type);
+    json_object *len = members.get("len");
     if (len == nullptr)
         return false;
     slot.len = bv_json_object_get_int(len);
     if (slot.len >= kLenLimit)
         return false;
-    return take_text(element, "value", slot.value) && named && typed;
+    return take_text(members, "value", slot.value) && named && typed;
 }
 
 void take_parameters(json_object *para, bv_db_family &family)
@@ -73,10 +75,11 @@ void take_parameters(json_object *para, bv_db_family &family)
 // Reads the parsed template into descriptors. The tree is the caller's.
 int32_t read_parameters(json_object *tree, bv_db_family &family)
 {
-    take_text(tree, "getfunc", family.getfunc);
-    take_text(tree, "setfunc", family.setfunc);
+    bv::Members members(tree);
+    take_text(members, "getfunc", family.getfunc);
+    take_text(members, "setfunc", family.setfunc);
 
-    json_object *para = bv_json_object_object_get(tree, "para");
+    json_object *para = members.get("para");
     if (para == nullptr || bv_json_object_is_type(para, json_type_array) == 0)
         return BV_ERR_FAILED;
 

@@ -180,6 +180,23 @@ TEST_F(DbFileReading, AnElementThatLacksSomethingIsSkipped)
     }
 }
 
+TEST_F(DbFileReading, MembersMayStandInAnyOrderAmongOthers)
+{
+    EXPECT_EQ(load(R"({"x":[],"b":[{"inst":"1","para":{"level":"9"}}],"y":1,
+                       "a":[{"z":1,"para":{"more":"1","name":"five","id":"50","id2":"3"},"inst":"5"}]})"),
+              BV_OK);
+    EXPECT_EQ(numbers(a), Numbers{5});
+    EXPECT_EQ(id(5), 50u);
+    EXPECT_EQ(name(5), "five");
+    EXPECT_EQ(image_of(b, 1), Bytes{9});
+}
+
+TEST_F(DbFileReading, OfAKeyThatStandsTwiceTheLaterCounts)
+{
+    EXPECT_EQ(load_a(R"({"inst":"1","para":{"id":"1","name":"x","id":"2"}})"), BV_OK);
+    EXPECT_EQ(id(1), 2u);
+}
+
 TEST_F(DbFileReading, AMissingParameterHasTheValueOfTheElementBefore)
 {
     EXPECT_EQ(load_a(R"({"inst":"1","para":{"name":"one"}},

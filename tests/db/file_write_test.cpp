@@ -120,6 +120,17 @@ TEST_F(DbFileWriting, FamiliesStandInRegistrationOrderWhateverTheyHold)
     EXPECT_EQ(file_text(kUserFile), golden("families.json"));
 }
 
+TEST_F(DbFileWriting, RegistrationOrderCountsNotTheOrderOfCreation)
+{
+    for (const char *name : {"c", "a", "d", "b"})
+        bv_db_hash_add(name);
+    for (const char *name : {"a", "b", "c", "a2", "d"})
+        bv_db_reg_user(name);
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_EQ(file_text(kUserFile), "{\n\t\"a\":[\n\n\t],\n\t\"b\":[\n\n\t],\n"
+                                    "\t\"c\":[\n\n\t],\n\t\"d\":[\n\n\t]\n}\n");
+}
+
 TEST_F(DbFileWriting, NothingIsEscaped)
 {
     bv_db_family *notes = user_family("notes.json", {{"note", "string", 64, ""}});

@@ -229,6 +229,18 @@ TEST_F(DbTemplate, AnEmptyParaGivesAFamilyWithoutImages)
     EXPECT_EQ(bv_db_read("t.json", buf.data(), 8, 2), BV_ERR_NO_INSTANCE);
 }
 
+TEST_F(DbTemplate, KeysMayStandInAnyOrderAmongOthers)
+{
+    EXPECT_EQ(read(R"({"x":1,"para":[{"value":"258","y":[],"len":4,"type":"uint","name":"p"}],
+                       "setfunc":"s","getfunc":"g"})"),
+              BV_OK);
+    EXPECT_STREQ(family->getfunc, "g");
+    EXPECT_STREQ(family->setfunc, "s");
+    EXPECT_STREQ(family->para[0].name, "p");
+    EXPECT_STREQ(family->para[0].type, "uint");
+    EXPECT_EQ(default_image(family), bytes_of<uint32_t>(258));
+}
+
 TEST_F(DbTemplate, AnElementThatLacksSomethingIsSkipped)
 {
     const char *broken[] = {R"({"type":"uint","len":4,"value":"1"})",

@@ -222,9 +222,9 @@ BV_API int bv_os_snprintf(char *dst, uint32_t dstsize, const char *format, ...) 
 
 /**
  * Scans a text. Behind each buffer pointer of %s, %c and %[ stands one more argument, the
- * buffer's size as an unsigned int, so compilers cannot check these formats as they do scanf's:
+ * buffer's size in bytes as a size_t, so compilers cannot check these formats as they do scanf's:
  * @code
- * bv_os_sscanf(line, "%15s %d", name, (unsigned)sizeof name, &number);
+ * bv_os_sscanf(line, "%15s %d", name, sizeof name, &number);
  * @endcode
  *
  * @return conversions stored, or -1 when the text ends before the first one or an argument is

@@ -96,8 +96,9 @@ TEST(Sscanf, TakesASizeBehindEveryBuffer)
     char letter;
     char set[8];
     int number = 0;
-    EXPECT_EQ(
-        bv_os_sscanf("eth0 42 xabc", "%s %d %c%[a-c]", word, 8u, &number, &letter, 1u, set, 8u), 4);
+    EXPECT_EQ(bv_os_sscanf("eth0 42 xabc", "%s %d %c%[a-c]", word, sizeof word, &number, &letter,
+                           sizeof letter, set, sizeof set),
+              4);
     EXPECT_STREQ(word, "eth0");
     EXPECT_EQ(number, 42);
     EXPECT_EQ(letter, 'x');
@@ -108,7 +109,7 @@ TEST(Sscanf, AFieldTooLongForItsBufferEndsTheScanEmpty)
 {
     char word[] = "........";
     int number = 7;
-    EXPECT_EQ(bv_os_sscanf("hello 5", "%s %d", word, 5u, &number), 0);
+    EXPECT_EQ(bv_os_sscanf("hello 5", "%s %d", word, size_t{5}, &number), 0);
     EXPECT_EQ(word[0], '\0');
     EXPECT_EQ(memcmp(word + 5, "...", 3), 0);
     EXPECT_EQ(number, 7);

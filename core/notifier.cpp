@@ -84,20 +84,6 @@ void append_event(Event &event)
     g_notifier.count = bv::checked_add(g_notifier.count, 1);
 }
 
-void remove_event(Event &event)
-{
-    bv::MutexGuard guard(g_notifier.lock);
-    bv::list_unlink(event.link);
-    g_notifier.count = bv::checked_sub(g_notifier.count, 1);
-}
-
-// What follows a link at this moment: an event, or the head when there is none.
-bv_list_head *next_event(const bv_list_head &link)
-{
-    bv::MutexGuard guard(g_notifier.lock);
-    return link.next;
-}
-
 // Calls every callback of the event's type. Events of other types are nobody's.
 void deliver(Event &event)
 {
@@ -111,18 +97,40 @@ void deliver(Event &event)
             ->function(event.payload(), event.length);
 }
 
-// Handles the events from the first to the present last one. The successor is looked up before
-// the callbacks run: what they post during the last event waits for its own post, so that a
-// callback that always posts another event leaves the loop in between.
+// Where the dispatch thread stands: the event at hand, and what followed it before its callbacks
+// ran. Either may be the list's head, which ends the round.
+struct Round {
+    bv_list_head *link;
+    bv_list_head *next;
+};
+
+Round begin_round()
+{
+    bv::MutexGuard guard(g_notifier.lock);
+    bv_list_head *first = g_notifier.events.next;
+    return {first, first->next};
+}
+
+// Takes the event at hand out and goes to the next one, all in one turn of the lock.
+void finish_event(Round &round)
+{
+    Event *event = event_of(round.link);
+    {
+        bv::MutexGuard guard(g_notifier.lock);
+        bv::list_unlink(event->link);
+        g_notifier.count = bv::checked_sub(g_notifier.count, 1);
+        round = {round.next, round.next->next};
+    }
+    bv_os_free(event);
+}
+
+// Handles the events from the first to the present last one. What callbacks post during the last
+// event waits for its own post, so that a callback that always posts another event leaves the
+// loop in between.
 void dispatch_pending()
 {
-    for (bv_list_head *link = next_event(g_notifier.events); link != &g_notifier.events;) {
-        Event *event = event_of(link);
-        link = next_event(*link);
-        deliver(*event);
-        remove_event(*event);
-        bv_os_free(event);
-    }
+    for (Round round = begin_round(); round.link != &g_notifier.events; finish_event(round))
+        deliver(*event_of(round.link));
 }
 
 // A wait that a signal ended looks at the list as well, and a post whose event went with an

@@ -40,8 +40,11 @@ struct Boundary {
     std::atomic<int> failing_receives{0};
     std::atomic<int> failed_receives{0};
 };
-Boundary g_boundary;
-std::mutex g_lock; // guards what other threads write: g_boundary.sent_to, g_events
+Boundary &g_boundary = *new Boundary;
+
+// Guards what other threads write: g_boundary.sent_to and g_events. Neither it nor they are ever
+// destroyed, since those threads outlive main().
+std::mutex &g_lock = *new std::mutex;
 
 int real_socket(int protocol)
 {
@@ -127,7 +130,7 @@ namespace {
 
 // What arrived: event type and payload.
 using Events = std::vector<std::pair<uint32_t, std::string>>;
-Events g_events;
+Events &g_events = *new Events;
 
 template <uint32_t Type>
 void record(void *data, uint32_t length)

@@ -16,9 +16,10 @@
 
 namespace {
 
-// Waits and deliveries of the dispatch thread, in order.
-std::mutex g_lock;
-std::vector<std::string> g_steps;
+// Waits and deliveries of the dispatch thread, in order. Never destroyed: that thread outlives
+// main().
+std::mutex &g_lock = *new std::mutex;
+std::vector<std::string> &g_steps = *new std::vector<std::string>;
 
 void step(const std::string &what)
 {

@@ -52,7 +52,7 @@ private:
     std::vector<std::string> lines_;
 };
 
-Log g_log;
+Log &g_log = *new Log; // never destroyed: the dispatch thread outlives main()
 
 std::string line_of(const char *name, const void *data, uint32_t length)
 {

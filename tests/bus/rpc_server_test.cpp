@@ -19,6 +19,16 @@ using wire::Message;
 
 // Lets a test have an event loop that cannot be made.
 BV_FAULT_POINT(epoll_create1, int, (int flags), (flags), -1);
+FaultPoint fault_watching;
+// Sees the descriptors that the library has the loop watch.
+unsigned int g_watch_flags;
+extern "C" int uloop_fd_add(uloop_fd *sock, unsigned int flags)
+{
+    g_watch_flags = flags;
+    if ((flags & ULOOP_BLOCKING) != 0 && fault_watching.fails()) // not the loop's own
+        return -1;
+    return next_function<int(uloop_fd *, unsigned int)>("uloop_fd_add")(sock, flags);
+}
 
 namespace {
 
@@ -310,6 +320,17 @@ TEST(RpcServer, ALargerDeclaredLengthContinuesTheDataWithZeros)
     expect_reply(answer, wire::reply(7, 70, returned));
 }
 
+// The padding behind the data is the sender's to fill, and is no data.
+TEST(RpcServer, PaddingIsNotTakenForData)
+{
+    Bytes fields = wire::request("keep", 4, kThreeBytes);
+    ASSERT_EQ(fields.back(), 0);
+    fields.back() = 0xee;
+    const Answer answer = serve_one(fields);
+    EXPECT_EQ(g_seen.data, (Bytes{0xaa, 0xbb, 0xcc, 0}));
+    expect_reply(answer, wire::reply(0, 4, {0xaa, 0xbb, 0xcc, 0}));
+}
+
 TEST(RpcServer, ALengthWithoutAnyDataGivesZeros)
 {
     const Answer answer = serve_one(wire::request("keep", 5, {}));
@@ -366,21 +387,27 @@ TEST(RpcServer, NoMemoryForTheBlockIsARefusalAndTheNextRequestIsServed)
 TEST(RpcServer, NoMemoryForTheReplyIsARefusalBeforeTheHandlerRuns)
 {
     Answer answers[2];
+    Answer served;
     ScriptedBus bus([&](Peer &peer) {
         peer.accept_object();
-        {
-            FailReallocations failing; // message buffers grow by them
-            answers[0] = peer.call(wire::request("keep", 3000, kThreeBytes));
-            EXPECT_GT(failing.happened(), 0u);
+        for (Answer &answer : answers) { // before and after the buffer has its first bytes
+            {
+                FailReallocations failing; // message buffers grow by them
+                answer = peer.call(wire::request("keep", 3000, kThreeBytes));
+                EXPECT_GT(failing.happened(), 0u);
+            }
+            EXPECT_EQ(g_seen.calls, 0);
+            served = peer.call(wire::request("keep", 3, kThreeBytes));
+            g_seen.calls = 0;
         }
-        EXPECT_EQ(g_seen.calls, 0);
-        answers[1] = peer.call(wire::request("keep", 3, kThreeBytes));
     });
     EXPECT_EQ(bv_ubus_server_init(nullptr, register_functions), 0);
     bus.join();
-    EXPECT_FALSE(answers[0].has_data);
-    EXPECT_EQ(answers[0].statuses, (std::vector<uint32_t>{2, 0}));
-    expect_reply(answers[1], wire::reply(0, 3, kThreeBytes));
+    for (const Answer &answer : answers) {
+        EXPECT_FALSE(answer.has_data);
+        EXPECT_EQ(answer.statuses, (std::vector<uint32_t>{2, 0}));
+    }
+    expect_reply(served, wire::reply(0, 3, kThreeBytes));
 }
 
 TEST(RpcServer, AnUnknownNameIsRefused)
@@ -511,6 +538,27 @@ TEST(RpcServer, WithoutAnEventLoopFails)
     fault_epoll_create1.pass();
     // The script waits for one connection, made or not made above.
     bv_ubus_free(bv_ubus_connect(nullptr));
+}
+
+TEST(RpcServer, TheConnectionIsWatchedForReadingInBlockingMode)
+{
+    ScriptedBus bus([](Peer &peer) { peer.accept_object(); });
+    EXPECT_EQ(bv_ubus_server_init(nullptr, nullptr), 0);
+    EXPECT_EQ(g_watch_flags, 9u);
+}
+
+TEST(RpcServer, AConnectionThatCannotBeWatchedIsClosed)
+{
+    bool closed = false;
+    ScriptedBus bus([&](Peer &peer) {
+        peer.hello();
+        closed = wire::closed_by_peer(peer.fd());
+    });
+    fault_watching.fail_always(ENOSPC);
+    EXPECT_EQ(bv_ubus_server_init(nullptr, nullptr), -1);
+    fault_watching.pass();
+    bus.join();
+    EXPECT_TRUE(closed);
 }
 
 TEST(RpcServer, ARefusedObjectIsTheResultAndClosesTheConnection)

@@ -2,11 +2,15 @@
 
 #include <bv/hash.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
+
+// The nth piece of text from now on that the library writes is refused; 0: none.
+int g_refused_piece;
 
 class DbFileWriting : public Db {
 protected:
@@ -254,6 +258,18 @@ TEST_F(DbFileWriting, AFullDiskKeepsMemoryAndTheNextCommitRepairsTheFile)
     EXPECT_TRUE(file_text(kUserFile) == whole);
 }
 
+TEST_F(DbFileWriting, NothingIsWrittenBehindAPieceThatTheDiskRefused)
+{
+    large_family(800);
+    g_refused_piece = 2;
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_EQ(g_refused_piece, 0);
+    std::string part = file_text(kUserFile), whole = large_text(800);
+    EXPECT_GT(part.size(), 0u);
+    EXPECT_LT(part.size(), whole.size());
+    EXPECT_TRUE(part == whole.substr(0, part.size())) << "there must be no hole in the text";
+}
+
 TEST_F(DbFileWriting, ADeviceThatRefusesEverythingIsNotReported)
 {
     large_family(200);
@@ -262,3 +278,12 @@ TEST_F(DbFileWriting, ADeviceThatRefusesEverythingIsNotReported)
 }
 
 } // namespace
+
+extern "C" size_t fwrite(const void *data, size_t size, size_t n, FILE *stream)
+{
+    if (g_refused_piece != 0 && --g_refused_piece == 0)
+        return 0;
+    auto real = reinterpret_cast<size_t (*)(const void *, size_t, size_t, FILE *)>(
+        dlsym(RTLD_NEXT, "fwrite"));
+    return real(data, size, n, stream);
+}

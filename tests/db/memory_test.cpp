@@ -165,6 +165,34 @@ TEST_F(DbMemory, ARefusalWhileReadingAgainLeavesTheFamilyEmpty)
     }
 }
 
+TEST_F(DbMemory, ParsedTreesAreReleased)
+{
+    install("lan.json", kLan);
+    bv_db_reg_user(kLanPath);
+    put_file(kUserFile, R"({"/etc/template/lan.json":[{"inst":"1","para":{}}]})");
+    parse_beforehand();
+    EXPECT_EQ(bv_db_start(), BV_OK);
+    EXPECT_EQ(bv_db_inst_getnum(kLanPath), 1);
+    for (Parsed &file : g_parsed) {
+        EXPECT_EQ(json_object_put(file.tree), 1) << "someone still holds " << file.path;
+        file.tree = nullptr;
+    }
+}
+
+TEST_F(DbMemory, TreesOfTemplatesThatAreRefusedAreReleased)
+{
+    family = bv_db_hash_add("lan.json");
+    for (const char *text : {"{}", "{\"para\":7}", "{\"para\":[]}", "[]"}) {
+        SCOPED_TRACE(text);
+        install("lan.json", text);
+        g_parsed[0].tree = parse(kLanPath);
+        ASSERT_NE(g_parsed[0].tree, nullptr);
+        read_lan();
+        EXPECT_EQ(json_object_put(g_parsed[0].tree), 1);
+        g_parsed[0].tree = nullptr;
+    }
+}
+
 TEST_F(DbMemory, AnInstanceRefusedIsNotLinked)
 {
     bv_db_family *lan = user_family("lan.json", kLan);

@@ -13,6 +13,9 @@ constexpr uint32_t kReplyFieldsLength = 20 + 16 + 12;
 // The body around them: its own word, the object's id, the header of the arguments.
 constexpr uint32_t kReplyBodyOverhead = 4 + 8 + 4 + kReplyFieldsLength;
 
+// Beyond the fields in a buffer: the table's header and the padding.
+constexpr uint32_t kReserveMargin = 4 + 3;
+
 constexpr uint32_t kLongestReply = bv::kBusBodyLimit - kReplyBodyOverhead;
 static_assert(kLongestReply % 4 == 0, "padding cannot lift a reply over the limit");
 
@@ -77,10 +80,12 @@ bool rpc_reserve_reply(blob_buf &buf, uint32_t length)
 {
     if (length > kLongestReply)
         return false;
+    const uint32_t needed = kReplyFieldsLength + length;
+    if (buf.head != nullptr && static_cast<uint32_t>(buf.buflen) >= needed + kReserveMargin)
+        return true;
     // One unwritten attribute as long as all fields together: the buffer keeps its size when it is
     // initialised again.
-    return bv_blobmsg_buf_init(&buf) == 0 &&
-           bv_blob_put(&buf, 0, nullptr, kReplyFieldsLength + length) != nullptr;
+    return bv_blobmsg_buf_init(&buf) == 0 && bv_blob_put(&buf, 0, nullptr, needed) != nullptr;
 }
 
 } // namespace bv

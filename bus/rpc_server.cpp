@@ -54,16 +54,34 @@ void make_key(Key &key, const char *name)
         key = Key{};
 }
 
+// The function called last. Callers repeat themselves (a page that polls), and hashing a whole key
+// is the dearest step of a small call. Any change of the registry empties it.
+struct LastCalled {
+    Key key;
+    bv_ubus_handler handler;
+};
+LastCalled g_last_called;
+
+void forget_last_called()
+{
+    g_last_called.handler = nullptr;
+}
+
 bv_ubus_handler find_handler(const char *name)
 {
     Key key;
     make_key(key, name);
+    if (g_last_called.handler != nullptr &&
+        bv_os_memcmp(key.bytes, g_last_called.key.bytes, sizeof(key.bytes)) == 0)
+        return g_last_called.handler;
+
     const void *found = bv_hash_find(g_registry, key_bytes(key));
     if (found == nullptr)
         return nullptr;
-    bv_ubus_handler handler;
-    bv_os_memcpy(&handler, sizeof(handler), found, sizeof(handler));
-    return handler;
+    bv_os_memcpy(&g_last_called.handler, sizeof(g_last_called.handler), found,
+                 sizeof(g_last_called.handler));
+    g_last_called.key = key;
+    return g_last_called.handler;
 }
 
 // The bytes that a handler works on: the message's own, or, when the caller declared more than it
@@ -155,6 +173,7 @@ void drop_connection()
 void discard_ended_run()
 {
     drop_connection();
+    forget_last_called();
     bv_hash_exit(g_registry);
     g_registry = nullptr;
 }
@@ -191,6 +210,7 @@ int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler)
 {
     if (g_registry == nullptr || name == nullptr || handler == nullptr)
         return BV_ERR_FAILED;
+    forget_last_called();
     Key key;
     make_key(key, name);
     return bv_hash_insert(g_registry, key_bytes(key), &handler);

@@ -482,6 +482,27 @@ TEST(RpcServer, RegisteringANameAgainReplacesItsHandler)
                  wire::reply(0, 3, kThreeBytes));
 }
 
+TEST(RpcServer, AHandlerReplacedByAHandlerIsNotCalledAgain)
+{
+    const auto registration = [] {
+        bv_ubus_server_reg("keep", keep);
+        bv_ubus_server_reg("replace", [](void *, uint32_t) {
+            return static_cast<uint32_t>(bv_ubus_server_reg("keep", other)) +
+                   static_cast<uint32_t>(bv_ubus_server_reg("replace", other));
+        });
+        return 0;
+    };
+    const Bytes keep_request = wire::request("keep", 3, kThreeBytes);
+    const Bytes replace_request = wire::request("replace", 0, {});
+    const std::vector<Answer> answers = serve(
+        {keep_request, keep_request, replace_request, replace_request, keep_request}, registration);
+    expect_reply(answers[0], wire::reply(0, 3, kThreeBytes));
+    expect_reply(answers[1], wire::reply(0, 3, kThreeBytes));
+    expect_reply(answers[2], wire::reply(0, 0, {}));
+    expect_reply(answers[3], wire::reply(1111, 0, {}));
+    expect_reply(answers[4], wire::reply(1111, 3, kThreeBytes));
+}
+
 TEST(RpcServer, RegistrationNeedsARegistryAndBothArguments)
 {
     EXPECT_EQ(bv_ubus_server_reg("early", keep), -1);
@@ -633,7 +654,7 @@ TEST(RpcServer, TheEndedRunsConnectionStaysUntilTheNextStartAndItsFunctionsGo)
     std::atomic<bool> started_again{false};
     bool open_after_end = false;
     bool closed_by_start = false;
-    Answer answer;
+    std::vector<Answer> answers;
     ScriptedBus bus({[&](Peer &peer) {
                          peer.accept_object();
                          peer.call(wire::request("end", 0, {}));
@@ -644,7 +665,8 @@ TEST(RpcServer, TheEndedRunsConnectionStaysUntilTheNextStartAndItsFunctionsGo)
                      },
                      [&](Peer &peer) {
                          peer.accept_object();
-                         answer = peer.call(wire::request("keep", 3, kThreeBytes));
+                         for (const char *name : {"keep", "end"})
+                             answers.push_back(peer.call(wire::request(name, 3, kThreeBytes)));
                      }});
     EXPECT_EQ(bv_ubus_server_init(nullptr, register_functions), 0);
     while (!started_again)
@@ -653,7 +675,8 @@ TEST(RpcServer, TheEndedRunsConnectionStaysUntilTheNextStartAndItsFunctionsGo)
     bus.join();
     EXPECT_TRUE(open_after_end);
     EXPECT_TRUE(closed_by_start);
-    EXPECT_EQ(answer.statuses, (std::vector<uint32_t>{2, 0}));
+    for (const Answer &answer : answers)
+        EXPECT_EQ(answer.statuses, (std::vector<uint32_t>{2, 0}));
 }
 
 TEST(RpcServer, SigtermEndsTheRunAndTheSignalIsGivenBack)

@@ -17,6 +17,11 @@ bool takes_mode(int flags)
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
+int open_file(const char *path, int flags, va_list args)
+{
+    return takes_mode(flags) ? open(path, flags, va_arg(args, mode_t)) : open(path, flags);
+}
+
 } // namespace
 
 FILE *bv_os_fopen(const char *path, const char *mode)
@@ -66,26 +71,20 @@ int bv_os_pclose(FILE *stream)
 
 int bv_os_open(const char *path, int flags, ...)
 {
-    if (!takes_mode(flags))
-        return open(path, flags);
-
     va_list args;
     va_start(args, flags);
-    mode_t mode = va_arg(args, mode_t);
+    int fd = open_file(path, flags, args);
     va_end(args);
-    return open(path, flags, mode);
+    return fd;
 }
 
 int bv_os_dev_open(const char *path, int flags, ...)
 {
-    if (!takes_mode(flags))
-        return open(path, flags);
-
     va_list args;
     va_start(args, flags);
-    mode_t mode = va_arg(args, mode_t);
+    int fd = open_file(path, flags, args);
     va_end(args);
-    return open(path, flags, mode);
+    return fd;
 }
 
 int bv_os_creat(const char *path, mode_t mode)

@@ -27,10 +27,21 @@ using FileName = char[kFileNameSize];
 // captures. The accesses are atomic only so that a race stays a wrong name and nothing worse.
 uint8_t g_capture_sequence = 1;
 
-void format_command(Line &command, const char *format, va_list args)
+void format_line(Line &line, const char *format, va_list args)
 {
-    memset(command, 0, sizeof command);
-    vsprintf_s(command, sizeof command, format, args);
+    memset(line, 0, sizeof line);
+    vsprintf_s(line, sizeof line, format, args);
+}
+
+// Wraps a command into the line that the shell gets, and runs that.
+BV_PRINTF(1, 2) int run_wrapped(const char *format, ...)
+{
+    Line line;
+    va_list args;
+    va_start(args, format);
+    format_line(line, format, args);
+    va_end(args);
+    return system(line);
 }
 
 void name_capture_file(FileName &name, const char *format)
@@ -67,7 +78,7 @@ int bv_os_system(const char *format, ...)
     Line command;
     va_list args;
     va_start(args, format);
-    format_command(command, format, args);
+    format_line(command, format, args);
     va_end(args);
     return system(command);
 }
@@ -77,13 +88,10 @@ int bv_os_systemnull(const char *format, ...)
     Line command;
     va_list args;
     va_start(args, format);
-    format_command(command, format, args);
+    format_line(command, format, args);
     va_end(args);
 
-    Line line;
-    memset(line, 0, sizeof line);
-    bv_os_snprintf(line, sizeof line, "%s >/dev/null 2>&1", command);
-    return system(line);
+    return run_wrapped("%s >/dev/null 2>&1", command);
 }
 
 int bv_os_systembk(const char *format, ...)
@@ -91,13 +99,10 @@ int bv_os_systembk(const char *format, ...)
     Line command;
     va_list args;
     va_start(args, format);
-    format_command(command, format, args);
+    format_line(command, format, args);
     va_end(args);
 
-    Line line;
-    memset(line, 0, sizeof line);
-    bv_os_snprintf(line, sizeof line, "%s >/dev/null 2>&1 &", command);
-    return system(line);
+    return run_wrapped("%s >/dev/null 2>&1 &", command);
 }
 
 int bv_os_sysprocess(const char *format, ...)
@@ -105,13 +110,10 @@ int bv_os_sysprocess(const char *format, ...)
     Line command;
     va_list args;
     va_start(args, format);
-    format_command(command, format, args);
+    format_line(command, format, args);
     va_end(args);
 
-    Line line;
-    memset(line, 0, sizeof line);
-    bv_os_snprintf(line, sizeof line, "su -p %s -c \"%s\"", "BROVAN", command);
-    return system(line);
+    return run_wrapped("su -p %s -c \"%s\"", "BROVAN", command);
 }
 
 int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...)
@@ -122,13 +124,10 @@ int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...)
     Line command;
     va_list args;
     va_start(args, format);
-    format_command(command, format, args);
+    format_line(command, format, args);
     va_end(args);
 
-    Line line;
-    memset(line, 0, sizeof line);
-    bv_os_snprintf(line, sizeof line, "%s > %s", command, name);
-    system(line);
+    run_wrapped("%s > %s", command, name);
     return take_capture(name, out, outsize);
 }
 
@@ -143,14 +142,11 @@ int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern, const c
     Line command;
     va_list args;
     va_start(args, format);
-    format_command(command, format, args);
+    format_line(command, format, args);
     va_end(args);
 
-    Line line;
-    memset(line, 0, sizeof line);
-    bv_os_snprintf(line, sizeof line, "%s | grep '%s' | awk -F '%s' '{print $2}' > %s", command,
-                   pattern, delimiter, name);
-    system(line);
+    run_wrapped("%s | grep '%s' | awk -F '%s' '{print $2}' > %s", command, pattern, delimiter,
+                name);
     return take_capture(name, out, outsize);
 }
 

@@ -21,6 +21,8 @@ int32_t bv_os_record_init(void)
 
 int32_t bv_os_record(const char *format, ...)
 {
+    if (format == nullptr)
+        return BV_ERR_FAILED;
     FILE *file = bv_os_fopen(kRecordFile, "a+");
     if (file == nullptr)
         return BV_ERR_RECORD;

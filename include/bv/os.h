@@ -334,8 +334,9 @@ BV_API void bv_get_pipe(const char *command, char *out, uint32_t outsize);
  * low 32 bits) and each word showing its four bytes in the order in which they lie in memory on a
  * little-endian machine.
  *
- * @param address  what to dump, normally 4-byte aligned; null only with a length below 1
- * @param length   bytes; rounded up to whole words, so that up to 3 bytes behind it are read too
+ * @param address  what to dump, normally 4-byte aligned; null prints as an empty line
+ * @param length   bytes; rounded up to whole words, so that up to 3 bytes behind it are read too;
+ *                 below 1 an empty line is printed
  * @return result of the last print, 2
  */
 BV_API int32_t bv_os_printb(const void *address, int32_t length);
@@ -343,7 +344,7 @@ BV_API int32_t bv_os_printb(const void *address, int32_t length);
 /**
  * Prints a text on standard output and blanks behind it up to a width; no newline.
  *
- * @param text   printed whole, even when it is longer
+ * @param text   printed whole, even when it is longer; null prints nothing, blanks neither
  * @param width  columns; a negative one pads nothing
  */
 BV_API void bv_os_printa(const char *text, int32_t width);
@@ -353,17 +354,20 @@ BV_API int32_t bv_os_record_init(void);
 
 /**
  * Appends formatted text to the record file; no newline is added. The file is opened and closed
- * by each call, in append mode, so records of several processes stay whole.
+ * by each call, in append mode, so records of several processes and threads stay whole as long as
+ * they fit in the C library's stream buffer (1 KiB with musl).
  *
- * @return characters written, a negative number when they could not be, or BV_ERR_RECORD when
- *         the file cannot be opened
+ * @param format  as for printf(3); null writes nothing
+ * @return characters written, a negative number when they could not be formatted, or
+ *         BV_ERR_RECORD when the file cannot be opened. A full /tmp may go unnoticed
  */
 BV_API int32_t bv_os_record(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Copies the record file, when there is one, to the terminal named in /tmp/tty (31 characters at
  * most). The record file stays. The name is not checked: with no /tmp/tty the shell complains
- * about an empty redirection, and nothing else happens.
+ * about an empty redirection, and nothing else happens. The name is read with bv_os_systemex(),
+ * whose word on threads holds here too.
  */
 BV_API void bv_os_record_output(void);
 

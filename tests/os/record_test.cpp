@@ -60,6 +60,13 @@ TEST(Record, AFileThatCannotBeOpenedIsReported)
     EXPECT_FALSE(file_exists(kRecord));
 }
 
+TEST(Record, WithoutAFormatNothingIsWritten)
+{
+    const char *volatile no_format = nullptr;
+    EXPECT_EQ(bv_os_record(no_format), -1);
+    EXPECT_FALSE(file_exists(kRecord));
+}
+
 TEST(Record, KeepsNoDescriptor)
 {
     std::vector<int> before = open_descriptors();

@@ -14,6 +14,7 @@ union Argument {
     int val;
     semid_ds *buf;
     unsigned short *array;
+    seminfo *info;
 };
 
 // The value of a System V semaphore, by the C library's own call.
@@ -99,6 +100,27 @@ TEST(SystemVSemaphores, FetchTheirArgumentWhenTheCommandHasOne)
     errno = 0;
     EXPECT_EQ(bv_os_semctl(set, 0, GETVAL), -1);
     EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(SystemVSemaphores, TheSystemsOwnQueriesFillTheirArgument)
+{
+    int set = bv_os_semget(IPC_PRIVATE, 3, IPC_CREAT | 0600);
+    ASSERT_GE(set, 0);
+    for (int command : {IPC_INFO, SEM_INFO}) {
+        seminfo limits = {};
+        Argument argument;
+        argument.info = &limits;
+        EXPECT_EQ(bv_os_semctl(0, 0, command, argument), 0) << command; // the highest index
+        EXPECT_GT(limits.semmsl, 0) << command;
+    }
+    for (int command : {SEM_STAT, SEM_STAT_ANY}) {
+        semid_ds state = {};
+        Argument argument;
+        argument.buf = &state;
+        EXPECT_EQ(bv_os_semctl(0, 0, command, argument), set) << command;
+        EXPECT_EQ(state.sem_nsems, 3u) << command;
+    }
+    EXPECT_EQ(bv_os_semctl(set, 0, IPC_RMID), 0);
 }
 
 TEST(SystemVSemaphores, SemopChangesValues)

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sys/resource.h>
 
 #include <securec.h>
 
@@ -112,6 +113,20 @@ TEST(Malloc, PrintsNothingWhenItSucceeds)
 TEST(Free, IgnoresNull)
 {
     bv_os_free(nullptr);
+}
+
+TEST(Free, GivesTheMemoryBack)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitiser needs all the address space, and finds leaks by itself";
+#endif
+    rlimit space = {512 << 20, 512 << 20};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &space), 0);
+    for (int i = 0; i < 3000; ++i) { // 3.7 GiB in all
+        void *block = bv_os_malloc(kLargest);
+        ASSERT_NE(block, nullptr) << i;
+        bv_os_free(block);
+    }
 }
 
 TEST(Memcpy, CopiesAndLeavesTheRestAlone)

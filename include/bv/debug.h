@@ -146,7 +146,7 @@ BV_API int32_t bv_debug_get_cfg(void *out, uint32_t outsize);
  * @param module    0 to 9; the low 16 bits are used
  * @param level     0 to 7; the low 8 bits are used
  * @param format    as for bv_os_sprintf(). A text of more than 255 characters is not cut: the
- *                  message leaves without text
+ *                  message leaves without text, as it does with a format that is refused or null
  *
  * Failures are silent. Before bv_debug_init() every message is formatted and sent to descriptor 0,
  * which a service that started properly has not as a socket.
@@ -162,7 +162,7 @@ BV_API void bv_debug_remote(uint32_t category, uint32_t tag, uint32_t module, ui
  * two bytes each, big-endian. Both lengths are taken modulo 65536.
  *
  * @param header  the other fields; null sends nothing
- * @param text    length bytes, sent as they are; may be null when length is 0
+ * @param text    length bytes, sent as they are; null sends as many zeros
  * @param length  at most 65497 fits a datagram of IPv4; from 65526 on the total wraps and the
  *                datagram has only so many bytes
  * @return bytes sent, or -1 (nothing sent, no memory, no socket)

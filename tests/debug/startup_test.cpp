@@ -18,6 +18,9 @@ BV_FAULT_socket;
 
 namespace {
 
+bool g_debug_was_up; // when the first thread was started
+bool g_database_was_up;
+
 std::atomic<int> g_delivered{0};
 
 void count_event(void *, uint32_t)
@@ -46,6 +49,21 @@ int32_t start_without_database_table()
 
 } // namespace
 
+extern "C" int note_thread(pthread_t *thread, const pthread_attr_t *attr, void *(*start)(void *),
+                           void *argument) __asm__("pthread_create");
+int note_thread(pthread_t *thread, const pthread_attr_t *attr, void *(*start)(void *),
+                void *argument)
+{
+    static bool first = true;
+    if (first) {
+        g_debug_was_up = bv_debug_get_switch(0, 0) == 0;
+        g_database_was_up = g_st_db_mng.table != nullptr;
+    }
+    first = false;
+    return next_function<int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)>(
+        "pthread_create")(thread, attr, start, argument);
+}
+
 TEST(StartUp, BringsUpEveryFacility)
 {
     EXPECT_EQ(bv_libraries_init(), 0);
@@ -54,6 +72,14 @@ TEST(StartUp, BringsUpEveryFacility)
     EXPECT_EQ(bv_db_reg_user("family"), BV_OK);
     EXPECT_TRUE(notifier_runs());
     EXPECT_EQ(bv_time_tick_init(), 0);
+}
+
+// Events may call back as soon as the notifier's threads run, and callbacks use the database.
+TEST(StartUp, TheNotifierStartsBehindDebuggingAndTheDatabase)
+{
+    EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_TRUE(g_debug_was_up);
+    EXPECT_TRUE(g_database_was_up);
 }
 
 TEST(StartUp, PrintsNothing)

@@ -24,7 +24,10 @@ constexpr unsigned long kRequest = 0;
 // The driver is granted one byte behind the data; nobody here sets or reads it.
 constexpr uint64_t kOverhead = sizeof(bv_ioctl_record) + 1;
 
-uint8_t *data_of(bv_ioctl_record *record) { return reinterpret_cast<uint8_t *>(record + 1); }
+uint8_t *data_of(bv_ioctl_record *record)
+{
+    return reinterpret_cast<uint8_t *>(record + 1);
+}
 
 // A record for `name` with the data filled in, zeros where none is given: the driver may look at
 // every byte, and what an earlier user left on the heap is not its business. Null without memory.

@@ -93,6 +93,18 @@ void erase_blocks(int fd, const char *name, uint32_t offset, uint32_t len, uint3
     }
 }
 
+// What every use of a range starts with: the partition's device and geometry, and whether the range
+// lies within it. The status is what the caller returns when it is not BV_OK.
+int32_t find_range(const char *name, uint32_t offset, uint32_t len, DevicePath &path,
+                   mtd_info_user &info)
+{
+    path = find_device(name);
+    int32_t status = bv_mtd_get_info(name, &info);
+    if (status != BV_OK)
+        return status;
+    return beyond_end(info, offset, len) ? BV_ERR_RANGE : BV_OK;
+}
+
 } // namespace
 
 int32_t bv_mtd_get_info(const char *name, mtd_info_user *info)
@@ -115,19 +127,17 @@ int32_t bv_mtd_read(const char *name, void *buf, uint32_t offset, uint32_t len)
     if (name == nullptr || buf == nullptr || len == 0)
         return BV_ERR_INVALID;
 
-    DevicePath path = find_device(name);
+    DevicePath path;
     mtd_info_user info;
-    int32_t status = bv_mtd_get_info(name, &info);
+    int32_t status = find_range(name, offset, len, path, info);
     if (status != BV_OK)
         return status;
-    if (beyond_end(info, offset, len))
-        return BV_ERR_RANGE;
 
     int fd = bv_os_dev_open(path.text, O_RDONLY, kMode);
     if (fd < 0)
         return BV_ERR_OPEN;
-    status = move_range(fd, static_cast<uint8_t *>(buf), offset, len, bv_os_read,
-                        BV_ERR_SHORT_READ);
+    status =
+        move_range(fd, static_cast<uint8_t *>(buf), offset, len, bv_os_read, BV_ERR_SHORT_READ);
     bv_os_close(fd);
     return status;
 }
@@ -137,13 +147,11 @@ int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, uint32_
     if (name == nullptr || buf == nullptr || len == 0)
         return BV_ERR_INVALID;
 
-    DevicePath path = find_device(name);
+    DevicePath path;
     mtd_info_user info;
-    int32_t status = bv_mtd_get_info(name, &info);
+    int32_t status = find_range(name, offset, len, path, info);
     if (status != BV_OK)
         return status;
-    if (beyond_end(info, offset, len))
-        return BV_ERR_RANGE;
 
     int fd = open_for_writing(path);
     if (fd < 0)
@@ -159,13 +167,11 @@ int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len)
     if (name == nullptr || len == 0)
         return BV_ERR_INVALID;
 
-    DevicePath path = find_device(name);
+    DevicePath path;
     mtd_info_user info;
-    int32_t status = bv_mtd_get_info(name, &info);
+    int32_t status = find_range(name, offset, len, path, info);
     if (status != BV_OK)
         return status;
-    if (beyond_end(info, offset, len))
-        return BV_ERR_RANGE;
     // Erase sizes are powers of two. One of 0 makes the mask all ones and is refused here too.
     if (((info.erasesize - 1) & (offset | len)) != 0)
         return BV_ERR_INVALID;

@@ -11,7 +11,9 @@
  * expression: pass plain partition names from trusted sources. A name that occurs in several
  * lines of "/proc/mtd" finds none of them.
  *
- * Thread-safe, but concurrent writes or erases of one partition are not serialised.
+ * The pipeline's output is captured as bv_os_systemex() does it, so one thread at a time may be in
+ * any of these functions or of those that capture: two at once may be handed each other's device.
+ * Writes and erases of one partition by several processes are not serialised either.
  */
 #ifndef BV_MTD_H
 #define BV_MTD_H

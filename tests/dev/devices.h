@@ -13,6 +13,12 @@ namespace devices {
 
 constexpr uint32_t kEraseSize = 0x10000;
 
+// Whether these devices are made up. Real ones cannot be told to fail in every way.
+bool made_up();
+#define NEEDS_MADE_UP_DEVICES()                                                                    \
+    if (!devices::made_up())                                                                       \
+    GTEST_SKIP() << "a real device cannot be told to behave like this"
+
 // The partitions that flash_attach() makes: "config" (512 KiB), "factory" (64 KiB, refuses to be
 // opened for writing), "crash" (64 KiB), "rootfs" and "rootfs_data" (1 MiB each), all erased.
 void flash_attach();
@@ -24,13 +30,18 @@ void flash_fill(const std::string &name, uint8_t value);
 // Counts since flash_attach().
 unsigned erase_requests();
 unsigned system_calls_on_flash(); // reads and writes on the devices
+// The flags of every opening of a flash device, in order.
+const std::vector<int> &open_flags();
 
 // From now on: the next `count` erase requests fail; reading or writing stops `bytes` into the
-// transfer; asking for the geometry fails; seeking fails; the erase size is reported as `size`.
+// transfer; asking for the geometry fails; seeking fails; closing is reported as failed; the
+// partition's or the erase size is reported as `size`.
 void fail_erases(unsigned count);
 void stop_transfers_after(uint64_t bytes);
 void fail_geometry();
 void fail_seeks();
+void fail_closes();
+void report_size(uint32_t size);
 void report_erase_size(uint32_t size);
 
 // Refuses to open any flash device read-only (true) although it opens for writing.

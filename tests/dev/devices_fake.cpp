@@ -31,18 +31,25 @@ unsigned erases_to_fail;
 uint64_t transfer_room = UINT64_MAX;
 bool geometry_fails;
 bool seeks_fail;
+bool closes_fail;
+std::vector<int> opened;
+uint32_t reported_size; // 0: the true one
 bool reading_refused;
 unsigned writing_refused_at;
 uint32_t erase_size = devices::kEraseSize;
 bool odd_result;
 devices::DriverCall driver_call;
 
-template <typename Function> Function *real(const char *name)
+template <typename Function>
+Function *real(const char *name)
 {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
-std::string device_of(size_t index) { return "/dev/mtd" + std::to_string(index); }
+std::string device_of(size_t index)
+{
+    return "/dev/mtd" + std::to_string(index);
+}
 
 // The partition behind a descriptor, or -1.
 int partition_of(int fd)
@@ -69,7 +76,7 @@ int answer_geometry(int partition, mtd_info_user *info)
     }
     *info = {};
     info->type = MTD_NORFLASH;
-    info->size = kPartitions[partition].size;
+    info->size = reported_size != 0 ? reported_size : kPartitions[partition].size;
     info->erasesize = erase_size;
     info->writesize = 1;
     return 0;
@@ -130,7 +137,9 @@ ssize_t limited(size_t count)
 
 // ---- the libc calls that the library makes on the devices ----
 
-extern "C" int ioctl(int fd, unsigned long request, ...)
+// The C libraries do not agree on the type of the request, only on its name and its 32 bits here.
+extern "C" int faked_ioctl(int fd, unsigned long request, ...) __asm__("ioctl");
+extern "C" int faked_ioctl(int fd, unsigned long request, ...)
 {
     va_list args;
     va_start(args, request);
@@ -181,8 +190,19 @@ extern "C" int open(const char *path, int flags, ...)
             errno = EACCES;
             return -1;
         }
+        opened.push_back(flags);
     }
     return real<int(const char *, int, ...)>("open")(path, flags, mode);
+}
+
+extern "C" int close(int fd)
+{
+    bool fails = closes_fail && partition_of(fd) >= 0;
+    int result = real<int(int)>("close")(fd);
+    if (!fails)
+        return result;
+    errno = EIO;
+    return -1;
 }
 
 extern "C" off_t lseek(int fd, off_t offset, int whence)
@@ -200,6 +220,11 @@ extern "C" off_t lseek(int fd, off_t offset, int whence)
 
 namespace devices {
 
+bool made_up()
+{
+    return true;
+}
+
 void flash_attach()
 {
     std::string table = "dev:    size   erasesize  name\n";
@@ -216,6 +241,7 @@ void flash_attach()
     fclose(file);
     erases = 0;
     transfers = 0;
+    opened.clear();
 }
 
 static size_t index_of(const std::string &name)
@@ -245,15 +271,54 @@ void flash_fill(const std::string &name, uint8_t value)
     fclose(file);
 }
 
-unsigned erase_requests() { return erases; }
-unsigned system_calls_on_flash() { return transfers; }
-void fail_erases(unsigned count) { erases_to_fail = count; }
-void stop_transfers_after(uint64_t bytes) { transfer_room = bytes; }
-void fail_geometry() { geometry_fails = true; }
-void fail_seeks() { seeks_fail = true; }
-void report_erase_size(uint32_t size) { erase_size = size; }
-void refuse_reading(bool refuse) { reading_refused = refuse; }
-void refuse_writing_at(unsigned n) { writing_refused_at = n; }
+unsigned erase_requests()
+{
+    return erases;
+}
+unsigned system_calls_on_flash()
+{
+    return transfers;
+}
+const std::vector<int> &open_flags()
+{
+    return opened;
+}
+void fail_erases(unsigned count)
+{
+    erases_to_fail = count;
+}
+void stop_transfers_after(uint64_t bytes)
+{
+    transfer_room = bytes;
+}
+void fail_geometry()
+{
+    geometry_fails = true;
+}
+void fail_seeks()
+{
+    seeks_fail = true;
+}
+void fail_closes()
+{
+    closes_fail = true;
+}
+void report_size(uint32_t size)
+{
+    reported_size = size;
+}
+void report_erase_size(uint32_t size)
+{
+    erase_size = size;
+}
+void refuse_reading(bool refuse)
+{
+    reading_refused = refuse;
+}
+void refuse_writing_at(unsigned n)
+{
+    writing_refused_at = n;
+}
 
 void driver_load()
 {
@@ -261,7 +326,13 @@ void driver_load()
     fclose(file);
 }
 
-void driver_odd_result(bool odd) { odd_result = odd; }
-const DriverCall &last_driver_call() { return driver_call; }
+void driver_odd_result(bool odd)
+{
+    odd_result = odd;
+}
+const DriverCall &last_driver_call()
+{
+    return driver_call;
+}
 
 } // namespace devices

@@ -5,14 +5,13 @@
 #include <bv/mtd.h>
 #include <bv/os.h>
 
+#include "support/process.h"
+
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <numeric>
 
 namespace {
 
@@ -20,16 +19,6 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr uint32_t kConfigSize = 0x80000;
 constexpr uint32_t kBlock = devices::kEraseSize;
-
-size_t open_descriptors()
-{
-    size_t count = 0;
-    DIR *dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr)
-        count++;
-    closedir(dir);
-    return count;
-}
 
 // Each test has the five partitions, and leaves no descriptor open.
 class Flash : public testing::Test {
@@ -41,7 +30,7 @@ protected:
     }
     void TearDown() override { EXPECT_EQ(open_descriptors(), descriptors_); }
 
-    size_t descriptors_ = 0;
+    std::vector<int> descriptors_;
 };
 
 Bytes pattern(size_t size)
@@ -93,6 +82,7 @@ TEST_F(Flash, ANameInSeveralLinesOrNoneFindsNothing)
 
 TEST_F(Flash, APathThatExceedsItsSixteenBytesIsEmptied)
 {
+    NEEDS_MADE_UP_DEVICES();
     FILE *file = fopen("/tmp/proc-mtd", "a");
     fputs("mtd0123456789: 00001000 00001000 \"far\"\n", file); // "/dev/mtd0123456789" is too long
     fclose(file);
@@ -156,6 +146,34 @@ TEST_F(Flash, TransfersMoveAtMost8192BytesASystemCall)
     EXPECT_EQ(devices::erase_requests(), 0u); // writing erases nothing
 }
 
+TEST_F(Flash, AChunkIsExactly8192Bytes)
+{
+    Bytes data = pattern(8193);
+    ASSERT_EQ(bv_mtd_write("config", data.data(), 0, 8192), BV_OK);
+    EXPECT_EQ(devices::system_calls_on_flash(), 1u);
+    ASSERT_EQ(bv_mtd_write("config", data.data(), 0, 8193), BV_OK);
+    EXPECT_EQ(devices::system_calls_on_flash(), 3u);
+    ASSERT_EQ(bv_mtd_read("config", data.data(), 0, 8192), BV_OK);
+    EXPECT_EQ(devices::system_calls_on_flash(), 4u);
+    ASSERT_EQ(bv_mtd_read("config", data.data(), 0, 8193), BV_OK);
+    EXPECT_EQ(devices::system_calls_on_flash(), 6u);
+}
+
+TEST_F(Flash, IsWrittenAndErasedSynchronously)
+{
+    NEEDS_MADE_UP_DEVICES();
+    uint8_t byte = 0;
+    ASSERT_EQ(bv_mtd_write("config", &byte, 0, 1), BV_OK);
+    EXPECT_EQ(devices::open_flags(), (std::vector<int>{O_RDWR | O_SYNC, O_RDWR | O_SYNC}));
+    devices::flash_attach();
+    ASSERT_EQ(bv_mtd_read("config", &byte, 0, 1), BV_OK);
+    EXPECT_EQ(devices::open_flags(), (std::vector<int>{O_RDWR | O_SYNC, O_RDONLY}));
+    devices::flash_attach();
+    ASSERT_EQ(bv_mtd_erase("config", 0, kBlock), BV_OK); // with a look at the block in between
+    EXPECT_EQ(devices::open_flags(),
+              (std::vector<int>{O_RDWR | O_SYNC, O_RDWR | O_SYNC, O_RDWR | O_SYNC, O_RDONLY}));
+}
+
 TEST_F(Flash, ARangeMayEndExactlyAtTheEndButNotOnePast)
 {
     devices::flash_fill("config", 0x5a);
@@ -180,6 +198,18 @@ TEST_F(Flash, ARangeWhoseEndDoesNotFit32BitsIsBeyondTheEnd)
     EXPECT_EQ(bv_mtd_erase("config", 0xffffffff, 3), BV_ERR_RANGE);
 }
 
+TEST_F(Flash, AnOffsetFrom2GiBOnCannotBeReached)
+{
+    NEEDS_MADE_UP_DEVICES();
+    uint8_t byte = 0;
+    devices::report_size(0xffffffff);
+    for (uint32_t offset : {0x80000000u, 0xfffffffeu}) {
+        EXPECT_EQ(bv_mtd_read("config", &byte, offset, 1), BV_ERR_FAILED) << offset;
+        EXPECT_EQ(bv_mtd_write("config", &byte, offset, 1), BV_ERR_FAILED) << offset;
+    }
+    EXPECT_EQ(devices::system_calls_on_flash(), 0u);
+}
+
 TEST_F(Flash, APartitionThatRefusesWritingCannotEvenBeAskedOrRead)
 {
     mtd_info_user info = {};
@@ -192,16 +222,32 @@ TEST_F(Flash, APartitionThatRefusesWritingCannotEvenBeAskedOrRead)
 
 TEST_F(Flash, ADeviceWithoutAGeometryIsAFailure)
 {
+    NEEDS_MADE_UP_DEVICES();
     devices::fail_geometry();
     mtd_info_user info = {};
     uint8_t byte = 0;
     EXPECT_EQ(bv_mtd_get_info("config", &info), BV_ERR_FAILED);
     EXPECT_EQ(bv_mtd_read("config", &byte, 0, 1), BV_ERR_FAILED);
+    EXPECT_EQ(bv_mtd_write("config", &byte, 0, 1), BV_ERR_FAILED);
     EXPECT_EQ(bv_mtd_erase("config", 0, kBlock), BV_ERR_FAILED);
+}
+
+TEST_F(Flash, OnlyAnEraseReportsADeviceThatDoesNotCloseCleanly)
+{
+    NEEDS_MADE_UP_DEVICES();
+    devices::fail_closes();
+    mtd_info_user info = {};
+    uint8_t byte = 0;
+    EXPECT_EQ(bv_mtd_get_info("config", &info), BV_OK);
+    EXPECT_EQ(bv_mtd_write("config", &byte, 0, 1), BV_OK);
+    EXPECT_EQ(bv_mtd_read("config", &byte, 0, 1), BV_OK);
+    EXPECT_EQ(bv_mtd_erase("config", 0, kBlock), BV_ERR_FAILED);
+    EXPECT_EQ(devices::flash_contents("config")[0], 0xff); // erased all the same
 }
 
 TEST_F(Flash, ADeviceThatCannotBeOpenedAfterTheQueryHasItsOwnCode)
 {
+    NEEDS_MADE_UP_DEVICES();
     uint8_t byte = 0;
     devices::refuse_reading(true);
     EXPECT_EQ(bv_mtd_read("config", &byte, 0, 1), BV_ERR_OPEN);
@@ -213,6 +259,7 @@ TEST_F(Flash, ADeviceThatCannotBeOpenedAfterTheQueryHasItsOwnCode)
 
 TEST_F(Flash, ADeviceThatCannotSeekIsAFailure)
 {
+    NEEDS_MADE_UP_DEVICES();
     uint8_t byte = 0;
     devices::fail_seeks();
     EXPECT_EQ(bv_mtd_read("config", &byte, 8, 1), BV_ERR_FAILED);
@@ -251,6 +298,7 @@ TEST_F(Flash, EraseSetsTheBlocksOfTheRangeAndNoOthers)
     std::fill(want.begin() + kBlock, want.begin() + 3 * kBlock, 0xff);
     EXPECT_EQ(devices::flash_contents("config"), want);
     EXPECT_EQ(devices::erase_requests(), 2u);
+    EXPECT_EQ(devices::system_calls_on_flash(), 2u * kBlock / 8192); // one look at each block
 }
 
 TEST_F(Flash, ABlockThatIsBlankIsNotErasedAgain)
@@ -276,8 +324,18 @@ TEST_F(Flash, AFailedEraseUsesUpTheRoundOfALaterBlock)
     EXPECT_EQ(devices::flash_contents("config"), want);
 }
 
+TEST_F(Flash, ABlockThatNeverErasesUsesUpAllRoundsAndIsNotReported)
+{
+    devices::flash_fill("config", 0);
+    devices::fail_erases(3);
+    EXPECT_EQ(bv_mtd_erase("config", 0, 3 * kBlock), BV_OK);
+    EXPECT_EQ(devices::erase_requests(), 3u);
+    EXPECT_EQ(devices::flash_contents("config"), Bytes(kConfigSize, 0));
+}
+
 TEST_F(Flash, ABlockThatCannotBeReadIsErasedAllTheSame)
 {
+    NEEDS_MADE_UP_DEVICES();
     devices::refuse_reading(true);
     ASSERT_EQ(bv_mtd_erase("config", 0, 2 * kBlock), BV_OK);
     EXPECT_EQ(devices::erase_requests(), 2u);

@@ -16,7 +16,9 @@ namespace {
 void install_script(int status)
 {
     FILE *file = fopen("/etc/sftp.sh", "w");
-    fprintf(file, "#!/bin/sh\n: > /tmp/arguments\nfor a in \"$@\"; do echo \"$a\" >> /tmp/arguments; done\nexit %d\n",
+    fprintf(file,
+            "#!/bin/sh\n: > /tmp/arguments\nfor a in \"$@\"; do echo \"$a\" >> /tmp/arguments; "
+            "done\nexit %d\n",
             status);
     fclose(file);
     chmod("/etc/sftp.sh", 0755);
@@ -51,7 +53,8 @@ TEST(Sftp, GetNamesTheRemoteFileFirst)
     install_script(0);
     bv_sftp_info info = transfer();
     EXPECT_EQ(bv_sftp_get(&info), 0);
-    EXPECT_EQ(arguments(), "-p\nsecret\n-cmd\nget /srv/there.bin /tmp/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
+    EXPECT_EQ(arguments(),
+              "-p\nsecret\n-cmd\nget /srv/there.bin /tmp/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
 }
 
 TEST(Sftp, PutNamesTheLocalFileFirst)
@@ -59,7 +62,8 @@ TEST(Sftp, PutNamesTheLocalFileFirst)
     install_script(0);
     bv_sftp_info info = transfer();
     EXPECT_EQ(bv_sftp_put(&info), 0);
-    EXPECT_EQ(arguments(), "-p\nsecret\n-cmd\nput /tmp/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
+    EXPECT_EQ(arguments(),
+              "-p\nsecret\n-cmd\nput /tmp/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
 }
 
 TEST(Sftp, TheScriptsStatusIsPassedThrough)

@@ -12,7 +12,8 @@
 
 namespace bv {
 
-template <typename T> inline T checked_add(T a, std::common_type_t<T> b)
+template <typename T>
+inline T checked_add(T a, std::common_type_t<T> b)
 {
     T sum;
     if (__builtin_add_overflow(a, b, &sum))
@@ -20,7 +21,8 @@ template <typename T> inline T checked_add(T a, std::common_type_t<T> b)
     return sum;
 }
 
-template <typename T> inline T checked_sub(T a, std::common_type_t<T> b)
+template <typename T>
+inline T checked_sub(T a, std::common_type_t<T> b)
 {
     T difference;
     if (__builtin_sub_overflow(a, b, &difference))
@@ -28,7 +30,8 @@ template <typename T> inline T checked_sub(T a, std::common_type_t<T> b)
     return difference;
 }
 
-template <typename T> inline T checked_mul(T a, std::common_type_t<T> b)
+template <typename T>
+inline T checked_mul(T a, std::common_type_t<T> b)
 {
     T product;
     if (__builtin_mul_overflow(a, b, &product))

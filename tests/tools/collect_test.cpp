@@ -1,0 +1,269 @@
+// bv-collect with datagrams of the library itself, over loopback.
+
+#include "support/files.h"
+#include "support/process.h"
+#include "tools/program.h"
+
+#include <bv/debug.h>
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <netinet/in.h>
+#include <regex>
+#include <sys/socket.h>
+
+namespace {
+
+// A collector on a port of its own, listening when the constructor returns; debug messages of
+// this process go there.
+class Collector {
+public:
+    explicit Collector(std::vector<std::string> options = {})
+    {
+        std::vector<std::string> arguments = {BV_TOOL, "-a", "127.0.0.1", "-p", "0"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        program_ = new Program(arguments);
+
+        const std::string ready = "listening on 127.0.0.1:";
+        EXPECT_TRUE(eventually([&] { return errors().find('\n') != std::string::npos; }));
+        size_t at = errors().find(ready);
+        EXPECT_NE(at, std::string::npos) << errors();
+        if (at != std::string::npos)
+            port_ = static_cast<uint16_t>(atoi(errors().c_str() + at + ready.size()));
+
+        bv_debug_init();
+        bv_debug_cfg destination = {htonl(INADDR_LOOPBACK), port_, 0};
+        bv_debug_set_cfg(&destination);
+        for (uint32_t level = 0; level < 8; ++level)
+            bv_debug_set_switch(0, level, 1);
+    }
+    ~Collector() { delete program_; }
+
+    std::string output() const { return program_->output(); }
+    std::string errors() const { return program_->errors(); }
+
+    // Sends bytes that the library would not.
+    void send(const std::string &bytes) const
+    {
+        sockaddr_in to = {};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(port_);
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+        close(fd);
+    }
+
+    // Waits until so many lines are there and gives them without what differs from run to run.
+    std::vector<std::string> lines(size_t count) const
+    {
+        eventually([&] { return split(output()).size() >= count; });
+        return split(output());
+    }
+
+    int end(int number = SIGTERM)
+    {
+        program_->signal(number);
+        return program_->wait();
+    }
+    int wait() { return program_->wait(); }
+
+    static std::vector<std::string> split(const std::string &text)
+    {
+        static const std::regex origin("^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"
+                                       "\\.[0-9]{6} 127\\.0\\.0\\.1:[0-9]+ ");
+        std::vector<std::string> all;
+        for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
+            std::string line = text.substr(at, end - at);
+            EXPECT_TRUE(std::regex_search(line, origin)) << line;
+            all.push_back(std::regex_replace(line, origin, ""));
+        }
+        return all;
+    }
+
+private:
+    Program *program_;
+    uint16_t port_ = 0;
+};
+
+using Lines = std::vector<std::string>;
+
+TEST(Collect, PrintsEveryPartOfAMessage)
+{
+    Collector collector;
+    bv_debug_remote(0x25, 0x1234, 2, 3, "abc");
+    EXPECT_EQ(collector.lines(1), (Lines{"category=5 module=2 level=3 tag=0x1234 abc"}));
+
+    bv_debug_set_switch(9, 7, 1);
+    bv_debug_remote(31, 0xffff, 9, 7, "%s %d", "link", 7);
+    EXPECT_EQ(collector.lines(2).back(), "category=31 module=9 level=7 tag=0xffff link 7");
+}
+
+TEST(Collect, PrintsTheTimeOfThisMachine)
+{
+    Collector collector;
+    char before[32], after[32];
+    time_t now = time(nullptr);
+    strftime(before, sizeof before, "%Y-%m-%d %H:%M:%S", localtime(&now));
+    bv_debug_remote(1, 1, 1, 1, "now");
+    collector.lines(1);
+    now = time(nullptr);
+    strftime(after, sizeof after, "%Y-%m-%d %H:%M:%S.", localtime(&now));
+    EXPECT_GE(collector.output().substr(0, 19), before);
+    EXPECT_LE(collector.output().substr(0, 19), after);
+}
+
+TEST(Collect, MakesControlCharactersVisible)
+{
+    Collector collector;
+    bv_debug_remote(1, 0, 1, 1, "%s", "a\nb\tc\r\x1b[2J\x7f\\");
+    bv_debug_remote(1, 0, 1, 1, "%s", "caf\xc3\xa9 \xe7\xbd\x91\xe5\x85\xb3 \xf0\x9f\x93\xb6");
+    bv_debug_remote(1, 0, 1, 1, "%s", "\xc2\x9b[2J \xff \xc3 \xe7\xbd \xc0\x8a \xed\xa0\x80.");
+    Lines lines = collector.lines(3);
+    ASSERT_EQ(lines.size(), 3u);
+    const std::string head = "category=1 module=1 level=1 tag=0x0000 ";
+    EXPECT_EQ(lines[0], head + R"(a\nb\tc\r\x1b[2J\x7f\\)");
+    EXPECT_EQ(lines[1], head + "caf\xc3\xa9 \xe7\xbd\x91\xe5\x85\xb3 \xf0\x9f\x93\xb6");
+    EXPECT_EQ(lines[2], head + R"(\xc2\x9b[2J \xff \xc3 \xe7\xbd \xc0\x8a \xed\xa0\x80.)");
+}
+
+TEST(Collect, FiltersByModuleAndLevel)
+{
+    Collector collector({"--module", "0,2-4", "-m", "8", "--level=5-7,1"});
+    for (uint32_t module = 0; module < 10; ++module)
+        for (uint32_t level = 0; level < 8; ++level)
+            bv_debug_remote(1, 0, module, level, "%u.%u", module, level);
+    Lines expected;
+    for (uint32_t module : {0, 2, 3, 4, 8})
+        for (uint32_t level : {1, 5, 6, 7}) {
+            std::string m = std::to_string(module), l = std::to_string(level);
+            expected.push_back("category=1 module=" + m + " level=" + l + " tag=0x0000 " + m + "." +
+                               l);
+        }
+    EXPECT_EQ(collector.lines(expected.size()), expected);
+    EXPECT_EQ(collector.end(), 0);
+    EXPECT_NE(collector.errors().find("80 datagrams, 20 selected, 0 malformed\n"),
+              std::string::npos)
+        << collector.errors();
+}
+
+TEST(Collect, SaysWhatIsWrongWithAMalformedDatagramAndCountsIt)
+{
+    Collector collector;
+    using namespace std::string_literals;
+    collector.send("");
+    collector.send("\5\3\0\2\0\x09\x12\x34\0"s);
+    collector.send("\x25\3\0\2\0\x0a\x12\x34\0\4"s);
+    collector.send("\5\3\0\2\0\x0b\x12\x34\0\4"s);
+    collector.send("\5\3\0\2\0\x0b\x12\x34\0\4x"s);
+    collector.send("\5\3\0\2\0\x0b\x12\x34\0\5x"s);
+    EXPECT_EQ(collector.lines(6),
+              (Lines{"malformed: 0 bytes, shorter than its head",
+                     "malformed: 9 bytes, shorter than its head",
+                     "malformed: 10 bytes, a category above 31",
+                     "malformed: 10 bytes, a total length other than its size",
+                     "malformed: 11 bytes, an element length that does not fit its size",
+                     "category=5 module=2 level=3 tag=0x1234 x"}));
+    EXPECT_EQ(collector.end(), 0);
+    EXPECT_NE(collector.errors().find("6 datagrams, 1 selected, 5 malformed\n"), std::string::npos);
+}
+
+TEST(Collect, CountsMalformedDatagramsBehindAFilterWithoutALine)
+{
+    Collector collector({"-m", "2"});
+    collector.send("garbage");
+    collector.send(std::string("\5\3\0\2\0\x0b\x12\x34\0\5x", 11));
+    EXPECT_EQ(collector.lines(1), (Lines{"category=5 module=2 level=3 tag=0x1234 x"}));
+    EXPECT_EQ(collector.end(), 0);
+    EXPECT_NE(collector.errors().find("2 datagrams, 1 selected, 1 malformed\n"), std::string::npos);
+}
+
+TEST(Collect, TakesTheLargestDatagram)
+{
+    Collector collector;
+    const std::string text(65507 - 10, 'x');
+    const bv_debug_header header = {0, 1, 2, 3, 0, 4, 0};
+    ASSERT_EQ(bv_debug_sendmsg(&header, text.data(), static_cast<uint16_t>(text.size())), 65507);
+    EXPECT_EQ(collector.lines(1), (Lines{"category=3 module=2 level=1 tag=0x0004 " + text}));
+}
+
+TEST(Collect, EndsCleanlyBySignal)
+{
+    for (int number : {SIGINT, SIGTERM}) {
+        Collector collector;
+        bv_debug_remote(1, 0, 1, 1, "one");
+        collector.lines(1);
+        EXPECT_EQ(collector.end(number), 0);
+        EXPECT_NE(collector.errors().find("1 datagrams, 1 selected, 0 malformed\n"),
+                  std::string::npos);
+    }
+}
+
+TEST(Collect, EndsAfterACountOfDatagrams)
+{
+    Collector collector({"--count=2"});
+    for (int i = 0; i < 3; ++i)
+        bv_debug_remote(1, 0, 1, 1, "%d", i);
+    EXPECT_EQ(collector.wait(), 0);
+    EXPECT_EQ(collector.lines(2).size(), 2u);
+}
+
+TEST(Collect, SaysWhyItCannotListen)
+{
+    Collector first;
+    std::string port = first.errors().substr(first.errors().rfind(':') + 1);
+    port.pop_back();
+    Outcome second = run_tool({"-a", "127.0.0.1", "-p", port});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.errors, "bv-collect: cannot listen: Address already in use\n");
+}
+
+TEST(Collect, ListensOnPort5344UnlessToldOtherwise)
+{
+    Program program({BV_TOOL});
+    EXPECT_TRUE(eventually([&] { return !program.errors().empty(); }));
+    EXPECT_EQ(program.errors(), "bv-collect: listening on 0.0.0.0:5344\n");
+}
+
+TEST(Collect, PrintsItsHelpOnStandardOutput)
+{
+    Outcome help = run_tool({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.output.rfind("usage: bv-collect", 0), 0u);
+    EXPECT_EQ(help.errors, "");
+}
+
+TEST(Collect, RefusesWhatItDoesNotUnderstand)
+{
+    const std::vector<std::vector<std::string>> wrong = {
+        {"-p", "65536"},
+        {"-p", ""},
+        {"-p", "1x"},
+        {"-p", "-1"},
+        {"-a", "host"},
+        {"-m", ""},
+        {"-m", "1,"},
+        {"-m", "4-2"},
+        {"-m", "1-"},
+        {"-m", "65536"},
+        {"-l", "256"},
+        {"-l", "1 2"},
+        {"-c", "0"},
+        {"-c", "x"},
+        {"--nonsense"},
+        {"argument"},
+        {"-w"},
+        {"-r", "a", "-w", "b"},
+        {"-m", "1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1"}};
+    for (const auto &arguments : wrong) {
+        SCOPED_TRACE(arguments[0] + " " + (arguments.size() > 1 ? arguments[1] : ""));
+        Outcome outcome = run_tool(arguments);
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_NE(outcome.errors.find("--help"), std::string::npos);
+    }
+}
+
+} // namespace

@@ -1,0 +1,51 @@
+// What Wireshark makes of a capture of bv-collect with the dissector that comes with it.
+
+#include "tools/capture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Wireshark, DissectsACapture)
+{
+    uint16_t port;
+    capture({"-w", kFile, "-c", "3"}, port, send_three);
+    write_file("/tmp/bad.pcap",
+               file_head(0xa1b2c3d4, 228) + record(packet()) + record(packet("garbage")));
+    const std::string script = BV_TEST_SOURCE_DIR "/../tools/collect/brovan-debug.lua";
+
+    Outcome own = run({BV_TSHARK,
+                       "-X",
+                       "lua_script:" + script,
+                       "-o",
+                       "brovan_debug.port:" + std::to_string(port),
+                       "-r",
+                       kFile,
+                       "-o",
+                       "udp.check_checksum:TRUE",
+                       "-o",
+                       "ip.check_checksum:TRUE",
+                       "-T",
+                       "fields",
+                       "-e",
+                       "ip.checksum.status",
+                       "-e",
+                       "udp.checksum.status",
+                       "-e",
+                       "brovan_debug.module",
+                       "-e",
+                       "brovan_debug.level",
+                       "-e",
+                       "brovan_debug.tag",
+                       "-e",
+                       "brovan_debug.text"});
+    EXPECT_EQ(own.output, "1\t1\t2\t3\t0x1234\tabc\n1\t1\t4\t6\t0x1234\todd length!\n"
+                          "1\t1\t2\t7\t0x1234\t\n")
+        << own.errors;
+
+    Outcome bad = run({BV_TSHARK, "-X", "lua_script:" + script, "-r", "/tmp/bad.pcap", "-T",
+                       "fields", "-e", "frame.number", "-Y", "brovan_debug.malformed"});
+    EXPECT_EQ(bad.output, "2\n") << bad.errors;
+}
+
+} // namespace

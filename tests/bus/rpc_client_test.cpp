@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <random>
 
 using wire::Bytes;
 using wire::Message;
@@ -206,6 +207,31 @@ TEST(RpcClient, AReplyLackingAFieldLeavesTheBufferAlone)
         EXPECT_EQ(client.call(), 0x10000010u);
         EXPECT_EQ(client.buffer, kCallerBytes);
     }
+}
+
+// Whatever the reply, only the caller's bytes are written, and the next call works. The sanitizers
+// see to the rest.
+TEST(RpcClient, DamagedRepliesEndTheirCallOnly)
+{
+    std::mt19937 random(20261120);
+    std::vector<Replier> repliers;
+    for (int i = 0; i < 1500; i++) {
+        Bytes fields = wire::reply(7, 40, Bytes(40, 0x11));
+        for (unsigned damage = random() % 4 + 1; damage > 0; damage--)
+            fields[random() % fields.size()] = static_cast<uint8_t>(random());
+        if (random() % 4 == 0)
+            fields.resize(random() % fields.size());
+        repliers.push_back(reply_with(fields));
+    }
+    repliers.push_back(reply_with(wire::reply(7, 6, Bytes(6, 9))));
+    Client client(repliers);
+    for (int i = 0; i < 1500; i++) {
+        Bytes guarded(12, 0x77);
+        bv_ubus_client_call("get", guarded.data(), 6);
+        ASSERT_EQ(Bytes(guarded.begin() + 6, guarded.end()), Bytes(6, 0x77));
+    }
+    EXPECT_EQ(client.call(), 7u);
+    EXPECT_EQ(client.buffer, Bytes(6, 9));
 }
 
 TEST(RpcClient, DataOfAnyTypeIsTakenAsBytes)

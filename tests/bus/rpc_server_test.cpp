@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <random>
 
 using wire::Bytes;
 using wire::Message;
@@ -293,6 +294,26 @@ TEST(RpcServer, MalformedFieldsAreRefused)
     }
 }
 
+// Whatever arrives, the owner answers it and goes on. The sanitizers see to the rest.
+TEST(RpcServer, DamagedRequestsAreAnsweredToo)
+{
+    std::mt19937 random(20261120);
+    Requests requests;
+    for (int i = 0; i < 1500; i++) {
+        Bytes fields = wire::request("add_one", 40, Bytes(40, 0x11));
+        for (unsigned damage = random() % 4 + 1; damage > 0; damage--)
+            fields[random() % fields.size()] = static_cast<uint8_t>(random());
+        if (random() % 4 == 0)
+            fields.resize(random() % fields.size());
+        requests.push_back(fields);
+    }
+    requests.push_back(wire::request("keep", 3, kThreeBytes));
+    const std::vector<Answer> answers = serve(requests);
+    for (const Answer &answer : answers)
+        EXPECT_EQ(answer.statuses.size(), 2u);
+    expect_reply(answers.back(), wire::reply(0, 3, kThreeBytes));
+}
+
 TEST(RpcServer, AMalformedFieldBehindGoodOnesDoesNoHarm)
 {
     const Answer answer =
@@ -415,6 +436,19 @@ TEST(RpcServer, AnUnknownNameIsRefused)
     for (const char *name : {"nobody", "", "kee", "keep2", "KEEP", " keep", "keep "}) {
         SCOPED_TRACE(name);
         expect_refused(wire::request(name, 3, kThreeBytes));
+    }
+}
+
+TEST(RpcServer, AnUnknownNameIsRefusedAlsoBehindAKnownOne)
+{
+    const Bytes known = wire::request("keep", 3, kThreeBytes);
+    for (const std::string &name : {std::string(), std::string("nobody"), std::string(300, 'n')}) {
+        SCOPED_TRACE(name);
+        const std::vector<Answer> answers =
+            serve({known, wire::request(name, 3, kThreeBytes), known});
+        expect_reply(answers[0], wire::reply(0, 3, kThreeBytes));
+        EXPECT_EQ(answers[1].statuses, (std::vector<uint32_t>{2, 0}));
+        expect_reply(answers[2], wire::reply(0, 3, kThreeBytes));
     }
 }
 

@@ -37,13 +37,14 @@ struct Boundary {
     bool socket_fails = false;
     uint32_t driver_port = 0; // where messages to port 0 go instead; 0: nowhere else
     sockaddr_nl sent_to = {};
+    unsigned sent = 0; // messages to anybody
     std::atomic<int> failing_receives{0};
     std::atomic<int> failed_receives{0};
 };
 Boundary &g_boundary = *new Boundary;
 
-// Guards what other threads write: g_boundary.sent_to and g_events. Neither it nor they are ever
-// destroyed, since those threads outlive main().
+// Guards what other threads write: g_boundary.sent and sent_to, g_events. Neither it nor they are
+// ever destroyed, since those threads outlive main().
 std::mutex &g_lock = *new std::mutex;
 
 int real_socket(int protocol)
@@ -102,6 +103,7 @@ extern "C" ssize_t redirected_sendmsg(int fd, const msghdr *message, int flags)
     {
         std::lock_guard<std::mutex> guard(g_lock);
         g_boundary.sent_to = to;
+        g_boundary.sent++;
     }
     if (g_boundary.driver_port == 0)
         return next(fd, message, flags);
@@ -375,6 +377,16 @@ TEST_F(NetlinkInit, RegistersItsPortIdWithOneMessageOf1040Bytes)
     EXPECT_EQ(g_boundary.sent_to.nl_family, AF_NETLINK);
     EXPECT_EQ(g_boundary.sent_to.nl_pid, 0u);
     EXPECT_EQ(g_boundary.sent_to.nl_groups, 0u);
+}
+
+TEST_F(Netlink, TheRegistrationIsTheOnlyMessageThatItEverSends)
+{
+    g_boundary.failing_receives = 5;
+    for (int i = 0; i < 10; i++)
+        peer.send(2, "x");
+    settle();
+    std::lock_guard<std::mutex> guard(g_lock);
+    EXPECT_EQ(g_boundary.sent, 1u);
 }
 
 TEST_F(Netlink, TheRealDriverLearnsThePortIdAndItsEventsArrive)

@@ -66,6 +66,36 @@ extern "C" int watched_sem_wait(sem_t *sem)
     return next(sem);
 }
 
+namespace {
+
+int g_semaphores; // made for the notifier
+int g_shared = -1;
+unsigned g_initial = ~0u;
+
+} // namespace
+
+extern "C" int watched_sem_init(sem_t *sem, int shared, unsigned value) __asm__("sem_init");
+extern "C" int watched_sem_init(sem_t *sem, int shared, unsigned value)
+{
+    static const auto next = next_function<int(sem_t *, int, unsigned)>("sem_init");
+    if (sem == &g_st_notifier_sem) {
+        g_semaphores++;
+        g_shared = shared;
+        g_initial = value;
+    }
+    return next(sem, shared, value);
+}
+
+TEST(NotifierFaults, TheSemaphoreIsPrivateToTheProcessAndStartsAtZero)
+{
+    fault_socket.fail_always();
+    ASSERT_EQ(bv_notifier_init(), 0);
+    ASSERT_EQ(bv_notifier_init(), 0); // another one would lose the posts of the first
+    EXPECT_EQ(g_semaphores, 1);
+    EXPECT_EQ(g_shared, 0);
+    EXPECT_EQ(g_initial, 0u);
+}
+
 TEST(NotifierFaults, InitIsFineWithoutTheDriver)
 {
     fault_socket.fail_always(EPROTONOSUPPORT);

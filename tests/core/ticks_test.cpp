@@ -3,11 +3,15 @@
 
 #include <bv/notifier.h>
 
+#include "support/process.h"
+
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/select.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -16,6 +20,7 @@ struct Recorded {
     bool any_set;
     timeval interval;
     int calls;
+    bool interrupted; // a signal ends the delay
 };
 Recorded *g_recorder;
 
@@ -68,6 +73,10 @@ extern "C" int select(int nfds, fd_set *in, fd_set *out, fd_set *other, timeval 
     g_recorder->nfds = nfds;
     g_recorder->any_set = in != nullptr || out != nullptr || other != nullptr;
     g_recorder->interval = *timeout;
+    if (g_recorder->interrupted) {
+        errno = EINTR;
+        return -1;
+    }
     return 0;
 }
 
@@ -88,6 +97,16 @@ TEST(TimerSet, AboveSeventyOneMinutesTheProductWrapsBeforeTheRemainder)
     expect_delay(4294967295u, 4294967, 966296); // 2^32 - 1000 mod 10^6
 }
 
+TEST(TimerSet, ASignalEndsTheDelayEarlyForGood)
+{
+    Recorded recorded = {};
+    recorded.interrupted = true;
+    g_recorder = &recorded;
+    bv_timer_set(1500);
+    g_recorder = nullptr;
+    EXPECT_EQ(recorded.calls, 1);
+}
+
 TEST(TimerSet, ZeroReturnsAtOnce)
 {
     bv_timer_set(0); // the real one: a wait without end would run into the time limit
@@ -102,10 +121,15 @@ TEST(TimerSet, ReallySleeps)
 
 TEST(TimeTick, AcceptsEverythingAndDoesNothing)
 {
+    const size_t threads = thread_count();
     EXPECT_EQ(bv_time_tick_init(), 0);
     bv_time_tick_reg(tick, 1);
     bv_time_tick_set(tick, 1);
     bv_time_tick_reg(nullptr, 0);
     bv_time_tick_set(nullptr, 0xffffffff);
     bv_timer_set(20); // time enough for a tick, if there were any
+    EXPECT_EQ(thread_count(), threads);
+    itimerval timer = {};
+    ASSERT_EQ(getitimer(ITIMER_REAL, &timer), 0);
+    EXPECT_FALSE(timerisset(&timer.it_value));
 }

@@ -21,6 +21,11 @@ struct Message {
 };
 
 static_assert(sizeof(void *) != 4 || sizeof(Message) == 12, "two links and the length");
+static_assert(offsetof(bv_queue, lock) == sizeof(bv_list_head) &&
+                  offsetof(bv_queue, count) == sizeof(bv_list_head) + sizeof(pthread_mutex_t) &&
+                  offsetof(bv_queue, max) == offsetof(bv_queue, count) + 4 &&
+                  offsetof(bv_queue, dropped) == offsetof(bv_queue, count) + 8,
+              "public record");
 
 Message *message_of(bv_list_head *link)
 {

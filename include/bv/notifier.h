@@ -92,11 +92,17 @@ BV_API int32_t bv_notifier_send(uint32_t type, const void *data, uint32_t length
 
 /**
  * Translates one driver message and posts it, as the receive thread does: see the table above.
- * Type 1 is ignored; any other type without an event type is printed on standard output.
+ * Type 1 is ignored; any other type without an event type is printed on standard output, as
+ *
+ *     [bv_notifier_kernel:0139]type(3)-len(5)-data(three)
+ *
+ * and a carriage return and line feed. A message that cannot be posted (no memory, or before
+ * bv_notifier_init()) is lost without notice.
  *
  * @param kernel_type  the driver's message type
- * @param data         the payload; printed as text up to its first zero byte
- * @param length       its size in bytes
+ * @param data         the payload; stays the caller's. It is copied as bv_notifier_send() does,
+ *                     or printed as text up to its first zero byte; null is an empty text then
+ * @param length       its size in bytes; no more is read
  *
  * Thread-safe.
  */
@@ -116,6 +122,8 @@ BV_API void bv_notifier_kernel(uint32_t kernel_type, void *data, uint32_t length
  * @retval BV_ERR_CHANNEL  the socket cannot be bound
  *
  * On failure no descriptor stays open, and a receive thread that runs already is not disturbed.
+ * A receive thread that finds no memory for its buffer ends and closes the socket; that is not
+ * reported. Thread-safe.
  */
 BV_API int32_t bv_netlink_init(void);
 

@@ -52,18 +52,27 @@ void put(Output &out, const char *text)
     out.length = length;
 }
 
+// The fixed texts between them: the size is known, so the compiler copies one in a few words.
+template <uint32_t Size>
+void put_literal(Output &out, const char (&text)[Size])
+{
+    if (kBufferSize - out.length < Size)
+        flush(out);
+    __builtin_memcpy(out.buffer + out.length, text, Size - 1);
+    out.length += Size - 1;
+}
+
 void put_parameters(Output &out, const bv_db_family &family)
 {
-    const char *before = "\t\t\t\t\"";
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
-        put(out, before);
+        if (i > 0)
+            put_literal(out, ",\n");
+        put_literal(out, "\t\t\t\t\"");
         put(out, family.para[i].name);
-        put(out, "\":\"");
+        put_literal(out, "\":\"");
         put(out, family.para[i].value);
-        before = "\",\n\t\t\t\t\"";
+        put_literal(out, "\"");
     }
-    if (family.para_count > 0 && family.para[0].valid != 0)
-        put(out, "\"");
 }
 
 // One instance, from the descriptors' values: its image goes through them.
@@ -73,11 +82,11 @@ void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32
 
     char text[12];
     bv::number_to_text(number, text);
-    put(out, "\t\t{\n\t\t\t\"inst\":\"");
+    put_literal(out, "\t\t{\n\t\t\t\"inst\":\"");
     put(out, text);
-    put(out, "\",\n\t\t\t\"para\":{\n");
+    put_literal(out, "\",\n\t\t\t\"para\":{\n");
     put_parameters(out, family);
-    put(out, "\n\t\t\t}\n\t\t}");
+    put_literal(out, "\n\t\t\t}\n\t\t}");
 }
 
 void put_instances(Output &out, bv_db_family &family)
@@ -88,7 +97,7 @@ void put_instances(Output &out, bv_db_family &family)
 
     for (bv_list_head *link = list.next; link != &list; link = link->next) {
         if (link != list.next)
-            put(out, ",\n");
+            put_literal(out, ",\n");
         put_instance(out, family, bv::instance(link)->image, bv::instance(link)->number);
     }
 }
@@ -98,13 +107,13 @@ void put_families(Output &out, bv_list_head &list)
     bool first = true;
     bv::for_each_family(list, [&](bv_db_family &family) {
         if (!first)
-            put(out, ",\n");
+            put_literal(out, ",\n");
         first = false;
-        put(out, "\t\"");
+        put_literal(out, "\t\"");
         put(out, family.name);
-        put(out, "\":[\n");
+        put_literal(out, "\":[\n");
         put_instances(out, family);
-        put(out, "\n\t]");
+        put_literal(out, "\n\t]");
     });
 }
 
@@ -138,9 +147,9 @@ int32_t bv_db_user_write(bv_list_head *list, const char *path)
     }
 
     Output out{stream, buffer, 0, false};
-    put(out, "{\n");
+    put_literal(out, "{\n");
     put_families(out, *list);
-    put(out, "\n}\n");
+    put_literal(out, "\n}\n");
     flush(out);
     bv_os_fclose(stream); // a full disk is not an error here: memory still has everything
     bv_os_free(buffer);

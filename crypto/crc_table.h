@@ -23,11 +23,12 @@ constexpr unsigned kCrcSlices = sizeof(void *) == 8 ? 16 : 8;
 // left meanwhile, so there two neighbouring stretches of this many bytes go hand in hand.
 constexpr size_t kCrcStretch = 256;
 constexpr bool kCrcPaired = sizeof(void *) == 8;
+constexpr unsigned kCrcSkipSize = kCrcPaired ? 256 : 1; // the gateway has no room for tables unused
 
 template <typename Word, unsigned Slices>
 struct CrcTables {
     Word entry[Slices][256];
-    Word skip[sizeof(Word)][256]; // byte j of a CRC, after kCrcStretch zero bytes
+    Word skip[sizeof(Word)][kCrcSkipSize]; // byte j of a CRC, after kCrcStretch zero bytes
 };
 
 template <typename Word, unsigned Slices>
@@ -52,7 +53,7 @@ constexpr CrcTables<Word, Slices> make_crc_tables()
             tables.entry[k][byte] = crc_byte(tables, tables.entry[k - 1][byte], 0);
     }
     for (unsigned j = 0; j < sizeof(Word); j++) {
-        for (unsigned byte = 1; byte < 256; byte++) {
+        for (unsigned byte = 1; byte < kCrcSkipSize; byte++) {
             // The sum of its lowest bit's entry and of the entry for the other bits.
             const unsigned others = byte & (byte - 1);
             Word crc = static_cast<Word>((byte ^ others) << (8 * j));

@@ -27,10 +27,12 @@ target_include_directories(bv
 # the C++ run-time library.
 target_compile_options(bv PRIVATE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
-  -fno-semantic-interposition)
+  -fno-semantic-interposition -fno-plt)
 # Calls between our own exported functions are bound here, at link time; libc's and the other
-# libraries' stay interposable. -z defs: an unresolved name (a stray C++ run-time call) is an error.
-target_link_options(bv PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,defs -Wl,-z,relro -Wl,--as-needed)
+# libraries' stay interposable. -z defs: an unresolved name (a stray C++ run-time call) is an
+# error. -z now: binding at a first call would spill registers, keys among them, on the stack.
+target_link_options(bv PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,defs -Wl,-z,relro -Wl,-z,now
+  -Wl,--as-needed)
 target_link_libraries(bv
   PUBLIC ubus::ubus ubox::ubox json-c::json-c
   PRIVATE boundscheck::boundscheck OpenSSL::Crypto Threads::Threads)

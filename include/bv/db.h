@@ -26,7 +26,8 @@
  * - The status is 0 for success. BV_ERR_MEMORY (memory short) leaves the database as it was, and
  *   so do all other failures unless the function says otherwise. Outputs stay untouched then.
  * - A null argument ends in a failure of the function, never in a fault: an unknown family for a
- *   name, an absent instance for a place to store a number, otherwise -1, unless stated.
+ *   name, an absent instance for a place to store a number, otherwise -1, unless stated. A null
+ *   image or buffer is a copy that fails.
  * - Instance numbers are compared as signed 32-bit numbers; unsigned arguments carry the same
  *   bits. Any 32-bit number may be an instance's.
  * - Names are compared in full up to 1023 characters. A longer one is not cut: it counts as the
@@ -324,8 +325,8 @@ BV_API int32_t bv_db_data_free(bv_db_family *family);
  *
  * @param name    the family
  * @param buf     its image
- * @param buflen  bytes in buf. Give the whole image: with more the new image is all zero and with
- *                less its rest is, and the result is 0 all the same.
+ * @param buflen  bytes in buf. Give the whole image: with more, or without buf, the new image is
+ *                all zero and with less its rest is, and the result is 0 all the same.
  * @param inst    its number
  *
  * @retval BV_OK             added behind the others
@@ -363,7 +364,7 @@ BV_API int32_t bv_db_inst_getnum(const char *name);
  * Reads an instance.
  *
  * @param name    the family
- * @param buf     room for the image
+ * @param buf     room for the image; null copies nothing
  * @param buflen  bytes in buf. Give at least the image size: with less all of buf is cleared and
  *                the result is 0 all the same. With more the rest of buf stays as it was.
  * @param inst    the number; 1 gives the template's defaults when there is no instance 1
@@ -404,8 +405,8 @@ BV_API int32_t bv_db_read_next(const char *name, void *buf, uint32_t buflen, uin
  * Overwrites an instance; it never makes one, not even instance 1.
  *
  * @param buf     the image
- * @param buflen  bytes in buf. Give the whole image: with more the image is all zero afterwards,
- *                with less its rest stays, and the result is 0 all the same.
+ * @param buflen  bytes in buf. Give the whole image: with more, or without buf, the image is all
+ *                zero afterwards, with less its rest stays, and the result is 0 all the same.
  *
  * @retval BV_OK               overwritten
  * @retval BV_ERR_NO_FAMILY    no such family

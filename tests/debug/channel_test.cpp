@@ -459,6 +459,16 @@ TEST_F(Channel, NoMemoryIsMinusOneAndNothingIsSent)
     EXPECT_EQ(collector_.datagrams(), none());
 }
 
+TEST_F(Channel, TheBlockIsGivenBack)
+{
+    if (!limit_memory(512 << 20))
+        GTEST_SKIP() << "the sanitiser finds leaks";
+    g_watch = true;
+    bv_debug_header header = {};
+    for (int i = 0; i < 10000; ++i) // 620 MiB in all
+        ASSERT_EQ(bv_debug_sendmsg(&header, nullptr, 65000), 65010) << i;
+}
+
 TEST_F(Channel, ANullHeaderSendsNothing)
 {
     EXPECT_EQ(bv_debug_sendmsg(nullptr, "x", 1), -1);

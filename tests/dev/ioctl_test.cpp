@@ -143,6 +143,16 @@ TEST_F(Driver, ARecordThatCannotBeAllocatedIsOutOfMemory)
     EXPECT_EQ(data[0], 9);
 }
 
+TEST_F(Driver, TheRecordIsGivenBackWhateverBecomesOfTheCall)
+{
+    if (!limit_memory(512 << 20))
+        GTEST_SKIP() << "the sanitiser finds leaks";
+    for (int i = 0; i < 450; ++i) { // 550 MiB of each
+        ASSERT_EQ(bv_ioctl_call("result5", nullptr, 1300000), 5u) << i;
+        ASSERT_EQ(bv_ioctl_call("reject", nullptr, 1300000), 0xffffffffu) << i;
+    }
+}
+
 TEST(DriverMissing, IsItsOwnCodeAndLeavesTheData)
 {
     uint8_t data[2] = {1, 2};

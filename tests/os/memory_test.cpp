@@ -3,11 +3,11 @@
 #include "support/capture.h"
 #include "support/fault_points.h"
 #include "support/faults.h"
+#include "support/process.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sys/resource.h>
 
 #include <securec.h>
 
@@ -117,11 +117,8 @@ TEST(Free, IgnoresNull)
 
 TEST(Free, GivesTheMemoryBack)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "a sanitiser needs all the address space, and finds leaks by itself";
-#endif
-    rlimit space = {512 << 20, 512 << 20};
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &space), 0);
+    if (!limit_memory(512 << 20))
+        GTEST_SKIP() << "the sanitiser finds leaks";
     for (int i = 0; i < 3000; ++i) { // 3.7 GiB in all
         void *block = bv_os_malloc(kLargest);
         ASSERT_NE(block, nullptr) << i;

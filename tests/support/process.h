@@ -1,5 +1,5 @@
-// What this process holds: descriptors, children, threads. And waiting for what another thread
-// or process does.
+// What this process holds: descriptors, children, threads, memory. And waiting for what another
+// thread or process does.
 #ifndef BV_TESTS_SUPPORT_PROCESS_H
 #define BV_TESTS_SUPPORT_PROCESS_H
 
@@ -9,6 +9,7 @@
 #include <cctype>
 #include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <unistd.h>
 #include <vector>
@@ -46,6 +47,20 @@ inline std::vector<pid_t> child_processes()
 inline size_t thread_count()
 {
     return list_folder("/proc/self/task").size();
+}
+
+// From now on this process gets no more than so much address space, so that memory which is not
+// given back soon runs out. False in a sanitised build: it needs all there is, and finds leaks by
+// itself.
+inline bool limit_memory(rlim_t bytes)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    (void)bytes;
+    return false;
+#else
+    rlimit space = {bytes, bytes};
+    return setrlimit(RLIMIT_AS, &space) == 0;
+#endif
 }
 
 // Waits until a condition holds, for timeout_ms at most. Generous: a loaded machine is slow, and

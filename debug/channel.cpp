@@ -70,7 +70,6 @@ __attribute__((noinline)) void send_formatted(bv_debug_header header, const char
 
 int32_t bv_debug_init(void)
 {
-    memset(&g_address, 0, sizeof g_address);
     g_destination = {kDefaultAddress, kDefaultPort, kDefaultSecondPort};
     g_socket = -1;
     reopen_socket();

@@ -63,7 +63,7 @@ TEST(Record, AFileThatCannotBeOpenedIsReported)
 TEST(Record, WithoutAFormatNothingIsWritten)
 {
     const char *volatile no_format = nullptr;
-    EXPECT_EQ(bv_os_record(no_format), -1);
+    EXPECT_EQ(bv_os_record(no_format, 1), -1);
     EXPECT_FALSE(file_exists(kRecord));
 }
 

@@ -41,6 +41,10 @@ public:
     Collector()
     {
         fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+        int room = 1 << 20; // or as much as the system allows
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        timeval lost = {10, 0}; // a test that lost a datagram fails, it does not hang
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &lost, sizeof lost);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -53,27 +53,47 @@ static bool is_published_parameter(const struct ubus_method *method, int index)
     return method->mask == 0 || (index < bits && (method->mask >> index & 1) != 0);
 }
 
-static void put_method(struct blob_buf *body, const struct ubus_method *method)
+// These are false when memory is short: a body with a part left out would mean something else.
+static bool put_method(struct blob_buf *body, const struct ubus_method *method)
 {
     void *table = blobmsg_open_table(body, method->name);
 
+    if (table == NULL)
+        return false;
     for (int i = 0; i < method->n_policy; i++) {
-        if (is_published_parameter(method, i))
-            blobmsg_add_u32(body, method->policy[i].name, (uint32_t)method->policy[i].type);
+        const struct blobmsg_policy *parameter = &method->policy[i];
+        if (is_published_parameter(method, i) &&
+            blobmsg_add_u32(body, parameter->name, (uint32_t)parameter->type) != 0)
+            return false;
     }
     blobmsg_close_table(body, table);
+    return true;
 }
 
-static void put_type(struct blob_buf *body, const struct ubus_object_type *type)
+static bool put_type(struct blob_buf *body, const struct ubus_object_type *type)
 {
-    if (type->id != 0) {
-        blob_put_u32(body, UBUS_ATTR_OBJTYPE, type->id);
-        return;
-    }
+    if (type->id != 0)
+        return blob_put_u32(body, UBUS_ATTR_OBJTYPE, type->id) != NULL;
+
     void *signature = blob_nest_start(body, UBUS_ATTR_SIGNATURE);
-    for (int i = 0; i < type->n_methods; i++)
-        put_method(body, &type->methods[i]);
+    if (signature == NULL)
+        return false;
+    for (int i = 0; i < type->n_methods; i++) {
+        if (!put_method(body, &type->methods[i]))
+            return false;
+    }
     blob_nest_end(body, signature);
+    return true;
+}
+
+static bool put_object(struct blob_buf *body, const struct ubus_object *object)
+{
+    if (blob_buf_init(body, 0) != 0)
+        return false;
+    if (object->name == NULL || object->type == NULL)
+        return true;
+    return blob_put_string(body, UBUS_ATTR_OBJPATH, object->name) != NULL &&
+           put_type(body, object->type);
 }
 
 struct added {
@@ -97,16 +117,11 @@ static void added(struct ubus_request *request, int type, struct blob_attr *body
 
 static int publish(struct connection *connection, struct ubus_object *object)
 {
-    struct blob_buf *body = &connection->body;
     struct added result = {0, 0};
     struct ubus_request request = {.raw_data_cb = added, .priv = &result};
 
-    if (blob_buf_init(body, 0) != 0)
+    if (!put_object(&connection->body, object))
         return UBUS_STATUS_NO_MEMORY;
-    if (object->name != NULL && object->type != NULL) {
-        blob_put_string(body, UBUS_ATTR_OBJPATH, object->name);
-        put_type(body, object->type);
-    }
     int status = request_body(connection, &request, UBUS_MSG_ADD_OBJECT);
     if (status != UBUS_STATUS_OK)
         return status;
@@ -223,8 +238,8 @@ static int look_up(struct connection *connection, const char *path, struct ubus_
 {
     if (blob_buf_init(&connection->body, 0) != 0)
         return UBUS_STATUS_NO_MEMORY;
-    if (path != NULL)
-        blob_put_string(&connection->body, UBUS_ATTR_OBJPATH, path);
+    if (path != NULL && blob_put_string(&connection->body, UBUS_ATTR_OBJPATH, path) == NULL)
+        return UBUS_STATUS_NO_MEMORY;
     return request_body(connection, request, UBUS_MSG_LOOKUP);
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_bus.h"
+#include "support/faults.h"
 
 using namespace wire;
 
@@ -378,6 +379,34 @@ TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
     EXPECT_EQ(
         bus.read().bytes,
         message(kAddObject, 1, 0, attr(kAttrPath, text("two")) + attr(kAttrType, u32(0x4321))));
+}
+
+// A look-up without its path asks for everything, and an object without its name is hidden: neither
+// goes out because memory was short.
+TEST_F(Request, WhatDoesNotFitIntoMemoryIsNotSentInPart)
+{
+    static const struct blobmsg_policy policy[] = {{"parameter", BLOBMSG_TYPE_STRING}};
+    static const struct ubus_method methods[] = {UBUS_METHOD("method", nothing, policy)};
+    struct ubus_object_type type = UBUS_OBJECT_TYPE("type", methods);
+    struct ubus_object object = {};
+    EXPECT_EQ(bus.publish(ctx, &object, 1, kObject), 0);
+    object.type = &type;
+    {
+        FailReallocations failing; // a request's first 256 bytes are there, it cannot grow
+        // Name, signature, table and parameter by turns are what does not fit any more.
+        for (size_t length : {1000, 244, 232, 224}) {
+            SCOPED_TRACE(length);
+            std::string name(length, 'n');
+            object.name = name.c_str();
+            EXPECT_EQ(ubus_add_object(ctx, &object), UBUS_STATUS_NO_MEMORY);
+        }
+        EXPECT_EQ(failing.happened(), 4u);
+        uint32_t id = 7;
+        EXPECT_EQ(ubus_lookup_id(ctx, std::string(1000, 'n').c_str(), &id), UBUS_STATUS_NO_MEMORY);
+        EXPECT_EQ(id, 7u);
+    }
+    object.name = "x";
+    EXPECT_EQ(bus.publish(ctx, &object, 2, kObject), 0) << "the next that goes out";
 }
 
 // ---- calls from others

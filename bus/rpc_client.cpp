@@ -48,9 +48,13 @@ void take_reply(ubus_request *req, int, blob_attr *message)
     copy_reply(*static_cast<const CallerBuffer *>(req->priv), reply);
 }
 
+// What exceeds a message by itself is not even built: the buffer would keep that size for ever, and
+// close to 16 MiB the lengths in it run over.
 bool can_be_sent(const char *func_name, const void *data, uint32_t length)
 {
-    return func_name != nullptr && (data != nullptr || length == 0) && length <= bv::kBusBodyLimit;
+    if (func_name == nullptr || (data == nullptr && length != 0))
+        return false;
+    return length <= bv::kBusBodyLimit && bv_os_strlen(func_name) < bv::kBusBodyLimit;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <bv/ubus.h>
 
 #include "bus/scripted_bus.h"
+#include "support/fault_points.h"
 #include "support/faults.h"
 
 #include <atomic>
@@ -15,6 +16,16 @@
 
 using wire::Bytes;
 using wire::Message;
+
+// Sees how long the library lets the bus wait for an answer.
+int g_timeout_ms;
+extern "C" int ubus_invoke_fd(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
+                              ubus_data_handler_t cb, void *priv, int timeout, int fd)
+{
+    g_timeout_ms = timeout;
+    return next_function<decltype(ubus_invoke_fd)>("ubus_invoke_fd")(ctx, obj, method, msg, cb,
+                                                                     priv, timeout, fd);
+}
 
 namespace {
 
@@ -333,6 +344,7 @@ TEST(RpcClient, GivesUpAfterThreeSecondsAndIgnoresTheLateAnswer)
                    }});
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(client.call(), 7u);
+    EXPECT_EQ(g_timeout_ms, 3000);
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took, std::chrono::milliseconds(2950));
     EXPECT_LT(took, std::chrono::seconds(30));
@@ -398,6 +410,23 @@ TEST(RpcClient, WhatCannotBeSentIs2AndNothingGoesOut)
     EXPECT_EQ(bv_ubus_client_call(std::string(17000000, 'n').c_str(), data.data(), 6), 2u);
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(sequence, 2) << "the look-up was 1";
+}
+
+// The buffer of requests never shrinks: one absurd name must not cost the process 16 MiB for good.
+TEST(RpcClient, ANameLongerThanAMessageIsNotEvenBuilt)
+{
+    Client client(reply_with(wire::reply(7, 6, Bytes(6, 9))));
+    {
+        FailReallocations failing;
+        for (size_t length : {1048576, 1100000, 16777180, 16777204, 17000000}) {
+            SCOPED_TRACE(length);
+            EXPECT_EQ(bv_ubus_client_call(std::string(length, 'n').c_str(), client.buffer.data(),
+                                          client.length()),
+                      2u);
+        }
+        EXPECT_EQ(failing.happened(), 0u);
+    }
+    EXPECT_EQ(client.call(), 7u);
 }
 
 TEST(RpcClient, NoMemoryForTheRequestIs2AndTheNextCallWorks)

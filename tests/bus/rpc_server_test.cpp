@@ -578,6 +578,38 @@ TEST(RpcServer, WithoutMemoryForTheRegistryNothingIsStarted)
     EXPECT_FALSE(registered);
 }
 
+TEST(RpcServer, FunctionsAreRegisteredBeforeTheLoopTakesSignals)
+{
+    static sighandler_t at_registration = SIG_ERR;
+    EXPECT_EQ(bv_ubus_server_init(nullptr,
+                                  [] {
+                                      struct sigaction now = {};
+                                      sigaction(SIGTERM, nullptr, &now);
+                                      at_registration = now.sa_handler;
+                                      return 0;
+                                  }),
+              -1); // there is no bus
+    EXPECT_EQ(at_registration, SIG_DFL);
+    struct sigaction after = {};
+    sigaction(SIGTERM, nullptr, &after);
+    EXPECT_NE(after.sa_handler, SIG_DFL);
+}
+
+TEST(RpcServer, HandlersRunInTheThreadThatServes)
+{
+    static pthread_t handler_thread;
+    const auto registration = [] {
+        bv_ubus_server_reg("keep", [](void *, uint32_t) -> uint32_t {
+            handler_thread = pthread_self();
+            return 0;
+        });
+        return 0;
+    };
+    expect_reply(serve_one(wire::request("keep", 3, kThreeBytes), registration),
+                 wire::reply(0, 3, kThreeBytes));
+    EXPECT_TRUE(pthread_equal(handler_thread, pthread_self()));
+}
+
 TEST(RpcServer, WithoutABusRegistersAndFails)
 {
     EXPECT_EQ(bv_ubus_server_init(nullptr, register_functions), -1);
@@ -685,16 +717,18 @@ TEST(RpcServer, ALostBusEndsTheRunAndTheNextOnePublishesAVisibleObject)
 
 TEST(RpcServer, TheEndedRunsConnectionStaysUntilTheNextStartAndItsFunctionsGo)
 {
-    std::atomic<bool> started_again{false};
+    std::atomic<bool> ended{false};
+    std::atomic<bool> may_start{false};
     bool open_after_end = false;
     bool closed_by_start = false;
     std::vector<Answer> answers;
     ScriptedBus bus({[&](Peer &peer) {
                          peer.accept_object();
                          peer.call(wire::request("end", 0, {}));
-                         open_after_end = !wire::closed_by_peer(peer.fd(), 200);
-                         EXPECT_FALSE(started_again);
-                         started_again = true;
+                         while (!ended)
+                             bv_os_msleep(1);
+                         open_after_end = !wire::closed_by_peer(peer.fd(), 100);
+                         may_start = true;
                          closed_by_start = wire::closed_by_peer(peer.fd());
                      },
                      [&](Peer &peer) {
@@ -703,7 +737,8 @@ TEST(RpcServer, TheEndedRunsConnectionStaysUntilTheNextStartAndItsFunctionsGo)
                              answers.push_back(peer.call(wire::request(name, 3, kThreeBytes)));
                      }});
     EXPECT_EQ(bv_ubus_server_init(nullptr, register_functions), 0);
-    while (!started_again)
+    ended = true;
+    while (!may_start)
         bv_os_msleep(1);
     EXPECT_EQ(bv_ubus_server_init(nullptr, nullptr), 0);
     bus.join();

@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -23,6 +24,23 @@ int connect_to_bus()
         return fd;
     close(fd);
     return -1;
+}
+
+// What the bus answers to a look-up, up to its status; without attributes it lists everything.
+// Empty when there is no bus.
+std::vector<wire::Message> look_up(const wire::Bytes &attributes)
+{
+    std::vector<wire::Message> answers;
+    const int fd = connect_to_bus();
+    if (fd < 0)
+        return answers;
+    wire::receive_message(fd); // hello
+    wire::send_message(fd, {wire::kLookup, 1, 0, attributes});
+    do {
+        answers.push_back(wire::receive_message(fd));
+    } while (answers.back().type == wire::kData);
+    close(fd);
+    return answers;
 }
 
 } // namespace
@@ -60,18 +78,18 @@ int Service::wait()
 
 bool object_exists(const std::string &name)
 {
-    const int fd = connect_to_bus();
-    if (fd < 0)
-        return false;
-    wire::receive_message(fd); // hello
-    wire::send_message(
-        fd, {wire::kLookup, 1, 0, wire::attribute(wire::kAttrObjectPath, wire::text(name))});
-    wire::Message message;
-    do {
-        message = wire::receive_message(fd);
-    } while (message.type == wire::kData);
-    close(fd);
-    return message.type == wire::kStatus && message.number(wire::kAttrStatus) == 0;
+    const auto answers = look_up(wire::attribute(wire::kAttrObjectPath, wire::text(name)));
+    return !answers.empty() && answers.back().type == wire::kStatus &&
+           answers.back().number(wire::kAttrStatus) == 0;
+}
+
+bool object_is_listed(const std::string &name)
+{
+    for (const wire::Message &answer : look_up({})) {
+        if (answer.type == wire::kData && answer.payload(wire::kAttrObjectPath) == wire::text(name))
+            return true;
+    }
+    return false;
 }
 
 bool wait_for_object(const std::string &name)

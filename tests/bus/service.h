@@ -26,5 +26,7 @@ private:
 bool wait_for_object(const std::string &name);
 // Whether it is there now.
 bool object_exists(const std::string &name);
+// Whether the list of all objects shows that name, which may be one that cannot be looked up.
+bool object_is_listed(const std::string &name);
 
 #endif

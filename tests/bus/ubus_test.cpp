@@ -5,9 +5,20 @@
 
 #include "bus/service.h"
 #include "support/bus.h"
+#include "support/fault_points.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
+
+// Sees the waiting time that reaches the library underneath.
+int g_timeout_ms;
+extern "C" int ubus_invoke_fd(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
+                              ubus_data_handler_t cb, void *priv, int timeout, int fd)
+{
+    g_timeout_ms = timeout;
+    return next_function<decltype(ubus_invoke_fd)>("ubus_invoke_fd")(ctx, obj, method, msg, cb,
+                                                                     priv, timeout, fd);
+}
 
 namespace {
 
@@ -145,6 +156,7 @@ TEST(Ubus, ACallTimesOutAfterTheMillisecondsGiven)
     ASSERT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
     owner.signal(SIGSTOP);
     EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 50), 7);
+    EXPECT_EQ(g_timeout_ms, 50);
     owner.signal(SIGCONT);
     EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 10000), 6);
     bv_ubus_free(ctx);

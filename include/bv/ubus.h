@@ -345,11 +345,23 @@ BV_API int bv_ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *me
                           struct blob_attr *msg, ubus_data_handler_t cb, void *priv,
                           int timeout_ms);
 
-/** ubus_send_reply(): sends one data message for a request being handled. 0, or a bus status. */
+/**
+ * ubus_send_reply(): sends one data message for a request being handled.
+ *
+ * @param ctx the connection that the request came by
+ * @param req the request as the handler got it
+ * @param msg the reply, of which the payload is sent; null for none. Nobody checks its length: a
+ *            body above 1 MiB makes the bus drop this connection.
+ * @return 0; 5 when the connection is dead
+ */
 BV_API int bv_ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req,
                               struct blob_attr *msg);
 
-/** ubus_complete_deferred_request(): sends the status of a request at once. */
+/**
+ * ubus_complete_deferred_request(): sends `ret` as the status of a request at once, behind its
+ * replies. A handler that was not deferred sends its result as a second status, which callers
+ * ignore.
+ */
 BV_API void bv_ubus_complete_deferred_request(struct ubus_context *ctx,
                                               struct ubus_request_data *req, int ret);
 
@@ -436,7 +448,9 @@ BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
 /**
  * Connects to the bus, publishes the object and serves calls in the calling thread, one at a time,
  * until the event loop ends: by SIGTERM or SIGINT where they were at default, by uloop_end(), or
- * because the bus went away, after which a supervisor may call this again.
+ * because the bus went away, after which a supervisor may call this again. Only a running loop can
+ * be ended: uloop_end() in the callback does nothing, and the loop's handler loses a signal that
+ * comes between the connecting and the first wait.
  *
  * The connection outlives the loop, its object unanswered, until the process ends or the next call
  * of this function, which frees it together with the older registry. Not to be called from a
@@ -460,7 +474,8 @@ BV_API int32_t bv_ubus_server_init(const char *object_name, int (*register_callb
  * freed first.
  *
  * The object need not be there yet: this succeeds all the same and calls then return 4. After the
- * owner or the bus was restarted, call bv_ubus_client_exit() and this again.
+ * owner or the bus was restarted, call bv_ubus_client_exit() and this again. Waits without limit
+ * for a bus that accepts the connection and then says nothing.
  *
  * @param object_name the object to call; null for "brovan.gateway.server"
  *
@@ -482,7 +497,9 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  * @return the function's result, or one of these, in which case data is as it was:
  * @retval 2          unknown function; or cannot be sent: null argument, too long, the connection
  *                    was found dead
+ * @retval 3          the object has no method "method": it is none of ours
  * @retval 4          no such object
+ * @retval 6          the bus does not permit the call
  * @retval 7          no answer in time
  * @retval 10         not connected, or the connection was lost while waiting
  * @retval 0x10000010 the reply lacked a field

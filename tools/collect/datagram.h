@@ -10,7 +10,6 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
 
 struct datagram {
     unsigned category;
@@ -23,9 +22,5 @@ struct datagram {
 
 /* Takes a datagram apart. Gives back what is wrong with it, or NULL when it is a debug message. */
 const char *datagram_read(struct datagram *datagram, const uint8_t *bytes, size_t length);
-
-/* Prints a text so that it stays on its line and cannot steer the terminal: control characters,
- * backslashes and bytes that are no UTF-8 appear as escapes, as in C. */
-void print_visible(FILE *to, const uint8_t *text, size_t length);
 
 #endif

@@ -18,7 +18,8 @@
 
 #include "collect/capture.h"
 #include "collect/datagram.h"
-#include "collect/numbers.h"
+#include "common/numbers.h"
+#include "common/visible.h"
 
 enum { DEFAULT_PORT = 5344 };
 enum { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };

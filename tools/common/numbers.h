@@ -1,6 +1,6 @@
 /* Lists of numbers as people write them: 0,2-4,7 */
-#ifndef TOOLS_COLLECT_NUMBERS_H
-#define TOOLS_COLLECT_NUMBERS_H
+#ifndef TOOLS_COMMON_NUMBERS_H
+#define TOOLS_COMMON_NUMBERS_H
 
 #include <stdbool.h>
 

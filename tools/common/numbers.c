@@ -1,5 +1,5 @@
 /* Numbers and lists of them, from the command line. */
-#include "collect/numbers.h"
+#include "common/numbers.h"
 
 #include <stddef.h>
 

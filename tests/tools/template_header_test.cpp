@@ -1,0 +1,154 @@
+// The headers that bv-template wrote when this test was built, against the library's own idea of
+// the same families.
+
+#include "board.h"
+#include "dhcp-host.h"
+#include "lan.h"
+#include "odd-names.h"
+#include "wan.h"
+#include "wireless.h"
+
+#include "support/files.h"
+#include "tools/program.h"
+
+#include <bv/db.h>
+#include <bv/status.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+extern "C" const size_t header_sizes_in_c[6];
+
+namespace {
+
+const std::string kExamples = BV_TEST_SOURCE_DIR "/../examples/template/";
+const std::string kOdd = BV_TEST_SOURCE_DIR "/tools/data/odd-names.json";
+
+// A family as the library reads it from its template.
+bv_db_family *load(const std::string &path)
+{
+    static bv_db_family family;
+    family = {};
+    EXPECT_EQ(bv_db_template_read_single(path.c_str(), &family), BV_OK) << path;
+    return &family;
+}
+
+// The texts that the library finds in an image of the family last loaded.
+template <typename Image>
+std::vector<std::string> texts(bv_db_family *family, const Image &image)
+{
+    EXPECT_EQ(bv_db_user_fill_frommem(&image, family->para_count, family->para), BV_OK);
+    std::vector<std::string> all;
+    for (int32_t i = 0; i < family->para_count; ++i)
+        all.push_back(family->para[i].value);
+    return all;
+}
+
+TEST(Header, GivesTheSizeOfTheLibrarysImageInBothLanguages)
+{
+    struct {
+        const char *name;
+        std::string path;
+        size_t in_cpp;
+        int32_t macro;
+    } rows[] = {{BOARD_FAMILY, kExamples + "board.json", sizeof(board), BOARD_SIZE},
+                {DHCP_HOST_FAMILY, kExamples + "dhcp-host.json", sizeof(dhcp_host), DHCP_HOST_SIZE},
+                {LAN_FAMILY, kExamples + "lan.json", sizeof(lan), LAN_SIZE},
+                {WAN_FAMILY, kExamples + "wan.json", sizeof(wan), WAN_SIZE},
+                {WIRELESS_FAMILY, kExamples + "wireless.json", sizeof(wireless), WIRELESS_SIZE},
+                {ODD_NAMES_FAMILY, kOdd, sizeof(odd_names), ODD_NAMES_SIZE}};
+    size_t at = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.path);
+        const int32_t size = load(row.path)->image_size;
+        ASSERT_GT(size, 0);
+        EXPECT_EQ(row.macro, size);
+        EXPECT_EQ(row.in_cpp, static_cast<size_t>(size));
+        EXPECT_EQ(header_sizes_in_c[at++], static_cast<size_t>(size));
+        EXPECT_EQ(row.path.substr(row.path.rfind('/') + 1), row.name);
+    }
+}
+
+TEST(Header, PutsEveryParameterWhereTheLibraryReadsIt)
+{
+    lan image = {};
+    memcpy(image.ipaddr, "\x0a\x00\x00\x01", 4);
+    memcpy(image.netmask, "\xff\xff\x00\x00", 4);
+    image.mtu = 1400;
+    strcpy(image.hostname, "attic");
+    image.dhcp = 200;
+    EXPECT_EQ(texts(load(kExamples + "lan.json"), image),
+              (std::vector<std::string>{"10.0.0.1", "255.255.0.0", "1400", "attic", "200"}));
+}
+
+TEST(Header, SeesTheDefaultsThatTheLibraryStored)
+{
+    const bv_db_family *family = load(kOdd);
+    odd_names image;
+    ASSERT_EQ(family->image_size, ODD_NAMES_SIZE);
+    memcpy(&image, family->default_image, sizeof image);
+    EXPECT_EQ(image.class_, -1);
+    EXPECT_EQ(image.a_b, 2);
+    EXPECT_STREQ(image.a_b_2, "ab");
+    EXPECT_EQ(image.a_b_3, 4u);
+    EXPECT_EQ(image.p9lives, 9);
+    EXPECT_EQ(memcmp(image.p_Bool, "\2\0\0\0\0\1", 6), 0);
+    EXPECT_EQ(memcmp(image.uint8_t_, "\x0a\0\0\1", 4), 0);
+    EXPECT_EQ(image.linux_, INT32_MIN);
+    EXPECT_EQ(image.odd_names_2, -2);
+    EXPECT_EQ(image.ODD_NAMES_SIZE_2, 0);
+    EXPECT_EQ(image.gr____e, 5);
+}
+
+TEST(Header, TakesANameAndAFileFromTheCommandLine)
+{
+    const std::string source = kExamples + "lan.json";
+    Outcome outcome = run_tool({"header", "-n", "home net", "-o", "/tmp/lan.h", source});
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(outcome.output, "");
+    const std::string header = read_file("/tmp/lan.h");
+    EXPECT_NE(header.find("struct home_net {\n"), std::string::npos);
+    EXPECT_NE(header.find("#define HOME_NET_SIZE 43\n"), std::string::npos);
+    EXPECT_NE(header.find("#define HOME_NET_FAMILY \"lan.json\"\n"), std::string::npos);
+    EXPECT_NE(header.find("FAMILY_ASSERT(offsetof(struct home_net, dhcp) == 42, \"dhcp\");\n"),
+              std::string::npos);
+}
+
+TEST(Header, IsNotMadeFromAFaultyTemplate)
+{
+    write_file("/tmp/bad.json",
+               "{\"para\":[{\"name\":\"x\",\"type\":\"int\",\"len\":2,\"value\":\"1\"}]}");
+    Outcome outcome = run_tool({"header", "-o", "/tmp/bad.h", "/tmp/bad.json"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "/tmp/bad.json:1: len 2 does not fit type int, which takes 4\n");
+    EXPECT_FALSE(file_exists("/tmp/bad.h"));
+}
+
+TEST(Header, ThatCannotBeWrittenIsReported)
+{
+    Outcome outcome = run_tool({"header", "-o", "/nowhere/lan.h", kExamples + "lan.json"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "bv-template: /nowhere/lan.h: No such file or directory\n");
+}
+
+// What passes the check is stored, written and read again by the library as it was meant.
+TEST(CheckedData, ComesBackFromTheLibraryAsItWas)
+{
+    write_file("/etc/template/odd-names.json", read_file(kOdd));
+    ASSERT_EQ(run_tool({"check", "/etc/template/odd-names.json"}).output, "");
+    ASSERT_EQ(bv_db_init(), BV_OK);
+    bv_db_reg_user("odd-names.json");
+    bv_db_start();
+    bv_db_ready();
+    bv_db_commit();
+
+    const char data[] = "/config/work/userdata.json";
+    const std::string written = read_file(data);
+    EXPECT_NE(written.find("\"linux\":\"-2147483648\""), std::string::npos) << written;
+    Outcome outcome = run_tool({"data", data});
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+} // namespace

@@ -1,0 +1,13 @@
+/* Text from elsewhere on its way to a terminal. */
+#ifndef TOOLS_COMMON_VISIBLE_H
+#define TOOLS_COMMON_VISIBLE_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+/* Prints a text so that it stays on its line and cannot steer the terminal: control characters,
+ * backslashes and bytes that are no UTF-8 appear as escapes, as in C. */
+void print_visible(FILE *to, const uint8_t *text, size_t length);
+
+#endif

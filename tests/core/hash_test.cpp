@@ -3,6 +3,7 @@
 #include <bv/status.h>
 
 #include "support/capture.h"
+#include "support/dirty_heap.h"
 #include "support/faults.h"
 
 #include <cstdio>
@@ -87,6 +88,7 @@ const char kDumpEnd[] = "\r\n===============================================\r\n
 
 TEST_F(Hash, ANewTableHasItsGeometryAndEmptyRings)
 {
+    dirty_heap();
     table = bv_hash_init(5, 6, 7);
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->magic, 0x42524F56u);

@@ -11,6 +11,7 @@
 #include <bv/status.h>
 
 #include "support/capture.h"
+#include "support/dirty_heap.h"
 #include "support/fault_points.h"
 #include "support/faults.h"
 #include "support/process.h"
@@ -359,6 +360,7 @@ TEST_F(NetlinkInit, RegistersItsPortIdWithOneMessageOf1040Bytes)
 {
     if (driver_is_real())
         GTEST_SKIP() << "the message goes to the real driver, see the next test";
+    dirty_heap();
     Peer driver;
     g_boundary.driver_port = driver.port();
     ASSERT_EQ(bv_netlink_init(), BV_OK);

@@ -6,6 +6,7 @@
 #include <bv/status.h>
 
 #include "support/capture.h"
+#include "support/dirty_heap.h"
 #include "support/faults.h"
 #include "support/process.h"
 
@@ -84,6 +85,7 @@ class Notifier : public testing::Test {
 protected:
     void SetUp() override
     {
+        dirty_heap();
         ASSERT_EQ(bv_notifier_init(), 0);
         // Registrations are permanent, also from test to test of one process.
         static const int32_t registered = bv_notifier_reg(kMarkerType, marker);

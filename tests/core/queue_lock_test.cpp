@@ -13,6 +13,7 @@
 namespace {
 
 bv_queue *g_watched;          // the queue whose lock is looked at, or null
+bv_queue g_freed;             // that queue, as it was when its memory was freed
 unsigned g_outside, g_inside; // calls seen while that lock was free, and while it was held
 
 // Counts a call on the side of the lock where it happens.
@@ -67,6 +68,8 @@ extern "C" void watched_free(void *block) __asm__("free");
 extern "C" void watched_free(void *block)
 {
     note_call();
+    if (block != nullptr && block == g_watched)
+        memcpy(&g_freed, block, sizeof(g_freed));
     behind(g_free, "free")(block);
 }
 
@@ -143,4 +146,25 @@ TEST_F(QueueLock, FreeMakesItAnewAndDoesNotDestroyIt)
     ASSERT_EQ(bv_queue_free(&queue), BV_OK);
     EXPECT_EQ(fault_pthread_mutex_init.calls(), 1);
     EXPECT_EQ(fault_pthread_mutex_destroy.calls(), 0);
+}
+
+TEST_F(QueueLock, FreeClearsTheCountersBeforeTheRecordGoes)
+{
+    for (int i = 0; i < 5; i++)
+        bv_queue_send(queue, "m", 1); // one too many
+    char byte;
+    for (int i = 0; i < 2; i++)
+        bv_queue_recv(queue, &byte, 1);
+    bv_list_head *first = queue->messages.next;
+    bv_list_head *second = first->next;
+    ASSERT_EQ(queue->count, 2u);
+    ASSERT_EQ(queue->dropped, 1u);
+
+    g_freed.count = g_freed.max = g_freed.dropped = 4711;
+    EXPECT_EQ(watch([this] { return bv_queue_free(&queue); }), BV_OK);
+    EXPECT_EQ(g_freed.count, 0u);
+    EXPECT_EQ(g_freed.max, 0u);
+    EXPECT_EQ(g_freed.dropped, 0u);
+    free(first);
+    free(second);
 }

@@ -4,6 +4,7 @@
 #include <bv/status.h>
 
 #include "support/capture.h"
+#include "support/dirty_heap.h"
 #include "support/faults.h"
 
 #include <atomic>
@@ -72,6 +73,7 @@ protected:
 
 TEST_F(Queue, ANewQueueIsEmpty)
 {
+    dirty_heap();
     make(3);
     EXPECT_EQ(queue->messages.next, &queue->messages);
     EXPECT_EQ(queue->messages.prev, &queue->messages);

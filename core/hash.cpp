@@ -6,6 +6,7 @@
 
 #include <bv/hash.h>
 
+#include "core/hash.h"
 #include "core/list.h"
 #include "os/alloc.h"
 #include "os/checked.h"
@@ -84,6 +85,17 @@ Entry *make_entry(const bv_hash &table, const uint8_t *key, const void *data)
     return entry;
 }
 
+// Links a new entry for a key that is not there yet; null if memory is short.
+Entry *append_entry(bv_hash &table, bv_list_head &bucket, const uint8_t *key, const void *data)
+{
+    Entry *entry = make_entry(table, key, data);
+    if (entry == nullptr)
+        return nullptr;
+    bv::list_append(bucket, entry->link);
+    table.currnum = bv::checked_add(table.currnum, 1);
+    return entry;
+}
+
 void free_bucket(bv_list_head &bucket)
 {
     for (bv_list_head *link = bucket.next; link != &bucket;) {
@@ -149,12 +161,7 @@ int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *data)
         return BV_OK;
     }
 
-    entry = make_entry(*table, key, data);
-    if (entry == nullptr)
-        return BV_ERR_MEMORY;
-    bv::list_append(bucket, entry->link);
-    table->currnum = bv::checked_add(table->currnum, 1);
-    return BV_OK;
+    return append_entry(*table, bucket, key, data) == nullptr ? BV_ERR_MEMORY : BV_OK;
 }
 
 void *bv_hash_find(bv_hash *table, const uint8_t *key)
@@ -202,4 +209,28 @@ void bv_hash_dump(bv_hash *table)
     for (uint32_t i = 0; i < table->hashsize; i++)
         dump_bucket(i, table->buckets[i]);
     bv_os_printf("\r\n===============================================\r\n");
+}
+
+void *bv::hash_add(bv_hash *table, const uint8_t *key, const void *data)
+{
+    if (!is_table(table) || table->currnum >= table->hashsize)
+        return nullptr;
+
+    bv_list_head &bucket = bucket_of(*table, key);
+    if (find_entry(*table, bucket, key) != nullptr)
+        return nullptr;
+    Entry *entry = append_entry(*table, bucket, key, data);
+    return entry == nullptr ? nullptr : entry->data;
+}
+
+void bv::hash_clear(bv_hash *table)
+{
+    if (!is_table(table))
+        return;
+
+    for (uint32_t i = 0; i < table->hashsize; i++) {
+        free_bucket(table->buckets[i]);
+        list_init(table->buckets[i]);
+    }
+    table->currnum = 0;
 }

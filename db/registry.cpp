@@ -6,10 +6,10 @@
 
 #include <bv/db.h>
 
+#include "core/hash.h"
 #include "core/list.h"
 #include "db/internal.h"
 
-#include <bv/hash.h>
 #include <bv/os.h>
 
 namespace {
@@ -59,11 +59,6 @@ int32_t register_name(bv_list_head &list, const char *name)
     return BV_OK;
 }
 
-bv_db_family *find_by_key(const bv::FamilyKey &key)
-{
-    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, key.data()));
-}
-
 } // namespace
 
 // The lists are empty rings from the start, so that a call before bv_db_init() finds nothing
@@ -105,13 +100,13 @@ int32_t bv_db_reg_factory(const char *name)
 int32_t bv_db_hash_free(void)
 {
     bv_list_head &families = g_st_db_mng.family_list;
-    for (bv_list_head *link = families.next, *next; link != &families; link = next) {
-        next = link->next; // the record goes with its entry in the table
-        bv_db_family *family = bv::family_of(link);
+    while (!bv::list_empty(families)) {
+        bv_db_family *family = bv::family_of(families.next);
         bv::release_contents(*family);
         bv::list_unlink(family->link);
-        bv_hash_remove(g_st_db_mng.table, bv::FamilyKey(family->name).data());
     }
+    // All records at once: taking them out by name would hash each padded name once more.
+    bv::hash_clear(g_st_db_mng.table);
     return BV_OK;
 }
 
@@ -119,7 +114,8 @@ bv_db_family *bv_db_hash_find(const char *name)
 {
     if (name == nullptr)
         return nullptr;
-    return find_by_key(bv::FamilyKey(name));
+    return static_cast<bv_db_family *>(
+        bv_hash_find(g_st_db_mng.table, bv::FamilyKey(name).data()));
 }
 
 bv_db_family *bv_db_hash_add(const char *name)
@@ -127,16 +123,13 @@ bv_db_family *bv_db_hash_add(const char *name)
     if (name == nullptr)
         return nullptr;
 
-    bv::FamilyKey key(name);
-    if (find_by_key(key) != nullptr)
-        return nullptr;
-
     bv_db_family blank;
     memset(&blank, 0, sizeof blank);
-    if (bv_hash_insert(g_st_db_mng.table, key.data(), &blank) != BV_OK)
+    auto *family = static_cast<bv_db_family *>(
+        bv::hash_add(g_st_db_mng.table, bv::FamilyKey(name).data(), &blank));
+    if (family == nullptr)
         return nullptr;
 
-    bv_db_family *family = find_by_key(key);
     bv_os_strcpy(family->name, sizeof family->name, name);
     bv::list_init(family->inst_list);
     bv::list_append(g_st_db_mng.family_list, family->link);

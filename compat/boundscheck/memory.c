@@ -42,13 +42,14 @@ __attribute__((noinline, cold)) static errno_t copy_unusual(void *dest, size_t d
 
 errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
 {
-    uintptr_t to = (uintptr_t)dest;
-    uintptr_t from = (uintptr_t)src;
-    // In unsigned arithmetic both distances reach count only if neither range starts inside the
-    // other; dest == src fails this too and is told apart from overlap later.
-    int apart = to - from >= count && from - to >= count;
+    // Ranges are apart if the distance from src to dest is at least count and at most so much that
+    // going round the end of memory leaves count again: one comparison, once count is taken off
+    // both sides. dest == src fails it too and is told apart from overlap later. Twice the count
+    // cannot overflow where the count fits its destination.
+    uintptr_t distance = (uintptr_t)dest - (uintptr_t)src;
 
-    if (!size_is_good(destMax) || dest == NULL || src == NULL || count > destMax || !apart)
+    if (!size_is_good(destMax) || dest == NULL || src == NULL || count > destMax ||
+        distance - count > (uintptr_t)0 - 2 * count)
         return copy_unusual(dest, destMax, src, count);
     memcpy(dest, src, count);
     return EOK;

@@ -66,7 +66,8 @@ void bv_pkcs5_pbkdf2_hmac(const uint8_t *password, uint32_t plen, const uint8_t 
     for (uint32_t block = 1; key_length > 0; block++) {
         const uint32_t count = key_length < kSize ? key_length : kSize;
         derive_block({password, plen}, {salt, slen}, block, iterations, t);
-        bv_os_memcpy(output, key_length, t, count);
+        // Not key_length, the room there is: the bounded copy refuses 2 GiB and more.
+        bv_os_memcpy(output, count, t, count);
         output += count;
         key_length -= count;
     }

@@ -2,7 +2,11 @@
 
 #include "crypto/reference.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -60,6 +64,35 @@ TEST(Pbkdf2, NothingIsWrittenBehindTheKey)
         for (uint32_t i = length; i < sizeof(out); i++)
             ASSERT_EQ(out[i], 0xee) << length << " at " << i;
     }
+}
+
+// The whole key would take minutes, so a child derives into shared memory until its first block is
+// there.
+TEST(Pbkdf2, KeysOf2GiBAndMoreAreWrittenToo)
+{
+    const uint32_t length = 0x80000001;
+    void *memory = mmap(nullptr, length, PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory == MAP_FAILED)
+        GTEST_SKIP() << "no address space for such a key";
+    const std::string expected = reference::pbkdf2("password", "salt", 1, 32);
+
+    const pid_t child = fork();
+    if (child == 0) {
+        bv_pkcs5_pbkdf2_hmac(reinterpret_cast<const uint8_t *>("password"), 8,
+                             reinterpret_cast<const uint8_t *>("salt"), 4,
+                             static_cast<uint8_t *>(memory), length, 1);
+        _exit(0);
+    }
+    bool written = false;
+    for (int wait = 0; wait < 2000 && !written; wait++) {
+        usleep(5000);
+        written = memcmp(memory, expected.data(), expected.size()) == 0;
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    munmap(memory, length);
+    EXPECT_TRUE(written);
 }
 
 TEST(Pbkdf2, NullArgumentsAreHarmless)

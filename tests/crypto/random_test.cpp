@@ -32,6 +32,16 @@ private:
     uint8_t bytes_[300];
 };
 
+class Random : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        g_bytes.clear();
+        g_result = 1;
+        g_calls = 0;
+    }
+};
+
 bool all_digits(const std::string &text)
 {
     return text.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -51,7 +61,7 @@ extern "C" int RAND_bytes(unsigned char *buf, int num)
     return 1;
 }
 
-TEST(Random, TheTextIsTheHexOfTheFirstHalfOfTheBytes)
+TEST_F(Random, TheTextIsTheHexOfTheFirstHalfOfTheBytes)
 {
     g_bytes = RandomBytes(51).bytes(256);
     for (int32_t num = 1; num <= 256; num++) {
@@ -63,7 +73,7 @@ TEST(Random, TheTextIsTheHexOfTheFirstHalfOfTheBytes)
     }
 }
 
-TEST(Random, TheLongestTextHas256Digits)
+TEST_F(Random, TheLongestTextHas256Digits)
 {
     Buffer buffer;
     EXPECT_EQ(bv_os_random(buffer, 256), 1u);
@@ -71,7 +81,7 @@ TEST(Random, TheLongestTextHas256Digits)
     EXPECT_TRUE(buffer.untouched_from(256));
 }
 
-TEST(Random, OneMoreIsTooLongAndLeavesTheBuffer)
+TEST_F(Random, OneMoreIsTooLongAndLeavesTheBuffer)
 {
     Buffer buffer;
     EXPECT_EQ(bv_os_random(buffer, 257), uint32_t{BV_ERR_TOO_LONG});
@@ -80,7 +90,7 @@ TEST(Random, OneMoreIsTooLongAndLeavesTheBuffer)
     EXPECT_EQ(g_calls, 0);
 }
 
-TEST(Random, OneDigitIsEnough)
+TEST_F(Random, OneDigitIsEnough)
 {
     Buffer buffer;
     EXPECT_EQ(bv_os_random(buffer, 1), 1u);
@@ -88,7 +98,7 @@ TEST(Random, OneDigitIsEnough)
     EXPECT_TRUE(buffer.untouched_from(1));
 }
 
-TEST(Random, NoneAndNegativeNumbersLeaveTheBuffer)
+TEST_F(Random, NoneAndNegativeNumbersLeaveTheBuffer)
 {
     Buffer buffer;
     EXPECT_EQ(bv_os_random(buffer, 0), 1u);
@@ -100,7 +110,7 @@ TEST(Random, NoneAndNegativeNumbersLeaveTheBuffer)
     EXPECT_EQ(g_calls, 0);
 }
 
-TEST(Random, AFailingGeneratorIsReportedAndTheBufferConvertedAllTheSame)
+TEST_F(Random, AFailingGeneratorIsReportedAndTheBufferConvertedAllTheSame)
 {
     for (int failure : {0, -1}) {
         Buffer buffer;
@@ -111,7 +121,7 @@ TEST(Random, AFailingGeneratorIsReportedAndTheBufferConvertedAllTheSame)
     }
 }
 
-TEST(Random, TextsDiffer)
+TEST_F(Random, TextsDiffer)
 {
     std::set<std::string> texts;
     for (int i = 0; i < 100; i++) {

@@ -48,13 +48,18 @@ public:
             abort();
         pthread_join(thread, nullptr);
         pthread_attr_destroy(&attributes);
+
+        // Most of it was never touched; searching that too would take seconds.
+        const auto *lowest = static_cast<const char *>(memory_);
+        while (used_size_ > 0 && lowest[kStackSize - used_size_] == 0)
+            used_size_--;
     }
     ~UsedStack() { munmap(memory_, kStackSize); }
 
     bool holds(const std::string &bytes) const
     {
         for (size_t at = 0; at + kFragment <= bytes.size(); at += 4) {
-            if (memmem(memory_, kStackSize, bytes.data() + at, kFragment) != nullptr)
+            if (memmem(used(), used_size_, bytes.data() + at, kFragment) != nullptr)
                 return true;
         }
         return false;
@@ -71,7 +76,13 @@ public:
     }
 
 private:
+    const char *used() const
+    {
+        return static_cast<const char *>(memory_) + kStackSize - used_size_;
+    }
+
     void *memory_;
+    size_t used_size_ = kStackSize; // from its lowest byte that is not 0 up
 };
 
 std::string mixed(std::string key, char pad)

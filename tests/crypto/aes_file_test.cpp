@@ -1,5 +1,6 @@
 #include <bv/aes.h>
 
+#include "crypto/guarded.h"
 #include "crypto/reference.h"
 #include "support/capture.h"
 #include "support/fault_points.h"
@@ -23,6 +24,12 @@ int g_reads;
 size_t g_most = SIZE_MAX; // bytes that a read gives at most
 off_t g_size;             // what seeking to the end answers, when not 0
 
+struct Opened {
+    std::string path;
+    int flags;
+};
+std::vector<Opened> g_opened;
+
 } // namespace
 
 extern "C" ssize_t read(int fd, void *buf, size_t n)
@@ -35,8 +42,10 @@ extern "C" ssize_t read(int fd, void *buf, size_t n)
 
 #ifdef __GLIBC__
 #define LSEEK "lseek64"
+#define OPEN "open64"
 #else
 #define LSEEK "lseek"
+#define OPEN "open"
 #endif
 extern "C" off_t test_lseek(int fd, off_t offset, int whence) __asm__(LSEEK);
 extern "C" off_t test_lseek(int fd, off_t offset, int whence)
@@ -47,12 +56,35 @@ extern "C" off_t test_lseek(int fd, off_t offset, int whence)
     return next(fd, offset, whence);
 }
 
+extern "C" int test_open(const char *path, int flags, mode_t mode) __asm__(OPEN);
+extern "C" int test_open(const char *path, int flags, mode_t mode)
+{
+    static auto *next = next_function<int(const char *, int, ...)>(OPEN);
+    g_opened.push_back({path, flags});
+    return next(path, flags, mode);
+}
+
 namespace {
 
 const std::string kKey = "sixteen byte key";
 const char *const kPlain = "/tmp/plain";
 const char *const kCipher = "/tmp/cipher";
 const char *const kBack = "/tmp/back";
+
+class AesFile : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        for (const char *path : {kPlain, kCipher, kBack, "/tmp/out", "/tmp/new"})
+            unlink(path);
+        fault_write.pass();
+        g_before_read = nullptr;
+        g_reads = 0;
+        g_most = SIZE_MAX;
+        g_size = 0;
+        g_opened.clear();
+    }
+};
 
 // Chunk by chunk, each a message of its own.
 std::string by_chunks(bool encrypt, const std::string &in)
@@ -89,7 +121,7 @@ void expect_same(const std::string &ours, const std::string &theirs, size_t whic
 
 } // namespace
 
-TEST(AesFile, EverySizeIsEncryptedChunkByChunkAndComesBack)
+TEST_F(AesFile, EverySizeIsEncryptedChunkByChunkAndComesBack)
 {
     RandomBytes random(81);
     std::vector<size_t> sizes = {4064, 4095, 4096, 4097, 4128, 8192, 8193, 1000003};
@@ -103,7 +135,7 @@ TEST(AesFile, EverySizeIsEncryptedChunkByChunkAndComesBack)
     }
 }
 
-TEST(AesFile, EncryptedSizesAreThoseOfTheChunks)
+TEST_F(AesFile, EncryptedSizesAreThoseOfTheChunks)
 {
     EXPECT_EQ(encrypt_file(std::string(1, 'x')).size(), 16u);
     EXPECT_EQ(encrypt_file(std::string(16, 'x')).size(), 32u);
@@ -113,13 +145,13 @@ TEST(AesFile, EncryptedSizesAreThoseOfTheChunks)
     EXPECT_EQ(encrypt_file(std::string(65, 'x')).size(), 112u);
 }
 
-TEST(AesFile, EqualChunksGiveEqualCiphertext)
+TEST_F(AesFile, EqualChunksGiveEqualCiphertext)
 {
     const std::string cipher = encrypt_file(std::string(64, 'x'));
     EXPECT_EQ(to_hex(cipher.substr(0, 48)), to_hex(cipher.substr(48)));
 }
 
-TEST(AesFile, ALongerOutputKeepsItsOldTail)
+TEST_F(AesFile, ALongerOutputKeepsItsOldTail)
 {
     write_file(kPlain, "short");
     write_file(kCipher, std::string(100, 'o'));
@@ -132,7 +164,7 @@ TEST(AesFile, ALongerOutputKeepsItsOldTail)
     EXPECT_EQ(read_file(kBack), "short" + std::string(95, 'o'));
 }
 
-TEST(AesFile, AnEmptyInputCreatesTheOutputAndLeavesAnExistingOne)
+TEST_F(AesFile, AnEmptyInputCreatesTheOutputAndLeavesAnExistingOne)
 {
     for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
         write_file("/tmp/empty", "");
@@ -145,7 +177,7 @@ TEST(AesFile, AnEmptyInputCreatesTheOutputAndLeavesAnExistingOne)
     }
 }
 
-TEST(AesFile, AMissingInputIsAnEmptyOne)
+TEST_F(AesFile, AMissingInputIsAnEmptyOne)
 {
     for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
         write_file("/tmp/out", "old");
@@ -157,29 +189,53 @@ TEST(AesFile, AMissingInputIsAnEmptyOne)
     }
 }
 
-TEST(AesFile, AnOutputThatCannotBeOpenedIsNoFailure)
+TEST_F(AesFile, AnOutputThatCannotBeOpenedIsNoFailure)
 {
     write_file(kPlain, "content");
     EXPECT_EQ(bv_aes_file_en(kPlain, "/tmp/no/such/folder", u8(kKey)), 0);
     EXPECT_EQ(bv_aes_file_de(kPlain, "/tmp", u8(kKey)), 0);
 }
 
-TEST(AesFile, TheOutputIsCreatedReadableForAllButTheUmask)
+TEST_F(AesFile, TheOutputIsCreatedReadableForAllButTheUmask)
 {
-    umask(027);
+    const mode_t before = umask(027);
     encrypt_file("content");
+    umask(before);
     struct stat st;
     ASSERT_EQ(stat(kCipher, &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0640u);
 }
 
-TEST(AesFile, ADirectoryAsInputGivesNothing)
+TEST_F(AesFile, TheInputIsOpenedSynchronouslyAndTheOutputForBothWays)
+{
+    for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
+        write_file(kPlain, "content");
+        g_opened.clear();
+        transform(kPlain, "/tmp/out", u8(kKey));
+        ASSERT_EQ(g_opened.size(), 2u);
+        EXPECT_EQ(g_opened[0].path, kPlain);
+        EXPECT_EQ(g_opened[0].flags & ~O_LARGEFILE, O_RDONLY | O_SYNC);
+        EXPECT_EQ(g_opened[1].path, "/tmp/out");
+        EXPECT_EQ(g_opened[1].flags & ~O_LARGEFILE, O_RDWR | O_CREAT);
+    }
+}
+
+TEST_F(AesFile, AKeyIsNotReadBeyondItsSixteenBytes)
+{
+    Guarded key(kKey);
+    write_file(kPlain, "content");
+    bv_aes_file_en(kPlain, kCipher, key.bytes());
+    bv_aes_file_de(kCipher, kBack, key.bytes());
+    EXPECT_EQ(read_file(kBack), "content");
+}
+
+TEST_F(AesFile, ADirectoryAsInputGivesNothing)
 {
     EXPECT_EQ(bv_aes_file_en("/tmp", "/tmp/out", u8(kKey)), 0);
     EXPECT_EQ(read_file("/tmp/out"), "");
 }
 
-TEST(AesFile, RandomBytesDecryptAsChunkByChunk)
+TEST_F(AesFile, RandomBytesDecryptAsChunkByChunk)
 {
     RandomBytes random(82);
     for (size_t size = 1; size <= 200; size++) {
@@ -192,7 +248,7 @@ TEST(AesFile, RandomBytesDecryptAsChunkByChunk)
     }
 }
 
-TEST(AesFile, ADamagedChunkDoesNotHarmTheOthers)
+TEST_F(AesFile, ADamagedChunkDoesNotHarmTheOthers)
 {
     RandomBytes random(83);
     const std::string plain = random.bytes(32 * 300 + 7);
@@ -209,7 +265,7 @@ TEST(AesFile, ADamagedChunkDoesNotHarmTheOthers)
 }
 
 // A wrong padding makes a chunk of 48 give 32 to 47 bytes.
-TEST(AesFile, ForgedPaddingsNeverWriteMoreThanTheyHold)
+TEST_F(AesFile, ForgedPaddingsNeverWriteMoreThanTheyHold)
 {
     std::string cipher, plain;
     for (int padding = 0; padding <= 20; padding++) {
@@ -229,7 +285,7 @@ TEST(AesFile, ForgedPaddingsNeverWriteMoreThanTheyHold)
     EXPECT_EQ(read_file(kBack).size(), 300u * 47);
 }
 
-TEST(AesFile, TruncatedFilesDecryptAsFarAsTheyGo)
+TEST_F(AesFile, TruncatedFilesDecryptAsFarAsTheyGo)
 {
     RandomBytes random(84);
     const std::string cipher = encrypt_file(random.bytes(32 * 4));
@@ -238,7 +294,7 @@ TEST(AesFile, TruncatedFilesDecryptAsFarAsTheyGo)
                     size);
 }
 
-TEST(AesFile, AFileThatShrinksEndsWithTheBytesThatCame)
+TEST_F(AesFile, AFileThatShrinksEndsWithTheBytesThatCame)
 {
     const std::string plain = RandomBytes(85).bytes(20000);
     g_before_read = [](int call) {
@@ -246,13 +302,11 @@ TEST(AesFile, AFileThatShrinksEndsWithTheBytesThatCame)
             abort();
     };
     write_file(kPlain, plain);
-    g_reads = 0;
     bv_aes_file_en(kPlain, kCipher, u8(kKey));
-    g_before_read = nullptr;
     expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 5000)), 0);
 }
 
-TEST(AesFile, AShortReadEndsTheWork)
+TEST_F(AesFile, AShortReadEndsTheWork)
 {
     const std::string plain = RandomBytes(86).bytes(20000);
     write_file(kPlain, plain);
@@ -262,7 +316,7 @@ TEST(AesFile, AShortReadEndsTheWork)
     expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 1001)), 0);
 }
 
-TEST(AesFile, WhatIsAppendedMeanwhileIsLeftOut)
+TEST_F(AesFile, WhatIsAppendedMeanwhileIsLeftOut)
 {
     const std::string plain = RandomBytes(87).bytes(100);
     write_file(kPlain, plain);
@@ -273,7 +327,7 @@ TEST(AesFile, WhatIsAppendedMeanwhileIsLeftOut)
 }
 
 // Sizes whose low 32 bits are small or negative: cut to an int they would end the work at once.
-TEST(AesFile, SizesPast2GiBAreNotCut)
+TEST_F(AesFile, SizesPast2GiBAreNotCut)
 {
     const std::string plain = RandomBytes(88).bytes(10000);
     for (off_t size :
@@ -290,7 +344,7 @@ TEST(AesFile, SizesPast2GiBAreNotCut)
     }
 }
 
-TEST(AesFile, AFullDiskEndsTheWorkWithoutAFailure)
+TEST_F(AesFile, AFullDiskEndsTheWorkWithoutAFailure)
 {
     write_file(kPlain, RandomBytes(89).bytes(200000));
     fault_write.fail_next(2, ENOSPC);
@@ -307,7 +361,7 @@ TEST(AesFile, AFullDiskEndsTheWorkWithoutAFailure)
     EXPECT_TRUE(written.substr(0, 48 * 1000) == by_chunks(true, std::string(32 * 1000, 'x')));
 }
 
-TEST(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
+TEST_F(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
 {
     const auto before = open_descriptors();
     write_file(kPlain, "content");
@@ -323,7 +377,7 @@ TEST(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST(AesFile, NullArgumentsAreHarmless)
+TEST_F(AesFile, NullArgumentsAreHarmless)
 {
     write_file(kPlain, "content");
     EXPECT_EQ(bv_aes_file_en(nullptr, kCipher, u8(kKey)), 0);
@@ -335,7 +389,7 @@ TEST(AesFile, NullArgumentsAreHarmless)
     EXPECT_FALSE(file_exists(kCipher));
 }
 
-TEST(AesFile, NothingIsPrinted)
+TEST_F(AesFile, NothingIsPrinted)
 {
     CaptureStdout capture;
     bv_aes_file_en("/tmp/missing", "/tmp/no/such/folder", u8(kKey));

@@ -1,6 +1,7 @@
 #include <bv/os.h>
 
 #include "crypto/crc_table.h"
+#include "crypto/guarded.h"
 #include "crypto/vectors.h"
 
 #include <gtest/gtest.h>
@@ -114,6 +115,18 @@ TEST(Crc, AnyAlignmentWillDo)
         const auto length = static_cast<uint32_t>(text.size() - at);
         EXPECT_EQ(bv_os_crc32(0, u8(text) + at, length), zlib_of(0, text.substr(at)));
         EXPECT_EQ(bv_os_crc16(0, u8(text) + at, length), bitwise16(0, text.substr(at)));
+    }
+}
+
+TEST(Crc, NothingIsReadBeyondTheEnd)
+{
+    RandomBytes random(65);
+    for (size_t length : lengths()) {
+        const std::string text = random.bytes(length);
+        Guarded memory(text);
+        EXPECT_EQ(bv_os_crc32(0, memory.bytes(), static_cast<uint32_t>(length)), zlib_of(0, text));
+        EXPECT_EQ(bv_os_crc16(0, memory.bytes(), static_cast<uint32_t>(length)),
+                  bitwise16(0, text));
     }
 }
 

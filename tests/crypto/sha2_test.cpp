@@ -1,5 +1,6 @@
 #include <bv/sha2.h>
 
+#include "crypto/guarded.h"
 #include "crypto/reference.h"
 
 #include <gtest/gtest.h>
@@ -119,6 +120,17 @@ TEST(Sha2, AnyAlignmentOfTheInputWillDo)
             sha2(u8(text) + at, static_cast<uint32_t>(text.size() - at), out, 0);
             return to_hex(out, sizeof(out));
         }());
+}
+
+TEST(Sha2, NothingIsReadOrWrittenBeyondTheEnd)
+{
+    RandomBytes random(6);
+    for (size_t length = 0; length <= 200; length++) {
+        const std::string text = random.bytes(length);
+        Guarded in(text), out(28);
+        sha2(in.bytes(), static_cast<uint32_t>(length), out.bytes(), 1);
+        EXPECT_EQ(to_hex(out.bytes(), 28), to_hex(one_shot(text, true))) << length;
+    }
 }
 
 TEST(Sha2, TheContextCountsBytesWithACarryIntoTheHighWord)

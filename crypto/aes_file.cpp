@@ -3,9 +3,13 @@
 // An encrypted file is a row of independent messages: 32 bytes of plaintext padded to 48 of
 // ciphertext, each from a zero vector, the last one shorter. Done one by one that is a cipher
 // set-up and two system calls for 32 bytes. Here one context runs through the whole file in one
-// unbroken chain, and many messages go with each system call: what the chain has mixed into the
-// first block of a message, the last ciphertext block of the message before, is mixed in a second
-// time, which takes it out.
+// unbroken chain, and many messages go with each system call.
+//
+// In a chain the cipher mixes (XOR) the ciphertext block before into every plaintext block, where
+// the first block of a message wants the zero vector, that is nothing, mixed in. So at each start
+// of a message we mix the last ciphertext block of the message before into the plaintext ourselves,
+// and mixing it in twice takes it out: ahead of the cipher when encrypting, E((P ^ C) ^ C) = E(P),
+// and behind it when decrypting, (D(X) ^ C) ^ C = D(X).
 
 #include <bv/aes.h>
 #include <bv/os.h>
@@ -25,8 +29,8 @@ using bv::kAesBlockSize;
 constexpr size_t kPlainChunk = 32;
 constexpr size_t kCipherChunk = 48;
 
-// Messages a system call. Both buffers are on the stack, 10 KiB, so that a gateway short of memory
-// still encrypts.
+// Messages a system call. Both buffers are on the stack, 10 KiB for encrypting and 12 KiB for
+// decrypting, so that a gateway short of memory still does it.
 constexpr size_t kBatch = 128;
 constexpr size_t kPlainBatch = kBatch * kPlainChunk;
 constexpr size_t kCipherBatch = kBatch * kCipherChunk;

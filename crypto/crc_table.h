@@ -119,6 +119,7 @@ BV_INLINE Word crc_slice(const CrcTables<Word, Slices> &tables, Word crc, const 
                      std::make_integer_sequence<unsigned, Slices / sizeof(size_t) - 1>());
 }
 
+// What crc becomes over kCrcStretch zero bytes: the sum of what its bytes become.
 template <typename Word, unsigned Slices, unsigned... J>
 BV_INLINE Word crc_skip(const CrcTables<Word, Slices> &tables, Word crc,
                         std::integer_sequence<unsigned, J...>)
@@ -126,7 +127,8 @@ BV_INLINE Word crc_skip(const CrcTables<Word, Slices> &tables, Word crc,
     return static_cast<Word>((tables.skip[J][crc >> (8 * J) & 0xff] ^ ...));
 }
 
-// Two stretches: the second starts from 0 and is added to the first, moved past it.
+// Two stretches, A and B. With crc(c, X) for going on from c over X, and CRCs being linear:
+// crc(c, AB) = crc(c, A 0...0) ^ crc(0, B), with as many zero bytes as B is long.
 template <typename Word, unsigned Slices>
 BV_INLINE Word crc_pair(const CrcTables<Word, Slices> &tables, Word crc, const uint8_t *data)
 {

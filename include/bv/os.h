@@ -479,11 +479,11 @@ BV_API int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint
  */
 
 /**
- * SHA-256 (FIPS 180-2) of a text, as text.
+ * SHA-256 (FIPS 180-4) of a text, as text. Nothing happens when an argument is null.
  *
  * @param out   gets 64 lower-case hexadecimal digits and a terminator: at least 65 bytes
  * @param text  its terminator does not count; the digest is the standard's for texts below 2^29
- *              bytes
+ *              bytes. Of longer ones only the low 32 bits of the length in bits are hashed
  */
 BV_API void bv_os_sha256(char *out, const char *text);
 
@@ -504,7 +504,8 @@ BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
 /**
  * SM3 (GB/T 32905) of a file of any size, as text.
  *
- * @param path  the file; a read error counts as its end
+ * @param path  the file; a read error counts as its end, so that a directory has the digest of
+ *              nothing
  * @param out   gets 64 lower-case hexadecimal digits and no terminator, as in bv_os_sm3_str()
  *
  * @retval BV_OK           out holds the digest
@@ -519,8 +520,9 @@ BV_API uint32_t bv_os_sm3_file(const char *path, char *out);
 /**
  * CRC-32 (IEEE 802.3, as in zlib), whole or in pieces.
  *
- * @param crc  0 to start, or the result for the piece before this one
- * @param buf  the bytes; not looked at when len is 0
+ * @param crc  0 to start, or the result for the piece before this one; comes back unchanged when
+ *             there is nothing to add
+ * @param buf  the bytes; not looked at when len is 0. Null counts as none
  * @param len  how many
  * @return the checksum so far
  */
@@ -529,8 +531,9 @@ BV_API uint32_t bv_os_crc32(uint32_t crc, const uint8_t *buf, uint32_t len);
 /**
  * CRC-16/ARC, whole or in pieces.
  *
- * @param crc  0 to start, or the result for the piece before this one
- * @param buf  the bytes; not looked at when len is 0
+ * @param crc  0 to start, or the result for the piece before this one; comes back unchanged when
+ *             there is nothing to add
+ * @param buf  the bytes; not looked at when len is 0. Null counts as none
  * @param len  how many; crc comes back unchanged when buf + len wraps around the address space
  * @return the checksum so far
  */
@@ -541,13 +544,14 @@ BV_API uint16_t bv_os_crc16(uint16_t crc, const uint8_t *buf, uint32_t len);
  * random bits.
  *
  * @param buf  gets num characters and no terminator
- * @param num  0 to 256; 0 or less leaves buf as it was
+ * @param num  0 to 256; 0 leaves buf as it was
  *
  * @retval 1                buf holds random text
+ * @retval 0                num is negative or buf is null: buf is as it was
  * @retval BV_ERR_TOO_LONG  num is above 256: buf is as it was
  *
- * Anything else is the random generator's failure (0 also for a negative num). After it buf holds
- * num digits that are not random.
+ * 0 or anything else is also what the random generator, libcrypto's RAND_bytes(), returns when it
+ * fails. After that buf holds num digits that are not random.
  */
 BV_API uint32_t bv_os_random(uint8_t *buf, int32_t num);
 

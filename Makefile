@@ -1,7 +1,7 @@
 # Thin: each target installs what it needs (with apt, through sudo when not root) and calls CMake
 # presets or a script that can be used alone.
 
-.PHONY: help deps build demo test clang format clean
+.PHONY: help deps build demo test bench clang format clean test-target test-gateway size
 .DEFAULT_GOAL := help
 
 help: ## lists the targets
@@ -19,6 +19,25 @@ demo: build ## shows the main job, start to end
 
 test: build ## builds and runs every test of the workstation build
 	@ctest --preset default -j$$(nproc)
+
+bench: ## runs the benchmarks beside their peers and writes docs/benchmarks.md
+	@tools/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \
+		libmbedtls-dev zlib1g-dev valgrind util-linux
+	@cmake --preset bench
+	@cmake --build --preset bench
+	@bench/report build/bench
+
+test-target: ## builds for mipsel and runs the suite under user-mode emulation
+	@tools/target/test
+
+test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell and main-job tests
+	@tools/target/setup musl kernel > /dev/null
+	@cmake --preset mipsel-musl > /dev/null
+	@cmake --build --preset mipsel-musl
+	@tests/gateway/run build/mipsel-musl
+
+size: ## footprint of the library on mipsel musl: sections, folders, heap
+	@tools/target/size
 
 clang: deps ## builds with clang, warnings are errors
 	@cmake --preset clang

@@ -114,8 +114,7 @@ bv_db_family *bv_db_hash_find(const char *name)
 {
     if (name == nullptr)
         return nullptr;
-    return static_cast<bv_db_family *>(
-        bv_hash_find(g_st_db_mng.table, bv::FamilyKey(name).data()));
+    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, bv::FamilyKey(name).data()));
 }
 
 bv_db_family *bv_db_hash_add(const char *name)

@@ -1,0 +1,312 @@
+// bv-call against services on a real bus.
+
+#include "bus/service.h"
+#include "support/bus.h"
+#include "support/files.h"
+#include "support/process.h"
+#include "tools/program.h"
+
+#include <bv/os.h>
+#include <bv/status.h>
+#include <bv/ubus.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+
+namespace {
+
+using namespace std::string_literals;
+
+const char kObject[] = "brovan.gateway.server";
+
+// ---- the functions of a service ----
+
+uint32_t reverse(void *data, uint32_t length)
+{
+    auto *bytes = static_cast<uint8_t *>(data);
+    std::reverse(bytes, bytes + length);
+    return BV_OK;
+}
+
+uint32_t echo(void *, uint32_t)
+{
+    return BV_OK;
+}
+
+uint32_t seven(void *, uint32_t)
+{
+    return 7;
+}
+
+uint32_t no_instance(void *, uint32_t)
+{
+    return BV_ERR_NO_INSTANCE;
+}
+
+uint32_t sleep_long(void *, uint32_t)
+{
+    write_file("/tmp/asleep", "");
+    sleep(20);
+    return BV_OK;
+}
+
+uint32_t leave_trace(void *, uint32_t)
+{
+    write_file("/tmp/trace", "called");
+    return BV_OK;
+}
+
+int register_functions()
+{
+    bv_ubus_server_reg("reverse", reverse);
+    bv_ubus_server_reg("echo", echo);
+    bv_ubus_server_reg("seven", seven);
+    bv_ubus_server_reg("no_instance", no_instance);
+    bv_ubus_server_reg("sleep", sleep_long);
+    bv_ubus_server_reg("trace", leave_trace);
+    return 0;
+}
+
+class Call : public ::testing::Test {
+protected:
+    Call() : service_([] { return bv_ubus_server_init(nullptr, register_functions); })
+    {
+        EXPECT_TRUE(wait_for_object(kObject));
+    }
+
+    BusDaemon bus_;
+    Service service_;
+};
+
+std::string result(const std::string &code, size_t length)
+{
+    return "bv-call: result " + code + ", " + std::to_string(length) + " bytes\n";
+}
+
+// ---- bytes ----
+
+TEST_F(Call, SendsHexAndPrintsAHexDump)
+{
+    Outcome outcome = run_tool({"--hex", "00 01:fF 7e41", "reverse"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, result("0x00000000", 5));
+    EXPECT_EQ(outcome.output, "00000000  41 7e ff 01 00" + std::string(34, ' ') + "  |A~...|\n");
+}
+
+TEST_F(Call, PrintsSixteenBytesALine)
+{
+    Outcome outcome = run_tool({"-t", "0123456789abcdef|", "echo"});
+    EXPECT_EQ(outcome.output,
+              "00000000  30 31 32 33 34 35 36 37  38 39 61 62 63 64 65 66  |0123456789abcdef|\n"
+              "00000010  7c                                                |||\n");
+}
+
+TEST_F(Call, PutsPartsTogetherInTheirOrder)
+{
+    write_file("/tmp/part", "file\0"s);
+    Outcome outcome = run_tool(
+        {"-t", "a", "-f", "/tmp/part", "-x", "62", "-f", "-", "--size=12", "-w", "-", "echo"},
+        "input");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "afile\0binput"s);
+    EXPECT_EQ(outcome.errors, result("0x00000000", 12));
+
+    EXPECT_EQ(run_tool({"-t", "abc", "-n", "5", "-w", "-", "echo"}).output, "abc\0\0"s);
+}
+
+TEST_F(Call, SendsNoBytesWhenNoneAreGiven)
+{
+    Outcome outcome = run_tool({"echo"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.errors, result("0x00000000", 0));
+}
+
+TEST_F(Call, PrintsTextUpToAZeroByteAndVisible)
+{
+    EXPECT_EQ(run_tool({"-p", "text", "-x", "61 1b 0a 00 62", "echo"}).output, "a\\x1b\\n\n");
+    EXPECT_EQ(run_tool({"--print=text", "-t", "no end", "echo"}).output, "no end\n");
+    EXPECT_EQ(run_tool({"--print=nothing", "-t", "x", "echo"}).output, "");
+}
+
+TEST_F(Call, WritesTheBytesAsTheyAre)
+{
+    EXPECT_EQ(run_tool({"-x", "000102", "-w", "/tmp/raw", "reverse"}).status, 0);
+    EXPECT_EQ(read_file("/tmp/raw"), "\2\1\0"s);
+    Outcome outcome = run_tool({"-x", "00", "-w", "/nowhere/raw", "echo"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.errors.find("/nowhere/raw: No such file or directory"), std::string::npos);
+    EXPECT_EQ(run_tool({"-x", "00", "-w", "/dev/full", "echo"}).status, 1);
+}
+
+TEST_F(Call, CarriesAMillionBytes)
+{
+    std::string content(1000000, 'x');
+    content.front() = 'a';
+    content.back() = 'z';
+    write_file("/tmp/million", content);
+    Outcome outcome = run_tool({"-f", "/tmp/million", "-w", "/tmp/back", "reverse"});
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    std::reverse(content.begin(), content.end());
+    EXPECT_TRUE(read_file("/tmp/back") == content);
+
+    write_file("/tmp/million", content + "x");
+    EXPECT_EQ(run_tool({"-f", "/tmp/million", "echo"}).status, 2);
+}
+
+// ---- results ----
+
+TEST_F(Call, ReportsTheFunctionsResult)
+{
+    Outcome outcome = run_tool({"-t", "x", "-p", "text", "seven"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.output, "x\n");
+    EXPECT_EQ(outcome.errors, result("0x00000007", 1));
+
+    outcome = run_tool({"no_instance"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors, result("0x10000014 (BV_ERR_NO_INSTANCE)", 0));
+}
+
+TEST_F(Call, SaysWhyThereIsNoAnswer)
+{
+    Outcome outcome = run_tool({"nonsense"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.errors, "bv-call: nonsense on brovan.gateway.server: the object has no such "
+                              "function, or could not take the bytes\n");
+
+    outcome = run_tool({"-o", "nobody", "echo"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors, "bv-call: echo on nobody: there is no such object on the bus\n");
+
+    outcome = run_tool({"--socket=/tmp/none", "echo"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors,
+              "bv-call: echo on brovan.gateway.server: cannot connect to the bus\n");
+}
+
+TEST_F(Call, GivesUpAfterTheTimeout)
+{
+    Outcome outcome = run_tool({"-m", "100", "sleep"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors, "bv-call: sleep on brovan.gateway.server: no answer in time\n");
+}
+
+TEST_F(Call, EndsBySignalWhileItWaits)
+{
+    Program program({BV_TOOL, "-m", "20000", "sleep"});
+    ASSERT_TRUE(eventually([] { return file_exists("/tmp/asleep"); }));
+    program.signal(SIGINT);
+    EXPECT_EQ(program.wait(), 128 + SIGINT);
+}
+
+TEST_F(Call, ReachesAnotherObjectOnAnotherBus)
+{
+    BusDaemon other("/tmp/other.sock");
+    Outcome outcome = run_tool({"-s", "/tmp/other.sock", "echo"});
+    EXPECT_EQ(outcome.errors,
+              "bv-call: echo on brovan.gateway.server: there is no such object on the bus\n");
+
+    Service named([] { return bv_ubus_server_init("second", register_functions); });
+    ASSERT_TRUE(wait_for_object("second"));
+    EXPECT_EQ(run_tool({"--object=second", "-t", "abc", "-p", "text", "reverse"}).output, "cba\n");
+}
+
+// ---- services that answer otherwise ----
+
+// What the object "odd" replies with.
+enum class Odd { Nothing, NoData, TooLittle };
+Odd g_odd;
+
+int reply_oddly(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                blob_attr *)
+{
+    static blob_buf reply;
+    if (g_odd == Odd::Nothing)
+        return UBUS_STATUS_OK;
+    bv_blobmsg_buf_init(&reply);
+    bv_blobmsg_add_u32(&reply, "return", 0);
+    bv_blobmsg_add_u32(&reply, "len", 3);
+    if (g_odd == Odd::TooLittle)
+        bv_blobmsg_add_field(&reply, BLOBMSG_TYPE_UNSPEC, "data", "ab", 2);
+    bv_ubus_send_reply(bus, request, reply.head);
+    return UBUS_STATUS_OK;
+}
+
+int serve_oddly(Odd odd)
+{
+    static const ubus_method methods[] = {{"method", reply_oddly, 0, 0, nullptr, 0}};
+    static ubus_object_type type = {"obj", 0, methods, 1};
+    static ubus_object object = {};
+    g_odd = odd;
+    object.name = "odd";
+    object.type = &type;
+    object.methods = methods;
+    object.n_methods = 1;
+    bv_uloop_init();
+    ubus_context *bus = bv_ubus_connect(nullptr);
+    bv_uloop_fd_add(&bus->sock, ULOOP_READ | ULOOP_BLOCKING);
+    bv_ubus_add_object(bus, &object);
+    return bv_uloop_run();
+}
+
+TEST_F(Call, SaysWhatIsWrongWithAReply)
+{
+    struct {
+        Odd odd;
+        const char *message;
+    } rows[] = {{Odd::Nothing, "the function was run, but did not answer"},
+                {Odd::NoData, "the reply lacks \"return\", \"len\" or \"data\""},
+                {Odd::TooLittle, "the reply has less data than it says"}};
+    for (const auto &row : rows) {
+        Service odd([&] { return serve_oddly(row.odd); });
+        ASSERT_TRUE(wait_for_object("odd"));
+        Outcome outcome = run_tool({"-o", "odd", "echo"});
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_EQ(outcome.errors, std::string("bv-call: echo on odd: ") + row.message + "\n");
+    }
+}
+
+// ---- the command line ----
+
+TEST_F(Call, RefusesWhatItDoesNotUnderstandAndCallsNothing)
+{
+    const std::vector<std::vector<std::string>> wrong = {{},
+                                                         {"-x", "0", "trace"},
+                                                         {"-x", "0g", "trace"},
+                                                         {"-x", "0 1", "trace"},
+                                                         {"-f", "/nowhere", "trace"},
+                                                         {"-n", "1000001", "trace"},
+                                                         {"-n", "-1", "trace"},
+                                                         {"-m", "0", "trace"},
+                                                         {"-p", "binary", "trace"},
+                                                         {"-p", "parameters", "trace"},
+                                                         {"-O", "4", "trace"},
+                                                         {"trace", "name=value"},
+                                                         {"--nonsense", "trace"},
+                                                         {std::string(256, 'f')}};
+    for (const auto &arguments : wrong) {
+        SCOPED_TRACE(arguments.empty() ? "" : arguments[0]);
+        Outcome outcome = run_tool(arguments);
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_NE(outcome.errors.find("--help"), std::string::npos);
+    }
+    EXPECT_FALSE(file_exists("/tmp/trace"));
+    EXPECT_EQ(run_tool({"trace"}).status, 0);
+    EXPECT_TRUE(file_exists("/tmp/trace"));
+}
+
+TEST(CallAlone, PrintsItsHelpWithoutABus)
+{
+    Outcome help = run_tool({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.output.rfind("usage: bv-call", 0), 0u);
+    EXPECT_EQ(help.errors, "");
+}
+
+} // namespace

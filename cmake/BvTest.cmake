@@ -7,6 +7,9 @@ include(GoogleTest)
 find_package(GTest REQUIRED)
 
 set(BV_TEST_ROOT "${CMAKE_SOURCE_DIR}/tests/support/root")
+if(BV_TEST_USERLAND) # of a cross build: what fills the root instead of this machine's programs
+  list(APPEND BV_TEST_ROOT --userland "${BV_TEST_USERLAND}")
+endif()
 
 function(bv_add_test)
   cmake_parse_arguments(T "" "NAME" "SOURCES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})

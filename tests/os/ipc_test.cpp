@@ -114,6 +114,8 @@ TEST(SystemVSemaphores, TheSystemsOwnQueriesFillTheirArgument)
         EXPECT_GT(limits.semmsl, 0) << command;
     }
     for (int command : {SEM_STAT, SEM_STAT_ANY}) {
+        if (command == SEM_STAT_ANY && getenv("BV_ROOT_USERLAND") != nullptr)
+            continue; // user-mode emulation does not know this one
         semid_ds state = {};
         Argument argument;
         argument.buf = &state;

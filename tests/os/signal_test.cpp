@@ -36,10 +36,10 @@ TEST(SignalSets, HoldWhatWasAdded)
     EXPECT_EQ(bv_os_sigismember(&set, SIGUSR1), 1);
     EXPECT_EQ(bv_os_sigdelset(&set, SIGUSR1), 0);
     EXPECT_EQ(bv_os_sigismember(&set, SIGUSR1), 0);
-    for (int result :
-         {bv_os_sigaddset(&set, 9999), bv_os_sigdelset(&set, 9999), bv_os_sigismember(&set, 9999)})
+    for (int result : {bv_os_sigaddset(&set, 9999), bv_os_sigdelset(&set, 9999)})
         EXPECT_EQ(result, -1);
     EXPECT_EQ(errno, EINVAL);
+    EXPECT_NE(bv_os_sigismember(&set, 9999), 1); // 0 in some C libraries, a failure in others
 }
 
 TEST(Signals, SignalInstallsAndTellsTheHandlerBefore)

@@ -141,9 +141,11 @@ TEST_F(Connection, EpollReportsWhatWasAskedFor)
     EXPECT_EQ(seen[0].data.u64, 77u);
     EXPECT_EQ(seen[0].events, uint32_t{EPOLLIN});
     close(epoll);
+#ifdef __GLIBC__ // others do not look at the size
     errno = 0;
     EXPECT_EQ(bv_os_epoll_create(0), -1);
     EXPECT_EQ(errno, EINVAL);
+#endif
 }
 
 TEST(Datagrams, CarryTheirAddresses)
@@ -198,6 +200,7 @@ TEST(Sockets, FailuresKeepErrno)
     msghdr message = {};
     char byte = 'x';
     int value = 1;
+    epoll_event event = {};
     const int results[] = {
         bv_os_bind(-1, generic(address), sizeof address),
         bv_os_listen(-1, 1),
@@ -211,7 +214,7 @@ TEST(Sockets, FailuresKeepErrno)
         static_cast<int>(bv_os_recv(-1, &byte, 1, 0)),
         static_cast<int>(bv_os_recvfrom(-1, &byte, 1, 0, nullptr, nullptr)),
         static_cast<int>(bv_os_recvmsg(-1, &message, 0)),
-        bv_os_epoll_wait(-1, nullptr, 1, 0),
+        bv_os_epoll_wait(-1, &event, 1, 0),
     };
     EXPECT_EQ(errno, EBADF);
     for (const int &result : results)

@@ -87,7 +87,9 @@ TEST(Threads, AFailureIsTheErrorNumber)
     fault_pthread_create.fail_next();
     pthread_t thread;
     EXPECT_EQ(bv_os_pthread_create(&thread, nullptr, give_back, nullptr), EAGAIN);
+#ifdef __GLIBC__ // others wait for themselves, for ever
     EXPECT_EQ(bv_os_pthread_join(pthread_self(), nullptr), EDEADLK);
+#endif
 }
 
 TEST(Mutexes, ExcludeOtherThreads)

@@ -173,6 +173,8 @@ TEST(BoundscheckRandom, DirectivesPrintAsTheCLibraryPrintsThem)
             return sprintf_s(ours.data(), size, text, argument);
         });
         SCOPED_TRACE(format);
+        if (wanted < 0) // some C libraries refuse sizes that mean nothing to a conversion (%hs)
+            continue;
         bool fits = static_cast<size_t>(wanted) < size;
         if (!fits)
             theirs.data()[0] = '\0';

@@ -15,14 +15,15 @@ BV_FAULT_POINT(EVP_CipherUpdate, int,
                (EVP_CIPHER_CTX * ctx, unsigned char *out, int *outl, const unsigned char *in,
                 int inl),
                (ctx, out, outl, in, inl), 0);
-BV_FAULT_write;
 
 namespace {
 
 void (*g_before_read)(int call); // counted from 1
 int g_reads;
 size_t g_most = SIZE_MAX; // bytes that a read gives at most
-off_t g_size;             // what seeking to the end answers, when not 0
+FaultPoint fault_write;
+size_t g_most_written = SIZE_MAX; // bytes that a write takes at most
+off_t g_size;                     // what seeking to the end answers, when not 0
 
 struct Opened {
     std::string path;
@@ -38,6 +39,14 @@ extern "C" ssize_t read(int fd, void *buf, size_t n)
     if (g_before_read != nullptr)
         g_before_read(++g_reads);
     return next(fd, buf, n < g_most ? n : g_most);
+}
+
+extern "C" ssize_t write(int fd, const void *buf, size_t n)
+{
+    static auto *next = next_function<ssize_t(int, const void *, size_t)>("write");
+    if (fault_write.fails())
+        return -1;
+    return next(fd, buf, n < g_most_written ? n : g_most_written);
 }
 
 #ifdef __GLIBC__
@@ -81,6 +90,7 @@ protected:
         g_before_read = nullptr;
         g_reads = 0;
         g_most = SIZE_MAX;
+        g_most_written = SIZE_MAX;
         g_size = 0;
         g_opened.clear();
     }
@@ -314,6 +324,16 @@ TEST_F(AesFile, AShortReadEndsTheWork)
     bv_aes_file_en(kPlain, kCipher, u8(kKey));
     g_most = SIZE_MAX;
     expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 1001)), 0);
+}
+
+TEST_F(AesFile, AShortWriteIsContinued)
+{
+    const std::string plain = RandomBytes(90).bytes(20000);
+    write_file(kPlain, plain);
+    g_most_written = 1001;
+    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    g_most_written = SIZE_MAX;
+    expect_same(read_file(kCipher), by_chunks(true, plain), 0);
 }
 
 TEST_F(AesFile, WhatIsAppendedMeanwhileIsLeftOut)

@@ -1,7 +1,7 @@
 # Thin: each target installs what it needs (with apt, through sudo when not root) and calls CMake
 # presets or a script that can be used alone.
 
-.PHONY: help deps build demo test bench clang format clean test-target test-gateway size test-target
+.PHONY: help deps build demo test bench clang format clean test-target test-gateway size
 .DEFAULT_GOAL := help
 
 help: ## lists the targets
@@ -38,9 +38,6 @@ test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell
 
 size: ## footprint of the library on mipsel musl: sections, folders, heap
 	@tools/target/size
-
-test-target: ## builds for mipsel and runs the suite under user-mode emulation
-	@tools/target/test
 
 clang: deps ## builds with clang, warnings are errors
 	@cmake --preset clang

@@ -41,6 +41,13 @@ static bool take_capital_i(const char **format, struct length_letters *letters)
     return false;
 }
 
+static bool is_one_of(const char *letters, char letter)
+{
+    while (*letters != '\0' && *letters != letter)
+        ++letters;
+    return *letters != '\0';
+}
+
 bool bc_take_length(const char **format, const char *extra, struct length_letters *letters)
 {
     const char *next = *format;
@@ -70,7 +77,7 @@ bool bc_take_length(const char **format, const char *extra, struct length_letter
     }
 
     // Letters that only one of the two families knows.
-    if (strchr(extra, *next) == NULL)
+    if (!is_one_of(extra, *next))
         return false;
     if (*next == 'w')
         letters->wide = true;

@@ -46,6 +46,16 @@ static enum print_status print_directive(struct print_sink *sink, const char **f
     }
 }
 
+// Length of the plain text in front of the next directive. A few characters as a rule, for which
+// strcspn() would take longer to set its table up.
+static size_t plain_length(const char *format)
+{
+    size_t length = 0;
+    while (format[length] != '\0' && format[length] != '%')
+        ++length;
+    return length;
+}
+
 // Prints the whole format from left to right; the first failure ends it.
 static enum print_status print_all(struct print_sink *sink, const char *format,
                                    struct arguments *arguments)
@@ -53,7 +63,7 @@ static enum print_status print_all(struct print_sink *sink, const char *format,
     enum print_status status = kPrintOk;
     while (*format != '\0' && status == kPrintOk) {
         if (*format != '%') {
-            size_t length = strcspn(format, "%");
+            size_t length = plain_length(format);
             status = bc_put(sink, format, length);
             format += length;
         } else if (format[1] == '%') {

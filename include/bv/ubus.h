@@ -18,7 +18,9 @@
  * Signals: initialising the event loop, which connecting to the bus does too, installs the loop's
  * handlers for SIGINT, SIGTERM and SIGCHLD where the process had the default action, and ignores
  * SIGPIPE. A process that never runs the loop (a plain client) is then no longer ended by SIGTERM
- * or SIGINT: it installs its own handlers before it connects.
+ * or SIGINT: it installs its own handlers before it connects. With the handler for SIGCHLD a
+ * running loop collects every child of the process that ends: a shell function or a waitpid() that
+ * another thread is in may find its child gone. On the loop's own thread they are safe.
  */
 #ifndef BV_UBUS_H
 #define BV_UBUS_H
@@ -91,7 +93,8 @@ BV_API void bv_uloop_done(void);
  * uloop_fd_add(): watches a descriptor.
  *
  * @param sock  the caller's record, zeroed before its first use; linked in place until deleted
- * @param flags ULOOP_READ, ULOOP_WRITE and modifiers
+ * @param flags ULOOP_READ, ULOOP_WRITE and modifiers; without ULOOP_BLOCKING the descriptor is made
+ *              non-blocking
  * @return 0, or -1 with errno
  */
 BV_API int bv_uloop_fd_add(struct uloop_fd *sock, unsigned int flags);

@@ -4,6 +4,7 @@
 
 #include "support/process.h"
 
+#include <cerrno>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -142,6 +143,26 @@ TEST_F(Uloop, TellsWhenAChildHasEnded)
     bv_uloop_run();
     EXPECT_TRUE(WIFEXITED(g_status));
     EXPECT_EQ(WEXITSTATUS(g_status), 7);
+}
+
+// Whoever waits for a child on another thread has to know.
+TEST_F(Uloop, CollectsChildrenThatNobodyAskedItFor)
+{
+    static pid_t child;
+    child = fork();
+    if (child == 0)
+        _exit(7);
+    uloop_timeout timer = {};
+    timer.cb = [](uloop_timeout *self) {
+        if (kill(child, 0) == 0)
+            bv_uloop_timeout_set(self, 1);
+        else
+            uloop_end();
+    };
+    bv_uloop_timeout_set(&timer, 0);
+    bv_uloop_run();
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(Uloop, ForgetsAChildThatWasDeleted)

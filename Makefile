@@ -1,7 +1,7 @@
 # Thin: each target installs what it needs (with apt, through sudo when not root) and calls CMake
 # presets or a script that can be used alone.
 
-.PHONY: help deps build demo test bench clang format clean install test-target test-gateway size
+.PHONY: help deps build demo test bench clang format clean install docs test-target test-gateway size
 .DEFAULT_GOAL := help
 
 help: ## lists the targets
@@ -38,6 +38,11 @@ test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell
 
 size: ## footprint of the library on mipsel musl: sections, folders, heap
 	@tools/target/size
+
+docs: ## makes build/docs/html of the pages and headers; a declaration without its docs is an error
+	@tools/install-deps doxygen
+	@mkdir -p build/docs
+	@doxygen docs/Doxyfile
 
 install: build ## installs below PREFIX (default /usr/local), DESTDIR in front of it
 	@DESTDIR="$(DESTDIR)" cmake --install build/default --prefix "$(or $(PREFIX),/usr/local)"

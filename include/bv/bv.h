@@ -23,13 +23,12 @@
 
 /**
  * @name Version of the interface
- * The major number is also the shared object's: it changes when programs must be built anew. The
- * minor one counts additions, the patch one mends.
+ * The major number is also the shared object's: it changes when programs must be built anew.
  * @{
  */
-#define BV_VERSION_MAJOR 1
-#define BV_VERSION_MINOR 0
-#define BV_VERSION_PATCH 0
+#define BV_VERSION_MAJOR 1 /**< counts breaks */
+#define BV_VERSION_MINOR 0 /**< counts additions */
+#define BV_VERSION_PATCH 0 /**< counts mends */
 /** @} */
 
 #endif

@@ -42,7 +42,7 @@ void bv::sha256_blocks(uint32_t (&state)[8], const uint8_t *data, size_t count)
     const auto *text = reinterpret_cast<const char *>(data);
     g_runs.push_back({data, count, std::string(text, 64 * (count < 2 ? count : 2))});
     for (uint32_t i = 0; i < 8; i++)
-        state[i] = 0x1a << 4 * i;
+        state[i] = 0x1au << 4 * i;
 }
 
 TEST(Sha256Tail, IsOneBlockUpTo55CharactersBehindTheWholeOnesAndTwoFrom56On)

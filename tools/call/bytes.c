@@ -38,7 +38,7 @@ bool bytes_add_hex(struct bytes *bytes, const char *text)
     while (*text != '\0') {
         int high = digit_value(text[0]);
         int low = high < 0 ? -1 : digit_value(text[1]);
-        uint8_t byte = (uint8_t)(high << 4 | low);
+        uint8_t byte = low < 0 ? 0 : (uint8_t)(high * 16 + low);
 
         if (strchr(" \t\n:", *text) != NULL) {
             text++;

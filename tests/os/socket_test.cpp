@@ -201,6 +201,9 @@ TEST(Sockets, FailuresKeepErrno)
     char byte = 'x';
     int value = 1;
     epoll_event event = {};
+    iovec part = {&byte, 1};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
     const int results[] = {
         bv_os_bind(-1, generic(address), sizeof address),
         bv_os_listen(-1, 1),

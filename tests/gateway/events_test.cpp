@@ -1,0 +1,165 @@
+// Kernel events from the driver itself, over netlink protocol 26. The tests share one process and
+// follow one another: the library's receive thread, once started, stays.
+
+#include "gateway/modules.h"
+#include "support/capture.h"
+#include "support/process.h"
+
+#include <bv/ioctl.h>
+#include <bv/notifier.h>
+#include <bv/status.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+using Events = std::vector<std::pair<uint32_t, std::string>>;
+std::mutex g_lock; // guards g_events
+Events g_events;
+
+template <uint32_t Type>
+void record(void *data, uint32_t length)
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    g_events.emplace_back(Type, std::string(static_cast<char *>(data), length));
+}
+
+template <uint32_t Type>
+void record_types_up_to()
+{
+    if constexpr (Type > 0)
+        record_types_up_to<Type - 1>();
+    bv_notifier_reg(Type, record<Type>);
+}
+
+Events events()
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    return g_events;
+}
+
+// One of the driver's operations on its netlink side; its result.
+uint32_t ask(const char *operation, std::string data = "")
+{
+    return bv_ioctl_call(operation, data.data(), static_cast<uint32_t>(data.size()));
+}
+
+template <typename Number>
+std::string bytes_of(Number number)
+{
+    return std::string(reinterpret_cast<const char *>(&number), sizeof(number));
+}
+
+void send(uint16_t type, const std::string &payload)
+{
+    ask("nl-send", bytes_of(type) + payload);
+}
+
+// Everything that came before a marker that is sent now.
+Events settle()
+{
+    send(2, "end");
+    const std::pair<uint32_t, std::string> end(4, "end");
+    EXPECT_TRUE(eventually([&] {
+        Events now = events();
+        return !now.empty() && now.back() == end;
+    }));
+    Events arrived = events();
+    if (!arrived.empty())
+        arrived.pop_back();
+    return arrived;
+}
+
+class Events26 : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        static const bool started = [] {
+            modules::load("brovan_gw");
+            EXPECT_EQ(bv_notifier_init(), 0); // opens the driver's socket too
+            record_types_up_to<13>();
+            EXPECT_TRUE(eventually([] { return ask("nl-port") != 0; }));
+            return true;
+        }();
+        ASSERT_TRUE(started);
+        std::lock_guard<std::mutex> guard(g_lock);
+        g_events.clear();
+    }
+};
+
+TEST(EventsWithoutADriver, CannotBeAskedFor)
+{
+    ASSERT_FALSE(modules::loaded("brovan_gw"));
+    EXPECT_EQ(bv_netlink_init(), BV_ERR_FAILED);
+}
+
+TEST_F(Events26, TheDriverGetsARegistrationOf1040BytesWithTheProcessIdAsPort)
+{
+    EXPECT_EQ(ask("nl-port"), static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(ask("nl-reglen"), 1040u);
+    EXPECT_EQ(ask("nl-zero"), 1u) << "and nothing else";
+}
+
+TEST_F(Events26, ThePortIdIsTakenForASecondSocket)
+{
+    EXPECT_EQ(bv_netlink_init(), static_cast<int32_t>(BV_ERR_CHANNEL));
+}
+
+TEST_F(Events26, EveryDriverTypeBecomesItsEventOrALineOrNothing)
+{
+    CaptureStdout output;
+    for (uint16_t type = 0; type <= 12; type++)
+        send(type, "payload " + std::to_string(type));
+    EXPECT_EQ(settle(), (Events{{4, "payload 2"},
+                                {5, "payload 4"},
+                                {6, "payload 5"},
+                                {8, "payload 6"},
+                                {11, "payload 7"},
+                                {12, "payload 8"},
+                                {13, "payload 9"}}));
+    EXPECT_EQ(output.stop(), "[bv_notifier_kernel:0139]type(0)-len(9)-data(payload 0)\r\n"
+                             "[bv_notifier_kernel:0139]type(3)-len(9)-data(payload 3)\r\n"
+                             "[bv_notifier_kernel:0139]type(10)-len(10)-data(payload 10)\r\n"
+                             "[bv_notifier_kernel:0139]type(11)-len(10)-data(payload 11)\r\n"
+                             "[bv_notifier_kernel:0139]type(12)-len(10)-data(payload 12)\r\n");
+}
+
+TEST_F(Events26, PayloadsFromNothingToTheBuffersSizeArriveWhole)
+{
+    const std::string longest(1024, 'x');
+    send(2, "");
+    send(2, longest);
+    send(2, longest + "cut by the socket");
+    EXPECT_EQ(settle(), (Events{{4, ""}, {4, longest}, {4, longest}}));
+}
+
+TEST_F(Events26, OfABurstNothingIsLostThatTheSocketTookAndOrderIsKept)
+{
+    constexpr uint32_t kCount = 10000;
+    const uint32_t dropped_before = ask("nl-dropped");
+    const uint32_t failed = ask("nl-burst", bytes_of<uint16_t>(4) + bytes_of(kCount));
+    const uint32_t dropped = ask("nl-dropped") - dropped_before;
+    EXPECT_EQ(failed, dropped) << "no message failed in any other way";
+
+    const Events arrived = settle();
+    EXPECT_EQ(arrived.size(), kCount - dropped);
+    EXPECT_GT(arrived.size(), 0u);
+    int64_t last = -1;
+    for (const auto &[type, payload] : arrived) {
+        ASSERT_EQ(type, 5u);
+        ASSERT_EQ(payload.size(), 4u);
+        uint32_t number;
+        memcpy(&number, payload.data(), 4);
+        ASSERT_GT(number, last);
+        last = number;
+    }
+    RecordProperty("dropped", static_cast<int>(dropped));
+    printf("burst: %zu of %u events arrived, %u found the socket full\n", arrived.size(), kCount,
+           dropped);
+}
+
+} // namespace

@@ -6,9 +6,10 @@
 
 #include <bv/db.h>
 
+#include "bus/json_members.h"
 #include "core/list.h"
+#include "db/instance_index.h"
 #include "db/internal.h"
-#include "db/members.h"
 
 #include <bv/os.h>
 #include <bv/ubus.h>
@@ -20,7 +21,7 @@ namespace {
 constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
 
 // Takes the values that an element's "para" holds. One that is no object holds none.
-void take_values(bv::Members values, bv_db_family &family)
+void take_values(bv::JsonMembers values, bv_db_family &family)
 {
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
         bv_db_para &para = family.para[i];
@@ -30,46 +31,53 @@ void take_values(bv::Members values, bv_db_family &family)
     }
 }
 
-// Makes an instance of the working image, or overwrites the one that has the number.
-void store_instance(bv_db_family &family, int32_t number)
+// Makes an instance of the working image.
+void add_instance(bv_db_family &family, int32_t number)
 {
-    auto size = static_cast<uint32_t>(family.image_size);
-    bv_db_inst *instance = bv_db_data_get_inst(&family, number);
-    if (instance != nullptr)
-        bv_db_data_set_context(&family, instance, family.working_image, size);
-    else
-        bv_db_data_add_inst(&family, family.working_image, size, number);
+    bv::append_instance(family, family.working_image, static_cast<uint32_t>(family.image_size),
+                        number);
 }
 
-void read_element(json_object *element, bv_db_family &family)
+// Overwrites the instance that has the number, or makes it.
+void store_instance(bv::InstanceIndex &index, bv_db_family &family, int32_t number)
 {
-    bv::Members members(element);
+    bv_db_inst *instance = index.find(number);
+    if (instance == nullptr)
+        return add_instance(family, number);
+    bv_db_data_set_context(&family, instance, family.working_image,
+                           static_cast<uint32_t>(family.image_size));
+}
+
+void read_element(json_object *element, bv_db_family &family, bv::InstanceIndex &index)
+{
+    bv::JsonMembers members(element);
     json_object *number = members.get("inst");
     json_object *values = members.get("para");
     if (number == nullptr || values == nullptr)
         return;
 
-    take_values(bv::Members(values), family);
+    take_values(bv::JsonMembers(values), family);
     bv_db_user_fill_tomem(&family, 0);
-    store_instance(family, bv_json_object_get_int(number));
+    store_instance(index, family, bv_json_object_get_int(number));
 }
 
-void read_family(bv::Members &tree, bv_db_family &family)
+void read_family(bv::JsonMembers &tree, bv_db_family &family)
 {
     if (family.image_size == 0)
         return;
     json_object *elements = tree.get(family.name);
     if (elements == nullptr) {
         if (bv::list_empty(family.inst_list))
-            store_instance(family, 1);
+            add_instance(family, 1);
         return;
     }
     if (bv_json_object_is_type(elements, json_type_array) == 0)
         return;
 
     size_t count = bv_json_object_array_length(elements);
+    bv::InstanceIndex index(family);
     for (size_t i = 0; i < count; ++i)
-        read_element(bv_json_object_array_get_idx(elements, i), family);
+        read_element(bv_json_object_array_get_idx(elements, i), family, index);
 }
 
 } // namespace
@@ -85,7 +93,7 @@ int32_t bv_db_user_read(bv_list_head *list, const char *path)
     json_object *tree = bv_json_object_from_file(path);
     if (tree == nullptr)
         return BV_ERR_FAILED;
-    bv::Members members(tree);
+    bv::JsonMembers members(tree);
     bv::for_each_family(*list, [&](bv_db_family &family) { read_family(members, family); });
     bv_json_object_put(tree);
     return BV_OK;

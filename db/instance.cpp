@@ -62,6 +62,11 @@ int32_t copy_in(const bv_db_family &family, uint8_t *image, const void *buf, uin
     return bv_os_memcpy(image, static_cast<uint32_t>(family.image_size), buf, buflen);
 }
 
+int32_t larger(int32_t a, int32_t b)
+{
+    return a > b ? a : b;
+}
+
 // Finds the named family and its instance for the calls below.
 int32_t find_instance(const char *name, uint32_t inst, bv_db_family **family, bv_db_inst **instance)
 {
@@ -128,20 +133,28 @@ int32_t bv_db_data_set_context(bv_db_family *family, bv_db_inst *instance, const
     return copy_in(*family, instance->image, buf, buflen);
 }
 
+int32_t bv::append_instance(bv_db_family &family, const void *buf, uint32_t buflen, int32_t number)
+{
+    bv_db_inst *instance = make_instance(family);
+    if (instance == nullptr)
+        return BV_ERR_MEMORY;
+
+    instance->number = number;
+    copy_in(family, instance->image, buf, buflen);
+    list_append(family.inst_list, instance->link);
+    family.inst_max = larger(family.inst_max, larger(number, 1));
+    family.inst_count = checked_add(family.inst_count, 1);
+    return BV_OK;
+}
+
 int32_t bv_db_data_add_inst(bv_db_family *family, const void *buf, uint32_t buflen, int32_t inst)
 {
     if (family == nullptr)
         return BV_ERR_FAILED;
-    bv_db_inst *instance = make_instance(*family);
-    if (instance == nullptr)
-        return BV_ERR_MEMORY;
-
-    instance->number = inst;
-    copy_in(*family, instance->image, buf, buflen);
-    bv::list_append(family->inst_list, instance->link);
-    family->inst_max = bv_db_data_get_inst_max(family);
-    family->inst_count = bv::checked_add(family->inst_count, 1);
-    return BV_OK;
+    int32_t status = bv::append_instance(*family, buf, buflen, inst);
+    if (status == BV_OK)
+        family->inst_max = bv_db_data_get_inst_max(family);
+    return status;
 }
 
 int32_t bv_db_data_del_inst(bv_db_family *family, bv_db_inst *instance)

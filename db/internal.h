@@ -99,6 +99,10 @@ void image_to_text(const uint8_t *image, int64_t image_size, bv_db_para *table, 
 // Decimal text of a number: up to 11 characters and the NUL.
 void number_to_text(int32_t number, char *text);
 
+// As bv_db_data_add_inst(), but raises the highest number instead of walking the list for it: a
+// load adds many.
+int32_t append_instance(bv_db_family &family, const void *buf, uint32_t buflen, int32_t number);
+
 // Releases what a template gave a family, and its instances; the default image is left to leak.
 void release_contents(bv_db_family &family);
 

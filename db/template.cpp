@@ -6,9 +6,9 @@
 
 #include <bv/db.h>
 
+#include "bus/json_members.h"
 #include "core/list.h"
 #include "db/internal.h"
-#include "db/members.h"
 #include "os/alloc.h"
 #include "os/checked.h"
 
@@ -35,7 +35,7 @@ int32_t search(const char *name, char *path)
 }
 
 // Copies a member's text, cut to the field. False if there is none.
-bool take_text(bv::Members &members, const char *key, char *field)
+bool take_text(bv::JsonMembers &members, const char *key, char *field)
 {
     const char *text = bv_json_object_get_string(members.get(key));
     if (text == nullptr)
@@ -48,7 +48,7 @@ bool take_text(bv::Members &members, const char *key, char *field)
 // had stays in the slot, invalid, for the next element to overwrite.
 bool take_parameter(json_object *element, bv_db_para &slot)
 {
-    bv::Members members(element);
+    bv::JsonMembers members(element);
     bool named = take_text(members, "name", slot.name);
     bool typed = take_text(members, "type", slot.type);
     json_object *len = members.get("len");
@@ -75,7 +75,7 @@ void take_parameters(json_object *para, bv_db_family &family)
 // Reads the parsed template into descriptors. The tree is the caller's.
 int32_t read_parameters(json_object *tree, bv_db_family &family)
 {
-    bv::Members members(tree);
+    bv::JsonMembers members(tree);
     take_text(members, "getfunc", family.getfunc);
     take_text(members, "setfunc", family.setfunc);
 

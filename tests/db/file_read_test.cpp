@@ -1,6 +1,10 @@
 #include "db/database.h"
 
+#include <algorithm>
 #include <climits>
+#include <ctime>
+#include <numeric>
+#include <random>
 
 namespace {
 
@@ -255,6 +259,65 @@ TEST_F(DbFileReading, AnExistingInstanceIsOverwritten)
     EXPECT_EQ(numbers(a), Numbers{1});
     EXPECT_EQ(id(1), 11u);
     EXPECT_EQ(name(1), "new");
+}
+
+TEST_F(DbFileReading, OfSeveralInstancesWithOneNumberTheFirstIsOverwritten)
+{
+    uint8_t level = 1;
+    for (int number : {4, 2, 4, 2})
+        ASSERT_EQ(bv_db_data_add_inst(b, &level, 1, number), BV_OK);
+    EXPECT_EQ(load(R"({"b":[{"inst":"2","para":{"level":"20"}},
+                            {"inst":"4","para":{"level":"40"}}]})"),
+              BV_OK);
+    Bytes levels;
+    for (bv_list_head *link = b->inst_list.next; link != &b->inst_list; link = link->next)
+        levels.push_back(*reinterpret_cast<bv_db_inst *>(link)->image);
+    EXPECT_EQ(levels, (Bytes{40, 20, 1, 1}));
+    EXPECT_EQ(b->inst_count, 4);
+}
+
+TEST_F(DbFileReading, NumbersAreToldApartByAllTheirBits)
+{
+    const Numbers all = {INT_MAX, INT_MIN, 0, -1, 1, 2, 0x40000000, -0x40000000, 0x10000, 3};
+    std::string elements;
+    for (int round = 0; round < 2; ++round)
+        for (size_t i = 0; i < all.size(); ++i)
+            elements += (elements.empty() ? "" : ",") + ("{\"inst\":" + std::to_string(all[i])) +
+                        ",\"para\":{\"id\":" + std::to_string(100 * round + static_cast<int>(i)) +
+                        "}}";
+    EXPECT_EQ(load_a(elements), BV_OK);
+    EXPECT_EQ(numbers(a), all);
+    EXPECT_EQ(a->inst_max, INT_MAX);
+    for (size_t i = 0; i < all.size(); ++i)
+        EXPECT_EQ(id(all[i]), 100 + i) << all[i];
+}
+
+// A walk over the list for every element would take minutes of processor time here.
+TEST_F(DbFileReading, AHundredThousandInstancesInAnyOrderAreLoadedInSeconds)
+{
+    Numbers all(100000);
+    std::iota(all.begin(), all.end(), -30000);
+    std::shuffle(all.begin(), all.end(), std::mt19937(1));
+    std::string elements;
+    for (int number : all)
+        elements += (elements.empty() ? "" : ",") + ("{\"inst\":" + std::to_string(number)) +
+                    ",\"para\":{\"id\":" + std::to_string(number + 30000) + "}}";
+
+    clock_t start = clock();
+    EXPECT_EQ(load_a(elements), BV_OK);
+    EXPECT_LT((clock() - start) / CLOCKS_PER_SEC, 15);
+    EXPECT_EQ(a->inst_count, 100000);
+    EXPECT_EQ(a->inst_max, 69999);
+    EXPECT_TRUE(numbers(a) == all);
+    EXPECT_EQ(id(-30000), 0u);
+    EXPECT_EQ(id(69999), 99999u);
+}
+
+TEST_F(DbFileReading, NumbersBelow1LeaveTheHighestAt1)
+{
+    EXPECT_EQ(load_a(R"({"inst":"-5","para":{}},{"inst":"0","para":{}})"), BV_OK);
+    EXPECT_EQ(numbers(a), (Numbers{-5, 0}));
+    EXPECT_EQ(a->inst_max, 1);
 }
 
 TEST_F(DbFileReading, NumbersComeQuotedOrNot)

@@ -208,6 +208,39 @@ TEST_F(DbMemory, AnInstanceRefusedIsNotLinked)
     EXPECT_EQ(image_of(lan, 4), image);
 }
 
+TEST_F(DbMemory, ALoadInAnyOrderNeedsNoMemoryBeyondItsInstances)
+{
+    install("lan.json", kLan);
+    bv_db_reg_user(kLanPath);
+    std::string text;
+    for (int number : {3, 1, 2, 1, 4, 3})
+        text += (text.empty() ? "" : ",") + ("{\"inst\":" + std::to_string(number)) +
+                ",\"para\":{\"mtu\":\"" + std::to_string(1000 + text.size()) + "\"}}";
+    put_file(kUserFile, "{\"/etc/template/lan.json\":[" + text + "]}");
+    ASSERT_EQ(bv_db_start(), BV_OK);
+    bv_db_family *lan = bv_db_hash_find(kLanPath);
+    Bytes images[4];
+    for (int i = 0; i < 4; ++i)
+        images[i] = image_of(lan, i + 1);
+
+    parse_beforehand();
+    ASSERT_EQ(bv_db_template(), BV_OK);
+    int whole = 0;
+    int refused = refuse_each([] { return bv_db_user_read(&g_st_db_mng.user_list, kUserFile); },
+                              [&](int status) {
+                                  EXPECT_EQ(status, BV_OK);
+                                  lan = bv_db_hash_find(kLanPath);
+                                  if (numbers(lan) == std::vector<int>{3, 1, 2, 4}) {
+                                      ++whole;
+                                      for (int i = 0; i < 4; ++i)
+                                          EXPECT_EQ(image_of(lan, i + 1), images[i]) << i + 1;
+                                  }
+                                  bv_db_template();
+                              });
+    EXPECT_EQ(refused, 8 + 4) << "four instances, and four entries to find them quickly";
+    EXPECT_EQ(whole, 4) << "without an entry the list is walked";
+}
+
 TEST_F(DbMemory, AnInstanceOfNothingNeedsOneAllocation)
 {
     bv_db_hash_add("bare");

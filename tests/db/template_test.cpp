@@ -389,6 +389,24 @@ TEST_F(DbTemplate, ReadAgainReplacesParametersAndDropsInstances)
     EXPECT_EQ(default_image(family).size(), 800u);
 }
 
+TEST_F(DbTemplate, ReadAgainWithoutParametersEmptiesTheFamily)
+{
+    for (const std::string &none : {std::string(), elements(426)}) {
+        SCOPED_TRACE(none.size());
+        ASSERT_EQ(read(template_text(kLan)), BV_OK);
+        add_instance(family, 4, {"10.0.0.1", "9000", "a"});
+        EXPECT_EQ(read_elements(none), none.empty() ? BV_OK : -1);
+        EXPECT_EQ(family->image_size, 0);
+        EXPECT_EQ(family->para_count, 0);
+        EXPECT_EQ(family->para, nullptr);
+        EXPECT_EQ(family->working_image, nullptr);
+        EXPECT_EQ(family->default_image, nullptr);
+        EXPECT_EQ(family->inst_count, 0);
+        EXPECT_EQ(family->inst_max, 1);
+        EXPECT_STREQ(family->getfunc, "get") << "a name that the new template lacks stays";
+    }
+}
+
 TEST_F(DbTemplate, ReadAgainInVainKeepsTheFamily)
 {
     ASSERT_EQ(read(template_text(kLan)), BV_OK);

@@ -138,7 +138,13 @@ ssize_t limited(size_t count)
 // ---- the libc calls that the library makes on the devices ----
 
 // The C libraries do not agree on the type of the request, only on its name and its 32 bits here.
-extern "C" int faked_ioctl(int fd, unsigned long request, ...) __asm__("ioctl");
+// Where time_t is wider than a long, glibc has it under another name.
+#if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && !defined(__LP64__)
+#define IOCTL "__ioctl_time64"
+#else
+#define IOCTL "ioctl"
+#endif
+extern "C" int faked_ioctl(int fd, unsigned long request, ...) __asm__(IOCTL);
 extern "C" int faked_ioctl(int fd, unsigned long request, ...)
 {
     va_list args;
@@ -153,7 +159,7 @@ extern "C" int faked_ioctl(int fd, unsigned long request, ...)
         return answer_erase(fd, static_cast<erase_info_user *>(argument));
     if (request == 0 && is_driver(fd))
         return answer_driver(fd, static_cast<uint8_t *>(argument));
-    return real<int(int, unsigned long, ...)>("ioctl")(fd, request, argument);
+    return real<int(int, unsigned long, ...)>(IOCTL)(fd, request, argument);
 }
 
 extern "C" ssize_t read(int fd, void *buf, size_t count)

@@ -4,6 +4,9 @@
 .PHONY: help deps build demo test bench clang format clean install docs test-target test-gateway size
 .DEFAULT_GOAL := help
 
+# Where CI is set, warnings are errors.
+PRESET := $(if $(CI),ci,default)
+
 help: ## lists the targets
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*## /\t/' | expand -t 16
 
@@ -11,14 +14,14 @@ deps: ## installs the missing Debian packages
 	@tools/install-deps
 
 build: deps ## builds everything for this workstation
-	@cmake --preset default
-	@cmake --build --preset default
+	@cmake --preset $(PRESET)
+	@cmake --build --preset $(PRESET)
 
 demo: build ## shows the main job, start to end
-	@examples/demo build/default
+	@examples/demo build/$(PRESET)
 
 test: build ## builds and runs every test of the workstation build
-	@ctest --preset default -j$$(nproc)
+	@ctest --preset $(PRESET) -j$$(nproc)
 
 bench: ## runs the benchmarks beside their peers and writes docs/benchmarks.md
 	@tools/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \
@@ -45,7 +48,7 @@ docs: ## makes build/docs/html of the pages and headers; a declaration without i
 	@doxygen docs/Doxyfile
 
 install: build ## installs below PREFIX (default /usr/local), DESTDIR in front of it
-	@DESTDIR="$(DESTDIR)" cmake --install build/default --prefix "$(or $(PREFIX),/usr/local)"
+	@DESTDIR="$(DESTDIR)" cmake --install build/$(PRESET) --prefix "$(or $(PREFIX),/usr/local)"
 
 clang: deps ## builds with clang, warnings are errors
 	@cmake --preset clang

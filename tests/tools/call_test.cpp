@@ -52,6 +52,13 @@ uint32_t sleep_long(void *, uint32_t)
     return BV_OK;
 }
 
+// Longer than a call waits unless told to.
+uint32_t take_time(void *, uint32_t)
+{
+    usleep(3300000);
+    return BV_OK;
+}
+
 uint32_t leave_trace(void *, uint32_t)
 {
     write_file("/tmp/trace", "called");
@@ -65,6 +72,7 @@ int register_functions()
     bv_ubus_server_reg("seven", seven);
     bv_ubus_server_reg("no_instance", no_instance);
     bv_ubus_server_reg("sleep", sleep_long);
+    bv_ubus_server_reg("take_time", take_time);
     bv_ubus_server_reg("trace", leave_trace);
     return 0;
 }
@@ -133,7 +141,9 @@ TEST_F(Call, PrintsTextUpToAZeroByteAndVisible)
 
 TEST_F(Call, WritesTheBytesAsTheyAre)
 {
-    EXPECT_EQ(run_tool({"-x", "000102", "-w", "/tmp/raw", "reverse"}).status, 0);
+    Outcome written = run_tool({"-x", "000102", "-w", "/tmp/raw", "reverse"});
+    EXPECT_EQ(written.status, 0);
+    EXPECT_EQ(written.output, "");
     EXPECT_EQ(read_file("/tmp/raw"), "\2\1\0"s);
     Outcome outcome = run_tool({"-x", "00", "-w", "/nowhere/raw", "echo"});
     EXPECT_EQ(outcome.status, 1);
@@ -154,6 +164,9 @@ TEST_F(Call, CarriesAMillionBytes)
 
     write_file("/tmp/million", content + "x");
     EXPECT_EQ(run_tool({"-f", "/tmp/million", "echo"}).status, 2);
+    write_file("/tmp/million", content);
+    EXPECT_EQ(run_tool({"-f", "/tmp/million", "-x", "00", "echo"}).status, 2);
+    EXPECT_EQ(run_tool({"-f", "/tmp/million", "-t", "x", "echo"}).status, 2);
 }
 
 // ---- results ----
@@ -195,6 +208,11 @@ TEST_F(Call, GivesUpAfterTheTimeout)
     EXPECT_EQ(outcome.errors, "bv-call: sleep on brovan.gateway.server: no answer in time\n");
 }
 
+TEST_F(Call, WaitsAsLongAsItIsTold)
+{
+    EXPECT_EQ(run_tool({"--timeout=60000", "take_time"}).status, 0);
+}
+
 TEST_F(Call, EndsBySignalWhileItWaits)
 {
     Program program({BV_TOOL, "-m", "20000", "sleep"});
@@ -218,7 +236,7 @@ TEST_F(Call, ReachesAnotherObjectOnAnotherBus)
 // ---- services that answer otherwise ----
 
 // What the object "odd" replies with.
-enum class Odd { Nothing, NoData, TooLittle };
+enum class Odd { Nothing, NoData, TooLittle, Short };
 Odd g_odd;
 
 int reply_oddly(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
@@ -229,8 +247,8 @@ int reply_oddly(ubus_context *bus, ubus_object *, ubus_request_data *request, co
         return UBUS_STATUS_OK;
     bv_blobmsg_buf_init(&reply);
     bv_blobmsg_add_u32(&reply, "return", 0);
-    bv_blobmsg_add_u32(&reply, "len", 3);
-    if (g_odd == Odd::TooLittle)
+    bv_blobmsg_add_u32(&reply, "len", g_odd == Odd::Short ? 2 : 3);
+    if (g_odd != Odd::NoData)
         bv_blobmsg_add_field(&reply, BLOBMSG_TYPE_UNSPEC, "data", "ab", 2);
     bv_ubus_send_reply(bus, request, reply.head);
     return UBUS_STATUS_OK;
@@ -269,6 +287,18 @@ TEST_F(Call, SaysWhatIsWrongWithAReply)
         EXPECT_EQ(outcome.output, "");
         EXPECT_EQ(outcome.errors, std::string("bv-call: echo on odd: ") + row.message + "\n");
     }
+}
+
+TEST_F(Call, PrintsNoParametersOfAShortReply)
+{
+    Service odd([] { return serve_oddly(Odd::Short); });
+    ASSERT_TRUE(wait_for_object("odd"));
+    const std::string lan = BV_TEST_SOURCE_DIR "/../examples/template/lan.json";
+    Outcome outcome = run_tool({"-o", "odd", "-T", lan, "echo"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.errors, result("0x00000000", 2) + "bv-call: " + lan +
+                                  ": less came back than the family's image\n");
 }
 
 // ---- the command line ----

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstring>
+#include <sys/socket.h>
 
 namespace {
 
@@ -105,6 +107,59 @@ TEST(Capture, HoldsWhatAFilterDidNotPrint)
     EXPECT_EQ(by_level.errors, "bv-collect: 3 datagrams, 1 selected, 0 malformed\n");
 }
 
+// Sends from 127.0.0.1:40000 to an address of this machine.
+void send_to(const char *address, uint16_t port, const Bytes &data)
+{
+    sockaddr_in from = {}, to = {};
+    from.sin_family = to.sin_family = AF_INET;
+    from.sin_port = htons(40000);
+    to.sin_port = htons(port);
+    inet_pton(AF_INET, "127.0.0.1", &from.sin_addr);
+    inet_pton(AF_INET, address, &to.sin_addr);
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from), 0);
+    sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    close(fd);
+}
+
+TEST(Capture, HoldsTheAddressesAndPortsThatADatagramTravelledBetween)
+{
+    Program program({BV_TOOL, "-p", "5344", "-c", "1", "-w", kFile});
+    eventually([&] { return program.errors().find('\n') != std::string::npos; });
+    send_to("127.0.0.2", 5344, kMessage);
+    ASSERT_EQ(program.wait(), 0);
+    EXPECT_NE(program.output().find(" 127.0.0.1:40000 category=5 "), std::string::npos);
+    const Bytes file = read_file(kFile);
+    ASSERT_GE(file.size(), 64u);
+    EXPECT_EQ(file.substr(40 + 12, 12), "\x7f\0\0\1\x7f\0\0\2\x9c\x40\x14\xe0"s);
+}
+
+// 0 in the place of a checksum means that there is none; a sum that comes out as 0 is sent as
+// its other form.
+TEST(Capture, HoldsNoChecksumOfZero)
+{
+    Program program({BV_TOOL, "-p", "5344", "-c", "1", "-w", kFile});
+    eventually([&] { return program.errors().find('\n') != std::string::npos; });
+    const Bytes rest = "\x7f\0\0\1\x7f\0\0\1\0\x11\0\x0a\x9c\x40\x14\xe0\0\x0a"s;
+    const unsigned missing = 0xffff - sum(rest);
+    send_to("127.0.0.1", 5344, {static_cast<char>(missing >> 8), static_cast<char>(missing)});
+    ASSERT_EQ(program.wait(), 0);
+    const Bytes file = read_file(kFile);
+    ASSERT_EQ(file.size(), 40u + 30u);
+    EXPECT_EQ(be16(file, 40 + 26), 0xffffu);
+}
+
+TEST(Capture, HoldsADatagramBeforeTheNextOne)
+{
+    Program program({BV_TOOL, "-p", "5344", "-w", kFile});
+    eventually([&] { return program.errors().find('\n') != std::string::npos; });
+    send_to("127.0.0.1", 5344, kMessage);
+    EXPECT_TRUE(eventually([] { return read_file(kFile).size() == 40 + 28 + kMessage.size(); }));
+    program.signal(SIGKILL);
+    program.wait();
+    EXPECT_NE(run_tool({"-r", kFile}).output.find("abc\n"), std::string::npos);
+}
+
 TEST(Capture, OnStandardOutputReplacesTheLines)
 {
     uint16_t port;
@@ -165,8 +220,11 @@ TEST(Capture, SkipsWhatIsNoDatagramForTheCollector)
     tcp[9] = 6;
     fragment[6] = 0x20; // the first of several
     version6[0] = 0x65;
-    short_head[0] = 0x44;
-    long_ip[0] = 0x4f; // options up to the end: no room for UDP
+    short_head[0] = 0x44; // and a length where UDP's would then be
+    short_head[20] = 0;
+    short_head[21] = 9;
+    long_ip[0] = 0x4f; // options beyond the end, and behind them what looks like UDP
+    long_ip += Bytes(23, '\0') + "\x08\0\0"s;
     long_udp[25] = 22;
     cut.pop_back();
     other_port[23] = '\x35';
@@ -187,8 +245,9 @@ TEST(Capture, SkipsWhatIsNoDatagramForTheCollector)
 TEST(Capture, ThatIsDamagedIsReadUpToThere)
 {
     const Bytes good = file_head(0xa1b2c3d4, 228) + record(packet());
-    for (const Bytes &rest : {"x"s, record(packet()).substr(0, 30),
-                              le(1) + le(1) + le(0xffffffff) + le(0xffffffff) + "x"}) {
+    for (const Bytes &rest :
+         {"x"s, record(packet()).substr(0, 30),
+          le(1) + le(1) + le(0xffffffff) + le(0xffffffff) + "x", record(Bytes(1000000, 'x'))}) {
         Outcome outcome = read_back(good + rest);
         EXPECT_EQ(outcome.status, 1);
         EXPECT_EQ(outcome.output.substr(26), kLine);

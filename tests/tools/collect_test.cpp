@@ -9,12 +9,16 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 namespace {
+
+using namespace std::string_literals;
 
 // A collector on a port of its own, listening when the constructor returns; debug messages of
 // this process go there.
@@ -127,13 +131,15 @@ TEST(Collect, MakesControlCharactersVisible)
     Collector collector;
     bv_debug_remote(1, 0, 1, 1, "%s", "a\nb\tc\r\x1b[2J\x7f\\");
     bv_debug_remote(1, 0, 1, 1, "%s", "caf\xc3\xa9 \xe7\xbd\x91\xe5\x85\xb3 \xf0\x9f\x93\xb6");
-    bv_debug_remote(1, 0, 1, 1, "%s", "\xc2\x9b[2J \xff \xc3 \xe7\xbd \xc0\x8a \xed\xa0\x80.");
+    bv_debug_remote(1, 0, 1, 1, "%s",
+                    "\xc2\x9b[2J \xff \xc3 \xe7\xbd \xc0\x8a \xed\xa0\x80 \xf4\x90\x80\x80.");
     Lines lines = collector.lines(3);
     ASSERT_EQ(lines.size(), 3u);
     const std::string head = "category=1 module=1 level=1 tag=0x0000 ";
     EXPECT_EQ(lines[0], head + R"(a\nb\tc\r\x1b[2J\x7f\\)");
     EXPECT_EQ(lines[1], head + "caf\xc3\xa9 \xe7\xbd\x91\xe5\x85\xb3 \xf0\x9f\x93\xb6");
-    EXPECT_EQ(lines[2], head + R"(\xc2\x9b[2J \xff \xc3 \xe7\xbd \xc0\x8a \xed\xa0\x80.)");
+    EXPECT_EQ(lines[2],
+              head + R"(\xc2\x9b[2J \xff \xc3 \xe7\xbd \xc0\x8a \xed\xa0\x80 \xf4\x90\x80\x80.)");
 }
 
 TEST(Collect, FiltersByModuleAndLevel)
@@ -159,7 +165,6 @@ TEST(Collect, FiltersByModuleAndLevel)
 TEST(Collect, SaysWhatIsWrongWithAMalformedDatagramAndCountsIt)
 {
     Collector collector;
-    using namespace std::string_literals;
     collector.send("");
     collector.send("\5\3\0\2\0\x09\x12\x34\0"s);
     collector.send("\x25\3\0\2\0\x0a\x12\x34\0\4"s);
@@ -224,7 +229,7 @@ TEST(Collect, SaysWhyItCannotListen)
     port.pop_back();
     Outcome second = run_tool({"-a", "127.0.0.1", "-p", port});
     EXPECT_EQ(second.status, 1);
-    EXPECT_EQ(second.errors, "bv-collect: cannot listen: Address already in use\n");
+    EXPECT_EQ(second.errors, "bv-collect: cannot listen: "s + strerror(EADDRINUSE) + "\n");
 }
 
 TEST(Collect, ListensOnPort5344UnlessToldOtherwise)

@@ -99,6 +99,7 @@ TEST(TemplateCheck, FindsValuesThatDoNotFit)
         {"mac", "6", "\"02:00:00:00:00:01 \"", "'02:00:00:00:00:01 ' is no MAC address"},
         {"mac", "6", "\"002:0:0:0:0:1\"", "'002:0:0:0:0:1' is no MAC address"},
         {"mac", "6", "\"02:00:00:00:00:0g\"", "'02:00:00:00:00:0g' is no MAC address"},
+        {"mac", "6", "\"2::0:0:0:1\"", "'2::0:0:0:1' is no MAC address"},
         {"ip", "4", "\"192.168.1\"", "'192.168.1' is no IPv4 address"},
         {"ip", "4", "\"::1\"", "'::1' is no IPv4 address"}};
     for (const auto &row : rows)
@@ -275,6 +276,15 @@ TEST(TemplateCheck, SaysWhichFileCannotBeRead)
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors, "bv-template: /nowhere.json: No such file or directory\n"
                               "bv-template: /tmp: Is a directory\n");
+}
+
+TEST(TemplateCheck, RefusesFilesThatCannotBeTemplates)
+{
+    write_file("/tmp/large", "");
+    ASSERT_EQ(truncate("/tmp/large", 17 * 1024 * 1024), 0);
+    Outcome outcome = run_tool({"check", "/tmp/large"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "bv-template: /tmp/large: File too large\n");
 }
 
 TEST(TemplateCheck, PrintsItsHelpAndRefusesTheRest)

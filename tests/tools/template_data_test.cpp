@@ -65,6 +65,8 @@ TEST_F(DataCheck, FindsTemplatesInSubfolders)
     ASSERT_EQ(mkdir("/etc/template/sub", 0700), 0);
     ASSERT_EQ(rename("/etc/template/lan.json", "/etc/template/sub/lan.json"), 0);
     EXPECT_EQ(faults_of(kGood), "");
+    ASSERT_EQ(symlink("sub/lan.json", "/etc/template/linked.json"), 0);
+    EXPECT_EQ(faults("{\"linked.json\":[]}"), "");
     write_file("/etc/template/lan.json", "{}");
     EXPECT_EQ(faults_of(kGood), "1: several templates are called \"lan.json\": none is taken\n");
 }
@@ -84,6 +86,14 @@ TEST_F(DataCheck, ReportsTheFaultsOfATemplateOnce)
               "/etc/template/bad.json:2: \"para\" is no array\n"
               "1: the template of \"bad.json\" has no usable parameters\n"
               "2: the template of \"bad.json\" has no usable parameters\n");
+}
+
+TEST_F(DataCheck, FindsTemplatesWithoutParameters)
+{
+    write_file("/etc/template/none.json", "{\"para\":[]}");
+    EXPECT_EQ(faults("{\n\"none.json\":[]}"),
+              "/etc/template/none.json:1: \"para\" is empty: the family holds nothing\n"
+              "2: the template of \"none.json\" has no usable parameters\n");
 }
 
 TEST_F(DataCheck, FindsUnknownParameters)
@@ -108,6 +118,8 @@ TEST_F(DataCheck, FindsDuplicates)
     EXPECT_EQ(faults("{\"lan.json\":[\n{\"inst\":\"1\"," + para + ",\n{\"inst\":\"2\"," + para +
                      ",\n{\"inst\":1," + para + "]}"),
               "4: duplicate instance 1, first in line 2, which it replaces\n");
+    EXPECT_EQ(faults("{\"lan.json\":[{\"inst\":1,\n\"inst\":2," + para + "]}"),
+              "2: duplicate name \"inst\", first in line 1\n");
     EXPECT_EQ(faults_of(kGood + std::string(",\n\"mtu\":\"1\"")),
               "4: duplicate name \"mtu\", first in line 3\n");
 }

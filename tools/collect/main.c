@@ -195,11 +195,10 @@ static int open_socket(void)
 static struct in_addr destination_of(struct msghdr *message)
 {
     struct in_pktinfo info = {.ipi_addr = options.address};
-    struct cmsghdr *control;
+    const struct cmsghdr *control = CMSG_FIRSTHDR(message); /* the only one asked for */
 
-    for (control = CMSG_FIRSTHDR(message); control != NULL; control = CMSG_NXTHDR(message, control))
-        if (control->cmsg_level == IPPROTO_IP && control->cmsg_type == IP_PKTINFO)
-            memcpy(&info, CMSG_DATA(control), sizeof(info));
+    if (control != NULL && control->cmsg_level == IPPROTO_IP && control->cmsg_type == IP_PKTINFO)
+        memcpy(&info, CMSG_DATA(control), sizeof(info));
     return info.ipi_addr;
 }
 

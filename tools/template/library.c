@@ -47,7 +47,8 @@ static int visit(const char *path, const struct stat *status, int kind, struct F
 {
     (void)status;
     (void)place;
-    return kind != FTW_F || add_entry(path) ? 0 : -1;
+    /* Links count, as for find; where they lead is seen when they are read. */
+    return (kind != FTW_F && kind != FTW_SL) || add_entry(path) ? 0 : -1;
 }
 
 bool library_open(const char *folder)

@@ -1,7 +1,10 @@
 # Thin: each target installs what it needs (with apt, through sudo when not root) and calls CMake
 # presets or a script that can be used alone.
 
-.PHONY: help deps build demo test bench clang format clean install docs test-target test-gateway size
+FUZZ_SECONDS ?= 60
+export FUZZ_SECONDS
+
+.PHONY: help deps build demo test test-sanitize fuzz bench clang format clean install docs test-target test-gateway size
 .DEFAULT_GOAL := help
 
 # Where CI is set, warnings are errors.
@@ -22,6 +25,16 @@ demo: build ## shows the main job, start to end
 
 test: build ## builds and runs every test of the workstation build
 	@ctest --preset $(PRESET) -j$$(nproc)
+
+test-sanitize: deps ## the suite under the sanitizers, and a part of it under memcheck
+	@tools/install-deps valgrind
+	@tests/sanitize/run
+
+fuzz: deps ## fuzzes every input from outside, FUZZ_SECONDS (60) for each
+	@tools/install-deps llvm libclang-rt-dev
+	@cmake --preset fuzz
+	@cmake --build --preset fuzz
+	@tests/fuzz/run build/fuzz
 
 bench: ## runs the benchmarks beside their peers and writes docs/benchmarks.md
 	@tools/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \

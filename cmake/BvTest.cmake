@@ -11,6 +11,13 @@ if(BV_TEST_USERLAND) # of a cross build: what fills the root instead of this mac
   list(APPEND BV_TEST_ROOT --userland "${BV_TEST_USERLAND}")
 endif()
 
+# What ThreadSanitizer is for: the programs with the label `threaded`.
+add_custom_target(threaded_tests)
+
+if(BV_SANITIZED)
+  set(BV_TEST_ENVIRONMENT ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/sanitize/leaks.supp:print_suppressions=0")
+endif()
+
 function(bv_add_test)
   cmake_parse_arguments(T "" "NAME" "SOURCES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})
   if(NOT T_LIBRARIES)
@@ -33,7 +40,10 @@ function(bv_add_test)
   if(TARGET ubusd)
     add_dependencies(${T_NAME} ubusd)
   endif()
+  if("threaded" IN_LIST T_LABELS)
+    add_dependencies(threaded_tests ${T_NAME})
+  endif()
   gtest_discover_tests(${T_NAME}
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 120 LABELS "${T_LABELS}")
+    PROPERTIES TIMEOUT 120 LABELS "${T_LABELS}" ${BV_TEST_ENVIRONMENT})
 endfunction()

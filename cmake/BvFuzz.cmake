@@ -1,0 +1,44 @@
+# bv_add_fuzz(NAME name SOURCES file... [LIBRARIES target...] [SUBJECT file...])
+#
+# A fuzz target: a program around LLVMFuzzerTestOneInput(). In the fuzz build (preset `fuzz`) it is
+# linked with libFuzzer; in every other build with a main of ours that replays the corpus, which
+# CTest runs as an ordinary test. The corpus is tests/fuzz/corpus/<name>; SUBJECT names the sources
+# whose coverage tests/fuzz/run reports.
+
+option(BV_FUZZ "Build the fuzz targets with libFuzzer (needs clang)" OFF)
+
+if(BV_FUZZ)
+  # Clang puts its run-times into programs only, so here the libraries' own -z defs cannot hold.
+  # These stand behind everything else on the link line, and the last -z counts.
+  set(CMAKE_C_STANDARD_LIBRARIES "${CMAKE_C_STANDARD_LIBRARIES} -Wl,-z,undefs")
+  set(CMAKE_CXX_STANDARD_LIBRARIES "${CMAKE_CXX_STANDARD_LIBRARIES} -Wl,-z,undefs")
+  add_custom_target(fuzzers)
+endif()
+
+function(bv_add_fuzz)
+  cmake_parse_arguments(F "" "NAME" "SOURCES;LIBRARIES;SUBJECT" ${ARGN})
+  set(target fuzz_${F_NAME})
+  if(NOT F_LIBRARIES)
+    set(F_LIBRARIES bv::bv)
+  endif()
+  add_executable(${target} ${F_SOURCES})
+  target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/tests)
+  target_compile_definitions(${target} PRIVATE BV_TEST_SOURCE_DIR="${CMAKE_SOURCE_DIR}/tests")
+  target_link_libraries(${target} PRIVATE ${F_LIBRARIES} Threads::Threads ${CMAKE_DL_LIBS})
+  set_target_properties(${target} PROPERTIES
+    LINKER_LANGUAGE CXX
+    RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/fuzz"
+    ENABLE_EXPORTS ON)
+
+  if(BV_FUZZ)
+    target_link_options(${target} PRIVATE -fsanitize=fuzzer)
+    add_dependencies(fuzzers ${target})
+    list(JOIN F_SUBJECT "\n" subject)
+    file(WRITE "${CMAKE_BINARY_DIR}/fuzz/${F_NAME}.subject" "${subject}\n")
+  else()
+    target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tests/fuzz/replay.cpp)
+    add_test(NAME fuzz.${F_NAME}_corpus_passes
+      COMMAND ${BV_TEST_ROOT} $<TARGET_FILE:${target}> ${CMAKE_SOURCE_DIR}/tests/fuzz/corpus/${F_NAME})
+    set_tests_properties(fuzz.${F_NAME}_corpus_passes PROPERTIES TIMEOUT 120 LABELS fuzz)
+  endif()
+endfunction()

@@ -170,13 +170,13 @@ static bool take_input(struct client *client, size_t length)
 // One read: what is missing of a partial message goes straight to its place.
 static ssize_t read_more(struct client *client)
 {
-    struct iovec parts[] = {
-        {client->partial.bytes + client->partial.length,
-         client->partial.size - client->partial.length},
-        {input, sizeof(input)},
-    };
+    struct iovec parts[] = {{NULL, 0}, {input, sizeof(input)}};
     ssize_t length;
 
+    if (client->partial.size > 0) {
+        parts[0].iov_base = client->partial.bytes + client->partial.length;
+        parts[0].iov_len = client->partial.size - client->partial.length;
+    }
     do {
         if (parts[0].iov_len == 0)
             length = recv(client->sock.fd, input, sizeof(input), MSG_DONTWAIT);

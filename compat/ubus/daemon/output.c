@@ -197,10 +197,10 @@ void output_send(struct client *to, const struct iovec *parts, int count)
 void output_resume(struct client *client)
 {
     struct queue *queue = &client->queue;
-    struct iovec all = {queue->bytes + queue->start, queue_length(queue)};
 
-    if (all.iov_len == 0)
+    if (queue_length(queue) == 0)
         return;
+    struct iovec all = {queue->bytes + queue->start, queue_length(queue)};
     queue->start += write_now(client, &all, 1, all.iov_len);
     if (queue_length(queue) > 0)
         return;

@@ -175,7 +175,6 @@ static int open_socket(void)
                                   .sin_port = htons((uint16_t)options.port),
                                   .sin_addr = options.address};
     socklen_t length = sizeof(address);
-    char text[INET_ADDRSTRLEN] = "";
     int on = 1;
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 
@@ -186,9 +185,15 @@ static int open_socket(void)
         return -1;
     }
     options.port = ntohs(address.sin_port);
+    return fd;
+}
+
+static void announce(void)
+{
+    char text[INET_ADDRSTRLEN] = "";
+
     inet_ntop(AF_INET, &options.address, text, sizeof(text));
     fprintf(stderr, "bv-collect: listening on %s:%u\n", text, options.port);
-    return fd;
 }
 
 /* The address that a datagram was sent to; a capture needs it and the socket's own may be "all". */
@@ -276,6 +281,7 @@ static int collect_from(int fd, FILE *file, const sigset_t *waiting)
     return report(0);
 }
 
+/* The socket comes first: a collector that cannot have its port leaves an older capture alone. */
 static int collect(void)
 {
     FILE *file = NULL;
@@ -283,14 +289,15 @@ static int collect(void)
     int fd, status;
 
     take_signals(&waiting);
+    fd = open_socket();
+    if (fd < 0)
+        return EXIT_FAILED;
     if (options.write != NULL) {
         file = lines_wanted() ? fopen(options.write, "wb") : stdout;
         if (file == NULL || !capture_begin(file))
             return fail(options.write, strerror(errno));
     }
-    fd = open_socket();
-    if (fd < 0)
-        return EXIT_FAILED;
+    announce();
     status = collect_from(fd, file, &waiting);
     if (file != NULL && file != stdout && fclose(file) != 0)
         return fail(options.write, strerror(errno));

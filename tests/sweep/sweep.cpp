@@ -1,0 +1,179 @@
+#include "sweep/sweep.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace sweep {
+
+namespace {
+
+constexpr unsigned kHangSeconds = 60; // far beyond any time-out of the library
+constexpr int kMostCalls = 512;       // of one function in one call; more is a loop without end
+
+// What a run tells its parent.
+struct Report {
+    bool finished;
+    bool happened;
+    bool works;
+    int64_t result;       // of the call with the fault
+    int64_t later_result; // of the one behind it
+    int descriptors;      // more than before, after cleaning; and after the later call
+    int later_descriptors;
+    int blocks; // in use after cleaning
+    int calls[128];
+};
+
+Report *shared_report()
+{
+    static Report *report = static_cast<Report *>(
+        mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    return report;
+}
+
+int count_descriptors()
+{
+    int count = 0;
+    for (int fd = 0; fd < 256; fd++)
+        count += fcntl(fd, F_GETFD) != -1;
+    return count;
+}
+
+void run_in_child(const Case &c, const Fault *fault, int nth, Report &report)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    const int nowhere = open("/dev/null", O_WRONLY);
+    dup2(nowhere, STDOUT_FILENO); // the library prints about refused allocations
+    close(nowhere);
+    alarm(kHangSeconds);
+
+    c.prepare();
+    const int before = count_descriptors();
+    arm(fault, nth);
+    report.result = c.call();
+    disarm();
+    report.happened = happened();
+    const auto &faults = all_faults();
+    for (size_t i = 0; i < faults.size(); i++)
+        report.calls[i] = faults[i]->calls();
+    c.clean();
+    report.blocks = blocks_in_use();
+    report.descriptors = count_descriptors() - before;
+
+    c.prepare();
+    report.later_result = c.call();
+    report.works = c.works();
+    c.clean();
+    report.later_descriptors = count_descriptors() - before;
+    report.finished = true;
+}
+
+// Runs a case with one fault, or none, in a process of its own. False when it came to no end.
+bool run(const Case &c, const Fault *fault, int nth, Report &result)
+{
+    Report &report = *shared_report();
+    report = Report{};
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        run_in_child(c, fault, nth, report);
+        _exit(0);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    result = report;
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM)
+        ADD_FAILURE() << "hangs";
+    else if (status != 0)
+        ADD_FAILURE() << "dies with wait status " << status;
+    return status == 0 && report.finished;
+}
+
+bool one_of(const std::vector<int64_t> &set, int64_t value)
+{
+    return std::find(set.begin(), set.end(), value) != set.end();
+}
+
+void check_run(const Case &c, const Report &dry, const Report &report)
+{
+    EXPECT_TRUE(one_of(c.good, report.result) || one_of(c.bad, report.result))
+        << "returned " << report.result;
+    EXPECT_LE(report.descriptors, c.kept) << "descriptors left open";
+#ifndef BV_SANITIZED
+    if (!c.threads) {
+        EXPECT_LE(report.blocks, dry.blocks) << "blocks lost";
+    }
+#else
+    (void)dry;
+#endif
+    EXPECT_TRUE(one_of(c.good, report.later_result)) << "then returned " << report.later_result;
+    EXPECT_LE(report.later_descriptors, 2 * c.kept) << "descriptors left open by the next call";
+    EXPECT_TRUE(report.works) << "the next call did not do its work";
+}
+
+// Lets one fault hit the first, second, ... call until it hits none. Returns how often it did.
+int sweep_fault(const Case &c, const Report &dry, const Fault &fault)
+{
+    for (int nth = 1; nth <= kMostCalls; nth++) {
+        SCOPED_TRACE(std::string(fault.name()) + " number " + std::to_string(nth) + " fails");
+        Report report;
+        if (!run(c, &fault, nth, report))
+            return nth; // said already
+        if (!report.happened)
+            return nth - 1;
+        check_run(c, dry, report);
+    }
+    ADD_FAILURE() << "calls " << fault.name() << " without end";
+    return kMostCalls;
+}
+
+void sweep_case(const Case &c)
+{
+    SCOPED_TRACE(c.name);
+    Report dry;
+    {
+        SCOPED_TRACE("nothing fails");
+        if (!run(c, nullptr, 0, dry))
+            return;
+        EXPECT_TRUE(one_of(c.good, dry.result)) << "returned " << dry.result;
+        check_run(c, dry, dry);
+    }
+
+    int failures = 0;
+    std::string met;
+    const auto &faults = all_faults();
+    ASSERT_LE(faults.size(), sizeof(dry.calls) / sizeof(dry.calls[0]));
+    for (size_t i = 0; i < faults.size(); i++) {
+        if (dry.calls[i] == 0)
+            continue;
+        const int count = sweep_fault(c, dry, *faults[i]);
+        failures += count;
+        met += std::string(" ") + faults[i]->name() + ":" + std::to_string(count);
+    }
+    EXPECT_GT(failures, 0) << "nothing in it fails: it belongs to the plain ones";
+    printf("%-28s%4d failures:%s\n", c.name, failures, met.c_str());
+}
+
+} // namespace
+
+void sweep(const std::vector<Case> &cases)
+{
+    const char *only = getenv("SWEEP_ONLY"); // one function by name, while looking for a fault
+    for (const Case &c : cases) {
+        if (only == nullptr || strcmp(only, c.name) == 0)
+            sweep_case(c);
+    }
+}
+
+} // namespace sweep

@@ -149,7 +149,8 @@ BV_API int32_t bv_db_hash_free(void);
  * Finds a family.
  *
  * @param name  the family name
- * @return its record, owned by the database and valid until bv_db_hash_free(); null if unknown
+ * @return its record, owned by the database and valid until bv_db_hash_free(), with which every
+ *         reload begins; null if unknown
  */
 BV_API bv_db_family *bv_db_hash_find(const char *name);
 
@@ -231,7 +232,8 @@ BV_API int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode);
  * memory is not harmed, so a later call repairs the file.
  * Names and values are not escaped: a quote, a backslash or a control character in one makes the
  * whole file unreadable. A family without instances is written as instance 1 with its defaults.
- * Afterwards the descriptors' values are those of the last instance written.
+ * Afterwards the descriptors' values are those of the last instance written, and so is what a
+ * load then takes for a parameter that a file lacks.
  */
 BV_API int32_t bv_db_user_write(bv_list_head *list, const char *path);
 
@@ -247,12 +249,15 @@ BV_API int32_t bv_db_user_write(bv_list_head *list, const char *path);
  * A family that the file lacks gets instance 1, from its working image, if it has none. An
  * element that lacks a parameter takes the text which that one had in the element before it (the
  * template's default at first); services rely on that. An instance that exists is overwritten.
+ * Elements for which memory is short are left out, and the result is 0 all the same.
  */
 BV_API int32_t bv_db_user_read(bv_list_head *list, const char *path);
 
 /**
- * Finds an instance of a family.
+ * Finds an instance of a family, walking its list.
  *
+ * @param family  the family
+ * @param inst    the number
  * @return the first one of that number, owned by the family; null if there is none
  */
 BV_API bv_db_inst *bv_db_data_get_inst(bv_db_family *family, int32_t inst);
@@ -260,7 +265,8 @@ BV_API bv_db_inst *bv_db_data_get_inst(bv_db_family *family, int32_t inst);
 /**
  * Finds the first instance in list order.
  *
- * @param inst  where its number is stored
+ * @param family  the family
+ * @param inst    where its number is stored
  * @return the instance, owned by the family; null if there is none
  */
 BV_API bv_db_inst *bv_db_data_get_inst_first(bv_db_family *family, int32_t *inst);
@@ -268,20 +274,29 @@ BV_API bv_db_inst *bv_db_data_get_inst_first(bv_db_family *family, int32_t *inst
 /**
  * Finds the instance behind another one in list order, which is the order of adding.
  *
- * @param prev  number of the other one; of several, the first counts
- * @param inst  where the number found is stored
+ * @param family  the family
+ * @param prev    number of the other one; of several, the first counts
+ * @param inst    where the number found is stored
  * @return the instance, owned by the family; null if prev is absent or last
  */
 BV_API bv_db_inst *bv_db_data_get_inst_next(bv_db_family *family, int32_t prev, int32_t *inst);
 
-/** Looks up the highest instance number by walking the list: at least 1, also when it is empty. */
+/**
+ * Looks up the highest instance number by walking the list.
+ *
+ * @param family  the family
+ * @return at least 1: also for an empty list, for numbers that are all below, and for null
+ */
 BV_API int32_t bv_db_data_get_inst_max(bv_db_family *family);
 
 /**
  * Copies an instance's image out.
  *
- * @param buf     room for the image
- * @param buflen  bytes in buf; below the image size all of them are cleared and the copy fails
+ * @param family    the family
+ * @param instance  one of its instances
+ * @param buf       room for the image; null fails
+ * @param buflen    bytes in buf; below the image size all of them are cleared and the copy fails,
+ *                  above it the rest of buf stays as it was
  * @return 0, or the status of the bounded copy (bv_os_memcpy()); an image size of 0 or less
  *         copies nothing and is 0
  */
@@ -291,9 +306,11 @@ BV_API int32_t bv_db_data_get_context(bv_db_family *family, bv_db_inst *instance
 /**
  * Copies into an instance's image.
  *
- * @param buf     the new beginning of the image
- * @param buflen  bytes in buf; above the image size the image is cleared and the copy fails,
- *                below it the rest of the image stays
+ * @param family    the family
+ * @param instance  one of its instances
+ * @param buf       the new beginning of the image; null clears the image and fails
+ * @param buflen    bytes in buf; above the image size the image is cleared and the copy fails,
+ *                  below it the rest of the image stays
  * @return 0, or the status of the bounded copy (bv_os_memcpy()); an image size of 0 or less
  *         copies nothing and is 0
  */
@@ -303,7 +320,8 @@ BV_API int32_t bv_db_data_set_context(bv_db_family *family, bv_db_inst *instance
 /**
  * Adds an instance behind the others, without looking whether the number is taken.
  *
- * @param buf     the image
+ * @param family  the family
+ * @param buf     the image; copied
  * @param buflen  bytes in buf; above the image size (or buf null) the image is all zero, below
  *                it the rest is
  * @param inst    its number
@@ -314,17 +332,28 @@ BV_API int32_t bv_db_data_set_context(bv_db_family *family, bv_db_inst *instance
 BV_API int32_t bv_db_data_add_inst(bv_db_family *family, const void *buf, uint32_t buflen,
                                    int32_t inst);
 
-/** Takes an instance out of its family and releases it; returns 0. */
+/**
+ * Takes an instance out of its family and releases it.
+ *
+ * @param family    the family
+ * @param instance  one of its instances; invalid afterwards
+ * @return 0
+ */
 BV_API int32_t bv_db_data_del_inst(bv_db_family *family, bv_db_inst *instance);
 
-/** Releases every instance of a family; its highest number is 1 afterwards; returns 0. */
+/**
+ * Releases every instance of a family. Its highest number is 1 afterwards.
+ *
+ * @param family  the family
+ * @return 0
+ */
 BV_API int32_t bv_db_data_free(bv_db_family *family);
 
 /**
  * Adds an instance.
  *
  * @param name    the family
- * @param buf     its image
+ * @param buf     its image; copied
  * @param buflen  bytes in buf. Give the whole image: with more, or without buf, the new image is
  *                all zero and with less its rest is, and the result is 0 all the same.
  * @param inst    its number
@@ -339,6 +368,9 @@ BV_API int32_t bv_db_inst_add(const char *name, const void *buf, uint32_t buflen
 /**
  * Deletes an instance.
  *
+ * @param name  the family
+ * @param inst  its number
+ *
  * @retval BV_OK               deleted
  * @retval BV_ERR_NO_FAMILY    no such family
  * @retval BV_ERR_NO_INSTANCE  no such instance
@@ -348,7 +380,8 @@ BV_API int32_t bv_db_inst_del(const char *name, uint32_t inst);
 /**
  * Proposes a number for a new instance: the highest number plus 1. Nothing is added or reserved.
  *
- * @param out  where the number is stored
+ * @param name  the family
+ * @param out   where the number is stored
  *
  * @retval BV_OK             stored: 1 in a new family, at least 2 after any add or delete
  * @retval BV_ERR_NO_FAMILY  no such family, or out is null
@@ -357,7 +390,12 @@ BV_API int32_t bv_db_inst_del(const char *name, uint32_t inst);
  */
 BV_API int32_t bv_db_inst_getnew(const char *name, uint32_t *out);
 
-/** The number of instances of a family; 0 also when there is no such family. */
+/**
+ * Counts the instances of a family.
+ *
+ * @param name  the family
+ * @return their number; 0 also when there is no such family
+ */
 BV_API int32_t bv_db_inst_getnum(const char *name);
 
 /**
@@ -378,6 +416,7 @@ BV_API int32_t bv_db_read(const char *name, void *buf, uint32_t buflen, uint32_t
 /**
  * Reads the first instance in list order; the start of a walk over all of them.
  *
+ * @param name         the family
  * @param buf, buflen  as for bv_db_read()
  * @param inst         where its number is stored
  *
@@ -390,6 +429,7 @@ BV_API int32_t bv_db_read_first(const char *name, void *buf, uint32_t buflen, ui
 /**
  * Reads the instance behind another one in list order (the order of adding, not of numbers).
  *
+ * @param name         the family
  * @param buf, buflen  as for bv_db_read()
  * @param prev         the number that the last call of the walk gave
  * @param inst         where the number found is stored; may be the same object as prev
@@ -404,9 +444,11 @@ BV_API int32_t bv_db_read_next(const char *name, void *buf, uint32_t buflen, uin
 /**
  * Overwrites an instance; it never makes one, not even instance 1.
  *
- * @param buf     the image
+ * @param name    the family
+ * @param buf     the image; copied
  * @param buflen  bytes in buf. Give the whole image: with more, or without buf, the image is all
  *                zero afterwards, with less its rest stays, and the result is 0 all the same.
+ * @param inst    its number
  *
  * @retval BV_OK               overwritten
  * @retval BV_ERR_NO_FAMILY    no such family

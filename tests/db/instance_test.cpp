@@ -317,6 +317,11 @@ TEST_F(DbInstances, RecordLevelLooksUpTheFirstOfItsNumber)
     uint32_t buf = 0;
     EXPECT_EQ(bv_db_data_get_context(hosts, second, &buf, 4), 0);
     EXPECT_EQ(buf, 11u);
+    uint32_t behind = 0;
+    buf = 0;
+    EXPECT_EQ(bv_db_read_next("hosts", &buf, 4, 1, &behind), BV_OK);
+    EXPECT_EQ(behind, 1u);
+    EXPECT_EQ(buf, 11u);
     EXPECT_EQ(bv_db_data_del_inst(hosts, first), 0);
     EXPECT_EQ(bv_db_data_get_inst(hosts, 1), second);
     EXPECT_EQ(bv_db_data_get_inst_next(hosts, 1, &number)->number, 2);

@@ -216,4 +216,13 @@ TEST_F(DbRegistry, FreeDropsFamiliesAndKeepsRegistrationsAndTheReadyFlag)
     EXPECT_EQ(bv_db_hash_free(), BV_OK) << "of an empty database";
 }
 
+TEST_F(DbRegistry, ADefaultImageOutlivesItsFamily)
+{
+    bv_db_family *lan = user_family("lan.json", kLan);
+    const uint8_t *image = lan->default_image;
+    Bytes before = default_image(lan);
+    bv_db_hash_free();
+    EXPECT_EQ(Bytes(image, image + before.size()), before);
+}
+
 } // namespace

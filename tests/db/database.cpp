@@ -9,14 +9,6 @@ const std::vector<Parameter> kLan = {{"ipaddr", "ip", 4, "192.168.1.1"},
                                      {"mtu", "ushort", 2, "1500"},
                                      {"hostname", "string", 32, "gw"}};
 
-// What the database never frees, so that the leak checker looks for the rest only: the default
-// image of every family, and what an earlier bv_db_init() led to.
-extern "C" const char *__lsan_default_suppressions();
-extern "C" const char *__lsan_default_suppressions()
-{
-    return "leak:make_default_image\nleak:bv_db_init\nleak:register_name\n";
-}
-
 std::string template_text(const std::vector<Parameter> &parameters)
 {
     std::ostringstream out;

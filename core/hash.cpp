@@ -222,15 +222,3 @@ void *bv::hash_add(bv_hash *table, const uint8_t *key, const void *data)
     Entry *entry = append_entry(*table, bucket, key, data);
     return entry == nullptr ? nullptr : entry->data;
 }
-
-void bv::hash_clear(bv_hash *table)
-{
-    if (!is_table(table))
-        return;
-
-    for (uint32_t i = 0; i < table->hashsize; i++) {
-        free_bucket(table->buckets[i]);
-        list_init(table->buckets[i]);
-    }
-    table->currnum = 0;
-}

@@ -1,5 +1,5 @@
 // What the database does with a table beyond the public calls. Hashing a key of 1024 bytes costs
-// more than everything else about an entry, so these do it once or not at all.
+// more than everything else about an entry, so adding one and finding it again is one step.
 #ifndef BV_CORE_HASH_H
 #define BV_CORE_HASH_H
 
@@ -10,9 +10,6 @@ namespace bv {
 // Adds an entry and returns its record. Null if the table holds the key already or is full, or if
 // memory is short.
 void *hash_add(bv_hash *table, const uint8_t *key, const void *data);
-
-// Removes all entries.
-void hash_clear(bv_hash *table);
 
 } // namespace bv
 

@@ -97,6 +97,8 @@ int32_t bv_db_reg_factory(const char *name)
     return register_name(g_st_db_mng.factory_list, name);
 }
 
+// Each record goes by its own name, so that what a service keeps in the table beside the families
+// stays there.
 int32_t bv_db_hash_free(void)
 {
     bv_list_head &families = g_st_db_mng.family_list;
@@ -104,9 +106,9 @@ int32_t bv_db_hash_free(void)
         bv_db_family *family = bv::family_of(families.next);
         bv::release_contents(*family);
         bv::list_unlink(family->link);
+        bv::FamilyKey key(family->name);
+        bv_hash_remove(g_st_db_mng.table, key.data());
     }
-    // All records at once: taking them out by name would hash each padded name once more.
-    bv::hash_clear(g_st_db_mng.table);
     return BV_OK;
 }
 

@@ -216,6 +216,21 @@ TEST_F(DbRegistry, FreeDropsFamiliesAndKeepsRegistrationsAndTheReadyFlag)
     EXPECT_EQ(bv_db_hash_free(), BV_OK) << "of an empty database";
 }
 
+TEST_F(DbRegistry, FreeLeavesWhatAServiceKeepsInTheTableBesideTheFamilies)
+{
+    uint8_t key[1024] = "a service's own";
+    bv_db_family record = {};
+    record.para_count = 7;
+    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    bv_db_hash_add("wan");
+
+    EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    EXPECT_EQ(g_st_db_mng.table->currnum, 1u);
+    auto *kept = static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, key));
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->para_count, 7);
+}
+
 TEST_F(DbRegistry, ADefaultImageOutlivesItsFamily)
 {
     bv_db_family *lan = user_family("lan.json", kLan);

@@ -33,24 +33,29 @@ struct field {
 };
 
 #define FIELD(family, member, kind)                                                                \
-    {#member, kind, offsetof(struct family, member), sizeof(((struct family *)0)->member)}
+    {                                                                                              \
+#member, kind, offsetof(struct family, member), sizeof(((struct family *)0)->member)       \
+    }
 
-static const struct field lan_fields[] = {
-    FIELD(lan, ipaddr, IP),     FIELD(lan, netmask, IP), FIELD(lan, mtu, U16),
-    FIELD(lan, hostname, TEXT), FIELD(lan, dhcp, U8),    {NULL, TEXT, 0, 0}};
-static const struct field wan_fields[] = {
-    FIELD(wan, protocol, TEXT), FIELD(wan, macaddr, MAC), FIELD(wan, gateway, IP),
-    FIELD(wan, mtu, U16),       FIELD(wan, metric, I32),  FIELD(wan, byte_limit, U32),
-    {NULL, TEXT, 0, 0}};
+static const struct field lan_fields[] = {FIELD(lan, ipaddr, IP), FIELD(lan, netmask, IP),
+                                          FIELD(lan, mtu, U16),   FIELD(lan, hostname, TEXT),
+                                          FIELD(lan, dhcp, U8),   {NULL, TEXT, 0, 0}};
+static const struct field wan_fields[] = {FIELD(wan, protocol, TEXT), FIELD(wan, macaddr, MAC),
+                                          FIELD(wan, gateway, IP),    FIELD(wan, mtu, U16),
+                                          FIELD(wan, metric, I32),    FIELD(wan, byte_limit, U32),
+                                          {NULL, TEXT, 0, 0}};
 static const struct field wireless_fields[] = {
     FIELD(wireless, ssid, TEXT),  FIELD(wireless, bssid, MAC), FIELD(wireless, channel, U8),
     FIELD(wireless, txpower, I8), FIELD(wireless, noise, I16), {NULL, TEXT, 0, 0}};
-static const struct field dhcp_host_fields[] = {
-    FIELD(dhcp_host, name, TEXT), FIELD(dhcp_host, mac, MAC), FIELD(dhcp_host, ip, IP),
-    FIELD(dhcp_host, lease, U32), {NULL, TEXT, 0, 0}};
-static const struct field board_fields[] = {
-    FIELD(board, serial, TEXT), FIELD(board, base_mac, MAC), FIELD(board, revision, U32),
-    {NULL, TEXT, 0, 0}};
+static const struct field dhcp_host_fields[] = {FIELD(dhcp_host, name, TEXT),
+                                                FIELD(dhcp_host, mac, MAC),
+                                                FIELD(dhcp_host, ip, IP),
+                                                FIELD(dhcp_host, lease, U32),
+                                                {NULL, TEXT, 0, 0}};
+static const struct field board_fields[] = {FIELD(board, serial, TEXT),
+                                            FIELD(board, base_mac, MAC),
+                                            FIELD(board, revision, U32),
+                                            {NULL, TEXT, 0, 0}};
 
 static const struct {
     const char *name;
@@ -274,9 +279,11 @@ static void event(void)
 
 static int usage(void)
 {
-    fputs("usage: caller show FAMILY [INSTANCE] | list FAMILY | set FAMILY INSTANCE NAME=VALUE ... |\n"
-          "       add FAMILY NAME=VALUE ... | trigger COMMAND | switch MODULE LEVEL on|off | event\n",
-          stderr);
+    fputs(
+        "usage: caller show FAMILY [INSTANCE] | list FAMILY | set FAMILY INSTANCE NAME=VALUE ... "
+        "|\n"
+        "       add FAMILY NAME=VALUE ... | trigger COMMAND | switch MODULE LEVEL on|off | event\n",
+        stderr);
     return 2;
 }
 

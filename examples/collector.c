@@ -15,7 +15,10 @@
 
 #define HEADER 10
 
-static unsigned get16(const unsigned char *at) { return (unsigned)(at[0] << 8 | at[1]); }
+static unsigned get16(const unsigned char *at)
+{
+    return (unsigned)(at[0] << 8 | at[1]);
+}
 
 static void print(const unsigned char *datagram, size_t length)
 {

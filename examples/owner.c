@@ -116,9 +116,8 @@ static uint32_t config_walk(void *data, uint32_t length)
     message->status = message->instance == 0
                           ? bv_db_read_first(message->family, message->image,
                                              sizeof(message->image), &message->instance)
-                          : bv_db_read_next(message->family, message->image,
-                                            sizeof(message->image), message->instance,
-                                            &message->instance);
+                          : bv_db_read_next(message->family, message->image, sizeof(message->image),
+                                            message->instance, &message->instance);
     return BV_OK;
 }
 

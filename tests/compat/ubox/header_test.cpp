@@ -208,7 +208,8 @@ TEST(CallocA, PiecesShareOneZeroedBlock)
     const ptrdiff_t pointer = sizeof(void *);
     EXPECT_EQ(second - first, pointer);
     EXPECT_EQ(third - second, pointer < 5 ? 2 * pointer : pointer);
-    EXPECT_EQ(std::string(first, size_t(third - first) + 8), std::string(size_t(third - first) + 8, '\0'));
+    EXPECT_EQ(std::string(first, size_t(third - first) + 8),
+              std::string(size_t(third - first) + 8, '\0'));
     free(first);
 }
 

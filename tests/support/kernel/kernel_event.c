@@ -61,8 +61,8 @@ int main(int argc, char **argv)
     message.header.nlmsg_len = (unsigned)(sizeof(message.header) + length);
     message.header.nlmsg_type = (unsigned short)atoi(argv[2]);
     memcpy(message.text, argv[3], length);
-    if (fd < 0 || sendto(fd, &message, message.header.nlmsg_len, 0, (struct sockaddr *)&to,
-                         sizeof(to)) < 0) {
+    if (fd < 0 ||
+        sendto(fd, &message, message.header.nlmsg_len, 0, (struct sockaddr *)&to, sizeof(to)) < 0) {
         perror("kernel_event");
         return 1;
     }

@@ -20,7 +20,9 @@ build: deps ## builds everything for this workstation
 	@cmake --preset $(PRESET)
 	@cmake --build --preset $(PRESET)
 
-demo: build ## shows the main job, start to end
+demo: deps ## shows the main job, start to end
+	@cmake --preset $(PRESET)
+	@cmake --build --preset $(PRESET) --target demo_programs
 	@examples/demo build/$(PRESET)
 
 test: build ## builds and runs every test of the workstation build

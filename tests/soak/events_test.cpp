@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -27,6 +28,9 @@ struct Numbered {
 std::atomic<uint32_t> g_arrived[kThreads];
 std::atomic<uint32_t> g_out_of_order{0};
 
+// Threads that stand ready: posting is over so soon that they would hardly meet.
+std::atomic<uint32_t> g_ready{0};
+
 void take(void *data, uint32_t length)
 {
     const auto *event = static_cast<const Numbered *>(data);
@@ -39,6 +43,9 @@ void take(void *data, uint32_t length)
 
 void post(uint32_t thread, uint32_t count)
 {
+    ++g_ready;
+    while (g_ready < kThreads)
+        sched_yield();
     for (uint32_t number = 0; number < count; number++) {
         while (number - g_arrived[thread] > kMostWaiting && g_out_of_order == 0)
             usleep(500);
@@ -67,6 +74,7 @@ bool wait_for(uint32_t count)
 
 void post_from_all(uint32_t each)
 {
+    g_ready = 0;
     std::vector<std::thread> threads;
     for (uint32_t i = 0; i < kThreads; i++)
         threads.emplace_back(post, i, each);
@@ -76,7 +84,7 @@ void post_from_all(uint32_t each)
 
 TEST(Soak, EventsOfEachThreadArriveAllAndInOrder)
 {
-    const uint32_t each = soak::parameter("SOAK_EVENTS", 40000) / kThreads;
+    const uint32_t each = soak::parameter("SOAK_EVENTS", 160000) / kThreads;
     ASSERT_EQ(bv_notifier_init(), BV_OK);
     for (uint32_t type = 1; type <= 13; type++)
         bv_notifier_reg(type, take);

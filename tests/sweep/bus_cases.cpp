@@ -306,6 +306,7 @@ std::vector<Case> client_cases()
             .works_when([] { return call_owner() == 42 && answer_is_right(); })
             .cleaned_by(end_client),
         Case("bv_ubus_client_call")
+            .is_honest()
             .prepared_by([] { bv_ubus_client_init(kOwner); })
             .calls(call_owner)
             .returns({42})

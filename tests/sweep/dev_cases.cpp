@@ -87,11 +87,13 @@ std::vector<Case> flash_cases()
             })
             .or_fails_with({BV_ERR_FAILED}),
         Case("bv_mtd_read")
+            .is_honest()
             .prepared_by(flash)
             .calls([] { return bv_mtd_read("conf", g_buffer, 16, sizeof g_buffer); })
             .or_fails_with({BV_ERR_FAILED, BV_ERR_OPEN, BV_ERR_SHORT_READ})
             .works_when([] { return g_buffer[0] == 'f' && g_buffer[sizeof g_buffer - 1] == 'f'; }),
         Case("bv_mtd_write")
+            .is_honest()
             .prepared_by(flash)
             .calls([] { return bv_mtd_write("conf", g_buffer, 16, sizeof g_buffer); })
             .or_fails_with({BV_ERR_FAILED, BV_ERR_OPEN, BV_ERR_SHORT_WRITE})

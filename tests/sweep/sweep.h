@@ -47,13 +47,25 @@ struct Case {
         clean = std::move(action);
         return *this;
     }
+    // Of the call that follows, when they may be others.
+    Case &then_returns(std::vector<int64_t> results)
+    {
+        later = std::move(results);
+        return *this;
+    }
     // Whether the call that follows a failed one did what it should; before cleaning.
     Case &works_when(std::function<bool()> check)
     {
         works = std::move(check);
         return *this;
     }
-    // Descriptors that every call keeps, on purpose.
+    // A result of `returns` is never given when something kept the call from its work.
+    Case &is_honest()
+    {
+        honest = true;
+        return *this;
+    }
+    // Descriptors that every call that worked keeps, on purpose.
     Case &keeps_descriptors(int count)
     {
         kept = count;
@@ -71,9 +83,11 @@ struct Case {
     std::function<int64_t()> call;
     std::vector<int64_t> good = {0};
     std::vector<int64_t> bad;
+    std::vector<int64_t> later; // none: as good
     std::function<void()> clean = [] {};
     std::function<bool()> works = [] { return true; };
     int kept = 0;
+    bool honest = false;
     bool threads = false;
 };
 

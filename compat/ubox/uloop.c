@@ -64,7 +64,7 @@ int uloop_run_timeout(int timeout)
 {
     // In this order: a signal between the two still ends the run.
     __atomic_store_n(&uloop_cancelled, false, __ATOMIC_RELAXED);
-    uloop_status = 0;
+    __atomic_store_n(&uloop_status, 0, __ATOMIC_RELAXED);
 
     run_depth++;
     do {
@@ -76,5 +76,5 @@ int uloop_run_timeout(int timeout)
     } while (timeout < 0 && !is_cancelled());
     run_depth--;
 
-    return uloop_status;
+    return __atomic_load_n(&uloop_status, __ATOMIC_RELAXED);
 }

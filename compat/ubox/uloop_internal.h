@@ -27,8 +27,8 @@ int signals_open(void);     // the wake-up pipe and the handlers; 0, or -1 with 
 void signals_restore(void); // takes the handlers back
 void signals_close(void);   // closes the pipe
 
-// Written by the signal handlers.
-extern volatile sig_atomic_t uloop_status; // signal that ended the current run, or 0
-extern volatile sig_atomic_t uloop_child_ended;
+// Written by the signal handlers, in whichever thread takes the signal: accessed atomically only.
+extern int uloop_status; // signal that ended the current run, or 0
+extern int uloop_child_ended;
 
 #endif

@@ -76,9 +76,9 @@ void processes_reap(void)
     for (struct ended *child = innermost; child; child = child->outer)
         call_all(child);
 
-    if (!uloop_child_ended)
+    if (!__atomic_load_n(&uloop_child_ended, __ATOMIC_RELAXED))
         return;
-    uloop_child_ended = 0;
+    __atomic_store_n(&uloop_child_ended, 0, __ATOMIC_RELAXED);
 
     for (;;) {
         int status;

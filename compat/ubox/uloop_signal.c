@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 bool uloop_handle_sigchld = true;
-volatile sig_atomic_t uloop_status;
-volatile sig_atomic_t uloop_child_ended;
+int uloop_status;
+int uloop_child_ended;
 
 static void drain(struct uloop_fd *reader, unsigned int events);
 
@@ -40,7 +40,7 @@ static void wake(void)
 
 static void on_end(int signo)
 {
-    uloop_status = signo;
+    __atomic_store_n(&uloop_status, signo, __ATOMIC_RELAXED);
     __atomic_store_n(&uloop_cancelled, true, __ATOMIC_RELAXED);
     wake();
 }
@@ -48,7 +48,7 @@ static void on_end(int signo)
 static void on_child(int signo)
 {
     (void)signo;
-    uloop_child_ended = 1;
+    __atomic_store_n(&uloop_child_ended, 1, __ATOMIC_RELAXED);
     wake();
 }
 

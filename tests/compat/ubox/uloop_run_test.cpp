@@ -2,6 +2,7 @@
 
 #include "compat/ubox/loop_support.h"
 
+#include <atomic>
 #include <cerrno>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -144,12 +145,17 @@ TEST_F(UloopRun, ANestedTurnClearsAPendingEnd)
 TEST_F(UloopRun, AnEndFromAnotherThreadIsNoticedAfterTheWait)
 {
     Stopwatch watch;
+    std::atomic<bool> running{false};
+    Timer start([&](Timer &) { running = true; });
     Timer timer([](Timer &) {});
-    std::thread other([] {
+    std::thread other([&] {
+        while (!running)
+            sleep_ms(1); // an end before the run would be lost
         sleep_ms(20);
         uloop_end();
     });
 
+    uloop_timeout_set(&start, 0);
     uloop_timeout_set(&timer, 100);
     uloop_run();
     EXPECT_GE(watch.ms(), 98);

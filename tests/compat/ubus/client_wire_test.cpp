@@ -265,9 +265,10 @@ TEST_F(Request, ANegativeTimeOutSendsAndLeaves)
 TEST_F(Request, NoTimeOutWaitsAndLargeOnesDoNotOverflow)
 {
     for (int timeout : {0, INT32_MAX}) {
+        const auto sequence = static_cast<uint16_t>(ctx->request_seq + 1);
         std::thread daemon([&] {
             usleep(150000);
-            bus.send_status(ctx->request_seq, kObject, 8);
+            bus.send_status(sequence, kObject, 8);
         });
         EXPECT_EQ(call(timeout), 8);
         daemon.join();

@@ -126,7 +126,7 @@ static inline int uloop_run(void)
 
 static inline void uloop_end(void)
 {
-    uloop_cancelled = true;
+    __atomic_store_n(&uloop_cancelled, true, __ATOMIC_RELAXED); /* any thread may */
 }
 
 #ifdef __cplusplus

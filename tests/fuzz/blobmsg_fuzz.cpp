@@ -8,10 +8,11 @@ namespace {
 
 constexpr int kSlots = 10;
 constexpr blobmsg_policy kPolicy[kSlots] = {
-    {"func", BLOBMSG_TYPE_STRING}, {"len", BLOBMSG_TYPE_INT32},  {"data", BLOBMSG_TYPE_UNSPEC},
-    {"a", BLOBMSG_TYPE_INT8},      {"b", BLOBMSG_TYPE_INT16},    {"c", BLOBMSG_TYPE_INT64},
-    {"t", BLOBMSG_TYPE_TABLE},     {"l", BLOBMSG_TYPE_ARRAY},    {"d", BLOBMSG_TYPE_DOUBLE},
-    {"n", static_cast<enum blobmsg_type>(BLOBMSG_CAST_INT64)}};
+    {"func", BLOBMSG_TYPE_STRING}, {"len", BLOBMSG_TYPE_INT32},
+    {"data", BLOBMSG_TYPE_UNSPEC}, {"a", BLOBMSG_TYPE_INT8},
+    {"b", BLOBMSG_TYPE_INT16},     {"c", BLOBMSG_TYPE_INT64},
+    {"t", BLOBMSG_TYPE_TABLE},     {"l", BLOBMSG_TYPE_ARRAY},
+    {"d", BLOBMSG_TYPE_DOUBLE},    {"n", static_cast<enum blobmsg_type>(BLOBMSG_CAST_INT64)}};
 
 void read_field(blob_attr *field)
 {
@@ -78,7 +79,8 @@ void check_field(fuzz::Block &block)
             read_field(field);
         }
     }
-    for (int type : {0, static_cast<int>(BLOBMSG_TYPE_STRING), static_cast<int>(BLOBMSG_TYPE_INT32)}) {
+    for (int type :
+         {0, static_cast<int>(BLOBMSG_TYPE_STRING), static_cast<int>(BLOBMSG_TYPE_INT32)}) {
         const int count = blobmsg_check_array_len(field, type, block.size());
         FUZZ_CHECK(count >= -1);
         FUZZ_CHECK(blobmsg_check_attr_list_len(field, type, block.size()) == (count >= 0));

@@ -117,7 +117,8 @@ void play_record(fuzz::Input &input, Peer (&peers)[kClients])
     if ((how & 0x80) != 0)
         peer.send(bytes);
     else
-        peer.send(framed(fuzz::Input(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size())));
+        peer.send(
+            framed(fuzz::Input(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size())));
     run_daemon();
     if ((how & 0x20) == 0)
         peer.receive();

@@ -14,9 +14,9 @@ constexpr uintptr_t kLowAddress = 0x100000;
 
 inline char *map_low_memory()
 {
-    void *place = mmap(reinterpret_cast<void *>(kLowAddress), 2 * kLowAddress,
-                       PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    void *place =
+        mmap(reinterpret_cast<void *>(kLowAddress), 2 * kLowAddress, PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     FUZZ_CHECK(place == reinterpret_cast<void *>(kLowAddress));
     return static_cast<char *>(place);
 }

@@ -52,10 +52,11 @@ struct Directive {
     Kind kind;
 };
 constexpr Directive kDirectives[] = {
-    {"d", Kind::kInt},        {"u", Kind::kInt},     {"hhx", Kind::kInt},      {"ho", Kind::kInt},
-    {"c", Kind::kInt},        {"ld", Kind::kLong},   {"lX", Kind::kLong},      {"zu", Kind::kLong},
-    {"lld", Kind::kLongLong}, {"jo", Kind::kLongLong}, {"e", Kind::kDouble},   {"f", Kind::kDouble},
-    {"g", Kind::kDouble},     {"G", Kind::kDouble},  {"Lf", Kind::kLongDouble},
+    {"d", Kind::kInt},         {"u", Kind::kInt},    {"hhx", Kind::kInt},
+    {"ho", Kind::kInt},        {"c", Kind::kInt},    {"ld", Kind::kLong},
+    {"lX", Kind::kLong},       {"zu", Kind::kLong},  {"lld", Kind::kLongLong},
+    {"jo", Kind::kLongLong},   {"e", Kind::kDouble}, {"f", Kind::kDouble},
+    {"g", Kind::kDouble},      {"G", Kind::kDouble}, {"Lf", Kind::kLongDouble},
     {"Lg", Kind::kLongDouble}, {"s", Kind::kText}};
 
 double as_double(uint64_t bits)

@@ -81,9 +81,8 @@ void uloop_done(void) {}
 int ubus_send_reply(ubus_context *, ubus_request_data *, blob_attr *message)
 {
     FUZZ_CHECK(g_calls == 1 && g_statuses == 0);
-    const blobmsg_policy policy[] = {{"return", BLOBMSG_TYPE_INT32},
-                                     {"len", BLOBMSG_TYPE_INT32},
-                                     {"data", BLOBMSG_TYPE_UNSPEC}};
+    const blobmsg_policy policy[] = {
+        {"return", BLOBMSG_TYPE_INT32}, {"len", BLOBMSG_TYPE_INT32}, {"data", BLOBMSG_TYPE_UNSPEC}};
     blob_attr *fields[3];
     blobmsg_parse(policy, 3, fields, blob_data(message), static_cast<unsigned>(blob_len(message)));
     FUZZ_CHECK(fields[0] != nullptr && blobmsg_get_u32(fields[0]) == kHandlerResult);

@@ -20,10 +20,10 @@ struct NumberDirective {
     size_t size;
 };
 constexpr NumberDirective kNumbers[] = {
-    {"%hhd", sizeof(char)},      {"%hu", sizeof(short)},   {"%d", sizeof(int)},
-    {"%5i", sizeof(int)},        {"%lx", sizeof(long)},    {"%llo", sizeof(long long)},
-    {"%zu", sizeof(size_t)},     {"%jd", sizeof(intmax_t)}, {"%td", sizeof(ptrdiff_t)},
-    {"%p", sizeof(void *)},      {"%f", sizeof(float)},    {"%lg", sizeof(double)},
+    {"%hhd", sizeof(char)},       {"%hu", sizeof(short)},    {"%d", sizeof(int)},
+    {"%5i", sizeof(int)},         {"%lx", sizeof(long)},     {"%llo", sizeof(long long)},
+    {"%zu", sizeof(size_t)},      {"%jd", sizeof(intmax_t)}, {"%td", sizeof(ptrdiff_t)},
+    {"%p", sizeof(void *)},       {"%f", sizeof(float)},     {"%lg", sizeof(double)},
     {"%Le", sizeof(long double)}, {"%*d%n", sizeof(int)}};
 
 struct TextDirective {
@@ -32,10 +32,10 @@ struct TextDirective {
     bool terminated;
 };
 constexpr TextDirective kTexts[] = {
-    {"%s", false, true},    {"%4s", false, true},      {"%c", false, false},
+    {"%s", false, true},    {"%4s", false, true},       {"%c", false, false},
     {"%7c", false, false},  {"%[a-z0-9]", false, true}, {"%3[^\n]", false, true},
-    {"%ls", true, true},    {"%3S", true, true},       {"%lc", true, false},
-    {"%l[ab]", true, true}, {" %s", false, true},      {"%[]x-]", false, true}};
+    {"%ls", true, true},    {"%3S", true, true},        {"%lc", true, false},
+    {"%l[ab]", true, true}, {" %s", false, true},       {"%[]x-]", false, true}};
 
 template <typename T, size_t N>
 const T &pick(const T (&table)[N], uint8_t index)

@@ -45,5 +45,5 @@ function(bv_add_test)
   endif()
   gtest_discover_tests(${T_NAME}
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 120 LABELS "${T_LABELS}" ${BV_TEST_ENVIRONMENT})
+    PROPERTIES TIMEOUT 120 ${BV_TEST_ENVIRONMENT} LABELS "${T_LABELS}")
 endfunction()

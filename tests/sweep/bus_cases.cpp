@@ -214,7 +214,7 @@ std::vector<Case> loop_cases()
                 a_pipe();
                 bv_uloop_fd_add(&g_watch, ULOOP_READ);
                 g_timer.cb = end_the_loop;
-                bv_uloop_timeout_set(&g_timer, 10);
+                bv_uloop_timeout_set(&g_timer, 100); // late enough for a slow machine to wait
             })
             .calls([] { return bv_uloop_run(); })
             .cleaned_by(drop_loop),
@@ -228,8 +228,10 @@ std::vector<Case> loop_cases()
             .prepared_by([] {
                 a_loop();
                 g_process.pid = fork();
-                if (g_process.pid == 0)
+                if (g_process.pid == 0) {
+                    usleep(50000); // the loop waits for it
                     _exit(0);
+                }
                 g_process.cb = [](uloop_process *, int) { uloop_end(); };
             })
             .calls([] {

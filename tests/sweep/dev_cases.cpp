@@ -25,6 +25,7 @@ constexpr char kDevice[] = "/dev/mtd0";
 constexpr char kDriver[] = "/dev/brovan";
 
 uint8_t g_buffer[2 * kBlock];
+uint8_t g_blank[kBlock];
 
 int answer(int fd, unsigned long request, void *argument)
 {
@@ -37,8 +38,7 @@ int answer(int fd, unsigned long request, void *argument)
     }
     if (request == MEMERASE) {
         const auto *range = static_cast<const erase_info_user *>(argument);
-        const std::string blank(range->length, '\xff');
-        return pwrite(fd, blank.data(), blank.size(), range->start) < 0 ? -1 : 0;
+        return pwrite(fd, g_blank, range->length, range->start) < 0 ? -1 : 0;
     }
     if (request == 0) {
         memset(static_cast<uint8_t *>(argument) + 260, 0, 4); // the driver's result
@@ -54,6 +54,7 @@ void flash()
                "dev:    size   erasesize  name\nmtd0: 00010000 00001000 \"conf\"\n");
     write_file(kDevice, std::string(kSize, 'f'));
     memset(g_buffer, 'b', sizeof g_buffer);
+    memset(g_blank, 0xff, sizeof g_blank);
 }
 
 void driver()
@@ -76,10 +77,11 @@ char byte_of_device(size_t at)
 
 } // namespace
 
-std::vector<Case> flash_cases()
+std::vector<Case> flash_reading_cases()
 {
     return {
         Case("bv_mtd_get_info")
+            .is_slow()
             .prepared_by(flash)
             .calls([] {
                 mtd_info_user info;
@@ -87,12 +89,20 @@ std::vector<Case> flash_cases()
             })
             .or_fails_with({BV_ERR_FAILED}),
         Case("bv_mtd_read")
+            .is_slow()
             .is_honest()
             .prepared_by(flash)
             .calls([] { return bv_mtd_read("conf", g_buffer, 16, sizeof g_buffer); })
             .or_fails_with({BV_ERR_FAILED, BV_ERR_OPEN, BV_ERR_SHORT_READ})
             .works_when([] { return g_buffer[0] == 'f' && g_buffer[sizeof g_buffer - 1] == 'f'; }),
+    };
+}
+
+std::vector<Case> flash_writing_cases()
+{
+    return {
         Case("bv_mtd_write")
+            .is_slow()
             .is_honest()
             .prepared_by(flash)
             .calls([] { return bv_mtd_write("conf", g_buffer, 16, sizeof g_buffer); })
@@ -102,10 +112,11 @@ std::vector<Case> flash_cases()
 }
 
 // On its own: with the blank check in it, this is the longest sweep of all.
-std::vector<Case> erase_cases()
+std::vector<Case> flash_erasing_cases()
 {
     return {
         Case("bv_mtd_erase")
+            .is_slow()
             .prepared_by(flash)
             .calls([] { return bv_mtd_erase("conf", kBlock, kBlock); })
             .or_fails_with({BV_ERR_FAILED, BV_ERR_OPEN})

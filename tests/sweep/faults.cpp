@@ -52,10 +52,15 @@ struct Range {
 Range g_ours[16];
 size_t g_ours_count;
 
-bool is_ours(const char *object)
+// The program itself has no name with some C libraries, with others its path.
+bool is_program(const dl_phdr_info &info, const ElfW(Phdr) & header)
 {
-    if (object[0] == '\0')
-        return true;
+    const auto here = reinterpret_cast<uintptr_t>(&all_faults);
+    return here - (info.dlpi_addr + header.p_vaddr) < header.p_memsz;
+}
+
+bool is_library(const char *object)
+{
     for (const char *name : {"libbv.so", "libubox.so", "libubus.so", "libboundscheck.so"}) {
         if (strstr(object, name) != nullptr)
             return true;
@@ -65,11 +70,11 @@ bool is_ours(const char *object)
 
 int note_range(dl_phdr_info *info, size_t, void *)
 {
-    if (!is_ours(info->dlpi_name))
-        return 0;
     for (int i = 0; i < info->dlpi_phnum; i++) {
         const auto &header = info->dlpi_phdr[i];
         if (header.p_type != PT_LOAD || (header.p_flags & PF_X) == 0)
+            continue;
+        if (!is_library(info->dlpi_name) && !is_program(*info, header))
             continue;
         const uintptr_t start = info->dlpi_addr + header.p_vaddr;
         g_ours[g_ours_count++] = {start, start + header.p_memsz};
@@ -265,6 +270,7 @@ FAULT(fwrite, "fwrite", size_t, (const void *from, size_t size, size_t n, FILE *
 FAULT(fseek, "fseek", int, (FILE *file, long at, int whence), (file, at, whence), -1, EINVAL);
 FAULT(fgets, "fgets", char *, (char *to, int size, FILE *file), (to, size, file), nullptr, EIO);
 FAULT(vfprintf, "vfprintf", int, (FILE *file, const char *format, va_list args), (file, format, args), -1, EIO);
+FAULT(vprintf, "vprintf", int, (const char *format, va_list args), (format, args), -1, EIO);
 FAULT(popen, "popen", FILE *, (const char *command, const char *type), (command, type), nullptr, EMFILE);
 FAULT(system, "system", int, (const char *command), (command), -1, ENOMEM);
 FAULT(regcomp, "regcomp", int, (regex_t *to, const char *pattern, int flags), (to, pattern, flags), REG_ESPACE, ENOMEM);
@@ -512,8 +518,7 @@ DEFINE(fcntl, FCNTL, int, (int fd, int command, void *argument))
     return NEXT(fcntl)(fd, command, argument);
 }
 
-DEFINE(semctl, TIMED("semctl", "__semctl_time64"), int,
-       (int id, int n, int command, void *argument))
+DEFINE(semctl, "semctl", int, (int id, int n, int command, void *argument))
 {
     if (armed() && fault_semctl.hits(CALLER)) {
         errno = EIDRM;
@@ -522,7 +527,7 @@ DEFINE(semctl, TIMED("semctl", "__semctl_time64"), int,
     return NEXT(semctl)(id, n, command, argument);
 }
 
-DEFINE(shmctl, TIMED("shmctl", "__shmctl_time64"), int, (int id, int command, shmid_ds *to))
+DEFINE(shmctl, "shmctl", int, (int id, int command, shmid_ds *to))
 {
     if (armed() && fault_shmctl.hits(CALLER)) {
         errno = EIDRM;

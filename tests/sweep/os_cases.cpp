@@ -27,6 +27,7 @@ int g_pair[2] = {-1, -1};
 FILE *g_stream;
 void *g_block;
 char g_text[256];
+char g_digits[5000];
 
 // A descriptor as a result: 0 and kept for cleaning, or the failure itself.
 int64_t keep(int fd)
@@ -218,11 +219,15 @@ std::vector<Case> stream_cases()
             .calls([] { return bv_os_printb("0123456789abcdef", 16); })
             .returns({2}),
         // A number of many digits takes memory of the bounded scan.
-        plain("bv_os_sscanf").calls([] {
-            float number = 0;
-            const std::string digits = "1." + std::string(5000, '5');
-            return bv_os_sscanf(digits.c_str(), "%f", &number) == 1 && number > 1 ? 0 : -1;
-        }),
+        plain("bv_os_sscanf")
+            .prepared_by([] {
+                memset(g_digits, '5', sizeof g_digits - 1);
+                g_digits[1] = '.';
+            })
+            .calls([] {
+                float number = 0;
+                return bv_os_sscanf(g_digits, "%f", &number) == 1 && number > 5 ? 0 : -1;
+            }),
         plain("bv_os_popen").calls([] { return keep(bv_os_popen("true", "r")); }).cleaned_by([] {
             if (g_stream != nullptr)
                 bv_os_pclose(g_stream);

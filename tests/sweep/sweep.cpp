@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,6 +19,8 @@ namespace {
 
 constexpr unsigned kHangSeconds = 60; // far beyond any time-out of the library
 constexpr int kMostCalls = 512;       // of one function in one call; more is a loop without end
+
+constexpr int kMostEmulated = 2; // of a slow one where it is emulated
 
 // What a run tells its parent.
 struct Report {
@@ -127,10 +130,17 @@ void check_run(const Case &c, const Report &dry, const Report &report)
     EXPECT_TRUE(report.works) << "the next call did not do its work";
 }
 
+bool is_cut(const Case &c)
+{
+    return c.slow && getenv("BV_ROOT_USERLAND") != nullptr;
+}
+
 // Lets one fault hit the first, second, ... call until it hits none. Returns how often it did.
 int sweep_fault(const Case &c, const Report &dry, const Fault &fault)
 {
-    for (int nth = 1; nth <= kMostCalls; nth++) {
+    const bool cut = is_cut(c);
+    const int most = cut ? kMostEmulated : kMostCalls;
+    for (int nth = 1; nth <= most; nth++) {
         SCOPED_TRACE(std::string(fault.name()) + " number " + std::to_string(nth) + " fails");
         Report report;
         if (!run(c, &fault, nth, report))
@@ -139,8 +149,8 @@ int sweep_fault(const Case &c, const Report &dry, const Fault &fault)
             return nth - 1;
         check_run(c, dry, report);
     }
-    ADD_FAILURE() << "calls " << fault.name() << " without end";
-    return kMostCalls;
+    EXPECT_TRUE(cut) << "calls " << fault.name() << " without end";
+    return most;
 }
 
 void sweep_case(const Case &c)
@@ -167,7 +177,8 @@ void sweep_case(const Case &c)
         met += std::string(" ") + faults[i]->name() + ":" + std::to_string(count);
     }
     EXPECT_GT(failures, 0) << "nothing in it fails: it belongs to the plain ones";
-    printf("%-28s%4d failures:%s\n", c.name, failures, met.c_str());
+    printf("%-28s%4d failures:%s%s\n", c.name, failures, met.c_str(),
+           is_cut(c) ? " (the first of each only: shells take long under emulation)" : "");
 }
 
 } // namespace

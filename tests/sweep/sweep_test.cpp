@@ -80,8 +80,9 @@ TEST(Sweep, EveryExportedNameIsSweptOrHasNothingThatFails)
     std::multiset<std::string> covered;
     for (const auto &cases :
          {sweep::os_cases(), sweep::ipc_cases(), sweep::debug_cases(), sweep::core_cases(),
-          sweep::db_cases(), sweep::crypto_cases(), sweep::flash_cases(), sweep::erase_cases(),
-          sweep::driver_cases(), sweep::message_cases(), sweep::loop_cases(), sweep::client_cases(),
+          sweep::db_cases(), sweep::crypto_cases(), sweep::flash_reading_cases(),
+          sweep::flash_writing_cases(), sweep::flash_erasing_cases(), sweep::driver_cases(),
+          sweep::message_cases(), sweep::loop_cases(), sweep::client_cases(),
           sweep::owner_cases()}) {
         for (const Case &c : cases)
             covered.insert(c.name);
@@ -129,14 +130,19 @@ TEST(Sweep, Crypto)
     sweep::sweep(sweep::crypto_cases());
 }
 
-TEST(Sweep, Flash)
+TEST(Sweep, FlashReading)
 {
-    sweep::sweep(sweep::flash_cases());
+    sweep::sweep(sweep::flash_reading_cases());
 }
 
-TEST(Sweep, FlashErase)
+TEST(Sweep, FlashWriting)
 {
-    sweep::sweep(sweep::erase_cases());
+    sweep::sweep(sweep::flash_writing_cases());
+}
+
+TEST(Sweep, FlashErasing)
+{
+    sweep::sweep(sweep::flash_erasing_cases());
 }
 
 TEST(Sweep, DriverAndTransfer)

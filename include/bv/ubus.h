@@ -504,7 +504,8 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  * @retval 4          no such object
  * @retval 6          the bus does not permit the call
  * @retval 7          no answer in time
- * @retval 10         not connected, or the connection was lost while waiting
+ * @retval 10         not connected, or the connection was lost while waiting; after 7 and 10 data
+ *                    may hold the answer's bytes, when those came and the end of the call did not
  * @retval 0x10000010 the reply lacked a field
  *
  * A result of the function cannot be told from a bus status of the same number. An answer without

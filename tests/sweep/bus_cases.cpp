@@ -229,7 +229,7 @@ std::vector<Case> loop_cases()
                 a_loop();
                 g_process.pid = fork();
                 if (g_process.pid == 0) {
-                    usleep(50000); // the loop waits for it
+                    usleep(200000); // the loop waits for it, also on a slow machine
                     _exit(0);
                 }
                 g_process.cb = [](uloop_process *, int) { uloop_end(); };

@@ -2,23 +2,9 @@
 
 #include "ubusd.h"
 
-#include <string.h>
+#include "../attributes.h"
 
-static const struct blob_attr_info kAttributes[UBUS_ATTR_MAX] = {
-    [UBUS_ATTR_STATUS] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_OBJPATH] = {.type = BLOB_ATTR_STRING},
-    [UBUS_ATTR_OBJID] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_METHOD] = {.type = BLOB_ATTR_STRING},
-    [UBUS_ATTR_OBJTYPE] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_SIGNATURE] = {.type = BLOB_ATTR_NESTED},
-    [UBUS_ATTR_DATA] = {.type = BLOB_ATTR_NESTED},
-    [UBUS_ATTR_TARGET] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_ACTIVE] = {.type = BLOB_ATTR_INT8},
-    [UBUS_ATTR_NO_REPLY] = {.type = BLOB_ATTR_INT8},
-    [UBUS_ATTR_SUBSCRIBERS] = {.type = BLOB_ATTR_NESTED},
-    [UBUS_ATTR_USER] = {.type = BLOB_ATTR_STRING},
-    [UBUS_ATTR_GROUP] = {.type = BLOB_ATTR_STRING},
-};
+#include <string.h>
 
 void put_be32(uint8_t *to, uint32_t value)
 {

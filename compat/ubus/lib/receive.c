@@ -7,26 +7,12 @@
 
 #include "internal.h"
 
+#include "../attributes.h"
+
 enum {
     // The daemon may add the caller's names to the largest request; stay in step with it.
     kBodyMaximum = UBUS_MAX_MSGLEN + UBUS_MSG_CHUNK_SIZE,
     kReadsBeforeShrinking = 32,
-};
-
-static const struct blob_attr_info kAttributes[UBUS_ATTR_MAX] = {
-    [UBUS_ATTR_STATUS] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_OBJPATH] = {.type = BLOB_ATTR_STRING},
-    [UBUS_ATTR_OBJID] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_METHOD] = {.type = BLOB_ATTR_STRING},
-    [UBUS_ATTR_OBJTYPE] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_SIGNATURE] = {.type = BLOB_ATTR_NESTED},
-    [UBUS_ATTR_DATA] = {.type = BLOB_ATTR_NESTED},
-    [UBUS_ATTR_TARGET] = {.type = BLOB_ATTR_INT32},
-    [UBUS_ATTR_ACTIVE] = {.type = BLOB_ATTR_INT8},
-    [UBUS_ATTR_NO_REPLY] = {.type = BLOB_ATTR_INT8},
-    [UBUS_ATTR_SUBSCRIBERS] = {.type = BLOB_ATTR_NESTED},
-    [UBUS_ATTR_USER] = {.type = BLOB_ATTR_STRING},
-    [UBUS_ATTR_GROUP] = {.type = BLOB_ATTR_STRING},
 };
 
 static uint32_t get_be32(const uint8_t *from)

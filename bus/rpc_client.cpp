@@ -21,20 +21,17 @@ blob_buf g_request;         // reused for every call
 // without a reply returning what the call before it did.
 uint32_t g_last_result;
 
-// What the caller of the call under way gave us to fill.
-struct CallerBuffer {
-    void *data;
-    uint32_t length;
-};
+// Bytes at the data of the call under way, which is the private pointer of its request.
+uint32_t g_room;
 
 // Another process wrote the reply: it decides neither how much the caller's buffer takes nor how
 // much of the message is there.
-void copy_reply(const CallerBuffer &buffer, const bv::RpcReply &reply)
+void copy_reply(void *data, const bv::RpcReply &reply)
 {
-    const uint32_t length = std::min({reply.length, reply.available, buffer.length});
-    if (buffer.data == nullptr || length == 0)
+    const uint32_t length = std::min({reply.length, reply.available, g_room});
+    if (data == nullptr || length == 0)
         return;
-    bv_os_memcpy(buffer.data, length, reply.data, length);
+    bv_os_memcpy(data, length, reply.data, length);
 }
 
 void take_reply(ubus_request *req, int, blob_attr *message)
@@ -45,7 +42,7 @@ void take_reply(ubus_request *req, int, blob_attr *message)
         return;
     }
     g_last_result = reply.result;
-    copy_reply(*static_cast<const CallerBuffer *>(req->priv), reply);
+    copy_reply(req->priv, reply);
 }
 
 // What exceeds a message by itself is not even built: the buffer would keep that size for ever, and
@@ -80,9 +77,9 @@ uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len)
     if (!bv::rpc_build_request(g_request, func_name, data, len))
         return UBUS_STATUS_INVALID_ARGUMENT;
 
-    CallerBuffer buffer = {data, len};
+    g_room = len;
     const int status = bv_ubus_invoke(g_connection, g_object_id, bv::kMethodName, g_request.head,
-                                      take_reply, &buffer, kCallTimeoutMs);
+                                      take_reply, data, kCallTimeoutMs);
     if (status != UBUS_STATUS_OK)
         return static_cast<uint32_t>(status);
     return g_last_result;

@@ -17,14 +17,18 @@
 using wire::Bytes;
 using wire::Message;
 
-// Sees how long the library lets the bus wait for an answer.
+// Sees how long the library lets the bus wait for an answer and what the answer's handler is given,
+// and may keep that from it.
 int g_timeout_ms;
+void *g_priv;
+bool g_keep_priv;
 extern "C" int ubus_invoke_fd(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
                               ubus_data_handler_t cb, void *priv, int timeout, int fd)
 {
     g_timeout_ms = timeout;
-    return next_function<decltype(ubus_invoke_fd)>("ubus_invoke_fd")(ctx, obj, method, msg, cb,
-                                                                     priv, timeout, fd);
+    g_priv = priv;
+    return next_function<decltype(ubus_invoke_fd)>("ubus_invoke_fd")(
+        ctx, obj, method, msg, cb, g_keep_priv ? nullptr : priv, timeout, fd);
 }
 
 namespace {
@@ -148,6 +152,20 @@ TEST(RpcClient, TheReplysBytesReplaceTheCallersAndItsResultIsReturned)
     Client client(reply_with(wire::reply(7, 6, {9, 8, 7, 6, 5, 4})));
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(client.buffer, (Bytes{9, 8, 7, 6, 5, 4}));
+}
+
+TEST(RpcClient, TheCallersBytesAreThePrivatePointerOfTheRequest)
+{
+    Client client({reply_with(wire::reply(7, 6, Bytes(6, 9))), reply_with(wire::reply(8, 0, {})),
+                   reply_with(wire::reply(9, 6, Bytes(6, 1)))});
+    EXPECT_EQ(client.call(), 7u);
+    EXPECT_EQ(g_priv, client.buffer.data());
+    EXPECT_EQ(bv_ubus_client_call("get", nullptr, 0), 8u);
+    EXPECT_EQ(g_priv, nullptr);
+
+    g_keep_priv = true; // a reply that belongs to nobody's bytes still has a result
+    EXPECT_EQ(client.call(), 9u);
+    EXPECT_EQ(client.buffer, Bytes(6, 9));
 }
 
 TEST(RpcClient, EveryResultComesThrough)

@@ -5,8 +5,14 @@
 #include "uloop_internal.h"
 
 #include <errno.h>
+#include <pthread.h>
 
 bool uloop_cancelled;
+
+// Connecting to the bus opens the loop too, so a process whose server and client start on threads
+// of their own opens it from both at once. The second opening would replace the descriptor that
+// the server's socket was just added to, and the server would wait for ever.
+static pthread_mutex_t life = PTHREAD_MUTEX_INITIALIZER;
 
 // Runs in progress: callbacks may run the loop again.
 static unsigned int run_depth;
@@ -17,7 +23,7 @@ static bool is_cancelled(void)
     return __atomic_load_n(&uloop_cancelled, __ATOMIC_RELAXED);
 }
 
-int uloop_init(void)
+static int open_locked(void)
 {
     if (poll_is_open())
         return 0;
@@ -35,8 +41,17 @@ int uloop_init(void)
     return 0;
 }
 
+int uloop_init(void)
+{
+    pthread_mutex_lock(&life);
+    int status = open_locked();
+    pthread_mutex_unlock(&life);
+    return status;
+}
+
 void uloop_done(void)
 {
+    pthread_mutex_lock(&life);
     // The poll object goes before anything is removed from it: in a forked child it is still the
     // parent's too, and a removal would be felt there.
     signals_restore();
@@ -44,6 +59,7 @@ void uloop_done(void)
     signals_close();
     timeouts_forget();
     processes_forget();
+    pthread_mutex_unlock(&life);
 }
 
 bool uloop_cancelling(void)

@@ -197,6 +197,27 @@ TEST(UloopLife, InitOpensThreeDescriptorsThatAreNotInherited)
     EXPECT_EQ(count_open_fds(), before);
 }
 
+// As in a process that serves on one thread and calls from another: both connect, and so init.
+TEST(UloopLife, TwoThreadsThatInitAtOnceOpenOneLoop)
+{
+    int before = count_open_fds();
+
+    for (int round = 0; round < 2000; round++) {
+        std::atomic<int> ready{0};
+        const auto init = [&] {
+            ready++;
+            while (ready < 2)
+                sched_yield();
+            EXPECT_EQ(uloop_init(), 0);
+        };
+        std::thread other(init);
+        init();
+        other.join();
+        uloop_done();
+        ASSERT_EQ(count_open_fds(), before) << "in round " << round;
+    }
+}
+
 TEST(UloopLife, AFailedInitLeavesNothingBehind)
 {
     rlimit limit, few;

@@ -2,8 +2,8 @@
  * Event loop: descriptors, timers and child processes of one thread.
  *
  * The records belong to the caller, are linked in place, and are neither copied nor freed
- * here. They must be zeroed before their first use. Nothing here is thread-safe; signals may
- * be taken by any thread.
+ * here. They must be zeroed before their first use. Only uloop_init() is thread-safe; signals
+ * may be taken by any thread.
  */
 #ifndef LIBUBOX_ULOOP_H
 #define LIBUBOX_ULOOP_H

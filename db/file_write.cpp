@@ -1,9 +1,9 @@
 // Data files, written.
 //
 // The text is built in one buffer and leaves in large pieces: one print call per line made a
-// commit several times slower. The file is rewritten in place, so its owner, mode and links stay
-// as the deployment set them; the price is a cut-off file when the power or the disk fails
-// half-way.
+// commit several times slower. The buffer is on the stack, so that settings can still be saved
+// when memory is short. The file is rewritten in place, so its owner, mode and links stay as the
+// deployment set them; the price is a cut-off file when the power or the disk fails half-way.
 
 #include <bv/db.h>
 
@@ -17,15 +17,17 @@
 
 namespace {
 
-constexpr uint32_t kBufferSize = 65536;
+constexpr uint32_t kBufferSize = 8192;
 constexpr mode_t kFileMode = 0600;
 
 // The text on its way to the file.
 struct Output {
+    explicit Output(FILE *file) : stream(file) {}
+
     FILE *stream;
-    char *buffer;
-    uint32_t length;
-    bool failed; // the disk is full: what follows would only leave a hole in the text
+    uint32_t length = 0;
+    bool failed = false; // the disk is full: what follows would only leave a hole in the text
+    char buffer[kBufferSize];
 };
 
 void flush(Output &out)
@@ -135,23 +137,15 @@ int32_t bv_db_user_write(bv_list_head *list, const char *path)
 {
     if (list == nullptr || path == nullptr)
         return BV_ERR_WRITE_OPEN;
-    // Before the file is opened, which empties it.
-    auto *buffer = static_cast<char *>(bv_os_malloc(kBufferSize));
-    if (buffer == nullptr)
-        return BV_ERR_MEMORY;
-
     FILE *stream = open_for_rewriting(path);
-    if (stream == nullptr) {
-        bv_os_free(buffer);
+    if (stream == nullptr)
         return BV_ERR_WRITE_OPEN;
-    }
 
-    Output out{stream, buffer, 0, false};
+    Output out(stream);
     put_literal(out, "{\n");
     put_families(out, *list);
     put_literal(out, "\n}\n");
     flush(out);
     bv_os_fclose(stream); // a full disk is not an error here: memory still has everything
-    bv_os_free(buffer);
     return BV_OK;
 }

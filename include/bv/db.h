@@ -225,11 +225,11 @@ BV_API int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode);
  *
  * @retval BV_OK             written, as far as the disk had room
  * @retval BV_ERR_WRITE_OPEN path cannot be opened for writing, or an argument is null
- * @retval BV_ERR_MEMORY     no memory for the text; the file is as it was
  *
  * The file is rewritten in place, without a temporary one: a power cut or a full disk leaves
  * only its beginning, which no load understands, and a full disk is not reported. What is in
- * memory is not harmed, so a later call repairs the file.
+ * memory is not harmed, so a later call repairs the file. The text needs no memory but 8 KiB of
+ * stack.
  * Names and values are not escaped: a quote, a backslash or a control character in one makes the
  * whole file unreadable. A family without instances is written as instance 1 with its defaults.
  * Afterwards the descriptors' values are those of the last instance written, and so is what a

@@ -82,10 +82,16 @@ TEST(SystemVSemaphores, FetchTheirArgumentWhenTheCommandHasOne)
     argument.array = values;
     EXPECT_EQ(bv_os_semctl(set, 0, SETALL, argument), 0);
     EXPECT_EQ(value_of(set, 1), 8);
+    EXPECT_EQ(bv_os_semctl(set, 1, GETVAL), 8);
+    Argument nine;
+    nine.val = 9;
+    EXPECT_EQ(bv_os_semctl(set, 1, SETVAL, nine), 0);
+    EXPECT_EQ(value_of(set, 0), 7); // only the one that was named
+    EXPECT_EQ(value_of(set, 1), 9);
     values[0] = values[1] = 0;
     EXPECT_EQ(bv_os_semctl(set, 0, GETALL, argument), 0);
     EXPECT_EQ(values[0], 7);
-    EXPECT_EQ(values[1], 8);
+    EXPECT_EQ(values[1], 9);
 
     semid_ds info = {};
     argument.buf = &info;

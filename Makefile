@@ -4,7 +4,7 @@
 FUZZ_SECONDS ?= 60
 export FUZZ_SECONDS
 
-.PHONY: help deps build demo test test-sanitize fuzz soak bench clang format clean install docs test-target test-gateway size
+.PHONY: help deps build demo test test-sanitize fuzz soak mutation bench clang format clean install docs test-target test-gateway size
 .DEFAULT_GOAL := help
 
 # Where CI is set, warnings are errors.
@@ -40,6 +40,9 @@ fuzz: deps ## fuzzes every input from outside, FUZZ_SECONDS (60) for each
 
 soak: build ## calls, events and commits at full length, SOAK_CALLS (200000) remote calls
 	@tests/soak/run build/default
+
+mutation: build ## breaks the library in one place at a time; every test that is missing shows
+	@tests/mutation/run build/$(PRESET)
 
 bench: ## runs the benchmarks beside their peers and writes docs/benchmarks.md
 	@tools/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \

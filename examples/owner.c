@@ -36,7 +36,7 @@ static void check_stop(struct uloop_timeout *timer)
         bv_uloop_timeout_set(timer, 100);
 }
 
-static struct uloop_timeout stop_timer = {.cb = check_stop};
+static struct uloop_timeout stop_timer; /* armed once the loop is there */
 
 static void on_link_event(void *data, uint32_t length)
 {
@@ -52,7 +52,7 @@ static void on_link_event(void *data, uint32_t length)
 
 static struct config_message *as_message(void *data, uint32_t length)
 {
-    struct config_message *message = data;
+    struct config_message *message = (struct config_message *)data;
 
     if (length < sizeof(*message))
         return NULL;
@@ -123,7 +123,8 @@ static uint32_t config_walk(void *data, uint32_t length)
 
 static uint32_t config_trigger(void *data, uint32_t length)
 {
-    return length < sizeof(uint32_t) ? BV_ERR_INVALID : (uint32_t)bv_db_trigger(data);
+    return length < sizeof(uint32_t) ? BV_ERR_INVALID
+                                     : (uint32_t)bv_db_trigger((const uint32_t *)data);
 }
 
 static uint32_t debug_switch(void *data, uint32_t length)
@@ -138,7 +139,7 @@ static uint32_t debug_switch(void *data, uint32_t length)
 static uint32_t last_event(void *data, uint32_t length)
 {
     bv_os_pthread_mutex_lock(&event_lock);
-    bv_os_strcpy(data, length, event_text);
+    bv_os_strcpy((char *)data, length, event_text);
     bv_os_pthread_mutex_unlock(&event_lock);
     return BV_OK;
 }
@@ -152,6 +153,7 @@ static int register_functions(void)
     bv_ubus_server_reg(FUNC_TRIGGER, config_trigger);
     bv_ubus_server_reg(FUNC_SWITCH, debug_switch);
     bv_ubus_server_reg(FUNC_EVENT, last_event);
+    stop_timer.cb = check_stop;
     bv_uloop_timeout_set(&stop_timer, 100);
     puts("owner: serving");
     fflush(stdout);
@@ -183,13 +185,14 @@ static void start_database(void)
 
 int main(int argc, char **argv)
 {
-    bv_debug_cfg collector = {.port = 5344, .second_port = 7364};
+    bv_debug_cfg collector;
 
     take_signals();
     if (bv_libraries_init() != BV_OK) {
         fputs("owner: the library did not start\n", stderr);
         return 1;
     }
+    bv_debug_get_cfg(&collector, sizeof(collector)); /* the usual ports */
     collector.address = bv_os_inet_addr(argc > 1 ? argv[1] : "127.0.0.1");
     bv_debug_set_cfg(&collector);
     bv_notifier_reg(8, on_link_event);

@@ -133,6 +133,18 @@ ssize_t limited(size_t count)
     return static_cast<ssize_t>(room);
 }
 
+// What a write leaves on flash: it clears bits, only an erase sets them.
+void clear_only(std::vector<uint8_t> &bits, int fd)
+{
+    std::vector<uint8_t> there(bits.size());
+    FILE *file = fopen(device_of(static_cast<size_t>(partition_of(fd))).c_str(), "rb");
+    fseeko(file, lseek(fd, 0, SEEK_CUR), SEEK_SET);
+    there.resize(fread(there.data(), 1, there.size(), file));
+    fclose(file);
+    for (size_t i = 0; i < there.size(); i++)
+        bits[i] &= there[i];
+}
+
 } // namespace
 
 // ---- the libc calls that the library makes on the devices ----
@@ -173,11 +185,13 @@ extern "C" ssize_t read(int fd, void *buf, size_t count)
 
 extern "C" ssize_t write(int fd, const void *buf, size_t count)
 {
-    if (partition_of(fd) >= 0) {
-        transfers++;
-        count = static_cast<size_t>(limited(count));
-    }
-    return real<ssize_t(int, const void *, size_t)>("write")(fd, buf, count);
+    if (partition_of(fd) < 0)
+        return real<ssize_t(int, const void *, size_t)>("write")(fd, buf, count);
+    transfers++;
+    std::vector<uint8_t> bits(static_cast<size_t>(limited(count)));
+    memcpy(bits.data(), buf, bits.size());
+    clear_only(bits, fd);
+    return real<ssize_t(int, const void *, size_t)>("write")(fd, bits.data(), bits.size());
 }
 
 // With 64-bit offsets these are open64 and lseek64 where the C library has two of each; the

@@ -18,6 +18,7 @@ public:
     std::string output() const;
     std::string errors() const;
 
+    pid_t pid() const { return pid_; }
     void signal(int number) const;
     // Waits for its end: the exit status, or minus the signal that ended it.
     int wait();

@@ -1,0 +1,83 @@
+// The example listener, with real netlink messages in the place of the driver's.
+
+#include "support/process.h"
+#include "tools/program.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+// The private root says whether its programs are another machine's. The emulator answers for the
+// kernel then, and knows only the kernel's own protocols.
+#define SKIP_WITHOUT_NETLINK()                                                                     \
+    if (getenv("BV_ROOT_USERLAND") != nullptr)                                                     \
+    GTEST_SKIP() << "user-mode emulation refuses netlink protocols"
+
+namespace {
+
+class Listener : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        setenv("LD_PRELOAD", BV_NETLINK_PRELOAD, 1);
+        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1); // the preloaded one comes first
+        program_ = std::make_unique<Program>(std::vector<std::string>{BV_TOOL});
+        unsetenv("LD_PRELOAD");
+        ASSERT_TRUE(prints("listener: event 0: listening\n")) << program_->errors();
+    }
+
+    bool prints(const std::string &text) const
+    {
+        return eventually([&] { return program_->output().find(text) != std::string::npos; });
+    }
+
+    // One message of the driver, sent by another process.
+    void driver_sends(const char *type, const std::string &text) const
+    {
+        Outcome outcome = run({BV_KERNEL_EVENT, std::to_string(program_->pid()), type, text});
+        EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    }
+
+    std::unique_ptr<Program> program_;
+};
+
+TEST_F(Listener, PrintsTheEventOfItsOwnThreadAndEndsOnASignal)
+{
+    program_->signal(SIGTERM);
+    EXPECT_EQ(program_->wait(), 0);
+    EXPECT_EQ(program_->output(), "listener: event 0: listening\nlistener: ended, 0 events lost\n");
+}
+
+TEST_F(Listener, PrintsTheDriversEventsInTheirOrder)
+{
+    SKIP_WITHOUT_NETLINK();
+    driver_sends("6", "link up eth0");
+    driver_sends("6", "link down eth0");
+    ASSERT_TRUE(prints("eth0\nlistener: event 8: link down eth0\n")) << program_->output();
+
+    program_->signal(SIGINT);
+    EXPECT_EQ(program_->wait(), 0);
+    EXPECT_EQ(program_->output(), "listener: event 0: listening\n"
+                                  "listener: event 8: link up eth0\n"
+                                  "listener: event 8: link down eth0\n"
+                                  "listener: ended, 0 events lost\n");
+}
+
+TEST_F(Listener, CutsATextThatIsLongerThanItsRecord)
+{
+    SKIP_WITHOUT_NETLINK();
+    driver_sends("6", std::string(500, 'x'));
+    EXPECT_TRUE(prints("event 8: " + std::string(127, 'x') + "\n")) << program_->output();
+}
+
+TEST_F(Listener, IsNotDisturbedByEventsThatItDidNotAskFor)
+{
+    SKIP_WITHOUT_NETLINK();
+    driver_sends("5", "scan finished");
+    driver_sends("6", "link up eth0");
+    EXPECT_TRUE(prints("listening\nlistener: event 8: link up eth0\n")) << program_->output();
+}
+
+} // namespace

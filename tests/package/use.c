@@ -1,24 +1,31 @@
-/* A program that installs nothing but uses the whole interface's header, as C and as C++. */
+/* use VERSION: a program that installs nothing but uses the whole interface's header, as C and as
+ * C++. It compiles only with the defines that the package passes. */
+#if !defined(_GNU_SOURCE) || _FILE_OFFSET_BITS != 64 || _TIME_BITS != 64
+#error "the package passes another set of defines than the library was built with"
+#endif
+
 #include <bv/bv.h>
 
 #include <stdio.h>
 #include <string.h>
 
-#if BV_VERSION_MAJOR != 1
-#error "the header has another version than its package"
-#endif
+typedef char offsets_have_64_bits[sizeof(off_t) == 8 ? 1 : -1];
+typedef char times_have_64_bits[sizeof(time_t) == 8 ? 1 : -1];
 
-int main(void)
+int main(int argc, char **argv)
 {
     char text[65];
     struct blob_buf message;
 
+    snprintf(text, sizeof(text), "%d.%d.%d", BV_VERSION_MAJOR, BV_VERSION_MINOR, BV_VERSION_PATCH);
+    if (argc < 2 || strcmp(text, argv[1]) != 0)
+        return 1;
     bv_os_sha256(text, "abc");
     if (strncmp(text, "ba7816bf", 8) != 0)
-        return 1;
+        return 2;
     memset(&message, 0, sizeof(message));
     if (bv_blobmsg_buf_init(&message) != 0 || bv_blobmsg_add_u32(&message, "x", 1) != 0)
-        return 2;
+        return 3;
     bv_blob_buf_free(&message);
     bv_uloop_init();
     uloop_end(); /* the bus libraries' own names are there too */

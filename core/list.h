@@ -5,6 +5,8 @@
 
 #include <bv/base.h>
 
+#include "os/atomic.h"
+
 #include <cstddef>
 
 namespace bv {
@@ -38,13 +40,13 @@ inline void list_publish(bv_list_head &head, bv_list_head &link)
     link.next = &head;
     link.prev = last;
     head.prev = &link;
-    __atomic_store_n(&last->next, &link, __ATOMIC_RELEASE);
+    store_release(last->next, &link);
 }
 
 // The element behind this one, where others may be published meanwhile.
 inline bv_list_head *list_next(const bv_list_head &link)
 {
-    return __atomic_load_n(&link.next, __ATOMIC_ACQUIRE);
+    return load_acquire(link.next);
 }
 
 // Takes an element out of its list and clears its links, so that a later use of them is found.

@@ -11,8 +11,9 @@
 #include <bv/notifier.h>
 
 #include "core/list.h"
-#include "core/sync.h"
+#include "core/lock.h"
 #include "os/alloc.h"
+#include "os/atomic.h"
 #include "os/checked.h"
 
 #include <bv/status.h>

@@ -4,8 +4,9 @@
 #include <bv/queue.h>
 
 #include "core/list.h"
-#include "core/sync.h"
+#include "core/lock.h"
 #include "os/alloc.h"
+#include "os/atomic.h"
 #include "os/checked.h"
 
 #include <bv/status.h>

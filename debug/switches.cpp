@@ -13,7 +13,7 @@ void bv::debug_switches_init()
     uint8_t *table = static_cast<uint8_t *>(bv_os_malloc(kDebugSwitches));
     if (table != nullptr)
         bv_os_memset(table, kDebugSwitches, 0, kDebugSwitches);
-    __atomic_store_n(&g_debug_switches, table, __ATOMIC_RELEASE);
+    store_release(g_debug_switches, table);
 }
 
 uint8_t bv_debug_get_switch(uint32_t module, uint32_t level)
@@ -23,10 +23,10 @@ uint8_t bv_debug_get_switch(uint32_t module, uint32_t level)
 
 void bv_debug_set_switch(uint32_t module, uint32_t level, uint8_t value)
 {
-    uint8_t *table = __atomic_load_n(&bv::g_debug_switches, __ATOMIC_RELAXED);
+    uint8_t *table = bv::load_relaxed(bv::g_debug_switches);
     uint64_t index = uint64_t{module} * bv::kDebugLevels + level;
     if (table != nullptr && index < bv::kDebugSwitches)
-        __atomic_store_n(&table[index], value, __ATOMIC_RELAXED);
+        bv::store_relaxed(table[index], value);
 }
 
 int32_t bv_debug_set_cfg_switch(const bv_debug_switch *record)

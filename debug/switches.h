@@ -2,6 +2,8 @@
 #ifndef BV_DEBUG_SWITCHES_H
 #define BV_DEBUG_SWITCHES_H
 
+#include "os/atomic.h"
+
 #include <cstdint>
 
 namespace bv {
@@ -21,11 +23,11 @@ void debug_switches_init();
 // matter, only that the accesses are whole.
 inline uint8_t debug_switch(uint32_t module, uint32_t level)
 {
-    const uint8_t *table = __atomic_load_n(&g_debug_switches, __ATOMIC_RELAXED);
+    const uint8_t *table = load_relaxed(g_debug_switches);
     if (table == nullptr)
         return 1;
     uint64_t index = uint64_t{module} * kDebugLevels + level;
-    return index < kDebugSwitches ? __atomic_load_n(&table[index], __ATOMIC_RELAXED) : uint8_t{0};
+    return index < kDebugSwitches ? load_relaxed(table[index]) : uint8_t{0};
 }
 
 } // namespace bv

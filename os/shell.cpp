@@ -6,6 +6,8 @@
 
 #include <bv/os.h>
 
+#include "os/atomic.h"
+
 #include <securec.h>
 
 #include <climits>
@@ -48,8 +50,8 @@ void name_capture_file(FileName &name, const char *format)
 {
     memset(name, 0, sizeof name);
     unsigned pid = static_cast<unsigned>(bv_os_getpid()) & 0xFFFF;
-    uint8_t sequence = __atomic_load_n(&g_capture_sequence, __ATOMIC_RELAXED);
-    __atomic_store_n(&g_capture_sequence, static_cast<uint8_t>(sequence + 1), __ATOMIC_RELAXED);
+    uint8_t sequence = bv::load_relaxed(g_capture_sequence);
+    bv::store_relaxed(g_capture_sequence, static_cast<uint8_t>(sequence + 1));
     bv_os_snprintf(name, kFileNameLimit, format, "/tmp/system", pid, sequence);
 }
 

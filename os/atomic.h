@@ -1,30 +1,12 @@
-// Locks held for a scope, and accesses that are made without one on purpose.
+// Accesses that are made without a lock on purpose.
 //
 // What several threads touch without a lock is read and written through the functions here and
 // nowhere else, so that each such place can be found, and ThreadSanitizer can tell it from a
 // mistake.
-#ifndef BV_CORE_SYNC_H
-#define BV_CORE_SYNC_H
-
-#include <bv/os.h>
-
-#include <pthread.h>
+#ifndef BV_OS_ATOMIC_H
+#define BV_OS_ATOMIC_H
 
 namespace bv {
-
-class MutexGuard {
-public:
-    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(mutex)
-    {
-        bv_os_pthread_mutex_lock(&mutex_);
-    }
-    ~MutexGuard() { bv_os_pthread_mutex_unlock(&mutex_); }
-    MutexGuard(const MutexGuard &) = delete;
-    MutexGuard &operator=(const MutexGuard &) = delete;
-
-private:
-    pthread_mutex_t &mutex_;
-};
 
 // Relaxed: a value on its own, which says nothing about other memory.
 template <typename T>

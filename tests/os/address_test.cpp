@@ -65,6 +65,11 @@ TEST(MacNtop, IsEmptyWhenItDoesNotFit)
     bv_os_mac_ntop("\1\2\3\4\5\6", out, 17);
     EXPECT_STREQ(out, "");
     EXPECT_EQ(out[17], '.');
+}
+
+TEST(MacNtop, OfNoAddressIsEmpty)
+{
+    char out[] = "..................";
     bv_os_mac_ntop(nullptr, out, 18);
     EXPECT_STREQ(out, "");
 }

@@ -17,12 +17,15 @@ namespace {
 
 constexpr char kRecord[] = "/tmp/remoteprint";
 std::vector<std::string> g_lines;
+int g_failure; // result of every system() in place of running it; 0 runs it
 
 } // namespace
 
 extern "C" int system(const char *line)
 {
     g_lines.push_back(line);
+    if (g_failure != 0)
+        return g_failure;
     return next_function<int(const char *)>("system")(line);
 }
 
@@ -51,6 +54,14 @@ TEST(Record, InitStartsAnew)
     EXPECT_EQ(bv_os_record_init(), 0); // also when there is none
     bv_os_record("new");
     EXPECT_EQ(read_file(kRecord), "new");
+}
+
+TEST(Record, InitReportsTheShellsStatusAsItIs)
+{
+    for (int status : {-1, 0x100, 0x7f00, 9}) { // no shell; exit codes 1 and 127; killed
+        g_failure = status;
+        EXPECT_EQ(bv_os_record_init(), status);
+    }
 }
 
 TEST(Record, AFileThatCannotBeOpenedIsReported)

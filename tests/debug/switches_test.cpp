@@ -2,13 +2,13 @@
 #include <bv/os.h>
 
 #include "support/capture.h"
+#include "support/dirty_heap.h"
 #include "support/faults.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <string>
 #include <thread>
 
@@ -19,15 +19,6 @@ std::string dump()
     CaptureStdout output;
     EXPECT_EQ(bv_debug_dump_cfg_switch(), 0);
     return output.stop();
-}
-
-// Leaves a used block behind that the table's allocation gets, with room for a little more.
-void dirty_the_heap()
-{
-    void *block = malloc(88);
-    memset(block, 0xff, 88);
-    asm volatile("" : : "r"(block) : "memory"); // or the compiler does none of this
-    free(block);
 }
 
 std::string line(unsigned module, unsigned level)
@@ -57,7 +48,7 @@ TEST(DebugSwitches, StoringBeforeInitDoesNothing)
 
 TEST(DebugSwitches, AllAreOffAfterInit)
 {
-    dirty_the_heap();
+    dirty_heap();
     ASSERT_EQ(bv_debug_init(), 0);
     for (unsigned module = 0; module < 10; ++module)
         for (unsigned level = 0; level < 8; ++level)
@@ -111,7 +102,7 @@ TEST(DebugSwitches, NumbersThatStayInsideTheTableAddressOneAnother)
 
 TEST(DebugSwitches, NumbersOutsideTheTableReadAsOffAndStoreNothing)
 {
-    dirty_the_heap();
+    dirty_heap();
     ASSERT_EQ(bv_debug_init(), 0);
     const struct {
         uint32_t module, level;

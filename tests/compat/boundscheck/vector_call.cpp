@@ -43,8 +43,8 @@ int scan(const char *input, const char *format, ...)
     return result;
 }
 
-// The values of a call, parsed. Integers of 64 bits, pointers and strings travel alike on the
-// machines the vectors are for.
+// The values of a call, parsed, and a letter for how each one travels: i as int, w in a word as
+// long, size_t and pointers do, q in 64 bits, d and L as floats.
 class Arguments {
 public:
     explicit Arguments(const std::vector<std::string> &arguments)
@@ -58,7 +58,8 @@ public:
 
     const std::string &signature() const { return signature_; }
     int i(size_t at) const { return static_cast<int>(words_[at]); }
-    uint64_t w(size_t at) const { return words_[at]; }
+    uintptr_t w(size_t at) const { return static_cast<uintptr_t>(words_[at]); }
+    uint64_t q(size_t at) const { return words_[at]; }
     double d(size_t at) const { return static_cast<double>(floats_[at]); }
     long double L(size_t at) const { return floats_[at]; }
 
@@ -77,11 +78,18 @@ private:
             bool negative = value[0] == '-';
             word = negative ? static_cast<uint64_t>(std::strtoll(value.c_str(), nullptr, 0))
                             : std::strtoull(value.c_str(), nullptr, 0);
-            bool small = type == "int" || type == "uint" || type == "char" || type == "wint";
-            signature_ += small ? 'i' : 'w';
+            signature_ += letter_of(type);
         }
         words_.push_back(word);
         floats_.push_back(number);
+    }
+
+    static char letter_of(const std::string &type)
+    {
+        if (type == "int" || type == "uint" || type == "char" || type == "wint")
+            return 'i';
+        bool wide = type == "llong" || type == "ullong" || type == "intmax" || type == "uintmax";
+        return wide ? 'q' : 'w';
     }
 
     uint64_t add_string(const std::string &value)
@@ -107,6 +115,7 @@ const std::map<std::string, Call> &calls()
         {"", [](auto &to, auto &) { return print_both(to); }},
         {"i", [](auto &to, auto &a) { return print_both(to, a.i(0)); }},
         {"w", [](auto &to, auto &a) { return print_both(to, a.w(0)); }},
+        {"q", [](auto &to, auto &a) { return print_both(to, a.q(0)); }},
         {"d", [](auto &to, auto &a) { return print_both(to, a.d(0)); }},
         {"L", [](auto &to, auto &a) { return print_both(to, a.L(0)); }},
         {"ii", [](auto &to, auto &a) { return print_both(to, a.i(0), a.i(1)); }},

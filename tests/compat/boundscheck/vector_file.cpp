@@ -1,5 +1,6 @@
 #include "vector_file.h"
 
+#include <climits>
 #include <cstdlib>
 #include <fstream>
 
@@ -20,6 +21,12 @@ Vector parse_line(const std::string &line)
     return vector;
 }
 
+bool holds_here(const Vector &vector)
+{
+    return vector.fields.count("bits") == 0 ||
+           vector.integer("bits") == static_cast<int>(sizeof(long) * CHAR_BIT);
+}
+
 char byte_at(const std::string &hex, size_t at)
 {
     return static_cast<char>(std::strtoul(hex.substr(at, 2).c_str(), nullptr, 16));
@@ -32,8 +39,11 @@ std::vector<Vector> vectors_of(const std::string &function)
     std::vector<Vector> vectors;
     std::ifstream file(BV_TEST_SOURCE_DIR "/compat/boundscheck/vectors.txt");
     for (std::string line; std::getline(file, line);) {
-        if (line.compare(0, function.size() + 1, function + "\t") == 0)
-            vectors.push_back(parse_line(line));
+        if (line.compare(0, function.size() + 1, function + "\t") != 0)
+            continue;
+        Vector vector = parse_line(line);
+        if (holds_here(vector))
+            vectors.push_back(vector);
     }
     return vectors;
 }

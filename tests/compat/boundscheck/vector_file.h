@@ -29,7 +29,8 @@ struct Vector {
     std::string name() const;
 };
 
-// All vectors of one function; none if the file cannot be read.
+// All vectors of one function that hold on this machine (a row with bits=32 or bits=64 needs a long
+// of that size); none if the file cannot be read.
 std::vector<Vector> vectors_of(const std::string &function);
 
 std::optional<std::string> parse_quoted(const std::string &value);

@@ -112,7 +112,7 @@ int vsscanf_s(const char *buffer, const char *format, va_list argList)
     va_copy(arguments.list, argList);
     struct scan_state scan = {.input = buffer, .next = buffer, .arguments = &arguments};
     int result = -1;
-    if (*buffer == '\0' || strnlen(buffer, SECUREC_STRING_MAX_LEN + 1) > SECUREC_STRING_MAX_LEN)
+    if (*buffer == '\0' || strlen(buffer) > SECUREC_STRING_MAX_LEN)
         empty_first_text(&scan, format);
     else
         result = result_of(&scan, scan_all(&scan, format));

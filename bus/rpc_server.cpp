@@ -21,6 +21,8 @@ constexpr uint32_t kRegistrySize = 8196;
 constexpr uint32_t kKeySize = 256;
 constexpr uint32_t kObjectNameSize = 128;
 
+static_assert(sizeof(void *) != 4 || sizeof(bv_ubus_handler) == 4, "the registry's record");
+
 bv_hash *g_registry;        // name, zero-filled to kKeySize -> bv_ubus_handler
 ubus_context *g_connection; // of the run that serves, or of the last one that ended
 blob_buf g_reply;           // reused for every reply

@@ -23,9 +23,15 @@ struct Entry {
     void *data;
 };
 
-static_assert(sizeof(void *) != 4 || sizeof(bv_hash) == 24, "public record");
-static_assert(sizeof(void *) != 4 || offsetof(bv_hash, buckets) == 20, "public record");
-static_assert(sizeof(void *) != 4 || sizeof(Entry) == 16, "four pointers");
+static_assert(offsetof(bv_hash, hashsize) == 4 && offsetof(bv_hash, keysize) == 8 &&
+                  offsetof(bv_hash, datasize) == 12 && offsetof(bv_hash, currnum) == 16,
+              "public record");
+static_assert(sizeof(void *) != 4 || (sizeof(bv_hash) == 24 && offsetof(bv_hash, buckets) == 20),
+              "public record");
+static_assert(sizeof(void *) != 4 ||
+                  (sizeof(Entry) == 16 && offsetof(Entry, key) == 8 && offsetof(Entry, data) == 12),
+              "four pointers");
+static_assert(sizeof(void *) != 4 || sizeof(bv_list_head) == 8, "two pointers");
 
 Entry *entry_of(bv_list_head *link)
 {

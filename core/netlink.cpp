@@ -24,7 +24,8 @@ struct DriverMessage {
 static_assert(sizeof(nlmsghdr) == kHeaderSize && offsetof(nlmsghdr, nlmsg_type) == 4 &&
                   offsetof(nlmsghdr, nlmsg_pid) == 12,
               "the kernel's header");
-static_assert(sizeof(DriverMessage) == 1040, "what the driver expects as registration");
+static_assert(sizeof(DriverMessage) == 1040 && offsetof(DriverMessage, payload) == kHeaderSize,
+              "what the driver expects as registration");
 static_assert(sizeof(sockaddr_nl) == 12, "the kernel's address");
 
 // Driver message codes and the event type that each one becomes.

@@ -38,7 +38,10 @@ struct Event {
     uint8_t *payload() { return reinterpret_cast<uint8_t *>(this + 1); }
 };
 
-static_assert(sizeof(void *) != 4 || sizeof(Event) == 16, "the payload follows, 8-byte aligned");
+static_assert(sizeof(void *) != 4 || (sizeof(Event) == 16 && offsetof(Event, length) == 12),
+              "the payload follows, 8-byte aligned");
+static_assert(sizeof(void *) != 4 || (sizeof(Callback) == 12 && offsetof(Callback, function) == 8),
+              "two links and the function");
 static_assert(sizeof(Event) % 8 == 0, "the payload follows, 8-byte aligned");
 
 struct Notifier {

@@ -21,7 +21,8 @@ struct Message {
     uint8_t *payload() { return reinterpret_cast<uint8_t *>(this + 1); }
 };
 
-static_assert(sizeof(void *) != 4 || sizeof(Message) == 12, "two links and the length");
+static_assert(sizeof(void *) != 4 || (sizeof(Message) == 12 && offsetof(Message, length) == 8),
+              "two links and the length");
 static_assert(offsetof(bv_queue, lock) == sizeof(bv_list_head) &&
                   offsetof(bv_queue, count) == sizeof(bv_list_head) + sizeof(pthread_mutex_t) &&
                   offsetof(bv_queue, max) == offsetof(bv_queue, count) + 4 &&

@@ -18,18 +18,22 @@ constexpr uint32_t kFamilyBuckets = 2048;
 constexpr uint32_t kNameSize = sizeof(bv_db_family::name);
 
 static_assert(sizeof(bv_db_para) == 3084);
-static_assert(offsetof(bv_db_para, name) == 12 && offsetof(bv_db_para, type) == 1036 &&
+static_assert(offsetof(bv_db_para, selected) == 4 && offsetof(bv_db_para, len) == 8 &&
+              offsetof(bv_db_para, name) == 12 && offsetof(bv_db_para, type) == 1036 &&
               offsetof(bv_db_para, value) == 2060);
-static_assert(offsetof(bv_db_family, image_size) == 8 && offsetof(bv_db_family, name) == 16 &&
+static_assert(offsetof(bv_db_family, inst_max) == 4 && offsetof(bv_db_family, image_size) == 8 &&
+              offsetof(bv_db_family, para_count) == 12 && offsetof(bv_db_family, name) == 16 &&
               offsetof(bv_db_family, getfunc) == 1040 && offsetof(bv_db_family, setfunc) == 2064);
 static_assert(sizeof(void *) != 4 || (sizeof(bv_db_mng) == 40 && sizeof(bv_db_reg) == 1032 &&
                                       sizeof(bv_db_inst) == 16 && sizeof(bv_db_family) == 3116));
 static_assert(sizeof(void *) != 4 ||
-              (offsetof(bv_db_mng, family_list) == 24 && offsetof(bv_db_mng, table) == 32 &&
+              (offsetof(bv_db_mng, private_list) == 8 && offsetof(bv_db_mng, factory_list) == 16 &&
+               offsetof(bv_db_mng, family_list) == 24 && offsetof(bv_db_mng, table) == 32 &&
                offsetof(bv_db_mng, ready) == 36));
 static_assert(sizeof(void *) != 4 ||
               (offsetof(bv_db_family, inst_list) == 3088 && offsetof(bv_db_family, link) == 3096 &&
                offsetof(bv_db_family, para) == 3104 &&
+               offsetof(bv_db_family, default_image) == 3108 &&
                offsetof(bv_db_family, working_image) == 3112));
 static_assert(sizeof(void *) != 4 ||
               (offsetof(bv_db_reg, name) == 8 && offsetof(bv_db_inst, number) == 8 &&

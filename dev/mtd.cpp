@@ -8,6 +8,7 @@
 
 #include "os/alloc.h"
 
+#include <cstddef>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -18,6 +19,16 @@ constexpr uint32_t kChunkSize = 8192;
 constexpr uint32_t kPathSize = 16;
 constexpr mode_t kMode = 0666;
 constexpr uint8_t kBlank = 0xFF;
+
+static_assert(sizeof(mtd_info_user) == 32 && offsetof(mtd_info_user, size) == 8 &&
+                  offsetof(mtd_info_user, erasesize) == 12,
+              "the kernel fills this record");
+static_assert(sizeof(erase_info_user) == 8 && offsetof(erase_info_user, length) == 4,
+              "the kernel reads this record");
+#ifdef __mips__
+static_assert(MEMGETINFO == 0x40204D01 && MEMERASE == 0x80084D02,
+              "on MIPS the direction bits of a request differ from other machines'");
+#endif
 
 // The path of a partition's device; empty when the name matches no line of /proc/mtd, and
 // unusable when it matches several. Either way it is opening it that fails.

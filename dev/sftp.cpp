@@ -5,7 +5,12 @@
 
 #include <bv/os.h>
 
-static_assert(sizeof(bv_sftp_info) == 452, "callers fill this record themselves");
+#include <cstddef>
+
+static_assert(sizeof(bv_sftp_info) == 452 && offsetof(bv_sftp_info, remote_path) == 128 &&
+                  offsetof(bv_sftp_info, user) == 256 && offsetof(bv_sftp_info, host) == 320 &&
+                  offsetof(bv_sftp_info, password) == 384 && offsetof(bv_sftp_info, port) == 448,
+              "callers fill this record themselves");
 
 int bv_sftp_get(const bv_sftp_info *info)
 {

@@ -1,6 +1,6 @@
-# What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, examples;
-# and, where stand-ins were built, those beside it, found through a run path of $ORIGIN, so that a
-# prefix works wherever it is unpacked.
+# What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, man pages,
+# examples; and, where stand-ins were built, those beside it, found through a run path of $ORIGIN,
+# so that a prefix works wherever it is unpacked.
 
 include(CMakePackageConfigHelpers)
 
@@ -15,6 +15,8 @@ install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONE
   FILES_MATCHING PATTERN "*.c" PATTERN "*.h" PATTERN "*.json" PATTERN "README.md")
 install(PROGRAMS examples/debug-session
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+install(FILES docs/man/libbv.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+install(FILES docs/man/bv-formats.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT development)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 
 if(BV_COMPAT_BUILT)

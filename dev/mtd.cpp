@@ -18,6 +18,7 @@ namespace {
 constexpr uint32_t kChunkSize = 8192;
 constexpr uint32_t kPathSize = 16;
 constexpr mode_t kMode = 0666;
+constexpr int kForWriting = O_RDWR | O_SYNC;
 constexpr uint8_t kBlank = 0xFF;
 
 static_assert(sizeof(mtd_info_user) == 32 && offsetof(mtd_info_user, size) == 8 &&
@@ -44,9 +45,9 @@ DevicePath find_device(const char *name)
     return path;
 }
 
-int open_for_writing(const DevicePath &path)
+int open_device(const DevicePath &path, int flags)
 {
-    return bv_os_dev_open(path.text, O_RDWR | O_SYNC, kMode);
+    return bv_os_dev_open(path.text, flags, kMode);
 }
 
 // The sum is formed in 64 bits: a range that runs past the end of 32 is past the partition too.
@@ -116,6 +117,28 @@ int32_t find_range(const char *name, uint32_t offset, uint32_t len, DevicePath &
     return beyond_end(info, offset, len) ? BV_ERR_RANGE : BV_OK;
 }
 
+// Reading and writing are the same but for how the device is opened and what moves the bytes.
+template <typename Byte, typename Move>
+int32_t transfer(const char *name, Byte *buf, uint32_t offset, uint32_t len, int flags, Move move,
+                 int32_t shortfall)
+{
+    if (name == nullptr || buf == nullptr || len == 0)
+        return BV_ERR_INVALID;
+
+    DevicePath path;
+    mtd_info_user info;
+    int32_t status = find_range(name, offset, len, path, info);
+    if (status != BV_OK)
+        return status;
+
+    int fd = open_device(path, flags);
+    if (fd < 0)
+        return BV_ERR_OPEN;
+    status = move_range(fd, buf, offset, len, move, shortfall);
+    bv_os_close(fd);
+    return status;
+}
+
 } // namespace
 
 int32_t bv_mtd_get_info(const char *name, mtd_info_user *info)
@@ -124,7 +147,7 @@ int32_t bv_mtd_get_info(const char *name, mtd_info_user *info)
         return BV_ERR_INVALID;
 
     DevicePath path = find_device(name);
-    int fd = open_for_writing(path);
+    int fd = open_device(path, kForWriting);
     if (fd < 0)
         return BV_ERR_FAILED;
 
@@ -135,42 +158,14 @@ int32_t bv_mtd_get_info(const char *name, mtd_info_user *info)
 
 int32_t bv_mtd_read(const char *name, void *buf, uint32_t offset, uint32_t len)
 {
-    if (name == nullptr || buf == nullptr || len == 0)
-        return BV_ERR_INVALID;
-
-    DevicePath path;
-    mtd_info_user info;
-    int32_t status = find_range(name, offset, len, path, info);
-    if (status != BV_OK)
-        return status;
-
-    int fd = bv_os_dev_open(path.text, O_RDONLY, kMode);
-    if (fd < 0)
-        return BV_ERR_OPEN;
-    status =
-        move_range(fd, static_cast<uint8_t *>(buf), offset, len, bv_os_read, BV_ERR_SHORT_READ);
-    bv_os_close(fd);
-    return status;
+    return transfer(name, static_cast<uint8_t *>(buf), offset, len, O_RDONLY, bv_os_read,
+                    BV_ERR_SHORT_READ);
 }
 
 int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, uint32_t len)
 {
-    if (name == nullptr || buf == nullptr || len == 0)
-        return BV_ERR_INVALID;
-
-    DevicePath path;
-    mtd_info_user info;
-    int32_t status = find_range(name, offset, len, path, info);
-    if (status != BV_OK)
-        return status;
-
-    int fd = open_for_writing(path);
-    if (fd < 0)
-        return BV_ERR_OPEN;
-    status = move_range(fd, static_cast<const uint8_t *>(buf), offset, len, bv_os_write,
-                        BV_ERR_SHORT_WRITE);
-    bv_os_close(fd);
-    return status;
+    return transfer(name, static_cast<const uint8_t *>(buf), offset, len, kForWriting, bv_os_write,
+                    BV_ERR_SHORT_WRITE);
 }
 
 int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len)
@@ -187,7 +182,7 @@ int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len)
     if (((info.erasesize - 1) & (offset | len)) != 0)
         return BV_ERR_INVALID;
 
-    int fd = open_for_writing(path);
+    int fd = open_device(path, kForWriting);
     if (fd < 0)
         return BV_ERR_OPEN;
     erase_blocks(fd, name, offset, len, info.erasesize);

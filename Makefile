@@ -39,7 +39,7 @@ fuzz: deps ## fuzzes every input from outside, FUZZ_SECONDS (60) for each
 	@tests/fuzz/run build/fuzz
 
 soak: build ## calls, events and commits at full length, SOAK_CALLS (200000) remote calls
-	@tests/soak/run build/default
+	@tests/soak/run build/$(PRESET)
 
 mutation: build ## breaks the library in one place at a time; every test that is missing shows
 	@tests/mutation/run build/$(PRESET)

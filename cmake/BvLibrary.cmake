@@ -9,7 +9,7 @@ macro(bv_sources)
 endmacro()
 
 foreach(folder os debug core db bus dev crypto)
-  include(${CMAKE_SOURCE_DIR}/${folder}/sources.cmake OPTIONAL)
+  include(${CMAKE_SOURCE_DIR}/${folder}/sources.cmake)
 endforeach()
 
 add_library(bv SHARED ${BV_SOURCES})

@@ -159,6 +159,7 @@ TEST(DebugDestination, TheDefaultIsUsedUnconverted)
     EXPECT_EQ(g_sent.to.sin_family, AF_INET);
     EXPECT_EQ(g_sent.to.sin_addr.s_addr, 0xC0A80A0Au);
     EXPECT_EQ(g_sent.to.sin_port, htons(5344));
+    EXPECT_EQ(memcmp(g_sent.to.sin_zero, "\0\0\0\0\0\0\0\0", 8), 0);
     EXPECT_EQ(g_sent.to_length, 16u);
     EXPECT_EQ(g_sent.flags, 0);
     if (htonl(1) != 1) {
@@ -229,7 +230,9 @@ TEST(DebugSocket, ASecondInitLeavesTheFirstOneOpen)
 {
     ASSERT_EQ(bv_debug_init(), 0);
     size_t before = open_descriptors().size();
+    fault_close.pass();
     ASSERT_EQ(bv_debug_init(), 0);
+    EXPECT_EQ(fault_close.calls(), 0); // nothing, not even a number that is no descriptor
     EXPECT_EQ(open_descriptors().size(), before + 1);
 }
 

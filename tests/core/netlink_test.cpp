@@ -12,6 +12,7 @@
 
 #include "support/capture.h"
 #include "support/dirty_heap.h"
+#include "support/events.h"
 #include "support/fault_points.h"
 #include "support/faults.h"
 #include "support/process.h"
@@ -44,8 +45,8 @@ struct Boundary {
 };
 Boundary &g_boundary = *new Boundary;
 
-// Guards what other threads write: g_boundary.sent and sent_to, g_events. Neither it nor they are
-// ever destroyed, since those threads outlive main().
+// Guards what other threads write: g_boundary.sent and sent_to. Neither it nor they are ever
+// destroyed, since those threads outlive main().
 std::mutex &g_lock = *new std::mutex;
 
 int real_socket(int protocol)
@@ -145,31 +146,6 @@ BV_FAULT_pthread_create;
 
 namespace {
 
-// What arrived: event type and payload.
-using Events = std::vector<std::pair<uint32_t, std::string>>;
-Events &g_events = *new Events;
-
-template <uint32_t Type>
-void record(void *data, uint32_t length)
-{
-    std::lock_guard<std::mutex> guard(g_lock);
-    g_events.emplace_back(Type, std::string(static_cast<char *>(data), length));
-}
-
-template <uint32_t Type>
-void record_types_up_to()
-{
-    if constexpr (Type > 0)
-        record_types_up_to<Type - 1>();
-    bv_notifier_reg(Type, record<Type>);
-}
-
-Events events()
-{
-    std::lock_guard<std::mutex> guard(g_lock);
-    return g_events;
-}
-
 // A port id that nobody has. The kernel's own choice would be the process id, the library's.
 uint32_t unused_port()
 {
@@ -248,27 +224,18 @@ protected:
         SKIP_WITHOUT_NETLINK();
         static const bool started = [] {
             EXPECT_EQ(bv_notifier_init(), 0);
-            record_types_up_to<13>();
+            record_events_up_to<13>();
             return true;
         }();
         ASSERT_TRUE(started);
-        std::lock_guard<std::mutex> guard(g_lock);
-        g_events.clear();
+        forget_events();
     }
 
     // Everything that arrived before a marker that is sent now.
     Events settle()
     {
         peer.send(2, "end of test");
-        const std::pair<uint32_t, std::string> end(4, "end of test");
-        EXPECT_TRUE(eventually([&] {
-            const Events now = events();
-            return !now.empty() && now.back() == end;
-        }));
-        Events arrived = events();
-        if (!arrived.empty())
-            arrived.pop_back();
-        return arrived;
+        return events_before(4, "end of test");
     }
 
     Peer peer;
@@ -419,7 +386,7 @@ TEST_F(Netlink, TheRealDriverLearnsThePortIdAndItsEventsArrive)
     const uint16_t type = 7;
     std::string order(reinterpret_cast<const char *>(&type), sizeof(type));
     ask_driver("nl-send", order + "link up");
-    EXPECT_TRUE(eventually([] { return events() == Events{{11, "link up"}}; }));
+    EXPECT_TRUE(eventually([] { return recorded_events() == Events{{11, "link up"}}; }));
 }
 
 TEST_F(NetlinkInit, MessagesBeforeTheNotifierStartedAreLostAndNothingElse)
@@ -556,7 +523,7 @@ TEST_F(Netlink, TheSenderIsNotChecked)
 {
     Peer stranger;
     stranger.send(2, "from anywhere");
-    ASSERT_TRUE(eventually([] { return !events().empty(); }));
+    ASSERT_TRUE(eventually([] { return !recorded_events().empty(); }));
     EXPECT_EQ(settle(), (Events{{4, "from anywhere"}}));
 }
 

@@ -6,6 +6,7 @@
 #include "support/capture.h"
 #include "support/dirty_heap.h"
 #include "support/faults.h"
+#include "support/sanitized.h"
 
 #include <atomic>
 #include <cstring>
@@ -15,12 +16,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#define BV_TEST_SANITIZED 1
-#else
-#define BV_TEST_SANITIZED 0
-#endif
 
 namespace {
 
@@ -298,7 +293,7 @@ struct Ticket {
 
 constexpr uint32_t kProducers = 4;
 constexpr uint32_t kConsumers = 4;
-constexpr uint32_t kEach = (BV_TEST_SANITIZED ? 100000 : 1000000) / kProducers;
+constexpr uint32_t kEach = (kSanitized ? 100000 : 1000000) / kProducers;
 
 struct Stress {
     bv_queue *queue = nullptr;

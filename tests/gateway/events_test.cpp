@@ -3,6 +3,7 @@
 
 #include "gateway/modules.h"
 #include "support/capture.h"
+#include "support/events.h"
 #include "support/process.h"
 
 #include <bv/ioctl.h>
@@ -12,35 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <mutex>
-#include <utility>
 
 namespace {
-
-using Events = std::vector<std::pair<uint32_t, std::string>>;
-std::mutex g_lock; // guards g_events
-Events g_events;
-
-template <uint32_t Type>
-void record(void *data, uint32_t length)
-{
-    std::lock_guard<std::mutex> guard(g_lock);
-    g_events.emplace_back(Type, std::string(static_cast<char *>(data), length));
-}
-
-template <uint32_t Type>
-void record_types_up_to()
-{
-    if constexpr (Type > 0)
-        record_types_up_to<Type - 1>();
-    bv_notifier_reg(Type, record<Type>);
-}
-
-Events events()
-{
-    std::lock_guard<std::mutex> guard(g_lock);
-    return g_events;
-}
 
 // One of the driver's operations on its netlink side; its result.
 uint32_t ask(const char *operation, std::string data = "")
@@ -63,15 +37,7 @@ void send(uint16_t type, const std::string &payload)
 Events settle()
 {
     send(2, "end");
-    const std::pair<uint32_t, std::string> end(4, "end");
-    EXPECT_TRUE(eventually([&] {
-        Events now = events();
-        return !now.empty() && now.back() == end;
-    }));
-    Events arrived = events();
-    if (!arrived.empty())
-        arrived.pop_back();
-    return arrived;
+    return events_before(4, "end");
 }
 
 class Events26 : public testing::Test {
@@ -81,13 +47,12 @@ protected:
         static const bool started = [] {
             modules::load("brovan_gw");
             EXPECT_EQ(bv_notifier_init(), 0); // opens the driver's socket too
-            record_types_up_to<13>();
+            record_events_up_to<13>();
             EXPECT_TRUE(eventually([] { return ask("nl-port") != 0; }));
             return true;
         }();
         ASSERT_TRUE(started);
-        std::lock_guard<std::mutex> guard(g_lock);
-        g_events.clear();
+        forget_events();
     }
 };
 

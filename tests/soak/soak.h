@@ -6,6 +6,7 @@
 #define BV_TESTS_SOAK_SOAK_H
 
 #include "support/files.h"
+#include "support/sanitized.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -41,11 +42,7 @@ inline long memory_of(pid_t pid)
 // itself.
 inline bool memory_counts()
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return false;
-#else
-    return getenv("BV_ROOT_USERLAND") == nullptr;
-#endif
+    return !kSanitized && getenv("BV_ROOT_USERLAND") == nullptr;
 }
 
 // Memory over the life of one process: since it had done a while's work, and now.

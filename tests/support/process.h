@@ -4,6 +4,7 @@
 #define BV_TESTS_SUPPORT_PROCESS_H
 
 #include "support/files.h"
+#include "support/sanitized.h"
 
 #include <algorithm>
 #include <cctype>
@@ -54,13 +55,8 @@ inline size_t thread_count()
 // itself.
 inline bool limit_memory(rlim_t bytes)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    (void)bytes;
-    return false;
-#else
     rlimit space = {bytes, bytes};
-    return setrlimit(RLIMIT_AS, &space) == 0;
-#endif
+    return !kSanitized && setrlimit(RLIMIT_AS, &space) == 0;
 }
 
 // Waits until a condition holds, for timeout_ms at most. Generous: a loaded machine is slow, and

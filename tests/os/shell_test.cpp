@@ -202,6 +202,13 @@ TEST_F(Shell, SystemexKeepsInnerNewlines)
     EXPECT_STREQ(out, "a\nb");
 }
 
+TEST_F(Shell, OneCharacterIsOutputToo)
+{
+    char out[64];
+    EXPECT_EQ(bv_os_systemex(out, sizeof out, "echo 0"), 0);
+    EXPECT_STREQ(out, "0");
+}
+
 TEST_F(Shell, SystemexDoesNotLookAtTheExitStatus)
 {
     char out[64];
@@ -414,6 +421,8 @@ TEST_F(Shell, GetPipeTakesWhatFits)
     EXPECT_EQ(std::string(out, 8), std::string("abc\0....", 8));
     bv_get_pipe("echo xyz", out, 0);
     EXPECT_STREQ(out, "abc");
+    bv_get_pipe("echo xyz", out, 1); // room for the terminator
+    EXPECT_EQ(std::string(out, 3), std::string("\0bc", 3));
     bv_get_pipe("echo xyz", nullptr, 8);
     bv_get_pipe("echo xyz", out, 0xffffffff); // more than fgets() can be told
     EXPECT_STREQ(out, "xyz\n");

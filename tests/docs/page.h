@@ -1,0 +1,20 @@
+// The pages of docs/ as the tests read them. A block is what stands between ``` lines below a line
+// <!-- NAME -->.
+#ifndef BV_TESTS_DOCS_PAGE_H
+#define BV_TESTS_DOCS_PAGE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// A file of the source tree, by its path in it.
+std::string source_file(const std::string &path);
+
+// A block of docs/formats.md as text, with a tab for each → in it.
+std::string text_block(const std::string &name);
+
+// A block of bytes. Each line begins with an offset ("0010:"), which has to be right; then come the
+// bytes, of which "00 * 12" stands for twelve, and behind four blanks a remark.
+std::vector<uint8_t> byte_block(const std::string &name);
+
+#endif

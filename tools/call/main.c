@@ -3,11 +3,9 @@
  * and shows what it made of them.
  */
 #include <errno.h>
-#include <getopt.h>
 #include <inttypes.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -16,10 +14,11 @@
 #include "call/bytes.h"
 #include "call/parameters.h"
 #include "call/remote.h"
+#include "common/command_line.h"
 #include "common/numbers.h"
 #include "common/visible.h"
 
-enum { EXIT_DONE = 0, EXIT_NO_ANSWER = 1, EXIT_USAGE = 2, EXIT_RESULT = 3 };
+enum { EXIT_DONE = 0, EXIT_NO_ANSWER = 1, EXIT_RESULT = 3 }; /* 2: EXIT_USAGE */
 enum { FUNCTION_MAX = 255, TIMEOUT_MS = 3000 };
 
 static const char usage[] =
@@ -273,14 +272,6 @@ static bool take_option(int option, const char *argument)
     }
 }
 
-static int wrong_usage(const char *what)
-{
-    if (what != NULL)
-        fprintf(stderr, "bv-call: %s\n", what);
-    fputs("Try 'bv-call --help'.\n", stderr);
-    return EXIT_USAGE;
-}
-
 /* What is wrong with the arguments as a whole; NULL: nothing. */
 static const char *combination_fault(char **arguments)
 {
@@ -321,22 +312,16 @@ int main(int argc, char **argv)
                                           {"timeout", required_argument, NULL, 'm'},
                                           {"help", no_argument, NULL, 'h'},
                                           {NULL, 0, NULL, 0}};
+    static const struct command_line line = {"bv-call", usage,       "x:t:f:n:T:O:p:w:o:s:m:h",
+                                             names,     take_option, EXIT_NO_ANSWER};
     const char *fault;
-    int option;
+    int status;
 
-    while ((option = getopt_long(argc, argv, "x:t:f:n:T:O:p:w:o:s:m:h", names, NULL)) != -1) {
-        if (option == 'h')
-            return fputs(usage, stdout) < 0 ? EXIT_NO_ANSWER : EXIT_DONE;
-        if (option == '?')
-            return wrong_usage(NULL);
-        if (!take_option(option, optarg)) {
-            fprintf(stderr, "bv-call: -%c does not take '%s'\n", option, optarg);
-            return wrong_usage(NULL);
-        }
-    }
+    if (!command_line_take(&line, argc, argv, &status))
+        return status;
     fault = combination_fault(argv + optind);
     if (fault != NULL)
-        return wrong_usage(fault);
+        return command_line_wrong(&line, fault);
     set_default_form();
     options.remote.function = argv[optind];
     return call(argv + optind + 1);

@@ -7,22 +7,20 @@
  */
 #include <arpa/inet.h>
 #include <errno.h>
-#include <getopt.h>
-#include <inttypes.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 
 #include "collect/capture.h"
 #include "collect/datagram.h"
+#include "collect/receiver.h"
+#include "common/command_line.h"
 #include "common/numbers.h"
 #include "common/visible.h"
 
 enum { DEFAULT_PORT = 5344 };
-enum { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
+enum { EXIT_DONE = 0, EXIT_FAILED = 1 }; /* 2: EXIT_USAGE */
 
 static const char usage[] =
     "usage: bv-collect [OPTION]...\n"
@@ -169,71 +167,12 @@ static int read_capture(void)
 
 /* ---- from the network ---- */
 
-static int open_socket(void)
-{
-    struct sockaddr_in address = {.sin_family = AF_INET,
-                                  .sin_port = htons((uint16_t)options.port),
-                                  .sin_addr = options.address};
-    socklen_t length = sizeof(address);
-    int on = 1;
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-
-    if (fd < 0 || setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)) != 0 ||
-        bind(fd, (const struct sockaddr *)&address, sizeof(address)) != 0 ||
-        getsockname(fd, (struct sockaddr *)&address, &length) != 0) {
-        fail("cannot listen", strerror(errno));
-        return -1;
-    }
-    options.port = ntohs(address.sin_port);
-    return fd;
-}
-
-static void announce(void)
+static void announce(const struct receiver *receiver)
 {
     char text[INET_ADDRSTRLEN] = "";
 
-    inet_ntop(AF_INET, &options.address, text, sizeof(text));
-    fprintf(stderr, "bv-collect: listening on %s:%u\n", text, options.port);
-}
-
-/* The address that a datagram was sent to; a capture needs it and the socket's own may be "all". */
-static struct in_addr destination_of(struct msghdr *message)
-{
-    struct in_pktinfo info = {.ipi_addr = options.address};
-    const struct cmsghdr *control = CMSG_FIRSTHDR(message); /* the only one asked for */
-
-    if (control != NULL && control->cmsg_level == IPPROTO_IP && control->cmsg_type == IP_PKTINFO)
-        memcpy(&info, CMSG_DATA(control), sizeof(info));
-    return info.ipi_addr;
-}
-
-static bool receive(int fd, struct packet *packet)
-{
-    static uint8_t bytes[65536];
-    union {
-        struct cmsghdr aligned;
-        uint8_t room[CMSG_SPACE(sizeof(struct in_pktinfo))];
-    } control;
-    struct sockaddr_in from = {.sin_family = AF_INET};
-    struct iovec data = {bytes, sizeof(bytes)};
-    struct msghdr message = {.msg_name = &from,
-                             .msg_namelen = sizeof(from),
-                             .msg_iov = &data,
-                             .msg_iovlen = 1,
-                             .msg_control = &control,
-                             .msg_controllen = sizeof(control)};
-    ssize_t length = recvmsg(fd, &message, MSG_DONTWAIT);
-
-    if (length < 0)
-        return false;
-    clock_gettime(CLOCK_REALTIME, &packet->time);
-    packet->source = from.sin_addr;
-    packet->source_port = ntohs(from.sin_port);
-    packet->destination = destination_of(&message);
-    packet->destination_port = (uint16_t)options.port;
-    packet->data = bytes;
-    packet->length = (size_t)length;
-    return true;
+    inet_ntop(AF_INET, &receiver->address, text, sizeof(text));
+    fprintf(stderr, "bv-collect: listening on %s:%u\n", text, receiver->port);
 }
 
 static void on_signal(int number)
@@ -262,15 +201,15 @@ static void take_signals(sigset_t *waiting)
 }
 
 /* Takes what has arrived until there is nothing left to do; `file` may be NULL. */
-static int collect_from(int fd, FILE *file, const sigset_t *waiting)
+static int collect_from(const struct receiver *receiver, FILE *file, const sigset_t *waiting)
 {
-    struct pollfd readable = {.fd = fd, .events = POLLIN};
+    struct pollfd readable = {.fd = receiver->fd, .events = POLLIN};
     struct packet packet;
 
     while (!stop && !enough()) {
         if (ppoll(&readable, 1, NULL, waiting) < 0 && errno != EINTR)
             return fail("cannot wait", strerror(errno));
-        if (stop || !receive(fd, &packet))
+        if (stop || !receiver_take(receiver, &packet))
             continue;
         if (file != NULL && !capture_append(file, &packet))
             return fail(options.write, strerror(errno));
@@ -284,21 +223,21 @@ static int collect_from(int fd, FILE *file, const sigset_t *waiting)
 /* The socket comes first: a collector that cannot have its port leaves an older capture alone. */
 static int collect(void)
 {
+    struct receiver receiver;
     FILE *file = NULL;
     sigset_t waiting;
-    int fd, status;
+    int status;
 
     take_signals(&waiting);
-    fd = open_socket();
-    if (fd < 0)
-        return EXIT_FAILED;
+    if (!receiver_open(&receiver, options.address, (uint16_t)options.port))
+        return fail("cannot listen", strerror(errno));
     if (options.write != NULL) {
         file = lines_wanted() ? fopen(options.write, "wb") : stdout;
         if (file == NULL || !capture_begin(file))
             return fail(options.write, strerror(errno));
     }
-    announce();
-    status = collect_from(fd, file, &waiting);
+    announce(&receiver);
+    status = collect_from(&receiver, file, &waiting);
     if (file != NULL && file != stdout && fclose(file) != 0)
         return fail(options.write, strerror(errno));
     return status;
@@ -331,14 +270,6 @@ static bool take_option(int option, const char *argument)
     }
 }
 
-static int wrong_usage(const char *what)
-{
-    if (what != NULL)
-        fprintf(stderr, "bv-collect: %s\n", what);
-    fputs("Try 'bv-collect --help'.\n", stderr);
-    return EXIT_USAGE;
-}
-
 int main(int argc, char **argv)
 {
     static const struct option names[] = {{"address", required_argument, NULL, 'a'},
@@ -350,22 +281,16 @@ int main(int argc, char **argv)
                                           {"count", required_argument, NULL, 'c'},
                                           {"help", no_argument, NULL, 'h'},
                                           {NULL, 0, NULL, 0}};
-    int option;
+    static const struct command_line line = {"bv-collect", usage,       "a:p:m:l:w:r:c:h",
+                                             names,        take_option, EXIT_FAILED};
+    int status;
 
-    while ((option = getopt_long(argc, argv, "a:p:m:l:w:r:c:h", names, NULL)) != -1) {
-        if (option == 'h')
-            return fputs(usage, stdout) < 0 ? EXIT_FAILED : EXIT_DONE;
-        if (option == '?')
-            return wrong_usage(NULL);
-        if (!take_option(option, optarg)) {
-            fprintf(stderr, "bv-collect: -%c does not take '%s'\n", option, optarg);
-            return wrong_usage(NULL);
-        }
-    }
+    if (!command_line_take(&line, argc, argv, &status))
+        return status;
     if (optind != argc)
-        return wrong_usage("takes no arguments besides options");
+        return command_line_wrong(&line, "takes no arguments besides options");
     if (options.read != NULL && options.write != NULL)
-        return wrong_usage("reads a capture file or writes one, not both");
+        return command_line_wrong(&line, "reads a capture file or writes one, not both");
     setvbuf(stdout, NULL, _IOLBF, 0);
     return options.read != NULL ? read_capture() : collect();
 }

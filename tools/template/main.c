@@ -1,9 +1,9 @@
 /* bv-template: checks templates and data files, and writes C headers for families. */
 #include <errno.h>
-#include <getopt.h>
 #include <stdio.h>
 #include <string.h>
 
+#include "common/command_line.h"
 #include "template/data.h"
 #include "template/family.h"
 #include "template/fault.h"
@@ -46,14 +46,6 @@ static int result(void)
     return fault_count() == 0 ? EXIT_DONE : EXIT_FAULTS;
 }
 
-static int wrong_usage(const char *what)
-{
-    if (what != NULL)
-        fprintf(stderr, "bv-template: %s\n", what);
-    fputs("Try 'bv-template --help'.\n", stderr);
-    return EXIT_TROUBLE;
-}
-
 static int check(char **paths)
 {
     for (; *paths != NULL; paths++) {
@@ -94,11 +86,9 @@ static void write_header(void)
 }
 
 /* A structure made from a faulty template would not be what the library makes of it. */
-static int header(char **paths)
+static int header(const char *path)
 {
-    if (paths[1] != NULL)
-        return wrong_usage("header takes one template");
-    if (family_read(&family, paths[0]) && fault_count() == 0)
+    if (family_read(&family, path) && fault_count() == 0)
         write_header();
     family_free(&family);
     return result();
@@ -128,23 +118,23 @@ int main(int argc, char **argv)
                                           {"output", required_argument, NULL, 'o'},
                                           {"help", no_argument, NULL, 'h'},
                                           {NULL, 0, NULL, 0}};
+    static const struct command_line line = {"bv-template", usage,       "t:n:o:h",
+                                             names,         take_option, EXIT_TROUBLE};
     const char *verb;
-    int option;
+    int status;
 
-    while ((option = getopt_long(argc, argv, "t:n:o:h", names, NULL)) != -1) {
-        if (option == 'h')
-            return fputs(usage, stdout) < 0 ? EXIT_TROUBLE : EXIT_DONE;
-        if (!take_option(option, optarg))
-            return wrong_usage(NULL);
-    }
+    if (!command_line_take(&line, argc, argv, &status))
+        return status;
     verb = optind < argc ? argv[optind++] : "";
     if (optind >= argc)
-        return wrong_usage(*verb == '\0' ? "what to do?" : "which file?");
+        return command_line_wrong(&line, *verb == '\0' ? "what to do?" : "which file?");
     if (strcmp(verb, "check") == 0)
         return check(argv + optind);
     if (strcmp(verb, "data") == 0)
         return data(argv + optind);
-    if (strcmp(verb, "header") == 0)
-        return header(argv + optind);
-    return wrong_usage("there are check, data and header");
+    if (strcmp(verb, "header") != 0)
+        return command_line_wrong(&line, "there are check, data and header");
+    if (optind + 1 < argc)
+        return command_line_wrong(&line, "header takes one template");
+    return header(argv[optind]);
 }

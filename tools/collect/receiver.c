@@ -1,0 +1,63 @@
+/* Datagrams with where they came from and where they were sent to: a capture needs both, and the
+ * socket's own address may be "all". */
+#include "collect/receiver.h"
+
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+bool receiver_open(struct receiver *receiver, struct in_addr address, uint16_t port)
+{
+    struct sockaddr_in own = {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = address};
+    socklen_t length = sizeof(own);
+    int on = 1;
+
+    receiver->fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (receiver->fd < 0 ||
+        setsockopt(receiver->fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)) != 0 ||
+        bind(receiver->fd, (const struct sockaddr *)&own, sizeof(own)) != 0 ||
+        getsockname(receiver->fd, (struct sockaddr *)&own, &length) != 0)
+        return false;
+    receiver->address = address;
+    receiver->port = ntohs(own.sin_port);
+    return true;
+}
+
+static struct in_addr destination_of(const struct receiver *receiver, struct msghdr *message)
+{
+    struct in_pktinfo info = {.ipi_addr = receiver->address};
+    const struct cmsghdr *control = CMSG_FIRSTHDR(message); /* the only one asked for */
+
+    if (control != NULL && control->cmsg_level == IPPROTO_IP && control->cmsg_type == IP_PKTINFO)
+        memcpy(&info, CMSG_DATA(control), sizeof(info));
+    return info.ipi_addr;
+}
+
+bool receiver_take(const struct receiver *receiver, struct packet *packet)
+{
+    static uint8_t bytes[65536];
+    union {
+        struct cmsghdr aligned;
+        uint8_t room[CMSG_SPACE(sizeof(struct in_pktinfo))];
+    } control;
+    struct sockaddr_in from = {.sin_family = AF_INET};
+    struct iovec data = {bytes, sizeof(bytes)};
+    struct msghdr message = {.msg_name = &from,
+                             .msg_namelen = sizeof(from),
+                             .msg_iov = &data,
+                             .msg_iovlen = 1,
+                             .msg_control = &control,
+                             .msg_controllen = sizeof(control)};
+    ssize_t length = recvmsg(receiver->fd, &message, MSG_DONTWAIT);
+
+    if (length < 0)
+        return false;
+    clock_gettime(CLOCK_REALTIME, &packet->time);
+    packet->source = from.sin_addr;
+    packet->source_port = ntohs(from.sin_port);
+    packet->destination = destination_of(receiver, &message);
+    packet->destination_port = receiver->port;
+    packet->data = bytes;
+    packet->length = (size_t)length;
+    return true;
+}

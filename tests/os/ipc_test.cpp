@@ -112,20 +112,23 @@ TEST(SystemVSemaphores, TheSystemsOwnQueriesFillTheirArgument)
 {
     int set = bv_os_semget(IPC_PRIVATE, 3, IPC_CREAT | 0600);
     ASSERT_GE(set, 0);
+    int index = -1; // the highest in use: that of the only set
     for (int command : {IPC_INFO, SEM_INFO}) {
         seminfo limits = {};
         Argument argument;
         argument.info = &limits;
-        EXPECT_EQ(bv_os_semctl(0, 0, command, argument), 0) << command; // the highest index
+        index = bv_os_semctl(0, 0, command, argument);
+        EXPECT_GE(index, 0) << command;
         EXPECT_GT(limits.semmsl, 0) << command;
     }
     for (int command : {SEM_STAT, SEM_STAT_ANY}) {
+        // User-mode emulation does not know this one; on the emulated gateway it is asked.
         if (command == SEM_STAT_ANY && getenv("BV_ROOT_USERLAND") != nullptr)
-            continue; // user-mode emulation does not know this one
+            continue;
         semid_ds state = {};
         Argument argument;
         argument.buf = &state;
-        EXPECT_EQ(bv_os_semctl(0, 0, command, argument), set) << command;
+        EXPECT_EQ(bv_os_semctl(index, 0, command, argument), set) << command;
         EXPECT_EQ(state.sem_nsems, 3u) << command;
     }
     EXPECT_EQ(bv_os_semctl(set, 0, IPC_RMID), 0);

@@ -90,7 +90,7 @@ TEST(TemplateCheck, FindsValuesThatDoNotFit)
         {"ushort", "2", "65536", "65536 does not fit type ushort (0 to 65535)"},
         {"int", "4", "2147483648", "2147483648 does not fit type int (-2147483648 to 2147483647)"},
         {"uint", "4", "4294967296", "4294967296 does not fit type uint (0 to 4294967295)"},
-        {"uint", "4", "99999999999999999999", "'99999999999999999999' is no number"},
+        {"uint", "4", "\"99999999999999999999\"", "'99999999999999999999' is no number"},
         {"int", "4", "\"\"", "'' is no number"},
         {"int", "4", "\"-\"", "'-' is no number"},
         {"int", "4", "\"12a\"", "'12a' is no number"},
@@ -172,6 +172,25 @@ TEST(TemplateCheck, FindsDuplicateNames)
               "3: duplicate name \"getfunc\", first in line 1\n");
     EXPECT_EQ(faults_of("{\"name\":\"x\",\"type\":\"int\",\n\"len\":4,\"value\":1,\n\"len\":4}"),
               "4: duplicate name \"len\", first in line 3\n");
+    EXPECT_EQ(faults_of("{\"name\":\"x\",\"type\":\"int\",\n\"len\":4,\"value\":1,\n"
+                        "\"len\\u0000x\":4}"),
+              "4: duplicate name \"len\", first in line 3\n")
+        << "the library sees no more of a name than what stands before a zero byte";
+}
+
+TEST(TemplateCheck, FindsNumbersThatTheLibraryChanges)
+{
+    for (const char *number : {"-0", "18446744073709551616", "-9223372036854775809"}) {
+        std::string said =
+            ": the library changes " + std::string(number) + ", which needs quotes\n";
+        EXPECT_EQ(faults_of(parameter("string", "32", number)), "2: value of \"x\"" + said);
+        EXPECT_EQ(faults_of("{\"name\":" + std::string(number) +
+                            ",\"type\":\"int\",\"len\":4,\"value\":1}"),
+                  "2: name" + said);
+    }
+    for (const char *number : {"0", "-1", "18446744073709551615", "-9223372036854775808", "-0.0",
+                               "1e999", "12345678901234567890.5", "\"-0\""})
+        EXPECT_EQ(faults_of(parameter("string", "32", number)), "");
 }
 
 TEST(TemplateCheck, FindsWhatWouldNotSurviveARewrite)
@@ -250,7 +269,12 @@ TEST(TemplateCheck, FindsWhatIsNoJson)
 TEST(TemplateCheck, FindsFileNamesThatTheLibraryCannotUse)
 {
     const std::string good = "{\"para\":[" + parameter("int", "4", "1") + "]}";
-    for (const char *name : {"/tmp/a\"b.json", "/tmp/a$b.json", "/tmp/a*.json", "/tmp/a\nb"}) {
+    const std::string longest = "/tmp/" + std::string(204, 'n');
+    write_file(longest, good);
+    EXPECT_EQ(run_tool({"check", longest}).output, "");
+    for (const std::string &name :
+         {std::string("/tmp/a\"b.json"), std::string("/tmp/a$b.json"), std::string("/tmp/a*.json"),
+          std::string("/tmp/a\nb"), std::string("/tmp/a.json "), longest + "n"}) {
         write_file(name, good);
         Outcome outcome = run_tool({"check", name});
         EXPECT_EQ(outcome.status, 1);

@@ -71,6 +71,20 @@ TEST_F(DataCheck, FindsTemplatesInSubfolders)
     EXPECT_EQ(faults_of(kGood), "1: several templates are called \"lan.json\": none is taken\n");
 }
 
+TEST_F(DataCheck, CountsFoldersOfATemplatesName)
+{
+    ASSERT_EQ(mkdir("/etc/template/sub", 0700), 0);
+    ASSERT_EQ(mkdir("/etc/template/sub/lan.json", 0700), 0);
+    EXPECT_EQ(faults_of(kGood), "1: several templates are called \"lan.json\": none is taken\n");
+}
+
+TEST_F(DataCheck, TakesAPathForTheNameOfAFamily)
+{
+    EXPECT_EQ(faults("{\"/etc/template/lan.json\":[]}"), "");
+    write_file("/tmp/other.json", "{\"para\":[]}");
+    EXPECT_EQ(faults("{\"/tmp/other.json\":[]}").find("/tmp/other.json:1: \"para\" is empty"), 0u);
+}
+
 TEST_F(DataCheck, FindsUnknownFamilies)
 {
     EXPECT_EQ(faults("{\"lan.json\":[],\n\"wan.json\":[],\n\"sub/lan.json\":[]}"),

@@ -98,6 +98,10 @@ TEST(Header, SeesTheDefaultsThatTheLibraryStored)
     EXPECT_EQ(memcmp(image.uint8_t_, "\x0a\0\0\1", 4), 0);
     EXPECT_EQ(image.linux_, INT32_MIN);
     EXPECT_EQ(image.odd_names_2, -2);
+    EXPECT_EQ(image.INT8_MAX_, 7) << "a macro of a header that this one includes";
+    EXPECT_EQ(image.SIZE_WIDTH_, 8);
+    EXPECT_EQ(image.INTERVAL_MAX, 9);
+    EXPECT_EQ(image.typeof_unqual_, 10);
     EXPECT_EQ(image.ODD_NAMES_SIZE_2, 0);
     EXPECT_EQ(image.gr____e, 5);
 }

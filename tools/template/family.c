@@ -15,7 +15,8 @@
 #include "template/fields.h"
 #include "template/seen.h"
 
-enum { LABEL_SIZE = 96 };
+/* The command that finds a template has 255 characters at most, and its output is trimmed. */
+enum { LABEL_SIZE = 96, FOUND_MAX = 204 };
 
 /* The four members of an element, of which the library needs all. */
 struct element {
@@ -36,6 +37,11 @@ static void check_family_name(const struct family *family)
         fault(family->path, 1, "the file's name: %s", why);
     else if (strpbrk(family->name, "$`*?[") != NULL)
         fault(family->path, 1, "the file's name: the library does not find names with $ ` * ? [");
+    else if (strlen(family->name) > FOUND_MAX)
+        fault(family->path, 1, "the file's name: the library does not find more than %d bytes",
+              FOUND_MAX);
+    else if (*family->name != '\0' && family->name[strlen(family->name) - 1] == ' ')
+        fault(family->path, 1, "the file's name: the library does not find a blank at the end");
 }
 
 /* ---- one element ---- */

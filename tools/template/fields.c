@@ -1,6 +1,11 @@
 /* Taking values out of a parsed file. */
 #include "template/fields.h"
 
+#include <errno.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+
 #include "template/fault.h"
 #include "template/seen.h"
 #include "template/values.h"
@@ -26,7 +31,8 @@ void check_names_once(const char *path, const struct json *object)
         return;
     }
     for (member = object->first; member != NULL; member = member->next) {
-        first = seen_add(&seen, member->name, member->name_length, member->name_line);
+        /* For the library a name ends at its first zero byte. */
+        first = seen_add(&seen, member->name, strlen(member->name), member->name_line);
         if (first != 0)
             fault(path, member->name_line, "duplicate name \"%.80s\", first in line %u",
                   member->name, first);
@@ -34,10 +40,29 @@ void check_names_once(const char *path, const struct json *object)
     seen_free(&seen);
 }
 
+/* Whether a number without quotes is the text that the library makes of it: whole ones go through
+ * 64 bits there, others stay as they stand. */
+static bool number_stays(const char *text)
+{
+    if (strpbrk(text, ".eE") != NULL)
+        return true;
+    errno = 0;
+    if (*text == '-')
+        return strtoll(text, NULL, 10) != 0 && errno == 0;
+    return strtoull(text, NULL, 10) != ULLONG_MAX || errno == 0;
+}
+
 const char *take_text(const char *path, const struct json *value, const char *what)
 {
-    if (value->text == NULL)
+    if (value->text == NULL) {
         fault(path, value->line, "%.100s is no text", what);
+        return NULL;
+    }
+    if (value->type == JSON_NUMBER && !number_stays(value->text)) {
+        fault(path, value->line, "%.100s: the library changes %.40s, which needs quotes", what,
+              value->text);
+        return NULL;
+    }
     return value->text;
 }
 

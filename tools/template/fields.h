@@ -15,7 +15,7 @@ size_t json_count(const struct json *value);
 void check_names_once(const char *path, const struct json *object);
 
 /* The text of a value: a text, or a number as it stands, which the library takes as well. NULL
- * for anything else, after having reported it as "`what` is no text". */
+ * for anything else, and for a number that the library changes, after having reported it. */
 const char *take_text(const char *path, const struct json *value, const char *what);
 
 /* Reads a whole number of 32 bits, in quotes or not. False after having reported what else it is.

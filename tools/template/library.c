@@ -1,10 +1,12 @@
-/* The database finds a template by its file name alone, anywhere below the template folder. */
+/* The database finds a template by its file name alone, anywhere below the template folder, unless
+ * the name is the path of something that exists. */
 #include "template/library.h"
 
 #include <errno.h>
 #include <ftw.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "template/fault.h"
 
@@ -46,9 +48,10 @@ static bool add_entry(const char *path)
 static int visit(const char *path, const struct stat *status, int kind, struct FTW *place)
 {
     (void)status;
+    (void)kind;
     (void)place;
-    /* Links count, as for find; where they lead is seen when they are read. */
-    return (kind != FTW_F && kind != FTW_SL) || add_entry(path) ? 0 : -1;
+    /* Folders and links count, as for find; what they are is seen when they are read. */
+    return add_entry(path) ? 0 : -1;
 }
 
 bool library_open(const char *folder)
@@ -80,18 +83,34 @@ static const char *base_name(const char *path)
     return slash == NULL ? path : slash + 1;
 }
 
-enum library_result library_find(const char *name, const struct family **family)
+/* The entry of a name, or of a path that exists; `several` tells that there are more. */
+static struct entry *find(const char *name, bool *several)
 {
+    bool is_path = strchr(name, '/') != NULL;
     struct entry *found = NULL;
     size_t i;
 
+    *several = false;
     for (i = 0; i < count; i++) {
-        if (strcmp(base_name(entries[i]->path), name) != 0)
+        const char *path = entries[i]->path;
+
+        if (strcmp(is_path ? path : base_name(path), name) != 0)
             continue;
-        if (found != NULL)
-            return LIBRARY_SEVERAL;
+        *several = found != NULL;
         found = entries[i];
     }
+    if (found == NULL && is_path && access(name, F_OK) == 0 && add_entry(name))
+        found = entries[count - 1];
+    return found;
+}
+
+enum library_result library_find(const char *name, const struct family **family)
+{
+    bool several;
+    struct entry *found = find(name, &several);
+
+    if (several)
+        return LIBRARY_SEVERAL;
     if (found == NULL)
         return LIBRARY_NONE;
     if (!found->read)

@@ -10,8 +10,9 @@ void library_close(void);
 
 enum library_result { LIBRARY_FOUND, LIBRARY_NONE, LIBRARY_SEVERAL, LIBRARY_UNUSABLE };
 
-/* The family of a name: one file of that name, in whatever folder, as the database looks for it.
- * Its template is checked, and its faults reported, the first time. */
+/* The family of a name: the one file of that name, in whatever folder, or the file of that path,
+ * as the database looks for it. Its template is checked, and its faults reported, the first time.
+ */
 enum library_result library_find(const char *name, const struct family **family);
 
 #endif

@@ -39,7 +39,6 @@ bool notifier_runs()
 
 int32_t start_without_database_table()
 {
-    bv_os_printf("%s", ""); // standard output has its buffer from here on
     CaptureStdout quiet;
     FailAllocation second(2); // the first is the switch table
     int32_t result = bv_libraries_init();
@@ -99,7 +98,6 @@ TEST(StartUp, TheFailureOfOneIsTheResultAndStopsNoneOfTheOthers)
 
 TEST(StartUp, DebuggingComesFirstAndCannotFail)
 {
-    bv_os_printf("%s", "");
     CaptureStdout quiet;
     bool refused;
     int32_t result;

@@ -131,7 +131,6 @@ TEST(DebugSwitches, ASecondInitTurnsAllOff)
 
 TEST(DebugSwitches, WithoutMemoryForTheTableAllStayOn)
 {
-    bv_os_printf("%s", ""); // standard output has its buffer from here on
     CaptureStdout output;
     int32_t result;
     bool refused;

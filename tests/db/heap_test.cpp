@@ -148,8 +148,8 @@ TEST_F(DbHeap, ALoadKeepsItsInstancesAndNothingElse)
     json_object_put(g_tree);
     std::string text;
     for (int number : {3, 1, 2, 1, 4, 3, 6})
-        text += (text.empty() ? "" : ",") + ("{\"inst\":" + std::to_string(number)) +
-                ",\"para\":{}}";
+        text +=
+            (text.empty() ? "" : ",") + ("{\"inst\":" + std::to_string(number)) + ",\"para\":{}}";
     put_file(kUserFile, "{\"/etc/template/lan.json\":[" + text + "]}");
     g_tree = parse(kUserFile);
 

@@ -1,5 +1,5 @@
-// The whole database between memory and files: start, reset, restore, commit, and the command
-// word by which a message asks for one of them.
+// The whole database between memory and files: start, reset, restore, commit with the flag that
+// lets it write, and the command word by which a message asks for one of them.
 
 #include <bv/db.h>
 
@@ -52,6 +52,17 @@ constexpr int32_t (*kCommands[])() = {do_nothing,     bv_db_commit,  bv_db_priva
                                       dump_user,      dump_private};
 
 } // namespace
+
+int32_t bv_db_status(void)
+{
+    return static_cast<int32_t>(g_st_db_mng.ready);
+}
+
+int32_t bv_db_ready(void)
+{
+    g_st_db_mng.ready = 1;
+    return BV_OK;
+}
 
 int32_t bv_db_commit(void)
 {

@@ -1,4 +1,4 @@
-// Instances: numbered images of a family, and the calls by family name that services use.
+// Instances: the numbered images of a family record.
 //
 // The list is in the order of adding, which is the order that walks and data files show. Its
 // length and highest number are kept in the family record, for bv_db_inst_getnum() and
@@ -47,14 +47,6 @@ void free_instance(bv_db_inst *instance)
     bv_os_free(instance);
 }
 
-// Copies an image of the family out, or nothing when it has none.
-int32_t copy_out(const bv_db_family &family, const uint8_t *image, void *buf, uint32_t buflen)
-{
-    if (family.image_size <= 0 || image == nullptr)
-        return BV_OK;
-    return bv_os_memcpy(buf, buflen, image, static_cast<uint32_t>(family.image_size));
-}
-
 int32_t copy_in(const bv_db_family &family, uint8_t *image, const void *buf, uint32_t buflen)
 {
     if (family.image_size <= 0 || image == nullptr)
@@ -65,16 +57,6 @@ int32_t copy_in(const bv_db_family &family, uint8_t *image, const void *buf, uin
 int32_t larger(int32_t a, int32_t b)
 {
     return a > b ? a : b;
-}
-
-// Finds the named family and its instance for the calls below.
-int32_t find_instance(const char *name, uint32_t inst, bv_db_family **family, bv_db_inst **instance)
-{
-    *family = bv_db_hash_find(name);
-    if (*family == nullptr)
-        return BV_ERR_NO_FAMILY;
-    *instance = bv_db_data_get_inst(*family, static_cast<int32_t>(inst));
-    return *instance == nullptr ? BV_ERR_NO_INSTANCE : BV_OK;
 }
 
 } // namespace
@@ -117,12 +99,20 @@ int32_t bv_db_data_get_inst_max(bv_db_family *family)
     return highest;
 }
 
+int32_t bv::copy_image_out(const bv_db_family &family, const uint8_t *image, void *buf,
+                           uint32_t buflen)
+{
+    if (family.image_size <= 0 || image == nullptr)
+        return BV_OK;
+    return bv_os_memcpy(buf, buflen, image, static_cast<uint32_t>(family.image_size));
+}
+
 int32_t bv_db_data_get_context(bv_db_family *family, bv_db_inst *instance, void *buf,
                                uint32_t buflen)
 {
     if (family == nullptr || instance == nullptr)
         return BV_ERR_FAILED;
-    return copy_out(*family, instance->image, buf, buflen);
+    return bv::copy_image_out(*family, instance->image, buf, buflen);
 }
 
 int32_t bv_db_data_set_context(bv_db_family *family, bv_db_inst *instance, const void *buf,
@@ -175,100 +165,5 @@ int32_t bv_db_data_free(bv_db_family *family)
         free_instance(bv::instance(family->inst_list.next));
     family->inst_count = 0;
     family->inst_max = 1;
-    return BV_OK;
-}
-
-int32_t bv_db_inst_add(const char *name, const void *buf, uint32_t buflen, uint32_t inst)
-{
-    bv_db_family *family = bv_db_hash_find(name);
-    if (family == nullptr)
-        return BV_ERR_NO_FAMILY;
-    if (bv_db_data_get_inst(family, static_cast<int32_t>(inst)) != nullptr)
-        return BV_ERR_EXISTS;
-    return bv_db_data_add_inst(family, buf, buflen, static_cast<int32_t>(inst));
-}
-
-int32_t bv_db_inst_del(const char *name, uint32_t inst)
-{
-    bv_db_family *family;
-    bv_db_inst *instance;
-    int32_t status = find_instance(name, inst, &family, &instance);
-    return status == BV_OK ? bv_db_data_del_inst(family, instance) : status;
-}
-
-int32_t bv_db_inst_getnew(const char *name, uint32_t *out)
-{
-    bv_db_family *family = bv_db_hash_find(name);
-    if (family == nullptr || out == nullptr)
-        return BV_ERR_NO_FAMILY;
-    *out = static_cast<uint32_t>(bv::checked_add(family->inst_max, 1));
-    return BV_OK;
-}
-
-int32_t bv_db_inst_getnum(const char *name)
-{
-    bv_db_family *family = bv_db_hash_find(name);
-    return family == nullptr ? 0 : family->inst_count;
-}
-
-int32_t bv_db_read(const char *name, void *buf, uint32_t buflen, uint32_t inst)
-{
-    bv_db_family *family;
-    bv_db_inst *instance;
-    int32_t status = find_instance(name, inst, &family, &instance);
-    // A family that was never stored still has its settings: the template's.
-    if (status == BV_ERR_NO_INSTANCE && inst == 1) {
-        copy_out(*family, family->default_image, buf, buflen);
-        return BV_OK;
-    }
-    if (status == BV_OK)
-        copy_out(*family, instance->image, buf, buflen);
-    return status;
-}
-
-int32_t bv_db_read_first(const char *name, void *buf, uint32_t buflen, uint32_t *inst)
-{
-    bv_db_family *family = bv_db_hash_find(name);
-    if (family == nullptr)
-        return BV_ERR_NO_FAMILY;
-    auto *number = reinterpret_cast<int32_t *>(inst);
-    bv_db_inst *instance = bv_db_data_get_inst_first(family, number);
-    if (instance == nullptr)
-        return BV_ERR_NO_INSTANCE;
-    copy_out(*family, instance->image, buf, buflen);
-    return BV_OK;
-}
-
-int32_t bv_db_read_next(const char *name, void *buf, uint32_t buflen, uint32_t prev, uint32_t *inst)
-{
-    bv_db_family *family = bv_db_hash_find(name);
-    if (family == nullptr)
-        return BV_ERR_NO_FAMILY;
-    auto *number = reinterpret_cast<int32_t *>(inst);
-    bv_db_inst *instance = bv_db_data_get_inst_next(family, static_cast<int32_t>(prev), number);
-    if (instance == nullptr)
-        return BV_ERR_NO_INSTANCE;
-    copy_out(*family, instance->image, buf, buflen);
-    return BV_OK;
-}
-
-int32_t bv_db_write(const char *name, const void *buf, uint32_t buflen, uint32_t inst)
-{
-    bv_db_family *family;
-    bv_db_inst *instance;
-    int32_t status = find_instance(name, inst, &family, &instance);
-    if (status == BV_OK)
-        copy_in(*family, instance->image, buf, buflen);
-    return status;
-}
-
-int32_t bv_db_status(void)
-{
-    return static_cast<int32_t>(g_st_db_mng.ready);
-}
-
-int32_t bv_db_ready(void)
-{
-    g_st_db_mng.ready = 1;
     return BV_OK;
 }

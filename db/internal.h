@@ -103,6 +103,10 @@ void number_to_text(int32_t number, char *text);
 // load adds many.
 int32_t append_instance(bv_db_family &family, const void *buf, uint32_t buflen, int32_t number);
 
+// Copies an image of the family out, as bv_db_data_get_context() does; nothing when it has none.
+int32_t copy_image_out(const bv_db_family &family, const uint8_t *image, void *buf,
+                       uint32_t buflen);
+
 // Releases what a template gave a family, and its instances; the default image is left to leak.
 void release_contents(bv_db_family &family);
 

@@ -101,6 +101,20 @@ int32_t bv_db_reg_factory(const char *name)
     return register_name(g_st_db_mng.factory_list, name);
 }
 
+void bv::release_contents(bv_db_family &family)
+{
+    // A record that never had instances keeps its highest number of 0.
+    if (family.inst_list.next != nullptr && !bv::list_empty(family.inst_list))
+        bv_db_data_free(&family);
+    bv_os_free(family.para);
+    bv_os_free(family.working_image);
+    family.image_size = 0;
+    family.para_count = 0;
+    family.para = nullptr;
+    family.working_image = nullptr;
+    family.default_image = nullptr; // not freed: the leak of a reload is known and kept
+}
+
 // Each record goes by its own name, so that what a service keeps in the table beside the families
 // stays there.
 int32_t bv_db_hash_free(void)

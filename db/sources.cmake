@@ -3,6 +3,7 @@ bv_sources(
   template.cpp
   convert.cpp
   instance.cpp
+  access.cpp
   file_write.cpp
   file_read.cpp
   control.cpp)

@@ -139,20 +139,6 @@ int32_t make_images(bv_db_family &family)
 
 } // namespace
 
-void bv::release_contents(bv_db_family &family)
-{
-    // A record that never had instances keeps its highest number of 0.
-    if (family.inst_list.next != nullptr && !bv::list_empty(family.inst_list))
-        bv_db_data_free(&family);
-    bv_os_free(family.para);
-    bv_os_free(family.working_image);
-    family.image_size = 0;
-    family.para_count = 0;
-    family.para = nullptr;
-    family.working_image = nullptr;
-    family.default_image = nullptr; // not freed: the leak of a reload is known and kept
-}
-
 int32_t bv_db_template_read(bv_list_head *list)
 {
     if (list == nullptr)

@@ -20,7 +20,7 @@ void dump_family(bv_db_family &family)
                  family.para_count, family.image_size, family.inst_count, family.inst_max);
     bv_list_head &list = family.inst_list;
     for (bv_list_head *link = list.next; link != &list; link = link->next)
-        bv_os_printb(bv::instance(link)->image, family.image_size);
+        bv_os_printb(bv::instance_of(link)->image, family.image_size);
 }
 
 int32_t dump(bv_list_head &list)

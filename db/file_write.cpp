@@ -100,7 +100,7 @@ void put_instances(Output &out, bv_db_family &family)
     for (bv_list_head *link = list.next; link != &list; link = link->next) {
         if (link != list.next)
             put_literal(out, ",\n");
-        put_instance(out, family, bv::instance(link)->image, bv::instance(link)->number);
+        put_instance(out, family, bv::instance_of(link)->image, bv::instance_of(link)->number);
     }
 }
 

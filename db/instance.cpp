@@ -17,7 +17,7 @@ namespace {
 // The instance behind a link of the list (its head for the first one), or null at the end.
 bv_db_inst *instance_behind(bv_db_family &family, bv_list_head &link)
 {
-    return link.next == &family.inst_list ? nullptr : bv::instance(link.next);
+    return link.next == &family.inst_list ? nullptr : bv::instance_of(link.next);
 }
 
 bv_db_inst *report_number(bv_db_inst *instance, int32_t *number)
@@ -67,8 +67,8 @@ bv_db_inst *bv_db_data_get_inst(bv_db_family *family, int32_t inst)
         return nullptr;
     bv_list_head &list = family->inst_list;
     for (bv_list_head *link = list.next; link != &list; link = link->next)
-        if (bv::instance(link)->number == inst)
-            return bv::instance(link);
+        if (bv::instance_of(link)->number == inst)
+            return bv::instance_of(link);
     return nullptr;
 }
 
@@ -94,8 +94,8 @@ int32_t bv_db_data_get_inst_max(bv_db_family *family)
         return highest;
     bv_list_head &list = family->inst_list;
     for (bv_list_head *link = list.next; link != &list; link = link->next)
-        if (bv::instance(link)->number > highest)
-            highest = bv::instance(link)->number;
+        if (bv::instance_of(link)->number > highest)
+            highest = bv::instance_of(link)->number;
     return highest;
 }
 
@@ -162,7 +162,7 @@ int32_t bv_db_data_free(bv_db_family *family)
     if (family == nullptr)
         return BV_ERR_FAILED;
     while (!bv::list_empty(family->inst_list))
-        free_instance(bv::instance(family->inst_list.next));
+        free_instance(bv::instance_of(family->inst_list.next));
     family->inst_count = 0;
     family->inst_max = 1;
     return BV_OK;

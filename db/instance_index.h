@@ -58,7 +58,7 @@ private:
     void catch_up()
     {
         for (; complete_ && last_->next != &family_.inst_list; last_ = last_->next) {
-            bv_db_inst *next = instance(last_->next);
+            bv_db_inst *next = instance_of(last_->next);
             Node **node = place(next->number);
             if (*node != nullptr)
                 continue;

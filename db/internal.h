@@ -1,4 +1,4 @@
-// What the files of the database share: family keys, sizes of images, walks over registrations.
+// What the files of the database share: from links to records, images, walks over registrations.
 #ifndef BV_DB_INTERNAL_H
 #define BV_DB_INTERNAL_H
 
@@ -8,23 +8,8 @@
 #include "core/list.h"
 
 #include <cstddef>
-#include <cstring>
 
 namespace bv {
-
-// A family name as the table wants it: 1024 bytes, zeros behind the name.
-struct FamilyKey {
-    char bytes[1024];
-
-    // A name that does not fit leaves the key empty, so all overlong names are one family.
-    explicit FamilyKey(const char *name)
-    {
-        memset(bytes, 0, sizeof bytes);
-        bv_os_strncpy(bytes, sizeof bytes, name, sizeof bytes);
-    }
-
-    const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(bytes); }
-};
 
 // Images are allocated in whole steps of 32 bytes. A size that is 0 or negative (a template may
 // claim negative lengths) has no image at all.
@@ -47,7 +32,7 @@ inline uint8_t *make_image(int32_t image_size)
     return image;
 }
 
-inline bv_db_reg *registration(bv_list_head *link)
+inline bv_db_reg *registration_of(bv_list_head *link)
 {
     return list_record<bv_db_reg>(link, offsetof(bv_db_reg, link));
 }
@@ -57,7 +42,7 @@ inline bv_db_family *family_of(bv_list_head *link)
     return list_record<bv_db_family>(link, offsetof(bv_db_family, link));
 }
 
-inline bv_db_inst *instance(bv_list_head *link)
+inline bv_db_inst *instance_of(bv_list_head *link)
 {
     return list_record<bv_db_inst>(link, offsetof(bv_db_inst, link));
 }
@@ -87,7 +72,7 @@ inline void for_each_family(bv_list_head &list, Visit visit)
 {
     FamilyCursor families;
     for (bv_list_head *link = list.next; link != &list; link = link->next) {
-        bv_db_family *family = families.find(registration(link)->name);
+        bv_db_family *family = families.find(registration_of(link)->name);
         if (family != nullptr)
             visit(*family);
     }

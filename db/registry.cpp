@@ -12,6 +12,8 @@
 
 #include <bv/os.h>
 
+#include <cstring>
+
 namespace {
 
 constexpr uint32_t kFamilyBuckets = 2048;
@@ -39,10 +41,24 @@ static_assert(sizeof(void *) != 4 ||
               (offsetof(bv_db_reg, name) == 8 && offsetof(bv_db_inst, number) == 8 &&
                offsetof(bv_db_inst, image) == 12));
 
+// A family name as the table wants it: 1024 bytes, zeros behind the name.
+struct FamilyKey {
+    char bytes[kNameSize];
+
+    // A name that does not fit leaves the key empty, so all overlong names are one family.
+    explicit FamilyKey(const char *name)
+    {
+        memset(bytes, 0, sizeof bytes);
+        bv_os_strncpy(bytes, sizeof bytes, name, sizeof bytes);
+    }
+
+    const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(bytes); }
+};
+
 bool is_registered(const bv_list_head &list, const char *name)
 {
     for (bv_list_head *link = list.next; link != &list; link = link->next)
-        if (bv_os_strcmp(bv::registration(link)->name, name) == 0)
+        if (bv_os_strcmp(bv::registration_of(link)->name, name) == 0)
             return true;
     return false;
 }
@@ -124,7 +140,7 @@ int32_t bv_db_hash_free(void)
         bv_db_family *family = bv::family_of(families.next);
         bv::release_contents(*family);
         bv::list_unlink(family->link);
-        bv::FamilyKey key(family->name);
+        FamilyKey key(family->name);
         bv_hash_remove(g_st_db_mng.table, key.data());
     }
     return BV_OK;
@@ -134,7 +150,7 @@ bv_db_family *bv_db_hash_find(const char *name)
 {
     if (name == nullptr)
         return nullptr;
-    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, bv::FamilyKey(name).data()));
+    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, FamilyKey(name).data()));
 }
 
 bv_db_family *bv_db_hash_add(const char *name)
@@ -145,7 +161,7 @@ bv_db_family *bv_db_hash_add(const char *name)
     bv_db_family blank;
     memset(&blank, 0, sizeof blank);
     auto *family = static_cast<bv_db_family *>(
-        bv::hash_add(g_st_db_mng.table, bv::FamilyKey(name).data(), &blank));
+        bv::hash_add(g_st_db_mng.table, FamilyKey(name).data(), &blank));
     if (family == nullptr)
         return nullptr;
 

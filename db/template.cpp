@@ -15,6 +15,7 @@
 #include <bv/os.h>
 #include <bv/ubus.h>
 
+#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -144,7 +145,7 @@ int32_t bv_db_template_read(bv_list_head *list)
     if (list == nullptr)
         return BV_OK;
     for (bv_list_head *link = list->next; link != list; link = link->next) {
-        const char *name = bv::registration(link)->name;
+        const char *name = bv::registration_of(link)->name;
         bv_db_family *family = bv_db_hash_add(name);
         if (family != nullptr)
             bv_db_template_read_single(name, family);

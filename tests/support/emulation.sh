@@ -68,7 +68,7 @@ is_target_program() {
 
 # Prints the target programs below a folder that tests and examples start.
 target_programs() {
-    for folder in "$1/compat" "$1/examples"; do
+    for folder in "$1/compat" "$1/examples" "$1/tools"; do
         [ ! -d "$folder" ] || find "$folder" -type f -perm /111 ! -name '*.so*' ! -path '*/CMakeFiles/*'
     done
 }

@@ -2,8 +2,6 @@
 
 #include "support/capture.h"
 
-#include <cstddef>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -232,13 +230,7 @@ TEST_F(DbControl, FamiliesAreCreatedInTheOrderFactoryUserPrivate)
 {
     for (auto reload : {bv_db_start, bv_db_restore, bv_db_template}) {
         reload();
-        std::string order;
-        bv_list_head &list = g_st_db_mng.family_list;
-        for (bv_list_head *link = list.next; link != &list; link = link->next)
-            order += reinterpret_cast<bv_db_family *>(reinterpret_cast<char *>(link) -
-                                                      offsetof(bv_db_family, link))
-                         ->name;
-        EXPECT_EQ(order, "fup");
+        EXPECT_EQ(families(), (std::vector<std::string>{"f", "u", "p"}));
     }
 }
 

@@ -89,22 +89,51 @@ Bytes image_of(const bv_db_family *family, int number)
     return Bytes(instance->image, instance->image + family->image_size);
 }
 
+namespace {
+
+// The record around a link of a list.
+template <typename Record>
+const Record *record(const bv_list_head *link)
+{
+    return reinterpret_cast<const Record *>(reinterpret_cast<const char *>(link) -
+                                            offsetof(Record, link));
+}
+
+template <typename Record>
+std::vector<std::string> names_of(const bv_list_head &list)
+{
+    std::vector<std::string> out;
+    for (const bv_list_head *link = list.next; link != &list; link = link->next)
+        out.push_back(record<Record>(link)->name);
+    return out;
+}
+
+} // namespace
+
 std::vector<int> numbers(const bv_db_family *family)
 {
+    const bv_list_head &list = family->inst_list;
     std::vector<int> out;
-    for (bv_list_head *link = family->inst_list.next; link != &family->inst_list; link = link->next)
-        out.push_back(reinterpret_cast<bv_db_inst *>(reinterpret_cast<char *>(link) -
-                                                     offsetof(bv_db_inst, link))
-                          ->number);
+    for (const bv_list_head *link = list.next; link != &list; link = link->next)
+        out.push_back(record<bv_db_inst>(link)->number);
     return out;
 }
 
 std::vector<std::string> names(const bv_list_head &list)
 {
-    std::vector<std::string> out;
-    for (bv_list_head *link = list.next; link != &list; link = link->next)
-        out.push_back(reinterpret_cast<bv_db_reg *>(reinterpret_cast<char *>(link) -
-                                                    offsetof(bv_db_reg, link))
-                          ->name);
-    return out;
+    return names_of<bv_db_reg>(list);
+}
+
+std::vector<std::string> families()
+{
+    return names_of<bv_db_family>(g_st_db_mng.family_list);
+}
+
+void expect_no_parameters(const bv_db_family *family)
+{
+    EXPECT_EQ(family->image_size, 0);
+    EXPECT_EQ(family->para_count, 0);
+    EXPECT_EQ(family->para, nullptr);
+    EXPECT_EQ(family->default_image, nullptr);
+    EXPECT_EQ(family->working_image, nullptr);
 }

@@ -49,6 +49,12 @@ std::vector<int> numbers(const bv_db_family *family);
 // The names in a registration list, in order.
 std::vector<std::string> names(const bv_list_head &list);
 
+// The names of the families, in the order of their creation.
+std::vector<std::string> families();
+
+// That a family is as one whose template cannot be read, apart from function names and instances.
+void expect_no_parameters(const bv_db_family *family);
+
 // The bytes of an object, as the machine has them.
 template <typename T>
 Bytes bytes_of(T object)

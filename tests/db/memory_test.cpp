@@ -41,15 +41,6 @@ void parse_beforehand()
 
 class DbMemory : public Db {
 protected:
-    void expect_no_parameters() const
-    {
-        EXPECT_EQ(family->image_size, 0);
-        EXPECT_EQ(family->para_count, 0);
-        EXPECT_EQ(family->para, nullptr);
-        EXPECT_EQ(family->default_image, nullptr);
-        EXPECT_EQ(family->working_image, nullptr);
-    }
-
     int read_lan() { return bv_db_template_read_single(kLanPath, family); }
 
     bv_db_family *family = nullptr;
@@ -120,13 +111,13 @@ TEST_F(DbMemory, ATemplateWithoutTableOrImagesLeavesNoParameters)
         EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
         EXPECT_EQ(table.happened(), 1u);
     }
-    expect_no_parameters();
+    expect_no_parameters(family);
     {
         FailAllocationsOfSize image(kLanAllocation);
         EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
         EXPECT_GE(image.happened(), 1u);
     }
-    expect_no_parameters();
+    expect_no_parameters(family);
     EXPECT_EQ(bv_db_inst_getnum("lan.json"), 0);
     uint8_t buf[38] = {9};
     EXPECT_EQ(bv_db_read("lan.json", buf, sizeof buf, 1), BV_OK);
@@ -144,7 +135,7 @@ TEST_F(DbMemory, EveryRefusalDuringATemplateLeavesItWholeOrEmpty)
     int refused = refuse_each([&] { return read_lan(); },
                               [&](int status) {
                                   EXPECT_EQ(status, BV_ERR_MEMORY);
-                                  expect_no_parameters();
+                                  expect_no_parameters(family);
                                   EXPECT_STREQ(family->getfunc, "get");
                               });
     EXPECT_EQ(refused, 3) << "the table and the two images";
@@ -161,7 +152,7 @@ TEST_F(DbMemory, ARefusalWhileReadingAgainLeavesTheFamilyEmpty)
         add_instance(family, 1, {"10.0.0.1", "9000", "a"});
         FailAllocation nth(n);
         EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
-        expect_no_parameters();
+        expect_no_parameters(family);
         EXPECT_EQ(bv_db_inst_getnum("lan.json"), 0);
     }
 }

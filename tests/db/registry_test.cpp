@@ -15,17 +15,6 @@ bool is_empty(const bv_list_head &list)
     return list.next == &list && list.prev == &list;
 }
 
-Names families()
-{
-    Names out;
-    bv_list_head &list = g_st_db_mng.family_list;
-    for (bv_list_head *link = list.next; link != &list; link = link->next)
-        out.push_back(reinterpret_cast<bv_db_family *>(reinterpret_cast<char *>(link) -
-                                                       offsetof(bv_db_family, link))
-                          ->name);
-    return out;
-}
-
 TEST(DbRegistryBeforeInit, FindsNothingAndFreesNothing)
 {
     EXPECT_EQ(bv_db_hash_find("lan"), nullptr);

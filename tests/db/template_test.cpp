@@ -28,15 +28,11 @@ protected:
     int read_elements(const std::string &elements) { return read("{\"para\":[" + elements + "]}"); }
 
     // As after bv_db_hash_add(), but for the function names.
-    void expect_no_parameters() const
+    void expect_untouched() const
     {
-        EXPECT_EQ(family->image_size, 0);
-        EXPECT_EQ(family->para_count, 0);
+        expect_no_parameters(family);
         EXPECT_EQ(family->inst_count, 0);
         EXPECT_EQ(family->inst_max, 0);
-        EXPECT_EQ(family->para, nullptr);
-        EXPECT_EQ(family->default_image, nullptr);
-        EXPECT_EQ(family->working_image, nullptr);
     }
 
     bv_db_family *family = nullptr;
@@ -122,7 +118,7 @@ TEST_F(DbTemplate, AFileInTheCurrentDirectoryWinsOverTheSearch)
 TEST_F(DbTemplate, AMissingOneLeavesTheFamilyEmpty)
 {
     EXPECT_EQ(bv_db_template_read_single("t.json", family), -1);
-    expect_no_parameters();
+    expect_untouched();
     EXPECT_EQ(bv_db_hash_find("t.json"), family);
 }
 
@@ -132,7 +128,7 @@ TEST_F(DbTemplate, SeveralMatchesAreNone)
     install("t.json", kLan);
     install("old/t.json", kLan);
     EXPECT_EQ(bv_db_template_read_single("t.json", family), -1);
-    expect_no_parameters();
+    expect_untouched();
 }
 
 TEST_F(DbTemplate, TheStatusOfASearchThatCannotBeCapturedIsReturned)
@@ -142,13 +138,13 @@ TEST_F(DbTemplate, TheStatusOfASearchThatCannotBeCapturedIsReturned)
     ASSERT_EQ(symlink("/nowhere/file", capture), 0);
     install("t.json", kLan);
     EXPECT_EQ(bv_db_template_read_single("t.json", family), BV_ERR_NO_FILE);
-    expect_no_parameters();
+    expect_untouched();
 }
 
 TEST_F(DbTemplate, ANameTooLongForTheCommandIsNotFound)
 {
     EXPECT_EQ(bv_db_template_read_single(std::string(300, 'n').c_str(), family), -1);
-    expect_no_parameters();
+    expect_untouched();
 }
 
 TEST_F(DbTemplate, WhatIsNoTemplateIsRefused)
@@ -173,7 +169,7 @@ TEST_F(DbTemplate, WhatIsNoTemplateIsRefused)
     for (const std::string &text : texts) {
         SCOPED_TRACE(text);
         EXPECT_EQ(read(text), -1);
-        expect_no_parameters();
+        expect_untouched();
     }
 }
 
@@ -182,7 +178,7 @@ TEST_F(DbTemplate, ParaMustBeAnArray)
     for (const char *para : {"null", "{}", "{\"0\":1}", "\"text\"", "3", "1.5", "false"}) {
         SCOPED_TRACE(para);
         EXPECT_EQ(read(std::string("{\"para\":") + para + "}"), -1);
-        expect_no_parameters();
+        expect_untouched();
     }
 }
 
@@ -191,7 +187,7 @@ TEST_F(DbTemplate, FunctionNamesAreKeptEvenWithoutPara)
     EXPECT_EQ(read(R"({"getfunc":"g","setfunc":"s"})"), -1);
     EXPECT_STREQ(family->getfunc, "g");
     EXPECT_STREQ(family->setfunc, "s");
-    expect_no_parameters();
+    expect_untouched();
 }
 
 TEST_F(DbTemplate, FunctionNamesAreOptional)
@@ -221,7 +217,7 @@ TEST_F(DbTemplate, TextsAreCutTo1023Characters)
 TEST_F(DbTemplate, AnEmptyParaGivesAFamilyWithoutImages)
 {
     EXPECT_EQ(read_elements(""), BV_OK);
-    expect_no_parameters();
+    expect_untouched();
 
     Bytes buf(8, 0xee);
     EXPECT_EQ(bv_db_read("t.json", buf.data(), 8, 1), BV_OK);
@@ -374,7 +370,7 @@ TEST_F(DbTemplate, MoreThan425ParametersAreRefused)
 {
     CaptureStdout out;
     EXPECT_EQ(read_elements(elements(426)), -1);
-    expect_no_parameters();
+    expect_untouched();
     EXPECT_EQ(out.stop(), "data size out of rang ui_size = 1313784 malloc fail\n");
 }
 
@@ -396,11 +392,7 @@ TEST_F(DbTemplate, ReadAgainWithoutParametersEmptiesTheFamily)
         ASSERT_EQ(read(template_text(kLan)), BV_OK);
         add_instance(family, 4, {"10.0.0.1", "9000", "a"});
         EXPECT_EQ(read_elements(none), none.empty() ? BV_OK : -1);
-        EXPECT_EQ(family->image_size, 0);
-        EXPECT_EQ(family->para_count, 0);
-        EXPECT_EQ(family->para, nullptr);
-        EXPECT_EQ(family->working_image, nullptr);
-        EXPECT_EQ(family->default_image, nullptr);
+        expect_no_parameters(family);
         EXPECT_EQ(family->inst_count, 0);
         EXPECT_EQ(family->inst_max, 1);
         EXPECT_STREQ(family->getfunc, "get") << "a name that the new template lacks stays";

@@ -85,91 +85,92 @@ Ends &fresh()
     return *g_peer;
 }
 
+// The situations: each gives the descriptor to watch.
+
+int unread_socket()
+{
+    Ends &pair = fresh<SocketPair>();
+    send_byte(pair.b);
+    return release(pair.a);
+}
+
+int idle_socket()
+{
+    return release(fresh<SocketPair>().a);
+}
+
+int socket_whose_peer_ended_sending()
+{
+    Ends &pair = fresh<SocketPair>();
+    shutdown(pair.b, SHUT_WR);
+    return release(pair.a);
+}
+
+int socket_whose_peer_closed()
+{
+    Ends &pair = fresh<SocketPair>();
+    Ends::close_end(pair.b);
+    return release(pair.a);
+}
+
+int pipe_whose_writer_closed()
+{
+    Ends &pipe = fresh<Pipe>();
+    Ends::close_end(pipe.b);
+    return release(pipe.a);
+}
+
+int pipe_whose_writer_left_a_byte()
+{
+    Ends &pipe = fresh<Pipe>();
+    send_byte(pipe.b);
+    Ends::close_end(pipe.b);
+    return release(pipe.a);
+}
+
+int pipe_whose_reader_closed()
+{
+    Ends &pipe = fresh<Pipe>();
+    Ends::close_end(pipe.a);
+    return release(pipe.b);
+}
+
 TEST_F(UloopFd, InputIsReportedWhileItIsUnread)
 {
-    expect_row(
-        [] {
-            Ends &pair = fresh<SocketPair>();
-            send_byte(pair.b);
-            return release(pair.a);
-        },
-        ULOOP_READ, {ULOOP_READ, false, false, true});
+    expect_row(unread_socket, ULOOP_READ, {ULOOP_READ, false, false, true});
 }
 
 TEST_F(UloopFd, OutputRoomIsReportedWhileThereIsSome)
 {
-    expect_row([] { return release(fresh<SocketPair>().a); }, ULOOP_WRITE,
-               {ULOOP_WRITE, false, false, true});
-    expect_row(
-        [] {
-            Ends &pair = fresh<SocketPair>();
-            send_byte(pair.b);
-            return release(pair.a);
-        },
-        ULOOP_READ | ULOOP_WRITE, {ULOOP_READ | ULOOP_WRITE, false, false, true});
+    expect_row(idle_socket, ULOOP_WRITE, {ULOOP_WRITE, false, false, true});
+    expect_row(unread_socket, ULOOP_READ | ULOOP_WRITE,
+               {ULOOP_READ | ULOOP_WRITE, false, false, true});
 }
 
 TEST_F(UloopFd, TheEndOfThePeersSendingSideIsEofAndRepeats)
 {
-    expect_row(
-        [] {
-            Ends &pair = fresh<SocketPair>();
-            shutdown(pair.b, SHUT_WR);
-            return release(pair.a);
-        },
-        ULOOP_READ, {ULOOP_READ, true, false, true});
+    expect_row(socket_whose_peer_ended_sending, ULOOP_READ, {ULOOP_READ, true, false, true});
 }
 
 TEST_F(UloopFd, AClosedSocketPeerIsAnError)
 {
-    expect_row(
-        [] {
-            Ends &pair = fresh<SocketPair>();
-            Ends::close_end(pair.b);
-            return release(pair.a);
-        },
-        ULOOP_READ, {ULOOP_READ, true, true, false});
-    expect_row(
-        [] {
-            Ends &pair = fresh<SocketPair>();
-            Ends::close_end(pair.b);
-            return release(pair.a);
-        },
-        ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
+    expect_row(socket_whose_peer_closed, ULOOP_READ, {ULOOP_READ, true, true, false});
+    expect_row(socket_whose_peer_closed, ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
 }
 
 TEST_F(UloopFd, AClosedPipeWriterIsAnErrorWithoutEvents)
 {
-    expect_row(
-        [] {
-            Ends &pipe = fresh<Pipe>();
-            Ends::close_end(pipe.b);
-            return release(pipe.a);
-        },
-        ULOOP_READ, {0, false, true, false});
+    expect_row(pipe_whose_writer_closed, ULOOP_READ, {0, false, true, false});
 }
 
 TEST_F(UloopFd, AClosedPipeWriterThatLeftDataIsAnErrorWithRead)
 {
-    expect_row(
-        [] {
-            Ends &pipe = fresh<Pipe>();
-            send_byte(pipe.b);
-            Ends::close_end(pipe.b);
-            return release(pipe.a);
-        },
-        ULOOP_READ, {ULOOP_READ, false, true, false});
+    expect_row(pipe_whose_writer_left_a_byte, ULOOP_READ, {ULOOP_READ, false, true, false});
 }
 
 TEST_F(UloopFd, AClosedPipeReaderIsAnErrorWithWrite)
 {
-    expect_row(
-        [] {
-            Ends &pipe = fresh<Pipe>();
-            Ends::close_end(pipe.a);
-            return release(pipe.b);
-        },
-        ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
+    expect_row(pipe_whose_reader_closed, ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
 }
 
 // An address on the loopback interface that nobody listens on.

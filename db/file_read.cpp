@@ -6,10 +6,10 @@
 
 #include <bv/db.h>
 
-#include "bus/json_members.h"
 #include "core/list.h"
 #include "db/instance_index.h"
 #include "db/internal.h"
+#include "db/json_members.h"
 
 #include <bv/os.h>
 #include <bv/ubus.h>

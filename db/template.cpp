@@ -6,9 +6,9 @@
 
 #include <bv/db.h>
 
-#include "bus/json_members.h"
 #include "core/list.h"
 #include "db/internal.h"
+#include "db/json_members.h"
 #include "os/alloc.h"
 #include "os/checked.h"
 

@@ -4,8 +4,8 @@
 // comparison with the next member then replaces hashing the key, which would cost as much as
 // parsing the member did: without it a start of the database takes 4 % more instructions. Any
 // other order works too, at the price of the look-up.
-#ifndef BV_BUS_JSON_MEMBERS_H
-#define BV_BUS_JSON_MEMBERS_H
+#ifndef BV_DB_JSON_MEMBERS_H
+#define BV_DB_JSON_MEMBERS_H
 
 #include <bv/os.h>
 #include <bv/ubus.h>

@@ -6,19 +6,6 @@
 
 #include <string.h>
 
-void put_be32(uint8_t *to, uint32_t value)
-{
-    to[0] = (uint8_t)(value >> 24);
-    to[1] = (uint8_t)(value >> 16);
-    to[2] = (uint8_t)(value >> 8);
-    to[3] = (uint8_t)value;
-}
-
-uint32_t get_be32(const uint8_t *from)
-{
-    return (uint32_t)from[0] << 24 | (uint32_t)from[1] << 16 | (uint32_t)from[2] << 8 | from[3];
-}
-
 void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer)
 {
     to[0] = 0;

@@ -175,24 +175,30 @@ void objects_remove_all_of(struct client *client)
         object_remove(list_first_entry(&client->objects, struct object, of_owner));
 }
 
-void request_remove_object(struct client *client, const struct message *message)
+// The client's own object that a request is about; null after the request was refused.
+struct object *object_of_request(struct client *client, const struct message *message)
 {
     if (message->attr[UBUS_ATTR_OBJID] == NULL) {
         send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
-        return;
+        return NULL;
     }
 
     uint32_t id = message_u32(message, UBUS_ATTR_OBJID);
     struct object *object = object_find(id);
-    if (object == NULL && !is_system_object(id)) {
-        send_status(client, message, UBUS_STATUS_NOT_FOUND);
-        return;
-    }
-    if (object == NULL || object->owner != client) {
-        send_status(client, message, UBUS_STATUS_PERMISSION_DENIED);
-        return;
-    }
+    if (object != NULL && object->owner == client)
+        return object;
+    send_status(client, message,
+                object != NULL || is_system_object(id) ? UBUS_STATUS_PERMISSION_DENIED
+                                                       : UBUS_STATUS_NOT_FOUND);
+    return NULL;
+}
 
+void request_remove_object(struct client *client, const struct message *message)
+{
+    struct object *object = object_of_request(client, message);
+
+    if (object == NULL)
+        return;
     answer_object(client, message, object, object->type != NULL && object->type->objects == 1);
     object_remove(object);
     send_status(client, message, UBUS_STATUS_OK);

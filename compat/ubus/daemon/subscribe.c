@@ -153,21 +153,13 @@ void request_notify(struct client *client, const struct message *message)
     bool no_reply = no_reply_attr != NULL && blob_get_u8(no_reply_attr) != 0;
     struct subscription *subscription;
 
-    if (message->attr[UBUS_ATTR_OBJID] == NULL || message->attr[UBUS_ATTR_METHOD] == NULL) {
+    if (message->attr[UBUS_ATTR_METHOD] == NULL) {
         send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
         return;
     }
-    uint32_t id = message_u32(message, UBUS_ATTR_OBJID);
-    struct object *object = object_find(id);
-    if (object == NULL && !is_system_object(id)) {
-        send_status(client, message, UBUS_STATUS_NOT_FOUND);
+    struct object *object = object_of_request(client, message);
+    if (object == NULL)
         return;
-    }
-    if (object == NULL || object->owner != client) {
-        send_status(client, message, UBUS_STATUS_PERMISSION_DENIED);
-        return;
-    }
-
     if (!no_reply)
         answer_watchers(client, message, object);
     list_for_each_entry(subscription, &object->watchers, of_target)

@@ -20,6 +20,8 @@
 
 #include "ubusmsg.h"
 
+#include "../bytes.h"
+
 enum {
     kHeaderLength = sizeof(struct ubus_msghdr),
     kWordLength = 4, // of a body or attribute
@@ -108,8 +110,6 @@ bool output_is_stalled(const struct client *client);
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length);
 uint32_t message_u32(const struct message *message, int attr);
 void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer);
-void put_be32(uint8_t *to, uint32_t value);
-uint32_t get_be32(const uint8_t *from);
 void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer,
                struct blob_attr *body);
 void send_status(struct client *to, const struct message *request, uint32_t status);
@@ -128,6 +128,7 @@ void objects_remove_all_of(struct client *client);
 void request_add_object(struct client *client, const struct message *message);
 void request_remove_object(struct client *client, const struct message *message);
 bool is_system_object(uint32_t id);
+struct object *object_of_request(struct client *client, const struct message *message);
 
 // lookup.c
 void request_lookup(struct client *client, const struct message *message);

@@ -10,6 +10,8 @@
 
 #include "libubus.h"
 
+#include "../bytes.h"
+
 #define UBUS_EXPORT __attribute__((visibility("default")))
 
 enum {
@@ -64,7 +66,6 @@ void connection_end(struct connection *connection);
 enum { kSendTooLong = -2, kSendFailed = -1 };
 int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint32_t peer,
                  struct iovec *parts, int count, int fd);
-uint8_t *put_be32(uint8_t *to, uint32_t value);
 uint8_t *put_attr(uint8_t *to, int id, size_t payload);
 uint8_t *put_u32(uint8_t *to, int id, uint32_t value);
 size_t padding(size_t length);

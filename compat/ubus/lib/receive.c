@@ -15,11 +15,6 @@ enum {
     kReadsBeforeShrinking = 32,
 };
 
-static uint32_t get_be32(const uint8_t *from)
-{
-    return (uint32_t)from[0] << 24 | (uint32_t)from[1] << 16 | (uint32_t)from[2] << 8 | from[3];
-}
-
 // `attrs` has UBUS_ATTR_MAX entries; those absent or of the wrong shape become null.
 void message_attrs(const struct message *message, struct blob_attr **attrs)
 {

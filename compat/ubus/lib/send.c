@@ -9,15 +9,6 @@
 
 const uint8_t kZeros[4];
 
-uint8_t *put_be32(uint8_t *to, uint32_t value)
-{
-    to[0] = (uint8_t)(value >> 24);
-    to[1] = (uint8_t)(value >> 16);
-    to[2] = (uint8_t)(value >> 8);
-    to[3] = (uint8_t)value;
-    return to + kWordLength;
-}
-
 // First word of an attribute.
 uint8_t *put_attr(uint8_t *to, int id, size_t payload)
 {

@@ -166,6 +166,7 @@ TEST(RpcClient, TheCallersBytesAreThePrivatePointerOfTheRequest)
     g_keep_priv = true; // a reply that belongs to nobody's bytes still has a result
     EXPECT_EQ(client.call(), 9u);
     EXPECT_EQ(client.buffer, Bytes(6, 9));
+    g_keep_priv = false;
 }
 
 TEST(RpcClient, EveryResultComesThrough)
@@ -202,11 +203,14 @@ TEST(RpcClient, AReplyIsNotReadPastTheBytesThatCame)
 TEST(RpcClient, ASmallerDeclaredLengthLimitsWhatIsReplaced)
 {
     Client client({reply_with(wire::reply(7, 2, {9, 8, 7, 6, 5, 4})),
-                   reply_with(wire::reply(8, 0, {3, 3, 3, 3, 3, 3}))});
+                   reply_with(wire::reply(8, 0, {3, 3, 3, 3, 3, 3})),
+                   reply_with(wire::reply(9, 1, {7, 3, 3, 3, 3, 3}))});
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(client.buffer, (Bytes{9, 8, 3, 4, 5, 6}));
     EXPECT_EQ(client.call(), 8u);
     EXPECT_EQ(client.buffer, (Bytes{9, 8, 3, 4, 5, 6}));
+    EXPECT_EQ(client.call(), 9u);
+    EXPECT_EQ(client.buffer, (Bytes{7, 8, 3, 4, 5, 6}));
 }
 
 TEST(RpcClient, AReplyLackingAFieldLeavesTheBufferAlone)

@@ -273,6 +273,8 @@ TEST(DbConvert, AStringIsCutAtTheEndOfTheAllocation)
     // Behind the allocation there is no room at all.
     Hand beyond({{"a", "none", 32, ""}, {"s", "string", 8, "abcdef"}, {"b", "none", -10, ""}});
     EXPECT_EQ(beyond.to_memory(), Bytes(32, kFill));
+    Hand full({{"a", "none", 32, ""}, {"s", "string", 8, "abcdef"}, {"b", "none", -8, ""}});
+    EXPECT_EQ(full.to_memory(), Bytes(32, kFill)) << "an image that fills its allocation";
 }
 
 TEST(DbConvert, AStringIsReadToItsNulWhateverItsLength)

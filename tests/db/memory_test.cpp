@@ -127,6 +127,16 @@ TEST_F(DbMemory, ATemplateWithoutTableOrImagesLeavesNoParameters)
     EXPECT_EQ(family->image_size, 38);
 }
 
+TEST_F(DbMemory, TheLargestTemplateWithoutMemoryIsNoWrongTemplate)
+{
+    install("lan.json", std::vector<Parameter>(425, {"p", "uchar", 1, "1"}));
+    family = bv_db_hash_add("lan.json");
+    FailAllocationsOfSize table(425 * 3084);
+    EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
+    EXPECT_EQ(table.happened(), 1u);
+    expect_no_parameters();
+}
+
 TEST_F(DbMemory, EveryRefusalDuringATemplateLeavesItWholeOrEmpty)
 {
     install("lan.json", kLan);

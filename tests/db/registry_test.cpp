@@ -163,6 +163,13 @@ TEST_F(DbRegistry, AddMakesAnEmptyFamilyAtTheEndOfTheList)
     EXPECT_EQ(lan->working_image, nullptr);
 }
 
+TEST_F(DbRegistry, AFamilyIsInTheTableUnderItsNameAndZeros)
+{
+    bv_db_family *lan = bv_db_hash_add("lan");
+    const uint8_t key[1024] = "lan";
+    EXPECT_EQ(bv_hash_find(g_st_db_mng.table, key), lan);
+}
+
 TEST_F(DbRegistry, AddOfAnExistingNameLeavesItAlone)
 {
     bv_db_family *lan = bv_db_hash_add("lan");

@@ -145,7 +145,9 @@ class Source:
             return self.word(opened - 1) in CONTROL
         if before == ":":
             return self.is_label(index - 1)
-        return before in (";", "{", "}", "else", "do")
+        if before == "}":  # of a block, not of a value: clang-format starts a new line behind it
+            return "\n" in self.text[self.tokens[index - 1].end:self.tokens[index].start]
+        return before in (";", "{", "else", "do")
 
     def is_label(self, index):
         """Whether a `:` ends a case, rather than being half of a ?:."""

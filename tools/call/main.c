@@ -3,7 +3,6 @@
  * and shows what it made of them.
  */
 #include <errno.h>
-#include <inttypes.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -14,9 +13,9 @@
 #include "call/bytes.h"
 #include "call/parameters.h"
 #include "call/remote.h"
+#include "call/show.h"
 #include "common/command_line.h"
 #include "common/numbers.h"
-#include "common/visible.h"
 
 enum { EXIT_DONE = 0, EXIT_NO_ANSWER = 1, EXIT_RESULT = 3 }; /* 2: EXIT_USAGE */
 enum { FUNCTION_MAX = 255, TIMEOUT_MS = 3000 };
@@ -48,114 +47,15 @@ static const char usage[] =
     "Exit status: 0 the function returned 0, 1 no answer, 2 wrong usage, 3 it returned something\n"
     "else.\n";
 
-enum form { FORM_DEFAULT, FORM_HEX, FORM_TEXT, FORM_PARAMETERS, FORM_NOTHING };
-
 static struct {
     unsigned size;
     unsigned offset;
     const char *template_name;
-    const char *write;
-    enum form form;
+    struct showing showing;
     struct remote remote;
 } options = {.remote = {.object = "brovan.gateway.server", .timeout_ms = TIMEOUT_MS}};
 
 static struct bytes bytes;
-
-static int fail(const char *what, const char *why)
-{
-    fprintf(stderr, "bv-call: %s: %s\n", what, why);
-    return EXIT_NO_ANSWER;
-}
-
-/* ---- what comes back ---- */
-
-static const char *result_name(uint32_t result)
-{
-    static const struct {
-        uint32_t code;
-        const char *name;
-    } names[] = {{(uint32_t)BV_ERR_FAILED, "BV_ERR_FAILED"},
-                 {BV_ERR_RANGE, "BV_ERR_RANGE"},
-                 {BV_ERR_WRITE_OPEN, "BV_ERR_WRITE_OPEN"},
-                 {BV_ERR_NO_FAMILY, "BV_ERR_NO_FAMILY"},
-                 {BV_ERR_INVALID, "BV_ERR_INVALID"},
-                 {BV_ERR_NULL, "BV_ERR_NULL"},
-                 {BV_ERR_NO_INSTANCE, "BV_ERR_NO_INSTANCE"},
-                 {BV_ERR_EXISTS, "BV_ERR_EXISTS"},
-                 {BV_ERR_FULL, "BV_ERR_FULL"},
-                 {BV_ERR_OPEN, "BV_ERR_OPEN"},
-                 {BV_ERR_SHORT_READ, "BV_ERR_SHORT_READ"},
-                 {BV_ERR_SHORT_WRITE, "BV_ERR_SHORT_WRITE"},
-                 {BV_ERR_NO_FILE, "BV_ERR_NO_FILE"},
-                 {BV_ERR_RECORD, "BV_ERR_RECORD"},
-                 {BV_ERR_CHANNEL, "BV_ERR_CHANNEL"},
-                 {BV_ERR_EMPTY, "BV_ERR_EMPTY"},
-                 {BV_ERR_MEMORY, "BV_ERR_MEMORY"},
-                 {BV_ERR_TOO_LONG, "BV_ERR_TOO_LONG"}};
-    size_t i;
-
-    for (i = 0; i < sizeof(names) / sizeof(names[0]); i++)
-        if (names[i].code == result)
-            return names[i].name;
-    return NULL;
-}
-
-static void report_result(uint32_t result)
-{
-    const char *name = result_name(result);
-
-    fprintf(stderr, "bv-call: result 0x%08" PRIx32 "%s%s%s, %zu bytes\n", result,
-            name != NULL ? " (" : "", name != NULL ? name : "", name != NULL ? ")" : "",
-            bytes.length);
-}
-
-/* What stands in front of the image, a status perhaps, is shown as bytes. */
-static int print_parameters(void)
-{
-    if (bytes.length >= options.offset)
-        print_hex(stdout, bytes.data, options.offset);
-    if (parameters_print(&bytes, options.offset))
-        return EXIT_DONE;
-    return fail(options.template_name, "less came back than the family's image");
-}
-
-static int write_raw(void)
-{
-    bool is_stdout = strcmp(options.write, "-") == 0;
-    FILE *file = is_stdout ? stdout : fopen(options.write, "wb");
-    bool written;
-
-    if (file == NULL)
-        return fail(options.write, strerror(errno));
-    written = fwrite(bytes.data, 1, bytes.length, file) == bytes.length && fflush(file) == 0;
-    if (!is_stdout && fclose(file) != 0)
-        written = false;
-    return written ? EXIT_DONE : fail(options.write, "cannot be written");
-}
-
-static int show(void)
-{
-    int status = options.write != NULL ? write_raw() : EXIT_DONE;
-
-    switch (options.form) {
-    case FORM_HEX:
-        print_hex(stdout, bytes.data, bytes.length);
-        break;
-    case FORM_TEXT:
-        print_visible(stdout, bytes.data, strnlen((const char *)bytes.data, bytes.length));
-        putchar('\n');
-        break;
-    case FORM_PARAMETERS:
-        if (print_parameters() != EXIT_DONE)
-            status = EXIT_NO_ANSWER;
-        break;
-    default:
-        break;
-    }
-    if (fflush(stdout) != 0 || ferror(stdout))
-        return fail("standard output", "cannot be written");
-    return status;
-}
 
 /* ---- the call ---- */
 
@@ -182,7 +82,6 @@ static int call(char **assignments)
 {
     const char *why;
     uint32_t result;
-    int status;
 
     if (!fill_bytes(assignments))
         return EXIT_USAGE;
@@ -194,9 +93,10 @@ static int call(char **assignments)
                 why);
         return EXIT_NO_ANSWER;
     }
-    report_result(result);
-    status = show();
-    return status == EXIT_DONE && result != BV_OK ? EXIT_RESULT : status;
+    show_result(result, &bytes);
+    if (!show_bytes(&options.showing, &bytes, options.offset))
+        return EXIT_NO_ANSWER;
+    return result == BV_OK ? EXIT_DONE : EXIT_RESULT;
 }
 
 /* ---- the command line ---- */
@@ -208,7 +108,7 @@ static bool add_file(const char *path)
     bool added;
 
     if (file == NULL) {
-        fail(path, strerror(errno));
+        fprintf(stderr, "bv-call: %s: %s\n", path, strerror(errno));
         return false;
     }
     added = bytes_add_file(&bytes, file);
@@ -224,8 +124,8 @@ static bool take_form(const char *text)
 
     for (i = FORM_HEX; i < sizeof(forms) / sizeof(forms[0]); i++)
         if (strcmp(forms[i], text) == 0)
-            options.form = (enum form)i;
-    return options.form != FORM_DEFAULT;
+            options.showing.form = (enum form)i;
+    return options.showing.form != FORM_DEFAULT;
 }
 
 static bool take_timeout(const char *text)
@@ -257,7 +157,7 @@ static bool take_option(int option, const char *argument)
     case 'p':
         return take_form(argument);
     case 'w':
-        options.write = argument;
+        options.showing.write = argument;
         return true;
     case 'o':
         options.remote.object = argument;
@@ -281,7 +181,7 @@ static const char *combination_fault(char **arguments)
         return "no function has a name of more than 255 characters";
     if (arguments[1] != NULL && options.template_name == NULL)
         return "NAME=VALUE needs a template";
-    if (options.form == FORM_PARAMETERS && options.template_name == NULL)
+    if (options.showing.form == FORM_PARAMETERS && options.template_name == NULL)
         return "--print=parameters needs a template";
     if (options.offset != 0 && options.template_name == NULL)
         return "--offset needs a template";
@@ -290,11 +190,11 @@ static const char *combination_fault(char **arguments)
 
 static void set_default_form(void)
 {
-    if (options.form != FORM_DEFAULT)
+    if (options.showing.form != FORM_DEFAULT)
         return;
-    options.form = options.template_name != NULL ? FORM_PARAMETERS : FORM_HEX;
-    if (options.write != NULL)
-        options.form = FORM_NOTHING;
+    options.showing.form = options.template_name != NULL ? FORM_PARAMETERS : FORM_HEX;
+    if (options.showing.write != NULL)
+        options.showing.form = FORM_NOTHING;
 }
 
 int main(int argc, char **argv)

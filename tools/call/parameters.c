@@ -13,6 +13,7 @@
 #include "template/values.h"
 
 static bv_db_family family;
+static const char *template_name; /* as given */
 
 static bool fail(const char *what, const char *why)
 {
@@ -29,6 +30,7 @@ bool parameters_open(const char *name)
 {
     char path[1024];
 
+    template_name = name;
     if (access(name, F_OK) != 0) {
         snprintf(path, sizeof(path), "/etc/template/%s", name);
         if (access(path, F_OK) != 0)
@@ -105,7 +107,7 @@ bool parameters_print(const struct bytes *bytes, size_t offset)
     int32_t i;
 
     if (bytes->length < offset + image_size())
-        return false;
+        return fail(template_name, "less came back than the family's image");
     bv_db_user_fill_frommem(bytes->data + offset, family.para_count, family.para);
     for (i = 0; i < family.para_count && family.para[i].valid != 0; i++) {
         const bv_db_para *para = &family.para[i];

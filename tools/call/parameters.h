@@ -14,7 +14,8 @@ bool parameters_place(struct bytes *bytes, size_t offset);
 /* Stores one NAME=VALUE in the image at `offset`. False after having said why not. */
 bool parameters_set(struct bytes *bytes, size_t offset, const char *assignment);
 
-/* Prints NAME=VALUE for each parameter. False when the bytes end before the image. */
+/* Prints NAME=VALUE for each parameter. False after having said that the bytes end before the
+ * image. */
 bool parameters_print(const struct bytes *bytes, size_t offset);
 
 #endif

@@ -1,5 +1,7 @@
 // Bob Jenkins' hash "lookup2" (1996). The configuration database hashes 1024 bytes on every
-// access, so the words of the key are loaded whole where the machine's order is that of the hash.
+// access, so the words of the key are loaded whole where the machine's order is that of the hash,
+// and nothing of a step may become a call: optimised for size, as the gateway's packages are, a
+// compiler would otherwise call memcpy for every word and keep the state in memory.
 
 #include <bv/hash.h>
 
@@ -14,7 +16,7 @@ struct State {
     uint32_t c;
 };
 
-inline void mix(State &s)
+__attribute__((always_inline)) inline void mix(State &s)
 {
     s.a -= s.b;
     s.a -= s.c;
@@ -49,9 +51,10 @@ inline void mix(State &s)
 inline uint32_t get_le32(const uint8_t *from)
 {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    uint32_t word;
-    __builtin_memcpy(&word, from, sizeof(word));
-    return word;
+    struct __attribute__((packed, may_alias)) Unaligned {
+        uint32_t word;
+    };
+    return reinterpret_cast<const Unaligned *>(from)->word;
 #else
     return from[0] | static_cast<uint32_t>(from[1]) << 8 | static_cast<uint32_t>(from[2]) << 16 |
            static_cast<uint32_t>(from[3]) << 24;
@@ -62,11 +65,14 @@ inline uint32_t get_le32(const uint8_t *from)
 // length, so the bytes 8 to 10 lie one place higher than in a whole block.
 void add_rest(State &s, const uint8_t *rest, uint32_t length)
 {
-    uint32_t *const words[] = {&s.a, &s.b, &s.c};
+    uint32_t words[3] = {};
     for (uint32_t i = 0; i < length; i++) {
         const uint32_t place = i < 8 ? i % 4 : i % 4 + 1;
-        *words[i / 4] += static_cast<uint32_t>(rest[i]) << (8 * place);
+        words[i / 4] += static_cast<uint32_t>(rest[i]) << (8 * place);
     }
+    s.a += words[0];
+    s.b += words[1];
+    s.c += words[2];
 }
 
 } // namespace

@@ -44,12 +44,15 @@ soak: build ## calls, events and commits at full length, SOAK_CALLS (200000) rem
 mutation: build ## breaks the library in one place at a time; every test that is missing shows
 	@tests/mutation/run build/$(PRESET)
 
-bench: ## runs the benchmarks beside their peers and writes docs/benchmarks.md
+bench: ## runs the benchmarks beside their peers, counts on the target, writes docs/benchmarks.md
 	@tools/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \
-		libmbedtls-dev zlib1g-dev valgrind util-linux
-	@cmake --preset bench
-	@cmake --build --preset bench
-	@bench/report build/bench
+		libmbedtls-dev zlib1g-dev valgrind util-linux qemu-user
+	@tools/target/setup musl > /dev/null
+	@cmake --preset bench > /dev/null
+	@cmake --build --preset bench -- --quiet
+	@cmake --preset mipsel-bench > /dev/null
+	@cmake --build --preset mipsel-bench -- --quiet
+	@bench/report build/bench build/mipsel-bench
 
 test-target: ## builds for mipsel and runs the suite under user-mode emulation
 	@tools/target/test

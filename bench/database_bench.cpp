@@ -1,11 +1,13 @@
 // The configuration database: one read beside the look-up in it, a start beside json-c parsing the
 // same files, a commit beside json-c printing the tree that the written file holds. Runs in a
-// private root. Names are WORK/WHO; compare rows of one WORK within one run.
+// private root. Names are WORK/WHO; compare rows of one WORK within one run. --families=N, the
+// first argument, asks for another size than 100 families.
 
 #include "bench/families.h"
 
 #include <bv/db.h>
 #include <bv/hash.h>
+#include <bv/status.h>
 #include <bv/ubus.h>
 
 #include <benchmark/benchmark.h>
@@ -17,6 +19,11 @@ namespace {
 
 std::vector<std::string> g_names;
 
+int64_t families()
+{
+    return static_cast<int64_t>(g_names.size());
+}
+
 void read_bv(benchmark::State &state)
 {
     uint8_t image[kImageSize];
@@ -26,7 +33,18 @@ void read_bv(benchmark::State &state)
             benchmark::DoNotOptimize(image);
         }
     }
-    state.SetItemsProcessed(state.iterations() * kFamilies);
+    state.SetItemsProcessed(state.iterations() * families());
+}
+
+void write_bv(benchmark::State &state)
+{
+    uint8_t image[kImageSize];
+    bv_db_read(g_names[0].c_str(), image, sizeof image, 1);
+    for (auto _ : state)
+        for (const std::string &name : g_names)
+            if (bv_db_write(name.c_str(), image, sizeof image, 1) != BV_OK)
+                abort();
+    state.SetItemsProcessed(state.iterations() * families());
 }
 
 void read_find(benchmark::State &state)
@@ -39,7 +57,7 @@ void read_find(benchmark::State &state)
     for (auto _ : state)
         for (const auto &key : keys)
             benchmark::DoNotOptimize(bv_hash_find(g_st_db_mng.table, key.data()));
-    state.SetItemsProcessed(state.iterations() * kFamilies);
+    state.SetItemsProcessed(state.iterations() * families());
 }
 
 void start_bv(benchmark::State &state)
@@ -94,7 +112,9 @@ void commit_json_text(benchmark::State &state)
 }
 
 BENCHMARK(read_bv)->Name("db-read/bv");
+BENCHMARK(write_bv)->Name("db-write/bv");
 BENCHMARK(read_find)->Name("db-read/hash-find");
+BENCHMARK(read_find)->Name("db-write/hash-find");
 BENCHMARK(start_bv)->Name("db-load/bv")->Unit(benchmark::kMicrosecond);
 BENCHMARK(start_json)->Name("db-load/json-c-parse")->Unit(benchmark::kMicrosecond);
 BENCHMARK(commit_bv)->Name("db-commit/bv")->Unit(benchmark::kMicrosecond);
@@ -105,7 +125,12 @@ BENCHMARK(commit_json_text)->Name("db-commit/json-c-to-memory")->Unit(benchmark:
 
 int main(int argc, char **argv)
 {
-    g_names = make_families();
+    int count = kFamilies;
+    if (argc > 1 && sscanf(argv[1], "--families=%d", &count) == 1) {
+        argv++;
+        argc--;
+    }
+    g_names = make_families(count);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

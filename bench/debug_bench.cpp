@@ -1,6 +1,7 @@
 // A debug message whose switch is on, beside printing and sending the same number of bytes by hand.
 // Both send to one socket that nobody reads, so the network is as cheap as it gets and what the
-// library adds weighs most. Names are WORK/WHO; compare rows of one WORK within one run.
+// library adds weighs most; and one whose switch is off, as nearly all are. Names are WORK/WHO;
+// compare rows of one WORK within one run.
 
 #include <bv/debug.h>
 #include <bv/os.h>
@@ -23,6 +24,12 @@ void remote_bv(benchmark::State &state)
 {
     for (auto _ : state)
         bv_debug_remote(1, 2, 3, 4, kFormat, "eth0.2", 3, 4, 1250u);
+}
+
+void remote_off(benchmark::State &state)
+{
+    for (auto _ : state)
+        bv_debug_remote(1, 2, 4, 5, "state %d", 5);
 }
 
 void remote_bare(benchmark::State &state)
@@ -64,6 +71,7 @@ void make_collector()
 }
 
 BENCHMARK(remote_bv)->Name("debug-on/bv");
+BENCHMARK(remote_off)->Name("debug-off/bv");
 BENCHMARK(remote_bare)->Name("debug-on/snprintf-and-sendto");
 
 } // namespace

@@ -63,13 +63,13 @@ void add_instances(const std::string &family)
 
 } // namespace
 
-std::vector<std::string> make_families()
+std::vector<std::string> make_families(int count)
 {
     std::vector<std::string> paths;
     const std::string text = template_text();
     if (bv_db_init() != BV_OK)
         fail("no database");
-    for (int i = 0; i < kFamilies; i++) {
+    for (int i = 0; i < count; i++) {
         paths.push_back("/etc/template/family-" + std::to_string(i) + ".json");
         write_file(paths.back(), text);
         bv_db_reg_user(paths.back().c_str());

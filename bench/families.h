@@ -1,4 +1,4 @@
-// A database of the size that a large gateway has: 100 families of 10 parameters and 3 instances,
+// A database of families of 10 parameters and 3 instances; a large gateway has 100. They are
 // registered by the absolute paths of their templates, so that looking for templates, which is
 // another program's work, is not part of a start. For programs that run in a private root.
 
@@ -17,6 +17,6 @@ constexpr unsigned kImageSize = 192;
 
 // Writes the templates, starts the database and commits it. Aborts if any of it does not work.
 // Returns the paths of the templates, which are the families' names.
-std::vector<std::string> make_families();
+std::vector<std::string> make_families(int count);
 
 #endif

@@ -1,115 +1,46 @@
 // A remote call and its answer, beside a bare object on the same bus that takes the same fields,
 // answers with the same fields and completes in the same way; and that beside messages relayed by
 // hand over unix sockets, caller - relay - owner - relay - caller, as the bus daemon does. Runs in
-// a private root. Names are WORK/SIZE/WHO; compare rows of one WORK/SIZE within one run.
+// a private root. Names are WORK/SIZE/WHO; compare rows of one WORK/SIZE within one run. How one
+// owner fares with several callers is in rows callers-COUNT/WHO.
 
+#include "bench/bus_owners.h"
 #include "tests/support/bus.h"
 
-#include <bv/os.h>
 #include <bv/status.h>
 #include <bv/ubus.h>
 
 #include <benchmark/benchmark.h>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <signal.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
 constexpr uint32_t kSizes[] = {56, 4096};
 constexpr uint32_t kEnvelope = 100; // about what the bus adds to the bytes of a call
 
+constexpr int kMostCallers = 8;
+
 uint8_t g_data[4096];
 
-// ---- the library's owner ----
-
-uint32_t echo(void *, uint32_t)
+// Runs a function in a process that ends with this one.
+template <typename Run>
+pid_t start_child(Run run)
 {
-    return BV_OK;
-}
-
-int register_echo()
-{
-    return bv_ubus_server_reg("echo", echo);
-}
-
-[[noreturn]] void serve_bv()
-{
-    bv_ubus_server_init(nullptr, register_echo);
-    _exit(1);
-}
-
-// ---- the bare object ----
-
-enum { kFunc, kLen, kData, kFields };
-const blobmsg_policy kRequest[kFields] = {
-    {"func", BLOBMSG_TYPE_STRING}, {"len", BLOBMSG_TYPE_INT32}, {"data", BLOBMSG_TYPE_UNSPEC}};
-const blobmsg_policy kReply[kFields] = {
-    {"return", BLOBMSG_TYPE_INT32}, {"len", BLOBMSG_TYPE_INT32}, {"data", BLOBMSG_TYPE_UNSPEC}};
-
-int answer_bare(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
-                blob_attr *message)
-{
-    static blob_buf reply;
-    blob_attr *fields[kFields];
-    blobmsg_parse(kRequest, kFields, fields, blob_data(message),
-                  static_cast<unsigned>(blob_len(message)));
-    if (fields[kData] == nullptr)
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    blob_buf_init(&reply, 0);
-    blobmsg_add_u32(&reply, "return", 0);
-    blobmsg_add_u32(&reply, "len", blobmsg_get_u32(fields[kLen]));
-    blobmsg_add_field(&reply, BLOBMSG_TYPE_UNSPEC, "data", blobmsg_data(fields[kData]),
-                      static_cast<unsigned>(blobmsg_data_len(fields[kData])));
-    ubus_send_reply(ctx, req, reply.head);
-    ubus_complete_deferred_request(ctx, req, UBUS_STATUS_OK);
-    return UBUS_STATUS_OK;
-}
-
-[[noreturn]] void serve_bare()
-{
-    static const ubus_method methods[] = {{"method", answer_bare, 0, 0, kRequest, kFields}};
-    static ubus_object_type type = {"bare", 0, methods, 1};
-    static ubus_object object;
-    object.name = "bare";
-    object.type = &type;
-    object.methods = methods;
-    object.n_methods = 1;
-    ubus_context *ctx = ubus_connect(nullptr);
-    ubus_add_object(ctx, &object);
-    ubus_add_uloop(ctx);
-    uloop_run();
-    _exit(1);
-}
-
-struct Bare {
-    ubus_context *ctx;
-    uint32_t id;
-    blob_buf request;
-} g_bare;
-
-void take_bare(ubus_request *req, int, blob_attr *message)
-{
-    blob_attr *fields[kFields];
-    blobmsg_parse(kReply, kFields, fields, blob_data(message),
-                  static_cast<unsigned>(blob_len(message)));
-    const auto *size = static_cast<const uint32_t *>(req->priv);
-    if (fields[kData] != nullptr && blobmsg_data_len(fields[kData]) == *size)
-        memcpy(g_data, blobmsg_data(fields[kData]), *size);
-}
-
-bool call_bare(uint32_t size)
-{
-    blob_buf_init(&g_bare.request, 0);
-    blobmsg_add_string(&g_bare.request, "func", "echo");
-    blobmsg_add_u32(&g_bare.request, "len", size);
-    blobmsg_add_field(&g_bare.request, BLOBMSG_TYPE_UNSPEC, "data", g_data, size);
-    return ubus_invoke(g_bare.ctx, g_bare.id, "method", g_bare.request.head, take_bare, &size,
-                       3000) == UBUS_STATUS_OK;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        run();
+        _exit(0);
+    }
+    return pid;
 }
 
 // ---- the relay ----
@@ -157,15 +88,79 @@ bool call_relay(uint32_t size)
            move_bytes(g_relay, bytes, total);
 }
 
+// ---- callers at once ----
+
+// A process that makes a batch of calls whenever it is told to. The first calls after a start find
+// the owner perhaps not there yet, so it connects until one works.
+class Caller {
+public:
+    Caller(void (*connect)(), bool (*call)(uint32_t size))
+    {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
+            abort();
+        fd_ = ends[0];
+        start_child([=] {
+            char byte;
+            connect();
+            while (recv(ends[1], &byte, 1, 0) == 1) {
+                for (int i = 0; i < kBatch; i++)
+                    if (!call(kSizes[0]))
+                        abort();
+                send(ends[1], &byte, 1, 0);
+            }
+        });
+        close(ends[1]);
+    }
+    void begin() { send(fd_, "", 1, 0); }
+    void wait()
+    {
+        char byte;
+        if (recv(fd_, &byte, 1, 0) != 1)
+            abort();
+    }
+
+    static constexpr int kBatch = 50;
+
+private:
+    int fd_;
+};
+
+void many_callers(benchmark::State &state, std::vector<Caller> &callers, size_t count)
+{
+    for (auto _ : state) {
+        for (size_t i = 0; i < count; i++)
+            callers[i].begin();
+        for (size_t i = 0; i < count; i++)
+            callers[i].wait();
+    }
+    state.SetItemsProcessed(state.iterations() * Caller::kBatch * static_cast<int64_t>(count));
+}
+
 // ---- set-up and rows ----
 
-template <typename Serve>
-void start(Serve serve)
+void connect_bv()
 {
-    if (fork() == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        serve();
-    }
+    do {
+        usleep(1000);
+        bv_ubus_client_init(nullptr);
+    } while (bv_ubus_client_call("echo", g_data, kSizes[0]) != BV_OK);
+}
+
+void connect_bare()
+{
+    while (!bare_connect())
+        usleep(1000);
+}
+
+bool call_bv(uint32_t size)
+{
+    return bv_ubus_client_call("echo", g_data, size) == BV_OK;
+}
+
+bool call_bare(uint32_t size)
+{
+    return bare_call(g_data, size);
 }
 
 void start_relay()
@@ -174,26 +169,19 @@ void start_relay()
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, near) != 0 ||
         socketpair(AF_UNIX, SOCK_STREAM, 0, far) != 0)
         abort();
-    start([&] { relay(near[1], far[0]); });
-    start([&] { relay(far[1], far[1]); });
+    start_child([&] { relay(near[1], far[0]); });
+    start_child([&] { relay(far[1], far[1]); });
     g_relay = near[0];
 }
 
-void connect_all()
+// The owner's instructions are counted too, and printed when it ends.
+void stop(pid_t pid)
 {
-    g_bare.ctx = ubus_connect(nullptr);
-    if (g_bare.ctx == nullptr)
-        abort();
-    while (ubus_lookup_id(g_bare.ctx, "bare", &g_bare.id) != UBUS_STATUS_OK)
-        usleep(1000);
-    do {
-        usleep(1000);
-        bv_ubus_client_init(nullptr);
-    } while (bv_ubus_client_call("echo", g_data, 56) != BV_OK);
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
 }
 
-template <typename Call>
-void add(const char *work, uint32_t size, const char *who, Call call)
+void add(const char *work, uint32_t size, const char *who, bool (*call)(uint32_t size))
 {
     const std::string name = std::string(work) + "/" + std::to_string(size) + "B/" + who;
     auto run = [call, size](benchmark::State &state) {
@@ -204,24 +192,45 @@ void add(const char *work, uint32_t size, const char *who, Call call)
     benchmark::RegisterBenchmark(name.c_str(), run)->UseRealTime()->Unit(benchmark::kMicrosecond);
 }
 
+void add_callers(const char *who, std::vector<Caller> &callers)
+{
+    for (size_t count = 1; count <= callers.size(); count++) {
+        const std::string name = "callers-" + std::to_string(count) + "/" + who;
+        auto run = [&callers, count](benchmark::State &state) {
+            many_callers(state, callers, count);
+        };
+        benchmark::RegisterBenchmark(name.c_str(), run)
+            ->UseRealTime()
+            ->Unit(benchmark::kMicrosecond);
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     BusDaemon daemon;
-    start(serve_bv);
-    start(serve_bare);
+    const pid_t bv = start_child(serve_bv), bare = start_child(serve_bare);
     start_relay();
-    connect_all();
+    std::vector<Caller> bv_callers, bare_callers;
+    for (int i = 0; i < kMostCallers; i++) {
+        bv_callers.emplace_back(connect_bv, call_bv);
+        bare_callers.emplace_back(connect_bare, call_bare);
+    }
+    connect_bare();
+    connect_bv();
 
     for (uint32_t size : kSizes) {
-        add("rpc", size, "bv",
-            [](uint32_t n) { return bv_ubus_client_call("echo", g_data, n) == BV_OK; });
+        add("rpc", size, "bv", call_bv);
         add("rpc", size, "bare-object", call_bare);
         add("bus", size, "bv-bus", call_bare); // the daemon, without the library's calls
         add("bus", size, "4-hop-relay", call_relay);
     }
+    add_callers("bv", bv_callers);
+    add_callers("bare-object", bare_callers);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
+    stop(bv);
+    stop(bare);
     return 0;
 }

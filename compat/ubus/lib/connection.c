@@ -72,9 +72,17 @@ static int dial(const char *path, uint32_t *id)
     return fd;
 }
 
+// A connection that is not in the loop may be used on another thread than the loop's, as a plain
+// client's is in a process that also serves: it stays away from what the loop works with.
+static void leave_loop(struct connection *connection)
+{
+    if (connection->ctx.sock.registered)
+        uloop_fd_delete(&connection->ctx.sock);
+}
+
 static void hang_up(struct connection *connection)
 {
-    uloop_fd_delete(&connection->ctx.sock);
+    leave_loop(connection);
     if (connection->ctx.sock.fd >= 0)
         close(connection->ctx.sock.fd);
     connection->ctx.sock.fd = -1;
@@ -134,7 +142,7 @@ void connection_end(struct connection *connection)
         ctx->connection_lost(ctx);
     // A daemon that only stopped sending would be reported to the loop again and again.
     if (connection->lost && !connection->freed)
-        uloop_fd_delete(&ctx->sock);
+        leave_loop(connection);
     connection_release(connection);
 }
 

@@ -9,7 +9,16 @@
 #include <gtest/gtest.h>
 
 #include "fake_bus.h"
+#include "support/fault_points.h"
 #include "support/faults.h"
+
+// Sees whether the library touches the loop's descriptors.
+int g_loop_deletions;
+extern "C" int uloop_fd_delete(struct uloop_fd *sock)
+{
+    g_loop_deletions++;
+    return next_function<int(struct uloop_fd *)>("uloop_fd_delete")(sock);
+}
 
 using namespace wire;
 
@@ -64,6 +73,25 @@ TEST(Connect, LeavesASocketThatNeitherBlocksNorIsInherited)
     ubus_free(ctx);
     EXPECT_TRUE(bus.stream().ends()); // and nothing was said
     ubus_free(nullptr);
+}
+
+// It may live on another thread than the loop does.
+TEST(Connect, AConnectionOutsideTheLoopKeepsOutOfIt)
+{
+    FakeBus bus;
+    struct ubus_context *ctx = bus.connect();
+    ASSERT_NE(ctx, nullptr);
+    uint32_t id = 0;
+    bus.send(Bytes(12, 0xff)); // no message: the library ends the connection
+    EXPECT_EQ(ubus_lookup_id(ctx, "x", &id), 10);
+    ubus_free(ctx);
+    EXPECT_EQ(g_loop_deletions, 0);
+
+    ctx = bus.connect();
+    ASSERT_NE(ctx, nullptr);
+    ubus_add_uloop(ctx);
+    ubus_free(ctx);
+    EXPECT_EQ(g_loop_deletions, 1);
 }
 
 TEST(Connect, RefusesGreetingsThatAreNone)

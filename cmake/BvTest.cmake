@@ -18,6 +18,23 @@ if(BV_SANITIZED)
   set(BV_TEST_ENVIRONMENT ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/sanitize/leaks.supp:print_suppressions=0")
 endif()
 
+# What nearly every test includes is compiled once for all of them. Compiler caches cannot keep what
+# was compiled with such a header, so with one of them it is left out.
+if(CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_DISABLE_PRECOMPILE_HEADERS ON)
+endif()
+add_library(test_headers OBJECT ${CMAKE_SOURCE_DIR}/tests/support/headers.cpp)
+target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <algorithm> <atomic> <cerrno> <chrono>
+  <climits> <csignal> <cstdint> <cstdio> <cstdlib> <cstring> <fstream> <functional> <memory> <mutex>
+  <string> <thread> <vector>)
+target_link_libraries(test_headers PRIVATE GTest::gtest Threads::Threads)
+
+# Tests run once: optimising them takes far longer than it can save. The library under test keeps
+# the build type's flags. Position-independent as for a program, so that the headers fit programs.
+set(BV_TEST_OPTIONS $<$<COMPILE_LANGUAGE:CXX>:-O0>)
+target_compile_options(test_headers PRIVATE ${BV_TEST_OPTIONS} -fPIE)
+set_target_properties(test_headers PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+
 function(bv_add_test)
   cmake_parse_arguments(T "" "NAME" "SOURCES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})
   if(NOT T_LIBRARIES)
@@ -30,13 +47,18 @@ function(bv_add_test)
     BV_UBUSD="${BV_UBUSD}"
     ${T_DEFINITIONS})
   # The macros of the test framework compare and convert in ways that -Wconversion dislikes.
-  target_compile_options(${T_NAME} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Wno-conversion -Wno-sign-conversion>)
+  target_compile_options(${T_NAME} PRIVATE ${BV_TEST_OPTIONS}
+    $<$<COMPILE_LANGUAGE:CXX>:-Wno-conversion -Wno-sign-conversion>)
+  if(NOT T_SOURCES MATCHES "\\.c(;|$)") # they are C++ headers, and CMake would want them as C too
+    target_precompile_headers(${T_NAME} REUSE_FROM test_headers)
+  endif()
   target_link_libraries(${T_NAME} PRIVATE ${T_LIBRARIES} GTest::gtest GTest::gtest_main
     Threads::Threads ${CMAKE_DL_LIBS})
   set_target_properties(${T_NAME} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"
     CROSSCOMPILING_EMULATOR "${BV_TEST_ROOT}"
-    ENABLE_EXPORTS ON)
+    ENABLE_EXPORTS ON
+    DEFINE_SYMBOL "") # a definition for each program would spoil the precompiled header
   if(TARGET ubusd)
     add_dependencies(${T_NAME} ubusd)
   endif()

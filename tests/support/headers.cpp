@@ -1,0 +1,1 @@
+// Nothing: carries the precompiled headers of the tests (cmake/BvTest.cmake).

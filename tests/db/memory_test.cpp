@@ -134,7 +134,7 @@ TEST_F(DbMemory, TheLargestTemplateWithoutMemoryIsNoWrongTemplate)
     FailAllocationsOfSize table(425 * 3084);
     EXPECT_EQ(read_lan(), BV_ERR_MEMORY);
     EXPECT_EQ(table.happened(), 1u);
-    expect_no_parameters();
+    expect_no_parameters(family);
 }
 
 TEST_F(DbMemory, EveryRefusalDuringATemplateLeavesItWholeOrEmpty)

@@ -166,6 +166,34 @@ TEST_F(Hash, KeysDifferInTheirLastByteToo)
     EXPECT_EQ(*static_cast<uint32_t *>(bv_hash_find(table, second)), 2u);
 }
 
+// Keys are compared in steps of several bytes on some machines: every byte counts there too,
+// wherever the caller's key lies. With one bucket all keys meet.
+TEST_F(Hash, KeysOfAnySizeAndAddressDifferInAnyByte)
+{
+    const uint32_t record = 7;
+    for (uint32_t size = 1; size <= 40; size++) {
+        SCOPED_TRACE(size);
+        bv_hash *small = bv_hash_init(1, size, sizeof record);
+        ASSERT_NE(small, nullptr);
+        uint8_t room[48];
+        for (uint32_t i = 0; i < sizeof room; i++)
+            room[i] = static_cast<uint8_t>(3 * i + 1);
+        ASSERT_EQ(bv_hash_insert(small, room, &record), BV_OK);
+
+        for (uint32_t offset = 0; offset < 4; offset++) {
+            uint8_t moved[48];
+            memcpy(moved + offset, room, size);
+            EXPECT_NE(bv_hash_find(small, moved + offset), nullptr);
+            for (uint32_t i = 0; i < size; i++) {
+                moved[offset + i] ^= 0x80;
+                EXPECT_EQ(bv_hash_find(small, moved + offset), nullptr) << "byte " << i;
+                moved[offset + i] ^= 0x80;
+            }
+        }
+        bv_hash_exit(small);
+    }
+}
+
 TEST_F(Hash, StoringAKeyAgainOverwritesItsRecordInPlace)
 {
     make(16);

@@ -72,7 +72,7 @@ void aes(benchmark::State &state, bool encrypt, bool ours)
         else
             bv_aes_file_de(from.c_str(), to.c_str(), kKey);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
     if (content(to) != content(path(encrypt ? "cipher" : "plain")))
         state.SkipWithError("wrong bytes");
     unlink(to.c_str());
@@ -83,7 +83,7 @@ void sm3_file(benchmark::State &state)
     char out[65] = {};
     for (auto _ : state)
         bv_os_sm3_file(path("plain").c_str(), out);
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
 }
 
 void sm3_memory(benchmark::State &state)
@@ -92,7 +92,7 @@ void sm3_memory(benchmark::State &state)
     uint8_t out[EVP_MAX_MD_SIZE];
     for (auto _ : state)
         EVP_Digest(bytes.data(), bytes.size(), out, nullptr, EVP_sm3(), nullptr);
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kSize));
 }
 
 void make_files()

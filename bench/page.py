@@ -5,7 +5,7 @@ import platform
 import subprocess
 
 from measure import rounded
-from rows import FAMILIES, GROWTH, REASONS, SHORT
+from rows import FAMILIES, GROWTH, PEERS, REASONS, SHORT
 
 
 def machine():
@@ -108,7 +108,7 @@ def document(rows, target, grown, plots):
         "On the workstation. Each figure stands beside a peer's from the same run, with 21 repetitions "
         "of both mixed; the ratio is their median. \"At most\" limits our time divided by the peer's, "
         "\"at least\" the peer's divided by ours. Where times are noise, instructions or system calls are "
-        "counted.", "",
+        "counted. The names of the peers are explained further down.", "",
         goals_table(rows), "",
     ]
     for family, name in plots.items():
@@ -123,6 +123,7 @@ def document(rows, target, grown, plots):
     for family, figures in grown.items():
         text += [f"### {GROWTH[family]['title']}", "", GROWTH[family]["note"], "",
                  f"![{GROWTH[family]['title']}]({plots[family]})", "", growth_table(family, figures), ""]
+    text += ["## Who stands beside", "", *(f"- {name}: {meaning}" for name, meaning in PEERS.items()), ""]
     if missed:
         text += ["## Missed", "", *missed_list(rows), ""]
     return "\n".join(text)

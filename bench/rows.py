@@ -201,6 +201,26 @@ SHORT = [
      ("checksums", "CRC-32, 64 KiB")),
 ]
 
+# Who the peers are, as far as their names do not say it.
+PEERS = {
+    "hash-and-memcmp": "the hash of the key and one comparison of it, without a table",
+    "hash-find": "the look-up of the family alone",
+    "json-c-parse": "json-c reading the same templates and data files, and doing nothing with them",
+    "json-c-to-file, json-c-to-memory": "json-c printing the tree that the written file holds",
+    "bare-object": "an object on the same bus, without the library, that takes and answers the same fields",
+    "4-hop-relay": "the same bytes passed by hand over unix sockets: caller, relay, owner, relay, caller",
+    "snprintf-and-sendto": "the text printed and sent by hand",
+    "semaphore": "a bare semaphore from one thread to another",
+    "GAsyncQueue": "GLib's queue with copies of the messages; \"polled\" with consumers that poll, as ours do",
+    "mq, pipe": "the kernel's message queue and a pipe",
+    "memcpy_s": "the bounded-check library called directly",
+    "print-a-byte": "one bounded print for each byte",
+    "OpenSSL, libgcrypt, nettle, mbedTLS": "their portable code, since the gateway has no vector unit",
+    "chunk-by-chunk": "a context and two system calls for each chunk of 32 bytes, with the same result",
+    "OpenSSL-memory": "the digest of the same bytes in memory",
+    "one-table": "a table of 256 entries, a byte at a time",
+}
+
 # Said below the table about goals that are missed.
 REASONS = {
     ("Load, 100 families", "json-c-parse"):

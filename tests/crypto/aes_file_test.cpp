@@ -49,7 +49,7 @@ extern "C" ssize_t write(int fd, const void *buf, size_t n)
     return next(fd, buf, n < g_most_written ? n : g_most_written);
 }
 
-#ifdef __GLIBC__
+#if defined(__GLIBC__) && !defined(__LP64__)
 #define LSEEK "lseek64"
 #define OPEN "open64"
 #else

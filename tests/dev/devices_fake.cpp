@@ -194,7 +194,7 @@ extern "C" ssize_t write(int fd, const void *buf, size_t count)
     return real<ssize_t(int, const void *, size_t)>("write")(fd, bits.data(), bits.size());
 }
 
-// With 64-bit offsets these are open64 and lseek64 where the C library has two of each; the
+// Where offsets are wider than a long, these are open64 and lseek64 in some C libraries; the
 // headers redirect the definitions here like every call.
 extern "C" int open(const char *path, int flags, ...)
 {
@@ -231,7 +231,7 @@ extern "C" off_t lseek(int fd, off_t offset, int whence)
         errno = ESPIPE;
         return -1;
     }
-#ifdef __GLIBC__
+#if defined(__GLIBC__) && !defined(__LP64__)
     return real<off_t(int, off_t, int)>("lseek64")(fd, offset, whence);
 #else
     return real<off_t(int, off_t, int)>("lseek")(fd, offset, whence);

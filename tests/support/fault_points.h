@@ -102,9 +102,9 @@ private:
     }                                                                                              \
     static_assert(true, "")
 
-// With 64-bit file offsets glibc has names of their own for some functions; their fault points are
-// fault_open64 and so on there. BV_FAULT_OF(open) names the right one anywhere.
-#ifdef __GLIBC__
+// Where offsets are wider than a long, glibc has names of their own for some functions; their fault
+// points are fault_open64 and so on there. BV_FAULT_OF(open) names the right one anywhere.
+#if defined(__GLIBC__) && !defined(__LP64__)
 #define BV_FAULT_OF(name) fault_##name##64
 #define BV_FAULT_POINT_64(symbol, result, parameters, arguments, failure)                          \
     BV_FAULT_POINT(symbol##64, result, parameters, arguments, failure)

@@ -207,8 +207,8 @@ UNINSTRUMENTED void forget_block(const void *block)
 
 } // namespace
 
-// The names behind 64-bit offsets (glibc) and 64-bit times (musl on 32-bit machines).
-#ifdef __GLIBC__
+// The names behind 64-bit offsets (glibc) and 64-bit times (musl) on 32-bit machines.
+#if defined(__GLIBC__) && !defined(__LP64__)
 #define LARGE(name) name "64"
 #define TIMED(name, longer) name
 #elif __SIZEOF_POINTER__ == 4
@@ -504,7 +504,7 @@ DEFINE(ioctl, "ioctl", int, (int fd, unsigned long request, void *argument))
     return NEXT(ioctl)(fd, request, argument);
 }
 
-#ifdef __GLIBC__
+#if defined(__GLIBC__) && !defined(__LP64__)
 #define FCNTL "fcntl64"
 #else
 #define FCNTL "fcntl"

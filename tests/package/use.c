@@ -1,7 +1,7 @@
 /* use VERSION: a program that installs nothing but uses the whole interface's header, as C and as
  * C++. It compiles only with the defines that the package passes. */
 #if !defined(_GNU_SOURCE) || _FILE_OFFSET_BITS != 64 || _TIME_BITS != 64
-#error "the package passes another set of defines than the library was built with"
+#error "the package does not pass the defines that the headers need"
 #endif
 
 #include <bv/bv.h>

@@ -122,6 +122,15 @@ TEST_F(DbControl, CommitsAreSkippedUntilReady)
     EXPECT_FALSE(exists(kFactoryFile));
 }
 
+TEST_F(DbControl, TheReadyFlagIsSetForGood)
+{
+    EXPECT_EQ(bv_db_status(), 0);
+    EXPECT_EQ(bv_db_ready(), BV_OK);
+    EXPECT_EQ(bv_db_status(), 1);
+    EXPECT_EQ(bv_db_ready(), BV_OK);
+    EXPECT_EQ(bv_db_status(), 1);
+}
+
 TEST_F(DbControl, OnlyAReadyFlagOf1CountsAsReady)
 {
     bv_db_start();

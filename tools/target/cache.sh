@@ -12,6 +12,11 @@ fail() {
     exit 1
 }
 
+# The emulated gateway's kernel, or a word of where it comes from.
+need_kernel() {
+    [ -e "$cache/kernel/version" ] || fail "no kernel in $cache; 'tools/target/setup kernel' fetches it"
+}
+
 # installed PACKAGE: whether a Debian package is on this machine.
 installed() {
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2> /dev/null || true)" = installed ]

@@ -2,6 +2,7 @@
 
 #include <bv/hash.h>
 
+#include <climits>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -216,6 +217,25 @@ TEST_F(DbFileWriting, LeavesNoDescriptorOpen)
     int after = dup(0);
     close(after);
     EXPECT_EQ(before, after);
+}
+
+// A service that runs in the background may have closed its standard input.
+TEST_F(DbFileWriting, LeavesDescriptor0ClosedToo)
+{
+    int saved = dup(0);
+    close(0);
+    write();
+    EXPECT_EQ(fcntl(0, F_GETFD), -1);
+    dup2(saved, 0);
+    close(saved);
+}
+
+TEST_F(DbFileWriting, TheLongestNumberIsWrittenWhole)
+{
+    bv_db_family *lan = user_family("lan.json", kLan);
+    ASSERT_EQ(bv_db_data_add_inst(lan, nullptr, 0, INT_MIN), BV_OK);
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_NE(file_text(kUserFile).find("\"inst\":\"-2147483648\",\n"), std::string::npos);
 }
 
 TEST_F(DbFileWriting, LongTextsArriveWhole)

@@ -210,6 +210,15 @@ TEST_F(DbMemory, AnInstanceRefusedIsNotLinked)
     EXPECT_EQ(image_of(lan, 4), image);
 }
 
+TEST_F(DbMemory, AnInstanceOfOneByteIsRefusedWithoutThatByte)
+{
+    user_family("one.json", {{"id", "uchar", 1, "1"}});
+    const uint8_t byte = 2;
+    EXPECT_EQ(refuse_each([&] { return bv_db_inst_add("one.json", &byte, 1, 1); },
+                          [](int status) { EXPECT_EQ(status, BV_ERR_MEMORY); }),
+              2);
+}
+
 TEST_F(DbMemory, ALoadInAnyOrderNeedsNoMemoryBeyondItsInstances)
 {
     install("lan.json", kLan);

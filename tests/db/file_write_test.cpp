@@ -127,7 +127,7 @@ TEST_F(DbFileWriting, FamiliesStandInRegistrationOrderWhateverTheyHold)
 
 TEST_F(DbFileWriting, RegistrationOrderCountsNotTheOrderOfCreation)
 {
-    for (const char *name : {"c", "a", "d", "b"})
+    for (const char *name : {"b", "a", "d", "c"})
         bv_db_hash_add(name);
     for (const char *name : {"a", "b", "c", "a2", "d"})
         bv_db_reg_user(name);

@@ -137,10 +137,22 @@ static int encrypted_size(int size)
     return size / 32 * 48 + (size % 32 == 0 ? 0 : 16 * (size % 32 / 16 + 1));
 }
 
+static int seal_with(const struct keys *keys, struct seal *seal, const char *from, const char *to)
+{
+    bv_os_remove(to);
+    bv_aes_file_en(from, to, keys->cipher);
+    if (bv_get_filesize(to) != encrypted_size(seal->size))
+        return fail("the encrypted file could not be written whole");
+    if (compute_hmac(seal->hmac, keys, seal, to) != 0)
+        return -1;
+    return write_seal(seal, to);
+}
+
 static int seal_file(const char *password_file, const char *from, const char *to)
 {
     struct seal seal;
     struct keys keys;
+    int result;
 
     memset(&seal, 0, sizeof(seal));
     seal.size = bv_get_filesize(from);
@@ -150,36 +162,39 @@ static int seal_file(const char *password_file, const char *from, const char *to
         return fail("no random numbers");
     if (make_keys(&keys, password_file, &seal) != 0)
         return -1;
-
-    bv_os_remove(to);
-    bv_aes_file_en(from, to, keys.cipher);
-    if (bv_get_filesize(to) != encrypted_size(seal.size))
-        return fail("the encrypted file could not be written whole");
-    if (compute_hmac(seal.hmac, &keys, &seal, to) != 0)
-        return -1;
+    result = seal_with(&keys, &seal, from, to);
     explicit_bzero(&keys, sizeof(keys));
-    return write_seal(&seal, to);
+    return result;
+}
+
+static int open_with(const struct keys *keys, const struct seal *seal, const char *from,
+                     const char *to)
+{
+    char hmac[HMAC_DIGITS + 1];
+
+    if (compute_hmac(hmac, keys, seal, from) != 0)
+        return -1;
+    if (!same_hmac(hmac, seal->hmac))
+        return fail("wrong password, or the file was changed");
+    bv_os_remove(to);
+    bv_aes_file_de(from, to, keys->cipher);
+    if (bv_get_filesize(to) != seal->size)
+        return fail("the decrypted file could not be written whole");
+    return 0;
 }
 
 static int open_file(const char *password_file, const char *from, const char *to)
 {
     struct seal seal;
     struct keys keys;
-    char hmac[HMAC_DIGITS + 1];
+    int result;
 
     memset(&seal, 0, sizeof(seal));
-    if (read_seal(&seal, from) != 0 || make_keys(&keys, password_file, &seal) != 0 ||
-        compute_hmac(hmac, &keys, &seal, from) != 0)
+    if (read_seal(&seal, from) != 0 || make_keys(&keys, password_file, &seal) != 0)
         return -1;
-    if (!same_hmac(hmac, seal.hmac))
-        return fail("wrong password, or the file was changed");
-
-    bv_os_remove(to);
-    bv_aes_file_de(from, to, keys.cipher);
+    result = open_with(&keys, &seal, from, to);
     explicit_bzero(&keys, sizeof(keys));
-    if (bv_get_filesize(to) != seal.size)
-        return fail("the decrypted file could not be written whole");
-    return 0;
+    return result;
 }
 
 int main(int argc, char **argv)

@@ -22,11 +22,18 @@ using wire::Message;
 int g_timeout_ms;
 void *g_priv;
 bool g_keep_priv;
+bool g_answer_nothing; // a reply without a message
 extern "C" int ubus_invoke_fd(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
                               ubus_data_handler_t cb, void *priv, int timeout, int fd)
 {
     g_timeout_ms = timeout;
     g_priv = priv;
+    if (g_answer_nothing) {
+        ubus_request request = {};
+        request.priv = priv;
+        cb(&request, 0, nullptr);
+        return UBUS_STATUS_OK;
+    }
     return next_function<decltype(ubus_invoke_fd)>("ubus_invoke_fd")(
         ctx, obj, method, msg, cb, g_keep_priv ? nullptr : priv, timeout, fd);
 }
@@ -244,6 +251,16 @@ TEST(RpcClient, AReplyLackingAFieldLeavesTheBufferAlone)
 
 // Whatever the reply, only the caller's bytes are written, and the next call works. The sanitizers
 // see to the rest.
+TEST(RpcClient, AReplyWithoutAMessageLacksItsFields)
+{
+    Client client(reply_with(wire::reply(7, 6, Bytes(6, 9))));
+    g_answer_nothing = true;
+    EXPECT_EQ(client.call(), status_of(BV_ERR_INVALID));
+    EXPECT_EQ(client.buffer, kCallerBytes);
+    g_answer_nothing = false;
+    EXPECT_EQ(client.call(), 7u);
+}
+
 TEST(RpcClient, DamagedRepliesEndTheirCallOnly)
 {
     std::mt19937 random(20261120);

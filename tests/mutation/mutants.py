@@ -45,7 +45,7 @@ class Token:
 
 @dataclass(frozen=True)
 class Mutant:
-    """One edit. `function`, `before` and `after` name it without line numbers."""
+    """One edit. `function`, `above`, `before` and `after` name it without line numbers."""
 
     file: str
     line: int
@@ -54,11 +54,14 @@ class Mutant:
     end: int
     replacement: str
     function: str
+    above: str
     before: str
     after: str
 
-    def key(self):
-        return (self.file, self.function, self.before, self.after)
+    def keys(self):
+        """Its name, and the one for a line that its function has more than once."""
+        return [(self.file, self.function, above, self.before, self.after)
+                for above in ("", self.above)]
 
     def apply(self, text):
         return text[:self.start] + self.replacement + text[self.end:]
@@ -176,7 +179,9 @@ class Source:
         right = self.text.find("\n", end)
         right = len(self.text) if right < 0 else right
         return Mutant(self.file, self.text.count("\n", 0, start) + 1, operator, start, end,
-                      replacement, self.functions[first], squeeze(self.text[left:right]),
+                      replacement, self.functions[first],
+                      squeeze(self.text[self.text.rfind("\n", 0, max(left - 1, 0)) + 1:left]),
+                      squeeze(self.text[left:right]),
                       squeeze(self.text[left:start] + replacement + self.text[end:right]))
 
 

@@ -374,6 +374,14 @@ TEST(DbConvert, HugeLengthsDoNotWrapTheCursor)
     EXPECT_EQ(room, expected);
 }
 
+TEST(DbConvert, AStringAlmost4GiBBehindTheImageStoresNothing)
+{
+    // Cut to 32 bits, the room of -4294967262 bytes that it has would be one of 34.
+    Hand hand({{"a", "none", 0, ""}, {"b", "none", 0, ""}, {"s", "string", 32, "abc"}});
+    hand.para(0).len = hand.para(1).len = INT_MAX;
+    EXPECT_EQ(hand.to_memory(), Bytes(32, kFill));
+}
+
 TEST(DbConvert, ReadsOutsideTheImageAreZeroByteByByte)
 {
     Hand hand({{"a", "uint", 2, "?"},

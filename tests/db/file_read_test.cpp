@@ -352,6 +352,14 @@ TEST_F(DbFileReading, LongValuesAreCut)
     EXPECT_EQ(std::string(a->para[1].value), std::string(1023, 'v'));
 }
 
+TEST_F(DbFileReading, WhatLiesBehindTheDescriptorsIsNone)
+{
+    a->para_count = 1;
+    EXPECT_EQ(load_a(R"({"inst":"1","para":{"id":"50","name":"new"}})"), BV_OK);
+    EXPECT_STREQ(a->para[0].value, "50");
+    EXPECT_STREQ(a->para[1].value, "none");
+}
+
 TEST_F(DbFileReading, FamiliesWithoutImageAreSkipped)
 {
     bv_db_reg_user("bare");

@@ -178,6 +178,13 @@ TEST_F(DbFileWriting, DescriptorsHoldTheLastInstanceWrittenAfterwards)
     EXPECT_STREQ(lan->para[2].value, "last");
 }
 
+TEST_F(DbFileWriting, WhatLiesBehindTheDescriptorsIsNone)
+{
+    user_family("lan.json", kLan)->para_count = 1;
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_NE(file_text(kUserFile).find("\"ipaddr\":\"192.168.1.1\"\n"), std::string::npos);
+}
+
 TEST_F(DbFileWriting, ANewFileIsForItsOwnerOnly)
 {
     umask(0);

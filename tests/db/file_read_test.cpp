@@ -116,6 +116,7 @@ TEST_F(DbFileReading, AFolderIsNoFile)
 
 TEST_F(DbFileReading, NullArgumentsFail)
 {
+    put_file(kUserFile, "{}");
     EXPECT_EQ(bv_db_user_read(nullptr, kUserFile), -1);
     EXPECT_EQ(bv_db_user_read(&g_st_db_mng.user_list, nullptr), -1);
 }

@@ -13,6 +13,9 @@ namespace {
 // The nth piece of text from now on that the library writes is refused; 0: none.
 int g_refused_piece;
 
+// How many there were.
+size_t g_pieces;
+
 class DbFileWriting : public Db {
 protected:
     static int write(const char *path = kUserFile)
@@ -254,6 +257,15 @@ TEST_F(DbFileWriting, LongTextsArriveWhole)
     EXPECT_TRUE(text == large_text(800));
 }
 
+// A call for every line, let alone for every character, is most of a commit.
+TEST_F(DbFileWriting, TheTextLeavesInLargePieces)
+{
+    large_family(800);
+    g_pieces = 0;
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_LE(g_pieces, file_text(kUserFile).size() / 4096);
+}
+
 TEST_F(DbFileWriting, AFullDiskKeepsMemoryAndTheNextCommitRepairsTheFile)
 {
     bv_db_family *family = large_family(800);
@@ -308,6 +320,7 @@ TEST_F(DbFileWriting, ADeviceThatRefusesEverythingIsNotReported)
 
 extern "C" size_t fwrite(const void *data, size_t size, size_t n, FILE *stream)
 {
+    ++g_pieces;
     if (g_refused_piece != 0 && --g_refused_piece == 0)
         return 0;
     auto real = reinterpret_cast<size_t (*)(const void *, size_t, size_t, FILE *)>(

@@ -96,6 +96,17 @@ TEST_F(DbInstances, TheCopyIsReported)
     EXPECT_EQ(image_of(hosts, 1), Bytes(4));
 }
 
+TEST_F(DbInstances, WithoutAnImageACopyOfNothingSucceeds)
+{
+    bv_db_family *bare = bv_db_hash_add("bare");
+    ASSERT_EQ(bv_db_data_add_inst(bare, nullptr, 0, 1), BV_OK);
+    bv_db_inst *instance = bv_db_data_get_inst(bare, 1);
+    uint32_t buf = 10;
+    EXPECT_EQ(bv_db_data_set_context(bare, instance, &buf, 4), 0);
+    EXPECT_EQ(bv_db_data_get_context(bare, instance, &buf, 4), 0);
+    EXPECT_EQ(buf, 10u);
+}
+
 TEST_F(DbInstances, FreeLeavesNoneAndTheHighestAt1)
 {
     add(8, 1);

@@ -107,6 +107,19 @@ TEST_F(DbInstances, WithoutAnImageACopyOfNothingSucceeds)
     EXPECT_EQ(buf, 10u);
 }
 
+TEST_F(DbInstances, AnImageOfOneByteIsCopiedBothWays)
+{
+    bv_db_family *flags = user_family("flags", {{"on", "uchar", 1, "0"}});
+    uint8_t byte = 5;
+    ASSERT_EQ(bv_db_data_add_inst(flags, &byte, 1, 1), BV_OK);
+    bv_db_inst *instance = bv_db_data_get_inst(flags, 1);
+    byte = 6;
+    EXPECT_EQ(bv_db_data_set_context(flags, instance, &byte, 1), 0);
+    byte = 0;
+    EXPECT_EQ(bv_db_data_get_context(flags, instance, &byte, 1), 0);
+    EXPECT_EQ(byte, 6);
+}
+
 TEST_F(DbInstances, FreeLeavesNoneAndTheHighestAt1)
 {
     add(8, 1);

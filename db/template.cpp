@@ -15,7 +15,6 @@
 #include <bv/os.h>
 #include <bv/ubus.h>
 
-#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -31,7 +30,6 @@ constexpr size_t kMaxParameters = 1310720 / sizeof(bv_db_para);
 // path and fail to open.
 int32_t search(const char *name, char *path)
 {
-    memset(path, 0, kPathSize);
     return bv_os_systemex(path, kPathSize, "find %s -name \"%s\"", kTemplateDir, name);
 }
 

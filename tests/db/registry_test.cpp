@@ -111,6 +111,12 @@ TEST_F(DbRegistry, ANullNameIsRefused)
     EXPECT_TRUE(is_empty(g_st_db_mng.family_list));
 }
 
+TEST_F(DbRegistry, ANullNameIsNotTheEmptyOne)
+{
+    ASSERT_NE(bv_db_hash_add(""), nullptr);
+    EXPECT_EQ(bv_db_hash_find(nullptr), nullptr);
+}
+
 TEST_F(DbRegistry, NamesOf1023CharactersAreComparedInFull)
 {
     std::string one(1023, 'n'), other = one;

@@ -431,6 +431,27 @@ TEST(RpcServer, NoMemoryForTheReplyIsARefusalBeforeTheHandlerRuns)
     expect_reply(served, wire::reply(0, 3, kThreeBytes));
 }
 
+// The lengths go over the end of the buffer, wherever it lies.
+TEST(RpcServer, ABufferThatIsAlmostLargeEnoughGrowsBeforeTheHandlerRuns)
+{
+    int served = 0, refused = 0;
+    ScriptedBus bus([&](Peer &peer) {
+        peer.accept_object();
+        peer.call(wire::request("keep", 3000, kThreeBytes));
+        FailReallocations failing;
+        for (uint32_t length = 3000; length < 3600; length++) {
+            g_seen.calls = 0;
+            const bool replied = peer.call(wire::request("keep", length, kThreeBytes)).has_data;
+            EXPECT_EQ(g_seen.calls, replied ? 1 : 0) << length;
+            (replied ? served : refused)++;
+        }
+    });
+    EXPECT_EQ(bv_ubus_server_init(nullptr, register_functions), 0);
+    bus.join();
+    EXPECT_GT(served, 0);
+    EXPECT_GT(refused, 0);
+}
+
 TEST(RpcServer, AnUnknownNameIsRefused)
 {
     for (const char *name : {"nobody", "", "kee", "keep2", "KEEP", " keep", "keep "}) {

@@ -314,6 +314,30 @@ TEST_F(DbFileReading, AHundredThousandInstancesInAnyOrderAreLoadedInSeconds)
     EXPECT_EQ(id(69999), 99999u);
 }
 
+// Every other bit of these numbers is 0: whoever finds them by those bits walks a list after all.
+TEST_F(DbFileReading, NumbersThatDifferInEveryOtherBitOnlyAreNoSlower)
+{
+    const auto seconds = [](unsigned distance) {
+        std::string elements;
+        for (unsigned i = 0; i < 32768; ++i) {
+            unsigned number = 0;
+            for (unsigned bit = 0; bit < 15; ++bit)
+                number |= (i >> bit & 1) << (distance * bit + distance - 1);
+            elements +=
+                (i == 0 ? "" : ",") + ("{\"inst\":" + std::to_string(number)) + ",\"para\":{}}";
+        }
+        clock_t start = clock();
+        // The second time all of them are there.
+        EXPECT_EQ(load_a(elements), BV_OK);
+        EXPECT_EQ(load_a(elements), BV_OK);
+        return static_cast<double>(clock() - start) / CLOCKS_PER_SEC;
+    };
+    const double neighbours = seconds(1);
+    bv_db_data_free(a);
+    EXPECT_LT(seconds(2), 4 * neighbours + 0.5);
+    EXPECT_EQ(a->inst_count, 32768);
+}
+
 TEST_F(DbFileReading, NumbersBelow1LeaveTheHighestAt1)
 {
     EXPECT_EQ(load_a(R"({"inst":"-5","para":{}},{"inst":"0","para":{}})"), BV_OK);

@@ -317,8 +317,9 @@ TEST_F(DbTemplate, ANegativeLengthShrinksTheImage)
     EXPECT_EQ(family->para[1].len, -1);
 }
 
-TEST_F(DbTemplate, ANegativeImageSizeGivesNoImages)
+TEST_F(DbTemplate, ANegativeImageSizeGivesNoImagesAndPrintsNothing)
 {
+    CaptureStdout out;
     EXPECT_EQ(read_elements(element("a", "-99999999999") + "," + element("b", "1000")), BV_OK);
     EXPECT_EQ(family->image_size, INT_MIN + 1000) << "lengths are clamped to 32 bits";
     EXPECT_EQ(family->working_image, nullptr);
@@ -331,6 +332,7 @@ TEST_F(DbTemplate, ANegativeImageSizeGivesNoImages)
     EXPECT_EQ(bv_db_write("t.json", buf, sizeof buf, 2), BV_OK);
     EXPECT_EQ(bv_db_read("t.json", buf, sizeof buf, 2), BV_OK);
     EXPECT_EQ(buf[3], 4);
+    EXPECT_EQ(out.stop(), "") << "no one asked for memory";
 }
 
 TEST_F(DbTemplate, AnImageSizeOfZeroPrintsNothing)

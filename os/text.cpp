@@ -28,7 +28,8 @@ int32_t bv_os_match(const char *text, const char *pattern)
     if (text == nullptr || pattern == nullptr || regcomp(&expression, pattern, REG_EXTENDED) != 0)
         return BV_ERR_FAILED;
 
-    int result = regexec(&expression, text, 0, nullptr, 0);
+    regmatch_t match;
+    int result = regexec(&expression, text, 1, &match, 0);
     regfree(&expression);
     return result == 0 ? BV_OK : BV_ERR_FAILED;
 }

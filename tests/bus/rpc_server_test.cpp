@@ -473,6 +473,21 @@ TEST(RpcServer, AnUnknownNameIsRefusedAlsoBehindAKnownOne)
     }
 }
 
+TEST(RpcServer, NeighbouringNamesAreToldApart)
+{
+    const auto registration = [] {
+        EXPECT_EQ(bv_ubus_server_reg("get_a", keep), 0);
+        EXPECT_EQ(bv_ubus_server_reg("get_b", other), 0);
+        return 0;
+    };
+    const Bytes a = wire::request("get_a", 3, kThreeBytes);
+    const Bytes b = wire::request("get_b", 3, kThreeBytes);
+    const std::vector<Answer> answers = serve({a, b, a}, registration);
+    expect_reply(answers[0], wire::reply(0, 3, kThreeBytes));
+    expect_reply(answers[1], wire::reply(1111, 3, kThreeBytes));
+    expect_reply(answers[2], wire::reply(0, 3, kThreeBytes));
+}
+
 TEST(RpcServer, ANameEndsAtItsFirstZeroByte)
 {
     const Bytes name = {'k', 'e', 'e', 'p', 0, 'x', 0};

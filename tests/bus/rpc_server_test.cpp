@@ -30,6 +30,13 @@ extern "C" int uloop_fd_add(uloop_fd *sock, unsigned int flags)
         return -1;
     return next_function<int(uloop_fd *, unsigned int)>("uloop_fd_add")(sock, flags);
 }
+// Counts the connections that the library gives back.
+int g_given_back;
+extern "C" void ubus_free(ubus_context *ctx)
+{
+    g_given_back++;
+    next_function<void(ubus_context *)>("ubus_free")(ctx);
+}
 
 namespace {
 
@@ -698,6 +705,21 @@ TEST(RpcServer, ARefusedObjectIsTheResultAndClosesTheConnection)
         bus.join();
         EXPECT_TRUE(closed);
     }
+}
+
+TEST(RpcServer, AClosedConnectionIsGivenBackOnce)
+{
+    ScriptedBus bus([&](Peer &peer) {
+        peer.hello();
+        peer.send_status(peer.receive(), 2);
+    });
+    g_given_back = 0;
+    EXPECT_EQ(bv_ubus_server_init(nullptr, nullptr), 2);
+    bus.join();
+    EXPECT_EQ(g_given_back, 1);
+    FailAllocation next(1);
+    EXPECT_EQ(bv_ubus_server_init(nullptr, nullptr), -1);
+    EXPECT_EQ(g_given_back, 1);
 }
 
 TEST(RpcServer, ABusLostWhilePublishingIsTheResult)

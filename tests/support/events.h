@@ -65,7 +65,7 @@ inline Events events_before(uint32_t type, const std::string &payload)
         return !now.empty() && now.back() == end;
     }));
     Events arrived = recorded_events();
-    if (!arrived.empty())
+    if (!arrived.empty() && arrived.back() == end)
         arrived.pop_back();
     return arrived;
 }

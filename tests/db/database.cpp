@@ -129,6 +129,13 @@ std::vector<std::string> families()
     return names_of<bv_db_family>(g_st_db_mng.family_list);
 }
 
+void give_back_instances()
+{
+    const bv_list_head &list = g_st_db_mng.family_list;
+    for (const bv_list_head *link = list.next; link != &list; link = link->next)
+        bv_db_data_free(const_cast<bv_db_family *>(record<bv_db_family>(link)));
+}
+
 void expect_no_parameters(const bv_db_family *family)
 {
     EXPECT_EQ(family->image_size, 0);

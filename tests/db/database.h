@@ -43,6 +43,10 @@ void add_instance(bv_db_family *family, int number, const std::vector<std::strin
 Bytes default_image(const bv_db_family *family);
 Bytes image_of(const bv_db_family *family, int number);
 
+// Takes the instances of every family away. A test's tables are lost at the next bv_db_init(), on
+// purpose; its instances are not among what may be.
+void give_back_instances();
+
 // The numbers of a family's instances, in list order.
 std::vector<int> numbers(const bv_db_family *family);
 
@@ -70,6 +74,7 @@ extern const std::vector<Parameter> kLan;
 class Db : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(bv_db_init(), BV_OK); }
+    void TearDown() override { give_back_instances(); }
 };
 
 #endif

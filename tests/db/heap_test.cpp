@@ -37,7 +37,11 @@ protected:
         install("lan.json", kLan);
         g_tree = parse(kLanPath);
     }
-    void TearDown() override { json_object_put(g_tree); }
+    void TearDown() override
+    {
+        json_object_put(g_tree);
+        Db::TearDown();
+    }
 
     // A family with its template, and no instances.
     bv_db_family *lan()

@@ -231,6 +231,7 @@ TEST_F(DbRegistry, FreeLeavesWhatAServiceKeepsInTheTableBesideTheFamilies)
     auto *kept = static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, key));
     ASSERT_NE(kept, nullptr);
     EXPECT_EQ(kept->para_count, 7);
+    bv_hash_remove(g_st_db_mng.table, key);
 }
 
 TEST_F(DbRegistry, ADefaultImageOutlivesItsFamily)

@@ -135,6 +135,25 @@ TEST(Header, ThatCannotBeWrittenIsReported)
     Outcome outcome = run_tool({"header", "-o", "/nowhere/lan.h", kExamples + "lan.json"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors, "bv-template: /nowhere/lan.h: No such file or directory\n");
+    EXPECT_EQ(
+        run({"/bin/sh", "-c", BV_TOOL " header " + kExamples + "lan.json > /dev/full"}).status, 2);
+}
+
+// Half a header would still be included by someone; but a device is nobody's to remove.
+TEST(Header, ThatBreaksOffIsRemovedUnlessItIsADevice)
+{
+    ASSERT_EQ(symlink("/dev/full", "/tmp/full.h"), 0);
+    Outcome outcome = run_tool({"header", "-o", "/tmp/full.h", kExamples + "lan.json"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "bv-template: /tmp/full.h: the header is incomplete\n");
+    EXPECT_TRUE(file_exists("/tmp/full.h"));
+
+    // The small disk is full.
+    write_file("/config/work/rest", std::string(4194304, 'x'));
+    outcome = run_tool(
+        {"header", "-o", "/config/work/lan.h", BV_TEST_SOURCE_DIR "/tools/data/odd-names.json"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_FALSE(file_exists("/config/work/lan.h"));
 }
 
 // What passes the check is stored, written and read again by the library as it was meant.

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "common/command_line.h"
 #include "template/data.h"
@@ -65,23 +66,31 @@ static int data(char **paths)
     return result();
 }
 
-/* Writes to a file that is complete or not there. */
+static bool is_regular(FILE *file)
+{
+    struct stat status;
+
+    return fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+/* Writes to a file that is complete or not there; a device or a pipe stays where it is. */
 static void write_header(void)
 {
     FILE *file = options.output == NULL ? stdout : fopen(options.output, "w");
-    bool written;
+    bool written, removable;
 
     if (file == NULL) {
         file_trouble(options.output, strerror(errno));
         return;
     }
+    removable = file != stdout && is_regular(file);
     written = header_write(file, &family, options.name) && fflush(file) == 0 && !ferror(file);
     if (file != stdout && fclose(file) != 0)
         written = false;
     if (written)
         return;
     file_trouble(file == stdout ? "standard output" : options.output, "the header is incomplete");
-    if (file != stdout)
+    if (removable)
         remove(options.output);
 }
 

@@ -188,4 +188,18 @@ TEST_F(DataCheck, SaysWhatCannotBeRead)
     EXPECT_EQ(outcome.errors, "bv-template: /nowhere: No such file or directory\n");
 }
 
+// Nobody writes into the pipe: reading it would never end.
+TEST_F(DataCheck, DoesNotReadATemplateThatIsNoFile)
+{
+    ASSERT_EQ(mkfifo("/etc/template/pipe.json", 0600), 0);
+    write_file(kFile, "{\"pipe.json\":[],\n\"/etc/template/pipe.json\":[]}");
+    Outcome outcome = run_tool({"data", kFile});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "bv-template: /etc/template/pipe.json: is no file\n");
+    EXPECT_EQ(outcome.output,
+              std::string(kFile) + ":1: the template of \"pipe.json\" has no usable parameters\n" +
+                  kFile +
+                  ":2: the template of \"/etc/template/pipe.json\" has no usable parameters\n");
+}
+
 } // namespace

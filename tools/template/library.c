@@ -6,6 +6,7 @@
 #include <ftw.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "template/fault.h"
@@ -104,6 +105,18 @@ static struct entry *find(const char *name, bool *several)
     return found;
 }
 
+/* A pipe or a terminal would keep its reader waiting, and a data file may name any. */
+static bool read_entry(struct entry *entry)
+{
+    struct stat status;
+
+    if (stat(entry->path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        file_trouble(entry->path, "is no file");
+        return false;
+    }
+    return family_read(&entry->family, entry->path);
+}
+
 enum library_result library_find(const char *name, const struct family **family)
 {
     bool several;
@@ -114,7 +127,7 @@ enum library_result library_find(const char *name, const struct family **family)
     if (found == NULL)
         return LIBRARY_NONE;
     if (!found->read)
-        found->usable = family_read(&found->family, found->path);
+        found->usable = read_entry(found);
     found->read = true;
     *family = &found->family;
     return found->usable ? LIBRARY_FOUND : LIBRARY_UNUSABLE;

@@ -172,6 +172,12 @@ TEST_F(CallParameters, NeedATemplateThatHasSome)
     write_file("/tmp/bad.json", "{\"para\":[]}");
     EXPECT_EQ(run_tool({"-T", "/tmp/bad.json", "lan_get"}).errors,
               "bv-call: /tmp/bad.json: has no parameters\n");
+    write_file("/tmp/bad.json", R"({"para":[
+        {"name":"a","type":"int","len":-2147483648,"value":"1"},
+        {"name":"b","type":"int","len":-2147483648,"value":"1"}]})");
+    outcome = run_tool({"-T", "/tmp/bad.json", "lan_get"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "bv-call: /tmp/bad.json: cannot be read as a template\n");
     EXPECT_EQ(run_tool({"-T", "lan.json", "-O", "999990", "lan_get"}).errors,
               "bv-call: --offset: the image does not fit into a call\n");
 }

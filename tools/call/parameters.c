@@ -26,6 +26,32 @@ static size_t image_size(void)
     return (size_t)family.image_size;
 }
 
+/* The lengths of the parameters, added up by the library, end the process below 32 bits. */
+static bool lengths_add_up(struct json_object *para)
+{
+    int64_t sum = 0;
+    size_t i;
+
+    if (bv_json_object_is_type(para, json_type_array) == 0)
+        return true;
+    for (i = 0; i < bv_json_object_array_length(para); i++) {
+        int32_t len = bv_json_object_get_int(
+            bv_json_object_object_get(bv_json_object_array_get_idx(para, i), "len"));
+
+        sum += len < 0 ? len : 0;
+    }
+    return sum >= INT32_MIN;
+}
+
+static bool read_template(const char *path)
+{
+    struct json_object *tree = bv_json_object_from_file(path);
+    bool readable = tree != NULL && lengths_add_up(bv_json_object_object_get(tree, "para"));
+
+    bv_json_object_put(tree);
+    return readable && bv_db_template_read_single(path, &family) == BV_OK;
+}
+
 bool parameters_open(const char *name)
 {
     char path[1024];
@@ -38,7 +64,7 @@ bool parameters_open(const char *name)
     } else {
         snprintf(path, sizeof(path), "%s", name);
     }
-    if (bv_db_template_read_single(path, &family) != BV_OK)
+    if (!read_template(path))
         return fail(path, "cannot be read as a template");
     if (family.image_size <= 0 || family.default_image == NULL)
         return fail(path, "has no parameters");

@@ -214,9 +214,8 @@ void text_to_mac(const Target &image, int64_t position, const char *value)
 
 void text_to_ip(const Target &image, int64_t position, const char *value)
 {
-    Ip ip{};
-    if (bv_os_inet_pton(value, ip.bytes) != 1)
-        ip = Ip{};
+    Ip ip{}; // and that it stays where the text is no address
+    bv_os_inet_pton(value, ip.bytes);
     image.store(position, ip);
 }
 

@@ -3,6 +3,7 @@
 #include <bv/os.h>
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
 
 // Scanned and not parsed by hand: configurations in the field hold what this scan accepts,
 // one-digit groups among them.
@@ -30,14 +31,26 @@ void bv_os_mac_ntop(const void *mac, char *out, uint32_t outsize)
                   bytes[3], bytes[4], bytes[5]);
 }
 
+// The gateway's C library writes as it reads: of a text that turns out to be no address, and of one
+// that turns out not to fit, the beginning would stand in the caller's memory. So both conversions
+// are made beside it.
 int bv_os_inet_pton(const char *text, void *out)
 {
-    return inet_pton(AF_INET, text, out);
+    uint8_t address[4];
+    int converted = inet_pton(AF_INET, text, address);
+    if (converted == 1)
+        bv_os_memcpy(out, sizeof address, address, sizeof address);
+    return converted;
 }
 
 const char *bv_os_inet_ntop(const void *address, char *out, uint32_t outsize)
 {
-    return inet_ntop(AF_INET, address, out, outsize);
+    char text[INET_ADDRSTRLEN];
+    uint32_t size = outsize < sizeof text ? outsize : sizeof text;
+    if (inet_ntop(AF_INET, address, text, size) == nullptr)
+        return nullptr;
+    bv_os_strcpy(out, size, text);
+    return out;
 }
 
 uint32_t bv_os_inet_addr(const char *text)

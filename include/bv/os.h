@@ -450,7 +450,7 @@ BV_API int bv_os_inet_pton(const char *text, void *out);
  * @param address  4 bytes in network order
  * @param out      gets the text
  * @param outsize  capacity of out; 16 holds every address
- * @return out, or null with errno ENOSPC when the text does not fit
+ * @return out, or null with errno ENOSPC when the text does not fit: out is as it was
  */
 BV_API const char *bv_os_inet_ntop(const void *address, char *out, uint32_t outsize);
 

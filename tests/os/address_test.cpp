@@ -1,5 +1,7 @@
 #include <bv/os.h>
 
+#include "support/fault_points.h"
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -18,6 +20,26 @@ std::string bytes(const char *text)
 }
 
 } // namespace
+
+// Small C libraries write while they read, so something is left of what fails. Here it always is.
+extern "C" int inet_pton(int family, const char *text, void *address) noexcept
+{
+    int converted =
+        next_function<int(int, const char *, void *)>("inet_pton")(family, text, address);
+    if (converted != 1)
+        memset(address, 0xee, 4);
+    return converted;
+}
+
+extern "C" const char *inet_ntop(int family, const void *address, char *text,
+                                 socklen_t size) noexcept
+{
+    auto *next = next_function<const char *(int, const void *, char *, socklen_t)>("inet_ntop");
+    const char *printed = next(family, address, text, size);
+    if (printed == nullptr)
+        memset(text, '#', size);
+    return printed;
+}
 
 TEST(MacPton, ReadsEitherCase)
 {
@@ -83,7 +105,16 @@ TEST(InetPton, ConvertsDottedAddressesOnly)
     EXPECT_EQ(bv_os_inet_pton("192.168.1.256", out), 0);
     EXPECT_EQ(bv_os_inet_pton("::1", out), 0);
     EXPECT_EQ(bv_os_inet_pton("", out), 0);
-    EXPECT_EQ(memcmp(out, "\xc0\xa8\x01\xfe", 4), 0);
+}
+
+TEST(InetPton, WhatIsNoAddressLeavesTheOldOneWhole)
+{
+    for (const char *text :
+         {"10", "10.", "10.1.2", "10.1.2.", "10.1.2.256", "10.1.2.3x", "10.1.2.3."}) {
+        unsigned char out[4] = {192, 168, 1, 254};
+        EXPECT_EQ(bv_os_inet_pton(text, out), 0) << text;
+        EXPECT_EQ(memcmp(out, "\xc0\xa8\x01\xfe", 4), 0) << text;
+    }
 }
 
 TEST(InetNtop, PrintsIntoTheCallersBuffer)
@@ -91,9 +122,21 @@ TEST(InetNtop, PrintsIntoTheCallersBuffer)
     char out[16];
     EXPECT_EQ(bv_os_inet_ntop("\xc0\xa8\x01\xfe", out, sizeof out), out);
     EXPECT_STREQ(out, "192.168.1.254");
-    errno = 0;
-    EXPECT_EQ(bv_os_inet_ntop("\xc0\xa8\x01\xfe", out, 13), nullptr);
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(bv_os_inet_ntop("\xff\xff\xff\xff", out, 0xffffffff), out);
+    EXPECT_STREQ(out, "255.255.255.255");
+}
+
+TEST(InetNtop, ATextThatDoesNotFitLeavesTheBufferAlone)
+{
+    char out[] = "..............";
+    for (uint32_t size : {0u, 1u, 13u}) {
+        errno = 0;
+        EXPECT_EQ(bv_os_inet_ntop("\xc0\xa8\x01\xfe", out, size), nullptr) << size;
+        EXPECT_EQ(errno, ENOSPC) << size;
+        EXPECT_STREQ(out, "..............") << size;
+    }
+    EXPECT_EQ(bv_os_inet_ntop("\xc0\xa8\x01\xfe", out, 14), out);
+    EXPECT_STREQ(out, "192.168.1.254");
 }
 
 TEST(InetAddr, IsInNetworkOrderOrAllOnes)

@@ -11,7 +11,8 @@ find_package(Threads REQUIRED)
 
 set(BV_COMPAT_BUILT "")
 
-# bv_underneath(NAME HEADER): an imported target for an installed library, or the stand-in.
+# bv_underneath(NAME HEADER): an imported target for an installed library, or the stand-in. With AUTO
+# an installed stand-in does not count: it may come from an older state of this tree.
 function(bv_underneath name header)
   string(TOUPPER ${name} upper)
   set(found FALSE)
@@ -19,7 +20,12 @@ function(bv_underneath name header)
     find_path(BV_${upper}_INCLUDE ${header})
     find_library(BV_${upper}_LIBRARY ${name})
     mark_as_advanced(BV_${upper}_INCLUDE BV_${upper}_LIBRARY)
-    if(BV_${upper}_INCLUDE AND BV_${upper}_LIBRARY)
+    get_filename_component(folder "${BV_${upper}_LIBRARY}" DIRECTORY)
+    set(installed_stand_ins "")
+    if(BV_COMPAT STREQUAL "AUTO" AND EXISTS "${folder}/bv/stand-ins")
+      file(STRINGS "${folder}/bv/stand-ins" installed_stand_ins)
+    endif()
+    if(BV_${upper}_INCLUDE AND BV_${upper}_LIBRARY AND NOT name IN_LIST installed_stand_ins)
       set(found TRUE)
     endif()
   endif()

@@ -26,6 +26,11 @@ if(BV_COMPAT_BUILT)
       COMPONENT development FILES_MATCHING PATTERN "*.h")
   endforeach()
   set_property(TARGET bv ${BV_COMPAT_BUILT} PROPERTY INSTALL_RPATH "$ORIGIN")
+  # By this file cmake/BvCompat.cmake knows them from the platform's own.
+  list(JOIN BV_COMPAT_BUILT "\n" names)
+  file(WRITE "${CMAKE_BINARY_DIR}/packaging/stand-ins" "${names}\n")
+  install(FILES "${CMAKE_BINARY_DIR}/packaging/stand-ins"
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/bv COMPONENT development)
 endif()
 if(TARGET ubusd)
   file(RELATIVE_PATH libraries "/${CMAKE_INSTALL_SBINDIR}" "/${CMAKE_INSTALL_LIBDIR}")

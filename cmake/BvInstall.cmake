@@ -1,6 +1,6 @@
 # What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, man pages,
-# examples; and, where stand-ins were built, those beside it, found through a run path of $ORIGIN,
-# so that a prefix works wherever it is unpacked.
+# the pages of docs/, examples; and, where stand-ins were built, those beside it, found through a run
+# path of $ORIGIN, so that a prefix works wherever it is unpacked.
 
 include(CMakePackageConfigHelpers)
 
@@ -18,6 +18,8 @@ install(PROGRAMS examples/debug-session
 install(FILES docs/man/libbv.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 install(FILES docs/man/bv-formats.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT development)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "man" EXCLUDE)
 
 if(BV_COMPAT_BUILT)
   install(TARGETS ${BV_COMPAT_BUILT} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -71,7 +71,8 @@ static uint32_t config_read(void *data, uint32_t length)
     return BV_OK;
 }
 
-/* The image's size is known to both sides by the family; a longer copy would be refused. */
+/* The image's size is known to both sides by the family; of more bytes the database would take none
+ * and leave an image of zeros. */
 static uint32_t image_size(const char *family)
 {
     const bv_db_family *record = bv_db_hash_find(family);
@@ -131,7 +132,7 @@ static uint32_t debug_switch(void *data, uint32_t length)
 {
     bv_debug_switch record;
 
-    if (bv_os_memcpy(&record, sizeof(record), data, length) != 0)
+    if (length != sizeof(record) || bv_os_memcpy(&record, sizeof(record), data, length) != 0)
         return BV_ERR_INVALID;
     return (uint32_t)bv_debug_set_cfg_switch(&record);
 }

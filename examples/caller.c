@@ -287,30 +287,46 @@ static int usage(void)
     return 2;
 }
 
+/* Whether there is such a command, and it has the arguments that it needs. */
+static int understood(int argc, char **argv)
+{
+    static const struct {
+        const char *verb;
+        int least; /* of argc */
+    } commands[] = {{"show", 3},    {"list", 3},   {"set", 5},  {"add", 4},
+                    {"trigger", 3}, {"switch", 5}, {"event", 2}};
+    size_t i;
+
+    for (i = 0; i < sizeof(commands) / sizeof(commands[0]); i++)
+        if (argc >= commands[i].least && strcmp(commands[i].verb, argv[1]) == 0)
+            return 1;
+    return 0;
+}
+
 int main(int argc, char **argv)
 {
     const char *verb = argc > 1 ? argv[1] : "";
 
+    if (!understood(argc, argv))
+        return usage();
     if (bv_ubus_client_init(NULL) != 0) {
         puts("refused: no bus");
         return 1;
     }
-    if (strcmp(verb, "show") == 0 && argc > 2)
+    if (strcmp(verb, "show") == 0)
         show(argv[2], argc > 3 ? (uint32_t)bv_os_atoi(argv[3]) : 1);
-    else if (strcmp(verb, "list") == 0 && argc > 2)
+    else if (strcmp(verb, "list") == 0)
         list(argv[2]);
-    else if (strcmp(verb, "set") == 0 && argc > 4)
+    else if (strcmp(verb, "set") == 0)
         set(argv[2], (uint32_t)bv_os_atoi(argv[3]), argv + 4);
-    else if (strcmp(verb, "add") == 0 && argc > 3)
+    else if (strcmp(verb, "add") == 0)
         add(argv[2], argv + 3);
-    else if (strcmp(verb, "trigger") == 0 && argc > 2)
+    else if (strcmp(verb, "trigger") == 0)
         trigger((uint32_t)bv_os_atoi(argv[2]));
-    else if (strcmp(verb, "switch") == 0 && argc > 4)
+    else if (strcmp(verb, "switch") == 0)
         set_switch(argv[2], argv[3], argv[4]);
-    else if (strcmp(verb, "event") == 0)
-        event();
     else
-        return usage();
+        event();
     bv_ubus_client_exit();
     return 0;
 }

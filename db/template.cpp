@@ -116,8 +116,8 @@ uint8_t *make_default_image(const bv_db_family &family)
     return image;
 }
 
-// Both images, holding the defaults. Either both are there afterwards, or the family has no
-// parameters.
+// Both images, holding the defaults; none where there is nothing to hold. Without memory for both
+// the family ends up without parameters.
 int32_t make_images(bv_db_family &family)
 {
     family.image_size = sum_of_lengths(family);

@@ -120,7 +120,8 @@ BV_API int32_t bv_db_init(void);
  *              unquoted and comes unescaped into the data file, so it must be trusted text.
  *
  * @retval BV_OK          registered, behind the earlier ones
- * @retval BV_ERR_EXISTS  the name stands in this list already; another list may have it too
+ * @retval BV_ERR_EXISTS  the name stands in this list already; another list may have it too. It is
+ *                        compared as given: one that is too long never stands there.
  * @retval BV_ERR_MEMORY  no memory for the record
  * @retval -1             name is null
  *
@@ -246,10 +247,11 @@ BV_API int32_t bv_db_user_write(bv_list_head *list, const char *path);
  * @retval BV_OK  loaded; elements that are not understood are skipped
  * @retval -1     path is missing or no JSON, or an argument is null: no instance is made
  *
- * A family that the file lacks gets instance 1, from its working image, if it has none. An
- * element that lacks a parameter takes the text which that one had in the element before it (the
- * template's default at first); services rely on that. An instance that exists is overwritten.
- * Elements for which memory is short are left out, and the result is 0 all the same.
+ * Families with an image size of 0 are passed over. A family that the file lacks gets instance 1,
+ * from its working image, if it has none. An element that lacks a parameter takes the text which
+ * that one had in the element before it (the template's default at first); services rely on that.
+ * An instance that exists is overwritten. Elements for which memory is short are left out, and the
+ * result is 0 all the same.
  */
 BV_API int32_t bv_db_user_read(bv_list_head *list, const char *path);
 
@@ -296,7 +298,8 @@ BV_API int32_t bv_db_data_get_inst_max(bv_db_family *family);
  * @param instance  one of its instances
  * @param buf       room for the image; null fails
  * @param buflen    bytes in buf; below the image size all of them are cleared and the copy fails,
- *                  above it the rest of buf stays as it was
+ *                  above it the rest of buf stays as it was, above 0x7fffffff all of it does and
+ *                  the copy fails
  * @return 0, or the status of the bounded copy (bv_os_memcpy()); an image size of 0 or less
  *         copies nothing and is 0
  */
@@ -404,7 +407,8 @@ BV_API int32_t bv_db_inst_getnum(const char *name);
  * @param name    the family
  * @param buf     room for the image; null copies nothing
  * @param buflen  bytes in buf. Give at least the image size: with less all of buf is cleared and
- *                the result is 0 all the same. With more the rest of buf stays as it was.
+ *                the result is 0 all the same. With more the rest of buf stays as it was, with
+ *                more than 0x7fffffff all of it.
  * @param inst    the number; 1 gives the template's defaults when there is no instance 1
  *
  * @retval BV_OK               read; nothing is copied for a family without parameters

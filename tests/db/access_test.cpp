@@ -214,6 +214,25 @@ TEST_F(DbAccess, ALongReadBufferKeepsItsRest)
     EXPECT_EQ(buf, (Bytes{0xff, 0xff, 0xff, 0xff, 0xee, 0xee, 0xee, 0xee}));
 }
 
+// Whoever passes -1 for a buffer "of any size" gets nothing.
+TEST_F(DbAccess, AReadBufferOf2GiBOrMoreIsLeftAlone)
+{
+    add(1, 0xffffffffu);
+    add(2, 0xffffffffu);
+    uint32_t buf = 77, number = 0;
+    for (uint32_t buflen : {0x80000000u, 0xffffffffu}) {
+        EXPECT_EQ(bv_db_read("hosts", &buf, buflen, 1), BV_OK);
+        EXPECT_EQ(bv_db_read_first("hosts", &buf, buflen, &number), BV_OK);
+        EXPECT_EQ(number, 1u);
+        EXPECT_EQ(bv_db_read_next("hosts", &buf, buflen, 1, &number), BV_OK);
+        EXPECT_EQ(number, 2u);
+        EXPECT_NE(bv_db_data_get_context(hosts, bv_db_data_get_inst(hosts, 1), &buf, buflen), 0);
+        EXPECT_EQ(buf, 77u);
+    }
+    EXPECT_EQ(bv_db_read("hosts", &buf, 0x7fffffffu, 1), BV_OK);
+    EXPECT_EQ(buf, 0xffffffffu);
+}
+
 TEST_F(DbAccess, AShortWriteChangesTheFirstBytesOnly)
 {
     add(1, 0xffffffffu);

@@ -292,6 +292,40 @@ TEST_F(DbControl, TheCommandWordNeedNotBeAligned)
     EXPECT_EQ(value("u"), 10u);
 }
 
+// A service's standard output may be the console of the device.
+TEST_F(DbControl, NothingIsPrintedAboutWhatIsMissingWrongOrRefused)
+{
+    bv_db_reg_user("missing");
+    bv_db_reg_user("wrong");
+    install("wrong", std::string("{\"para\":7}"));
+    put_file(kUserFile, "garbage");
+    ASSERT_EQ(mkdir(kFactoryFile, 0755), 0);
+    uint32_t value = 0;
+
+    CaptureStdout out;
+    EXPECT_EQ(bv_db_start(), 0);
+    EXPECT_EQ(bv_db_reg_user("u"), BV_ERR_EXISTS);
+    EXPECT_EQ(bv_db_hash_add("u"), nullptr);
+    EXPECT_EQ(bv_db_read("unknown", &value, sizeof value, 1), BV_ERR_NO_FAMILY);
+    EXPECT_EQ(bv_db_read("u", &value, sizeof value, 2), BV_ERR_NO_INSTANCE);
+    EXPECT_EQ(bv_db_read("u", &value, 1, 1), BV_OK);
+    EXPECT_EQ(bv_db_factory(), BV_ERR_WRITE_OPEN);
+    EXPECT_EQ(out.stop(), "");
+}
+
+TEST_F(DbControl, AStartLeavesNoDescriptorOpen)
+{
+    put_data_files();
+    put_file(kUserFile, "garbage");
+    bv_db_reg_user("missing");
+    int before = dup(0);
+    close(before);
+    EXPECT_EQ(bv_db_start(), 0);
+    int after = dup(0);
+    close(after);
+    EXPECT_EQ(before, after);
+}
+
 std::string dump_of(uint32_t command)
 {
     CaptureStdout out;

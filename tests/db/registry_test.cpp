@@ -136,6 +136,8 @@ TEST_F(DbRegistry, AllLongerNamesAreTheEmptyName)
     std::string longer(1024, 'n'), longest(5000, 'm');
     EXPECT_EQ(bv_db_reg_user(longer.c_str()), BV_OK);
     EXPECT_EQ(names(g_st_db_mng.user_list), (Names{""}));
+    EXPECT_EQ(bv_db_reg_user(longest.c_str()), BV_OK) << "it is not the one stored there";
+    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"", ""}));
 
     bv_db_family *family = bv_db_hash_add(longer.c_str());
     ASSERT_NE(family, nullptr);

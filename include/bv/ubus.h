@@ -86,7 +86,8 @@ BV_API int bv_uloop_init(void);
  */
 BV_API int bv_uloop_run(void);
 
-/** uloop_done(): closes the loop and gives the signals back. Delete descriptors before. */
+/** uloop_done(): closes the loop and gives the signals back, but for SIGPIPE. Delete descriptors
+ *  before. */
 BV_API void bv_uloop_done(void);
 
 /**
@@ -391,7 +392,8 @@ BV_API struct json_object *bv_json_object_object_get(const struct json_object *o
 /** json_object_array_length(): number of elements. What is no array ends the process. */
 BV_API size_t bv_json_object_array_length(const struct json_object *obj);
 
-/** json_object_array_get_idx(): an element, counted from 0; null beyond the end. */
+/** json_object_array_get_idx(): an element, counted from 0; null beyond the end. What is no array
+ *  ends the process. */
 BV_API struct json_object *bv_json_object_array_get_idx(const struct json_object *obj,
                                                         size_t index);
 
@@ -499,7 +501,7 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  *
  * @return the function's result, or one of these, in which case data is as it was:
  * @retval 2          unknown function; or cannot be sent: null argument, too long, the connection
- *                    was found dead
+ *                    was found dead; or no memory for the bytes, here or at the owner
  * @retval 3          the object has no method "method": it is none of ours
  * @retval 4          no such object
  * @retval 6          the bus does not permit the call

@@ -9,6 +9,7 @@
 #include "support/bus.h"
 #include "support/process.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -26,6 +27,18 @@ uint32_t add_one_to_each(void *data, uint32_t len)
     for (uint32_t i = 0; i < len; i++)
         static_cast<uint8_t *>(data)[i]++;
     return 7;
+}
+
+// As that, but slow enough to meet another one, which must not be.
+uint32_t alone(void *data, uint32_t len)
+{
+    static std::atomic<bool> running{false};
+    if (running.exchange(true))
+        return 99;
+    bv_os_msleep(1);
+    const uint32_t result = add_one_to_each(data, len);
+    running = false;
+    return result;
 }
 
 uint32_t return_length(void *, uint32_t len)
@@ -54,6 +67,7 @@ uint32_t pass_on(void *data, uint32_t len)
 int register_functions()
 {
     bv_ubus_server_reg("add_one", add_one_to_each);
+    bv_ubus_server_reg("alone", alone);
     bv_ubus_server_reg("length", return_length);
     bv_ubus_server_reg("die", die);
     bv_ubus_server_reg("end", end_the_loop);
@@ -307,7 +321,7 @@ TEST(RpcBus, SeveralCallersAreServedOneAtATimeAndGetTheirOwnBytes)
                 return 1;
             for (uint8_t i = 0; i < 100; i++) {
                 Bytes data(1u + number * 700u + i, static_cast<uint8_t>(number + i));
-                if (call("add_one", data) != 7)
+                if (call("alone", data) != 7)
                     return 2;
                 if (data != Bytes(data.size(), static_cast<uint8_t>(number + i + 1)))
                     return 3;

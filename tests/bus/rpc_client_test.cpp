@@ -249,8 +249,6 @@ TEST(RpcClient, AReplyLackingAFieldLeavesTheBufferAlone)
     }
 }
 
-// Whatever the reply, only the caller's bytes are written, and the next call works. The sanitizers
-// see to the rest.
 TEST(RpcClient, AReplyWithoutAMessageLacksItsFields)
 {
     Client client(reply_with(wire::reply(7, 6, Bytes(6, 9))));
@@ -261,6 +259,8 @@ TEST(RpcClient, AReplyWithoutAMessageLacksItsFields)
     EXPECT_EQ(client.call(), 7u);
 }
 
+// Whatever the reply, only the caller's bytes are written, and the next call works. The sanitizers
+// see to the rest.
 TEST(RpcClient, DamagedRepliesEndTheirCallOnly)
 {
     std::mt19937 random(20261120);

@@ -38,6 +38,14 @@ extern "C" void ubus_free(ubus_context *ctx)
     next_function<void(ubus_context *)>("ubus_free")(ctx);
 }
 
+// Sees the object as the library publishes it: not all of it travels.
+ubus_object g_published;
+extern "C" int ubus_add_object(ubus_context *ctx, ubus_object *obj)
+{
+    g_published = *obj;
+    return next_function<int(ubus_context *, ubus_object *)>("ubus_add_object")(ctx, obj);
+}
+
 namespace {
 
 // What the handler of the test was given last, and what it does with it.
@@ -140,6 +148,18 @@ TEST(RpcServer, PublishesItsObjectWithTheseBytes)
                                      "85 00 00 10 00 04 66 75 6e 63 00 00 00 00 00 03"
                                      "85 00 00 10 00 03 6c 65 6e 00 00 00 00 00 00 05"
                                      "85 00 00 10 00 04 64 61 74 61 00 00 00 00 00 00")));
+}
+
+TEST(RpcServer, TheObjectIsOfTypeObjAndItsOneMethodIsTheTypes)
+{
+    ScriptedBus bus([](Peer &peer) { peer.accept_object(); });
+    EXPECT_EQ(bv_ubus_server_init("a.name", nullptr), 0);
+    EXPECT_STREQ(g_published.name, "a.name");
+    EXPECT_STREQ(g_published.type->name, "obj");
+    EXPECT_EQ(g_published.methods, g_published.type->methods);
+    EXPECT_EQ(g_published.n_methods, 1);
+    EXPECT_EQ(g_published.type->n_methods, 1);
+    EXPECT_STREQ(g_published.methods->name, "method");
 }
 
 TEST(RpcServer, AnswersARequestWithTheseBytes)
@@ -821,6 +841,7 @@ TEST(RpcServer, SigtermEndsTheRunAndTheSignalIsGivenBack)
         return 0;
     };
     Answer answer;
+    Message last_words;
     bool closed = true;
     std::atomic<bool> returned{false};
     ScriptedBus bus([&](Peer &peer) {
@@ -828,12 +849,14 @@ TEST(RpcServer, SigtermEndsTheRunAndTheSignalIsGivenBack)
         answer = peer.call(wire::request("stop", 0, {}));
         while (!returned)
             bv_os_msleep(1);
+        last_words = wire::receive_message(peer.fd(), 100);
         closed = wire::closed_by_peer(peer.fd(), 100);
     });
     EXPECT_EQ(bv_ubus_server_init(nullptr, registration), 0);
     returned = true;
     bus.join();
     expect_reply(answer, wire::reply(5, 0, {}));
+    EXPECT_EQ(last_words.type, wire::kNothing) << "the object is not taken back";
     EXPECT_FALSE(closed);
     struct sigaction after = {};
     sigaction(SIGTERM, nullptr, &after);

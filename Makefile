@@ -63,7 +63,7 @@ test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell
 	@cmake --build --preset mipsel-musl
 	@tests/gateway/run build/mipsel-musl
 
-size: ## footprint of the library on mipsel musl: sections, folders, heap
+size: deps ## footprint of the library on mipsel musl: sections, folders, heap
 	@tools/target/size
 
 docs: ## makes build/docs/html of the pages and headers; a declaration without its docs is an error
@@ -79,6 +79,7 @@ clang: deps ## builds with clang, warnings are errors
 	@cmake --build --preset clang
 
 format: ## puts every source file into the house format
+	@tools/install-deps clang-format
 	@git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format -i
 
 clean: ## removes the build trees

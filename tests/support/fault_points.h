@@ -21,7 +21,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -103,7 +102,7 @@ private:
     static_assert(true, "")
 
 // Where offsets are wider than a long, glibc has names of their own for some functions; their fault
-// points are fault_open64 and so on there. BV_FAULT_OF(open) names the right one anywhere.
+// points are fault_fopen64 and so on there. BV_FAULT_OF(fopen) names the right one anywhere.
 #if defined(__GLIBC__) && !defined(__LP64__)
 #define BV_FAULT_OF(name) fault_##name##64
 #define BV_FAULT_POINT_64(symbol, result, parameters, arguments, failure)                          \
@@ -119,36 +118,17 @@ private:
     BV_FAULT_POINT(socket, int, (int domain, int type, int protocol), (domain, type, protocol), -1)
 #define BV_FAULT_bind \
     BV_FAULT_POINT(bind, int, (int fd, const sockaddr *addr, socklen_t len), (fd, addr, len), -1)
-#define BV_FAULT_sendto \
-    BV_FAULT_POINT(sendto, ssize_t, \
-        (int fd, const void *buf, size_t n, int flags, const sockaddr *addr, socklen_t len), \
-        (fd, buf, n, flags, addr, len), -1)
-#define BV_FAULT_sendmsg \
-    BV_FAULT_POINT(sendmsg, ssize_t, (int fd, const msghdr *msg, int flags), (fd, msg, flags), -1)
-#define BV_FAULT_recvmsg \
-    BV_FAULT_POINT(recvmsg, ssize_t, (int fd, msghdr *msg, int flags), (fd, msg, flags), -1)
 #define BV_FAULT_read \
     BV_FAULT_POINT(read, ssize_t, (int fd, void *buf, size_t n), (fd, buf, n), -1)
-#define BV_FAULT_write \
-    BV_FAULT_POINT(write, ssize_t, (int fd, const void *buf, size_t n), (fd, buf, n), -1)
 #define BV_FAULT_close \
     BV_FAULT_POINT(close, int, (int fd), (fd), -1)
-#define BV_FAULT_ioctl \
-    BV_FAULT_POINT(ioctl, int, (int fd, unsigned long request, void *argument), \
-        (fd, request, argument), -1)
-#define BV_FAULT_access \
-    BV_FAULT_POINT(access, int, (const char *path, int mode), (path, mode), -1)
 #define BV_FAULT_popen \
     BV_FAULT_POINT(popen, FILE *, (const char *command, const char *type), (command, type), nullptr)
 #define BV_FAULT_pthread_create \
     BV_FAULT_POINT(pthread_create, int, (pthread_t *thread, const pthread_attr_t *attr, \
         void *(*start)(void *), void *argument), (thread, attr, start, argument), EAGAIN)
 
-// Functions with large-file names: test them through BV_FAULT_OF(open) and so on.
-#define BV_FAULT_open \
-    BV_FAULT_POINT_64(open, int, (const char *path, int flags, mode_t mode), (path, flags, mode), -1)
-#define BV_FAULT_lseek \
-    BV_FAULT_POINT_64(lseek, off_t, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
+// A function with a large-file name: test it through BV_FAULT_OF(fopen).
 #define BV_FAULT_fopen \
     BV_FAULT_POINT_64(fopen, FILE *, (const char *path, const char *mode), (path, mode), nullptr)
 // clang-format on

@@ -136,7 +136,7 @@ static long carry_out(struct record *r)
 	return odd_result ? 7 : 0;
 }
 
-/* Keeps what came, for request 1; records about netlink itself are not worth keeping. */
+/* Keeps what came, for request 1. */
 static void remember(const struct file *file, const struct record *r)
 {
 	size_t size = sizeof(*r) + r->length;

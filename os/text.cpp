@@ -58,8 +58,8 @@ char *bv_os_trim(char *text)
     return text;
 }
 
-// Callers know the restart: digests and random text are cut into pieces that stay below it, and
-// what is longer has always come out as the hex of its last bytes.
+// Callers know the restart: what is rendered here, digests and short ciphertexts, stays below it,
+// and what is longer has always come out as the hex of its last bytes.
 int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint32_t outsize)
 {
     static const char kDigits[] = "0123456789abcdef";

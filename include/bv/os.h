@@ -711,7 +711,7 @@ BV_API int bv_os_sigfillset(sigset_t *set);
 BV_API int bv_os_sigaddset(sigset_t *set, int sig);
 /** sigdelset(3). */
 BV_API int bv_os_sigdelset(sigset_t *set, int sig);
-/** sigismember(3): 1, 0, or -1 for no such signal. */
+/** sigismember(3): 1 or 0; for no such signal -1, but 0 with musl. */
 BV_API int bv_os_sigismember(const sigset_t *set, int sig);
 /** sigaction(2). */
 BV_API int bv_os_sigaction(int sig, const struct sigaction *act, struct sigaction *old);

@@ -105,7 +105,6 @@ TEST(Sftp, ACommandOf255CharactersIsRunALongerOneRunsAsAnEmptyLine)
 {
     install_script(0);
     bv_sftp_info info = transfer();
-    // "/etc/sftp.sh -p secret -cmd \"get  \" -P 2222 backup@192.0.2.7" has 61 characters.
     memset(info.local_path, 'l', 127);
     memset(info.remote_path, 'r', 127);
     info.remote_path[0] = '/';

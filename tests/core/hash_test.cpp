@@ -205,6 +205,17 @@ TEST_F(Hash, StoringAKeyAgainOverwritesItsRecordInPlace)
     EXPECT_EQ(*find(1), 20u);
 }
 
+TEST_F(Hash, ARecordThatWasFoundMayBeStoredAgain)
+{
+    make(16);
+    ASSERT_EQ(put(1, 10), BV_OK);
+    uint32_t *record = find(1);
+    *record = 20;
+    EXPECT_EQ(bv_hash_insert(table, key_of(1).bytes, record), BV_OK);
+    EXPECT_EQ(find(1), record);
+    EXPECT_EQ(*record, 20u);
+}
+
 TEST_F(Hash, AFullTableRefusesEvenAStoredKey)
 {
     make(1);

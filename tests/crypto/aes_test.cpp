@@ -16,6 +16,19 @@ BV_FAULT_POINT(EVP_CipherInit_ex, int,
 
 namespace {
 
+int g_contexts_freed;
+
+} // namespace
+
+// In front of libcrypto's.
+extern "C" void EVP_CIPHER_CTX_free(EVP_CIPHER_CTX *ctx)
+{
+    g_contexts_freed += ctx != nullptr ? 1 : 0;
+    next_function<void(EVP_CIPHER_CTX *)>("EVP_CIPHER_CTX_free")(ctx);
+}
+
+namespace {
+
 const std::string kKey = "sixteen byte key";
 
 // A record at the end of its page, the key after the 16th byte filled with something else.
@@ -179,6 +192,19 @@ TEST(AesRecord, WithoutACipherTheResultIsEmpty)
     fault_EVP_CipherInit_ex.fail_next();
     EXPECT_EQ(record.decrypt("0123456789abcdef"), "");
     EXPECT_EQ(record->plain[3], '#');
+}
+
+TEST(AesRecord, EveryCipherContextIsGivenBack)
+{
+    Record record;
+    g_contexts_freed = 0;
+    record.encrypt("abc");
+    EXPECT_EQ(g_contexts_freed, 1);
+    record.decrypt("0123456789abcdef");
+    EXPECT_EQ(g_contexts_freed, 2);
+    fault_EVP_CipherInit_ex.fail_next();
+    record.encrypt("abc");
+    EXPECT_EQ(g_contexts_freed, 3);
 }
 
 TEST(AesRecord, NullIsNoWork)

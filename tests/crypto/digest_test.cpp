@@ -19,11 +19,19 @@ BV_FAULT_POINT(EVP_DigestInit_ex, int, (EVP_MD_CTX * ctx, const EVP_MD *type, EN
 
 namespace {
 
+int g_contexts_freed;
 int g_read_calls;
 void (*g_before_read)(int call) = nullptr; // counted from 1
 bool g_read_fails;
 
 } // namespace
+
+// In front of libcrypto's.
+extern "C" void EVP_MD_CTX_free(EVP_MD_CTX *ctx)
+{
+    g_contexts_freed += ctx != nullptr ? 1 : 0;
+    next_function<void(EVP_MD_CTX *)>("EVP_MD_CTX_free")(ctx);
+}
 
 // What happens to a file while it is read.
 extern "C" ssize_t read(int fd, void *buf, size_t n)
@@ -165,6 +173,20 @@ TEST(Sm3Text, WithoutADigestContextThereIsNoDigest)
     fault_EVP_MD_CTX_new.fail_next();
     EXPECT_EQ(bv_os_sm3_file("/tmp/file", out), uint32_t{BV_ERR_MEMORY});
     EXPECT_TRUE(out.untouched());
+}
+
+TEST(Sm3Text, EveryDigestContextIsGivenBack)
+{
+    Sm3Text out;
+    write_file("/tmp/file", "content");
+    g_contexts_freed = 0;
+    bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out);
+    EXPECT_EQ(g_contexts_freed, 1);
+    bv_os_sm3_file("/tmp/file", out);
+    EXPECT_EQ(g_contexts_freed, 2);
+    fault_EVP_DigestInit_ex.fail_next();
+    bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out);
+    EXPECT_EQ(g_contexts_freed, 3);
 }
 
 TEST_F(Sm3File, SizesAroundThePieceAgreeWithTheTextDigest)

@@ -125,6 +125,24 @@ TEST(Hmac, TheContextKeepsThePaddedKey)
     EXPECT_EQ(ctx.total[0], 64u);
 }
 
+TEST(Hmac, OutputMayBeThePlaceOfTheMessageOrTheKey)
+{
+    for (size_t key_length : {40u, 100u}) {
+        const std::string key(key_length, 'k');
+        const std::string expected = reference::hmac(false, key, std::string(50, 'm'));
+        std::string message(50, 'm');
+        sha2_hmac(u8(key), static_cast<uint32_t>(key_length), u8(message), 50,
+                  reinterpret_cast<uint8_t *>(&message[0]), 0);
+        EXPECT_EQ(to_hex(message.substr(0, 32)), to_hex(expected));
+
+        message = std::string(50, 'm');
+        std::string place = key;
+        sha2_hmac(u8(place), static_cast<uint32_t>(key_length), u8(message), 50,
+                  reinterpret_cast<uint8_t *>(&place[0]), 0);
+        EXPECT_EQ(to_hex(place.substr(0, 32)), to_hex(expected));
+    }
+}
+
 TEST(Hmac, NullArgumentsAreHarmless)
 {
     uint8_t out[32] = {0xee};

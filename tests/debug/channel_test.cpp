@@ -319,6 +319,17 @@ TEST_F(Channel, TheModulesOwnSwitchOrTheGlobalOneLetsAMessageOut)
     EXPECT_EQ(collector_.datagrams(), none());
 }
 
+TEST_F(Channel, AnyValueButZeroLetsAMessageOut)
+{
+    bv_debug_set_switch(5, 1, 2);
+    bv_debug_remote(0, 0, 5, 1, "own");
+    EXPECT_EQ(collector_.datagrams().size(), 1u);
+    bv_debug_set_switch(5, 1, 0);
+    bv_debug_set_switch(0, 1, 0x80);
+    bv_debug_remote(0, 0, 5, 1, "global");
+    EXPECT_EQ(collector_.datagrams().size(), 1u);
+}
+
 TEST_F(Channel, AMessageThatIsOffIsNeitherFormattedNorAllocated)
 {
     char text[] = "x";

@@ -269,15 +269,20 @@ TEST_F(Flash, ADeviceThatCannotSeekIsAFailure)
 
 TEST_F(Flash, ADeviceThatStopsEarlyIsAShortReadOrWrite)
 {
-    Bytes data = pattern(20000);
+    const Bytes before = pattern(20000);
+    Bytes data = before;
     devices::stop_transfers_after(10000);
     EXPECT_EQ(bv_mtd_read("config", data.data(), 0, 20000), BV_ERR_SHORT_READ);
-    EXPECT_EQ(data[10000], pattern(20000)[10000]) << "nothing is written past what came";
+    EXPECT_EQ(slice(data, 0, 10000), Bytes(10000, 0xff)) << "what came before it is in there";
+    EXPECT_EQ(slice(data, 10000, 10000), slice(before, 10000, 10000)) << "and no more";
 
+    data = before;
     devices::stop_transfers_after(10000);
     EXPECT_EQ(bv_mtd_write("config", data.data(), 0, 20000), BV_ERR_SHORT_WRITE);
     devices::stop_transfers_after(UINT64_MAX);
-    EXPECT_EQ(devices::flash_contents("config")[10000], 0xff);
+    Bytes contents = devices::flash_contents("config");
+    EXPECT_EQ(slice(contents, 0, 10000), slice(before, 0, 10000));
+    EXPECT_EQ(slice(contents, 10000, 10000), Bytes(10000, 0xff));
 }
 
 TEST_F(Flash, EraseTakesWholeBlocksOnly)

@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <sstream>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -69,6 +71,48 @@ TEST(Record, AFileThatCannotBeOpenedIsReported)
     BV_FAULT_OF(fopen).fail_next(1, EACCES);
     EXPECT_EQ(bv_os_record("x"), BV_ERR_RECORD);
     EXPECT_FALSE(file_exists(kRecord));
+}
+
+TEST(Record, WhatCannotBeFormattedIsANegativeNumber)
+{
+    const std::vector<int> before = open_descriptors();
+    const wchar_t no_character[] = {0x7fffffff, 0};
+    EXPECT_LT(bv_os_record("%ls", no_character), 0);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+// Writers of one letter each, all let loose at once.
+TEST(Record, ThoseOfSeveralProcessesStayWhole)
+{
+    const int kWriters = 4, kEach = 500;
+    const size_t kLength = 900;
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    for (int writer = 0; writer < kWriters; ++writer) {
+        if (fork() != 0)
+            continue;
+        const std::string text(kLength, static_cast<char>('a' + writer));
+        close(gate[1]);
+        char none;
+        bool open = read(gate[0], &none, 1) == 0;
+        for (int i = 0; open && i < kEach; ++i)
+            bv_os_record("%s %d\n", text.c_str(), i);
+        _exit(0);
+    }
+    close(gate[1]);
+    while (wait(nullptr) > 0) {
+    }
+
+    std::istringstream lines(read_file(kRecord));
+    int next[kWriters] = {};
+    std::string line;
+    for (int count = 0; count < kWriters * kEach; ++count) {
+        ASSERT_TRUE(std::getline(lines, line)) << count;
+        const int writer = line[0] - 'a';
+        ASSERT_TRUE(writer >= 0 && writer < kWriters) << line;
+        ASSERT_EQ(line, std::string(kLength, line[0]) + " " + std::to_string(next[writer]++));
+    }
+    EXPECT_FALSE(std::getline(lines, line));
 }
 
 TEST(Record, WithoutAFormatNothingIsWritten)

@@ -1,5 +1,7 @@
 #include "db/database.h"
 
+#include "support/dirty_heap.h"
+
 #include <bv/hash.h>
 
 #include <cstddef>
@@ -98,6 +100,18 @@ TEST_F(DbRegistry, NamesAreCopied)
     name[0] = 'w';
     EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"lan"}));
     EXPECT_NE(bv_db_hash_find("lan"), nullptr);
+}
+
+TEST_F(DbRegistry, ARegistrationIsZeroBehindItsName)
+{
+    dirty_heap();
+    for (const std::string &name : {std::string("lan"), std::string(1024, 'n')}) {
+        ASSERT_EQ(bv_db_reg_user(name.c_str()), BV_OK);
+        auto *record = reinterpret_cast<const bv_db_reg *>(g_st_db_mng.user_list.prev);
+        std::string expected = name.size() < sizeof record->name ? name : "";
+        expected.resize(sizeof record->name);
+        EXPECT_EQ(std::string(record->name, sizeof record->name), expected);
+    }
 }
 
 TEST_F(DbRegistry, ANullNameIsRefused)

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -78,6 +79,24 @@ TEST_F(Flash, ANameInSeveralLinesOrNoneFindsNothing)
         EXPECT_EQ(bv_mtd_erase(name, 0, kBlock), BV_ERR_FAILED) << name;
     }
     EXPECT_EQ(bv_mtd_get_info("rootfs_data", &info), BV_OK);
+}
+
+TEST_F(Flash, WhatFailsBeforeTheTransferLeavesTheCallersMemoryAlone)
+{
+    mtd_info_user info, before;
+    memset(&info, 0x5a, sizeof info);
+    memset(&before, 0x5a, sizeof before);
+    EXPECT_EQ(bv_mtd_get_info("bootloader", &info), BV_ERR_FAILED);
+    EXPECT_EQ(bv_mtd_get_info("factory", &info), BV_ERR_FAILED);
+    EXPECT_EQ(memcmp(&info, &before, sizeof info), 0);
+
+    Bytes data(4, 0x5a);
+    EXPECT_EQ(bv_mtd_read("bootloader", data.data(), 0, 4), BV_ERR_FAILED);
+    EXPECT_EQ(bv_mtd_read("config", data.data(), kConfigSize - 3, 4), BV_ERR_RANGE);
+    EXPECT_EQ(bv_mtd_read("config", data.data(), 0, 0), BV_ERR_INVALID);
+    EXPECT_EQ(data, Bytes(4, 0x5a));
+    EXPECT_EQ(bv_mtd_write("config", data.data(), kConfigSize - 3, 4), BV_ERR_RANGE);
+    EXPECT_EQ(devices::flash_contents("config"), Bytes(kConfigSize, 0xff));
 }
 
 TEST_F(Flash, APathThatExceedsItsSixteenBytesIsEmptied)

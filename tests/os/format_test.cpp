@@ -64,6 +64,17 @@ TEST(Sprintf, ATextThatDoesNotFitLeavesAnEmptyOneAndNothingPastTheCapacity)
     }
 }
 
+TEST(Sprintf, ACapacityJustInsideTheLimitsIsAccepted)
+{
+    for (Printer print : kPrinters) {
+        char dst[] = "..";
+        EXPECT_EQ(print(dst, 1, "%s", ""), 0);
+        EXPECT_STREQ(dst, "");
+        EXPECT_EQ(print(dst, 0x7fffffff, "%d", 42), 2);
+        EXPECT_STREQ(dst, "42");
+    }
+}
+
 TEST(Sprintf, RefusesDirectivesThatCouldWriteOrSurprise)
 {
     for (Printer print : kPrinters)

@@ -170,6 +170,17 @@ TEST(Memcpy, ACapacityOutsideTheLimitsLeavesTheDestinationAlone)
     EXPECT_EQ(memcmp(dst, "abcd", 4), 0);
 }
 
+TEST(Memcpy, ACapacityJustInsideTheLimitsIsAccepted)
+{
+    char dst[4] = {'a', 'b', 'c', 'd'};
+    EXPECT_EQ(bv_os_memcpy(dst, 1, "x", 1), 0);
+    EXPECT_EQ(bv_os_memmove(dst + 1, 0x7fffffff, "y", 1), 0);
+    EXPECT_EQ(bv_os_memset(dst + 2, 0x7fffffff, 'z', 1), 0);
+    EXPECT_EQ(memcmp(dst, "xyzd", 4), 0);
+    EXPECT_EQ(bv_os_memcpy(dst, 0x7fffffff, "wxyz", 4), 0);
+    EXPECT_EQ(memcmp(dst, "wxyz", 4), 0);
+}
+
 TEST(Memmove, ACountAboveTheCapacityClearsTheDestinationAndFails)
 {
     char dst[9] = "........";

@@ -32,6 +32,18 @@ TEST(Strcpy, NullArgumentsAndNoCapacityAreReported)
     EXPECT_STREQ(dst, "");
 }
 
+TEST(Strcpy, ACapacityJustInsideTheLimitsIsAccepted)
+{
+    char dst[8];
+    EXPECT_EQ(bv_os_strcpy(dst, 1, ""), 0);
+    EXPECT_STREQ(dst, "");
+    EXPECT_EQ(bv_os_strcpy(dst, 0x7fffffff, "ab"), 0);
+    EXPECT_EQ(bv_os_strcat(dst, 0x7fffffff, "cd"), 0);
+    EXPECT_STREQ(dst, "abcd");
+    EXPECT_EQ(bv_os_strncpy(dst, 0x7fffffff, "xyz", 2), 0);
+    EXPECT_STREQ(dst, "xy");
+}
+
 TEST(Strncpy, TakesAtMostCountCharactersAndTerminates)
 {
     char dst[] = "........";

@@ -284,10 +284,12 @@ BV_API int bv_os_sysprocess(const char *format, ...) BV_PRINTF(1, 2);
  * @param format   the command
  *
  * @retval 0               out holds the text; the command's own exit status is not looked at
- * @retval BV_ERR_FAILED   nothing was printed, or it does not fit: out is empty. Also, always,
- *                         with a null out or an outsize of 0, though the command ran
- * @retval BV_ERR_NO_FILE  the capture file could not be opened, or the line did not fit in 255
- *                         characters (22 to 24 of them are the redirection's): out is as it was
+ * @retval BV_ERR_FAILED   nothing was printed (a command of more than 255 characters, being run as
+ *                         an empty one, prints nothing), or it does not fit: out is empty. Also,
+ *                         always, with a null out or an outsize of 0, though the command ran
+ * @retval BV_ERR_NO_FILE  the capture file could not be opened, or the command fits in 255
+ *                         characters but not with its redirection, which takes 22 to 24 of them:
+ *                         out is as it was
  */
 BV_API int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...) BV_PRINTF(3, 4);
 

@@ -154,6 +154,7 @@ TEST(Header, ThatBreaksOffIsRemovedUnlessItIsADevice)
         {"header", "-o", "/config/work/lan.h", BV_TEST_SOURCE_DIR "/tools/data/odd-names.json"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_FALSE(file_exists("/config/work/lan.h"));
+    remove("/config/work/rest");
 }
 
 // What passes the check is stored, written and read again by the library as it was meant.

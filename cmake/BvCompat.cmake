@@ -11,8 +11,26 @@ find_package(Threads REQUIRED)
 
 set(BV_COMPAT_BUILT "")
 
-# bv_underneath(NAME HEADER): an imported target for an installed library, or the stand-in. With AUTO
-# an installed stand-in does not count: it may come from an older state of this tree.
+# bv_is_left_over(RESULT LIBRARY NAME): whether a library is a stand-in that this tree, perhaps in an
+# older state, has installed, and that nobody asks for by CMAKE_PREFIX_PATH.
+function(bv_is_left_over result library name)
+  set(${result} FALSE PARENT_SCOPE)
+  get_filename_component(folder "${library}" DIRECTORY)
+  foreach(prefix IN LISTS CMAKE_PREFIX_PATH)
+    cmake_path(IS_PREFIX prefix "${folder}" NORMALIZE asked_for)
+    if(asked_for)
+      return()
+    endif()
+  endforeach()
+  if(EXISTS "${folder}/bv/stand-ins")
+    file(STRINGS "${folder}/bv/stand-ins" installed)
+    if(name IN_LIST installed)
+      set(${result} TRUE PARENT_SCOPE)
+    endif()
+  endif()
+endfunction()
+
+# bv_underneath(NAME HEADER): an imported target for an installed library, or the stand-in.
 function(bv_underneath name header)
   string(TOUPPER ${name} upper)
   set(found FALSE)
@@ -20,12 +38,9 @@ function(bv_underneath name header)
     # Looked for every time: what was there may be gone.
     find_path(BV_${upper}_INCLUDE ${header} NO_CACHE)
     find_library(BV_${upper}_LIBRARY ${name} NO_CACHE)
-    get_filename_component(folder "${BV_${upper}_LIBRARY}" DIRECTORY)
-    set(installed_stand_ins "")
-    if(BV_COMPAT STREQUAL "AUTO" AND EXISTS "${folder}/bv/stand-ins")
-      file(STRINGS "${folder}/bv/stand-ins" installed_stand_ins)
-    endif()
-    if(BV_${upper}_INCLUDE AND BV_${upper}_LIBRARY AND NOT name IN_LIST installed_stand_ins)
+    bv_is_left_over(left_over "${BV_${upper}_LIBRARY}" ${name})
+    if(BV_${upper}_INCLUDE AND BV_${upper}_LIBRARY
+       AND NOT (left_over AND BV_COMPAT STREQUAL "AUTO"))
       set(found TRUE)
     endif()
   endif()

@@ -160,6 +160,18 @@ TEST_F(CallParameters, AreRefusedWhenTheyWouldBeStoredAsSomethingElse)
     EXPECT_NE(run_tool({"-T", "lan.json", "lan_get"}).output.find("mtu=1500\n"), std::string::npos);
 }
 
+TEST_F(CallParameters, MayComeFromATemplateDeepInATree)
+{
+    std::string folder = "/tmp";
+    for (int depth = 0; depth < 8; depth++) {
+        folder += "/" + std::string(200, 'x');
+        ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    }
+    write_file(folder + "/lan.json", read_file(kTemplate));
+    Outcome outcome = run_tool({"-T", folder + "/lan.json", "-p", "nothing", "echo"});
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+}
+
 TEST_F(CallParameters, NeedATemplateThatHasSome)
 {
     Outcome outcome = run_tool({"-T", "wan.json", "lan_get"});

@@ -54,15 +54,15 @@ static bool read_template(const char *path)
 
 bool parameters_open(const char *name)
 {
-    char path[1024];
+    char in_folder[1024];
+    const char *path = name;
 
     template_name = name;
-    if (access(name, F_OK) != 0) {
-        snprintf(path, sizeof(path), "/etc/template/%s", name);
+    if (access(path, F_OK) != 0) {
+        snprintf(in_folder, sizeof(in_folder), "/etc/template/%s", name);
+        path = in_folder;
         if (access(path, F_OK) != 0)
             return fail(name, "there is no such template, nor one in /etc/template");
-    } else {
-        snprintf(path, sizeof(path), "%s", name);
     }
     if (!read_template(path))
         return fail(path, "cannot be read as a template");

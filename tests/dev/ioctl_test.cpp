@@ -162,6 +162,14 @@ TEST(DriverMissing, IsItsOwnCodeAndLeavesTheData)
     EXPECT_EQ(bv_ioctl_system(&record), BV_ERR_CHANNEL);
 }
 
+TEST_F(Driver, ADescriptorOfZeroIsAsGoodAsAnyOther)
+{
+    WithoutStdin closed;
+    char data[] = "abc";
+    EXPECT_EQ(bv_ioctl_call("upper", data, 3), 0u);
+    EXPECT_STREQ(data, "ABC");
+}
+
 TEST_F(Driver, ACallersOwnRecordGoesAsItIs)
 {
     struct {

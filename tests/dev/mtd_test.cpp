@@ -109,6 +109,35 @@ TEST_F(Flash, APathThatExceedsItsSixteenBytesIsEmptied)
     EXPECT_EQ(bv_mtd_get_info("far", &info), BV_ERR_FAILED);
 }
 
+TEST_F(Flash, APathMayHaveFifteenCharactersAndNoMore)
+{
+    NEEDS_MADE_UP_DEVICES();
+    FILE *file = fopen("/tmp/proc-mtd", "a");
+    for (const char *device : {"mtd0000000", "mtd00000000"}) { // other names of the first one
+        fprintf(file, "%s: 00080000 00010000 \"%zu digits\"\n", device, strlen(device) - 3);
+        ASSERT_EQ(symlink("mtd0", (std::string("/dev/") + device).c_str()), 0);
+    }
+    fclose(file);
+    mtd_info_user info = {};
+    EXPECT_EQ(bv_mtd_get_info("7.digits", &info), BV_OK);
+    EXPECT_EQ(info.size, kConfigSize);
+    EXPECT_EQ(bv_mtd_get_info("8.digits", &info), BV_ERR_FAILED);
+}
+
+TEST_F(Flash, ADescriptorOfZeroIsAsGoodAsAnyOther)
+{
+    WithoutStdin closed;
+    mtd_info_user info = {};
+    EXPECT_EQ(bv_mtd_get_info("config", &info), BV_OK);
+    uint8_t byte = 0x5a;
+    EXPECT_EQ(bv_mtd_write("config", &byte, 0, 1), BV_OK);
+    byte = 0;
+    EXPECT_EQ(bv_mtd_read("config", &byte, 0, 1), BV_OK);
+    EXPECT_EQ(byte, 0x5a);
+    EXPECT_EQ(bv_mtd_erase("config", 0, kBlock), BV_OK);
+    EXPECT_EQ(devices::erase_requests(), 1u);
+}
+
 TEST_F(Flash, ANameTooLongForTheCommandFindsNothing)
 {
     mtd_info_user info = {};
@@ -370,6 +399,32 @@ TEST_F(Flash, AnEraseSizeOfZeroIsRefused)
     devices::report_erase_size(0);
     EXPECT_EQ(bv_mtd_erase("config", 0, kBlock), BV_ERR_INVALID);
     EXPECT_EQ(devices::erase_requests(), 0u);
+}
+
+TEST_F(Flash, TheMemoryForTheLookIsGivenBack)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "the sanitiser finds leaks";
+    devices::report_erase_size(kConfigSize); // one block, and a megabyte for the look at it
+    ASSERT_EQ(bv_mtd_erase("config", 0, kConfigSize), BV_OK);
+    const size_t before = address_space();
+    for (int i = 0; i < 16; ++i)
+        ASSERT_EQ(bv_mtd_erase("config", 0, kConfigSize), BV_OK);
+    EXPECT_LT(address_space(), before + (8 << 20));
+    EXPECT_EQ(devices::erase_requests(), 0u);
+}
+
+TEST_F(Flash, ABlockOf655360BytesIsTheLargestThatIsLookedAt)
+{
+    NEEDS_MADE_UP_DEVICES();
+    devices::report_erase_size(655360); // two of them are one allocation of the largest size
+    ASSERT_EQ(bv_mtd_erase("rootfs_data", 0, 0x100000), BV_OK); // one round
+    EXPECT_EQ(devices::erase_requests(), 0u);
+    EXPECT_EQ(devices::system_calls_on_flash(), 80u);
+    devices::report_erase_size(655361);
+    ASSERT_EQ(bv_mtd_erase("rootfs_data", 0, 0x100000), BV_OK);
+    EXPECT_EQ(devices::erase_requests(), 1u);
+    EXPECT_EQ(devices::system_calls_on_flash(), 80u);
 }
 
 TEST_F(Flash, BlocksTooLargeForOneAllocationAreErasedWithoutALook)

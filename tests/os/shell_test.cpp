@@ -236,6 +236,14 @@ TEST_F(Shell, SystemexEmptiesABufferThatIsTooSmall)
     EXPECT_STREQ(out, "abcd");
 }
 
+TEST_F(Shell, SystemexWorksWithoutAStandardInput)
+{
+    WithoutStdin closed;
+    char out[8] = "";
+    EXPECT_EQ(bv_os_systemex(out, sizeof out, "echo text"), 0);
+    EXPECT_STREQ(out, "text");
+}
+
 TEST_F(Shell, SystemexRunsTheCommandEvenWithoutAPlaceForItsOutput)
 {
     char out[] = "before";

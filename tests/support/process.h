@@ -50,6 +50,32 @@ inline size_t thread_count()
     return list_folder("/proc/self/task").size();
 }
 
+// The address space that this process has, in bytes.
+inline size_t address_space()
+{
+    return strtoul(read_file("/proc/self/statm").c_str(), nullptr, 10) *
+           static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+// While it lives standard input is closed, as some daemons have it: the next descriptor that is
+// opened is 0, and as good as any other.
+class WithoutStdin {
+public:
+    WithoutStdin() : saved_(dup(STDIN_FILENO)) { close(STDIN_FILENO); }
+    ~WithoutStdin()
+    {
+        if (saved_ < 0)
+            return;
+        dup2(saved_, STDIN_FILENO);
+        close(saved_);
+    }
+    WithoutStdin(const WithoutStdin &) = delete;
+    WithoutStdin &operator=(const WithoutStdin &) = delete;
+
+private:
+    int saved_;
+};
+
 // From now on this process gets no more than so much address space, so that memory which is not
 // given back soon runs out. False in a sanitised build: it needs all there is, and finds leaks by
 // itself.

@@ -42,6 +42,7 @@ struct Boundary {
     unsigned sent = 0; // messages to anybody
     std::atomic<int> failing_receives{0};
     std::atomic<int> failed_receives{0};
+    std::atomic<size_t> parts{0}; // that the last receive gave its bytes room in
 };
 Boundary &g_boundary = *new Boundary;
 
@@ -133,6 +134,7 @@ extern "C" ssize_t failing_recvmsg(int fd, msghdr *message, int flags) __asm__("
 extern "C" ssize_t failing_recvmsg(int fd, msghdr *message, int flags)
 {
     static const auto next = next_function<ssize_t(int, msghdr *, int)>("recvmsg");
+    g_boundary.parts = static_cast<size_t>(message->msg_iovlen);
     if (g_boundary.failing_receives > 0) {
         g_boundary.failing_receives--;
         errno = ++g_boundary.failed_receives % 2 == 0 ? EINTR : ENOBUFS;
@@ -290,6 +292,20 @@ TEST_F(NetlinkInit, OpensARawSocketOfTheDriversProtocolBoundToTheProcessId)
     EXPECT_EQ(self.nl_pid, static_cast<uint32_t>(getpid()));
     EXPECT_EQ(self.nl_groups, 0u);
     EXPECT_EQ(fault_pthread_create.calls(), 1);
+}
+
+TEST_F(NetlinkInit, ADescriptorOfZeroIsAsGoodAsAnyOther)
+{
+    close(STDIN_FILENO);
+    EXPECT_EQ(bv_netlink_init(), BV_OK);
+    EXPECT_EQ(g_boundary.fd, STDIN_FILENO);
+}
+
+TEST_F(NetlinkInit, ReceivesIntoOneBuffer)
+{
+    ASSERT_EQ(bv_netlink_init(), BV_OK);
+    EXPECT_TRUE(eventually([] { return g_boundary.parts > 0; }));
+    EXPECT_EQ(g_boundary.parts, 1u);
 }
 
 TEST_F(NetlinkInit, WithoutTheProtocolItFails)

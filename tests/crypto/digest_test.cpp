@@ -293,6 +293,19 @@ TEST_F(Sm3File, WithoutMemoryForThePieceNothingStaysOpen)
     EXPECT_EQ(open_descriptors(), before);
 }
 
+TEST_F(Sm3File, TheReadBufferIsGivenBack)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "the sanitiser finds leaks";
+    write_file("/tmp/file", "content");
+    Sm3Text out;
+    bv_os_sm3_file("/tmp/file", out);
+    const size_t before = address_space();
+    for (int i = 0; i < 200; i++) // 12.5 MiB in all
+        ASSERT_EQ(bv_os_sm3_file("/tmp/file", out), BV_OK);
+    EXPECT_LT(address_space(), before + (6 << 20));
+}
+
 TEST_F(Sm3File, NothingIsPrinted)
 {
     CaptureStdout capture;

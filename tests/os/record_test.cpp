@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -155,6 +156,24 @@ TEST(RecordOutput, WithoutATerminalNameTheShellComplains)
     bv_os_record_output();
     EXPECT_EQ(g_lines.back(), "cat /tmp/remoteprint >> ");
     EXPECT_EQ(read_file(kRecord), "line");
+}
+
+// Leaves something else than zeros on the stack, where the next function has its variables.
+static __attribute__((noinline)) void dirty_stack()
+{
+    char area[4096];
+    memset(area, 'x', sizeof area);
+    __asm__ volatile("" : : "r"(area) : "memory");
+}
+
+TEST(RecordOutput, ANameThatCannotBeCapturedIsEmpty)
+{
+    bv_os_record("line");
+    write_file("/tmp/tty", "/tmp/terminal\n");
+    g_failure = -1; // no shell, and so no capture
+    dirty_stack();
+    bv_os_record_output();
+    EXPECT_EQ(g_lines.back(), "cat /tmp/remoteprint >> ");
 }
 
 TEST(RecordOutput, ATerminalNameHas31CharactersAtMost)

@@ -149,13 +149,13 @@ TEST(Hmac, NullArgumentsAreHarmless)
     const auto *text = reinterpret_cast<const uint8_t *>("text");
     sha2_context ctx = {};
     sha2_hmac_starts(nullptr, text, 4, 0);
-    sha2_hmac_starts(&ctx, nullptr, 4, 0);
+    sha2_hmac_starts(&ctx, nullptr, 1, 0);
     sha2_hmac_update(nullptr, text, 4);
     sha2_hmac_finish(nullptr, out);
     sha2_hmac_finish(&ctx, nullptr);
     sha2_hmac_reset(nullptr);
-    sha2_hmac(nullptr, 4, text, 4, out, 0);
-    sha2_hmac(text, 4, nullptr, 4, out, 0);
+    sha2_hmac(nullptr, 1, text, 4, out, 0);
+    sha2_hmac(text, 4, nullptr, 1, out, 0);
     sha2_hmac(text, 4, text, 4, nullptr, 0);
     EXPECT_EQ(out[0], 0xee);
 

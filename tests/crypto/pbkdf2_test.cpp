@@ -100,8 +100,8 @@ TEST(Pbkdf2, NullArgumentsAreHarmless)
 {
     uint8_t out[32] = {0xee};
     const auto *text = reinterpret_cast<const uint8_t *>("text");
-    bv_pkcs5_pbkdf2_hmac(nullptr, 4, text, 4, out, 32, 1);
-    bv_pkcs5_pbkdf2_hmac(text, 4, nullptr, 4, out, 32, 1);
+    bv_pkcs5_pbkdf2_hmac(nullptr, 1, text, 4, out, 32, 1);
+    bv_pkcs5_pbkdf2_hmac(text, 4, nullptr, 1, out, 32, 1);
     bv_pkcs5_pbkdf2_hmac(text, 4, text, 4, nullptr, 32, 1);
     EXPECT_EQ(out[0], 0xee);
 

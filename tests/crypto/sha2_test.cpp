@@ -214,7 +214,7 @@ TEST(Sha2, NullArgumentsAreHarmless)
     sha2_starts(nullptr, 0);
     sha2_update(nullptr, kAbc, 3);
     sha2_finish(nullptr, out);
-    sha2(nullptr, 3, out, 0);
+    sha2(nullptr, 1, out, 0);
     sha2(kAbc, 3, nullptr, 0);
     EXPECT_EQ(out[0], 0xee);
 
@@ -223,6 +223,28 @@ TEST(Sha2, NullArgumentsAreHarmless)
     sha2_update(&ctx, nullptr, 3);
     sha2_finish(&ctx, nullptr);
     EXPECT_EQ(to_hex(finish(&ctx)), to_hex(one_shot("abc", false)));
+}
+
+TEST(Sha2, NoBytesNeedNoPointer)
+{
+    uint8_t out[32];
+    sha2(nullptr, 0, out, 0);
+    EXPECT_EQ(to_hex(out, sizeof(out)), to_hex(reference::digest(EVP_sha256(), "")));
+}
+
+TEST(Sha2, WholeBlocksAreHashedWhereTheyLieAndOnlyTheRestIsCopied)
+{
+    sha2_context ctx;
+    memset(&ctx, 0xee, sizeof(ctx));
+    sha2_starts(&ctx, 0);
+    update(&ctx, std::string(64, 'a'));
+    update(&ctx, std::string(128, 'b'));
+    EXPECT_EQ(to_hex(ctx.buffer, 64), to_hex(std::string(64, '\xee')));
+    update(&ctx, std::string(66, 'c'));
+    EXPECT_EQ(to_hex(ctx.buffer, 64), to_hex("cc" + std::string(62, '\xee')));
+    EXPECT_EQ(to_hex(finish(&ctx)),
+              to_hex(one_shot(std::string(64, 'a') + std::string(128, 'b') + std::string(66, 'c'),
+                              false)));
 }
 
 TEST(Sha2, OutputMayBeThePlaceOfTheInput)

@@ -214,6 +214,12 @@ TEST_F(AesFile, TheOutputIsCreatedReadableForAllButTheUmask)
     struct stat st;
     ASSERT_EQ(stat(kCipher, &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0640u);
+
+    umask(0);
+    encrypt_file("content");
+    umask(before);
+    ASSERT_EQ(stat(kCipher, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
 }
 
 TEST_F(AesFile, TheInputIsOpenedSynchronouslyAndTheOutputForBothWays)
@@ -336,6 +342,20 @@ TEST_F(AesFile, AShortWriteIsContinued)
     expect_same(read_file(kCipher), by_chunks(true, plain), 0);
 }
 
+TEST_F(AesFile, AWriteMayTakeOneByteAndOneThatTakesNoneEndsTheWork)
+{
+    const std::string plain = RandomBytes(91).bytes(100);
+    write_file(kPlain, plain);
+    g_most_written = 1;
+    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    g_most_written = 0;
+    bv_aes_file_en(kPlain, "/tmp/new", u8(kKey));
+    g_most_written = SIZE_MAX;
+    expect_same(read_file(kCipher), by_chunks(true, plain), 0);
+    EXPECT_TRUE(file_exists("/tmp/new"));
+    EXPECT_EQ(read_file("/tmp/new"), "");
+}
+
 TEST_F(AesFile, WhatIsAppendedMeanwhileIsLeftOut)
 {
     const std::string plain = RandomBytes(87).bytes(100);
@@ -395,6 +415,28 @@ TEST_F(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
     EXPECT_EQ(bv_aes_file_de("/usr/bin/env", kCipher, u8(kKey)), 0);
     EXPECT_EQ(bv_aes_file_en("/tmp/missing", "/tmp/no/such/folder", u8(kKey)), 0);
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(AesFile, AChunkThatDoesNotDecryptIsNotWritten)
+{
+    write_file(kCipher, reference::aes(true, kKey, std::string(32, 'x')));
+    fault_EVP_CipherUpdate.fail_next();
+    EXPECT_EQ(bv_aes_file_de(kCipher, kBack, u8(kKey)), 0);
+    EXPECT_TRUE(file_exists(kBack));
+    EXPECT_EQ(read_file(kBack), "");
+}
+
+TEST_F(AesFile, ADescriptorOfZeroIsAsGoodAsAnyOther)
+{
+    write_file(kPlain, "content");
+    WithoutStdin closed;
+    const auto before = open_descriptors();
+    bv_aes_file_en(kPlain, kCipher, u8(kKey)); // reads from it
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(read_file(kCipher), reference::aes(true, kKey, "content"));
+    bv_aes_file_en("/tmp/missing", "/tmp/new", u8(kKey)); // would write to it
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_TRUE(file_exists("/tmp/new"));
 }
 
 TEST_F(AesFile, NullArgumentsAreHarmless)

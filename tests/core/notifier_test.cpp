@@ -327,7 +327,7 @@ TEST_F(Notifier, ARegistrationWithoutMemoryIsLost)
     {
         CaptureStdout refusal;
         FailAllocation next(1);
-        bv_notifier_reg(3, [](void *, uint32_t) { calls++; });
+        EXPECT_EQ(bv_notifier_reg(3, [](void *, uint32_t) { calls++; }), 0);
         EXPECT_TRUE(next.happened());
     }
     EXPECT_EQ(send(3, "x"), 0);

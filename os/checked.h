@@ -30,15 +30,6 @@ inline T checked_sub(T a, std::common_type_t<T> b)
     return difference;
 }
 
-template <typename T>
-inline T checked_mul(T a, std::common_type_t<T> b)
-{
-    T product;
-    if (__builtin_mul_overflow(a, b, &product))
-        abort();
-    return product;
-}
-
 } // namespace bv
 
 #endif

@@ -13,7 +13,6 @@ TEST(Checked, SumsThatFitAreTheSums)
     EXPECT_EQ(bv::checked_add(INT32_MAX - 1, 1), INT32_MAX);
     EXPECT_EQ(bv::checked_add(INT32_MIN, INT32_MAX), -1);
     EXPECT_EQ(bv::checked_sub(INT32_MIN + 1, 1), INT32_MIN);
-    EXPECT_EQ(bv::checked_mul(-46341, 46340), -2147441940);
     EXPECT_EQ(bv::checked_add(0xfffffffeu, 1u), 0xffffffffu);
 }
 
@@ -25,7 +24,6 @@ TEST(CheckedDeathTest, OverflowAborts)
     EXPECT_EXIT(bv::checked_add<int32_t>(top, 1), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EXIT(bv::checked_add<int32_t>(bottom, bottom), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EXIT(bv::checked_sub<int32_t>(bottom, 1), testing::KilledBySignal(SIGABRT), "");
-    EXPECT_EXIT(bv::checked_mul<int32_t>(top, 2), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EXIT(bv::checked_add<uint32_t>(all, 1), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EXIT(bv::checked_sub<uint32_t>(0, 1), testing::KilledBySignal(SIGABRT), "");
 }

@@ -91,7 +91,9 @@ void print_anything(size_t room, const char *format)
 {
     static char *const low = fuzz::map_low_memory();
     memcpy(low, "t\0\0\0x\0\0\0\0\0\0", 12); // a text, also as wide characters
-    print_thrice(room, format, FUZZ_TWENTY(low));
+    // Where arguments travel in registers, floating ones have registers of their own, and a long
+    // double takes two places on the stack though registers are left.
+    print_thrice(room, format, FUZZ_TWENTY(low), FUZZ_FIVE(low), FUZZ_FIVE(0.5), FUZZ_FIVE(0.5));
 }
 
 } // namespace

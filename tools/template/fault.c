@@ -10,7 +10,7 @@
 
 #include "common/visible.h"
 
-/* What is larger is something else: all of the gateway's flash is not much more. */
+/* What is as large is something else: all of the gateway's flash is not much more. */
 enum { FILE_MAX = 16 * 1024 * 1024, MESSAGE_MAX = 512 };
 
 static unsigned faults;

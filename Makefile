@@ -10,39 +10,43 @@ export FUZZ_SECONDS
 # Where CI is set, warnings are errors.
 PRESET := $(if $(CI),ci,default)
 
+# The build tree; `make test BUILD=dir` puts it elsewhere, for a source tree that is not to be written.
+BUILD ?= build/$(PRESET)
+
 help: ## lists the targets
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*## /\t/' | expand -t 16
 
 deps: ## installs the missing Debian packages
 	@tools/install-deps
+	@tests/support/root-way > /dev/null 2>&1 || tools/install-deps proot
 
 build: deps ## builds everything for this workstation
-	@cmake --preset $(PRESET)
-	@cmake --build --preset $(PRESET)
+	@cmake --preset $(PRESET) -B "$(BUILD)"
+	@cmake --build "$(BUILD)"
 
 demo: deps ## shows the main job, start to end
-	@cmake --preset $(PRESET)
-	@cmake --build --preset $(PRESET) --target demo_programs
-	@examples/demo build/$(PRESET)
+	@cmake --preset $(PRESET) -B "$(BUILD)"
+	@cmake --build "$(BUILD)" --target demo_programs
+	@examples/demo "$(BUILD)"
 
 test: build ## builds and runs every test of the workstation build
-	@ctest --preset $(PRESET) -j$$(nproc)
+	@tests/run "$(BUILD)"
 
 test-sanitize: deps ## the suite under the sanitizers, and a part of it under memcheck
 	@tools/install-deps valgrind
 	@tests/sanitize/run
 
 fuzz: deps ## fuzzes every input from outside, FUZZ_SECONDS (60) for each
-	@tools/install-deps llvm libclang-rt-dev
+	@tools/install-deps clang llvm libclang-rt-dev
 	@cmake --preset fuzz
 	@cmake --build --preset fuzz
 	@tests/fuzz/run build/fuzz
 
 soak: build ## calls, events and commits at full length, SOAK_CALLS (200000) remote calls
-	@tests/soak/run build/$(PRESET)
+	@tests/soak/run "$(BUILD)"
 
 mutation: build ## breaks the library in one place at a time; every test that is missing shows
-	@tests/mutation/run build/$(PRESET)
+	@tests/mutation/run "$(BUILD)"
 
 bench: ## runs the benchmarks beside their peers, counts on the target, writes docs/benchmarks.md
 	@tools/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \
@@ -72,9 +76,10 @@ docs: ## makes build/docs/html of the pages and headers; a declaration without i
 	@doxygen docs/Doxyfile
 
 install: build ## installs below PREFIX (default /usr/local), DESTDIR in front of it
-	@DESTDIR="$(DESTDIR)" cmake --install build/$(PRESET) --prefix "$(or $(PREFIX),/usr/local)"
+	@DESTDIR="$(DESTDIR)" cmake --install "$(BUILD)" --prefix "$(or $(PREFIX),/usr/local)"
 
 clang: deps ## builds with clang, warnings are errors
+	@tools/install-deps clang
 	@cmake --preset clang
 	@cmake --build --preset clang
 

@@ -1,7 +1,9 @@
-# bv_add_test(NAME name SOURCES file... [LIBRARIES target...] [DEFINITIONS def...] [LABELS label...])
+# bv_add_test(NAME name SOURCES file... [LIBRARIES target...] [DEFINITIONS def...] [LABELS label...]
+#             [NETWORK])
 #
 # A GoogleTest program. Every TEST becomes a CTest entry and runs in a process and a private root
-# of its own, so that each finds the fixed paths empty and leaves nothing behind.
+# of its own, so that each finds the fixed paths empty and leaves nothing behind. NETWORK: uses fixed
+# ports, so it runs beside no other such program (a private root without namespaces shares them).
 
 include(GoogleTest)
 find_package(GTest REQUIRED)
@@ -36,7 +38,7 @@ target_compile_options(test_headers PRIVATE ${BV_TEST_OPTIONS} -fPIE)
 set_target_properties(test_headers PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 
 function(bv_add_test)
-  cmake_parse_arguments(T "" "NAME" "SOURCES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "NETWORK" "NAME" "SOURCES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})
   if(NOT T_LIBRARIES)
     set(T_LIBRARIES bv::bv)
   endif()
@@ -65,7 +67,11 @@ function(bv_add_test)
   if("threaded" IN_LIST T_LABELS)
     add_dependencies(threaded_tests ${T_NAME})
   endif()
+  set(lock "")
+  if(T_NETWORK)
+    set(lock RESOURCE_LOCK network)
+  endif()
   gtest_discover_tests(${T_NAME}
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 120 ${BV_TEST_ENVIRONMENT} LABELS "${T_LABELS}")
+    PROPERTIES TIMEOUT 300 ${BV_TEST_ENVIRONMENT} ${lock} LABELS "${T_LABELS}")
 endfunction()

@@ -6,6 +6,7 @@
 #include "bus/service.h"
 #include "support/bus.h"
 #include "support/fault_points.h"
+#include "support/shared.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -147,6 +148,7 @@ TEST(Ubus, ObjectsArePublishedFoundCalledAndGone)
 
 TEST(Ubus, ACallTimesOutAfterTheMillisecondsGiven)
 {
+    BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
     BusDaemon daemon;
     Service owner(publish_and_serve);
     ASSERT_TRUE(wait_for_object(kName));

@@ -148,10 +148,11 @@ BV_FAULT_pthread_create;
 
 namespace {
 
-// A port id that nobody has. The kernel's own choice would be the process id, the library's.
+// A port id that no one else has. The kernel's own choice would be the process id, the library's;
+// other processes may run this program at the same time.
 uint32_t unused_port()
 {
-    static uint32_t last = 0x40000000;
+    static uint32_t last = 0x40000000 + (static_cast<uint32_t>(getpid()) << 6);
     return ++last;
 }
 

@@ -6,6 +6,7 @@
 #include "support/fault_points.h"
 #include "support/files.h"
 #include "support/process.h"
+#include "support/shared.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -394,6 +395,7 @@ TEST_F(AesFile, AFullDiskEndsTheWorkWithoutAFailure)
 
     fault_write.pass();
     write_file(kPlain, std::string(8 << 20, 'x')); // the small disk holds 4 MiB
+    end_shared_files_after(4 << 20);
     EXPECT_EQ(bv_aes_file_en(kPlain, "/config/work/cipher", u8(kKey)), 0);
     const std::string written = read_file("/config/work/cipher");
     EXPECT_GT(written.size(), 1u << 20);

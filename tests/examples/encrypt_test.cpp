@@ -1,6 +1,7 @@
 // The example that encrypts files, beside libcrypto's own functions.
 
 #include "support/files.h"
+#include "support/shared.h"
 #include "tools/program.h"
 
 #include <gtest/gtest.h>
@@ -150,6 +151,7 @@ TEST_F(Encrypt, MissingFilesAndFullDisksAreReported)
     EXPECT_EQ(outcome.errors, "encrypt: the encrypted file could not be written whole\n");
 
     write_file("/tmp/large", std::string(6 << 20, 'x')); // /config/work has 4 MiB
+    end_shared_files_after(4 << 20);
     outcome = run_tool({"seal", "/tmp/password", "/tmp/large", "/config/work/sealed"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors, "encrypt: the encrypted file could not be written whole\n");

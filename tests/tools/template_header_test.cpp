@@ -9,6 +9,7 @@
 #include "wireless.h"
 
 #include "support/files.h"
+#include "support/shared.h"
 #include "tools/program.h"
 
 #include <bv/db.h>
@@ -150,6 +151,7 @@ TEST(Header, ThatBreaksOffIsRemovedUnlessItIsADevice)
 
     // The small disk is full.
     write_file("/config/work/rest", std::string(4194304, 'x'));
+    end_shared_files_after(0);
     outcome = run_tool(
         {"header", "-o", "/config/work/lan.h", BV_TEST_SOURCE_DIR "/tools/data/odd-names.json"});
     EXPECT_EQ(outcome.status, 2);

@@ -1,4 +1,5 @@
 #include "compat/ubox/loop_support.h"
+#include "support/shared.h"
 
 #include <cerrno>
 #include <thread>
@@ -190,6 +191,7 @@ TEST_F(UloopSignal, OtherSignalsAreNotTouched)
 
 TEST_F(UloopSignal, MoreSignalsThanThePipeHoldsDoNoHarm)
 {
+    BV_NEEDS_OWN_ROOT("a traced process takes minutes for so many signals");
     ASSERT_EQ(uloop_init(), 0);
     Watchdog watchdog;
     Timer storm([](Timer &) {

@@ -38,12 +38,14 @@ void flush(Output &out)
 }
 
 // Byte by byte: names and values are a few characters long, and measuring and copying each one
-// by calls took longer than the characters themselves.
-void put(Output &out, const char *text)
+// by calls took longer than the characters themselves. A field that a service filled whole ends
+// where it ends.
+template <uint32_t Size>
+void put(Output &out, const char (&field)[Size])
 {
     char *buffer = out.buffer;
     uint32_t length = out.length;
-    for (; *text != '\0'; ++text) {
+    for (const char *text = field; text != field + Size && *text != '\0'; ++text) {
         if (length == kBufferSize) {
             out.length = length;
             flush(out);
@@ -66,6 +68,8 @@ void put_literal(Output &out, const char (&text)[Size])
 
 void put_parameters(Output &out, const bv_db_family &family)
 {
+    if (family.para == nullptr)
+        return;
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
         if (i > 0)
             put_literal(out, ",\n");
@@ -80,7 +84,7 @@ void put_parameters(Output &out, const bv_db_family &family)
 // One instance, from the descriptors' values: its image goes through them.
 void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32_t number)
 {
-    bv::image_to_text(image, family.image_size, family.para, family.para_count);
+    bv::image_to_text(image, family);
 
     char text[12];
     bv::number_to_text(number, text);
@@ -93,7 +97,7 @@ void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32
 
 void put_instances(Output &out, bv_db_family &family)
 {
-    bv_list_head &list = family.inst_list;
+    bv_list_head &list = bv::instances_of(family);
     if (bv::list_empty(list) && family.para_count != 0)
         put_instance(out, family, family.default_image, 1);
 

@@ -81,11 +81,21 @@ void to_text(std::vector<bv_db_para> table, const std::string &bytes)
         FUZZ_CHECK(memchr(para.value, '\0', sizeof para.value) != nullptr);
 }
 
-// The family's own idea of its image size need not be the sum.
+int64_t sum_of_valid(const std::vector<bv_db_para> &table)
+{
+    int64_t sum = 0;
+    for (auto para = table.begin(); para != table.end() && para->valid != 0; ++para)
+        sum += para->len;
+    return sum;
+}
+
+// The family's own idea of its image size need not be the sum, unless it has none.
 void to_image(std::vector<bv_db_para> table, uint32_t size)
 {
-    size = 1 + size % 2048;
-    fuzz::Block image((size + 31) & ~size_t{31}, 0);
+    size %= 2049;
+    const size_t room = size > 0 ? (size + 31) & ~size_t{31}
+                                 : static_cast<size_t>(std::max<int64_t>(sum_of_valid(table), 0));
+    fuzz::Block image(room, 0);
     bv_db_family family = {};
     family.image_size = static_cast<int32_t>(size);
     family.para_count = static_cast<int32_t>(table.size());

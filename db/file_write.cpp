@@ -9,6 +9,7 @@
 
 #include "core/list.h"
 #include "db/internal.h"
+#include "os/descriptor.h"
 
 #include <bv/os.h>
 
@@ -132,7 +133,10 @@ FILE *open_for_rewriting(const char *path)
         if (fd >= 0)
             bv_os_close(fd);
     }
-    return bv_os_fopen(path, "w");
+    FILE *stream = bv_os_fopen(path, "w");
+    if (stream != nullptr)
+        bv::close_on_exec(fileno(stream));
+    return stream;
 }
 
 } // namespace

@@ -222,8 +222,9 @@ BV_API int32_t bv_db_template_read_single(const char *name, bv_db_family *family
  * The image has no size to keep to, and len bounds nothing: a type is read in its own width, and a
  * string up to its first NUL, of which at most 1023 characters are looked at; without a NUL there
  * it is empty. So the caller provides, after the last parameter too, whatever its types read: a
- * string that fills its len and has no NUL reads on. Only what negative lengths move in front of
- * the image reads as 0.
+ * string that fills its len and has no NUL reads on. So images of the database itself are not for
+ * this call, unless the template gives every type its width and every text its NUL. Only what
+ * negative lengths move in front of the image reads as 0.
  */
 BV_API int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table);
 

@@ -16,6 +16,9 @@ int g_refused_piece;
 // How many there were.
 size_t g_pieces;
 
+// How many went through a descriptor that programs started meanwhile would get.
+size_t g_inherited_pieces;
+
 class DbFileWriting : public Db {
 protected:
     static int write(const char *path = kUserFile)
@@ -301,6 +304,15 @@ TEST_F(DbFileWriting, LeavesDescriptor0ClosedToo)
     close(saved);
 }
 
+TEST_F(DbFileWriting, ProgramsStartedMeanwhileDoNotGetTheFile)
+{
+    g_inherited_pieces = 0;
+    g_pieces = 0;
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_GT(g_pieces, 0u);
+    EXPECT_EQ(g_inherited_pieces, 0u);
+}
+
 TEST_F(DbFileWriting, TheLongestNumberIsWrittenWhole)
 {
     bv_db_family *lan = user_family("lan.json", kLan);
@@ -382,6 +394,8 @@ TEST_F(DbFileWriting, ADeviceThatRefusesEverythingIsNotReported)
 extern "C" size_t fwrite(const void *data, size_t size, size_t n, FILE *stream)
 {
     ++g_pieces;
+    if (fcntl(fileno(stream), F_GETFD) != FD_CLOEXEC)
+        ++g_inherited_pieces;
     if (g_refused_piece != 0 && --g_refused_piece == 0)
         return 0;
     auto real = reinterpret_cast<size_t (*)(const void *, size_t, size_t, FILE *)>(

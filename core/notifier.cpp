@@ -195,15 +195,16 @@ int32_t bv_notifier_init(void)
 {
     // Registrations are permanent, and a second dispatch thread would tear events out of the
     // first one's hands.
-    if (!started()) {
-        handle_forks();
-        reset();
-        start_dispatcher();
+    if (started()) {
+        if (!bv::netlink_runs()) // the driver may have been loaded since
+            bv_netlink_init();
+        return BV_OK;
     }
 
-    // The driver may have been loaded since the last call.
-    if (!bv::netlink_runs())
-        bv_netlink_init();
+    handle_forks();
+    reset();
+    start_dispatcher();
+    bv_netlink_init();
     return BV_OK;
 }
 

@@ -139,6 +139,18 @@ TEST(NotifierFork, LockHeldAtTheForkDoesNotStopTheChild)
     EXPECT_EQ(failures, 0);
 }
 
+TEST(NotifierFork, ChildOfAParentWithNothingButASocketOpensItsOwn)
+{
+    g_has_driver = true;
+    if (bv_netlink_init() != BV_OK)
+        GTEST_SKIP() << "user-mode emulation refuses netlink protocols";
+    EXPECT_EQ(status_of_child([] {
+                  bv_notifier_init();
+                  return port_of(g_last_socket) == static_cast<uint32_t>(getpid()) ? 0 : 1;
+              }),
+              0);
+}
+
 TEST(NotifierFork, ChildClosesTheParentsSocketAndOpensItsOwn)
 {
     g_has_driver = true;

@@ -177,16 +177,18 @@ void parameter_to_text(const Source &image, int64_t position, bv_db_para &para)
 
 // As atoi() reads a number, but modulo 2^32 on every C library: some clamp what does not fit an
 // int, and a large unsigned value would come back from its own file as 2147483647.
-uint32_t number_of(const char *text)
+uint32_t number_of(const char (&value)[kValueSize])
 {
-    while (bv_os_isspace(static_cast<unsigned char>(*text)) != 0)
+    const char *text = value;
+    const char *const end = value + kValueSize - 1; // a service may have filled the field whole
+    while (text != end && bv_os_isspace(static_cast<unsigned char>(*text)) != 0)
         ++text;
     bool negative = *text == '-';
     if (*text == '-' || *text == '+')
         ++text;
 
     uint32_t number = 0;
-    for (; *text >= '0' && *text <= '9'; ++text)
+    for (; text != end && *text >= '0' && *text <= '9'; ++text)
         number = number * 10 + static_cast<uint32_t>(*text - '0');
     return negative ? 0 - number : number;
 }
@@ -204,7 +206,8 @@ void text_to_string(const Target &image, int64_t position, int32_t len, const ch
         return;
 
     auto capacity = static_cast<uint32_t>(room);
-    bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, capacity - 1);
+    const uint32_t count = capacity < kValueSize ? capacity - 1 : kValueSize - 1;
+    bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, count);
 }
 
 void text_to_mac(const Target &image, int64_t position, const char *value)
@@ -221,9 +224,9 @@ void text_to_ip(const Target &image, int64_t position, const char *value)
     image.store(position, ip);
 }
 
-void parameter_to_image(const Target &image, int64_t position, const bv_db_para &para)
+void parameter_to_image(const Target &image, int64_t position, bv_db_para &para)
 {
-    const char *value = para.value;
+    auto &value = para.value;
     switch (type_of(para)) {
     case Type::String:
         return text_to_string(image, position, para.len, value);
@@ -237,20 +240,14 @@ void parameter_to_image(const Target &image, int64_t position, const bv_db_para 
     case Type::Uint:
         return image.store(position, number_of(value));
     case Type::Mac:
+        bv::terminate(value);
         return text_to_mac(image, position, value);
     case Type::Ip:
+        bv::terminate(value);
         return text_to_ip(image, position, value);
     case Type::Unknown:
         return;
     }
-}
-
-void to_text(const Source &image, int32_t count, bv_db_para *table)
-{
-    if (image.bytes == nullptr || table == nullptr)
-        return;
-    walk(table, count,
-         [&](bv_db_para &para, int64_t position) { parameter_to_text(image, position, para); });
 }
 
 // What the working image has room for. A record that a service made may have an image without a
@@ -266,9 +263,13 @@ int64_t working_size(const bv_db_family &family)
 
 } // namespace
 
-void bv::image_to_text(const uint8_t *image, bv_db_family &family)
+void bv::image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, int32_t count)
 {
-    to_text(Source{image, image_allocation(family.image_size)}, family.para_count, family.para);
+    if (image == nullptr || table == nullptr)
+        return;
+    Source source{image, size};
+    walk(table, count,
+         [&](bv_db_para &para, int64_t position) { parameter_to_text(source, position, para); });
 }
 
 void bv::number_to_text(int32_t number, char *text)
@@ -278,7 +279,7 @@ void bv::number_to_text(int32_t number, char *text)
 
 int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table)
 {
-    to_text(Source{static_cast<const uint8_t *>(image), kUnknownSize}, count, table);
+    bv::image_to_text(static_cast<const uint8_t *>(image), kUnknownSize, table, count);
     return BV_OK;
 }
 
@@ -291,7 +292,6 @@ int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode)
     walk(family->para, family->para_count, [&](bv_db_para &para, int64_t position) {
         if (mode == 1 && para.selected != 1)
             return;
-        bv::terminate(para.value);
         parameter_to_image(target, position, para);
     });
     return BV_OK;

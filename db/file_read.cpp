@@ -27,7 +27,6 @@ void take_values(bv::JsonMembers values, bv_db_family &family)
         return;
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
         bv_db_para &para = family.para[i];
-        bv::terminate(para.name);
         const char *text = bv_json_object_get_string(values.get(para.name));
         if (text != nullptr)
             bv_os_strncpy(para.value, kValueSize, text, kValueSize - 1);
@@ -70,7 +69,7 @@ void read_family(bv::JsonMembers &tree, bv_db_family &family)
 {
     if (family.image_size == 0)
         return;
-    bv::terminate(family.name);
+    bv::terminate_texts(family);
     json_object *elements = tree.get(family.name);
     if (elements == nullptr)
         return add_first_instance(family);

@@ -39,14 +39,12 @@ void flush(Output &out)
 }
 
 // Byte by byte: names and values are a few characters long, and measuring and copying each one
-// by calls took longer than the characters themselves. A field that a service filled whole ends
-// where it ends.
-template <uint32_t Size>
-void put(Output &out, const char (&field)[Size])
+// by calls took longer than the characters themselves.
+void put(Output &out, const char *text)
 {
     char *buffer = out.buffer;
     uint32_t length = out.length;
-    for (const char *text = field; text != field + Size && *text != '\0'; ++text) {
+    for (; *text != '\0'; ++text) {
         if (length == kBufferSize) {
             out.length = length;
             flush(out);
@@ -85,7 +83,8 @@ void put_parameters(Output &out, const bv_db_family &family)
 // One instance, from the descriptors' values: its image goes through them.
 void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32_t number)
 {
-    bv::image_to_text(image, family);
+    bv::image_to_text(image, bv::image_allocation(family.image_size), family.para,
+                      family.para_count);
 
     char text[12];
     bv::number_to_text(number, text);
@@ -116,6 +115,7 @@ void put_families(Output &out, bv_list_head &list)
         if (!first)
             put_literal(out, ",\n");
         first = false;
+        bv::terminate_texts(family);
         put_literal(out, "\t\"");
         put(out, family.name);
         put_literal(out, "\":[\n");

@@ -48,6 +48,18 @@ inline void terminate(char (&field)[Size])
     field[Size - 1] = '\0';
 }
 
+// As above, for all that a data file has of a family.
+inline void terminate_texts(bv_db_family &family)
+{
+    terminate(family.name);
+    if (family.para == nullptr)
+        return;
+    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
+        terminate(family.para[i].name);
+        terminate(family.para[i].value);
+    }
+}
+
 inline bv_db_reg *registration_of(bv_list_head *link)
 {
     return list_record<bv_db_reg>(link, offsetof(bv_db_reg, link));
@@ -95,9 +107,8 @@ inline void for_each_family(bv_list_head &list, Visit visit)
     }
 }
 
-// Converts an image of the family to text, as bv_db_user_fill_frommem() does, but reads nothing
-// outside its allocation; convert.cpp.
-void image_to_text(const uint8_t *image, bv_db_family &family);
+// As bv_db_user_fill_frommem(), but reads nothing outside the image's `size` bytes; convert.cpp.
+void image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, int32_t count);
 
 // Decimal text of a number: up to 11 characters and the NUL.
 void number_to_text(int32_t number, char *text);

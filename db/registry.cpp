@@ -146,8 +146,7 @@ int32_t bv_db_hash_free(void)
         bv::release_parameters(*family);
         bv::list_unlink(family->link);
         FamilyKey key(family->name);
-        if (bv_hash_find(g_st_db_mng.table, key.data()) == family)
-            bv_hash_remove(g_st_db_mng.table, key.data());
+        bv::hash_remove(g_st_db_mng.table, key.data(), family);
     }
     return BV_OK;
 }

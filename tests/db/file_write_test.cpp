@@ -208,9 +208,9 @@ TEST_F(DbFileWriting, FieldsThatAServiceFilledWholeEndWhereTheyEnd)
     memset(family->para->value, 'v', sizeof family->para->value);
     EXPECT_EQ(write(), BV_OK);
     EXPECT_EQ(file_text(kUserFile),
-              "{\n\t\"" + std::string(1024, 'f') + "\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n" +
-                  "\t\t\t\"para\":{\n\t\t\t\t\"" + std::string(1024, 'n') + "\":\"" +
-                  std::string(1024, 'v') + "\"\n\t\t\t}\n\t\t}\n\t]\n}\n");
+              "{\n\t\"" + std::string(1023, 'f') + "\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n" +
+                  "\t\t\t\"para\":{\n\t\t\t\t\"" + std::string(1023, 'n') + "\":\"" +
+                  std::string(1023, 'v') + "\"\n\t\t\t}\n\t\t}\n\t]\n}\n");
 }
 
 TEST_F(DbFileWriting, AFamilyInTwoListsIsWrittenToBothFiles)

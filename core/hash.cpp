@@ -122,6 +122,13 @@ Entry *append_entry(bv_hash &table, bv_list_head &bucket, const uint8_t *key, co
     return entry;
 }
 
+void remove_entry(bv_hash &table, Entry *entry)
+{
+    bv::list_unlink(entry->link);
+    table.currnum = bv::checked_sub(table.currnum, 1);
+    free_entry(entry);
+}
+
 void free_bucket(bv_list_head &bucket)
 {
     for (bv_list_head *link = bucket.next; link != &bucket;) {
@@ -205,11 +212,8 @@ void bv_hash_remove(bv_hash *table, const uint8_t *key)
         return;
 
     Entry *entry = find_entry(*table, bucket_of(*table, key), key);
-    if (entry == nullptr)
-        return;
-    bv::list_unlink(entry->link);
-    table->currnum = bv::checked_sub(table->currnum, 1);
-    free_entry(entry);
+    if (entry != nullptr)
+        remove_entry(*table, entry);
 }
 
 void bv_hash_exit(bv_hash *table)
@@ -235,6 +239,16 @@ void bv_hash_dump(bv_hash *table)
     for (uint32_t i = 0; i < table->hashsize; i++)
         dump_bucket(i, table->buckets[i]);
     bv_os_printf("\r\n===============================================\r\n");
+}
+
+void bv::hash_remove(bv_hash *table, const uint8_t *key, const void *data)
+{
+    if (!is_table(table))
+        return;
+
+    Entry *entry = find_entry(*table, bucket_of(*table, key), key);
+    if (entry != nullptr && entry->data == data)
+        remove_entry(*table, entry);
 }
 
 void *bv::hash_add(bv_hash *table, const uint8_t *key, const void *data)

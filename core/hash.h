@@ -11,6 +11,9 @@ namespace bv {
 // memory is short.
 void *hash_add(bv_hash *table, const uint8_t *key, const void *data);
 
+// As bv_hash_remove(), but only if the key's record is this one.
+void hash_remove(bv_hash *table, const uint8_t *key, const void *data);
+
 } // namespace bv
 
 #endif

@@ -3,6 +3,10 @@
 
 #include <bv/notifier.h>
 
+#include "core/netlink.h"
+#include "os/atomic.h"
+#include "os/descriptor.h"
+
 #include <bv/os.h>
 #include <bv/status.h>
 
@@ -40,6 +44,10 @@ constexpr uint32_t kIgnoredCode = 1; // nothing in it for any service
 // lines of this file.
 constexpr char kPrintedFunction[] = "bv_notifier_kernel";
 constexpr int kPrintedLine = 139;
+
+// The socket of this process's receive thread, -1 while there is none. One socket at a time can be
+// bound to the process id, and only its opener and then its thread write this.
+int g_socket = -1;
 
 const EventMapping *find_mapping(uint32_t driver_code)
 {
@@ -111,14 +119,21 @@ void forward(DriverMessage &message, size_t received)
                        static_cast<uint32_t>(length) - kHeaderSize);
 }
 
+// The mark goes first: as soon as the socket is closed, the next one may be opened and marked.
+void close_socket(int fd)
+{
+    bv::store_release(g_socket, -1);
+    bv_os_close(fd);
+}
+
 // Owns the socket, whose number it gets in place of a pointer. A failed receive (the socket's
-// queue ran over, a signal) is tried again at once: the messages behind it still count.
+// queue ran over, a signal) is tried again at once: the messages after it still count.
 void *receive_forever(void *argument)
 {
     const int fd = static_cast<int>(reinterpret_cast<intptr_t>(argument));
     DriverMessage *message = static_cast<DriverMessage *>(bv_os_malloc(sizeof(DriverMessage)));
     if (message == nullptr) {
-        bv_os_close(fd);
+        close_socket(fd);
         return nullptr;
     }
 
@@ -144,7 +159,7 @@ bool start_receiver(int fd)
 
 int32_t bv_netlink_init(void)
 {
-    const int fd = bv_os_socket(AF_NETLINK, SOCK_RAW, kDriverProtocol);
+    const int fd = bv::keep_descriptor(bv_os_socket(AF_NETLINK, SOCK_RAW, kDriverProtocol));
     if (fd < 0)
         return BV_ERR_FAILED;
 
@@ -153,11 +168,25 @@ int32_t bv_netlink_init(void)
         bv_os_close(fd);
         return BV_ERR_CHANNEL;
     }
+
+    bv::store_release(g_socket, fd);
     if (!start_receiver(fd)) {
-        bv_os_close(fd);
+        close_socket(fd);
         return BV_ERR_FAILED;
     }
     return BV_OK;
+}
+
+bool bv::netlink_runs()
+{
+    return load_acquire(g_socket) >= 0;
+}
+
+void bv::netlink_after_fork()
+{
+    const int fd = load_acquire(g_socket);
+    if (fd >= 0)
+        close_socket(fd);
 }
 
 void bv_notifier_kernel(uint32_t kernel_type, void *data, uint32_t length)

@@ -7,11 +7,16 @@
 // The table of callbacks has no lock: registrations are made during start-up, from one thread at
 // a time. The driver may talk already then, so a new callback is linked in such a way that the
 // dispatch thread may walk past it at the same moment.
+//
+// A forked child inherits all of this but the threads, and perhaps a lock that one of them held.
+// It starts from nothing: a handler of the fork makes the state anew, so that no call has to ask
+// which process it is in.
 
 #include <bv/notifier.h>
 
 #include "core/list.h"
 #include "core/lock.h"
+#include "core/netlink.h"
 #include "os/alloc.h"
 #include "os/atomic.h"
 #include "os/checked.h"
@@ -49,7 +54,7 @@ struct Notifier {
     bv_list_head events;            // oldest first
     int32_t count;                  // events linked
     pthread_mutex_t lock;           // guards events and count
-    uint32_t started;               // set once all of this is ready for use
+    uint32_t started;               // set once a dispatch thread of this process runs
 };
 
 Notifier g_notifier;
@@ -147,26 +152,58 @@ void *dispatch_forever(void *)
     }
 }
 
-} // namespace
-
-int32_t bv_notifier_init(void)
+void reset()
 {
-    // Registrations are permanent, and a second dispatch thread would tear events out of the
-    // first one's hands.
-    if (started())
-        return BV_OK;
-
     for (bv_list_head &head : g_notifier.callbacks)
         bv::list_init(head);
     bv::list_init(g_notifier.events);
     g_notifier.count = 0;
     bv_os_pthread_mutex_init(&g_notifier.lock, nullptr);
     bv_os_sem_init(&g_st_notifier_sem, 0, 0);
-    bv::store_release(g_notifier.started, uint32_t{1});
+}
 
+// What the parent had registered and posted is left where it is: the lists may be half changed,
+// and a child of a process with threads had better not give back memory.
+void after_fork_in_child()
+{
+    bv::store_release(g_notifier.started, uint32_t{0});
+    reset();
+    bv::netlink_after_fork();
+}
+
+void handle_forks()
+{
+    static bool handled = false; // children inherit the handler
+    if (!handled)
+        handled = pthread_atfork(nullptr, nullptr, after_fork_in_child) == 0;
+}
+
+// The mark comes last: while it is missing the next bv_notifier_init() tries again, and nothing is
+// posted that no one would fetch.
+void start_dispatcher()
+{
     pthread_t thread;
-    if (bv_os_pthread_create(&thread, nullptr, dispatch_forever, nullptr) == 0)
-        bv_os_pthread_detach(thread); // it never ends, nobody waits for it
+    if (bv_os_pthread_create(&thread, nullptr, dispatch_forever, nullptr) != 0)
+        return;
+    bv_os_pthread_detach(thread); // it never ends, so no one waits for it
+    bv::store_release(g_notifier.started, uint32_t{1});
+}
+
+} // namespace
+
+int32_t bv_notifier_init(void)
+{
+    // Registrations are permanent, and a second dispatch thread would tear events out of the
+    // first one's hands.
+    if (started()) {
+        if (!bv::netlink_runs()) // the driver may have been loaded since
+            bv_netlink_init();
+        return BV_OK;
+    }
+
+    handle_forks();
+    reset();
+    start_dispatcher();
     bv_netlink_init();
     return BV_OK;
 }

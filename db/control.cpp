@@ -16,9 +16,9 @@ constexpr char kFactoryFile[] = "/config/factory/factory.json";
 
 void dump_family(bv_db_family &family)
 {
-    bv_os_printf("\nname=%s cnt=%d memsize=%d instnum=%d instance=%d", family.name,
+    bv_os_printf("\nname=%.1023s cnt=%d memsize=%d instnum=%d instance=%d", family.name,
                  family.para_count, family.image_size, family.inst_count, family.inst_max);
-    bv_list_head &list = family.inst_list;
+    bv_list_head &list = bv::instances_of(family);
     for (bv_list_head *link = list.next; link != &list; link = link->next)
         bv_os_printb(bv::instance_of(link)->image, family.image_size);
 }

@@ -57,10 +57,12 @@ void walk(bv_db_para *table, int32_t count, Visit visit)
     }
 }
 
-// An image to read from; what lies outside it reads as 0.
+constexpr int64_t kUnknownSize = INT64_MAX;
+
+// An image to read from; what is outside it reads as 0.
 struct Source {
     const uint8_t *bytes;
-    int64_t size;
+    int64_t size; // kUnknownSize for a caller's: only its types and its texts' NULs end it
 
     uint8_t at(int64_t position) const
     {
@@ -133,7 +135,7 @@ void put_signed(char *value, int32_t number)
     put_decimal(value, number < 0 ? 0 - bits : bits, number < 0);
 }
 
-// The text up to its NUL or to the end of the image, however far that is behind the parameter's
+// The text up to its NUL or to the end of the image, however far that is after the parameter's
 // own bytes. One that does not fit a value is dropped, not cut.
 void string_to_text(const Source &image, int64_t position, char *value)
 {
@@ -175,21 +177,23 @@ void parameter_to_text(const Source &image, int64_t position, bv_db_para &para)
 
 // As atoi() reads a number, but modulo 2^32 on every C library: some clamp what does not fit an
 // int, and a large unsigned value would come back from its own file as 2147483647.
-uint32_t number_of(const char *text)
+uint32_t number_of(const char (&value)[kValueSize])
 {
-    while (bv_os_isspace(static_cast<unsigned char>(*text)) != 0)
+    const char *text = value;
+    const char *const end = value + kValueSize - 1; // a service may have filled the field whole
+    while (text != end && bv_os_isspace(static_cast<unsigned char>(*text)) != 0)
         ++text;
     bool negative = *text == '-';
     if (*text == '-' || *text == '+')
         ++text;
 
     uint32_t number = 0;
-    for (; *text >= '0' && *text <= '9'; ++text)
+    for (; text != end && *text >= '0' && *text <= '9'; ++text)
         number = number * 10 + static_cast<uint32_t>(*text - '0');
     return negative ? 0 - number : number;
 }
 
-// Cut to the parameter's bytes and terminated within them. Bytes behind the NUL keep what the
+// Cut to the parameter's bytes and terminated within them. Bytes after the NUL keep what the
 // image held before.
 void text_to_string(const Target &image, int64_t position, int32_t len, const char *value)
 {
@@ -202,7 +206,8 @@ void text_to_string(const Target &image, int64_t position, int32_t len, const ch
         return;
 
     auto capacity = static_cast<uint32_t>(room);
-    bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, capacity - 1);
+    const uint32_t count = capacity < kValueSize ? capacity - 1 : kValueSize - 1;
+    bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, count);
 }
 
 void text_to_mac(const Target &image, int64_t position, const char *value)
@@ -219,9 +224,9 @@ void text_to_ip(const Target &image, int64_t position, const char *value)
     image.store(position, ip);
 }
 
-void parameter_to_image(const Target &image, int64_t position, const bv_db_para &para)
+void parameter_to_image(const Target &image, int64_t position, bv_db_para &para)
 {
-    const char *value = para.value;
+    auto &value = para.value;
     switch (type_of(para)) {
     case Type::String:
         return text_to_string(image, position, para.len, value);
@@ -235,21 +240,34 @@ void parameter_to_image(const Target &image, int64_t position, const bv_db_para 
     case Type::Uint:
         return image.store(position, number_of(value));
     case Type::Mac:
+        bv::terminate(value);
         return text_to_mac(image, position, value);
     case Type::Ip:
+        bv::terminate(value);
         return text_to_ip(image, position, value);
     case Type::Unknown:
         return;
     }
 }
 
+// What the working image has room for. A record that a service made may have an image without a
+// size: its descriptors then say how long it is.
+int64_t working_size(const bv_db_family &family)
+{
+    if (family.image_size != 0)
+        return bv::image_allocation(family.image_size);
+    int64_t sum = 0;
+    walk(family.para, family.para_count, [&](const bv_db_para &para, int64_t) { sum += para.len; });
+    return sum;
+}
+
 } // namespace
 
-void bv::image_to_text(const uint8_t *image, int64_t image_size, bv_db_para *table, int32_t count)
+void bv::image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, int32_t count)
 {
     if (image == nullptr || table == nullptr)
         return;
-    Source source{image, image_size};
+    Source source{image, size};
     walk(table, count,
          [&](bv_db_para &para, int64_t position) { parameter_to_text(source, position, para); });
 }
@@ -261,12 +279,7 @@ void bv::number_to_text(int32_t number, char *text)
 
 int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table)
 {
-    if (table == nullptr)
-        return BV_OK;
-
-    int64_t size = 0;
-    walk(table, count, [&](const bv_db_para &para, int64_t) { size += para.len; });
-    bv::image_to_text(static_cast<const uint8_t *>(image), size, table, count);
+    bv::image_to_text(static_cast<const uint8_t *>(image), kUnknownSize, table, count);
     return BV_OK;
 }
 
@@ -275,10 +288,11 @@ int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode)
     if (family == nullptr || family->working_image == nullptr || family->para == nullptr)
         return BV_OK;
 
-    Target target{family->working_image, bv::image_allocation(family->image_size)};
-    walk(family->para, family->para_count, [&](const bv_db_para &para, int64_t position) {
-        if (mode != 1 || para.selected == 1)
-            parameter_to_image(target, position, para);
+    Target target{family->working_image, working_size(*family)};
+    walk(family->para, family->para_count, [&](bv_db_para &para, int64_t position) {
+        if (mode == 1 && para.selected != 1)
+            return;
+        parameter_to_image(target, position, para);
     });
     return BV_OK;
 }

@@ -23,6 +23,8 @@ constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
 // Takes the values that an element's "para" holds. One that is no object holds none.
 void take_values(bv::JsonMembers values, bv_db_family &family)
 {
+    if (family.para == nullptr)
+        return;
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
         bv_db_para &para = family.para[i];
         const char *text = bv_json_object_get_string(values.get(para.name));
@@ -31,21 +33,23 @@ void take_values(bv::JsonMembers values, bv_db_family &family)
     }
 }
 
-// Makes an instance of the working image.
-void add_instance(bv_db_family &family, int32_t number)
-{
-    bv::append_instance(family, family.working_image, static_cast<uint32_t>(family.image_size),
-                        number);
-}
-
-// Overwrites the instance that has the number, or makes it.
+// Overwrites the instance that has the number with the working image, or makes it.
 void store_instance(bv::InstanceIndex &index, bv_db_family &family, int32_t number)
 {
+    const auto size = static_cast<uint32_t>(family.image_size);
     bv_db_inst *instance = index.find(number);
-    if (instance == nullptr)
-        return add_instance(family, number);
-    bv_db_data_set_context(&family, instance, family.working_image,
-                           static_cast<uint32_t>(family.image_size));
+    if (instance != nullptr)
+        bv_db_data_set_context(&family, instance, family.working_image, size);
+    else if (bv::append_instance(family, family.working_image, size, number) == BV_OK)
+        family.inst_max = index.highest();
+}
+
+// A file without the family leaves what is there, but there is always an instance 1 afterwards.
+void add_first_instance(bv_db_family &family)
+{
+    if (bv_db_data_get_inst(&family, 1) == nullptr)
+        bv_db_data_add_inst(&family, family.working_image, static_cast<uint32_t>(family.image_size),
+                            1);
 }
 
 void read_element(json_object *element, bv_db_family &family, bv::InstanceIndex &index)
@@ -65,12 +69,10 @@ void read_family(bv::JsonMembers &tree, bv_db_family &family)
 {
     if (family.image_size == 0)
         return;
+    bv::terminate_texts(family);
     json_object *elements = tree.get(family.name);
-    if (elements == nullptr) {
-        if (bv::list_empty(family.inst_list))
-            add_instance(family, 1);
-        return;
-    }
+    if (elements == nullptr)
+        return add_first_instance(family);
     if (bv_json_object_is_type(elements, json_type_array) == 0)
         return;
 

@@ -9,6 +9,7 @@
 
 #include "core/list.h"
 #include "db/internal.h"
+#include "os/descriptor.h"
 
 #include <bv/os.h>
 
@@ -66,6 +67,8 @@ void put_literal(Output &out, const char (&text)[Size])
 
 void put_parameters(Output &out, const bv_db_family &family)
 {
+    if (family.para == nullptr)
+        return;
     for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
         if (i > 0)
             put_literal(out, ",\n");
@@ -80,7 +83,8 @@ void put_parameters(Output &out, const bv_db_family &family)
 // One instance, from the descriptors' values: its image goes through them.
 void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32_t number)
 {
-    bv::image_to_text(image, family.image_size, family.para, family.para_count);
+    bv::image_to_text(image, bv::image_allocation(family.image_size), family.para,
+                      family.para_count);
 
     char text[12];
     bv::number_to_text(number, text);
@@ -93,7 +97,7 @@ void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32
 
 void put_instances(Output &out, bv_db_family &family)
 {
-    bv_list_head &list = family.inst_list;
+    bv_list_head &list = bv::instances_of(family);
     if (bv::list_empty(list) && family.para_count != 0)
         put_instance(out, family, family.default_image, 1);
 
@@ -111,6 +115,7 @@ void put_families(Output &out, bv_list_head &list)
         if (!first)
             put_literal(out, ",\n");
         first = false;
+        bv::terminate_texts(family);
         put_literal(out, "\t\"");
         put(out, family.name);
         put_literal(out, "\":[\n");
@@ -128,7 +133,10 @@ FILE *open_for_rewriting(const char *path)
         if (fd >= 0)
             bv_os_close(fd);
     }
-    return bv_os_fopen(path, "w");
+    FILE *stream = bv_os_fopen(path, "w");
+    if (stream != nullptr)
+        bv::close_on_exec(fileno(stream));
+    return stream;
 }
 
 } // namespace

@@ -14,8 +14,8 @@
 
 namespace {
 
-// The instance behind a link of the list (its head for the first one), or null at the end.
-bv_db_inst *instance_behind(bv_db_family &family, bv_list_head &link)
+// The instance after a link of the list (its head for the first one), or null at the end.
+bv_db_inst *instance_after(bv_db_family &family, bv_list_head &link)
 {
     return link.next == &family.inst_list ? nullptr : bv::instance_of(link.next);
 }
@@ -54,18 +54,13 @@ int32_t copy_in(const bv_db_family &family, uint8_t *image, const void *buf, uin
     return bv_os_memcpy(image, static_cast<uint32_t>(family.image_size), buf, buflen);
 }
 
-int32_t larger(int32_t a, int32_t b)
-{
-    return a > b ? a : b;
-}
-
 } // namespace
 
 bv_db_inst *bv_db_data_get_inst(bv_db_family *family, int32_t inst)
 {
     if (family == nullptr)
         return nullptr;
-    bv_list_head &list = family->inst_list;
+    bv_list_head &list = bv::instances_of(*family);
     for (bv_list_head *link = list.next; link != &list; link = link->next)
         if (bv::instance_of(link)->number == inst)
             return bv::instance_of(link);
@@ -76,7 +71,7 @@ bv_db_inst *bv_db_data_get_inst_first(bv_db_family *family, int32_t *inst)
 {
     if (family == nullptr || inst == nullptr)
         return nullptr;
-    return report_number(instance_behind(*family, family->inst_list), inst);
+    return report_number(instance_after(*family, bv::instances_of(*family)), inst);
 }
 
 bv_db_inst *bv_db_data_get_inst_next(bv_db_family *family, int32_t prev, int32_t *inst)
@@ -84,7 +79,7 @@ bv_db_inst *bv_db_data_get_inst_next(bv_db_family *family, int32_t prev, int32_t
     bv_db_inst *before = bv_db_data_get_inst(family, prev);
     if (before == nullptr || inst == nullptr)
         return nullptr;
-    return report_number(instance_behind(*family, before->link), inst);
+    return report_number(instance_after(*family, before->link), inst);
 }
 
 int32_t bv_db_data_get_inst_max(bv_db_family *family)
@@ -92,7 +87,7 @@ int32_t bv_db_data_get_inst_max(bv_db_family *family)
     int32_t highest = 1;
     if (family == nullptr)
         return highest;
-    bv_list_head &list = family->inst_list;
+    bv_list_head &list = bv::instances_of(*family);
     for (bv_list_head *link = list.next; link != &list; link = link->next)
         if (bv::instance_of(link)->number > highest)
             highest = bv::instance_of(link)->number;
@@ -131,8 +126,7 @@ int32_t bv::append_instance(bv_db_family &family, const void *buf, uint32_t bufl
 
     instance->number = number;
     copy_in(family, instance->image, buf, buflen);
-    list_append(family.inst_list, instance->link);
-    family.inst_max = larger(family.inst_max, larger(number, 1));
+    list_append(instances_of(family), instance->link);
     family.inst_count = checked_add(family.inst_count, 1);
     return BV_OK;
 }
@@ -161,8 +155,9 @@ int32_t bv_db_data_free(bv_db_family *family)
 {
     if (family == nullptr)
         return BV_ERR_FAILED;
-    while (!bv::list_empty(family->inst_list))
-        free_instance(bv::instance_of(family->inst_list.next));
+    bv_list_head &list = bv::instances_of(*family);
+    while (!bv::list_empty(list))
+        free_instance(bv::instance_of(list.next));
     family->inst_count = 0;
     family->inst_max = 1;
     return BV_OK;

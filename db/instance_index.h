@@ -16,7 +16,10 @@ namespace bv {
 
 class InstanceIndex {
 public:
-    explicit InstanceIndex(bv_db_family &family) : family_(family), last_(&family.inst_list) {}
+    explicit InstanceIndex(bv_db_family &family)
+        : family_(family), measured_(&instances_of(family)), last_(measured_)
+    {
+    }
     ~InstanceIndex() { release(root_); }
     InstanceIndex(const InstanceIndex &) = delete;
     InstanceIndex &operator=(const InstanceIndex &) = delete;
@@ -25,13 +28,24 @@ public:
     // two calls, not deleted.
     bv_db_inst *find(int32_t number)
     {
-        if (number > family_.inst_max)
+        if (number > highest())
             return nullptr;
         catch_up();
         Node *node = *place(number);
         if (node != nullptr)
             return node->instance;
         return complete_ ? nullptr : bv_db_data_get_inst(&family_, number);
+    }
+
+    // The highest number, at least 1. The family's own field is not asked: a service may have
+    // written it, and a number that then seemed to be new would be there twice.
+    int32_t highest()
+    {
+        for (; measured_->next != &family_.inst_list; measured_ = measured_->next) {
+            const int32_t number = instance_of(measured_->next)->number;
+            highest_ = number > highest_ ? number : highest_;
+        }
+        return highest_;
     }
 
 private:
@@ -80,7 +94,9 @@ private:
     }
 
     bv_db_family &family_;
-    bv_list_head *last_; // the last one taken in; the list's head at first
+    bv_list_head *measured_; // the last one that highest_ knows; the list's head at first
+    int32_t highest_ = 1;
+    bv_list_head *last_; // the last one in the tree; the list's head at first
     Node *root_ = nullptr;
     bool complete_ = true;
 };

@@ -32,6 +32,34 @@ inline uint8_t *make_image(int32_t image_size)
     return image;
 }
 
+// The instances of a family. A record that a service made has zeros for links where ours have an
+// empty ring.
+inline bv_list_head &instances_of(bv_db_family &family)
+{
+    if (family.inst_list.next == nullptr)
+        list_init(family.inst_list);
+    return family.inst_list;
+}
+
+// Ends the text of a descriptor's or family's field, which a service may have filled whole.
+template <size_t Size>
+inline void terminate(char (&field)[Size])
+{
+    field[Size - 1] = '\0';
+}
+
+// As above, for all that a data file has of a family.
+inline void terminate_texts(bv_db_family &family)
+{
+    terminate(family.name);
+    if (family.para == nullptr)
+        return;
+    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
+        terminate(family.para[i].name);
+        terminate(family.para[i].value);
+    }
+}
+
 inline bv_db_reg *registration_of(bv_list_head *link)
 {
     return list_record<bv_db_reg>(link, offsetof(bv_db_reg, link));
@@ -48,8 +76,9 @@ inline bv_db_inst *instance_of(bv_list_head *link)
 }
 
 // Finds families one after the other. They are mostly created in the order of registration, so
-// the one behind the last one found is tried first: a comparison of names instead of a hash over
-// the padded key, which would take a quarter of a commit.
+// the one after the last one found is tried first: a comparison of names instead of a hash over
+// the padded key, which would take a quarter of a commit. A record that a service put into the
+// table itself is in no list, and ends what is linked.
 class FamilyCursor {
 public:
     bv_db_family *find(const char *name)
@@ -58,7 +87,7 @@ public:
         if (family == nullptr || bv_os_strcmp(family->name, name) != 0)
             family = bv_db_hash_find(name);
         if (family != nullptr)
-            next_ = family->link.next;
+            next_ = family->link.next != nullptr ? family->link.next : &g_st_db_mng.family_list;
         return family;
     }
 
@@ -78,22 +107,25 @@ inline void for_each_family(bv_list_head &list, Visit visit)
     }
 }
 
-// As bv_db_user_fill_frommem(), for an image whose size the family knows; convert.cpp.
-void image_to_text(const uint8_t *image, int64_t image_size, bv_db_para *table, int32_t count);
+// As bv_db_user_fill_frommem(), but reads nothing outside the image's `size` bytes; convert.cpp.
+void image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, int32_t count);
 
 // Decimal text of a number: up to 11 characters and the NUL.
 void number_to_text(int32_t number, char *text);
 
-// As bv_db_data_add_inst(), but raises the highest number instead of walking the list for it: a
-// load adds many.
+// As bv_db_data_add_inst(), but leaves the highest number to the caller: a load adds many, and
+// walking the list after each would take too long.
 int32_t append_instance(bv_db_family &family, const void *buf, uint32_t buflen, int32_t number);
 
 // Copies an image of the family out, as bv_db_data_get_context() does; nothing when it has none.
 int32_t copy_image_out(const bv_db_family &family, const uint8_t *image, void *buf,
                        uint32_t buflen);
 
-// Releases what a template gave a family, and its instances; the default image is left to leak.
-void release_contents(bv_db_family &family);
+// Releases what a template gave a family; the default image is left to leak.
+void release_parameters(bv_db_family &family);
+
+// Releases a family's instances. A record that never had any keeps its highest number of 0.
+void release_instances(bv_db_family &family);
 
 } // namespace bv
 

@@ -117,11 +117,14 @@ int32_t bv_db_reg_factory(const char *name)
     return register_name(g_st_db_mng.factory_list, name);
 }
 
-void bv::release_contents(bv_db_family &family)
+void bv::release_instances(bv_db_family &family)
 {
-    // A record that never had instances keeps its highest number of 0.
-    if (family.inst_list.next != nullptr && !bv::list_empty(family.inst_list))
+    if (!list_empty(instances_of(family)))
         bv_db_data_free(&family);
+}
+
+void bv::release_parameters(bv_db_family &family)
+{
     bv_os_free(family.para);
     bv_os_free(family.working_image);
     family.image_size = 0;
@@ -132,16 +135,18 @@ void bv::release_contents(bv_db_family &family)
 }
 
 // Each record goes by its own name, so that what a service keeps in the table beside the families
-// stays there.
+// stays there. One that a service renamed must not take the family of the new name with it, which
+// is still linked.
 int32_t bv_db_hash_free(void)
 {
     bv_list_head &families = g_st_db_mng.family_list;
     while (!bv::list_empty(families)) {
         bv_db_family *family = bv::family_of(families.next);
-        bv::release_contents(*family);
+        bv::release_instances(*family);
+        bv::release_parameters(*family);
         bv::list_unlink(family->link);
         FamilyKey key(family->name);
-        bv_hash_remove(g_st_db_mng.table, key.data());
+        bv::hash_remove(g_st_db_mng.table, key.data(), family);
     }
     return BV_OK;
 }

@@ -82,15 +82,17 @@ int32_t read_parameters(json_object *tree, bv_db_family &family)
     if (para == nullptr || bv_json_object_is_type(para, json_type_array) == 0)
         return BV_ERR_FAILED;
 
-    bv::release_contents(family);
+    bv::release_parameters(family);
     size_t count = bv_json_object_array_length(para);
     if (count == 0)
         return BV_OK;
+    if (count > kMaxParameters)
+        return BV_ERR_FAILED;
 
     uint64_t size = uint64_t{count} * sizeof(bv_db_para);
     family.para = static_cast<bv_db_para *>(bv::allocate(size));
     if (family.para == nullptr)
-        return count > kMaxParameters ? BV_ERR_FAILED : BV_ERR_MEMORY;
+        return BV_ERR_MEMORY;
     bv_os_memset(family.para, static_cast<uint32_t>(size), 0, static_cast<uint32_t>(size));
     family.para_count = static_cast<int32_t>(count);
     take_parameters(para, family);
@@ -130,8 +132,8 @@ int32_t make_images(bv_db_family &family)
         family.default_image = make_default_image(family);
     }
     if (family.default_image == nullptr) {
-        bv::release_contents(family);
-        return BV_ERR_MEMORY;
+        bv::release_parameters(family);
+        return BV_ERR_FAILED;
     }
     return BV_OK;
 }
@@ -168,7 +170,14 @@ int32_t bv_db_template_read_single(const char *name, bv_db_family *family)
     json_object *tree = bv_json_object_from_file(path);
     if (tree == nullptr)
         return BV_ERR_FAILED;
+    const int32_t size_before = family->image_size;
     int32_t status = read_parameters(tree, *family);
     bv_json_object_put(tree);
-    return status == BV_OK ? make_images(*family) : status;
+    if (status == BV_OK)
+        status = make_images(*family);
+
+    // Instances hold settings that may be nowhere else: only those whose images do not fit go.
+    if (family->image_size != size_before)
+        bv::release_instances(*family);
+    return status;
 }

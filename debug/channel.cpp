@@ -6,6 +6,7 @@
 
 #include "debug/switches.h"
 #include "os/bytes.h"
+#include "os/descriptor.h"
 
 #include <bv/os.h>
 
@@ -53,7 +54,7 @@ void reopen_socket()
     g_address.sin_family = AF_INET;
     g_address.sin_addr.s_addr = g_destination.address;
     g_address.sin_port = htons(g_destination.port);
-    g_socket = bv_os_socket(AF_INET, SOCK_DGRAM, 0);
+    g_socket = bv::keep_descriptor(bv_os_socket(AF_INET, SOCK_DGRAM, 0));
 }
 
 // Out of line, so that a message that is off pays for none of these buffers.

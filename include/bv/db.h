@@ -36,7 +36,10 @@
  * - A counter or sum that would overflow (instance count, highest number, image size) aborts the
  *   process: going on would corrupt the settings.
  * - Templates and data files may hold anything: conversions never read or write outside an
- *   image, whatever lengths and types a template claims.
+ *   image of the database, whatever lengths and types a template claims. A caller's own image, as
+ *   bv_db_user_fill_frommem() takes it, has no size to keep to.
+ * - The records are there to be read. A record that a service made and put into the table itself
+ *   is a family like the others, with no instances while its inst_list is zero.
  */
 #ifndef BV_DB_H
 #define BV_DB_H
@@ -66,11 +69,24 @@ typedef struct bv_db_reg {
     char name[1024];   /**< the family name, which is also the template's file name */
 } bv_db_reg;
 
-/** One parameter of a family. 3084 bytes. */
+/**
+ * One parameter of a family. 3084 bytes.
+ *
+ * A descriptor belongs to the family, not to an instance: its value is the text that the last
+ * conversion, load or write of any instance left there. A caller may set selected and value;
+ * the rest is the template's.
+ *
+ * How many bytes a conversion reads or stores is up to the type, not to len (only a string is cut
+ * to its len when it is stored): 1 for char and uchar, 2 for short and ushort, 4 for int, uint and
+ * ip, 6 for mac. So an "int" with a len of 2 stores 4 bytes, of which the next parameter overwrites
+ * two, and is read back with that parameter's bytes as its upper half; as the last parameter it
+ * loses them and is read back without a sign. Give every type its width as len.
+ */
 typedef struct bv_db_para {
-    uint32_t valid;    /**< 1 when the template's element was complete; 0 ends every walk */
+    uint32_t valid;    /**< 1 when the template's element was complete; the first 0 ends every walk,
+                            whatever an incomplete last element left in the rest of its slot */
     uint32_t selected; /**< 1: taken by mode 1 of bv_db_user_fill_tomem(); only callers set it */
-    int32_t len;       /**< bytes in the image, below 1024; may be negative */
+    int32_t len;       /**< bytes by which it moves the next one on, below 1024; may be negative */
     char name[1024];   /**< its key in the data files */
     char type[1024];   /**< string char uchar short ushort int uint mac ip, or unknown */
     char value[1024];  /**< its text: the default, later what was last read or converted */
@@ -119,7 +135,7 @@ BV_API int32_t bv_db_init(void);
  *              template is read; also the family's name. Copied. It is put into a shell command
  *              unquoted and comes unescaped into the data file, so it must be trusted text.
  *
- * @retval BV_OK          registered, behind the earlier ones
+ * @retval BV_OK          registered, after the earlier ones
  * @retval BV_ERR_EXISTS  the name stands in this list already; another list may have it too. It is
  *                        compared as given: one that is too long never stands there.
  * @retval BV_ERR_MEMORY  no memory for the record
@@ -178,43 +194,51 @@ BV_API int32_t bv_db_template_read(bv_list_head *list);
  * @param name    a path that exists (relative to the current directory if not absolute), or else
  *                the name of a file anywhere under /etc/template, found by running find
  * @param family  the record to fill: parameters, working and default image. What it held of
- *                them goes first, and so do its instances, whose images would not fit any more.
+ *                them goes first. Its instances stay when the image size is the same as before,
+ *                and keep their bytes: a template that arranges the same number of bytes otherwise
+ *                gives them another meaning. When the size changes they go, since their images
+ *                would not fit.
  *
  * @retval BV_OK          read; elements lacking a key or with a len of 1024 or more are skipped
  * @retval -1             not found, found in several places, no JSON, no array "para", more than
- *                        425 parameters (they share one allocation), or an argument is null
- * @retval BV_ERR_MEMORY  memory is short
+ *                        425 elements (they share one allocation), no memory for an image, or an
+ *                        argument is null
+ * @retval BV_ERR_MEMORY  no memory for the descriptors
  * @retval BV_ERR_NO_FILE the output of find cannot be captured
  *
  * After a failure the family has no parameters and image size 0, unless it had them before and
- * the new template was not understood; function names that were read stay.
+ * the new template was not found or had no array "para"; function names that were read stay.
  */
 BV_API int32_t bv_db_template_read_single(const char *name, bv_db_family *family);
 
 /**
  * Converts an image to text, in the descriptors' values.
  *
- * @param image  the sum of the table's valid len bytes, at any alignment; null does nothing
+ * @param image  the packed parameters, at any alignment; null does nothing
  * @param count  descriptors to look at; the first invalid one ends the walk
  * @param table  the descriptors; each known type's value is replaced, others stay
  * @return 0
  *
- * A type has its own width, whatever len says: an int of len 2 also takes the two bytes behind
- * it. Bytes outside the image count as 0. A string ends at its first NUL or at the image's end,
- * not at its len, and is empty if longer than 1023 characters.
+ * The image has no size to keep to, and len bounds nothing: a type is read in its own width, and a
+ * string up to its first NUL, of which at most 1023 characters are looked at; without a NUL there
+ * it is empty. So the caller provides, after the last parameter too, whatever its types read: a
+ * string that fills its len and has no NUL reads on. So images of the database itself are not for
+ * this call, unless the template gives every type its width and every text its NUL. Only what
+ * negative lengths move in front of the image reads as 0.
  */
 BV_API int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table);
 
 /**
  * Converts the descriptors' values into the family's working image.
  *
- * @param family  the family; without a working image nothing happens
+ * @param family  the family; without descriptors or a working image nothing happens
  * @param mode    1: only descriptors whose selected is 1; otherwise all
  * @return 0
  *
  * Integers are decimal text modulo 2^32, 0 without a number; a type stores its own width,
- * whatever len says, but nothing outside the image's allocation. A string is cut to len - 1
- * characters; what the image held behind its NUL stays. An invalid "ip" is 0.0.0.0.
+ * whatever len says, but nothing outside the image's allocation (the image size rounded up to 32,
+ * or the sum of the valid len when the image size is 0). A string is cut to len - 1 characters;
+ * what the image held after its NUL stays there. An invalid "ip" is 0.0.0.0.
  */
 BV_API int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode);
 
@@ -248,10 +272,14 @@ BV_API int32_t bv_db_user_write(bv_list_head *list, const char *path);
  * @retval -1     path is missing or no JSON, or an argument is null: no instance is made
  *
  * Families with an image size of 0 are passed over. A family that the file lacks gets instance 1,
- * from its working image, if it has none. An element that lacks a parameter takes the text which
- * that one had in the element before it (the template's default at first); services rely on that.
- * An instance that exists is overwritten. Elements for which memory is short are left out, and the
- * result is 0 all the same.
+ * from its working image, unless it has one of that number. An element that lacks a parameter takes
+ * the text which that one had in the element before it (the template's default at first); services
+ * rely on that. An instance that exists is overwritten. Elements for which memory is short are left
+ * out, and the result is 0 all the same.
+ *
+ * All elements go through one working image: after the NUL of a string that was loaded there may be
+ * the end of a longer text from an earlier element or the defaults. Do not compare or hash images
+ * as bytes, and do not pass those bytes on.
  */
 BV_API int32_t bv_db_user_read(bv_list_head *list, const char *path);
 
@@ -274,7 +302,7 @@ BV_API bv_db_inst *bv_db_data_get_inst(bv_db_family *family, int32_t inst);
 BV_API bv_db_inst *bv_db_data_get_inst_first(bv_db_family *family, int32_t *inst);
 
 /**
- * Finds the instance behind another one in list order, which is the order of adding.
+ * Finds the instance after another one in list order, which is the order of adding.
  *
  * @param family  the family
  * @param prev    number of the other one; of several, the first counts
@@ -321,7 +349,7 @@ BV_API int32_t bv_db_data_set_context(bv_db_family *family, bv_db_inst *instance
                                       uint32_t buflen);
 
 /**
- * Adds an instance behind the others, without looking whether the number is taken.
+ * Adds an instance after the others, without looking whether the number is taken.
  *
  * @param family  the family
  * @param buf     the image; copied
@@ -361,7 +389,7 @@ BV_API int32_t bv_db_data_free(bv_db_family *family);
  *                all zero and with less its rest is, and the result is 0 all the same.
  * @param inst    its number
  *
- * @retval BV_OK             added behind the others
+ * @retval BV_OK             added after the others
  * @retval BV_ERR_NO_FAMILY  no such family
  * @retval BV_ERR_EXISTS     the number is taken
  * @retval BV_ERR_MEMORY     memory is short
@@ -431,7 +459,7 @@ BV_API int32_t bv_db_read(const char *name, void *buf, uint32_t buflen, uint32_t
 BV_API int32_t bv_db_read_first(const char *name, void *buf, uint32_t buflen, uint32_t *inst);
 
 /**
- * Reads the instance behind another one in list order (the order of adding, not of numbers).
+ * Reads the instance after another one in list order (the order of adding, not of numbers).
  *
  * @param name         the family
  * @param buf, buflen  as for bv_db_read()

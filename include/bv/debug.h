@@ -58,7 +58,8 @@ typedef struct bv_debug_header {
  * one thread, before anything else of the library is used from another.
  *
  * A second call starts debugging and the database afresh (all switches off, no families; what was
- * there is not given back) and leaves the notifier running as it is.
+ * there is not given back) and leaves a running notifier as it is (see bv_notifier_init()). A forked
+ * child calls it for itself.
  *
  * @return 0 when all of them started, otherwise the sum of their codes. Only the database can
  *         fail, so that is BV_ERR_MEMORY. Nothing is undone
@@ -68,9 +69,10 @@ BV_API int32_t bv_libraries_init(void);
 /**
  * Starts the debug channel: all switches off, the destination 10.10.168.192 port 5344 (on a
  * little-endian machine; the address is the machine's own word 0xC0A80A0A), the second port 7364,
- * and a socket. Without memory for the table every switch stays on; without a socket sends fail
- * silently. A second call starts afresh and gives back neither the table nor the socket of the
- * first.
+ * and a socket, whose descriptor is above 2 and not passed on to programs that the service starts.
+ * Without memory for the table (which the allocator reports on standard output) every switch stays
+ * on; without a socket every send fails with -1. A second call starts afresh and gives back neither
+ * the table nor the socket of the first.
  *
  * @return 0
  */
@@ -148,8 +150,9 @@ BV_API int32_t bv_debug_get_cfg(void *out, uint32_t outsize);
  * @param format    as for bv_os_sprintf(). A text of more than 255 characters is not cut: the
  *                  message leaves without text, as it does with a format that is refused or null
  *
- * Failures are silent. Before bv_debug_init() every message is formatted and sent to descriptor 0,
- * which a service that started properly has not as a socket.
+ * A message that cannot be sent is lost without notice, except for the allocator's line on standard
+ * output when memory is short. Before bv_debug_init() every message is formatted and sent to
+ * descriptor 0, the standard input, which takes it only if it is a socket.
  */
 BV_API void bv_debug_remote(uint32_t category, uint32_t tag, uint32_t module, uint32_t level,
                             const char *format, ...) BV_PRINTF(5, 6);

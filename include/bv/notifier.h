@@ -48,14 +48,23 @@ extern BV_API sem_t g_st_notifier_sem;
 typedef void (*bv_notifier_cb)(void *data, uint32_t length);
 
 /**
- * Starts the notifier: its two threads and their state. A second call does nothing.
+ * Starts the notifier: its two threads and their state. While its dispatch thread runs, a further
+ * call leaves it and all registrations alone, and only tries to reach the driver if there is no
+ * receive thread yet, for instance because the driver was loaded later.
  *
- * That the driver cannot be reached (bv_netlink_init() failed) is no failure here: events between
- * the service's own threads work all the same.
+ * That the driver cannot be reached (bv_netlink_init() failed) is not a failure here: events
+ * between the service's own threads work all the same. That the dispatch thread cannot be started
+ * is not reported either; bv_notifier_send() then returns -1, and a further call starts afresh.
+ *
+ * A forked child has none of the threads, registrations and events of its parent, and its copy of
+ * the driver's socket is closed by the fork. It calls this function, or bv_libraries_init(), and
+ * registers for itself; until then its sends return -1. A callback that forks must not return in
+ * the child.
  *
  * @return 0 always
  *
- * Call it once, before any other function of this family and before other threads use it.
+ * Call it before any other function of this family and before other threads use it; further calls
+ * are made by one thread at a time.
  */
 BV_API int32_t bv_notifier_init(void);
 
@@ -66,7 +75,8 @@ BV_API int32_t bv_notifier_init(void);
  * @param type      0 to 13; others are ignored
  * @param callback  the callback; null is ignored
  *
- * @return 0 always, also when it was ignored, when memory was short or before bv_notifier_init()
+ * @return 0 always, also when it was ignored, when memory was short or while no dispatch thread
+ *         runs (see bv_notifier_init())
  *
  * Registrations take no lock: make them from one thread at a time. Events may flow meanwhile; an
  * event in delivery reaches the new callback or does not.
@@ -82,9 +92,9 @@ BV_API int32_t bv_notifier_reg(uint32_t type, bv_notifier_cb callback);
  * @param length  its size in bytes, 0 included. An event is one allocation, so a little less
  *                than 1310720 at most
  *
- * @return 0 when the event is posted; -1 when memory is short or before bv_notifier_init() (then
- *         nothing is posted), or when the semaphore could not be posted (the event then waits
- *         for the next one's post)
+ * @return 0 when the event is posted; -1 when memory is short or while no dispatch thread of this
+ *         process runs (then nothing is posted; see bv_notifier_init()), or when the semaphore
+ *         could not be posted (the event then waits for the next one's post)
  *
  * Thread-safe, also from within a callback; events of one thread arrive in its order.
  */
@@ -96,8 +106,8 @@ BV_API int32_t bv_notifier_send(uint32_t type, const void *data, uint32_t length
  *
  *     [bv_notifier_kernel:0139]type(3)-len(5)-data(three)
  *
- * and a carriage return and line feed. A message that cannot be posted (no memory, or before
- * bv_notifier_init()) is lost without notice.
+ * and a carriage return and line feed. A message that cannot be posted (no memory, or no dispatch
+ * thread) is lost without notice.
  *
  * @param kernel_type  the driver's message type
  * @param data         the payload; stays the caller's. It is copied as bv_notifier_send() does,
@@ -122,6 +132,7 @@ BV_API void bv_notifier_kernel(uint32_t kernel_type, void *data, uint32_t length
  * @retval BV_ERR_CHANNEL  the socket cannot be bound
  *
  * On failure no descriptor stays open, and a receive thread that runs already is not disturbed.
+ * The socket's descriptor is above 2 and not passed on to programs that the service starts.
  * A receive thread that finds no memory for its buffer ends and closes the socket; that is not
  * reported. Thread-safe.
  */

@@ -17,8 +17,10 @@
 #include "support/faults.h"
 #include "support/process.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <linux/netlink.h>
 #include <mutex>
 #include <poll.h>
@@ -295,11 +297,48 @@ TEST_F(NetlinkInit, OpensARawSocketOfTheDriversProtocolBoundToTheProcessId)
     EXPECT_EQ(fault_pthread_create.calls(), 1);
 }
 
-TEST_F(NetlinkInit, ADescriptorOfZeroIsAsGoodAsAnyOther)
+TEST_F(NetlinkInit, SocketIsNotPassedOnToPrograms)
 {
-    close(STDIN_FILENO);
+    ASSERT_EQ(bv_netlink_init(), BV_OK);
+    EXPECT_EQ(fcntl(g_boundary.fd, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(NetlinkInit, SocketDoesNotBecomeStandardInput)
+{
+    WithoutStdin closed;
+    before = open_descriptors();
     EXPECT_EQ(bv_netlink_init(), BV_OK);
-    EXPECT_EQ(g_boundary.fd, STDIN_FILENO);
+    EXPECT_EQ(g_boundary.fd, STDIN_FILENO) << "what the socket call gave";
+
+    const std::vector<int> after = open_descriptors();
+    std::vector<int> added;
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                        std::back_inserter(added));
+    ASSERT_EQ(added.size(), 1u);
+    const int fd = added[0];
+    EXPECT_GT(fd, STDERR_FILENO);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    sockaddr_nl self = {};
+    socklen_t size = sizeof(self);
+    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&self), &size), 0);
+    EXPECT_EQ(self.nl_pid, static_cast<uint32_t>(getpid()));
+}
+
+TEST_F(NetlinkInit, DriverThatIsLoadedLaterIsReachedByASecondInit)
+{
+    g_boundary.socket_fails = true;
+    ASSERT_EQ(bv_notifier_init(), 0);
+    record_events_up_to<13>();
+    g_boundary.socket_fails = false;
+    ASSERT_EQ(bv_notifier_init(), 0);
+
+    Peer peer;
+    peer.send(2, "at last");
+    EXPECT_TRUE(eventually([] { return recorded_events() == Events{{4, "at last"}}; }));
+
+    g_boundary.fd = -1;
+    ASSERT_EQ(bv_notifier_init(), 0);
+    EXPECT_EQ(g_boundary.fd, -1) << "it runs: no further socket";
 }
 
 TEST_F(NetlinkInit, ReceivesIntoOneBuffer)

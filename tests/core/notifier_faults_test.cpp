@@ -106,14 +106,34 @@ TEST(NotifierFaults, InitIsFineWithoutTheDriver)
     EXPECT_TRUE(eventually([] { return steps() == Steps({"wait", "own", "wait"}); }));
 }
 
-TEST(NotifierFaults, InitIsFineWithoutItsThread)
+TEST(NotifierFaults, WithoutItsThreadInitSucceedsAndNothingIsPosted)
 {
     fault_socket.fail_always();
     fault_pthread_create.fail_always(EAGAIN);
     EXPECT_EQ(bv_notifier_init(), 0);
-    EXPECT_EQ(bv_notifier_send(1, "kept", 4), 0); // nobody fetches it
+    EXPECT_EQ(bv_notifier_send(1, "lost", 4), -1);
     EXPECT_EQ(fault_pthread_create.calls(), 1);
     EXPECT_EQ(steps(), Steps{});
+}
+
+TEST(NotifierFaults, InitAfterAFailedThreadStartsIt)
+{
+    fault_socket.fail_always();
+    fault_pthread_create.fail_next(1, EAGAIN);
+    ASSERT_EQ(bv_notifier_init(), 0);
+    ASSERT_EQ(bv_notifier_init(), 0);
+    bv_notifier_reg(1, deliver);
+    EXPECT_EQ(bv_notifier_send(1, "again", 5), 0);
+    EXPECT_TRUE(eventually([] { return steps() == Steps({"wait", "again", "wait"}); }));
+}
+
+TEST(NotifierFaults, FurtherInitsTryTheDriverAgain)
+{
+    fault_socket.fail_always(EPROTONOSUPPORT);
+    ASSERT_EQ(bv_notifier_init(), 0);
+    ASSERT_EQ(bv_notifier_init(), 0);
+    EXPECT_EQ(fault_socket.calls(), 2);
+    EXPECT_EQ(fault_pthread_create.calls(), 1);
 }
 
 TEST(NotifierFaults, TheResultOfASendIsThatOfItsPostAndTheEventWaitsForTheNext)

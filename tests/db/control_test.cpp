@@ -2,6 +2,8 @@
 
 #include "support/capture.h"
 
+#include <bv/hash.h>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -348,6 +350,20 @@ TEST_F(DbControl, DumpsShowTheFamiliesOfTheirListOnly)
     EXPECT_EQ(dump_of(7), "\nname=f cnt=1 memsize=4 instnum=0 instance=0");
     EXPECT_EQ(dump_of(8), "\nname=u cnt=1 memsize=4 instnum=0 instance=0");
     EXPECT_EQ(dump_of(9), "\nname=p cnt=1 memsize=4 instnum=0 instance=0");
+}
+
+TEST_F(DbControl, DumpShowsARecordThatAServicePutIntoTheTable)
+{
+    uint8_t key[1024] = "own";
+    bv_db_family record = {};
+    memset(record.name, 'n', sizeof record.name);
+    memset(record.getfunc, 'g', sizeof record.getfunc);
+    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    bv_db_reg_user("own");
+    CaptureStdout out;
+    EXPECT_EQ(trigger(8), 0);
+    EXPECT_EQ(out.stop(),
+              "\nname=" + std::string(1023, 'n') + " cnt=0 memsize=0 instnum=0 instance=0");
 }
 
 TEST_F(DbControl, DumpsShowEveryInstancesImageInListOrder)

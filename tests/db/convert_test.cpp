@@ -285,9 +285,13 @@ TEST(DbConvert, AStringIsReadToItsNulWhateverItsLength)
     EXPECT_EQ(hand.text(1), "cd");
 }
 
-TEST(DbConvert, AStringWithoutNulEndsWithTheImage)
+TEST(DbConvert, StringOfACallersImageEndsAtItsNulOnly)
 {
-    EXPECT_EQ(to_text("string", {'a', 'b', 'c'}), "abc");
+    Hand hand({{"p", "string", 0, "old"}, {"q", "string", 3, "old"}});
+    EdgeImage edge({'a', 'b', 'c', 'd', 'e', 0}); // 3 bytes by the lengths
+    bv_db_user_fill_frommem(edge.data(), 2, &hand.para(0));
+    EXPECT_EQ(hand.text(0), "abcde");
+    EXPECT_EQ(hand.text(1), "abcde");
 }
 
 TEST(DbConvert, AStringOf1023CharactersIsTheLongest)
@@ -381,7 +385,7 @@ TEST(DbConvert, AStringAlmost4GiBBehindTheImageStoresNothing)
     EXPECT_EQ(hand.to_memory(), Bytes(32, kFill));
 }
 
-TEST(DbConvert, ReadsOutsideTheImageAreZeroByteByByte)
+TEST(DbConvert, ReadsOfACallersImageTakeTheTypesWidthWhateverTheLengths)
 {
     Hand hand({{"a", "uint", 2, "?"},
                {"b", "mac", 4, "?"},
@@ -390,20 +394,58 @@ TEST(DbConvert, ReadsOutsideTheImageAreZeroByteByByte)
                {"e", "string", 1, "?"},
                {"f", "uint", 10, "?"},
                {"g", "int", 8, "?"}});
-    // 7 bytes in all: positions 0, 2, 6, 8, -12, -11, -1.
-    EdgeImage edge({1, 2, 3, 4, 5, 6, 7});
+    // 7 bytes by the lengths, 12 by the types; positions 0, 2, 6, 8, -12, -11, -1.
+    EdgeImage edge({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
     bv_db_user_fill_frommem(edge.data(), hand.count(), &hand.para(0));
-    uint32_t whole, cut = 0;
+    uint32_t whole;
     memcpy(&whole, "\1\2\3\4", 4);
-    memcpy(&cut, "\7\0\0\0", 4);
     EXPECT_EQ(hand.text(0), std::to_string(whole));
-    EXPECT_EQ(hand.text(1), "03:04:05:06:07:00");
-    EXPECT_EQ(hand.text(2), std::to_string(cut));
-    EXPECT_EQ(hand.text(3), "0.0.0.0");
+    EXPECT_EQ(hand.text(1), "03:04:05:06:07:08");
+    memcpy(&whole, "\7\10\11\12", 4);
+    EXPECT_EQ(hand.text(2), std::to_string(whole));
+    EXPECT_EQ(hand.text(3), "9.10.11.12");
+
+    // Nothing of an image is before its address: that reads as 0, byte by byte.
     EXPECT_EQ(hand.text(4), "");
     EXPECT_EQ(hand.text(5), "0");
     memcpy(&whole, "\0\1\2\3", 4);
     EXPECT_EQ(hand.text(6), std::to_string(whole));
+}
+
+TEST(DbConvert, WorkingImageWithoutASizeHasRoomForTheSumOfTheLengths)
+{
+    Hand hand({{"a", "ushort", 2, "258"},
+               {"b", "string", 4, "abcdefgh"},
+               {"c", "uint", 2, "4294967295"},
+               {"d", "none", 0, ""}});
+    hand.get()->image_size = 0;
+    Bytes expected = bytes_of<uint16_t>(258);
+    for (uint8_t byte : {'a', 'b', 'c', '\0', '\xff', '\xff'})
+        expected.push_back(byte);
+    Bytes image = hand.to_memory();
+    EXPECT_EQ(first(image, 8), expected);
+    EXPECT_EQ(Bytes(image.begin() + 8, image.end()), Bytes(image.size() - 8, kFill))
+        << "the lengths' sum is the end, not a multiple of 32";
+
+    hand.para(3).len = -8;
+    memset(hand.get()->working_image, kFill, 32);
+    EXPECT_EQ(hand.to_memory(), Bytes(32, kFill)) << "a sum of nothing";
+    hand.para(3).len = 0;
+    hand.get()->image_size = -1;
+    EXPECT_EQ(hand.to_memory(), Bytes(32, kFill)) << "a negative size is not a missing one";
+}
+
+TEST(DbConvert, ValueThatFillsItsFieldEndsWithIt)
+{
+    for (const char *type : {"string", "uint", "mac", "ip"}) {
+        SCOPED_TRACE(type);
+        Hand hand({{"p", type, 1000, ""}, {"q", "string", 400, ""}});
+        memset(hand.para(0).value, '1', sizeof hand.para(0).value);
+        memcpy(&hand.para(1), "22222222", 8); // what a read that goes on would find
+        const Bytes whole = hand.to_memory();
+        hand.para(0).value[1023] = '\0';
+        EXPECT_EQ(hand.to_memory(), whole);
+    }
 }
 
 TEST(DbConvert, OnlyTheGivenCountIsConverted)

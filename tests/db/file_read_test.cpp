@@ -137,12 +137,14 @@ TEST_F(DbFileReading, AnAbsentFamilyGetsExactlyInstance1WithTheDefaults)
     }
 }
 
-TEST_F(DbFileReading, AnAbsentFamilyThatHasInstancesKeepsThem)
+TEST_F(DbFileReading, AbsentFamilyKeepsItsInstancesAndGetsOneInstance1)
 {
     add_instance(a, 4, {"40", "four"});
     EXPECT_EQ(load("{}"), BV_OK);
     EXPECT_EQ(load("{}"), BV_OK);
-    EXPECT_EQ(numbers(a), Numbers{4});
+    EXPECT_EQ(numbers(a), (Numbers{4, 1}));
+    EXPECT_EQ(a->inst_count, 2);
+    EXPECT_EQ(a->inst_max, 4);
     EXPECT_EQ(numbers(b), Numbers{1}) << "loading twice adds no second one";
 }
 
@@ -336,6 +338,32 @@ TEST_F(DbFileReading, NumbersThatDifferInEveryOtherBitOnlyAreNoSlower)
     bv_db_data_free(a);
     EXPECT_LT(seconds(2), 4 * neighbours + 0.5);
     EXPECT_EQ(a->inst_count, 32768);
+}
+
+// The record is public: a load must not believe what a service wrote there.
+TEST_F(DbFileReading, WrongHighestNumberMakesNoSecondInstanceOfANumberAndIsSetRight)
+{
+    add_instance(a, 3, {"30", "three"});
+    a->inst_max = 1;
+    EXPECT_EQ(load_a(R"({"inst":"3","para":{"id":"31"}})"), BV_OK);
+    EXPECT_EQ(numbers(a), (Numbers{3}));
+    EXPECT_EQ(id(3), 31u);
+
+    a->inst_max = INT_MAX;
+    EXPECT_EQ(load_a(R"({"inst":"2","para":{}})"), BV_OK);
+    EXPECT_EQ(a->inst_max, 3);
+}
+
+TEST_F(DbFileReading, FieldsThatAServiceFilledWholeEndWhereTheyEnd)
+{
+    memset(a->name, 'n', sizeof a->name);
+    memset(b->para[0].name, 'p', sizeof b->para[0].name);
+    const std::string name(1023, 'n'), parameter(1023, 'p');
+    EXPECT_EQ(load("{\"" + name + "\":[{\"inst\":1,\"para\":{}}],\"b\":[{\"inst\":1,\"para\":{\"" +
+                   parameter + "\":\"9\"}}]}"),
+              BV_OK);
+    EXPECT_EQ(numbers(a), Numbers{1});
+    EXPECT_EQ(image_of(b, 1), Bytes{9});
 }
 
 TEST_F(DbFileReading, NumbersBelow1LeaveTheHighestAt1)

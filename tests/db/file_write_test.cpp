@@ -16,6 +16,9 @@ int g_refused_piece;
 // How many there were.
 size_t g_pieces;
 
+// How many went through a descriptor that programs started meanwhile would get.
+size_t g_inherited_pieces;
+
 class DbFileWriting : public Db {
 protected:
     static int write(const char *path = kUserFile)
@@ -149,6 +152,67 @@ TEST_F(DbFileWriting, NothingIsEscaped)
     EXPECT_EQ(image_of(notes, 1)[0], 's') << "memory keeps it";
 }
 
+// Its links are null, and so is its table of descriptors, whatever their count says.
+TEST_F(DbFileWriting, RecordThatAServicePutIntoTheTableIsAFamilyLikeOthers)
+{
+    uint8_t key[1024] = "own.json";
+    bv_db_family record = {};
+    strcpy(record.name, "own.json");
+    record.para_count = 2;
+    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    bv_db_reg_user("own.json");
+    user_family("one", {{"id", "uchar", 1, "1"}});
+    user_family("two", {{"id", "uchar", 1, "2"}});
+
+    EXPECT_EQ(write(), BV_OK);
+    const std::string empty = "{\n\t\"own.json\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n"
+                              "\t\t\t\"para\":{\n\n\t\t\t}\n\t\t}\n\t],\n\t\"one\":[";
+    EXPECT_EQ(file_text(kUserFile).substr(0, empty.size()), empty);
+    EXPECT_NE(file_text(kUserFile).find("\"two\":["), std::string::npos);
+
+    auto *own = bv_db_hash_find("own.json");
+    own->image_size = 4;
+    put_file(kUserFile, R"({"own.json":[{"inst":5,"para":{"id":"1"}}]})");
+    EXPECT_EQ(bv_db_user_read(&g_st_db_mng.user_list, kUserFile), BV_OK);
+    EXPECT_EQ(numbers(own), (std::vector<int>{5}));
+    EXPECT_EQ(image_of(own, 5), Bytes(4));
+    bv_db_data_free(own);
+    bv_hash_remove(g_st_db_mng.table, key);
+}
+
+TEST_F(DbFileWriting, UnlinkedRecordHasNoInstancesForAnyCall)
+{
+    uint8_t key[1024] = "own.json", image[4] = {1, 2, 3, 4};
+    int32_t number = 0;
+    bv_db_family record = {};
+    record.image_size = 4;
+    EXPECT_EQ(bv_db_data_get_inst(&record, 1), nullptr);
+    bv_db_family others[3] = {};
+    EXPECT_EQ(bv_db_data_get_inst_first(&others[0], &number), nullptr);
+    EXPECT_EQ(bv_db_data_get_inst_max(&others[1]), 1);
+    EXPECT_EQ(bv_db_data_free(&others[2]), BV_OK);
+
+    record = {};
+    record.image_size = 4;
+    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    EXPECT_EQ(bv_db_inst_add("own.json", image, 4, 7), BV_OK);
+    EXPECT_EQ(image_of(bv_db_hash_find("own.json"), 7), Bytes(image, image + 4));
+    bv_db_data_free(bv_db_hash_find("own.json"));
+}
+
+TEST_F(DbFileWriting, FieldsThatAServiceFilledWholeEndWhereTheyEnd)
+{
+    bv_db_family *family = user_family("one", {{"id", "none", 1, ""}});
+    memset(family->name, 'f', sizeof family->name);
+    memset(family->para->name, 'n', sizeof family->para->name);
+    memset(family->para->value, 'v', sizeof family->para->value);
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_EQ(file_text(kUserFile),
+              "{\n\t\"" + std::string(1023, 'f') + "\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n" +
+                  "\t\t\t\"para\":{\n\t\t\t\t\"" + std::string(1023, 'n') + "\":\"" +
+                  std::string(1023, 'v') + "\"\n\t\t\t}\n\t\t}\n\t]\n}\n");
+}
+
 TEST_F(DbFileWriting, AFamilyInTwoListsIsWrittenToBothFiles)
 {
     bv_db_family *lan = user_family("lan.json", kLan);
@@ -240,6 +304,15 @@ TEST_F(DbFileWriting, LeavesDescriptor0ClosedToo)
     close(saved);
 }
 
+TEST_F(DbFileWriting, ProgramsStartedMeanwhileDoNotGetTheFile)
+{
+    g_inherited_pieces = 0;
+    g_pieces = 0;
+    EXPECT_EQ(write(), BV_OK);
+    EXPECT_GT(g_pieces, 0u);
+    EXPECT_EQ(g_inherited_pieces, 0u);
+}
+
 TEST_F(DbFileWriting, TheLongestNumberIsWrittenWhole)
 {
     bv_db_family *lan = user_family("lan.json", kLan);
@@ -321,6 +394,8 @@ TEST_F(DbFileWriting, ADeviceThatRefusesEverythingIsNotReported)
 extern "C" size_t fwrite(const void *data, size_t size, size_t n, FILE *stream)
 {
     ++g_pieces;
+    if (fcntl(fileno(stream), F_GETFD) != FD_CLOEXEC)
+        ++g_inherited_pieces;
     if (g_refused_piece != 0 && --g_refused_piece == 0)
         return 0;
     auto real = reinterpret_cast<size_t (*)(const void *, size_t, size_t, FILE *)>(

@@ -250,6 +250,16 @@ TEST_F(DbRegistry, FreeLeavesWhatAServiceKeepsInTheTableBesideTheFamilies)
     bv_hash_remove(g_st_db_mng.table, key);
 }
 
+TEST_F(DbRegistry, FreeOfAFamilyThatAServiceRenamedSparesTheOneOfThatName)
+{
+    strcpy(bv_db_hash_add("a")->name, "b");
+    bv_db_hash_add("b");
+    EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    EXPECT_EQ(families(), std::vector<std::string>{});
+    EXPECT_EQ(bv_db_hash_find("b"), nullptr);
+    EXPECT_EQ(bv_db_hash_find("a")->link.next, nullptr) << "left in the table, in no list";
+}
+
 TEST_F(DbRegistry, ADefaultImageOutlivesItsFamily)
 {
     bv_db_family *lan = user_family("lan.json", kLan);

@@ -253,6 +253,18 @@ TEST(DebugSocket, IsADatagramSocketThatIsNeitherBoundNorConnected)
     EXPECT_EQ(getpeername(g_sent.fd, reinterpret_cast<sockaddr *>(&address), &length), -1);
 }
 
+TEST(DebugSocket, IsAboveTheStandardStreamsAndNotPassedOnToPrograms)
+{
+    WithoutStdin closed;
+    ASSERT_EQ(bv_debug_init(), 0);
+    g_watch = true;
+    bv_debug_header header = {};
+    bv_debug_sendmsg(&header, "", 0);
+    EXPECT_GT(g_sent.fd, STDERR_FILENO);
+    EXPECT_EQ(fcntl(g_sent.fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+}
+
 TEST(DebugSocket, WithoutOneSendsFailSilently)
 {
     fault_socket.fail_next(1, EMFILE);

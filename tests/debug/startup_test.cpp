@@ -12,6 +12,8 @@
 
 #include <atomic>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 BV_FAULT_socket;
@@ -152,4 +154,23 @@ TEST(StartUp, TwiceKeepsRegistrations)
     ASSERT_EQ(bv_libraries_init(), 0);
     bv_notifier_send(7, "x", 1);
     EXPECT_TRUE(eventually([] { return g_delivered == 1; }));
+}
+
+// What a service prints must not go to a socket, nor come from one.
+TEST(StartUp, WithoutStandardStreamsTheirPlacesStayFree)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int fd = 0; fd < 3; fd++)
+            close(fd);
+        bv_libraries_init();
+        int taken = 0;
+        for (int fd = 0; fd < 3; fd++)
+            taken += fcntl(fd, F_GETFD) != -1;
+        _exit(taken);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }

@@ -46,21 +46,33 @@ bv_db_para descriptor(fuzz::Input &input)
     return para;
 }
 
-int64_t sum_of_valid(const std::vector<bv_db_para> &table)
+// How much of an image its types read, in their own width; a string reads until it is too long.
+int64_t extent(const std::vector<bv_db_para> &table)
 {
-    int64_t sum = 0;
+    int64_t position = 0;
+    int64_t end = 0;
     for (const bv_db_para &para : table) {
         if (para.valid == 0)
             break;
-        sum += para.len;
+        const std::string type = para.type;
+        int64_t width = type == "string" ? int64_t{sizeof para.value} : type == "mac" ? 6 : 0;
+        for (const char *wide : {"int", "uint", "ip"})
+            width = type == wide ? 4 : width;
+        for (const char *narrow : {"short", "ushort"})
+            width = type == narrow ? 2 : width;
+        for (const char *byte : {"char", "uchar"})
+            width = type == byte ? 1 : width;
+        if (position >= 0 || type != "string") // one that begins before the image ends at once
+            end = std::max(end, position + width);
+        position += para.len;
     }
-    return sum;
+    return end;
 }
 
 void to_text(std::vector<bv_db_para> table, const std::string &bytes)
 {
-    // Also of lengths whose sum is nothing: there must then be no read at all.
-    const auto size = static_cast<size_t>(std::max<int64_t>(sum_of_valid(table), 0));
+    // Also of types that read nothing: there must then be no read at all.
+    const auto size = static_cast<size_t>(extent(table));
     fuzz::Block image(size);
     if (size > 0)
         memcpy(image.bytes(), bytes.data(), std::min(bytes.size(), size));
@@ -69,11 +81,21 @@ void to_text(std::vector<bv_db_para> table, const std::string &bytes)
         FUZZ_CHECK(memchr(para.value, '\0', sizeof para.value) != nullptr);
 }
 
-// The family's own idea of its image size need not be the sum.
+int64_t sum_of_valid(const std::vector<bv_db_para> &table)
+{
+    int64_t sum = 0;
+    for (auto para = table.begin(); para != table.end() && para->valid != 0; ++para)
+        sum += para->len;
+    return sum;
+}
+
+// The family's own idea of its image size need not be the sum, unless it has none.
 void to_image(std::vector<bv_db_para> table, uint32_t size)
 {
-    size = 1 + size % 2048;
-    fuzz::Block image((size + 31) & ~size_t{31}, 0);
+    size %= 2049;
+    const size_t room = size > 0 ? (size + 31) & ~size_t{31}
+                                 : static_cast<size_t>(std::max<int64_t>(sum_of_valid(table), 0));
+    fuzz::Block image(room, 0);
     bv_db_family family = {};
     family.image_size = static_cast<int32_t>(size);
     family.para_count = static_cast<int32_t>(table.size());

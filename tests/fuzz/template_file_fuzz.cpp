@@ -1,4 +1,4 @@
-// A template file, read twice into one family.
+// A template file, read twice into one family, which is written to a data file in between.
 
 #include <bv/db.h>
 #include <bv/os.h>
@@ -10,6 +10,7 @@
 namespace {
 
 constexpr char kPath[] = "/tmp/template.json";
+constexpr char kWritten[] = "/tmp/written.json";
 
 // Lengths whose sum no image size can hold end the process on purpose. Only negative ones get
 // there: positive ones are below 1024 and their number is bounded.
@@ -57,7 +58,7 @@ void use(bv_db_family *family)
 {
     const auto size = static_cast<uint32_t>(std::max(family->image_size, 0));
     FUZZ_CHECK(bv_db_data_add_inst(family, family->working_image, size, 1) == BV_OK);
-    bv_db_user_fill_frommem(family->working_image, family->para_count, family->para);
+    FUZZ_CHECK(bv_db_user_write(&g_st_db_mng.user_list, kWritten) == BV_OK);
     fuzz::Block image(size);
     bv_db_read("family", image.bytes(), size, 1);
 }
@@ -66,7 +67,7 @@ void use(bv_db_family *family)
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const bool ready = bv_db_init() == BV_OK;
+    static const bool ready = bv_db_init() == BV_OK && bv_db_reg_user("family") == BV_OK;
     FUZZ_CHECK(ready);
     fuzz::write_file(kPath, std::string(reinterpret_cast<const char *>(data), size));
     if (ends_the_process(kPath))

@@ -194,6 +194,13 @@ TEST_F(CallParameters, NeedATemplateThatHasSome)
               "bv-call: --offset: the image does not fit into a call\n");
 }
 
+TEST_F(CallParameters, TextThatFillsItsBytesEndsWithTheImage)
+{
+    write_file("/tmp/text.json", R"({"para":[{"name":"s","type":"string","len":4,"value":""}]})");
+    EXPECT_EQ(run_tool({"-T", "/tmp/text.json", "-x", "61626364 65656565", "echo"}).output,
+              "s=abcd\n");
+}
+
 // Lengths of a template that disagree with its types reach no byte outside the call's.
 TEST_F(CallParameters, OfAFaultyTemplateDoNoHarm)
 {

@@ -12,6 +12,12 @@
 #include "common/visible.h"
 #include "template/values.h"
 
+/*
+ * How far a template can lead beyond the beginning of its image: the library reads types in their
+ * own width and texts up to their NUL, whatever the lengths say.
+ */
+enum { REACH = 425 * 1023 + 1024 };
+
 static bv_db_family family;
 static const char *template_name; /* as given */
 
@@ -130,11 +136,13 @@ bool parameters_set(struct bytes *bytes, size_t offset, const char *assignment)
 
 bool parameters_print(const struct bytes *bytes, size_t offset)
 {
+    static uint8_t image[REACH]; /* zero after the image */
     int32_t i;
 
     if (bytes->length < offset + image_size())
         return fail(template_name, "less came back than the family's image");
-    bv_db_user_fill_frommem(bytes->data + offset, family.para_count, family.para);
+    memcpy(image, bytes->data + offset, image_size());
+    bv_db_user_fill_frommem(image, family.para_count, family.para);
     for (i = 0; i < family.para_count && family.para[i].valid != 0; i++) {
         const bv_db_para *para = &family.para[i];
 

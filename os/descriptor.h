@@ -1,0 +1,47 @@
+// Descriptors that the library holds for itself.
+//
+// Services start programs, through the library's shell functions among others, and those are not
+// to find the library's sockets and files among their own descriptors. The mark is set after the
+// call that made the descriptor, whose arguments stay as simple as they are.
+#ifndef BV_OS_DESCRIPTOR_H
+#define BV_OS_DESCRIPTOR_H
+
+#include <bv/os.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace bv {
+
+// Keeps a descriptor out of the programs that the service starts. For one that a stream has, give
+// fileno(stream). -1 is ignored; errno stays.
+inline void close_on_exec(int fd)
+{
+    const int error = errno;
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    errno = error;
+}
+
+// As close_on_exec(), for a descriptor that is kept. A service that was started without standard
+// input, output or error would get it as one of these, and send to it whatever it prints: one of
+// 0 to 2 is exchanged for a higher one. Returns the descriptor to use, or -1 (errno set, nothing
+// stays open) if there is no higher one, and for -1.
+inline int keep_descriptor(int fd)
+{
+    constexpr int kFirstAboveStandard = STDERR_FILENO + 1;
+    if (fd < 0 || fd >= kFirstAboveStandard) {
+        close_on_exec(fd);
+        return fd;
+    }
+
+    const int higher = fcntl(fd, F_DUPFD_CLOEXEC, kFirstAboveStandard);
+    const int error = errno;
+    bv_os_close(fd);
+    errno = error;
+    return higher;
+}
+
+} // namespace bv
+
+#endif

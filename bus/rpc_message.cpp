@@ -1,5 +1,7 @@
 #include "bus/rpc_message.h"
 
+#include <bv/os.h>
+
 namespace {
 
 // Order of the fields in both messages and both policies; the first field has two names.
@@ -12,6 +14,20 @@ constexpr blobmsg_policy kReplyPolicy[bv::kRpcFields] = {
 constexpr uint32_t kReplyFieldsLength = 20 + 16 + 12;
 // The body around them: its own word, the object's id, the header of the arguments.
 constexpr uint32_t kReplyBodyOverhead = 4 + 8 + 4 + kReplyFieldsLength;
+
+// The same of a request, without the function's name: the body's own word, the object's id, the
+// method's name, the header of the arguments; "func" 12, "len" 16, "data" 12.
+constexpr uint64_t kRequestBodyOverhead = 4 + 8 + 12 + 4 + 12 + 16 + 12;
+static_assert(sizeof(bv::kMethodName) <= 8, "the method's name with its header");
+
+// The daemon adds up to two account names to a call that it passes on, and does not look at the
+// limit again. An owner that gets a longer message than the limit understands nothing any more.
+constexpr uint64_t kAccountNames = 128;
+
+constexpr uint64_t padded(uint64_t length)
+{
+    return (length + 3) & ~uint64_t{3};
+}
 
 // Beyond the fields in a buffer: the table's header and the padding.
 constexpr uint32_t kReserveMargin = 4 + 3;
@@ -60,6 +76,13 @@ bool rpc_parse_reply(blob_attr *message, RpcReply &reply)
     reply.data = static_cast<const uint8_t *>(bv_blobmsg_data(fields[kData]));
     reply.available = static_cast<uint32_t>(bv_blobmsg_data_len(fields[kData]));
     return true;
+}
+
+bool rpc_request_fits(const char *func, uint32_t length)
+{
+    const uint64_t body =
+        kRequestBodyOverhead + padded(uint64_t{bv_os_strlen(func)} + 1) + padded(length);
+    return body + kAccountNames <= kBusBodyLimit;
 }
 
 bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length)

@@ -15,7 +15,8 @@ namespace bv {
 constexpr char kDefaultObjectName[] = "brovan.gateway.server";
 constexpr char kMethodName[] = "method";
 
-// The bus carries bodies up to this; it drops the connection of whoever sends a longer reply.
+// The bus carries bodies of up to so many bytes; it drops the connection of whoever sends a longer
+// reply.
 constexpr uint32_t kBusBodyLimit = 1024 * 1024;
 
 constexpr int kRpcFields = 3;
@@ -38,6 +39,9 @@ struct RpcReply {
 // False when a field is missing or has the wrong type.
 bool rpc_parse_request(blob_attr *message, RpcRequest &request);
 bool rpc_parse_reply(blob_attr *message, RpcReply &reply);
+
+// Whether a request travels: the bus takes it, and the daemon can add the caller's account names.
+bool rpc_request_fits(const char *func, uint32_t length);
 
 // Fills buf with a message; false when memory is short or the message would be too long for buf.
 bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length);

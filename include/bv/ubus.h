@@ -12,7 +12,8 @@
  *
  * Threads, for the whole header: one event loop per process, driven by the thread that runs it; a
  * bus connection is used by one thread at a time. The bus library shares buffers between all
- * connections of a process, so the server and the client of one process belong to one thread.
+ * connections of a process, so the server and the client of one process belong to one thread; see
+ * bv_ubus_server_init() for the one exception.
  * The remaining wrappers keep no state; blob buffers and JSON objects belong to whoever uses them.
  *
  * Signals: initialising the event loop, which connecting to the bus does too, installs the loop's
@@ -362,9 +363,9 @@ BV_API int bv_ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data
                               struct blob_attr *msg);
 
 /**
- * ubus_complete_deferred_request(): sends `ret` as the status of a request at once, behind its
- * replies. A handler that was not deferred sends its result as a second status, which callers
- * ignore.
+ * ubus_complete_deferred_request(): sends `ret` as the status of a request at once, after its
+ * replies. A handler sets `req->deferred` first; otherwise its result is sent as a second status,
+ * which callers ignore.
  */
 BV_API void bv_ubus_complete_deferred_request(struct ubus_context *ctx,
                                               struct ubus_request_data *req, int ret);
@@ -419,7 +420,8 @@ BV_API int bv_json_object_put(struct json_object *obj);
  * name over the bytes and sends them back with the function's result. Bytes are opaque: the two
  * sides agree on their layout, in the machine's own order or any other.
  *
- * One message holds a mebibyte: keep data below 1 000 000 bytes.
+ * One message holds a mebibyte, some of which goes to names and account names: keep data below
+ * 1 000 000 bytes.
  * @{
  */
 
@@ -461,6 +463,12 @@ BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
  * of this function, which frees it together with the older registry. Not to be called from a
  * handler.
  *
+ * A client of the same process in another thread: the platform's bus library has one set of buffers
+ * for both, so only one of the two threads may be in it at any time. That holds as long as the
+ * client connects when the server is serving, and nothing but the client's own calls reaches the
+ * server: its one status for a call is the last that it sends before the client goes on. It does
+ * not hold beside other callers, nor after a call of the client that timed out.
+ *
  * @param object_name       the object's name, at most 127 characters (a longer one is published as
  *                          the empty name, which nobody can look up); null for
  *                          "brovan.gateway.server"
@@ -468,7 +476,8 @@ BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
  *                          is ignored; may be null
  *
  * @retval 0  the loop has ended
- * @retval -1 no memory for the registry, no event loop, or no bus; the registry stays
+ * @retval -1 no memory for the registry, and there is none then; or no event loop, or no bus: the
+ *            registry stays as the callback filled it
  * @return else the bus status with which the object was refused, 2 for a name in use; the
  *         connection is freed
  */
@@ -495,19 +504,24 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  * and takes no lock.
  *
  * @param func_name the function's name
- * @param data      `len` bytes, replaced by those that the function left there. Not more than `len`
- *                  are written, fewer when the reply brought fewer. May be null when len is 0.
- * @param len       in bytes, at most what one message holds (see above)
+ * @param data      `len` bytes to send, replaced by those that come back. The buffer must hold
+ *                  whatever the owner sends: as many bytes are written as the reply declares and
+ *                  carries, and `len` does not limit them. An owner that uses this library sends
+ *                  `len` bytes back; another one may send up to a mebibyte. A caller that cannot
+ *                  trust the owner of the object's name passes a buffer of 1048576 bytes. May be
+ *                  null when len is 0; nothing is written then.
+ * @param len       bytes to send, at most what one message holds (see above)
  *
- * @return the function's result, or one of these, in which case data is as it was:
- * @retval 2          unknown function; or cannot be sent: null argument, too long, the connection
- *                    was found dead; or no memory for the bytes, here or at the owner
+ * @return the function's result, or one of these. Then data is as it was, unless a reply had come
+ *         before the failure: its bytes are written at once.
+ * @retval 2          unknown function; or cannot be sent: null argument, more than a message of
+ *                    1048576 bytes holds beside 128 bytes for account names, the connection was
+ *                    found dead; or no memory for the bytes, here or at the owner
  * @retval 3          the object has no method "method": it is none of ours
  * @retval 4          no such object
  * @retval 6          the bus does not permit the call
  * @retval 7          no answer in time
- * @retval 10         not connected, or the connection was lost while waiting; after 7 and 10 data
- *                    may hold the answer's bytes, when those came and the end of the call did not
+ * @retval 10         not connected, or the connection was lost while waiting
  * @retval 0x10000010 the reply lacked a field
  *
  * A result of the function cannot be told from a bus status of the same number. An answer without

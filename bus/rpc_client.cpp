@@ -42,15 +42,6 @@ void take_reply(ubus_request *req, int, blob_attr *message)
     copy_reply(req->priv, reply);
 }
 
-// What exceeds a message is not even built: the buffer would keep that size for ever, and close to
-// 16 MiB the lengths in it run over.
-bool can_be_sent(const char *func_name, const void *data, uint32_t length)
-{
-    if (func_name == nullptr || (data == nullptr && length != 0))
-        return false;
-    return bv::rpc_request_fits(func_name, length);
-}
-
 } // namespace
 
 int32_t bv_ubus_client_init(const char *object_name)
@@ -67,7 +58,7 @@ int32_t bv_ubus_client_init(const char *object_name)
 
 uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len)
 {
-    if (!can_be_sent(func_name, data, len))
+    if (func_name == nullptr || (data == nullptr && len != 0))
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (g_connection == nullptr)
         return UBUS_STATUS_CONNECTION_FAILED;

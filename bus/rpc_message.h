@@ -40,10 +40,8 @@ struct RpcReply {
 bool rpc_parse_request(blob_attr *message, RpcRequest &request);
 bool rpc_parse_reply(blob_attr *message, RpcReply &reply);
 
-// Whether a request travels: the bus takes it, and the daemon can add the caller's account names.
-bool rpc_request_fits(const char *func, uint32_t length);
-
-// Fills buf with a message; false when memory is short or the message would be too long for buf.
+// Fills buf with a message; false when memory is short, or the message too long: a request for the
+// bus with the account names that the daemon adds, a reply for buf.
 bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length);
 bool rpc_build_reply(blob_buf &buf, uint32_t result, const void *data, uint32_t length);
 

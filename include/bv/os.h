@@ -317,7 +317,8 @@ BV_API int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern,
  *
  * @param command  the shell command as it is, of any length
  * @param out      gets the line with its newline, or as much of it as fits; keeps what it held
- *                 when the command cannot be started or prints nothing
+ *                 when the command cannot be started or prints nothing. Signals that the process
+ *                 handles meanwhile do not cut it
  * @param outsize  capacity of out; 0 leaves it alone
  */
 BV_API void bv_get_pipe(const char *command, char *out, uint32_t outsize);

@@ -512,9 +512,11 @@ BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
  * @param out   gets 64 lower-case hexadecimal digits and no terminator, as in bv_os_sm3_str()
  *
  * @retval BV_OK           out holds the digest
- * @retval BV_ERR_NO_FILE  there is no such file, or an argument is null
+ * @retval BV_ERR_NO_FILE  there is no such file, a folder on its path may not be searched, or an
+ *                         argument is null
  * @retval BV_ERR_OPEN     the file cannot be opened
- * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB, or as in bv_os_sm3_str()
+ * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB, which the allocator says on
+ *                         standard output; or as in bv_os_sm3_str()
  *
  * A failure leaves out as it was.
  */

@@ -65,6 +65,14 @@ const uint8_t *data_of(const blob_attr *field, uint32_t header)
     return bv::attr_bytes(field) + header;
 }
 
+// As bv_blobmsg_add_u32(), but inline: a reply has two of them.
+inline bool add_word(blob_buf &buf, const char *name, uint32_t value)
+{
+    uint8_t bytes[sizeof(value)];
+    bv::put_be32(bytes, value);
+    return bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_INT32, name, bytes, sizeof(bytes)) == 0;
+}
+
 } // namespace
 
 namespace bv {
@@ -111,8 +119,8 @@ bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32
 
 bool rpc_build_reply(blob_buf &buf, uint32_t result, const void *data, uint32_t length)
 {
-    return bv_blobmsg_buf_init(&buf) == 0 && bv_blobmsg_add_u32(&buf, "return", result) == 0 &&
-           bv_blobmsg_add_u32(&buf, "len", length) == 0 &&
+    return bv_blobmsg_buf_init(&buf) == 0 && add_word(buf, "return", result) &&
+           add_word(buf, "len", length) &&
            bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "data", data, length) == 0;
 }
 

@@ -15,6 +15,10 @@ namespace {
 constexpr size_t kDigestSize = 32; // of both
 constexpr uint32_t kPieceSize = 65536;
 
+// More than libcrypto's own functions take of the stack to finish a digest: theirs keep it in
+// words.
+constexpr size_t kLibcryptoDepth = 1024;
+
 // Straight into the caller's buffer: what prints or converts elsewhere would leave the text on the
 // stack, and digests of passwords are as good as those.
 void put_digits(char *out, const uint8_t (&digest)[kDigestSize])
@@ -54,6 +58,7 @@ public:
         if (done)
             put_digits(out, digest);
         bv::wipe(digest);
+        bv::wipe_stack<kLibcryptoDepth>();
         return done ? BV_OK : BV_ERR_MEMORY;
     }
 

@@ -26,6 +26,15 @@ bool receiver_open(struct receiver *receiver, struct in_addr address, uint16_t p
     return true;
 }
 
+/* The gateway's C library mixes signs in this macro. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-conversion"
+static struct cmsghdr *next_control(struct msghdr *message, struct cmsghdr *control)
+{
+    return CMSG_NXTHDR(message, control);
+}
+#pragma GCC diagnostic pop
+
 /* What comes with a datagram: where it was sent to, and how many were dropped before it. */
 static void read_controls(struct receiver *receiver, struct packet *packet, struct msghdr *message)
 {
@@ -33,7 +42,7 @@ static void read_controls(struct receiver *receiver, struct packet *packet, stru
     struct cmsghdr *control;
 
     for (control = CMSG_FIRSTHDR(message); control != NULL;
-         control = CMSG_NXTHDR(message, control)) {
+         control = next_control(message, control)) {
         if (control->cmsg_level == IPPROTO_IP && control->cmsg_type == IP_PKTINFO)
             memcpy(&info, CMSG_DATA(control), sizeof(info));
         if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SO_RXQ_OVFL)

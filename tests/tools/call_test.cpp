@@ -90,7 +90,8 @@ protected:
 
 std::string result(const std::string &code, size_t length)
 {
-    return "bv-call: result " + code + ", " + std::to_string(length) + " bytes\n";
+    return "bv-call: result " + code + ", " + std::to_string(length) +
+           (length == 1 ? " byte\n" : " bytes\n");
 }
 
 // ---- bytes ----

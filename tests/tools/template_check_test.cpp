@@ -80,6 +80,8 @@ TEST(TemplateCheck, PassesTheEndsOfEveryType)
 TEST(TemplateCheck, FindsValuesThatDoNotFit)
 {
     const char *const rows[][4] = {
+        {"string", "1", "\"a\"",
+         "text of 1 byte is too long for len 1, which counts the zero byte at its end"},
         {"string", "4", "\"abcd\"",
          "text of 4 bytes is too long for len 4, which counts the zero byte at its end"},
         {"char", "1", "\"-129\"", "-129 does not fit type char (-128 to 127)"},

@@ -66,6 +66,11 @@ static int fail(const char *what, const char *why)
     return EXIT_FAILED;
 }
 
+static const char *plural(size_t count)
+{
+    return count == 1 ? "" : "s";
+}
+
 /* ---- one line each ---- */
 
 static bool lines_wanted(void)
@@ -92,7 +97,7 @@ static void show_malformed(const struct packet *packet, const char *fault)
     if (!lines_wanted() || options.modules.count != 0 || options.levels.count != 0)
         return;
     print_origin(packet);
-    printf("malformed: %zu bytes, %s\n", packet->length, fault);
+    printf("malformed: %zu byte%s, %s\n", packet->length, plural(packet->length), fault);
 }
 
 static void show(const struct packet *packet)
@@ -121,11 +126,6 @@ static void show(const struct packet *packet)
 static bool enough(void)
 {
     return options.count != 0 && counts.received >= options.count;
-}
-
-static const char *plural(unsigned count)
-{
-    return count == 1 ? "" : "s";
 }
 
 static int report(unsigned skipped, unsigned dropped)

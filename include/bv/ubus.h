@@ -338,7 +338,9 @@ BV_API int bv_ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_
  * @param ctx        the connection
  * @param obj        the object's id
  * @param method     the method's name
- * @param msg        the arguments, of which the payload is sent; null for none
+ * @param msg        the arguments, of which the payload is sent; null for none. Keep it below
+ *                   1 000 000 bytes: the daemon adds account names when it passes a call on, and an
+ *                   owner that is sent more than 1 MiB understands nothing any more
  * @param cb         called for each data message of the answer, which is valid only inside; may be
  *                   null
  * @param priv       handed to cb as `priv` of its request
@@ -494,7 +496,7 @@ BV_API int32_t bv_ubus_server_init(const char *object_name, int (*register_callb
  * @param object_name the object to call; null for "brovan.gateway.server"
  *
  * @retval 0  connected
- * @retval -1 no bus
+ * @retval -1 no bus, or no memory for the connection
  */
 BV_API int32_t bv_ubus_client_init(const char *object_name);
 
@@ -524,7 +526,8 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  * @retval 10         not connected, or the connection was lost while waiting
  * @retval 0x10000010 the reply lacked a field
  *
- * A result of the function cannot be told from a bus status of the same number. An answer without
+ * An owner that does not use this library may end a call with any other status. A result of the
+ * function cannot be told from a bus status of the same number. An answer without
  * any reply message returns the result of the call before it.
  */
 BV_API uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len);

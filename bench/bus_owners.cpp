@@ -42,8 +42,7 @@ int answer_bare(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
     blobmsg_add_field(&reply, BLOBMSG_TYPE_UNSPEC, "data", blobmsg_data(fields[kData]),
                       static_cast<unsigned>(blobmsg_data_len(fields[kData])));
     ubus_send_reply(ctx, req, reply.head);
-    ubus_complete_deferred_request(ctx, req, UBUS_STATUS_OK);
-    return UBUS_STATUS_OK;
+    return UBUS_STATUS_OK; // the one status of the call
 }
 
 struct Bytes {

@@ -1,5 +1,5 @@
-// A remote call and its answer, beside a bare object on the same bus that takes the same fields,
-// answers with the same fields and completes in the same way; and that beside messages relayed by
+// A remote call and its answer, beside a bare object on the same bus that takes the same fields and
+// answers with the same fields and one status; and that beside messages relayed by
 // hand over unix sockets, caller - relay - owner - relay - caller, as the bus daemon does. Runs in
 // a private root. Names are WORK/SIZE/WHO; compare rows of one WORK/SIZE within one run. How one
 // owner fares with several callers is in rows callers-COUNT/WHO.

@@ -21,14 +21,11 @@ blob_buf g_request;         // reused for every call
 // without a reply returning what the call before it did.
 uint32_t g_last_result;
 
-// Bytes at the data of the call under way, which is the private pointer of its request.
-uint32_t g_room;
-
-// Another process wrote the reply: it decides neither how much the caller's buffer takes nor how
-// much of the message is there.
+// As many bytes as the reply says and really has. How many the caller sent does not matter: a short
+// request may ask for a long answer, and the buffer must hold whatever the owner sends back.
 void copy_reply(void *data, const bv::RpcReply &reply)
 {
-    const uint32_t length = std::min({reply.length, reply.available, g_room});
+    const uint32_t length = std::min(reply.length, reply.available);
     if (data == nullptr || length == 0)
         return;
     bv_os_memcpy(data, length, reply.data, length);
@@ -43,15 +40,6 @@ void take_reply(ubus_request *req, int, blob_attr *message)
     }
     g_last_result = reply.result;
     copy_reply(req->priv, reply);
-}
-
-// What exceeds a message by itself is not even built: the buffer would keep that size for ever, and
-// close to 16 MiB the lengths in it run over.
-bool can_be_sent(const char *func_name, const void *data, uint32_t length)
-{
-    if (func_name == nullptr || (data == nullptr && length != 0))
-        return false;
-    return length <= bv::kBusBodyLimit && bv_os_strlen(func_name) < bv::kBusBodyLimit;
 }
 
 } // namespace
@@ -70,14 +58,13 @@ int32_t bv_ubus_client_init(const char *object_name)
 
 uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len)
 {
-    if (!can_be_sent(func_name, data, len))
+    if (func_name == nullptr || (data == nullptr && len != 0))
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (g_connection == nullptr)
         return UBUS_STATUS_CONNECTION_FAILED;
     if (!bv::rpc_build_request(g_request, func_name, data, len))
         return UBUS_STATUS_INVALID_ARGUMENT;
 
-    g_room = len;
     const int status = bv_ubus_invoke(g_connection, g_object_id, bv::kMethodName, g_request.head,
                                       take_reply, data, kCallTimeoutMs);
     if (status != UBUS_STATUS_OK)

@@ -1,5 +1,9 @@
 #include "bus/rpc_message.h"
 
+#include "bus/attr.h"
+
+#include <bv/os.h>
+
 namespace {
 
 // Order of the fields in both messages and both policies; the first field has two names.
@@ -8,10 +12,33 @@ enum Field { kFuncOrReturn, kLen, kData };
 constexpr blobmsg_policy kReplyPolicy[bv::kRpcFields] = {
     {"return", BLOBMSG_TYPE_INT32}, {"len", BLOBMSG_TYPE_INT32}, {"data", BLOBMSG_TYPE_UNSPEC}};
 
-// Fields of a reply around its bytes, each with its header: "return" 20, "len" 16, "data" 12.
-constexpr uint32_t kReplyFieldsLength = 20 + 16 + 12;
+constexpr uint64_t padded(uint64_t length)
+{
+    return (length + 3) & ~uint64_t{3};
+}
+
+// Bytes of a field ahead of its data: its own word, the name's length (16 bits), the name with its
+// terminator, padding.
+template <size_t Size>
+constexpr uint32_t header_of(const char (&)[Size])
+{
+    return static_cast<uint32_t>(sizeof(blob_attr) + padded(2 + Size));
+}
+
+constexpr uint32_t kLenField = header_of("len") + 4;
+
+// Fields of a reply around its bytes.
+constexpr uint32_t kReplyFieldsLength = header_of("return") + 4 + kLenField + header_of("data");
 // The body around them: its own word, the object's id, the header of the arguments.
 constexpr uint32_t kReplyBodyOverhead = 4 + 8 + 4 + kReplyFieldsLength;
+
+// The same of a request without the function's name; the method's name comes before the arguments.
+constexpr uint64_t kRequestBodyOverhead = 4 + 8 + 4 + padded(sizeof(bv::kMethodName)) + 4 +
+                                          header_of("func") + kLenField + header_of("data");
+
+// The daemon adds up to two account names to a call that it passes on, and does not look at the
+// limit again. An owner that gets a longer message than the limit understands nothing any more.
+constexpr uint64_t kAccountNames = 128;
 
 // Beyond the fields in a buffer: the table's header and the padding.
 constexpr uint32_t kReserveMargin = 4 + 3;
@@ -24,11 +51,26 @@ static_assert(kLongestReply % 4 == 0, "padding cannot lift a reply over the limi
 bool parse_fields(const blobmsg_policy *policy, blob_attr *message,
                   blob_attr *(&fields)[bv::kRpcFields])
 {
-    if (message == nullptr || bv_blob_raw_len(message) < sizeof(blob_attr))
+    if (message == nullptr || bv::attr_raw_length(message) < sizeof(blob_attr))
         return false;
-    bv_blobmsg_parse(policy, bv::kRpcFields, fields, bv_blob_data(message),
-                     static_cast<unsigned int>(bv_blob_len(message)));
+    bv_blobmsg_parse(policy, bv::kRpcFields, fields, bv::writable(bv::attr_payload(message)),
+                     static_cast<unsigned int>(bv::attr_length(message)));
     return fields[kFuncOrReturn] != nullptr && fields[kLen] != nullptr && fields[kData] != nullptr;
+}
+
+// A field was found by its name and is named so to the last character: the length of its header is
+// known, and its data is as long as its type wants.
+const uint8_t *data_of(const blob_attr *field, uint32_t header)
+{
+    return bv::attr_bytes(field) + header;
+}
+
+// As bv_blobmsg_add_u32(), but inline: a reply has two of them.
+inline bool add_word(blob_buf &buf, const char *name, uint32_t value)
+{
+    uint8_t bytes[sizeof(value)];
+    bv::put_be32(bytes, value);
+    return bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_INT32, name, bytes, sizeof(bytes)) == 0;
 }
 
 } // namespace
@@ -43,10 +85,11 @@ bool rpc_parse_request(blob_attr *message, RpcRequest &request)
     blob_attr *fields[kRpcFields];
     if (!parse_fields(kRequestPolicy, message, fields))
         return false;
-    request.func = bv_blobmsg_get_string(fields[kFuncOrReturn]);
-    request.length = bv_blobmsg_get_u32(fields[kLen]);
-    request.data = static_cast<uint8_t *>(bv_blobmsg_data(fields[kData]));
-    request.available = static_cast<uint32_t>(bv_blobmsg_data_len(fields[kData]));
+    request.func =
+        reinterpret_cast<const char *>(data_of(fields[kFuncOrReturn], header_of("func")));
+    request.length = get_be32(data_of(fields[kLen], header_of("len")));
+    request.data = static_cast<uint8_t *>(writable(data_of(fields[kData], header_of("data"))));
+    request.available = static_cast<uint32_t>(attr_raw_length(fields[kData]) - header_of("data"));
     return true;
 }
 
@@ -55,24 +98,29 @@ bool rpc_parse_reply(blob_attr *message, RpcReply &reply)
     blob_attr *fields[kRpcFields];
     if (!parse_fields(kReplyPolicy, message, fields))
         return false;
-    reply.result = bv_blobmsg_get_u32(fields[kFuncOrReturn]);
-    reply.length = bv_blobmsg_get_u32(fields[kLen]);
-    reply.data = static_cast<const uint8_t *>(bv_blobmsg_data(fields[kData]));
-    reply.available = static_cast<uint32_t>(bv_blobmsg_data_len(fields[kData]));
+    reply.result = get_be32(data_of(fields[kFuncOrReturn], header_of("return")));
+    reply.length = get_be32(data_of(fields[kLen], header_of("len")));
+    reply.data = data_of(fields[kData], header_of("data"));
+    reply.available = static_cast<uint32_t>(attr_raw_length(fields[kData]) - header_of("data"));
     return true;
 }
 
 bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length)
 {
-    return bv_blobmsg_buf_init(&buf) == 0 && bv_blobmsg_add_string(&buf, "func", func) == 0 &&
+    const uint64_t func_size = uint64_t{bv_os_strlen(func)} + 1;
+    const uint64_t body = kRequestBodyOverhead + padded(func_size) + padded(length);
+    // What exceeds a message is not built at all: the buffer would keep that size for ever.
+    return body + kAccountNames <= kBusBodyLimit && bv_blobmsg_buf_init(&buf) == 0 &&
+           bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_STRING, "func", func,
+                                static_cast<unsigned int>(func_size)) == 0 &&
            bv_blobmsg_add_u32(&buf, "len", length) == 0 &&
            bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "data", data, length) == 0;
 }
 
 bool rpc_build_reply(blob_buf &buf, uint32_t result, const void *data, uint32_t length)
 {
-    return bv_blobmsg_buf_init(&buf) == 0 && bv_blobmsg_add_u32(&buf, "return", result) == 0 &&
-           bv_blobmsg_add_u32(&buf, "len", length) == 0 &&
+    return bv_blobmsg_buf_init(&buf) == 0 && add_word(buf, "return", result) &&
+           add_word(buf, "len", length) &&
            bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "data", data, length) == 0;
 }
 

@@ -144,11 +144,12 @@ bool serve(blob_attr *message)
     return bv::rpc_build_reply(g_reply, result, bytes.get(), request.length);
 }
 
-// Every request is completed here and returned from with 0, which the bus library makes a second
-// status out of. The first one counts; callers see no other.
+// Every request is completed here. The mark keeps the bus library from making a second status out
+// of what this returns.
 int dispatch(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
              blob_attr *message)
 {
+    req->deferred = true;
     if (!serve(message)) {
         bv_ubus_complete_deferred_request(ctx, req, UBUS_STATUS_INVALID_ARGUMENT);
         return UBUS_STATUS_OK;

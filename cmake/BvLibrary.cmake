@@ -30,9 +30,10 @@ target_compile_options(bv PRIVATE
   -fno-semantic-interposition -fno-plt)
 # Calls between our own exported functions are bound here, at link time; libc's and the other
 # libraries' stay interposable. -z defs: an unresolved name (a stray C++ run-time call) is an
-# error. -z now: binding at a first call would spill registers, keys among them, on the stack.
+# error. -z nodelete: threads of the library run until the process ends, so closing a handle from
+# dlopen() must not take its code away.
 target_link_options(bv PRIVATE "LINKER:--version-script=${CMAKE_SOURCE_DIR}/cmake/start-files.map"
-  -Wl,-Bsymbolic-functions -Wl,-z,defs -Wl,-z,relro -Wl,-z,now
+  -Wl,-Bsymbolic-functions -Wl,-z,defs -Wl,-z,nodelete
   -Wl,--as-needed)
 target_link_libraries(bv
   PUBLIC ubus::ubus ubox::ubox json-c::json-c

@@ -153,6 +153,20 @@ private:
     ChainEnd chain_;
 };
 
+// Reads until there are so many bytes, the file ends or a read fails: batches must be whole but for
+// the last, and a read may give less than it was asked for in the middle of a file.
+size_t read_batch(int fd, uint8_t *data, size_t wanted)
+{
+    size_t length = 0;
+    while (length < wanted) {
+        const ssize_t count = bv_os_read(fd, data + length, wanted - length);
+        if (count <= 0)
+            break;
+        length += static_cast<size_t>(count);
+    }
+    return length;
+}
+
 // False when nothing more goes into the file.
 bool write_all(int fd, const uint8_t *data, size_t length)
 {
@@ -180,14 +194,9 @@ void transform(int in, int out, Worker &worker)
     while (left > 0) {
         const size_t wanted =
             left < static_cast<off_t>(sizeof(from)) ? static_cast<size_t>(left) : sizeof(from);
-        const ssize_t count = bv_os_read(in, from, wanted);
-        if (count <= 0)
-            break;
-        left -= count;
-        // Batches must be whole but for the last, so one that came short is the last.
-        if (static_cast<size_t>(count) < wanted)
-            left = 0;
-        if (!write_all(out, to, worker.run(from, static_cast<size_t>(count), to)))
+        const size_t length = read_batch(in, from, wanted);
+        left = length == wanted ? left - static_cast<off_t>(length) : 0;
+        if (!write_all(out, to, worker.run(from, length, to)))
             break;
     }
     bv::wipe(from);

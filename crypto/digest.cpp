@@ -12,8 +12,23 @@
 
 namespace {
 
-constexpr uint32_t kSm3Size = 32;
+constexpr size_t kDigestSize = 32; // of both
 constexpr uint32_t kPieceSize = 65536;
+
+// More than libcrypto's own functions take of the stack to finish a digest: theirs keep it in
+// words.
+constexpr size_t kLibcryptoDepth = 1024;
+
+// Straight into the caller's buffer: what prints or converts elsewhere would leave the text on the
+// stack, and digests of passwords are as good as those.
+void put_digits(char *out, const uint8_t (&digest)[kDigestSize])
+{
+    static const char kDigits[] = "0123456789abcdef";
+    for (uint8_t byte : digest) {
+        *out++ = kDigits[byte >> 4];
+        *out++ = kDigits[byte & 15];
+    }
+}
 
 // One SM3 digest under way. A libcrypto that was built without SM3, or that has no memory for it,
 // makes it invalid; what is fed to it then is ignored.
@@ -38,11 +53,13 @@ public:
     // leaves out as it was.
     uint32_t finish(char *out)
     {
-        uint8_t digest[EVP_MAX_MD_SIZE] = {};
-        if (!valid_ || EVP_DigestFinal_ex(ctx_, digest, nullptr) != 1)
-            return BV_ERR_MEMORY;
-        bv_os_tohexstr(digest, kSm3Size, out, 2 * kSm3Size);
-        return BV_OK;
+        uint8_t digest[kDigestSize];
+        const bool done = valid_ && EVP_DigestFinal_ex(ctx_, digest, nullptr) == 1;
+        if (done)
+            put_digits(out, digest);
+        bv::wipe(digest);
+        bv::wipe_stack<kLibcryptoDepth>();
+        return done ? BV_OK : BV_ERR_MEMORY;
     }
 
 private:
@@ -89,8 +106,13 @@ void bv_os_sha256(char *out, const char *text)
     bv::sha256_blocks(h, tail, tail_blocks);
     bv::wipe(tail);
 
-    bv_os_sprintf(out, 128, "%08x%08x%08x%08x%08x%08x%08x%08x", h[0], h[1], h[2], h[3], h[4], h[5],
-                  h[6], h[7]);
+    uint8_t digest[kDigestSize];
+    for (size_t i = 0; i < 8; i++)
+        bv::put_be32(digest + 4 * i, h[i]);
+    put_digits(out, digest);
+    out[2 * kDigestSize] = '\0';
+    bv::wipe(h);
+    bv::wipe(digest);
 }
 
 uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out)

@@ -26,10 +26,8 @@ uint32_t bv_os_random(uint8_t *buf, int32_t num)
 {
     if (num > kMaxDigits)
         return BV_ERR_TOO_LONG;
-    if (num == 0)
-        return 1;
     // A negative number is refused here because the generator of OpenSSL 1.1 crashes on it.
-    if (num < 0 || buf == nullptr)
+    if (num < 0 || (buf == nullptr && num != 0))
         return 0;
 
     const int result = RAND_bytes(buf, num);

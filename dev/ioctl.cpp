@@ -7,6 +7,7 @@
 
 #include "os/alloc.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
 
@@ -61,7 +62,9 @@ uint32_t bv_ioctl_call(const char *name, void *data, uint32_t len)
         if (data != nullptr)
             bv_os_memcpy(data, len, data_of(record), len);
     }
+    const int error = errno;
     bv_os_free(record);
+    errno = error;
     return answer;
 }
 
@@ -72,6 +75,8 @@ uint32_t bv_ioctl_system(void *record)
         return BV_ERR_CHANNEL;
 
     int result = bv_os_ioctl(fd, kRequest, record);
+    const int error = errno; // why the driver rejected it
     bv_os_close(fd);
+    errno = error;
     return static_cast<uint32_t>(result);
 }

@@ -192,10 +192,23 @@ static void must(const char *what, uint32_t result, int32_t status)
     exit(1);
 }
 
+/* Calls a function in place. What comes back is as long as the owner makes it, whatever was sent:
+ * it goes into a buffer that holds the longest answer of the bus. */
+static uint32_t call(const char *function, void *data, uint32_t len)
+{
+    static uint8_t bytes[1024 * 1024];
+    uint32_t result;
+
+    memcpy(bytes, data, len);
+    result = bv_ubus_client_call(function, bytes, len);
+    memcpy(data, bytes, len);
+    return result;
+}
+
 /* Calls a configuration function in place and gives back the database's status. */
 static int32_t config_call(const char *function, struct config_message *message)
 {
-    must(function, bv_ubus_client_call(function, message, sizeof(*message)), BV_OK);
+    must(function, call(function, message, sizeof(*message)), BV_OK);
     return message->status;
 }
 
@@ -258,7 +271,7 @@ static void add(const char *family, char **assignments)
 
 static void trigger(uint32_t command)
 {
-    must("trigger", bv_ubus_client_call(FUNC_TRIGGER, &command, sizeof(command)), BV_OK);
+    must("trigger", call(FUNC_TRIGGER, &command, sizeof(command)), BV_OK);
 }
 
 static void set_switch(const char *module, const char *level, const char *value)
@@ -266,14 +279,14 @@ static void set_switch(const char *module, const char *level, const char *value)
     bv_debug_switch record = {(uint8_t)(strcmp(value, "on") == 0), (uint8_t)bv_os_atoi(level),
                               (uint16_t)bv_os_atoi(module)};
 
-    must("switch", bv_ubus_client_call(FUNC_SWITCH, &record, sizeof(record)), BV_OK);
+    must("switch", call(FUNC_SWITCH, &record, sizeof(record)), BV_OK);
 }
 
 static void event(void)
 {
     char text[64] = "";
 
-    must("event", bv_ubus_client_call(FUNC_EVENT, text, sizeof(text)), BV_OK);
+    must("event", call(FUNC_EVENT, text, sizeof(text)), BV_OK);
     printf("  %s\n", text);
 }
 

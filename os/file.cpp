@@ -9,21 +9,6 @@
 
 static_assert(sizeof(off_t) == 8, "files past 2 GiB need 64-bit offsets on every C library");
 
-namespace {
-
-// O_TMPFILE holds O_DIRECTORY's bit, so one common bit is not enough.
-bool takes_mode(int flags)
-{
-    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-}
-
-int open_file(const char *path, int flags, va_list args)
-{
-    return takes_mode(flags) ? open(path, flags, va_arg(args, mode_t)) : open(path, flags);
-}
-
-} // namespace
-
 FILE *bv_os_fopen(const char *path, const char *mode)
 {
     return fopen(path, mode);
@@ -69,22 +54,23 @@ int bv_os_pclose(FILE *stream)
     return pclose(stream);
 }
 
+// The platform knows which flags come with a mode; the others make it ignore what is fetched here.
 int bv_os_open(const char *path, int flags, ...)
 {
     va_list args;
     va_start(args, flags);
-    int fd = open_file(path, flags, args);
+    mode_t mode = va_arg(args, mode_t);
     va_end(args);
-    return fd;
+    return open(path, flags, mode);
 }
 
 int bv_os_dev_open(const char *path, int flags, ...)
 {
     va_list args;
     va_start(args, flags);
-    int fd = open_file(path, flags, args);
+    mode_t mode = va_arg(args, mode_t);
     va_end(args);
-    return fd;
+    return open(path, flags, mode);
 }
 
 int bv_os_creat(const char *path, mode_t mode)

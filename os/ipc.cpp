@@ -3,7 +3,6 @@
 #include <bv/os.h>
 
 #include <cstdarg>
-#include <fcntl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 
@@ -17,24 +16,6 @@ union SemaphoreArgument {
     struct seminfo *info;
 };
 
-bool takes_argument(int command)
-{
-    switch (command) {
-    case SETVAL:
-    case GETALL:
-    case SETALL:
-    case IPC_STAT:
-    case IPC_SET:
-    case IPC_INFO:
-    case SEM_INFO:
-    case SEM_STAT:
-    case SEM_STAT_ANY:
-        return true;
-    default:
-        return false;
-    }
-}
-
 } // namespace
 
 int bv_os_sem_init(sem_t *sem, int pshared, unsigned int value)
@@ -42,11 +23,10 @@ int bv_os_sem_init(sem_t *sem, int pshared, unsigned int value)
     return sem_init(sem, pshared, value);
 }
 
+// What the platform takes only with some flags or commands is always fetched and passed on, here
+// and in bv_os_semctl(): it knows them all, and ignores what it does not need.
 sem_t *bv_os_sem_open(const char *name, int oflag, ...)
 {
-    if ((oflag & O_CREAT) == 0)
-        return sem_open(name, oflag);
-
     va_list args;
     va_start(args, oflag);
     mode_t mode = va_arg(args, mode_t);
@@ -97,9 +77,6 @@ int bv_os_semop(int semid, struct sembuf *ops, size_t nops)
 
 int bv_os_semctl(int semid, int semnum, int cmd, ...)
 {
-    if (!takes_argument(cmd))
-        return semctl(semid, semnum, cmd);
-
     va_list args;
     va_start(args, cmd);
     SemaphoreArgument argument = va_arg(args, SemaphoreArgument);

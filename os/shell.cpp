@@ -10,6 +10,7 @@
 
 #include <securec.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdlib>
@@ -71,6 +72,25 @@ int32_t take_capture(const FileName &name, char *out, uint32_t outsize)
 
     int printed = bv_os_snprintf(out, outsize, "%s", bv_os_trim(text));
     return printed > 0 ? BV_OK : BV_ERR_FAILED;
+}
+
+// Like fgets(), but a signal does not end the line. C libraries lose what they had read of it then,
+// so it is read a character at a time: a read that a signal interrupted has taken none.
+void read_line(char *out, int outsize, FILE *stream)
+{
+    if (outsize == 1)
+        bv_os_fgets(out, outsize, stream); // room for the terminator
+    for (int at = 0; at < outsize - 1;) {
+        errno = 0;
+        if (bv_os_fgets(out + at, 2, stream) != nullptr) {
+            if (out[at++] == '\n')
+                return;
+        } else if (ferror(stream) != 0 && errno == EINTR) {
+            clearerr(stream);
+        } else {
+            return;
+        }
+    }
 }
 
 } // namespace
@@ -159,6 +179,6 @@ void bv_get_pipe(const char *command, char *out, uint32_t outsize)
         return;
 
     if (out != nullptr && outsize > 0)
-        bv_os_fgets(out, outsize > INT_MAX ? INT_MAX : static_cast<int>(outsize), stream);
+        read_line(out, outsize > INT_MAX ? INT_MAX : static_cast<int>(outsize), stream);
     bv_os_pclose(stream);
 }

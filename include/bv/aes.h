@@ -86,9 +86,10 @@ BV_API int32_t bv_aes_str_de(const char *hex_in, char *out, uint32_t out_size, c
  *
  * @param in_path   the file to read. When it is missing or empty, nothing is written, but out_path
  *                  is created all the same
- * @param out_path  the file to write, created with mode 0666 as the umask allows. It is not cut:
- *                  of a longer file there, the old end stays behind the new bytes. Must not be
- *                  the input file
+ * @param out_path  the file to write, created with mode 0666 as the umask allows. It is not
+ *                  truncated: of a longer file there, the old end stays after the new bytes. It
+ *                  may be the input file only when that has at most 32 bytes: the output is longer
+ *                  than what was read, and a larger file would be overwritten ahead of the reading
  * @param key       16 bytes
  * @return 0
  */
@@ -96,10 +97,12 @@ BV_API int32_t bv_aes_file_en(const char *in_path, const char *out_path, const u
 
 /**
  * Decrypts a file that bv_aes_file_en() has made. A message of 48 bytes whose padding is wrong
- * gives the 32 bytes before its last block; the messages behind it are not affected.
+ * gives the 32 bytes before its last block; the messages after it are not affected.
  *
  * @param in_path   the file to read; as in bv_aes_file_en()
- * @param out_path  the file to write; as in bv_aes_file_en()
+ * @param out_path  the file to write; as in bv_aes_file_en(), but it may be the input file of any
+ *                  size: the output is shorter and never passes what was read. The old end stays
+ *                  there too
  * @param key       16 bytes
  * @return 0
  */

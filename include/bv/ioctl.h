@@ -34,7 +34,8 @@ typedef struct bv_ioctl_record {
  *
  * @return the driver's own result; or, with data as it was:
  * @retval BV_ERR_MEMORY   no memory for the record, which needs len + 265 bytes of the 1310720
- *                         that one allocation may have
+ *                         that one allocation may have; the allocator prints its refusal on
+ *                         standard output
  * @retval BV_ERR_CHANNEL  "/dev/brovan" cannot be opened: driver not loaded, or no permission
  * @retval 0xFFFFFFFF      the driver rejected the request (errno says why); any other non-zero
  *                         result of the ioctl is returned as it is

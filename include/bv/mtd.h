@@ -36,7 +36,7 @@ extern "C" {
  *
  * @retval BV_OK           info is filled
  * @retval BV_ERR_INVALID  name or info is null
- * @retval BV_ERR_FAILED   no such partition, its device cannot be opened, or it is no flash
+ * @retval BV_ERR_FAILED   no such partition, its device cannot be opened, or it is not flash
  */
 BV_API int32_t bv_mtd_get_info(const char *name, struct mtd_info_user *info);
 
@@ -76,7 +76,8 @@ BV_API int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, 
 
 /**
  * Erases whole blocks, one request each. A block that already reads all 0xFF is left alone, to
- * spare it wear; blocks of more than 655360 bytes are erased without that look.
+ * spare it wear. The look takes an allocation of two blocks: blocks of more than 655360 bytes are
+ * erased without it, and for each of them the allocator prints its refusal on standard output.
  *
  * A block that fails to erase is not reported. It is tried again in the next block's round, so
  * as many blocks at the end of the range stay as they were as there were failures: read the
@@ -87,7 +88,8 @@ BV_API int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, 
  * @param len     bytes, at least 1; a multiple of the erase size
  *
  * @retval BV_OK           every round was done (see above)
- * @retval BV_ERR_INVALID  name is null, len is 0, or the range is not made of whole blocks
+ * @retval BV_ERR_INVALID  name is null, len is 0, the range is not made of whole blocks, or the
+ *                         device has none: it says that a block has 0 bytes
  * @retval BV_ERR_FAILED   as bv_mtd_get_info(), or the device could not be closed cleanly
  * @retval BV_ERR_RANGE    the range ends beyond the partition
  * @retval BV_ERR_OPEN     the device cannot be opened for writing

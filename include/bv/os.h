@@ -317,7 +317,8 @@ BV_API int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern,
  *
  * @param command  the shell command as it is, of any length
  * @param out      gets the line with its newline, or as much of it as fits; keeps what it held
- *                 when the command cannot be started or prints nothing
+ *                 when the command cannot be started or prints nothing. Signals that the process
+ *                 handles meanwhile do not cut it
  * @param outsize  capacity of out; 0 leaves it alone
  */
 BV_API void bv_get_pipe(const char *command, char *out, uint32_t outsize);
@@ -511,9 +512,11 @@ BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
  * @param out   gets 64 lower-case hexadecimal digits and no terminator, as in bv_os_sm3_str()
  *
  * @retval BV_OK           out holds the digest
- * @retval BV_ERR_NO_FILE  there is no such file, or an argument is null
+ * @retval BV_ERR_NO_FILE  there is no such file, a folder on its path may not be searched, or an
+ *                         argument is null
  * @retval BV_ERR_OPEN     the file cannot be opened
- * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB, or as in bv_os_sm3_str()
+ * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB, which the allocator says on
+ *                         standard output; or as in bv_os_sm3_str()
  *
  * A failure leaves out as it was.
  */
@@ -546,10 +549,11 @@ BV_API uint16_t bv_os_crc16(uint16_t crc, const uint8_t *buf, uint32_t len);
  * random bits.
  *
  * @param buf  gets num characters and no terminator
- * @param num  0 to 256; 0 leaves buf as it was
+ * @param num  0 to 256; 0 leaves buf, which may then be null, as it was, and the generator is
+ *             asked all the same
  *
  * @retval 1                buf holds random text
- * @retval 0                num is negative or buf is null: buf is as it was
+ * @retval 0                num is negative, or buf is null and num is not 0: buf is as it was
  * @retval BV_ERR_TOO_LONG  num is above 256: buf is as it was
  *
  * 0 or anything else is also what the random generator, libcrypto's RAND_bytes(), returns when it
@@ -629,7 +633,7 @@ BV_API ssize_t bv_os_recvfrom(int fd, void *buf, size_t len, int flags, struct s
 BV_API ssize_t bv_os_recvmsg(int fd, struct msghdr *msg, int flags);
 /** setsockopt(2). */
 BV_API int bv_os_setsockopt(int fd, int level, int option, const void *value, socklen_t len);
-/** ioctl(2). The one argument behind request is always fetched, as a pointer-sized one. */
+/** ioctl(2). The one argument after request is always fetched, as a pointer-sized one. */
 BV_API int bv_os_ioctl(int fd, unsigned long request, ...);
 /** select(2). */
 BV_API int bv_os_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
@@ -660,7 +664,7 @@ BV_API FILE *bv_os_popen(const char *command, const char *type);
 /** pclose(3): the command's wait status. */
 BV_API int bv_os_pclose(FILE *stream);
 
-/** open(2). The mode, a mode_t, is fetched only with O_CREAT or O_TMPFILE among the flags. */
+/** open(2). The mode, a mode_t, is always fetched and passed on; flags that need none ignore it. */
 BV_API int bv_os_open(const char *path, int flags, ...);
 /** The same as bv_os_open(), under the name that is used for device nodes. */
 BV_API int bv_os_dev_open(const char *path, int flags, ...);
@@ -736,7 +740,7 @@ BV_API void (*bv_os_signal(int sig, void (*handler)(int)))(int);
 
 /** sem_init(3). */
 BV_API int bv_os_sem_init(sem_t *sem, int pshared, unsigned int value);
-/** sem_open(3). Mode and value (mode_t, unsigned int) are fetched only with O_CREAT in oflag. */
+/** sem_open(3). Mode and value (mode_t, unsigned int) are always fetched and passed on. */
 BV_API sem_t *bv_os_sem_open(const char *name, int oflag, ...);
 /** sem_close(3). */
 BV_API int bv_os_sem_close(sem_t *sem);
@@ -756,8 +760,8 @@ BV_API int bv_os_semget(key_t key, int nsems, int flags);
 /** semop(2). */
 BV_API int bv_os_semop(int semid, struct sembuf *ops, size_t nops);
 /**
- * semctl(2). The fourth argument, a union semun or one of its members, is fetched only for the
- * commands that use one: SETVAL, GETALL, SETALL, IPC_STAT, IPC_SET and the *_INFO and *_STAT ones.
+ * semctl(2). The fourth argument, a union semun or one of its members, is always fetched and passed
+ * on; commands that use none ignore it.
  */
 BV_API int bv_os_semctl(int semid, int semnum, int cmd, ...);
 /** shmat(2): the address, or (void *)-1. There is no wrapper for shmget(2). */

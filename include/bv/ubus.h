@@ -12,7 +12,8 @@
  *
  * Threads, for the whole header: one event loop per process, driven by the thread that runs it; a
  * bus connection is used by one thread at a time. The bus library shares buffers between all
- * connections of a process, so the server and the client of one process belong to one thread.
+ * connections of a process, so the server and the client of one process belong to one thread; see
+ * bv_ubus_server_init() for the one exception.
  * The remaining wrappers keep no state; blob buffers and JSON objects belong to whoever uses them.
  *
  * Signals: initialising the event loop, which connecting to the bus does too, installs the loop's
@@ -337,7 +338,9 @@ BV_API int bv_ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_
  * @param ctx        the connection
  * @param obj        the object's id
  * @param method     the method's name
- * @param msg        the arguments, of which the payload is sent; null for none
+ * @param msg        the arguments, of which the payload is sent; null for none. Keep it below
+ *                   1 000 000 bytes: the daemon adds account names when it passes a call on, and an
+ *                   owner that is sent more than 1 MiB understands nothing any more
  * @param cb         called for each data message of the answer, which is valid only inside; may be
  *                   null
  * @param priv       handed to cb as `priv` of its request
@@ -362,9 +365,9 @@ BV_API int bv_ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data
                               struct blob_attr *msg);
 
 /**
- * ubus_complete_deferred_request(): sends `ret` as the status of a request at once, behind its
- * replies. A handler that was not deferred sends its result as a second status, which callers
- * ignore.
+ * ubus_complete_deferred_request(): sends `ret` as the status of a request at once, after its
+ * replies. A handler sets `req->deferred` first; otherwise its result is sent as a second status,
+ * which callers ignore.
  */
 BV_API void bv_ubus_complete_deferred_request(struct ubus_context *ctx,
                                               struct ubus_request_data *req, int ret);
@@ -419,7 +422,8 @@ BV_API int bv_json_object_put(struct json_object *obj);
  * name over the bytes and sends them back with the function's result. Bytes are opaque: the two
  * sides agree on their layout, in the machine's own order or any other.
  *
- * One message holds a mebibyte: keep data below 1 000 000 bytes.
+ * One message holds a mebibyte, some of which goes to names and account names: keep data below
+ * 1 000 000 bytes.
  * @{
  */
 
@@ -461,6 +465,12 @@ BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
  * of this function, which frees it together with the older registry. Not to be called from a
  * handler.
  *
+ * A client of the same process in another thread: the platform's bus library has one set of buffers
+ * for both, so only one of the two threads may be in it at any time. That holds as long as the
+ * client connects when the server is serving, and nothing but the client's own calls reaches the
+ * server: its one status for a call is the last that it sends before the client goes on. It does
+ * not hold beside other callers, nor after a call of the client that timed out.
+ *
  * @param object_name       the object's name, at most 127 characters (a longer one is published as
  *                          the empty name, which nobody can look up); null for
  *                          "brovan.gateway.server"
@@ -468,7 +478,8 @@ BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
  *                          is ignored; may be null
  *
  * @retval 0  the loop has ended
- * @retval -1 no memory for the registry, no event loop, or no bus; the registry stays
+ * @retval -1 no memory for the registry, and there is none then; or no event loop, or no bus: the
+ *            registry stays as the callback filled it
  * @return else the bus status with which the object was refused, 2 for a name in use; the
  *         connection is freed
  */
@@ -485,7 +496,7 @@ BV_API int32_t bv_ubus_server_init(const char *object_name, int (*register_callb
  * @param object_name the object to call; null for "brovan.gateway.server"
  *
  * @retval 0  connected
- * @retval -1 no bus
+ * @retval -1 no bus, or no memory for the connection
  */
 BV_API int32_t bv_ubus_client_init(const char *object_name);
 
@@ -495,22 +506,28 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  * and takes no lock.
  *
  * @param func_name the function's name
- * @param data      `len` bytes, replaced by those that the function left there. Not more than `len`
- *                  are written, fewer when the reply brought fewer. May be null when len is 0.
- * @param len       in bytes, at most what one message holds (see above)
+ * @param data      `len` bytes to send, replaced by those that come back. The buffer must hold
+ *                  whatever the owner sends: as many bytes are written as the reply declares and
+ *                  carries, and `len` does not limit them. An owner that uses this library sends
+ *                  `len` bytes back; another one may send up to a mebibyte. A caller that cannot
+ *                  trust the owner of the object's name passes a buffer of 1048576 bytes. May be
+ *                  null when len is 0; nothing is written then.
+ * @param len       bytes to send, at most what one message holds (see above)
  *
- * @return the function's result, or one of these, in which case data is as it was:
- * @retval 2          unknown function; or cannot be sent: null argument, too long, the connection
- *                    was found dead; or no memory for the bytes, here or at the owner
+ * @return the function's result, or one of these. Then data is as it was, unless a reply had come
+ *         before the failure: its bytes are written at once.
+ * @retval 2          unknown function; or cannot be sent: null argument, more than a message of
+ *                    1048576 bytes holds beside 128 bytes for account names, the connection was
+ *                    found dead; or no memory for the bytes, here or at the owner
  * @retval 3          the object has no method "method": it is none of ours
  * @retval 4          no such object
  * @retval 6          the bus does not permit the call
  * @retval 7          no answer in time
- * @retval 10         not connected, or the connection was lost while waiting; after 7 and 10 data
- *                    may hold the answer's bytes, when those came and the end of the call did not
+ * @retval 10         not connected, or the connection was lost while waiting
  * @retval 0x10000010 the reply lacked a field
  *
- * A result of the function cannot be told from a bus status of the same number. An answer without
+ * An owner that does not use this library may end a call with any other status. A result of the
+ * function cannot be told from a bus status of the same number. An answer without
  * any reply message returns the result of the call before it.
  */
 BV_API uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len);

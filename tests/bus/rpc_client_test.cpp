@@ -184,16 +184,18 @@ TEST(RpcClient, EveryResultComesThrough)
     }
 }
 
-TEST(RpcClient, AReplyNeverWritesPastTheCallersLength)
+TEST(RpcClient, ShortRequestMayBringLongReply)
 {
-    for (uint32_t declared : {7u, 64u, 0x7fffffffu, 0xffffffffu}) {
-        SCOPED_TRACE(declared);
-        Client client(reply_with(wire::reply(7, declared, Bytes(64, 0x99))));
-        Bytes guarded(12, 0x11);
-        EXPECT_EQ(bv_ubus_client_call("get", guarded.data(), 6), 7u);
-        Bytes expected(12, 0x11);
-        std::fill_n(expected.begin(), 6, 0x99);
-        EXPECT_EQ(guarded, expected);
+    for (uint32_t sent : {0u, 6u, 64u}) {
+        for (uint32_t declared : {7u, 64u, 65u, 0x7fffffffu, 0xffffffffu}) {
+            SCOPED_TRACE(std::to_string(sent) + " " + std::to_string(declared));
+            Client client(reply_with(wire::reply(7, declared, Bytes(64, 0x99))));
+            Bytes buffer(70, 0x11);
+            EXPECT_EQ(bv_ubus_client_call("get", buffer.data(), sent), 7u);
+            Bytes expected(70, 0x11);
+            std::fill_n(expected.begin(), std::min(declared, 64u), 0x99);
+            EXPECT_EQ(buffer, expected);
+        }
     }
 }
 
@@ -259,7 +261,7 @@ TEST(RpcClient, AReplyWithoutAMessageLacksItsFields)
     EXPECT_EQ(client.call(), 7u);
 }
 
-// Whatever the reply, only the caller's bytes are written, and the next call works. The sanitizers
+// Whatever the reply, no more is written than came, and the next call works. The sanitizers
 // see to the rest.
 TEST(RpcClient, DamagedRepliesEndTheirCallOnly)
 {
@@ -274,11 +276,12 @@ TEST(RpcClient, DamagedRepliesEndTheirCallOnly)
         repliers.push_back(reply_with(fields));
     }
     repliers.push_back(reply_with(wire::reply(7, 6, Bytes(6, 9))));
+    const size_t longest = wire::reply(7, 40, Bytes(40)).size();
     Client client(repliers);
     for (int i = 0; i < 1500; i++) {
-        Bytes guarded(12, 0x77);
+        Bytes guarded(longest + 6, 0x77);
         bv_ubus_client_call("get", guarded.data(), 6);
-        ASSERT_EQ(Bytes(guarded.begin() + 6, guarded.end()), Bytes(6, 0x77));
+        ASSERT_EQ(Bytes(guarded.end() - 6, guarded.end()), Bytes(6, 0x77));
     }
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(client.buffer, Bytes(6, 9));
@@ -493,6 +496,28 @@ TEST(RpcClient, ALargeCallTravels)
     EXPECT_EQ(client.call(), 7u);
     EXPECT_TRUE(client.buffer == Bytes(1000000, 0x44));
     EXPECT_TRUE(seen == wire::request("get", 1000000, Bytes(1000000, 0x33)));
+}
+
+// 128 bytes below what the bus takes: the daemon adds the caller's account names on the way.
+TEST(RpcClient, RoomForAccountNamesIsLeftInTheLongestCall)
+{
+    size_t body = 0;
+    uint16_t sequence = 0;
+    Client client([&](Peer &peer, const Message &invoke) {
+        body = invoke.attributes.size() + 4;
+        sequence = invoke.sequence;
+        peer.send_reply(invoke, wire::reply(7, 0, {}));
+        peer.send_status(invoke, 0);
+    });
+    const uint32_t around =
+        4 + 8 + 12 + 4 + 16 + 16 + 12; // body, object, method, arguments, fields
+    const uint32_t longest = 1048576 - 128 - around;
+    Bytes data(longest + 1, 0x33);
+    EXPECT_EQ(bv_ubus_client_call("get", data.data(), longest + 1), 2u);
+    EXPECT_EQ(bv_ubus_client_call("get_", data.data(), longest), 2u);
+    EXPECT_EQ(bv_ubus_client_call("get", data.data(), longest), 7u);
+    EXPECT_EQ(body, 1048576u - 128);
+    EXPECT_EQ(sequence, 2) << "the refused ones went nowhere";
 }
 
 TEST(RpcClient, AShortCallBehindALongOneSendsNothingOfIt)

@@ -40,8 +40,11 @@ public:
 
     // For an owner: says hello, accepts its object and returns what it published.
     wire::Message accept_object();
-    // For an owner: calls the method and collects everything up to its second status.
+    // For an owner: calls the method and collects everything up to its status.
     Answer call(const wire::Bytes &fields);
+    // For an owner: fails when it sent more than its answers. What it says to a call of a method
+    // that it does not have comes after everything else.
+    void expect_nothing_more();
 
 private:
     int fd_;

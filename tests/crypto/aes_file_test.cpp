@@ -22,6 +22,7 @@ namespace {
 void (*g_before_read)(int call); // counted from 1
 int g_reads;
 size_t g_most = SIZE_MAX; // bytes that a read gives at most
+FaultPoint fault_read;
 FaultPoint fault_write;
 size_t g_most_written = SIZE_MAX; // bytes that a write takes at most
 off_t g_size;                     // what seeking to the end answers, when not 0
@@ -39,6 +40,8 @@ extern "C" ssize_t read(int fd, void *buf, size_t n)
     static auto *next = next_function<ssize_t(int, void *, size_t)>("read");
     if (g_before_read != nullptr)
         g_before_read(++g_reads);
+    if (fault_read.fails())
+        return -1;
     return next(fd, buf, n < g_most ? n : g_most);
 }
 
@@ -87,6 +90,7 @@ protected:
     {
         for (const char *path : {kPlain, kCipher, kBack, "/tmp/out", "/tmp/new"})
             unlink(path);
+        fault_read.pass();
         fault_write.pass();
         g_before_read = nullptr;
         g_reads = 0;
@@ -323,14 +327,53 @@ TEST_F(AesFile, AFileThatShrinksEndsWithTheBytesThatCame)
     expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 5000)), 0);
 }
 
-TEST_F(AesFile, AShortReadEndsTheWork)
+TEST_F(AesFile, ShortReadIsContinued)
 {
-    const std::string plain = RandomBytes(86).bytes(20000);
+    for (size_t most : {1u, 31u, 47u, 1001u, 4095u}) {
+        const std::string plain = RandomBytes(86).bytes(most == 1 ? 5000 : 20000);
+        write_file(kPlain, plain);
+        unlink(kCipher);
+        unlink(kBack);
+        g_most = most;
+        bv_aes_file_en(kPlain, kCipher, u8(kKey));
+        bv_aes_file_de(kCipher, kBack, u8(kKey));
+        g_most = SIZE_MAX;
+        expect_same(read_file(kCipher), by_chunks(true, plain), most);
+        expect_same(read_file(kBack), plain, most);
+    }
+}
+
+TEST_F(AesFile, FailedReadEndsTheWorkWithTheBytesThatCame)
+{
+    const std::string plain = RandomBytes(92).bytes(20000);
     write_file(kPlain, plain);
     g_most = 1001;
-    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    fault_read.fail_next(3);
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(fault_read.calls(), 3);
     g_most = SIZE_MAX;
-    expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 1001)), 0);
+    expect_same(read_file(kCipher), by_chunks(true, plain.substr(0, 2002)), 0);
+}
+
+TEST_F(AesFile, FileOfUpTo32BytesIsEncryptedInPlace)
+{
+    for (size_t size : {1u, 15u, 16u, 31u, 32u}) {
+        const std::string plain = RandomBytes(93).bytes(size);
+        write_file(kPlain, plain);
+        bv_aes_file_en(kPlain, kPlain, u8(kKey));
+        expect_same(read_file(kPlain), by_chunks(true, plain), size);
+    }
+}
+
+TEST_F(AesFile, FileOfAnySizeIsDecryptedInPlaceAndKeepsItsOldEnd)
+{
+    for (size_t size : {1u, 32u, 33u, 4096u, 4097u, 20000u, 1000003u}) {
+        const std::string plain = RandomBytes(94).bytes(size);
+        const std::string cipher = by_chunks(true, plain);
+        write_file(kCipher, cipher);
+        bv_aes_file_de(kCipher, kCipher, u8(kKey));
+        expect_same(read_file(kCipher), plain + cipher.substr(size), size);
+    }
 }
 
 TEST_F(AesFile, AShortWriteIsContinued)

@@ -98,16 +98,27 @@ TEST_F(Random, OneDigitIsEnough)
     EXPECT_TRUE(buffer.untouched_from(1));
 }
 
-TEST_F(Random, NoneAndNegativeNumbersLeaveTheBuffer)
+TEST_F(Random, NegativeNumbersAndNullLeaveTheBuffer)
 {
     Buffer buffer;
-    EXPECT_EQ(bv_os_random(buffer, 0), 1u);
-    EXPECT_EQ(bv_os_random(nullptr, 0), 1u);
     EXPECT_EQ(bv_os_random(buffer, -1), 0u);
     EXPECT_EQ(bv_os_random(buffer, INT32_MIN), 0u);
     EXPECT_EQ(bv_os_random(nullptr, 8), 0u);
     EXPECT_TRUE(buffer.untouched_from(0));
     EXPECT_EQ(g_calls, 0);
+}
+
+TEST_F(Random, GeneratorIsAskedForNoDigitsToo)
+{
+    Buffer buffer;
+    EXPECT_EQ(bv_os_random(buffer, 0), 1u);
+    EXPECT_EQ(bv_os_random(nullptr, 0), 1u);
+    for (int failure : {0, -1}) {
+        g_result = failure;
+        EXPECT_EQ(bv_os_random(buffer, 0), static_cast<uint32_t>(failure));
+    }
+    EXPECT_EQ(g_calls, 4);
+    EXPECT_TRUE(buffer.untouched_from(0));
 }
 
 TEST_F(Random, AFailingGeneratorIsReportedAndTheBufferConvertedAllTheSame)

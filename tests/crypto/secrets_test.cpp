@@ -207,6 +207,27 @@ TEST(Secrets, ATextDigestLeavesNothingOfTheText)
     const UsedStack stack([&] { bv_os_sha256(out, text.c_str()); });
     EXPECT_FALSE(stack.holds_any_form(text.substr(0, 64)));
     EXPECT_FALSE(stack.holds_any_form(text.substr(64)));
+    EXPECT_FALSE(stack.holds(out)) << "the digest's text";
+    EXPECT_FALSE(stack.holds_any_form(reference::digest(EVP_sha256(), text))) << "the digest";
+}
+
+TEST(Secrets, Sm3DigestIsOnlyWhereTheCallerWantsIt)
+{
+    const std::string text = "correct horse battery staple";
+    const std::string digest = reference::digest(EVP_sm3(), text);
+    static char out[65], of_file[65];
+    const UsedStack stack([&] { bv_os_sm3_str(u8(text), size_of(text), out); });
+    EXPECT_EQ(out, to_hex(digest));
+    EXPECT_FALSE(stack.holds(out)) << "the digest's text";
+    EXPECT_FALSE(stack.holds_any_form(digest)) << "the digest";
+
+    FILE *file = fopen("/tmp/secret", "wb");
+    ASSERT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
+    fclose(file);
+    const UsedStack file_stack([] { bv_os_sm3_file("/tmp/secret", of_file); });
+    EXPECT_STREQ(of_file, out);
+    EXPECT_FALSE(file_stack.holds(out)) << "the digest's text";
+    EXPECT_FALSE(file_stack.holds_any_form(digest)) << "the digest";
 }
 
 TEST(Secrets, TextEncryptionLeavesNeitherKeyNorText)

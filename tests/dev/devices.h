@@ -34,8 +34,8 @@ unsigned system_calls_on_flash(); // reads and writes on the devices
 const std::vector<int> &open_flags();
 
 // From now on: the next `count` erase requests fail; reading or writing stops `bytes` into the
-// transfer; asking for the geometry fails; seeking fails; closing is reported as failed; the
-// partition's or the erase size is reported as `size`.
+// transfer; asking for the geometry fails; seeking fails; closing, of the driver's node too, is
+// reported as failed; the partition's or the erase size is reported as `size`.
 void fail_erases(unsigned count);
 void stop_transfers_after(uint64_t bytes);
 void fail_geometry();

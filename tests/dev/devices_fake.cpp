@@ -216,7 +216,7 @@ extern "C" int open(const char *path, int flags, ...)
 
 extern "C" int close(int fd)
 {
-    bool fails = closes_fail && partition_of(fd) >= 0;
+    bool fails = closes_fail && (partition_of(fd) >= 0 || is_driver(fd));
     int result = real<int(int)>("close")(fd);
     if (!fails)
         return result;

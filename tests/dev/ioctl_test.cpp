@@ -81,6 +81,18 @@ TEST_F(Driver, ARejectedRequestLeavesTheData)
     EXPECT_EQ(data[2], 3);
 }
 
+TEST_F(Driver, ErrnoOfTheRejectionOutlivesTheClosing)
+{
+    NEEDS_MADE_UP_DEVICES();
+    devices::fail_closes(); // with EIO
+    uint8_t data[3] = {1, 2, 3};
+    EXPECT_EQ(bv_ioctl_call("reject", data, 3), 0xffffffffu);
+    EXPECT_EQ(errno, EPERM);
+    bv_ioctl_record record = {"reject", 0, 0};
+    EXPECT_EQ(bv_ioctl_system(&record), 0xffffffffu);
+    EXPECT_EQ(errno, EPERM);
+}
+
 TEST_F(Driver, AnyNonZeroResultOfTheIoctlIsReturnedAndLeavesTheData)
 {
     devices::driver_odd_result(true);

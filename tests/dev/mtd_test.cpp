@@ -5,6 +5,7 @@
 #include <bv/mtd.h>
 #include <bv/os.h>
 
+#include "support/capture.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>
@@ -430,7 +431,9 @@ TEST_F(Flash, ABlockOf655360BytesIsTheLargestThatIsLookedAt)
 TEST_F(Flash, BlocksTooLargeForOneAllocationAreErasedWithoutALook)
 {
     devices::report_erase_size(0x100000); // two of them exceed the allocation limit
+    CaptureStdout output;
     ASSERT_EQ(bv_mtd_erase("rootfs_data", 0, 0x100000), BV_OK);
+    EXPECT_EQ(output.stop(), "data size out of rang ui_size = 2097152 malloc fail\n");
     EXPECT_EQ(devices::erase_requests(), 1u);
     EXPECT_EQ(devices::system_calls_on_flash(), 0u);
 }

@@ -1,6 +1,8 @@
 // Replies to a call. The bus library is played here and gives the input as the owner's answer.
 //
-// Input: a byte for the size of the caller's buffer, then the payload of the reply.
+// The caller's buffer holds what the message brought and not a byte more, as callers promise.
+//
+// Input: a byte for the length of the request, then the payload of the reply.
 
 #include <bv/ubus.h>
 
@@ -57,10 +59,10 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const bool started = start();
     FUZZ_CHECK(started);
     fuzz::Input input(data, size);
-    const uint32_t room = input.byte();
+    const uint32_t length = input.byte();
     g_reply = input.rest();
 
-    fuzz::Block buffer(room);
-    bv_ubus_client_call("get", buffer.bytes(), room);
+    fuzz::Block buffer(std::max<size_t>(length, g_reply.size()));
+    bv_ubus_client_call("get", buffer.bytes(), length);
     return 0;
 }

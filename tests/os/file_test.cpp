@@ -67,7 +67,7 @@ TEST(Streams, PopenGivesTheCommandsOutputAndPcloseItsStatus)
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(Files, OpenTakesItsModeOnlyWhenItCreates)
+TEST(Files, OpenCreatesWithItsModeAndOpensWithoutOne)
 {
     umask(0);
     for (auto open_file : {bv_os_open, bv_os_dev_open}) {

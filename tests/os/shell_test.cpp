@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <vector>
 
@@ -434,6 +436,22 @@ TEST_F(Shell, GetPipeTakesWhatFits)
     bv_get_pipe("echo xyz", nullptr, 8);
     bv_get_pipe("echo xyz", out, 0xffffffff); // more than fgets() can be told
     EXPECT_STREQ(out, "xyz\n");
+}
+
+TEST_F(Shell, GetPipeReadsOnAfterSignals)
+{
+    static volatile sig_atomic_t signals;
+    struct sigaction action = {}; // without SA_RESTART
+    action.sa_handler = [](int) { signals = signals + 1; };
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often = {{0, 5000}, {0, 5000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    char out[32] = "before";
+    bv_get_pipe("sleep 0.1; printf ab; sleep 0.1; echo cd; echo ef", out, sizeof out);
+    const itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_STREQ(out, "abcd\n");
+    EXPECT_GT(signals, 0);
 }
 
 TEST_F(Shell, GetPipeLeavesTheBufferAloneWhenThereIsNothing)

@@ -1,8 +1,7 @@
 // What a wrapper gets is what the platform's function gets, argument for argument, and what that
 // returns is what the caller gets, errno included. This program stands in front of every function
 // that has a wrapper; while a test records, none of them does anything but note its arguments.
-// What the functions are good for, and the wrappers with an optional argument, are the other
-// tests' business.
+// What the functions are good for is the other tests' business.
 
 #include <bv/os.h>
 
@@ -10,8 +9,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -103,7 +104,25 @@ Function *next(std::atomic<void *> &known, const char *name)
     }                                                                                              \
     static_assert(true, "")
 
+// The same for functions with an optional argument, `optional` among the arguments.
+#define RECORDED_OPTIONAL(result, name, parameters, last, type, arguments)                         \
+    static std::atomic<void *> next_##name;                                                        \
+    extern "C" result name parameters                                                              \
+    {                                                                                              \
+        va_list list;                                                                              \
+        va_start(list, last);                                                                      \
+        const type optional = va_arg(list, type);                                                  \
+        va_end(list);                                                                              \
+        if (g_recording)                                                                           \
+            return note<result>(#name, numbers arguments);                                         \
+        return next<result parameters>(next_##name, #name) arguments;                              \
+    }                                                                                              \
+    static_assert(true, "")
+
 // clang-format off
+RECORDED_OPTIONAL(int, open, (const char *a, int b, ...), b, mode_t, (a, b, optional));
+RECORDED_OPTIONAL(int, semctl, (int a, int b, int c, ...), c, void *, (a, b, c, optional));
+
 RECORDED(time_t, mktime, (struct tm *a), (a));
 RECORDED(time_t, time, (time_t *a), (a));
 RECORDED(struct tm *, localtime, (const time_t *a), (a));
@@ -237,6 +256,17 @@ void passes(const char *name, Result (*wrapper)(Parameters...))
 
 } // namespace
 
+// Two optional arguments; nothing in this program needs the real one.
+extern "C" sem_t *sem_open(const char *name, int flags, ...)
+{
+    va_list list;
+    va_start(list, flags);
+    const mode_t mode = va_arg(list, mode_t);
+    const unsigned value = va_arg(list, unsigned);
+    va_end(list);
+    return note<sem_t *>("sem_open", numbers(name, flags, mode, value));
+}
+
 #define PASSES(name) passes(#name, bv_os_##name)
 
 TEST(Wrappers, OfTimesPassEverythingOn)
@@ -344,6 +374,26 @@ TEST(Wrappers, OfSemaphoresAndSharedMemoryPassEverythingOn)
     PASSES(shmat);
     PASSES(shmdt);
     PASSES(shmctl);
+}
+
+// Whatever the flags or the command: the platform knows which of them need the argument.
+TEST(Wrappers, WithOptionalArgumentsAlwaysPassThemOn)
+{
+    const mode_t mode = 0xdb6d;
+    const char *path = "/path";
+    for (int flags : {0, O_RDONLY | O_NONBLOCK, O_CREAT | O_WRONLY, 0x40000000}) {
+        for (auto *open_file : {bv_os_open, bv_os_dev_open}) {
+            record([=] { return open_file(path, flags, mode); });
+            expect_call("open", numbers(path, flags, mode));
+        }
+        record([=] { return bv_os_sem_open(path, flags, mode, 77u); });
+        expect_call("sem_open", numbers(path, flags, mode, 77u));
+    }
+    int object;
+    for (int command : {IPC_RMID, GETVAL, SETVAL, IPC_STAT, 98, 0x7fffffff}) {
+        record([&] { return bv_os_semctl(5, 6, command, &object); });
+        expect_call("semctl", numbers(5, 6, command, &object));
+    }
 }
 
 TEST(Wrappers, OfThreadsAndMutexesPassEverythingOn)

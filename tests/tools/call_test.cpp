@@ -11,6 +11,8 @@
 #include <bv/ubus.h>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <algorithm>
 #include <csignal>
@@ -90,7 +92,8 @@ protected:
 
 std::string result(const std::string &code, size_t length)
 {
-    return "bv-call: result " + code + ", " + std::to_string(length) + " bytes\n";
+    return "bv-call: result " + code + ", " + std::to_string(length) +
+           (length == 1 ? " byte\n" : " bytes\n");
 }
 
 // ---- bytes ----
@@ -206,6 +209,18 @@ TEST_F(Call, GivesUpAfterTheTimeout)
     Outcome outcome = run_tool({"-m", "100", "sleep"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors, "bv-call: sleep on brovan.gateway.server: no answer in time\n");
+}
+
+TEST_F(Call, GivesUpOnABusThatSaysNothing)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {AF_UNIX, "/tmp/silent.sock"};
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(fd, 1), 0);
+    Outcome outcome = run_tool({"-s", "/tmp/silent.sock", "-m", "100", "echo"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors, "bv-call: the bus does not answer\n");
+    close(fd);
 }
 
 TEST_F(Call, WaitsAsLongAsItIsTold)

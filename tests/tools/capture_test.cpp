@@ -236,7 +236,7 @@ TEST(Capture, SkipsWhatIsNoDatagramForTheCollector)
     Outcome outcome = read_back(content, {"-p", "5344"});
     EXPECT_EQ(outcome.output.substr(26), kLine);
     EXPECT_EQ(outcome.errors,
-              "bv-collect: 1 datagrams, 1 selected, 0 malformed, 9 other packets skipped\n");
+              "bv-collect: 1 datagram, 1 selected, 0 malformed, 9 other packets skipped\n");
     Outcome any_port = read_back(content);
     EXPECT_EQ(any_port.errors,
               "bv-collect: 2 datagrams, 2 selected, 0 malformed, 8 other packets skipped\n");

@@ -74,6 +74,7 @@ public:
         return program_->wait();
     }
     int wait() { return program_->wait(); }
+    void signal(int number) { program_->signal(number); }
 
     static std::vector<std::string> split(const std::string &text)
     {
@@ -142,6 +143,30 @@ TEST(Collect, MakesControlCharactersVisible)
               head + R"(\xc2\x9b[2J \xff \xc3 \xe7\xbd \xc0\x8a \xed\xa0\x80 \xf4\x90\x80\x80.)");
 }
 
+// They would break the line on some terminals, or show its text in another order than it has.
+TEST(Collect, MakesSeparatorsAndDirectionMarksVisible)
+{
+    Collector collector;
+    const Lines hidden = {"\xd8\x9c",     "\xe2\x80\x8e", "\xe2\x80\x8f",
+                          "\xe2\x80\xa8", "\xe2\x80\xa9", "\xe2\x80\xaa",
+                          "\xe2\x80\xae", "\xe2\x81\xa6", "\xe2\x81\xa9"};
+    const Lines shown = {R"(\xd8\x9c)",     R"(\xe2\x80\x8e)", R"(\xe2\x80\x8f)",
+                         R"(\xe2\x80\xa8)", R"(\xe2\x80\xa9)", R"(\xe2\x80\xaa)",
+                         R"(\xe2\x80\xae)", R"(\xe2\x81\xa6)", R"(\xe2\x81\xa9)"};
+    // Their neighbours, before and after.
+    const std::string harmless = "\xd8\x9b \xd8\x9d \xe2\x80\x8d \xe2\x80\x90 \xe2\x80\xa7 "
+                                 "\xe2\x80\xaf \xe2\x81\xa5 \xe2\x81\xaa";
+    for (const std::string &text : hidden)
+        bv_debug_remote(1, 0, 1, 1, "a%sb", text.c_str());
+    bv_debug_remote(1, 0, 1, 1, "%s", harmless.c_str());
+    const Lines lines = collector.lines(hidden.size() + 1);
+    ASSERT_EQ(lines.size(), hidden.size() + 1);
+    const std::string head = "category=1 module=1 level=1 tag=0x0000 ";
+    for (size_t i = 0; i < hidden.size(); i++)
+        EXPECT_EQ(lines[i], head + "a" + shown[i] + "b");
+    EXPECT_EQ(lines.back(), head + harmless);
+}
+
 TEST(Collect, FiltersByModuleAndLevel)
 {
     Collector collector({"--module", "0,2-4", "-m", "8", "--level=5-7,1"});
@@ -166,20 +191,22 @@ TEST(Collect, SaysWhatIsWrongWithAMalformedDatagramAndCountsIt)
 {
     Collector collector;
     collector.send("");
+    collector.send("x");
     collector.send("\5\3\0\2\0\x09\x12\x34\0"s);
     collector.send("\x25\3\0\2\0\x0a\x12\x34\0\4"s);
     collector.send("\5\3\0\2\0\x0b\x12\x34\0\4"s);
     collector.send("\5\3\0\2\0\x0b\x12\x34\0\4x"s);
     collector.send("\5\3\0\2\0\x0b\x12\x34\0\5x"s);
-    EXPECT_EQ(collector.lines(6),
+    EXPECT_EQ(collector.lines(7),
               (Lines{"malformed: 0 bytes, shorter than its head",
+                     "malformed: 1 byte, shorter than its head",
                      "malformed: 9 bytes, shorter than its head",
                      "malformed: 10 bytes, a category above 31",
                      "malformed: 10 bytes, a total length other than its size",
                      "malformed: 11 bytes, an element length that does not fit its size",
                      "category=5 module=2 level=3 tag=0x1234 x"}));
     EXPECT_EQ(collector.end(), 0);
-    EXPECT_NE(collector.errors().find("6 datagrams, 1 selected, 5 malformed\n"), std::string::npos);
+    EXPECT_NE(collector.errors().find("7 datagrams, 1 selected, 6 malformed\n"), std::string::npos);
 }
 
 TEST(Collect, CountsMalformedDatagramsBehindAFilterWithoutALine)
@@ -208,9 +235,49 @@ TEST(Collect, EndsCleanlyBySignal)
         bv_debug_remote(1, 0, 1, 1, "one");
         collector.lines(1);
         EXPECT_EQ(collector.end(number), 0);
-        EXPECT_NE(collector.errors().find("1 datagrams, 1 selected, 0 malformed\n"),
+        EXPECT_NE(collector.errors().find("1 datagram, 1 selected, 0 malformed\n"),
                   std::string::npos);
     }
+}
+
+TEST(Collect, SaysHowManyDatagramsTheSystemDropped)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    const int told = setsockopt(fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
+    close(fd);
+    if (told != 0)
+        GTEST_SKIP() << "this system does not tell";
+
+    Collector collector;
+    unsigned sent = 0;
+    const auto send = [&](const char *text) {
+        bv_debug_remote(1, 0, 1, 1, "%s", text);
+        sent++;
+    };
+    collector.signal(SIGSTOP);
+    while (sent < 3000) // far more than its socket holds
+        send("flood");
+    collector.signal(SIGCONT);
+    EXPECT_TRUE(eventually([&] {
+        send("more");
+        return collector.output().find("more\n") != std::string::npos;
+    }));
+    send("end"); // the queue has room again, and this one knows of everything dropped before it
+    EXPECT_TRUE(eventually([&] { return collector.output().find("end\n") != std::string::npos; }));
+    EXPECT_EQ(collector.end(), 0);
+
+    unsigned received = 0, selected = 0, dropped = 0;
+    const std::string errors = collector.errors();
+    const size_t line = errors.rfind("bv-collect: ");
+    ASSERT_EQ(sscanf(errors.c_str() + line,
+                     "bv-collect: %u datagrams, %u selected, 0 malformed, %u dropped by the system",
+                     &received, &selected, &dropped),
+              3)
+        << errors;
+    EXPECT_EQ(received, Collector::split(collector.output()).size());
+    EXPECT_GT(dropped, 0u);
+    EXPECT_EQ(received + dropped, sent);
 }
 
 TEST(Collect, EndsAfterACountOfDatagrams)

@@ -55,6 +55,17 @@ TEST(TemplateCheck, PassesTheTemplatesOfTheExamples)
     EXPECT_EQ(outcome.output, "");
 }
 
+// Names of files come from whoever made them: `bv-template check *` must not obey them.
+TEST(TemplateCheck, MakesNamesOfFilesVisible)
+{
+    const std::string name = "/etc/template/\x1b[2J.json";
+    write_file(name, "{");
+    Outcome outcome = run_tool({"check", name, name + "2"});
+    EXPECT_EQ(outcome.output.rfind(R"(/etc/template/\x1b[2J.json:1: )", 0), 0u) << outcome.output;
+    EXPECT_EQ(outcome.errors.rfind(R"(bv-template: /etc/template/\x1b[2J.json2: )", 0), 0u)
+        << outcome.errors;
+}
+
 TEST(TemplateCheck, PassesTheEndsOfEveryType)
 {
     const char *const rows[][3] = {{"string", "1", "\"\""},
@@ -80,6 +91,8 @@ TEST(TemplateCheck, PassesTheEndsOfEveryType)
 TEST(TemplateCheck, FindsValuesThatDoNotFit)
 {
     const char *const rows[][4] = {
+        {"string", "1", "\"a\"",
+         "text of 1 byte is too long for len 1, which counts the zero byte at its end"},
         {"string", "4", "\"abcd\"",
          "text of 4 bytes is too long for len 4, which counts the zero byte at its end"},
         {"char", "1", "\"-129\"", "-129 does not fit type char (-128 to 127)"},

@@ -65,6 +65,16 @@ static void end_at_once(int number)
     _exit(128 + number);
 }
 
+/* Connecting and looking up wait without limit; see remote.c. */
+static void bus_is_silent(int number)
+{
+    static const char text[] = "bv-call: the bus does not answer\n";
+
+    (void)number;
+    (void)write(STDERR_FILENO, text, sizeof(text) - 1);
+    _exit(EXIT_NO_ANSWER);
+}
+
 static bool fill_bytes(char **assignments)
 {
     if (options.template_name != NULL &&
@@ -87,6 +97,7 @@ static int call(char **assignments)
         return EXIT_USAGE;
     signal(SIGINT, end_at_once);
     signal(SIGTERM, end_at_once);
+    signal(SIGALRM, bus_is_silent);
     why = remote_call(&options.remote, &bytes, &result);
     if (why != NULL) {
         fprintf(stderr, "bv-call: %s on %s: %s\n", options.remote.function, options.remote.object,

@@ -4,6 +4,8 @@
  */
 #include "call/remote.h"
 
+#include <sys/time.h>
+
 #include <bv/ubus.h>
 
 enum { RETURN, LEN, DATA, FIELDS };
@@ -75,6 +77,14 @@ static bool build_request(struct blob_buf *request, const char *function, const 
            bv_blobmsg_add_field(request, BLOBMSG_TYPE_UNSPEC, "data", bytes->data, length) == 0;
 }
 
+/* SIGALRM comes after so many milliseconds; 0: not at all. */
+static void set_alarm(int timeout_ms)
+{
+    struct itimerval timer = {{0, 0}, {timeout_ms / 1000, timeout_ms % 1000 * 1000}};
+
+    setitimer(ITIMER_REAL, &timer, NULL);
+}
+
 /* Calls over an open connection. */
 static const char *call(struct ubus_context *bus, const struct remote *remote, struct reply *reply)
 {
@@ -82,6 +92,7 @@ static const char *call(struct ubus_context *bus, const struct remote *remote, s
     uint32_t object;
     int status = bv_ubus_lookup_id(bus, remote->object, &object);
 
+    set_alarm(0); /* the call itself has a limit */
     if (status != UBUS_STATUS_OK)
         return status_text(status);
     if (!build_request(&request, remote->function, reply->bytes))
@@ -96,9 +107,11 @@ static const char *call(struct ubus_context *bus, const struct remote *remote, s
 const char *remote_call(const struct remote *remote, struct bytes *bytes, uint32_t *result)
 {
     struct reply reply = {bytes, 0, NULL};
-    struct ubus_context *bus = bv_ubus_connect(remote->socket);
+    struct ubus_context *bus;
     const char *fault;
 
+    set_alarm(remote->timeout_ms);
+    bus = bv_ubus_connect(remote->socket);
     if (bus == NULL)
         return "cannot connect to the bus";
     fault = call(bus, remote, &reply);

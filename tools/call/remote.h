@@ -14,7 +14,8 @@ struct remote {
 };
 
 /* Calls a function with `bytes` and puts what came back into their place. Gives back why there was
- * no answer, or NULL: then `result` is the function's. */
+ * no answer, or NULL: then `result` is the function's. A bus that lets it wait for longer than the
+ * timeout before the call raises SIGALRM. */
 const char *remote_call(const struct remote *remote, struct bytes *bytes, uint32_t *result);
 
 #endif

@@ -51,9 +51,9 @@ void show_result(uint32_t result, const struct bytes *bytes)
 {
     const char *name = result_name(result);
 
-    fprintf(stderr, "bv-call: result 0x%08" PRIx32 "%s%s%s, %zu bytes\n", result,
+    fprintf(stderr, "bv-call: result 0x%08" PRIx32 "%s%s%s, %zu byte%s\n", result,
             name != NULL ? " (" : "", name != NULL ? name : "", name != NULL ? ")" : "",
-            bytes->length);
+            bytes->length, bytes->length == 1 ? "" : "s");
 }
 
 static bool write_raw(const char *path, const struct bytes *bytes)

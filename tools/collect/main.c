@@ -66,6 +66,11 @@ static int fail(const char *what, const char *why)
     return EXIT_FAILED;
 }
 
+static const char *plural(size_t count)
+{
+    return count == 1 ? "" : "s";
+}
+
 /* ---- one line each ---- */
 
 static bool lines_wanted(void)
@@ -92,7 +97,7 @@ static void show_malformed(const struct packet *packet, const char *fault)
     if (!lines_wanted() || options.modules.count != 0 || options.levels.count != 0)
         return;
     print_origin(packet);
-    printf("malformed: %zu bytes, %s\n", packet->length, fault);
+    printf("malformed: %zu byte%s, %s\n", packet->length, plural(packet->length), fault);
 }
 
 static void show(const struct packet *packet)
@@ -123,12 +128,14 @@ static bool enough(void)
     return options.count != 0 && counts.received >= options.count;
 }
 
-static int report(unsigned skipped)
+static int report(unsigned skipped, unsigned dropped)
 {
-    fprintf(stderr, "bv-collect: %u datagrams, %u selected, %u malformed", counts.received,
-            counts.shown, counts.malformed);
+    fprintf(stderr, "bv-collect: %u datagram%s, %u selected, %u malformed", counts.received,
+            plural(counts.received), counts.shown, counts.malformed);
     if (skipped != 0)
-        fprintf(stderr, ", %u other packets skipped", skipped);
+        fprintf(stderr, ", %u other packet%s skipped", skipped, plural(skipped));
+    if (dropped != 0)
+        fprintf(stderr, ", %u dropped by the system", dropped);
     fputc('\n', stderr);
     if (fflush(stdout) != 0 || ferror(stdout))
         return fail("standard output", "cannot be written");
@@ -161,7 +168,7 @@ static int read_capture(void)
         fclose(file);
     if (fault != NULL)
         return fail(options.read, fault);
-    status = report(capture.skipped);
+    status = report(capture.skipped, 0);
     return result == CAPTURE_DAMAGED ? fail(options.read, "damaged or cut off") : status;
 }
 
@@ -201,7 +208,7 @@ static void take_signals(sigset_t *waiting)
 }
 
 /* Takes what has arrived until there is nothing left to do; `file` may be NULL. */
-static int collect_from(const struct receiver *receiver, FILE *file, const sigset_t *waiting)
+static int collect_from(struct receiver *receiver, FILE *file, const sigset_t *waiting)
 {
     struct pollfd readable = {.fd = receiver->fd, .events = POLLIN};
     struct packet packet;
@@ -217,7 +224,7 @@ static int collect_from(const struct receiver *receiver, FILE *file, const sigse
         if (ferror(stdout))
             break;
     }
-    return report(0);
+    return report(0, receiver->dropped);
 }
 
 /* The socket comes first: a collector that cannot have its port leaves an older capture alone. */

@@ -8,6 +8,7 @@ struct receiver {
     int fd;
     struct in_addr address; /* that it listens on; may be all */
     uint16_t port;          /* host order */
+    uint32_t dropped; /* datagrams that the system had no room for, up to the last one taken */
 };
 
 /* Opens the socket; port 0 takes any free one, which is then in `port`. False with errno. */
@@ -15,6 +16,6 @@ bool receiver_open(struct receiver *receiver, struct in_addr address, uint16_t p
 
 /* Takes the next datagram, which stays where it is until the next call. False when there is none
  * yet. */
-bool receiver_take(const struct receiver *receiver, struct packet *packet);
+bool receiver_take(struct receiver *receiver, struct packet *packet);
 
 #endif

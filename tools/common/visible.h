@@ -7,7 +7,8 @@
 #include <stdio.h>
 
 /* Prints a text so that it stays on its line and cannot steer the terminal: control characters,
- * backslashes and bytes that are no UTF-8 appear as escapes, as in C. */
+ * backslashes, bytes that are not UTF-8, separators of lines and paragraphs and marks that turn its
+ * direction appear as escapes, as in C. */
 void print_visible(FILE *to, const uint8_t *text, size_t length);
 
 #endif

@@ -16,6 +16,11 @@ enum { FILE_MAX = 16 * 1024 * 1024, MESSAGE_MAX = 512 };
 static unsigned faults;
 static bool trouble;
 
+static void print_text(FILE *to, const char *text)
+{
+    print_visible(to, (const uint8_t *)text, strlen(text));
+}
+
 void fault(const char *path, unsigned line, const char *format, ...)
 {
     char message[MESSAGE_MAX];
@@ -24,8 +29,9 @@ void fault(const char *path, unsigned line, const char *format, ...)
     va_start(arguments, format);
     vsnprintf(message, sizeof(message), format, arguments);
     va_end(arguments);
-    printf("%s:%u: ", path, line);
-    print_visible(stdout, (const uint8_t *)message, strlen(message));
+    print_text(stdout, path);
+    printf(":%u: ", line);
+    print_text(stdout, message);
     putchar('\n');
     faults++;
 }
@@ -37,7 +43,9 @@ unsigned fault_count(void)
 
 void file_trouble(const char *path, const char *why)
 {
-    fprintf(stderr, "bv-template: %s: %s\n", path, why);
+    fputs("bv-template: ", stderr);
+    print_text(stderr, path);
+    fprintf(stderr, ": %s\n", why);
     trouble = true;
 }
 

@@ -71,9 +71,9 @@ static bool string_fits(int32_t len, const char *text, char why[WHY_SIZE])
     if (len > 0 && length < (size_t)len)
         return true;
     snprintf(why, WHY_SIZE,
-             "text of %zu bytes is too long for len %" PRId32
+             "text of %zu byte%s is too long for len %" PRId32
              ", which counts the zero byte at its end",
-             length, len);
+             length, length == 1 ? "" : "s", len);
     return false;
 }
 

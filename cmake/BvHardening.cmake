@@ -1,0 +1,14 @@
+# What every target is built with against damage by hostile input: the loader binds everything at
+# once and makes its tables read-only, and functions with buffers notice that their return address
+# was overwritten. Binding at once also keeps the loader from spilling registers, keys among them, on
+# the stack at a first call.
+#
+# Nothing is fortified, whatever the surrounding build asks for: formats that the library lets
+# through, such as those with %n, would then end the process.
+add_compile_options(-U_FORTIFY_SOURCE)
+if(BV_STACK_PROTECTOR)
+  add_compile_options(-fstack-protector-strong)
+else()
+  add_compile_options(-fno-stack-protector)
+endif()
+add_link_options(-Wl,-z,relro -Wl,-z,now)

@@ -3,6 +3,7 @@
 #include "ubusd.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <stdlib.h>
@@ -17,11 +18,22 @@ enum {
     kInputSize = 65536,
     kAcceptsPerTurn = 16,
     kAcceptPauseMs = 100,
+    kClientsOfUser = 64,  // user 0 may have more
+    kKeptCount = 1024,    // objects, patterns, subscriptions: of each so many per client
+    kKeptBytes = 4194304, // and so many bytes of paths, signatures and patterns
 };
 
 static uint8_t input[kInputSize];
 static struct avl_tree clients;
+static struct avl_tree users;
 static struct uloop_fd listener;
+
+// Given away while accounts are looked up: a client that is let in can also be named.
+static int spare = -1;
+
+// The socket file that is the daemon's own.
+static dev_t own_device;
+static ino_t own_inode;
 
 static void resume_accepting(struct uloop_timeout *timer);
 static struct uloop_timeout accept_pause = {.cb = resume_accepting};
@@ -33,10 +45,47 @@ struct client *client_find(uint32_t id)
     return avl_find_element(&clients, &id, client, by_id);
 }
 
+// Whether the daemon may keep one more of what is counted, and so many bytes with it.
+bool client_keeps(struct client *client, unsigned int *count, size_t bytes)
+{
+    if (*count >= kKeptCount || bytes > kKeptBytes - client->kept.bytes)
+        return false;
+    (*count)++;
+    client->kept.bytes += bytes;
+    return true;
+}
+
 static void resume_accepting(struct uloop_timeout *timer)
 {
-    (void)timer;
-    uloop_fd_add(&listener, ULOOP_READ | ULOOP_BLOCKING);
+    if (uloop_fd_add(&listener, ULOOP_READ | ULOOP_BLOCKING) != 0)
+        uloop_timeout_set(timer, kAcceptPauseMs);
+}
+
+static struct user *user_enter(uint32_t uid)
+{
+    struct user *user;
+
+    user = avl_find_element(&users, &uid, user, by_uid);
+    if (user == NULL) {
+        user = calloc(1, sizeof(*user));
+        if (user == NULL)
+            return NULL;
+        user->uid = uid;
+        user->by_uid.key = &user->uid;
+        avl_insert(&users, &user->by_uid);
+    } else if (uid != 0 && user->clients >= kClientsOfUser) {
+        return NULL;
+    }
+    user->clients++;
+    return user;
+}
+
+static void user_leave(struct user *user)
+{
+    if (user == NULL || --user->clients > 0)
+        return;
+    avl_delete(&users, &user->by_uid);
+    free(user);
 }
 
 static void client_close(struct client *client)
@@ -47,6 +96,7 @@ static void client_close(struct client *client)
     objects_remove_all_of(client);
     output_forget(client);
     lookups_forget(client);
+    user_leave(client->user);
     close(client->sock.fd);
     free(client->partial.bytes);
     free(client->accounts);
@@ -192,9 +242,11 @@ static void client_event(struct uloop_fd *sock, unsigned int events)
     bool ending = sock->eof || sock->error;
     bool alive = true;
 
+    client->listed = 0;
     if ((events & ULOOP_WRITE) != 0 && !ending) {
         output_resume(client);
         lookups_resume(client);
+        output_watch(client);
     }
 
     // One read serves a living client; of one that is leaving everything it still said is heard.
@@ -227,29 +279,61 @@ static size_t padded_attr(size_t payload)
     return (kWordLength + payload + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
 }
 
-// Who the client is, as forwarded calls tell it. Both names or none.
-static void find_accounts(struct client *client)
+// Whether an account that was not found is missing, and not just impossible to look up now.
+static bool is_missing(int error)
 {
-    struct ucred who;
-    socklen_t size = sizeof(who);
+    return error == 0 || error == ENOENT || error == ESRCH || error == EBADF || error == EPERM;
+}
 
-    if (getsockopt(client->sock.fd, SOL_SOCKET, SO_PEERCRED, &who, &size) != 0)
-        return;
-    const struct passwd *user = getpwuid(who.uid);
-    const struct group *group = getgrgid(who.gid);
-    if (user == NULL || group == NULL)
-        return;
+// Who the client is, as forwarded calls tell it. Both names, or none for an account without
+// entries. False when that could not be found out.
+static bool find_accounts(struct client *client, const struct ucred *who)
+{
+    errno = 0;
+    const struct passwd *user = getpwuid(who->uid);
+    if (user == NULL)
+        return is_missing(errno);
+    errno = 0;
+    const struct group *group = getgrgid(who->gid);
+    if (group == NULL)
+        return is_missing(errno);
 
     size_t user_length = strlen(user->pw_name) + 1;
     size_t group_length = strlen(group->gr_name) + 1;
     size_t length = padded_attr(user_length) + padded_attr(group_length);
     client->accounts = calloc(1, length);
     if (client->accounts == NULL)
-        return;
+        return false;
     client->accounts_length = length;
     put_account(client->accounts, UBUS_ATTR_USER, user->pw_name, user_length);
     put_account(client->accounts + padded_attr(user_length), UBUS_ATTR_GROUP, group->gr_name,
                 group_length);
+    return true;
+}
+
+static bool reserve_spare(void)
+{
+    if (spare < 0)
+        spare = fcntl(listener.fd, F_DUPFD_CLOEXEC, 0);
+    return spare >= 0;
+}
+
+// Lets the client in as one of its user's and finds its names.
+static bool identify(struct client *client)
+{
+    struct ucred who;
+    socklen_t size = sizeof(who);
+
+    if (getsockopt(client->sock.fd, SOL_SOCKET, SO_PEERCRED, &who, &size) != 0)
+        return false;
+    client->user = user_enter(who.uid);
+    if (client->user == NULL)
+        return false;
+    close(spare);
+    spare = -1;
+    bool found = find_accounts(client, &who);
+    reserve_spare();
+    return found;
 }
 
 // The greeting must arrive in one piece: client libraries read it with one call.
@@ -260,8 +344,14 @@ static void greet(struct client *client)
 
     put_header(bytes, UBUS_MSG_HELLO, 0, client->id);
     put_be32(bytes + kHeaderLength, kWordLength);
-    output_send(client, &part, 1);
+    output_send(client, (struct origin){.from = NULL}, &part, 1);
     output_flush();
+}
+
+static bool watch(struct client *client)
+{
+    client->events = ULOOP_READ;
+    return uloop_fd_add(&client->sock, ULOOP_READ | ULOOP_BLOCKING) == 0;
 }
 
 static void client_open(int fd)
@@ -276,20 +366,19 @@ static void client_open(int fd)
     client->sock.cb = client_event;
     INIT_LIST_HEAD(&client->objects);
     INIT_LIST_HEAD(&client->lookups);
+    output_init(client);
     if (!ids_insert(&clients, &client->by_id, &client->id)) {
         close(fd);
         free(client);
         return;
     }
-    if (uloop_fd_add(&client->sock, ULOOP_READ | ULOOP_BLOCKING) != 0) {
+    if (identify(client) && watch(client))
+        greet(client);
+    else
         client_close(client);
-        return;
-    }
-    find_accounts(client);
-    greet(client);
 }
 
-// With no descriptor left the backlog stays readable: stop looking at it for a while.
+// What keeps the daemon from accepting leaves the backlog readable: stop looking at it for a while.
 static void pause_accepting(void)
 {
     uloop_fd_delete(&listener);
@@ -300,30 +389,75 @@ static void accept_clients(struct uloop_fd *sock, unsigned int events)
 {
     (void)events;
     for (int i = 0; i < kAcceptsPerTurn; i++) {
-        int fd = accept4(sock->fd, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (!reserve_spare()) {
+            pause_accepting();
+            return;
+        }
 
+        int fd = accept4(sock->fd, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
             client_open(fd);
-            continue;
-        }
-        if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
-            pause_accepting();
-        if (errno != EINTR && errno != ECONNABORTED)
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
             return;
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            pause_accepting();
+            return;
+        }
     }
+}
+
+// Removes a socket that a daemon left behind. One that still answers, and any other kind of file,
+// stays.
+static bool make_way(const char *path)
+{
+    struct stat status;
+
+    if (lstat(path, &status) != 0)
+        return errno == ENOENT;
+    if (!S_ISSOCK(status.st_mode)) {
+        errno = EEXIST;
+        return false;
+    }
+
+    int fd = usock(USOCK_UNIX | USOCK_NONBLOCK, path, NULL);
+    if (fd >= 0 || errno == EAGAIN) {
+        if (fd >= 0)
+            close(fd);
+        errno = EADDRINUSE;
+        return false;
+    }
+    return errno == ECONNREFUSED && unlink(path) == 0;
 }
 
 bool clients_listen(const char *path)
 {
+    struct stat status;
+
     ids_init(&clients);
-    unlink(path);
+    ids_init(&users);
+    if (!make_way(path))
+        return false;
 
     mode_t old = umask(0111);
     listener.fd = usock(USOCK_UNIX | USOCK_SERVER | USOCK_NONBLOCK, path, NULL);
     umask(old);
     if (listener.fd < 0)
         return false;
+    if (lstat(path, &status) == 0) {
+        own_device = status.st_dev;
+        own_inode = status.st_ino;
+    }
 
     listener.cb = accept_clients;
     return uloop_fd_add(&listener, ULOOP_READ | ULOOP_BLOCKING) == 0;
+}
+
+// Another daemon's socket may be in the place of this one's by now.
+void clients_end(const char *path)
+{
+    struct stat status;
+
+    if (lstat(path, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_dev == own_device &&
+        status.st_ino == own_inode)
+        unlink(path);
 }

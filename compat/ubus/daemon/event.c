@@ -6,12 +6,13 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <libubox/avl-cmp.h>
 #include <libubox/blobmsg.h>
 
 #include "ubus_common.h"
 
 struct pattern {
-    struct list_head list;
+    struct avl_node by_text; // key: text
     char text[];
 };
 
@@ -23,7 +24,7 @@ static bool listens_to(const struct object *object, const char *event)
 {
     struct pattern *pattern;
 
-    list_for_each_entry(pattern, &object->patterns, list)
+    avl_for_each_element(&object->patterns, pattern, by_text)
     {
         if (ubus_pattern_matches(pattern->text, event))
             return true;
@@ -32,29 +33,27 @@ static bool listens_to(const struct object *object, const char *event)
 }
 
 static void deliver(const struct object *object, const char *event, const void *fields,
-                    size_t length)
+                    size_t length, struct client *sender)
 {
     static uint16_t seq;
     struct blob_buf *call = answer_begin();
 
-    if (call == NULL)
+    if (call == NULL || blob_put_u32(call, UBUS_ATTR_OBJID, object->id) == NULL ||
+        blob_put_string(call, UBUS_ATTR_METHOD, event) == NULL ||
+        blob_put(call, UBUS_ATTR_DATA, fields, (unsigned int)length) == NULL)
         return;
-    blob_put_u32(call, UBUS_ATTR_OBJID, object->id);
-    blob_put_string(call, UBUS_ATTR_METHOD, event);
-    blob_put(call, UBUS_ATTR_DATA, fields, (unsigned int)length);
-    send_blob(object->owner, UBUS_MSG_INVOKE, ++seq, 0, call->head);
+    send_blob(object->owner, sender, UBUS_MSG_INVOKE, ++seq, 0, call->head);
 }
 
 // An object hears of an event once, however many of its patterns fit. `sender` hears nothing.
-static void publish(const char *event, const void *fields, size_t length,
-                    const struct client *sender)
+static void publish(const char *event, const void *fields, size_t length, struct client *sender)
 {
     struct object *object;
 
     list_for_each_entry(object, &listeners, of_listener)
     {
         if (object->owner != sender && listens_to(object, event))
-            deliver(object, event, fields, length);
+            deliver(object, event, fields, length, sender);
     }
 }
 
@@ -64,10 +63,9 @@ static void publish_object(const char *event, const struct object *object)
 
     if (object->path == NULL || list_empty(&listeners))
         return;
-    if (blob_buf_init(&fields, 0) != 0)
+    if (blob_buf_init(&fields, 0) != 0 || blobmsg_add_u32(&fields, "id", object->id) != 0 ||
+        blobmsg_add_string(&fields, "path", object->path) != 0)
         return;
-    blobmsg_add_u32(&fields, "id", object->id);
-    blobmsg_add_string(&fields, "path", object->path);
     publish(event, blob_data(fields.head), blob_len(fields.head), NULL);
 }
 
@@ -81,34 +79,40 @@ void event_object_removed(const struct object *object)
     publish_object("ubus.object.remove", object);
 }
 
+void event_init_listener(struct object *object)
+{
+    avl_init(&object->patterns, avl_strcmp, false, NULL);
+    INIT_LIST_HEAD(&object->of_listener);
+}
+
 void event_forget_listener(struct object *object)
 {
     struct pattern *pattern, *next;
 
-    list_for_each_entry_safe(pattern, next, &object->patterns, list)
-    {
-        list_del(&pattern->list);
-        free(pattern);
-    }
+    object->owner->kept.patterns -= object->patterns.count;
+    avl_remove_all_elements(&object->patterns, pattern, by_text, next) free(pattern);
     list_del_init(&object->of_listener);
 }
 
 static bool add_pattern(struct object *object, const char *text)
 {
+    struct client *owner = object->owner;
     size_t size = strlen(text) + 1;
-    struct pattern *pattern;
 
     // The same pattern again changes nothing that anybody could see.
-    list_for_each_entry(pattern, &object->patterns, list)
-    {
-        if (strcmp(pattern->text, text) == 0)
-            return true;
-    }
-    pattern = malloc(sizeof(*pattern) + size);
+    if (avl_find(&object->patterns, text) != NULL)
+        return true;
+
+    struct pattern *pattern = malloc(sizeof(*pattern) + size);
     if (pattern == NULL)
         return false;
-    memcpy(pattern->text, text, size);
-    list_add_tail(&pattern->list, &object->patterns);
+    if (!client_keeps(owner, &owner->kept.patterns, size)) {
+        free(pattern);
+        return false;
+    }
+    object->kept_bytes += size;
+    pattern->by_text.key = memcpy(pattern->text, text, size);
+    avl_insert(&object->patterns, &pattern->by_text);
     if (list_empty(&object->of_listener))
         list_add_tail(&object->of_listener, &listeners);
     return true;

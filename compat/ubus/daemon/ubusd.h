@@ -29,20 +29,38 @@ enum {
     kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX, // ids below are the daemon's
 };
 
-// Bytes waiting until a client reads again.
+// What waits until a client reads again; see queue.c.
 struct queue {
-    uint8_t *bytes;
-    size_t start;
-    size_t end;
-    size_t size;
+    struct list_head messages; // struct waiting, in the order they go out
+    struct avl_tree shares;    // of the clients that sent them, and of the daemon
+    size_t others;             // bytes of all that is not a call
+    size_t left;               // bytes from clients that are gone
+};
+
+// Connections of one account.
+struct user {
+    struct avl_node by_uid; // key: uid
+    uint32_t uid;
+    unsigned int clients;
 };
 
 struct client {
     struct avl_node by_id; // key: id
     struct uloop_fd sock;
+    unsigned int events; // that the loop watches the socket for
     uint32_t id;
+    struct user *user;
     bool broken;              // takes no more output; its read callback will close it
     struct list_head objects; // object.of_owner
+    struct list_head sent;    // share.of_sender: what waits for others to read
+
+    // What it makes the daemon keep.
+    struct {
+        unsigned int objects;
+        unsigned int patterns;
+        unsigned int subscriptions;
+        size_t bytes; // of paths, signatures and patterns
+    } kept;
 
     // A message of which only a part has come: `length` of `size` bytes. While not even its
     // length is known, size is that of the shortest message.
@@ -53,8 +71,9 @@ struct client {
     } partial;
 
     struct queue queue;
-    struct list_head lookups; // waiting for the queue to drain
+    struct list_head lookups; // waiting for their turn
     size_t lookups_size;      // bytes they take
+    size_t listed;            // bytes of listings sent in this turn
 
     // USER and GROUP attributes as they go into forwarded calls; empty without account entries.
     uint8_t *accounts;
@@ -79,9 +98,11 @@ struct object {
     char *path;               // null: unnamed
     uint32_t id;
     uint16_t notify_seq;          // of the daemon's own messages about this object
+    size_t kept_bytes;            // charged to the owner
+    unsigned int watcher_count;   // length of the next list
     struct list_head watchers;    // subscription.of_target
-    struct list_head watched;     // subscription.of_watcher
-    struct list_head patterns;    // of the events it listens to
+    struct avl_tree watched;      // subscription.of_watcher, by the target's id
+    struct avl_tree patterns;     // of the events it listens to
     struct list_head of_listener; // in the list of objects with patterns
 };
 
@@ -95,22 +116,42 @@ struct message {
     struct blob_attr *attr[UBUS_ATTR_MAX];
 };
 
+// Where a message comes from, which decides how much of its kind may wait.
+struct origin {
+    struct client *from; // null: the daemon itself
+    bool is_call;
+};
+
 // client.c
 bool clients_listen(const char *path);
+void clients_end(const char *path);
 struct client *client_find(uint32_t id);
+bool client_keeps(struct client *client, unsigned int *count, size_t bytes);
 
 // output.c: a message goes out whole or not at all.
-void output_send(struct client *to, const struct iovec *parts, int count);
+void output_init(struct client *client);
+void output_send(struct client *to, struct origin origin, const struct iovec *parts, int count);
 void output_flush(void);
 void output_resume(struct client *client);
 void output_forget(struct client *client);
-bool output_is_stalled(const struct client *client);
+void output_watch(struct client *client);
+
+// queue.c
+enum queue_result { kQueueKept, kQueueFull, kQueueNoMemory };
+void queue_init(struct queue *queue);
+enum queue_result queue_add(struct queue *queue, struct origin origin, const struct iovec *parts,
+                            int count, size_t sent, size_t total);
+int queue_parts(const struct queue *queue, struct iovec *parts, int count);
+void queue_sent(struct queue *queue, size_t length);
+bool queue_holds_daemons(const struct queue *queue);
+void queue_clear(struct queue *queue);
+void queue_sender_left(struct client *sender);
 
 // message.c
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length);
 uint32_t message_u32(const struct message *message, int attr);
 void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer);
-void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer,
+void send_blob(struct client *to, struct client *from, uint8_t type, uint16_t seq, uint32_t peer,
                struct blob_attr *body);
 void send_status(struct client *to, const struct message *request, uint32_t status);
 struct blob_buf *answer_begin(void);
@@ -140,6 +181,7 @@ extern struct avl_tree objects_by_path;
 void event_call(struct client *client, const struct message *message);
 void event_object_added(const struct object *object);
 void event_object_removed(const struct object *object);
+void event_init_listener(struct object *object);
 void event_forget_listener(struct object *object);
 
 // subscribe.c

@@ -1,0 +1,182 @@
+// One queue, many senders: who floods a busy client must not take the place of others.
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/bus.h"
+#include "wire.h"
+
+using namespace wire;
+
+namespace {
+
+Bytes answer(const Message &call, uint32_t status)
+{
+    return message(kStatus, uint16_t(call.seq()), call.peer(),
+                   attr(kAttrStatus, u32(status)) + attr(kAttrId, u32(call.number(kAttrId))));
+}
+
+class Fairness : public testing::Test {
+protected:
+    // Calls that wait for the owner: the socket holds what came first, and on top of that the
+    // daemon keeps some of every caller's.
+    void fill_socket()
+    {
+        for (unsigned i = 0; i < 200; i++)
+            ASSERT_TRUE(filler.send(invoke(uint16_t(i), id, "fill", Bytes(10000, 1))));
+        ASSERT_TRUE(filler.is_in_step());
+    }
+
+    // What waits for a client, by sender. Ends with the owner's own echo, which must get through.
+    std::map<uint32_t, unsigned> drain(Client &client)
+    {
+        std::map<uint32_t, unsigned> waiting;
+        EXPECT_TRUE(client.send(message(kPing, 0xffff, 0)));
+        for (Message got = client.read(); got.type() != kData || got.seq() != 0xffff;
+             got = client.read()) {
+            if (got.empty()) {
+                ADD_FAILURE() << "the echo is lost";
+                break;
+            }
+            waiting[got.peer()]++;
+        }
+        EXPECT_EQ(client.read().status(), 0u);
+        return waiting;
+    }
+
+    BusDaemon daemon;
+    Client owner, filler;
+    uint32_t id = owner.publish("busy");
+};
+
+TEST_F(Fairness, SoManyCallsOfEachCallerWait)
+{
+    struct {
+        size_t size;
+        unsigned calls;
+    } const cases[] = {{0, 32}, {1000, 32}, {40000, 3}, {100000, 1}, {1000000, 1}};
+    std::vector<std::unique_ptr<Client>> callers;
+    fill_socket();
+    for (const auto &row : cases) {
+        callers.push_back(std::make_unique<Client>());
+        for (unsigned i = 0; i < 100; i++)
+            ASSERT_TRUE(callers.back()->send(invoke(uint16_t(i), id, "m", Bytes(row.size, 2))));
+        ASSERT_TRUE(callers.back()->is_in_step());
+    }
+
+    std::map<uint32_t, unsigned> waiting = drain(owner);
+    for (size_t i = 0; i < callers.size(); i++)
+        EXPECT_EQ(waiting[callers[i]->id()], cases[i].calls) << cases[i].size;
+    // There is room again.
+    ASSERT_TRUE(callers[0]->send(invoke(1, id, "m")));
+    EXPECT_EQ(owner.read().peer(), callers[0]->id());
+}
+
+TEST_F(Fairness, AnswersArriveBetweenFloodsOfCallsAndOfAnswers)
+{
+    Client other, liar;
+    uint32_t other_id = other.publish("other");
+    uint32_t liar_id = liar.publish("liar");
+    ASSERT_TRUE(owner.send(invoke(7, other_id, "m")));
+    Message call = other.read();
+
+    fill_socket();
+    for (unsigned i = 0; i < 3000; i++)
+        ASSERT_TRUE(liar.send(message(
+            kData, 7, owner.id(), attr(kAttrId, u32(liar_id)) + attr(kAttrData, Bytes(1000, 3)))));
+    ASSERT_TRUE(liar.is_in_step());
+    // A long answer and its status, though nothing else fits.
+    ASSERT_TRUE(
+        other.send(message(kData, 7, owner.id(),
+                           attr(kAttrId, u32(other_id)) + attr(kAttrData, Bytes(1000000, 4))) +
+                   answer(call, 0)));
+    ASSERT_TRUE(other.is_in_step());
+
+    std::map<uint32_t, unsigned> waiting = drain(owner);
+    EXPECT_EQ(waiting[other_id], 2u);
+    EXPECT_LT(waiting[liar_id], 1700u);
+}
+
+TEST_F(Fairness, ComingBackUnderAnotherIdIsNoWayAroundTheLimit)
+{
+    fill_socket();
+    for (unsigned i = 0; i < 100; i++) {
+        Client caller;
+        ASSERT_TRUE(caller.send(invoke(1, id, "m", Bytes(100000, 2))));
+        ASSERT_TRUE(caller.is_in_step());
+    }
+    unsigned count = 0;
+    for (const auto &[sender, calls] : drain(owner))
+        count += sender != filler.id() && sender != 0 ? calls : 0;
+    EXPECT_GE(count, 5u);
+    EXPECT_LE(count, 15u);
+}
+
+TEST_F(Fairness, AnOwnerMayLookUpWhileItsQueueIsFull)
+{
+    fill_socket();
+    ASSERT_TRUE(owner.send(message(kLookup, 0x4242, 0, attr(kAttrPath, text("busy")))));
+    unsigned before = 0;
+    Message got = owner.read();
+    for (; got.seq() != 0x4242; got = owner.read()) {
+        ASSERT_FALSE(got.empty());
+        before++;
+        ASSERT_TRUE(filler.send(invoke(1, id, "fill", Bytes(10000, 1)))); // the queue stays full
+        ASSERT_TRUE(filler.is_in_step());
+        ASSERT_LT(before, 500u) << "waits for a queue that never empties";
+    }
+    EXPECT_EQ(got.string(kAttrPath), "busy");
+}
+
+class FairnessBesideFlooders : public testing::TestWithParam<size_t> {};
+
+// Flooders never read: their sockets and queues are full too.
+TEST_P(FairnessBesideFlooders, AnHonestCallIsAnswered)
+{
+    BusDaemon daemon;
+    Client owner;
+    const uint32_t id = owner.publish("busy");
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+
+    threads.emplace_back([&] {
+        while (!done) {
+            Message call = owner.read(100);
+            if (call.type() == kInvoke)
+                owner.send(answer(call, 42));
+        }
+    });
+    for (int i = 0; i < 8; i++)
+        threads.emplace_back([&] {
+            Client flooder;
+            const Bytes call = invoke(1, id, "flood", Bytes(GetParam(), 7));
+            Bytes burst;
+            do
+                burst = burst + call;
+            while (burst.size() < 32768);
+            while (!done)
+                flooder.send(burst);
+        });
+
+    // Its calls are of the same size as theirs.
+    Client honest;
+    for (uint16_t i = 1; i <= 10; i++) {
+        EXPECT_TRUE(honest.send(invoke(i, id, "honest", Bytes(GetParam(), 1))));
+        Message status = honest.read();
+        EXPECT_EQ(status.status(), 42u) << "call " << i;
+        if (status.empty())
+            break;
+    }
+    done = true;
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, FairnessBesideFlooders, testing::Values(0, 200000));
+
+} // namespace

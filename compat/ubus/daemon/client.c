@@ -38,6 +38,10 @@ static ino_t own_inode;
 static void resume_accepting(struct uloop_timeout *timer);
 static struct uloop_timeout accept_pause = {.cb = resume_accepting};
 
+static void serve_busy(struct uloop_timeout *timer);
+static struct uloop_timeout busy_timer = {.cb = serve_busy};
+static LIST_HEAD(busy); // client.of_busy
+
 struct client *client_find(uint32_t id)
 {
     struct client *client;
@@ -88,19 +92,50 @@ static void user_leave(struct user *user)
     free(user);
 }
 
-static void client_close(struct client *client)
+// It has a turn soon without an event of its socket.
+void client_goes_on(struct client *client)
 {
-    client->broken = true;
-    avl_delete(&clients, &client->by_id);
-    uloop_fd_delete(&client->sock);
-    objects_remove_all_of(client);
-    output_forget(client);
-    lookups_forget(client);
+    if (!list_empty(&client->of_busy))
+        return;
+    list_add_tail(&client->of_busy, &busy);
+    if (!busy_timer.pending)
+        uloop_timeout_set(&busy_timer, 0);
+}
+
+static bool is_spent(const struct client *client)
+{
+    return client->work >= kWorkPerTurn;
+}
+
+// Every object that goes is an event.
+static void client_remove(struct client *client)
+{
+    while (!list_empty(&client->objects)) {
+        if (is_spent(client)) {
+            client_goes_on(client);
+            return;
+        }
+        object_remove(list_first_entry(&client->objects, struct object, of_owner));
+    }
+    list_del(&client->of_busy);
     user_leave(client->user);
-    close(client->sock.fd);
-    free(client->partial.bytes);
     free(client->accounts);
     free(client);
+}
+
+static void client_close(struct client *client)
+{
+    client->ending = true;
+    client->broken = true;
+    client->gone = true;
+    avl_delete(&clients, &client->by_id);
+    uloop_fd_delete(&client->sock);
+    output_forget(client);
+    lookups_forget(client);
+    close(client->sock.fd);
+    free(client->partial.bytes);
+    free(client->rest.bytes);
+    client_remove(client);
 
     // A descriptor is free again: do not let those in the backlog wait for the pause to end.
     if (accept_pause.pending) {
@@ -156,10 +191,25 @@ static bool partial_begin(struct client *client, const uint8_t *bytes, size_t le
     return true;
 }
 
-// Serves every whole message and keeps what is left. False when the stream makes no sense.
+// Keeps input until the client's next turn.
+static bool rest_keep(struct client *client, const uint8_t *bytes, size_t length)
+{
+    client->rest.bytes = malloc(length);
+    if (client->rest.bytes == NULL)
+        return false;
+    memcpy(client->rest.bytes, bytes, length);
+    client->rest.length = length;
+    client_goes_on(client);
+    return true;
+}
+
+// Serves every whole message, while the client's turn lasts, and keeps what is left. False when the
+// stream makes no sense.
 static bool serve_input(struct client *client, const uint8_t *bytes, size_t length)
 {
     while (length > 0) {
+        if (is_spent(client))
+            return rest_keep(client, bytes, length);
         if (length < kMessageMinimum)
             return partial_begin(client, bytes, length, kMessageMinimum);
 
@@ -236,36 +286,79 @@ static ssize_t read_more(struct client *client)
     return length;
 }
 
-static void client_event(struct uloop_fd *sock, unsigned int events)
+static bool serve_rest(struct client *client)
 {
-    struct client *client = container_of(sock, struct client, sock);
-    bool ending = sock->eof || sock->error;
-    bool alive = true;
+    uint8_t *bytes = client->rest.bytes;
+    size_t length = client->rest.length;
 
-    client->listed = 0;
-    if ((events & ULOOP_WRITE) != 0 && !ending) {
-        output_resume(client);
-        lookups_resume(client);
-        output_watch(client);
-    }
+    client->rest.bytes = NULL;
+    client->rest.length = 0;
+    bool alive = serve_input(client, bytes, length);
+    free(bytes);
+    return alive;
+}
 
-    // One read serves a living client; of one that is leaving everything it still said is heard.
-    while (alive && ((events & ULOOP_READ) != 0 || ending)) {
+// One read serves a living client; of one that is leaving everything it still said is heard. False
+// when there is no more to come.
+static bool read_on(struct client *client)
+{
+    do {
         ssize_t length = read_more(client);
 
         if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            alive = !ending;
-        else
-            alive = length > 0 && take_input(client, (size_t)length);
-        if (!ending || length <= 0)
-            break;
-    }
+            return !client->ending;
+        if (length <= 0 || !take_input(client, (size_t)length))
+            return false;
+    } while (client->ending && client->rest.bytes == NULL);
+    return true;
+}
 
+static void end_turn(struct client *client, bool alive)
+{
     output_flush();
-    if (!alive) {
+    if (alive)
+        output_watch(client);
+    else
         client_close(client);
-        output_flush();
+    output_flush();
+}
+
+static void client_event(struct uloop_fd *sock, unsigned int events)
+{
+    struct client *client = container_of(sock, struct client, sock);
+    bool alive = true;
+
+    client->work = 0;
+    client->ending = client->ending || sock->eof || sock->error;
+    if ((events & ULOOP_WRITE) != 0 && !client->ending) {
+        output_resume(client);
+        lookups_resume(client);
     }
+    if (client->rest.bytes == NULL && ((events & ULOOP_READ) != 0 || client->ending))
+        alive = read_on(client);
+    end_turn(client, alive);
+}
+
+static void serve_busy(struct uloop_timeout *timer)
+{
+    if (list_empty(&busy)) // the last one was closed meanwhile
+        return;
+
+    struct client *client = list_first_entry(&busy, struct client, of_busy);
+    list_del_init(&client->of_busy);
+    client->work = 0;
+    if (client->gone) {
+        client_remove(client);
+        output_flush();
+    } else {
+        bool alive = client->rest.bytes == NULL || serve_rest(client);
+
+        if (alive && client->ending && client->rest.bytes == NULL)
+            alive = read_on(client);
+        end_turn(client, alive);
+    }
+    if (!list_empty(&busy))
+        uloop_timeout_set(timer, 0);
 }
 
 static void put_account(uint8_t *to, uint32_t attr, const char *name, size_t length)
@@ -364,6 +457,7 @@ static void client_open(int fd)
     }
     client->sock.fd = fd;
     client->sock.cb = client_event;
+    INIT_LIST_HEAD(&client->of_busy);
     INIT_LIST_HEAD(&client->objects);
     INIT_LIST_HEAD(&client->lookups);
     output_init(client);

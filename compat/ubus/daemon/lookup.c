@@ -12,8 +12,6 @@
 
 enum {
     kPostponedMaximum = 1048576, // bytes per client, as for its queue
-    kListedMaximum = 262144,     // bytes per client and turn
-    kStepCost = 16,              // of looking at an object, in bytes
 };
 
 struct lookup {
@@ -28,7 +26,7 @@ struct lookup {
 
 static bool has_to_wait(const struct client *client)
 {
-    return queue_holds_daemons(&client->queue) || client->listed >= kListedMaximum;
+    return queue_holds_daemons(&client->queue) || client->work >= kWorkPerTurn;
 }
 
 static bool is_prefix_pattern(const char *pattern)
@@ -49,7 +47,7 @@ static void send_object(struct client *client, const struct lookup *lookup,
         blob_put(answer, UBUS_ATTR_SIGNATURE, object->type->signature, object->type->length) ==
             NULL)
         return;
-    client->listed += blob_raw_len(answer->head);
+    client->work += blob_raw_len(answer->head);
     send_blob(client, NULL, UBUS_MSG_DATA, lookup->request.seq, lookup->request.peer, answer->head);
 }
 
@@ -85,7 +83,7 @@ static bool list_prefix(struct client *client, struct lookup *lookup, const char
             return lookup->no_memory;
         }
         lookup->found = true;
-        client->listed += kStepCost;
+        client->work += kWorkLook;
         if (object->type != NULL)
             send_object(client, lookup, object);
         sent = object->path;

@@ -204,12 +204,6 @@ void object_remove(struct object *object)
     object_free(object);
 }
 
-void objects_remove_all_of(struct client *client)
-{
-    while (!list_empty(&client->objects))
-        object_remove(list_first_entry(&client->objects, struct object, of_owner));
-}
-
 // The client's own object that a request is about; null after the request was refused.
 struct object *object_of_request(struct client *client, const struct message *message)
 {

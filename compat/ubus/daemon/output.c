@@ -35,21 +35,24 @@ static bool is_stalled(const struct client *client)
     return !list_empty(&client->queue.messages);
 }
 
-// Its stream cannot go on; the end that its read callback now sees closes it.
+// Its stream cannot go on.
 static void give_up(struct client *client)
 {
     client->broken = true;
+    client->ending = true;
     shutdown(client->sock.fd, SHUT_RDWR);
+    client_goes_on(client);
 }
 
 // Whether the socket has room matters only to what waits for it.
 void output_watch(struct client *client)
 {
-    unsigned int events = ULOOP_READ;
+    // One that goes on by itself is not read meanwhile.
+    unsigned int events = list_empty(&client->of_busy) ? ULOOP_READ : 0;
 
     if (is_stalled(client) || !list_empty(&client->lookups))
         events |= ULOOP_WRITE;
-    if (events == client->events || client->broken)
+    if (events == client->events || client->ending)
         return;
     // ULOOP_BLOCKING only says that the descriptor's mode is our own affair.
     if (uloop_fd_add(&client->sock, events | ULOOP_BLOCKING) == 0)

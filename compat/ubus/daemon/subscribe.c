@@ -58,6 +58,7 @@ void subscriptions_forget(struct object *object)
 
     list_for_each_entry_safe(subscription, next, &object->watchers, of_target)
     {
+        object->owner->work += kWorkSend;
         tell_gone(subscription->watcher, object);
         unsubscribe(subscription);
     }
@@ -183,6 +184,7 @@ void request_notify(struct client *client, const struct message *message)
     list_for_each_entry(subscription, &object->watchers, of_target)
     {
         struct object *watcher = subscription->watcher;
+        client->work += kWorkSend;
         forward_call(watcher->owner, watcher->id, client, message, no_reply);
     }
 }

@@ -1,9 +1,10 @@
 // Shared by the files of the bus daemon.
 //
 // One thread, one event loop. Input is read into one buffer of the daemon and served message by
-// message straight from there; what a message causes is sent before the next read. Nothing closes
-// a client but its own read callback, so no message handler has to expect a client or object to go
-// away under it except by its own doing.
+// message straight from there; what a message causes is sent before the next read. A client whose
+// messages make much work, such as events with many listeners, waits after each part of it until
+// others had their turn. Nothing closes a client but its own turn, so no message handler has to
+// expect a client or object to go away under it except by its own doing.
 
 #ifndef UBUSD_H
 #define UBUSD_H
@@ -50,7 +51,11 @@ struct client {
     unsigned int events; // that the loop watches the socket for
     uint32_t id;
     struct user *user;
-    bool broken;              // takes no more output; its read callback will close it
+    size_t work;              // done for it in this turn; see kWorkPerTurn
+    struct list_head of_busy; // in the list of clients that go on without an event
+    bool ending;              // has hung up: what it still said is read
+    bool broken;              // takes no more output; its next turn closes it
+    bool gone;                // closed, less its objects
     struct list_head objects; // object.of_owner
     struct list_head sent;    // share.of_sender: what waits for others to read
 
@@ -70,10 +75,15 @@ struct client {
         size_t size;
     } partial;
 
+    // Input that did not get its turn yet.
+    struct {
+        uint8_t *bytes;
+        size_t length;
+    } rest;
+
     struct queue queue;
     struct list_head lookups; // waiting for their turn
     size_t lookups_size;      // bytes they take
-    size_t listed;            // bytes of listings sent in this turn
 
     // USER and GROUP attributes as they go into forwarded calls; empty without account entries.
     uint8_t *accounts;
@@ -116,6 +126,16 @@ struct message {
     struct blob_attr *attr[UBUS_ATTR_MAX];
 };
 
+// Work is measured in bytes of listings; these are what other things are worth.
+#ifndef UBUSD_WORK_PER_TURN
+#define UBUSD_WORK_PER_TURN 262144
+#endif
+enum {
+    kWorkPerTurn = UBUSD_WORK_PER_TURN,
+    kWorkLook = 16, // at one pattern or object
+    kWorkSend = 64, // one message to one of many
+};
+
 // Where a message comes from, which decides how much of its kind may wait.
 struct origin {
     struct client *from; // null: the daemon itself
@@ -127,6 +147,7 @@ bool clients_listen(const char *path);
 void clients_end(const char *path);
 struct client *client_find(uint32_t id);
 bool client_keeps(struct client *client, unsigned int *count, size_t bytes);
+void client_goes_on(struct client *client);
 
 // output.c: a message goes out whole or not at all.
 void output_init(struct client *client);
@@ -165,7 +186,6 @@ void forward_call(struct client *to, uint32_t object_id, struct client *from,
 void objects_init(void);
 struct object *object_find(uint32_t id);
 void object_remove(struct object *object);
-void objects_remove_all_of(struct client *client);
 void request_add_object(struct client *client, const struct message *message);
 void request_remove_object(struct client *client, const struct message *message);
 bool is_system_object(uint32_t id);

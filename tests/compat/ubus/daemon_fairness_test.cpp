@@ -133,6 +133,38 @@ TEST_F(Fairness, AnOwnerMayLookUpWhileItsQueueIsFull)
     EXPECT_EQ(got.string(kAttrPath), "busy");
 }
 
+// An event goes to thousands of objects, and one read holds hundreds of events.
+TEST_F(Fairness, WhoMakesMuchWorkDoesItInTurns)
+{
+    constexpr unsigned kEvents = 500;
+    std::vector<std::unique_ptr<Client>> listeners;
+    for (int i = 0; i < 4; i++) {
+        listeners.push_back(std::make_unique<Client>());
+        for (int k = 0; k < 1000; k++) {
+            uint32_t object = listeners.back()->publish_unnamed();
+            ASSERT_EQ(listeners.back()->ask(
+                          invoke(1, 1, "register",
+                                 field(5, "object", u32(object)) + field(3, "pattern", text("*")))),
+                      0u);
+        }
+    }
+    const Bytes event = invoke(1, 1, "send", field(3, "id", text("e")) + field(2, "data", {}));
+    Bytes burst;
+    for (unsigned i = 0; i < kEvents; i++)
+        burst.insert(burst.end(), event.begin(), event.end());
+    ASSERT_TRUE(filler.send(burst));
+
+    Client honest;
+    EXPECT_TRUE(honest.is_in_step());
+    unsigned served = 0;
+    for (; !filler.is_silent(0); served++)
+        ASSERT_EQ(filler.read().status(), 0u);
+    EXPECT_LT(served, kEvents / 2) << "the other client waited for all of them";
+    for (; served < kEvents; served++)
+        ASSERT_EQ(filler.read().status(), 0u) << served; // but none is left out
+    EXPECT_TRUE(filler.is_in_step());
+}
+
 class FairnessBesideFlooders : public testing::TestWithParam<size_t> {};
 
 // Flooders never read: their sockets and queues are full too.

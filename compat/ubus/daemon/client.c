@@ -117,6 +117,8 @@ static void client_remove(struct client *client)
         }
         object_remove(list_first_entry(&client->objects, struct object, of_owner));
     }
+    output_flush(); // what the last object's end caused is from this client
+    queue_sender_left(client);
     list_del(&client->of_busy);
     user_leave(client->user);
     free(client->accounts);

@@ -33,7 +33,7 @@ static bool listens_to(const struct object *object, const char *event)
 }
 
 static void deliver(const struct object *object, const char *event, const void *fields,
-                    size_t length, struct client *sender)
+                    size_t length, struct client *cause)
 {
     static uint16_t seq;
     struct blob_buf *call = answer_begin();
@@ -42,25 +42,25 @@ static void deliver(const struct object *object, const char *event, const void *
         blob_put_string(call, UBUS_ATTR_METHOD, event) == NULL ||
         blob_put(call, UBUS_ATTR_DATA, fields, (unsigned int)length) == NULL)
         return;
-    send_blob(object->owner, sender, UBUS_MSG_INVOKE, ++seq, 0, call->head);
+    send_blob(object->owner, cause, UBUS_MSG_INVOKE, ++seq, 0, call->head);
 }
 
-// An object hears of an event once, however many of its patterns fit. `sender` hears nothing; it is
-// null for events of the daemon's, which `cause` is charged for.
-static void publish(const char *event, const void *fields, size_t length, struct client *sender,
-                    struct client *cause)
+// An object hears of an event once, however many of its patterns fit. Events of the daemon's go to
+// everybody, those of a client not to itself.
+static void publish(const char *event, const void *fields, size_t length, struct client *cause,
+                    bool is_daemons)
 {
     struct object *object;
 
     list_for_each_entry(object, &listeners, of_listener)
     {
-        if (object->owner == sender || object->owner->broken)
+        if ((object->owner == cause && !is_daemons) || object->owner->broken)
             continue;
         cause->work += kWorkLook * object->patterns.count;
         if (!listens_to(object, event))
             continue;
         cause->work += kWorkSend;
-        deliver(object, event, fields, length, sender);
+        deliver(object, event, fields, length, cause);
     }
 }
 
@@ -73,7 +73,7 @@ static void publish_object(const char *event, const struct object *object)
     if (blob_buf_init(&fields, 0) != 0 || blobmsg_add_u32(&fields, "id", object->id) != 0 ||
         blobmsg_add_string(&fields, "path", object->path) != 0)
         return;
-    publish(event, blob_data(fields.head), blob_len(fields.head), NULL, object->owner);
+    publish(event, blob_data(fields.head), blob_len(fields.head), object->owner, true);
 }
 
 void event_object_added(const struct object *object)
@@ -166,7 +166,7 @@ static uint32_t call_send(struct client *client, struct blob_attr *fields)
     const char *event = blobmsg_get_string(found[kId]);
     if (strncmp(event, kReserved, sizeof(kReserved) - 1) == 0)
         return UBUS_STATUS_PERMISSION_DENIED;
-    publish(event, blobmsg_data(found[kData]), blobmsg_data_len(found[kData]), client, client);
+    publish(event, blobmsg_data(found[kData]), blobmsg_data_len(found[kData]), client, false);
     return UBUS_STATUS_OK;
 }
 

@@ -189,5 +189,4 @@ void output_forget(struct client *client)
     if (collected.to == client)
         collected_forget();
     queue_clear(&client->queue);
-    queue_sender_left(client);
 }

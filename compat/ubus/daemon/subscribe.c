@@ -15,15 +15,16 @@ struct subscription {
     struct object *watcher;
 };
 
-// Tells the owner of a target that it has its first watcher, or lost its last.
-static void tell_active(struct object *target, bool active)
+// Tells the owner of a target that it has its first watcher, or lost its last. Such messages count
+// as those of the client that causes them: it may do so as often as it likes.
+static void tell_active(struct object *target, bool active, struct client *cause)
 {
     struct blob_buf *body = answer_begin();
 
     if (body == NULL || blob_put_u32(body, UBUS_ATTR_OBJID, target->id) == NULL ||
         blob_put_u8(body, UBUS_ATTR_ACTIVE, active) == NULL)
         return;
-    send_blob(target->owner, NULL, UBUS_MSG_NOTIFY, ++target->notify_seq, 0, body->head);
+    send_blob(target->owner, cause, UBUS_MSG_NOTIFY, ++target->notify_seq, 0, body->head);
 }
 
 // Tells a watcher that its target is no more.
@@ -34,10 +35,11 @@ static void tell_gone(struct object *watcher, const struct object *target)
     if (body == NULL || blob_put_u32(body, UBUS_ATTR_OBJID, watcher->id) == NULL ||
         blob_put_u32(body, UBUS_ATTR_TARGET, target->id) == NULL)
         return;
-    send_blob(watcher->owner, NULL, UBUS_MSG_UNSUBSCRIBE, ++watcher->notify_seq, 0, body->head);
+    send_blob(watcher->owner, target->owner, UBUS_MSG_UNSUBSCRIBE, ++watcher->notify_seq, 0,
+              body->head);
 }
 
-static void unsubscribe(struct subscription *subscription)
+static void unsubscribe(struct subscription *subscription, struct client *cause)
 {
     struct object *target = subscription->target;
     struct object *watcher = subscription->watcher;
@@ -48,7 +50,7 @@ static void unsubscribe(struct subscription *subscription)
     watcher->owner->kept.subscriptions--;
     free(subscription);
     if (list_empty(&target->watchers))
-        tell_active(target, false);
+        tell_active(target, false, cause);
 }
 
 // The object goes: as a target and as a watcher.
@@ -60,10 +62,10 @@ void subscriptions_forget(struct object *object)
     {
         object->owner->work += kWorkSend;
         tell_gone(subscription->watcher, object);
-        unsubscribe(subscription);
+        unsubscribe(subscription, object->owner);
     }
     avl_for_each_element_safe(&object->watched, subscription, of_watcher, next)
-        unsubscribe(subscription);
+        unsubscribe(subscription, object->owner);
 }
 
 // The two objects of a SUBSCRIBE or UNSUBSCRIBE, or what is wrong with them.
@@ -123,7 +125,7 @@ void request_subscribe(struct client *client, const struct message *message)
         status = subscribe(client, watcher, target);
     send_status(client, message, status);
     if (status == UBUS_STATUS_OK && target->watcher_count == 1)
-        tell_active(target, true);
+        tell_active(target, true, client);
 }
 
 void request_unsubscribe(struct client *client, const struct message *message)
@@ -136,7 +138,7 @@ void request_unsubscribe(struct client *client, const struct message *message)
         struct subscription *subscription = find_subscription(watcher, target);
 
         if (subscription != NULL)
-            unsubscribe(subscription);
+            unsubscribe(subscription, client);
         else
             status = UBUS_STATUS_NOT_FOUND;
     }

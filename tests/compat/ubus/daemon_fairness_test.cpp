@@ -102,6 +102,20 @@ TEST_F(Fairness, AnswersArriveBetweenFloodsOfCallsAndOfAnswers)
     EXPECT_LT(waiting[liar_id], 1700u);
 }
 
+// Notices that others cause must not take the place of answers to the client's own requests.
+TEST_F(Fairness, SubscribingAgainAndAgainDoesNotSilenceTheDaemon)
+{
+    Client watcher;
+    const uint32_t own = watcher.publish_unnamed();
+    const Bytes pair = attr(kAttrId, u32(own)) + attr(kAttrTarget, u32(id));
+    const Bytes both = message(kSubscribe, 1, 0, pair) + message(kUnsubscribe, 1, 0, pair);
+    fill_socket();
+    for (int i = 0; i < 20000; i++)
+        ASSERT_TRUE(watcher.send(both));
+    EXPECT_EQ(filler.ask(message(kLookup, 1, 0, attr(kAttrPath, text("busy")))), 0u);
+    drain(owner);
+}
+
 TEST_F(Fairness, ComingBackUnderAnotherIdIsNoWayAroundTheLimit)
 {
     fill_socket();

@@ -365,7 +365,7 @@ static void serve_busy(struct uloop_timeout *timer)
 
 static void put_account(uint8_t *to, uint32_t attr, const char *name, size_t length)
 {
-    put_be32(to, attr << BLOB_ATTR_ID_SHIFT | (uint32_t)(kWordLength + length));
+    put_attr(to, attr, length);
     memcpy(to + kWordLength, name, length);
 }
 

@@ -15,6 +15,12 @@ void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer)
     put_be32(to + 4, peer);
 }
 
+// The first word of an attribute.
+void put_attr(uint8_t *to, uint32_t id, size_t payload)
+{
+    put_be32(to, id << BLOB_ATTR_ID_SHIFT | (uint32_t)(kWordLength + payload));
+}
+
 // `bytes` is one whole message. Attributes point into it.
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length)
 {
@@ -58,7 +64,7 @@ void send_status(struct client *to, const struct message *request, uint32_t stat
 
     put_header(bytes, UBUS_MSG_STATUS, request->seq, request->peer);
     put_be32(bytes + 8, sizeof(bytes) - kHeaderLength);
-    put_be32(bytes + 12, (uint32_t)UBUS_ATTR_STATUS << BLOB_ATTR_ID_SHIFT | 2 * kWordLength);
+    put_attr(bytes + 12, UBUS_ATTR_STATUS, kWordLength);
     put_be32(bytes + 16, status);
     output_send(to, (struct origin){.from = NULL}, &part, 1);
 }

@@ -41,7 +41,7 @@ void forward_call(struct client *to, uint32_t object_id, struct client *from,
 
     put_header(head, UBUS_MSG_INVOKE, call->seq, from->id);
     put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
-    put_be32(object, (uint32_t)UBUS_ATTR_OBJID << BLOB_ATTR_ID_SHIFT | sizeof(object));
+    put_attr(object, UBUS_ATTR_OBJID, kWordLength);
     put_be32(object + kWordLength, object_id);
     output_send(to, (struct origin){from, call->type == UBUS_MSG_INVOKE}, parts, kCount);
 }

@@ -171,6 +171,7 @@ void queue_sender_left(struct client *sender);
 // message.c
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length);
 uint32_t message_u32(const struct message *message, int attr);
+void put_attr(uint8_t *to, uint32_t id, size_t payload);
 void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer);
 void send_blob(struct client *to, struct client *from, uint8_t type, uint16_t seq, uint32_t peer,
                struct blob_attr *body);

@@ -1,7 +1,6 @@
 // One queue, many senders: who floods a busy client must not take the place of others.
 
 #include <atomic>
-#include <chrono>
 #include <map>
 #include <memory>
 #include <thread>

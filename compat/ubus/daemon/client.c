@@ -52,11 +52,24 @@ struct client *client_find(uint32_t id)
 // Whether the daemon may keep one more of what is counted, and so many bytes with it.
 bool client_keeps(struct client *client, unsigned int *count, size_t bytes)
 {
-    if (*count >= kKeptCount || bytes > kKeptBytes - client->kept.bytes)
+    if (*count >= kKeptCount || bytes > kKeptBytes - client->kept.bytes ||
+        !user_may_have(client->user, client->user->kept + bytes))
         return false;
     (*count)++;
     client->kept.bytes += bytes;
+    client->user->kept += bytes;
     return true;
+}
+
+void client_releases(struct client *client, size_t bytes)
+{
+    client->kept.bytes -= bytes;
+    client->user->kept -= bytes;
+}
+
+bool user_may_have(const struct user *user, size_t bytes)
+{
+    return user->uid == 0 || bytes <= kUserMaximum;
 }
 
 static void resume_accepting(struct uloop_timeout *timer)

@@ -48,7 +48,7 @@ static bool signature_is_sound(const struct blob_attr *signature)
     return true;
 }
 
-// A new type, referred to by nobody yet; null when memory is short.
+// A new type that no object has yet; null when memory is short.
 static struct object_type *type_create(const struct blob_attr *signature)
 {
     size_t length = blob_len(signature);
@@ -196,7 +196,7 @@ void object_remove(struct object *object)
         avl_delete(&objects_by_path, &object->by_path);
     list_del(&object->of_owner);
     object->owner->kept.objects--;
-    object->owner->kept.bytes -= object->kept_bytes;
+    client_releases(object->owner, object->kept_bytes);
 
     subscriptions_forget(object);
     event_forget_listener(object);

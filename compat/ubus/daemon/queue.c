@@ -24,6 +24,7 @@ struct share {
     struct avl_node of_queue;   // key: sender
     struct list_head of_sender; // in client.sent; empty for the daemon and for those who left
     struct queue *queue;
+    struct user *user; // the sender's; null for the daemon and for those who left
     uint32_t sender;
     bool left;
     unsigned int calls;
@@ -52,6 +53,11 @@ void queue_init(struct queue *queue)
     queue->left = 0;
 }
 
+static struct user *reader(const struct queue *queue)
+{
+    return container_of(queue, struct client, queue)->user;
+}
+
 static bool fits(const struct queue *queue, const struct share *share, bool is_call, size_t cost)
 {
     if (is_call)
@@ -59,6 +65,13 @@ static bool fits(const struct queue *queue, const struct share *share, bool is_c
                (share->calls < kCallsMaximum && share->call_bytes + cost <= kShareMaximum);
     return queue->others + cost <= kOthersMaximum || share == NULL || share->others == 0 ||
            share->other_bytes + cost <= kShareMaximum;
+}
+
+// Whether two users have no more than they may, the one who reads and the one who sends.
+static bool users_permit(const struct queue *queue, const struct client *from, size_t cost)
+{
+    return user_may_have(reader(queue), reader(queue)->waiting_for + cost) &&
+           (from == NULL || user_may_have(from->user, from->user->waiting_from + cost));
 }
 
 static struct share *share_find(const struct queue *queue, uint32_t sender)
@@ -79,8 +92,10 @@ static struct share *share_create(struct queue *queue, struct client *from)
     share->of_queue.key = &share->sender;
     avl_insert(&queue->shares, &share->of_queue);
     INIT_LIST_HEAD(&share->of_sender);
-    if (from != NULL)
+    if (from != NULL) {
+        share->user = from->user;
         list_add_tail(&share->of_sender, &from->sent);
+    }
     return share;
 }
 
@@ -107,6 +122,9 @@ static void charge(struct share *share, struct waiting *message)
     share->bytes += message->cost;
     if (share->left)
         share->queue->left += message->cost;
+    if (share->user != NULL)
+        share->user->waiting_from += message->cost;
+    reader(share->queue)->waiting_for += message->cost;
 }
 
 static void drop(struct waiting *message)
@@ -125,6 +143,9 @@ static void drop(struct waiting *message)
     share->bytes -= message->cost;
     if (share->left)
         share->queue->left -= message->cost;
+    if (share->user != NULL)
+        share->user->waiting_from -= message->cost;
+    reader(share->queue)->waiting_for -= message->cost;
     share_release(share);
     list_del(&message->list);
     free(message);
@@ -138,7 +159,8 @@ enum queue_result queue_add(struct queue *queue, struct origin origin, const str
     // The record counts too: it is larger than a short message. Calls are few.
     size_t cost = total - sent + (origin.is_call ? 0 : sizeof(struct waiting));
 
-    if (sent == 0 && !fits(queue, share, origin.is_call, cost))
+    if (sent == 0 &&
+        (!fits(queue, share, origin.is_call, cost) || !users_permit(queue, origin.from, cost)))
         return kQueueFull;
 
     struct waiting *message = malloc(sizeof(*message) + total);
@@ -235,6 +257,8 @@ void queue_sender_left(struct client *sender)
         struct queue *queue = share->queue;
 
         list_del_init(&share->of_sender);
+        share->user->waiting_from -= share->bytes;
+        share->user = NULL;
         share->left = true;
         queue->left += share->bytes;
         if (queue->left > kLeftMaximum)

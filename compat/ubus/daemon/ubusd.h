@@ -38,12 +38,18 @@ struct queue {
     size_t left;               // bytes from clients that are gone
 };
 
-// Connections of one account.
+// What the clients of one account have together.
 struct user {
     struct avl_node by_uid; // key: uid
     uint32_t uid;
     unsigned int clients;
+    size_t kept;         // bytes of paths, signatures and patterns
+    size_t waiting_for;  // bytes in their queues
+    size_t waiting_from; // bytes from them in all queues
 };
+
+// Of each of the three, for any user but 0: many clients must not exhaust the memory either.
+enum { kUserMaximum = 16777216 };
 
 struct client {
     struct avl_node by_id; // key: id
@@ -146,7 +152,9 @@ struct origin {
 bool clients_listen(const char *path);
 void clients_end(const char *path);
 struct client *client_find(uint32_t id);
+bool user_may_have(const struct user *user, size_t bytes);
 bool client_keeps(struct client *client, unsigned int *count, size_t bytes);
+void client_releases(struct client *client, size_t bytes);
 void client_goes_on(struct client *client);
 
 // output.c: a message goes out whole or not at all.

@@ -1,4 +1,4 @@
-// One queue, many senders: who floods a busy client must not take the place of others.
+// One queue, many senders: a flood into a busy client must not take the place of others.
 
 #include <atomic>
 #include <map>
@@ -115,7 +115,7 @@ TEST_F(Fairness, SubscribingAgainAndAgainDoesNotSilenceTheDaemon)
     drain(owner);
 }
 
-TEST_F(Fairness, ComingBackUnderAnotherIdIsNoWayAroundTheLimit)
+TEST_F(Fairness, ComingBackUnderAnotherIdDoesNotRaiseTheLimit)
 {
     fill_socket();
     for (unsigned i = 0; i < 100; i++) {

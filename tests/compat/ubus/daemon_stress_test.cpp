@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/bus.h"
+#include "support/sanitized.h"
 #include "wire.h"
 
 using namespace wire;
@@ -489,6 +490,40 @@ TEST_F(DaemonStress, AUserHasSoManyConnectionsButRootAsManyAsItNeeds)
         EXPECT_EQ(count, 64) << uid;
     }
     EXPECT_EQ(connect(roots), 200);
+}
+
+unsigned long peak_memory_kib(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmHWM:", 0) == 0)
+            return std::stoul(line.substr(6));
+    }
+    return 0;
+}
+
+TEST_F(DaemonStress, ManyClientsOfAUserThatDoNotReadDoNotExhaustTheMemory)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "a sanitizer keeps what is freed";
+    const unsigned long before = peak_memory_kib(daemon.pid());
+    int status = as_user(1000, [] {
+        std::vector<std::unique_ptr<Client>> clients;
+        std::vector<uint32_t> objects;
+        for (int i = 0; i < 16; i++) {
+            clients.push_back(std::make_unique<Client>());
+            objects.push_back(clients.back()->publish_unnamed());
+        }
+        for (auto &client : clients) {
+            for (uint32_t object : objects)
+                client->send(invoke(1, object, "m", Bytes(1000000, 1)));
+        }
+        return 0;
+    });
+    if (status == 255)
+        GTEST_SKIP() << "no right to change the user";
+    EXPECT_TRUE(witness.is_in_step());
+    EXPECT_LT(peak_memory_kib(daemon.pid()) - before, 100000u); // of 250000
 }
 
 TEST(DaemonLimits, AnIdleDaemonSleeps)

@@ -245,7 +245,7 @@ TEST_F(Daemon, ForwardsWhateverTheOwnerSaysAndNothingElse)
     EXPECT_TRUE(stranger.is_in_step());
     EXPECT_TRUE(caller.is_in_step());
 
-    // All of these do, though nobody called: attributes untouched, but under the daemon's own
+    // All of these do, though there was no call: attributes untouched, but under the daemon's own
     // header, since a client may end its connection over a strange one. Peer is the object.
     for (int i = 0; i < 3; i++) {
         Bytes message_bytes = message(i == 0 ? kData : kStatus, uint16_t(i), caller.id(),
@@ -616,7 +616,7 @@ TEST(DaemonLife, ASecondOneLeavesTheFirstAlone)
     EXPECT_TRUE(newcomer.is_in_step());
 }
 
-TEST(DaemonLife, AFileThatIsNoSocketIsKept)
+TEST(DaemonLife, AFileOtherThanASocketIsKept)
 {
     write_file("/tmp/file", "precious");
     EXPECT_EQ(run_daemon({"-s", "/tmp/file"}), 1);

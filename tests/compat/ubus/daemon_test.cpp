@@ -657,12 +657,13 @@ TEST(DaemonLife, ItsDescriptorsAreItsOwnAndNeverTheStandardOnes)
     size_t count = 0;
     for (const std::string &name : list_folder(folder)) {
         char target[100] = {};
-        ASSERT_GT(readlink((folder + "/" + name).c_str(), target, sizeof(target) - 1), 0);
+        std::string info = read_file(folder + "info/" + name);
+        if (readlink((folder + "/" + name).c_str(), target, sizeof(target) - 1) < 0 || info.empty())
+            continue; // closed by now, as the connection that waited for the daemon to come up
         if (atoi(name.c_str()) <= STDERR_FILENO) {
             EXPECT_STREQ(target, "/dev/null") << name;
             continue;
         }
-        std::string info = read_file(folder + "info/" + name);
         unsigned long flags = strtoul(info.c_str() + info.find("flags:") + 6, nullptr, 8);
         EXPECT_NE(flags & O_CLOEXEC, 0u) << name << " " << target;
         count++;

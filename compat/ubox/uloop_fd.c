@@ -6,6 +6,7 @@
 
 #include "uloop_internal.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -34,9 +35,21 @@ static int batch_next;
 static int batch_count;
 static struct running *innermost;
 
+int above_standard(int fd)
+{
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+
+    int higher = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int error = errno;
+    close(fd);
+    errno = error;
+    return higher;
+}
+
 int poll_open(void)
 {
-    poll_fd = epoll_create1(EPOLL_CLOEXEC);
+    poll_fd = above_standard(epoll_create1(EPOLL_CLOEXEC));
     return poll_fd < 0 ? -1 : 0;
 }
 

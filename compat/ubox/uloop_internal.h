@@ -8,6 +8,11 @@
 // uloop_fd.c: the poll object and the events fetched from it.
 int poll_open(void); // 0, or -1 with errno
 bool poll_is_open(void);
+
+// Where one of the first three was closed, a program's prints would go to a descriptor of the
+// loop's. Takes a higher one instead; -1 with errno when there is none.
+int above_standard(int fd);
+
 void poll_close(void); // drops fetched events; the callers' records are not touched
 
 // Calls back for one event, waiting for it at most so many milliseconds (-1: without limit)

@@ -75,9 +75,9 @@ static int open_pipe(void)
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0)
         return -1;
 
-    wake_reader.fd = ends[0];
-    wake_writer = ends[1];
-    if (uloop_fd_add(&wake_reader, ULOOP_READ) < 0) {
+    wake_reader.fd = above_standard(ends[0]);
+    wake_writer = above_standard(ends[1]);
+    if (wake_reader.fd < 0 || wake_writer < 0 || uloop_fd_add(&wake_reader, ULOOP_READ) < 0) {
         int error = errno;
 
         signals_close();
@@ -110,13 +110,13 @@ void signals_restore(void)
 
 void signals_close(void)
 {
-    if (wake_writer < 0)
-        return;
-
     int writer = wake_writer;
+
     wake_writer = -1;
     uloop_fd_delete(&wake_reader);
-    close(wake_reader.fd);
+    if (wake_reader.fd >= 0)
+        close(wake_reader.fd);
     wake_reader.fd = -1;
-    close(writer);
+    if (writer >= 0)
+        close(writer);
 }

@@ -501,9 +501,10 @@ BV_API int32_t bv_ubus_server_init(const char *object_name, int (*register_callb
 BV_API int32_t bv_ubus_client_init(const char *object_name);
 
 /**
- * Calls a function of the other service and waits for it, up to 3 seconds. A handler may call it
- * too; the server answers nobody meanwhile. Calls must not overlap: the client has one connection
- * and takes no lock.
+ * Calls a function of the other service and waits for it, up to 3 seconds. The platform's own bus
+ * library does not cover sending: with a bus that does not read a call may last longer. A handler
+ * may call it too; the server answers nobody meanwhile. Calls must not overlap: the client has one
+ * connection and takes no lock.
  *
  * @param func_name the function's name
  * @param data      `len` bytes to send, replaced by those that come back. The buffer must hold

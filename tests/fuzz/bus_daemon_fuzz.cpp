@@ -5,14 +5,20 @@
 //         with the right lengths is made here
 //   0x40  the client first hangs up and comes back
 //   0x20  the client does not read what the daemon sends
-// then a length in two bytes and the bytes. Ids are not drawn at random: clients are 0x10001 to
+//   0x10  it reads a little of it
+//   0x08  the bytes go out 40 times
+//   0x04  the first of the bytes says which of the daemon's next allocations fails
+// then a length in two bytes and the bytes. The daemon's sockets take little, so that a client that
+// does not read soon has a queue. Ids are not drawn at random: clients are 0x10001 to
 // 0x10003, objects and types have the numbers behind.
 
+#include "fuzz/failing_memory.h"
 #include "fuzz/input.h"
 
 #include <csignal>
 #include <sys/random.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 extern "C" {
@@ -23,6 +29,8 @@ namespace {
 
 constexpr char kPath[] = "/tmp/bus";
 constexpr int kClients = 3;
+constexpr int kRepetitions = 40;
+constexpr size_t kEverything = SIZE_MAX;
 constexpr uint32_t kIdsBefore = 0x10000;
 
 uint32_t g_last_id;
@@ -53,11 +61,14 @@ public:
     }
 
     // The daemon's stream must stay in step whatever it was sent.
-    void receive()
+    void receive(size_t most)
     {
         char part[16384];
-        for (ssize_t got; (got = recv(fd_, part, sizeof part, 0)) > 0;)
+        for (ssize_t got;
+             most > 0 && (got = recv(fd_, part, std::min(most, sizeof part), 0)) > 0;) {
             received_.append(part, static_cast<size_t>(got));
+            most -= static_cast<size_t>(got);
+        }
 
         size_t at = 0;
         while (received_.size() - at >= kMessageMinimum) {
@@ -86,9 +97,10 @@ bool start()
     return true;
 }
 
-void run_daemon()
+// A turn serves one client.
+void run_daemon(int turns = kClients)
 {
-    for (int turn = 0; turn < 3; ++turn)
+    for (int turn = 0; turn < turns; ++turn)
         uloop_run_timeout(0);
 }
 
@@ -108,20 +120,28 @@ void play_record(fuzz::Input &input, Peer (&peers)[kClients])
     const uint8_t how = input.byte();
     Peer &peer = peers[how % kClients];
     const size_t high = static_cast<size_t>(input.byte()) << 8;
-    const std::string bytes = input.take(high | input.byte());
+    std::string bytes = input.take(high | input.byte());
+    unsigned failing = 0;
+    if ((how & 0x04) != 0 && !bytes.empty()) {
+        failing = static_cast<uint8_t>(bytes[0]);
+        bytes.erase(0, 1);
+    }
     if ((how & 0x40) != 0) {
         peer.disconnect();
         run_daemon();
         peer.connect();
     }
-    if ((how & 0x80) != 0)
+    if ((how & 0x80) == 0)
+        bytes = framed(fuzz::Input(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()));
+    for (int i = (how & 0x08) != 0 ? kRepetitions : 1; i > 0; --i)
         peer.send(bytes);
-    else
-        peer.send(
-            framed(fuzz::Input(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size())));
+    fuzz::g_allocations_left = failing;
     run_daemon();
-    if ((how & 0x20) == 0)
-        peer.receive();
+    fuzz::g_allocations_left = 0;
+    if ((how & 0x30) == 0)
+        peer.receive(kEverything);
+    else if ((how & 0x10) != 0)
+        peer.receive(100);
 }
 
 } // namespace
@@ -132,6 +152,15 @@ extern "C" ssize_t getrandom(void *buffer, size_t length, unsigned int)
     ++g_last_id;
     memcpy(buffer, &g_last_id, sizeof g_last_id);
     return sizeof g_last_id;
+}
+
+extern "C" int accept4(int listener, sockaddr *address, socklen_t *length, int flags)
+{
+    const auto fd = static_cast<int>(syscall(SYS_accept4, listener, address, length, flags));
+    const int least = 1;
+    if (fd >= 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
+    return fd;
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -150,10 +179,14 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         play_record(input, peers);
 
     for (Peer &peer : peers) {
-        peer.receive();
+        // A reader that catches up sees a stream that is in step to its end.
+        for (int i = 0; i < 20; ++i) {
+            peer.receive(kEverything);
+            run_daemon();
+        }
         peer.disconnect();
     }
-    run_daemon();
+    run_daemon(4 * kClients);
     for (uint32_t id = kIdsBefore; id <= g_last_id; ++id)
         FUZZ_CHECK(client_find(id) == nullptr && object_find(id) == nullptr);
     FUZZ_CHECK(avl_is_empty(&objects_by_path));

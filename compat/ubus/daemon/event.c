@@ -6,55 +6,96 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <libubox/avl-cmp.h>
 #include <libubox/blobmsg.h>
 
-#include "ubus_common.h"
-
 struct pattern {
-    struct list_head list;
+    struct avl_node by_text; // key: text
+    size_t length;
     char text[];
+};
+
+struct event {
+    const char *name;
+    size_t name_size;
+    const void *fields;
+    size_t length;
+    struct client *cause; // charged for it
+    bool is_daemons;      // goes to everybody, those of a client not to itself
 };
 
 static LIST_HEAD(listeners); // objects with patterns, object.of_listener
 
 static const char kReserved[] = "ubus."; // names of the daemon's own events
 
-static bool listens_to(const struct object *object, const char *event)
+// As ubus_pattern_matches(), but patterns may be long.
+static bool matches(const struct pattern *pattern, const char *name)
+{
+    if (pattern->text[pattern->length - 1] == '*')
+        return strncmp(pattern->text, name, pattern->length - 1) == 0;
+    return strcmp(pattern->text, name) == 0;
+}
+
+static bool listens_to(const struct object *object, const char *name)
 {
     struct pattern *pattern;
 
-    list_for_each_entry(pattern, &object->patterns, list)
+    avl_for_each_element(&object->patterns, pattern, by_text)
     {
-        if (ubus_pattern_matches(pattern->text, event))
+        if (matches(pattern, name))
             return true;
     }
     return false;
 }
 
-static void deliver(const struct object *object, const char *event, const void *fields,
-                    size_t length)
+static size_t padding(size_t length)
 {
-    static uint16_t seq;
-    struct blob_buf *call = answer_begin();
-
-    if (call == NULL)
-        return;
-    blob_put_u32(call, UBUS_ATTR_OBJID, object->id);
-    blob_put_string(call, UBUS_ATTR_METHOD, event);
-    blob_put(call, UBUS_ATTR_DATA, fields, (unsigned int)length);
-    send_blob(object->owner, UBUS_MSG_INVOKE, ++seq, 0, call->head);
+    return -length & (BLOB_ATTR_ALIGN - 1);
 }
 
-// An object hears of an event once, however many of its patterns fit. `sender` hears nothing.
-static void publish(const char *event, const void *fields, size_t length,
-                    const struct client *sender)
+// Nothing is copied before it is known that there is room for it: listeners are many.
+static void deliver(const struct object *object, const struct event *event)
+{
+    static const uint8_t kZeros[BLOB_ATTR_ALIGN];
+    static uint16_t seq;
+    uint8_t head[kMessageMinimum + 3 * kWordLength];
+    uint8_t data[kWordLength];
+    struct iovec parts[] = {
+        {head, sizeof(head)},
+        {(void *)(uintptr_t)event->name, event->name_size},
+        {(void *)(uintptr_t)kZeros, padding(event->name_size)},
+        {data, sizeof(data)},
+        {(void *)(uintptr_t)event->fields, event->length},
+        {(void *)(uintptr_t)kZeros, padding(event->length)},
+    };
+    enum { kCount = sizeof(parts) / sizeof(parts[0]) };
+    size_t length = 0;
+
+    for (int i = 0; i < kCount; i++)
+        length += parts[i].iov_len;
+    put_header(head, UBUS_MSG_INVOKE, ++seq, 0);
+    put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
+    put_attr(head + kMessageMinimum, UBUS_ATTR_OBJID, kWordLength);
+    put_be32(head + kMessageMinimum + kWordLength, object->id);
+    put_attr(head + kMessageMinimum + 2 * kWordLength, UBUS_ATTR_METHOD, event->name_size);
+    put_attr(data, UBUS_ATTR_DATA, event->length);
+    output_send(object->owner, (struct origin){.from = event->cause}, parts, kCount);
+}
+
+// An object hears of an event once, however many of its patterns fit.
+static void publish(const struct event *event)
 {
     struct object *object;
 
     list_for_each_entry(object, &listeners, of_listener)
     {
-        if (object->owner != sender && listens_to(object, event))
-            deliver(object, event, fields, length);
+        if ((object->owner == event->cause && !event->is_daemons) || object->owner->broken)
+            continue;
+        event->cause->work += kWorkLook * object->patterns.count;
+        if (!listens_to(object, event->name))
+            continue;
+        event->cause->work += kWorkSend;
+        deliver(object, event);
     }
 }
 
@@ -64,11 +105,11 @@ static void publish_object(const char *event, const struct object *object)
 
     if (object->path == NULL || list_empty(&listeners))
         return;
-    if (blob_buf_init(&fields, 0) != 0)
+    if (blob_buf_init(&fields, 0) != 0 || blobmsg_add_u32(&fields, "id", object->id) != 0 ||
+        blobmsg_add_string(&fields, "path", object->path) != 0)
         return;
-    blobmsg_add_u32(&fields, "id", object->id);
-    blobmsg_add_string(&fields, "path", object->path);
-    publish(event, blob_data(fields.head), blob_len(fields.head), NULL);
+    publish(&(struct event){event, strlen(event) + 1, blob_data(fields.head), blob_len(fields.head),
+                            object->owner, true});
 }
 
 void event_object_added(const struct object *object)
@@ -81,34 +122,41 @@ void event_object_removed(const struct object *object)
     publish_object("ubus.object.remove", object);
 }
 
+void event_init_listener(struct object *object)
+{
+    avl_init(&object->patterns, avl_strcmp, false, NULL);
+    INIT_LIST_HEAD(&object->of_listener);
+}
+
 void event_forget_listener(struct object *object)
 {
     struct pattern *pattern, *next;
 
-    list_for_each_entry_safe(pattern, next, &object->patterns, list)
-    {
-        list_del(&pattern->list);
-        free(pattern);
-    }
+    object->owner->kept.patterns -= object->patterns.count;
+    avl_remove_all_elements(&object->patterns, pattern, by_text, next) free(pattern);
     list_del_init(&object->of_listener);
 }
 
 static bool add_pattern(struct object *object, const char *text)
 {
+    struct client *owner = object->owner;
     size_t size = strlen(text) + 1;
-    struct pattern *pattern;
 
     // The same pattern again changes nothing that anybody could see.
-    list_for_each_entry(pattern, &object->patterns, list)
-    {
-        if (strcmp(pattern->text, text) == 0)
-            return true;
-    }
-    pattern = malloc(sizeof(*pattern) + size);
+    if (avl_find(&object->patterns, text) != NULL)
+        return true;
+
+    struct pattern *pattern = malloc(sizeof(*pattern) + size);
     if (pattern == NULL)
         return false;
-    memcpy(pattern->text, text, size);
-    list_add_tail(&pattern->list, &object->patterns);
+    if (!client_keeps(owner, &owner->kept.patterns, size)) {
+        free(pattern);
+        return false;
+    }
+    object->kept_bytes += size;
+    pattern->length = size - 1;
+    pattern->by_text.key = memcpy(pattern->text, text, size);
+    avl_insert(&object->patterns, &pattern->by_text);
     if (list_empty(&object->of_listener))
         list_add_tail(&object->of_listener, &listeners);
     return true;
@@ -155,7 +203,8 @@ static uint32_t call_send(struct client *client, struct blob_attr *fields)
     const char *event = blobmsg_get_string(found[kId]);
     if (strncmp(event, kReserved, sizeof(kReserved) - 1) == 0)
         return UBUS_STATUS_PERMISSION_DENIED;
-    publish(event, blobmsg_data(found[kData]), blobmsg_data_len(found[kData]), client);
+    publish(&(struct event){event, strlen(event) + 1, blobmsg_data(found[kData]),
+                            blobmsg_data_len(found[kData]), client, false});
     return UBUS_STATUS_OK;
 }
 

@@ -1,15 +1,18 @@
 // Finding objects by path.
 //
 // A full listing can be longer than a client's queue, which would drop the end of it and leave the
-// client waiting for good. So a listing goes out only while the client reads: with output queued
-// it waits, remembering the last path sent.
+// client waiting for good. So a listing goes out only while the client reads: with anything of the
+// daemon's queued it waits, remembering the last path sent. It also waits when it has had its part
+// of a turn, since others want to be served in between.
 
 #include "ubusd.h"
 
 #include <stdlib.h>
 #include <string.h>
 
-enum { kPostponedMaximum = 1048576 }; // bytes per client, as for its queue
+enum {
+    kPostponedMaximum = 1048576, // bytes per client, as for its queue
+};
 
 struct lookup {
     struct list_head list; // in client.lookups once postponed
@@ -18,7 +21,13 @@ struct lookup {
     char *last;    // path sent last, null before the first
     size_t size;   // charged to the client
     bool found;
+    bool no_memory;
 };
+
+static bool has_to_wait(const struct client *client)
+{
+    return queue_holds_daemons(&client->queue) || client->work >= kWorkPerTurn;
+}
 
 static bool is_prefix_pattern(const char *pattern)
 {
@@ -32,13 +41,14 @@ static void send_object(struct client *client, const struct lookup *lookup,
 {
     struct blob_buf *answer = answer_begin();
 
-    if (answer == NULL)
+    if (answer == NULL || blob_put_string(answer, UBUS_ATTR_OBJPATH, object->path) == NULL ||
+        blob_put_u32(answer, UBUS_ATTR_OBJID, object->id) == NULL ||
+        blob_put_u32(answer, UBUS_ATTR_OBJTYPE, object->type->id) == NULL ||
+        blob_put(answer, UBUS_ATTR_SIGNATURE, object->type->signature, object->type->length) ==
+            NULL)
         return;
-    blob_put_string(answer, UBUS_ATTR_OBJPATH, object->path);
-    blob_put_u32(answer, UBUS_ATTR_OBJID, object->id);
-    blob_put_u32(answer, UBUS_ATTR_OBJTYPE, object->type->id);
-    blob_put(answer, UBUS_ATTR_SIGNATURE, object->type->signature, object->type->length);
-    send_blob(client, UBUS_MSG_DATA, lookup->request.seq, lookup->request.peer, answer->head);
+    client->work += blob_raw_len(answer->head);
+    send_blob(client, NULL, UBUS_MSG_DATA, lookup->request.seq, lookup->request.peer, answer->head);
 }
 
 // The object after the last one sent, or the first that can match.
@@ -55,7 +65,7 @@ static struct object *next_object(const struct lookup *lookup, const char *prefi
     return node != NULL ? container_of(node, struct object, by_path) : NULL;
 }
 
-// Sends the objects whose paths begin with the prefix. False when the client stopped reading.
+// Sends the objects whose paths begin with the prefix. False when the rest has to wait.
 static bool list_prefix(struct client *client, struct lookup *lookup, const char *prefix,
                         size_t length)
 {
@@ -63,14 +73,17 @@ static bool list_prefix(struct client *client, struct lookup *lookup, const char
     const char *sent = NULL;
 
     while (object != NULL && strncmp(object->path, prefix, length) == 0) {
-        if (output_is_stalled(client)) {
+        if (has_to_wait(client)) {
             if (sent != NULL) {
                 free(lookup->last);
                 lookup->last = strdup(sent);
             }
-            return false;
+            // Without the place to go on from, the listing ends here.
+            lookup->no_memory = sent != NULL && lookup->last == NULL;
+            return lookup->no_memory;
         }
         lookup->found = true;
+        client->work += kWorkLook;
         if (object->type != NULL)
             send_object(client, lookup, object);
         sent = object->path;
@@ -109,7 +122,7 @@ static bool run(struct client *client, struct lookup *lookup)
 {
     uint32_t status = UBUS_STATUS_OK;
 
-    if (output_is_stalled(client))
+    if (has_to_wait(client))
         return false;
     if (lookup->pattern == NULL) {
         if (!list_prefix(client, lookup, "", 0))
@@ -122,6 +135,8 @@ static bool run(struct client *client, struct lookup *lookup)
         if (!lookup->found)
             status = UBUS_STATUS_NOT_FOUND;
     }
+    if (lookup->no_memory)
+        status = UBUS_STATUS_NO_MEMORY;
     send_status(client, &lookup->request, status);
     return true;
 }
@@ -145,6 +160,7 @@ static void postpone(struct client *client, const struct lookup *lookup)
         kept->pattern = memcpy(kept + 1, lookup->pattern, length);
     client->lookups_size += size;
     list_add_tail(&kept->list, &client->lookups);
+    output_watch(client);
 }
 
 static void forget(struct client *client, struct lookup *lookup)
@@ -172,7 +188,7 @@ void request_lookup(struct client *client, const struct message *message)
 
 void lookups_resume(struct client *client)
 {
-    while (!list_empty(&client->lookups) && !output_is_stalled(client)) {
+    while (!list_empty(&client->lookups) && !has_to_wait(client)) {
         struct lookup *lookup = list_first_entry(&client->lookups, struct lookup, list);
 
         if (!run(client, lookup))

@@ -2,6 +2,7 @@
 
 #include "ubusd.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -35,12 +36,25 @@ static bool catch_end(void)
     return signals.fd >= 0 && uloop_fd_add(&signals, ULOOP_READ | ULOOP_BLOCKING) == 0;
 }
 
+// With one of the first three closed, a client's socket would take its place, and complaints would
+// go into that.
+static void fill_standard_descriptors(void)
+{
+    int fd;
+
+    do
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
+
 static int usage(const char *program)
 {
     fprintf(stderr,
             "usage: %s [-s SOCKET] [-A DIRECTORY]\n"
             "  -s SOCKET     socket to listen on (" DEFAULT_SOCKET ")\n"
-            "  -A DIRECTORY  access rules; accepted, but every client may do everything\n",
+            "  -A DIRECTORY  access rules; no effect, every client may do everything\n",
             program);
     return 1;
 }
@@ -50,10 +64,13 @@ int main(int argc, char **argv)
     const char *path = DEFAULT_SOCKET;
     int option;
 
+    fill_standard_descriptors();
     while ((option = getopt(argc, argv, "s:A:")) != -1) {
         if (option == 's')
             path = optarg;
-        else if (option != 'A')
+        else if (option == 'A')
+            fprintf(stderr, "ubusd: -A has no effect: every client may do everything\n");
+        else
             return usage(argv[0]);
     }
     if (optind != argc)
@@ -74,6 +91,6 @@ int main(int argc, char **argv)
     }
 
     uloop_run();
-    unlink(path);
+    clients_end(path);
     return 0;
 }

@@ -15,6 +15,12 @@ void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer)
     put_be32(to + 4, peer);
 }
 
+// The first word of an attribute.
+void put_attr(uint8_t *to, uint32_t id, size_t payload)
+{
+    put_be32(to, id << BLOB_ATTR_ID_SHIFT | (uint32_t)(kWordLength + payload));
+}
+
 // `bytes` is one whole message. Attributes point into it.
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length)
 {
@@ -37,7 +43,8 @@ uint32_t message_u32(const struct message *message, int attr)
     return blob_get_u32(message->attr[attr]);
 }
 
-void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer, struct blob_attr *body)
+void send_blob(struct client *to, struct client *from, uint8_t type, uint16_t seq, uint32_t peer,
+               struct blob_attr *body)
 {
     uint8_t header[kHeaderLength];
     struct iovec parts[] = {
@@ -46,7 +53,7 @@ void send_blob(struct client *to, uint8_t type, uint16_t seq, uint32_t peer, str
     };
 
     put_header(header, type, seq, peer);
-    output_send(to, parts, 2);
+    output_send(to, (struct origin){.from = from}, parts, 2);
 }
 
 // The end of every answer that the daemon gives itself.
@@ -57,9 +64,9 @@ void send_status(struct client *to, const struct message *request, uint32_t stat
 
     put_header(bytes, UBUS_MSG_STATUS, request->seq, request->peer);
     put_be32(bytes + 8, sizeof(bytes) - kHeaderLength);
-    put_be32(bytes + 12, (uint32_t)UBUS_ATTR_STATUS << BLOB_ATTR_ID_SHIFT | 2 * kWordLength);
+    put_attr(bytes + 12, UBUS_ATTR_STATUS, kWordLength);
     put_be32(bytes + 16, status);
-    output_send(to, &part, 1);
+    output_send(to, (struct origin){.from = NULL}, &part, 1);
 }
 
 // The daemon's buffer for one body, emptied. Gone with the next call.

@@ -8,6 +8,9 @@
 #include <libubox/avl-cmp.h>
 #include <libubox/blobmsg.h>
 
+// More than the daemon's messages about an object hold besides its path and signature.
+enum { kAroundObject = 128 };
+
 struct avl_tree objects_by_path;
 static struct avl_tree objects;
 static struct avl_tree types;
@@ -45,14 +48,12 @@ static bool signature_is_sound(const struct blob_attr *signature)
     return true;
 }
 
-// A new type, referred to by nobody yet; null for a signature that makes no sense.
+// A new type that no object has yet; null when memory is short.
 static struct object_type *type_create(const struct blob_attr *signature)
 {
     size_t length = blob_len(signature);
-
-    if (!signature_is_sound(signature))
-        return NULL;
     struct object_type *type = calloc(1, sizeof(*type) + length);
+
     if (type == NULL)
         return NULL;
     type->length = (uint32_t)length;
@@ -64,17 +65,24 @@ static struct object_type *type_create(const struct blob_attr *signature)
     return type;
 }
 
-// The type a new object asks for. An unknown one is no error: the object goes without.
-static struct object_type *type_wanted(const struct message *message)
+// Gives a new object the type it asks for. An unknown one and a signature that makes no sense are
+// no error: the object goes without.
+static bool type_assign(struct object *object, const struct message *message)
 {
+    struct blob_attr *signature = message->attr[UBUS_ATTR_SIGNATURE];
+
     if (message->attr[UBUS_ATTR_OBJTYPE] != NULL) {
         uint32_t id = message_u32(message, UBUS_ATTR_OBJTYPE);
         struct object_type *type;
-        return avl_find_element(&types, &id, type, by_id);
+        object->type = avl_find_element(&types, &id, type, by_id);
+    } else if (signature != NULL && signature_is_sound(signature)) {
+        object->type = type_create(signature);
+        if (object->type == NULL)
+            return false;
     }
-    if (message->attr[UBUS_ATTR_SIGNATURE] != NULL)
-        return type_create(message->attr[UBUS_ATTR_SIGNATURE]);
-    return NULL;
+    if (object->type != NULL)
+        object->type->objects++;
+    return true;
 }
 
 static void type_release(struct object_type *type)
@@ -92,26 +100,51 @@ static struct object *object_create(struct client *owner, const char *path)
     if (object == NULL)
         return NULL;
     object->owner = owner;
+    INIT_LIST_HEAD(&object->of_owner);
     INIT_LIST_HEAD(&object->watchers);
-    INIT_LIST_HEAD(&object->watched);
-    INIT_LIST_HEAD(&object->patterns);
-    INIT_LIST_HEAD(&object->of_listener);
+    ids_init(&object->watched);
+    event_init_listener(object);
+    if ((path != NULL && (object->path = strdup(path)) == NULL) ||
+        !ids_insert(&objects, &object->by_id, &object->id)) {
+        free(object->path);
+        free(object);
+        return NULL;
+    }
+    return object;
+}
 
-    if (path != NULL && (object->path = strdup(path)) == NULL)
-        goto fail;
-    if (!ids_insert(&objects, &object->by_id, &object->id))
-        goto fail;
-    list_add_tail(&object->of_owner, &owner->objects);
-    if (path != NULL) {
+static void object_free(struct object *object)
+{
+    avl_delete(&objects, &object->by_id);
+    type_release(object->type);
+    free(object->path);
+    free(object);
+}
+
+// Charges the object to its owner. The messages about it, by the daemon itself, are held to the
+// same limit as all others.
+static uint32_t object_admit(struct object *object)
+{
+    struct client *owner = object->owner;
+    size_t bytes = object->path != NULL ? strlen(object->path) + 1 : 0;
+
+    if (object->type != NULL)
+        bytes += object->type->length;
+    if (object->path != NULL && bytes > UBUS_MAX_MSGLEN - kAroundObject)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (!client_keeps(owner, &owner->kept.objects, bytes))
+        return UBUS_STATUS_NO_MEMORY;
+    object->kept_bytes = bytes;
+    return UBUS_STATUS_OK;
+}
+
+static void object_enter(struct object *object)
+{
+    list_add_tail(&object->of_owner, &object->owner->objects);
+    if (object->path != NULL) {
         object->by_path.key = object->path;
         avl_insert(&objects_by_path, &object->by_path);
     }
-    return object;
-
-fail:
-    free(object->path);
-    free(object);
-    return NULL;
 }
 
 // DATA {OBJID, [OBJTYPE]}
@@ -120,12 +153,11 @@ static void answer_object(struct client *client, const struct message *message,
 {
     struct blob_buf *answer = answer_begin();
 
-    if (answer == NULL)
+    if (answer == NULL || blob_put_u32(answer, UBUS_ATTR_OBJID, object->id) == NULL)
         return;
-    blob_put_u32(answer, UBUS_ATTR_OBJID, object->id);
-    if (with_type)
-        blob_put_u32(answer, UBUS_ATTR_OBJTYPE, object->type->id);
-    send_blob(client, UBUS_MSG_DATA, message->seq, message->peer, answer->head);
+    if (with_type && blob_put_u32(answer, UBUS_ATTR_OBJTYPE, object->type->id) == NULL)
+        return;
+    send_blob(client, NULL, UBUS_MSG_DATA, message->seq, message->peer, answer->head);
 }
 
 void request_add_object(struct client *client, const struct message *message)
@@ -142,10 +174,15 @@ void request_add_object(struct client *client, const struct message *message)
         send_status(client, message, UBUS_STATUS_NO_MEMORY);
         return;
     }
-    object->type = type_wanted(message);
-    if (object->type != NULL)
-        object->type->objects++;
+    uint32_t status =
+        type_assign(object, message) ? object_admit(object) : (uint32_t)UBUS_STATUS_NO_MEMORY;
+    if (status != UBUS_STATUS_OK) {
+        object_free(object);
+        send_status(client, message, status);
+        return;
+    }
 
+    object_enter(object);
     // Listeners hear of it first, the new owner too if it is one.
     event_object_added(object);
     answer_object(client, message, object,
@@ -155,24 +192,16 @@ void request_add_object(struct client *client, const struct message *message)
 
 void object_remove(struct object *object)
 {
-    avl_delete(&objects, &object->by_id);
     if (object->path != NULL)
         avl_delete(&objects_by_path, &object->by_path);
     list_del(&object->of_owner);
+    object->owner->kept.objects--;
+    client_releases(object->owner, object->kept_bytes);
 
     subscriptions_forget(object);
     event_forget_listener(object);
     event_object_removed(object);
-
-    type_release(object->type);
-    free(object->path);
-    free(object);
-}
-
-void objects_remove_all_of(struct client *client)
-{
-    while (!list_empty(&client->objects))
-        object_remove(list_first_entry(&client->objects, struct object, of_owner));
+    object_free(object);
 }
 
 // The client's own object that a request is about; null after the request was refused.

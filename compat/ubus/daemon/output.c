@@ -1,109 +1,75 @@
 // Sending. Short messages to one client are collected while one batch of input is worked off and
 // leave in one write: an owner's answer and its status wake the caller once. What a socket does not
-// take waits in the client's queue; when that is full, whole messages are dropped and the stream
+// take waits in the client's queue; what has no room there is dropped as a whole, and the stream
 // stays in step.
 
 #include "ubusd.h"
 
 #include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 
 enum {
-    kQueueMaximum = 1048576,
     kCollectMessage = 4096, // longer ones are not worth copying
     kCollectSize = 16384,
+    kCollectCount = 256,
+    kResumeParts = 64, // of one write
 };
 
 static struct {
     struct client *to;
     size_t length;
+    unsigned int count;
+    struct origin origins[kCollectCount];
     uint8_t bytes[kCollectSize];
 } collected;
 
-static size_t queue_length(const struct queue *queue)
+void output_init(struct client *client)
 {
-    return queue->end - queue->start;
+    queue_init(&client->queue);
+    INIT_LIST_HEAD(&client->sent);
 }
 
-bool output_is_stalled(const struct client *client)
+static bool is_stalled(const struct client *client)
 {
-    return queue_length(&client->queue) > 0;
+    return !list_empty(&client->queue.messages);
 }
 
-static void watch(struct client *client, unsigned int events)
+// Its stream cannot go on.
+static void give_up(struct client *client)
 {
+    client->broken = true;
+    client->ending = true;
+    shutdown(client->sock.fd, SHUT_RDWR);
+    client_goes_on(client);
+}
+
+// Whether the socket has room matters only to what waits for it.
+void output_watch(struct client *client)
+{
+    // One that goes on by itself is not read meanwhile.
+    unsigned int events = list_empty(&client->of_busy) ? ULOOP_READ : 0;
+
+    if (is_stalled(client) || !list_empty(&client->lookups))
+        events |= ULOOP_WRITE;
+    if (events == client->events || client->ending)
+        return;
     // ULOOP_BLOCKING only says that the descriptor's mode is our own affair.
-    uloop_fd_add(&client->sock, events | ULOOP_BLOCKING);
+    if (uloop_fd_add(&client->sock, events | ULOOP_BLOCKING) == 0)
+        client->events = events;
+    else
+        give_up(client);
 }
 
-// Room for `more` bytes at the end of the queue.
-static bool queue_reserve(struct queue *queue, size_t more)
+static void queue_message(struct client *client, struct origin origin, const struct iovec *parts,
+                          int count, size_t sent, size_t total)
 {
-    size_t length = queue_length(queue);
+    enum queue_result result = queue_add(&client->queue, origin, parts, count, sent, total);
 
-    if (queue->size - queue->end >= more)
-        return true;
-    if (queue->start > 0) {
-        memmove(queue->bytes, queue->bytes + queue->start, length);
-        queue->start = 0;
-        queue->end = length;
-    }
-
-    // Doubling keeps the number of moves low; compaction alone would move on every message.
-    size_t size = queue->size > 0 ? queue->size : kCollectSize;
-    while (size < length + more || size < 2 * length)
-        size *= 2;
-    if (size <= queue->size)
-        return true;
-
-    uint8_t *bytes = realloc(queue->bytes, size);
-    if (bytes == NULL)
-        return queue->size - queue->end >= more;
-    queue->bytes = bytes;
-    queue->size = size;
-    return true;
-}
-
-static void queue_free(struct queue *queue)
-{
-    free(queue->bytes);
-    memset(queue, 0, sizeof(*queue));
-}
-
-// Queues the rest of one message of which `sent` bytes are out. A message that has begun, or that
-// meets an empty queue, is always taken.
-static void queue_message(struct client *client, const struct iovec *parts, int count, size_t sent,
-                          size_t total)
-{
-    struct queue *queue = &client->queue;
-    size_t rest = total - sent;
-    bool was_empty = queue_length(queue) == 0;
-
-    if (!was_empty && queue_length(queue) + rest > kQueueMaximum)
-        return;
-    if (!queue_reserve(queue, rest)) {
-        // Half a message is out and the rest cannot be kept: this stream is beyond help.
-        if (sent > 0) {
-            client->broken = true;
-            shutdown(client->sock.fd, SHUT_RDWR);
-        }
-        return;
-    }
-
-    for (int i = 0; i < count; i++) {
-        size_t skip = sent < parts[i].iov_len ? sent : parts[i].iov_len;
-        size_t length = parts[i].iov_len - skip;
-
-        sent -= skip;
-        if (length == 0)
-            continue;
-        memcpy(queue->bytes + queue->end, (const uint8_t *)parts[i].iov_base + skip, length);
-        queue->end += length;
-    }
-    if (was_empty)
-        watch(client, ULOOP_READ | ULOOP_WRITE);
+    if (result == kQueueKept)
+        output_watch(client);
+    else if (sent > 0)
+        give_up(client); // half a message is out and the rest cannot be kept
 }
 
 // How many bytes the socket took. A dead one takes everything from now on.
@@ -123,14 +89,21 @@ static size_t write_now(struct client *client, const struct iovec *parts, int co
         return (size_t)sent;
     if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == ENOMEM)
         return 0;
-    client->broken = true;
+    give_up(client);
     return total;
 }
 
 static size_t write_or_stall(struct client *client, const struct iovec *parts, int count,
                              size_t total)
 {
-    return output_is_stalled(client) ? 0 : write_now(client, parts, count, total);
+    return is_stalled(client) ? 0 : write_now(client, parts, count, total);
+}
+
+static void collected_forget(void)
+{
+    collected.to = NULL;
+    collected.length = 0;
+    collected.count = 0;
 }
 
 void output_flush(void)
@@ -139,29 +112,32 @@ void output_flush(void)
     size_t length = collected.length;
     struct iovec all = {collected.bytes, length};
 
-    collected.to = NULL;
-    collected.length = 0;
+    collected_forget();
     if (client == NULL || client->broken)
         return;
 
     size_t sent = write_or_stall(client, &all, 1, length);
-    for (size_t at = 0; at < length && !client->broken;) {
+    const struct origin *origin = collected.origins;
+    for (size_t at = 0; at < length && !client->broken; origin++) {
         size_t size =
             kHeaderLength + (get_be32(collected.bytes + at + kHeaderLength) & BLOB_ATTR_LEN_MASK);
         struct iovec one = {collected.bytes + at, size};
         size_t done = sent > at ? sent - at : 0;
 
         if (done < size)
-            queue_message(client, &one, 1, done, size);
+            queue_message(client, *origin, &one, 1, done, size);
         at += size;
     }
 }
 
-static void collect(struct client *to, const struct iovec *parts, int count, size_t total)
+static void collect(struct client *to, struct origin origin, const struct iovec *parts, int count,
+                    size_t total)
 {
-    if (collected.to != to || kCollectSize - collected.length < total)
+    if (collected.to != to || collected.count == kCollectCount ||
+        kCollectSize - collected.length < total)
         output_flush();
     collected.to = to;
+    collected.origins[collected.count++] = origin;
     for (int i = 0; i < count; i++) {
         if (parts[i].iov_len == 0)
             continue;
@@ -171,7 +147,7 @@ static void collect(struct client *to, const struct iovec *parts, int count, siz
 }
 
 // `parts` together are one message.
-void output_send(struct client *to, const struct iovec *parts, int count)
+void output_send(struct client *to, struct origin origin, const struct iovec *parts, int count)
 {
     size_t total = 0;
 
@@ -180,7 +156,7 @@ void output_send(struct client *to, const struct iovec *parts, int count)
     for (int i = 0; i < count; i++)
         total += parts[i].iov_len;
     if (total <= kCollectMessage) {
-        collect(to, parts, count, total);
+        collect(to, origin, parts, count, total);
         return;
     }
 
@@ -190,30 +166,27 @@ void output_send(struct client *to, const struct iovec *parts, int count)
         return;
     size_t sent = write_or_stall(to, parts, count, total);
     if (sent < total)
-        queue_message(to, parts, count, sent, total);
+        queue_message(to, origin, parts, count, sent, total);
 }
 
 // The socket has room again.
 void output_resume(struct client *client)
 {
-    struct queue *queue = &client->queue;
+    struct iovec parts[kResumeParts];
+    int count = queue_parts(&client->queue, parts, kResumeParts);
+    size_t total = 0;
 
-    if (queue_length(queue) == 0)
+    if (count == 0 || client->broken)
         return;
-    struct iovec all = {queue->bytes + queue->start, queue_length(queue)};
-    queue->start += write_now(client, &all, 1, all.iov_len);
-    if (queue_length(queue) > 0)
-        return;
-
-    queue_free(queue);
-    watch(client, ULOOP_READ);
+    for (int i = 0; i < count; i++)
+        total += parts[i].iov_len;
+    queue_sent(&client->queue, write_now(client, parts, count, total));
 }
 
+// The client goes.
 void output_forget(struct client *client)
 {
-    if (collected.to == client) {
-        collected.to = NULL;
-        collected.length = 0;
-    }
-    queue_free(&client->queue);
+    if (collected.to == client)
+        collected_forget();
+    queue_clear(&client->queue);
 }

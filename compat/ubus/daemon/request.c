@@ -2,8 +2,6 @@
 
 #include "ubusd.h"
 
-#include <string.h>
-
 typedef void (*request_handler)(struct client *client, const struct message *message);
 
 // Passes an attribute on as it came, with its padding.
@@ -43,9 +41,9 @@ void forward_call(struct client *to, uint32_t object_id, struct client *from,
 
     put_header(head, UBUS_MSG_INVOKE, call->seq, from->id);
     put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
-    put_be32(object, (uint32_t)UBUS_ATTR_OBJID << BLOB_ATTR_ID_SHIFT | sizeof(object));
+    put_attr(object, UBUS_ATTR_OBJID, kWordLength);
     put_be32(object + kWordLength, object_id);
-    output_send(to, parts, kCount);
+    output_send(to, (struct origin){from, call->type == UBUS_MSG_INVOKE}, parts, kCount);
 }
 
 static void request_invoke(struct client *client, const struct message *message)
@@ -83,14 +81,16 @@ static void forward_answer(struct client *client, const struct message *message)
     if (caller == NULL)
         return;
 
-    uint8_t header[kHeaderLength];
+    // Header and length are the daemon's own: what an owner wrote there could end the caller's
+    // stream.
+    uint8_t head[kMessageMinimum];
     struct iovec parts[] = {
-        {header, sizeof(header)},
-        {(void *)(uintptr_t)(message->bytes + kHeaderLength), message->length - kHeaderLength},
+        {head, sizeof(head)},
+        {(void *)(uintptr_t)(message->bytes + kMessageMinimum), message->length - kMessageMinimum},
     };
-    memcpy(header, message->bytes, sizeof(header));
-    put_be32(header + 4, object->id);
-    output_send(caller, parts, 2);
+    put_header(head, message->type, message->seq, object->id);
+    put_be32(head + kHeaderLength, (uint32_t)(message->length - kHeaderLength));
+    output_send(caller, (struct origin){.from = client}, parts, 2);
 }
 
 static void request_ping(struct client *client, const struct message *message)
@@ -102,7 +102,7 @@ static void request_ping(struct client *client, const struct message *message)
     };
 
     put_header(header, UBUS_MSG_DATA, message->seq, message->peer);
-    output_send(client, parts, 2);
+    output_send(client, (struct origin){.from = NULL}, parts, 2);
     send_status(client, message, UBUS_STATUS_OK);
 }
 

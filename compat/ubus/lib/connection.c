@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <libubox/usock.h>
@@ -58,10 +59,21 @@ static bool read_greeting(int fd, uint32_t *id)
     return *id > UBUS_CLIENT_ID_CHANNEL && skip(fd, length - kWordLength);
 }
 
+// Where one of the first three was closed, a program's prints would go to the bus.
+static int above_standard(int fd)
+{
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+
+    int higher = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return higher;
+}
+
 // A greeted socket that no longer blocks, or -1.
 static int dial(const char *path, uint32_t *id)
 {
-    int fd = usock(USOCK_UNIX, path != NULL ? path : kDefaultPath, NULL);
+    int fd = above_standard(usock(USOCK_UNIX, path != NULL ? path : kDefaultPath, NULL));
 
     if (fd < 0)
         return -1;
@@ -144,6 +156,13 @@ void connection_end(struct connection *connection)
     if (connection->lost && !connection->freed)
         leave_loop(connection);
     connection_release(connection);
+}
+
+// Ends a connection whose stream is out of step.
+void connection_break(struct connection *connection)
+{
+    shutdown(connection->ctx.sock.fd, SHUT_RDWR);
+    connection_end(connection);
 }
 
 UBUS_EXPORT struct ubus_context *ubus_connect(const char *path)

@@ -6,7 +6,14 @@
 
 #include "internal.h"
 
-enum { kPendingDelayMs = 1 };
+enum {
+    kPendingDelayMs = 1,
+    // Calls that are put by have room in common. Beyond it every caller may still have so many, or
+    // so many bytes, and one always: a flood does not take the place of others. The rest is lost.
+    kPendingRoom = 1048576,
+    kPendingCalls = 32,
+    kPendingShare = 131072,
+};
 
 // A call put by: a copy of the whole message.
 struct pending {
@@ -22,7 +29,7 @@ static void send_status(struct connection *connection, const struct ubus_request
     struct iovec parts[] = {{NULL, 0}, {attrs, sizeof(attrs)}};
 
     put_u32(put_u32(attrs, UBUS_ATTR_STATUS, (uint32_t)status), UBUS_ATTR_OBJID, call->object);
-    message_send(connection, UBUS_MSG_STATUS, call->seq, call->peer, parts, 2, -1);
+    message_send(connection, UBUS_MSG_STATUS, call->seq, call->peer, parts, 2, -1, kNever);
 }
 
 UBUS_EXPORT void ubus_complete_deferred_request(struct ubus_context *ctx,
@@ -44,7 +51,8 @@ UBUS_EXPORT int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_da
     };
 
     put_attr(put_u32(attrs, UBUS_ATTR_OBJID, req->object), UBUS_ATTR_DATA, length);
-    if (message_send(connection_of(ctx), UBUS_MSG_DATA, req->seq, req->peer, parts, 4, -1) != 0)
+    if (message_send(connection_of(ctx), UBUS_MSG_DATA, req->seq, req->peer, parts, 4, -1,
+                     kNever) != 0)
         return UBUS_STATUS_NO_DATA;
     return UBUS_STATUS_OK;
 }
@@ -137,22 +145,50 @@ static void serve_call(struct connection *connection, const struct message *mess
     connection_release(connection);
 }
 
-static void put_by(struct connection *connection, const uint8_t *bytes, size_t size)
+static bool has_share_left(struct connection *connection, const struct message *message,
+                           size_t size)
 {
-    struct pending *pending = malloc(sizeof(*pending) + size);
+    struct pending *pending;
+    unsigned int calls = 0;
+    size_t bytes = size;
 
+    list_for_each_entry(pending, &connection->ctx.pending, list)
+    {
+        if (message_read(pending->bytes, pending->size).peer != message->peer)
+            continue;
+        calls++;
+        bytes += pending->size;
+    }
+    return calls == 0 || (calls < kPendingCalls && bytes <= kPendingShare);
+}
+
+static void put_by(struct connection *connection, const struct message *message,
+                   const uint8_t *bytes, size_t size)
+{
+    if (connection->pending_bytes + size > kPendingRoom &&
+        !has_share_left(connection, message, size))
+        return;
+
+    struct pending *pending = malloc(sizeof(*pending) + size);
     if (pending == NULL)
         return;
     pending->size = size;
     memcpy(pending->bytes, bytes, size);
     list_add_tail(&pending->list, &connection->ctx.pending);
+    connection->pending_bytes += size;
+}
+
+static void take_out(struct connection *connection, struct pending *pending)
+{
+    list_del(&pending->list);
+    connection->pending_bytes -= pending->size;
 }
 
 void call_arrived(struct connection *connection, const struct message *message,
                   const uint8_t *bytes, size_t size)
 {
     if (connection->ctx.stack_depth > 0 || !list_empty(&connection->ctx.pending))
-        put_by(connection, bytes, size);
+        put_by(connection, message, bytes, size);
     else
         serve_call(connection, message);
 }
@@ -167,7 +203,7 @@ void pending_serve(struct connection *connection)
         struct pending *pending = list_first_entry(&ctx->pending, struct pending, list);
         struct message message = message_read(pending->bytes, pending->size);
 
-        list_del(&pending->list);
+        take_out(connection, pending);
         serve_call(connection, &message);
         free(pending);
     }
@@ -194,7 +230,7 @@ void pending_forget(struct connection *connection)
     uloop_timeout_cancel(&connection->ctx.pending_timer);
     list_for_each_entry_safe(pending, next, &connection->ctx.pending, list)
     {
-        list_del(&pending->list);
+        take_out(connection, pending);
         free(pending);
     }
 }

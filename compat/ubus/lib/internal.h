@@ -34,6 +34,7 @@ struct connection {
     struct ubus_context ctx; // first: what programs hold is a pointer to it
     struct input *input;
     struct blob_buf body;         // of the request being built
+    size_t pending_bytes;         // of the calls put by
     struct list_head unpublished; // objects a reconnection could not publish, by avl.list
     unsigned int generation;      // counts reconnections: whoever waited on an older one fails
     unsigned int busy;            // calls on the stack that still need the memory
@@ -61,11 +62,17 @@ void connection_release(struct connection *connection);
 void connection_enter(struct connection *connection);
 void connection_leave(struct connection *connection);
 void connection_end(struct connection *connection);
+void connection_break(struct connection *connection);
+
+// deadline.c: times in milliseconds; kNever is none.
+enum { kNever = -1 };
+int64_t deadline_after(int timeout);
+bool deadline_poll(int fd, short events, int64_t deadline);
 
 // send.c: parts[0] is filled in by message_send(), the rest is the body after its first word.
-enum { kSendTooLong = -2, kSendFailed = -1 };
+enum { kSendExpired = -4, kSendCutShort = -3, kSendTooLong = -2, kSendFailed = -1 };
 int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint32_t peer,
-                 struct iovec *parts, int count, int fd);
+                 struct iovec *parts, int count, int fd, int64_t deadline);
 uint8_t *put_attr(uint8_t *to, int id, size_t payload);
 uint8_t *put_u32(uint8_t *to, int id, uint32_t value);
 size_t padding(size_t length);

@@ -156,6 +156,7 @@ static void serve(struct connection *connection, const uint8_t *bytes, size_t si
 }
 
 // Handles every whole message. A stream out of step is closed: what follows could mean anything.
+// The version byte is not looked at: daemons pass on what the other service wrote there.
 void input_serve(struct connection *connection)
 {
     for (;;) {
@@ -165,10 +166,9 @@ void input_serve(struct connection *connection)
         if (connection->freed || input->end - input->start < kMessageMinimum)
             return;
         size_t size = wanted(input);
-        if (bytes[0] != 0 || size < kMessageMinimum || size > kHeaderLength + kBodyMaximum) {
-            shutdown(connection->ctx.sock.fd, SHUT_RDWR);
+        if (size < kMessageMinimum || size > kHeaderLength + kBodyMaximum) {
             input->start = input->end;
-            connection_end(connection);
+            connection_break(connection);
             return;
         }
         if (input->end - input->start < size)

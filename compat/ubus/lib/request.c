@@ -1,9 +1,6 @@
 // Requests: numbering, waiting for the answer, and matching what arrives with who waits.
 
-#include <errno.h>
-#include <limits.h>
 #include <poll.h>
-#include <time.h>
 
 #include "internal.h"
 
@@ -61,42 +58,15 @@ void request_answered(struct connection *connection, const struct message *messa
         take_data(request, message);
 }
 
-static int64_t now_ms(void)
+static int wait_status(struct connection *connection, struct ubus_request *request,
+                       int64_t deadline)
 {
-    struct timespec now;
-
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
-
-// Waits for input. False when the deadline passed (-1: there is none).
-static bool wait_readable(int fd, int64_t deadline)
-{
-    struct pollfd poll_fd = {.fd = fd, .events = POLLIN};
-
-    for (;;) {
-        int64_t left = deadline < 0 ? -1 : deadline - now_ms();
-
-        if (deadline >= 0 && left <= 0)
-            return false;
-        int ready = poll(&poll_fd, 1, left > INT_MAX ? INT_MAX : (int)left);
-        if (ready > 0 || (ready < 0 && errno != EINTR))
-            return true;
-    }
-}
-
-static int wait_status(struct connection *connection, struct ubus_request *request, int timeout)
-{
-    // One more, so that a wait measured in fractions is never short.
-    int64_t deadline = timeout > 0 ? now_ms() + timeout + 1 : -1;
     unsigned int generation = connection->generation;
 
-    if (timeout < 0)
-        return UBUS_STATUS_TIMEOUT;
     while (!request->status_msg) {
         if (connection->freed || connection->lost || generation != connection->generation)
             return UBUS_STATUS_CONNECTION_FAILED;
-        if (!wait_readable(connection->ctx.sock.fd, deadline))
+        if (!deadline_poll(connection->ctx.sock.fd, POLLIN, deadline))
             return UBUS_STATUS_TIMEOUT;
         if (input_read(connection) == kInputEnd)
             connection_end(connection);
@@ -106,8 +76,8 @@ static int wait_status(struct connection *connection, struct ubus_request *reque
     return request->status_code;
 }
 
-// Sends the request and waits for its status. The caller has set peer and handlers; parts[0] is
-// left for the header.
+// Sends the request and waits for its status, both together no longer than the timeout. The caller
+// has set peer and handlers; parts[0] is left for the header.
 int request_run(struct connection *connection, struct ubus_request *request, uint8_t type,
                 struct iovec *parts, int count, int fd, int timeout)
 {
@@ -123,12 +93,19 @@ int request_run(struct connection *connection, struct ubus_request *request, uin
     request->ctx = ctx;
     request->fd = -1;
     request->seq = ++ctx->request_seq;
-    if (message_send(connection, type, request->seq, request->peer, parts, count, fd) != 0)
-        return UBUS_STATUS_INVALID_ARGUMENT;
+    int64_t deadline = deadline_after(timeout);
+    int sent =
+        message_send(connection, type, request->seq, request->peer, parts, count, fd, deadline);
+    if (sent == kSendCutShort) {
+        connection_break(connection); // half a message cannot be taken back
+        return UBUS_STATUS_TIMEOUT;
+    }
+    if (sent != 0)
+        return sent == kSendExpired ? UBUS_STATUS_TIMEOUT : UBUS_STATUS_INVALID_ARGUMENT;
 
     connection_enter(connection);
     list_add(&request->list, &ctx->requests);
-    status = wait_status(connection, request, timeout);
+    status = timeout >= 0 ? wait_status(connection, request, deadline) : UBUS_STATUS_TIMEOUT;
     list_del_init(&request->list);
     // With nothing whole left in the buffer the socket alone tells when there is more.
     if (!connection->lost)

@@ -26,13 +26,6 @@ size_t padding(size_t length)
     return -length & (BLOB_ATTR_ALIGN - 1);
 }
 
-static bool wait_writable(int fd)
-{
-    struct pollfd poll_fd = {.fd = fd, .events = POLLOUT};
-
-    return poll(&poll_fd, 1, -1) >= 0 || errno == EINTR;
-}
-
 // The descriptor goes with the first byte of the message.
 static void attach_fd(struct msghdr *header, void *control, size_t size, int fd)
 {
@@ -59,19 +52,22 @@ static void skip_sent(struct msghdr *header, size_t sent)
     }
 }
 
-// Waits for a daemon that does not read, without limit: half a message cannot be taken back.
-static int send_all(int sock, struct msghdr *header)
+// Waits for a daemon that does not read.
+static int send_all(int sock, struct msghdr *header, int64_t deadline)
 {
+    bool begun = false;
+
     while (header->msg_iovlen > 0) {
         ssize_t sent = sendmsg(sock, header, MSG_NOSIGNAL | MSG_DONTWAIT);
 
         if (sent >= 0) {
             skip_sent(header, (size_t)sent);
+            begun = true;
             header->msg_control = NULL;
             header->msg_controllen = 0;
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (!wait_writable(sock))
-                return kSendFailed;
+            if (!deadline_poll(sock, POLLOUT, deadline))
+                return begun ? kSendCutShort : kSendExpired;
         } else if (errno != EINTR) {
             return kSendFailed;
         }
@@ -81,7 +77,7 @@ static int send_all(int sock, struct msghdr *header)
 
 // 0, or one of kSend...; only requests are held to the daemon's limit by their callers.
 int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint32_t peer,
-                 struct iovec *parts, int count, int fd)
+                 struct iovec *parts, int count, int fd, int64_t deadline)
 {
     uint8_t head[kMessageMinimum];
     union {
@@ -109,5 +105,5 @@ int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint
     parts[0] = (struct iovec){head, sizeof(head)};
     if (fd >= 0)
         attach_fd(&header, control.bytes, sizeof(control.bytes), fd);
-    return send_all(connection->ctx.sock.fd, &header);
+    return send_all(connection->ctx.sock.fd, &header, deadline);
 }

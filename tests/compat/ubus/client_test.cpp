@@ -443,6 +443,25 @@ TEST(Publish, ManyObjectsShareAType)
 
 // ---- the daemon's restart
 
+TEST(Restart, ALongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
+{
+    BusDaemon daemon;
+    struct ubus_context *ctx = ubus_connect(nullptr);
+    ASSERT_NE(ctx, nullptr);
+    struct blob_buf buf = {};
+    blob_buf_init(&buf, 0);
+    ASSERT_NE(blob_new(&buf, 5, 1000000), nullptr);
+
+    kill(daemon.pid(), SIGSTOP);
+    EXPECT_EQ(ubus_invoke(ctx, 4711, "m", buf.head, nullptr, nullptr, 200), 7);
+    EXPECT_EQ(ubus_invoke(ctx, 4711, "m", nullptr, nullptr, nullptr, 200), 2);
+    kill(daemon.pid(), SIGCONT);
+    ASSERT_EQ(ubus_reconnect(ctx, nullptr), 0);
+    EXPECT_EQ(ubus_invoke(ctx, 4711, "m", buf.head, nullptr, nullptr, 5000), 4);
+    ubus_free(ctx);
+    blob_buf_free(&buf);
+}
+
 TEST(Restart, ContextsStayDeadUntilTheyReconnect)
 {
     BusDaemon daemon;

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include "fake_bus.h"
 #include "support/fault_points.h"
@@ -73,6 +74,30 @@ TEST(Connect, LeavesASocketThatNeitherBlocksNorIsInherited)
     ubus_free(ctx);
     EXPECT_TRUE(bus.stream().ends()); // and nothing was said
     ubus_free(nullptr);
+}
+
+// A program's prints must go neither to the bus nor to the loop.
+TEST(Connect, TakesNoStandardDescriptorThatIsClosed)
+{
+    FakeBus bus;
+    for (bool loop_is_open : {false, true}) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            if (loop_is_open)
+                uloop_init();
+            for (int fd = 0; fd < 3; fd++)
+                close(fd);
+            struct ubus_context *ctx = ubus_connect(FakeBus::kPath);
+            bool fine = ctx != nullptr && (fcntl(ctx->sock.fd, F_GETFD) & FD_CLOEXEC) != 0;
+            for (int fd = 0; fd < 3; fd++)
+                fine = fine && fcntl(fd, F_GETFD) == -1;
+            _exit(fine ? 0 : 1);
+        }
+        bus.accept_and_greet();
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(status, 0) << loop_is_open;
+    }
 }
 
 // It may live on another thread than the loop does.
@@ -165,6 +190,19 @@ TEST_F(Request, MatchesAnswersByNumberAndPeer)
     bus.send_status(1, kObject, 99);
     EXPECT_EQ(call(5000, collect, &got), 99);
     EXPECT_EQ(got, std::vector<Bytes>({{5, 6, 7, 8}}));
+}
+
+// Daemons pass the version byte on as the other service wrote it: that must not end a connection.
+TEST_F(Request, ForwardedVersionsAreNotLookedAt)
+{
+    std::vector<Bytes> got;
+    Bytes data = message(kData, 1, kObject, attr(kAttrData, {5, 6, 7, 8}));
+    Bytes status = message(kStatus, 1, kObject, attr(kAttrStatus, u32(99)));
+    data[0] = 1;
+    status[0] = 255;
+    bus.send(data + status);
+    EXPECT_EQ(call(5000, collect, &got), 99);
+    EXPECT_EQ(got.size(), 1u);
 }
 
 TEST_F(Request, PassesAnyStatusNumberUnchanged)
@@ -328,6 +366,36 @@ TEST_F(Request, WaitsForADaemonThatDoesNotRead)
     });
     EXPECT_EQ(ubus_invoke(ctx, kObject, "m", payload(1000000), nullptr, nullptr, 5000), 0);
     daemon.join();
+}
+
+int g_broken;
+
+TEST_F(Request, ADaemonThatNeverReadsEndsACallInTimeAndTheConnection)
+{
+    ctx->connection_lost = [](struct ubus_context *) { g_broken++; };
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ubus_invoke(ctx, kObject, "m", payload(1000000), nullptr, nullptr, 200), 7);
+    EXPECT_GE(elapsed_ms(start), 200);
+    EXPECT_LT(elapsed_ms(start), 10000);
+    EXPECT_EQ(g_broken, 1);
+    EXPECT_TRUE(bus.stream().ends()); // after half a message
+    EXPECT_EQ(call(), 2);
+    EXPECT_EQ(g_broken, 1);
+}
+
+TEST_F(Request, ACallOfWhichNothingIsOutYetMayExpireAndTheConnectionGoesOn)
+{
+    ctx->connection_lost = [](struct ubus_context *) { g_broken++; };
+    const Bytes ping = message(kPing, 1, 2);
+    unsigned sent = 0;
+    while (send(ctx->sock.fd, ping.data(), ping.size(), MSG_DONTWAIT) > 0)
+        sent++;
+    EXPECT_EQ(call(50), 7);
+    EXPECT_EQ(g_broken, 0);
+    for (unsigned i = 0; i < sent; i++)
+        ASSERT_EQ(bus.read().bytes, ping);
+    bus.send_status(2, kObject, 3);
+    EXPECT_EQ(call(), 3);
 }
 
 TEST_F(Request, ALookUpWritesTheIdOnlyWhenThereIsOne)
@@ -586,6 +654,28 @@ TEST_F(Owner, CallsArrivingDuringARequestAreServedAfterItInOrder)
     EXPECT_EQ(bus.read().type(), kInvoke);
     for (uint16_t seq : {1, 2, 3})
         EXPECT_EQ(bus.read().bytes, status(seq, kCaller, 33, kObject));
+}
+
+// While a handler waits for an answer of its own, anybody can send it calls.
+TEST_F(Owner, OfAFloodDuringARequestOnlySoMuchIsKeptButEveryCallerIsServed)
+{
+    constexpr unsigned kCalls = 4000;
+    std::thread daemon([&] {
+        const Bytes flood = incoming(1, "flood", Bytes(1000, 1));
+        for (unsigned i = 0; i < kCalls; i++)
+            bus.send(flood);
+        Bytes honest = incoming(1, "honest");
+        honest[7] ^= 1; // of another caller
+        bus.send(honest);
+        bus.send_status(2, kObject + 1, 6);
+        while (!bus.stream().is_silent(500)) // what the handlers answer
+            bus.read();
+    });
+    EXPECT_EQ(ubus_invoke(ctx, kObject + 1, "m", nullptr, nullptr, nullptr, 50000), 6);
+    daemon.join();
+    EXPECT_GE(g_seen.methods.size(), 1000u);
+    EXPECT_LT(g_seen.methods.size(), 1100u);
+    EXPECT_EQ(g_seen.methods.back(), "honest");
 }
 
 TEST_F(Owner, InTheLoopCallsPutByAreServedByTheLoop)

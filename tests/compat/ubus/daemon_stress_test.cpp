@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/bus.h"
+#include "support/sanitized.h"
 #include "wire.h"
 
 using namespace wire;
@@ -337,6 +338,192 @@ TEST(DaemonLimits, WithoutDescriptorsNewcomersWaitAndTheDaemonSleeps)
     waiting.clear();
     clients.clear();
     EXPECT_EQ(last.read().type(), kHello);
+}
+
+// Whoever is let in can be named: the accounts file takes a descriptor, too.
+TEST(DaemonLimits, TheLastDescriptorIsNotGivenToAClientWithoutItsNames)
+{
+    BusDaemon daemon("", 16);
+    std::vector<std::unique_ptr<Client>> clients;
+    for (;;) {
+        auto client = std::make_unique<Stream>();
+        ASSERT_TRUE(client->dial(BusDaemon::kDefaultSocket));
+        if (client->is_silent(300))
+            break;
+        client.reset();
+        clients.push_back(std::make_unique<Client>());
+        ASSERT_LT(clients.size(), 16u);
+    }
+    uint32_t id = clients[0]->publish("x");
+    for (auto &client : clients) {
+        ASSERT_TRUE(client->send(invoke(1, id, "m")));
+        Message call = clients[0]->read();
+        EXPECT_EQ(call.string(kAttrUser), "root");
+        EXPECT_EQ(call.string(kAttrGroup), "root");
+    }
+}
+
+Bytes event_register(uint32_t object, const std::string &pattern)
+{
+    return invoke(1, 1, "register",
+                  field(5, "object", u32(object)) + field(3, "pattern", text(pattern)));
+}
+
+Bytes subscribe(uint32_t object, uint32_t target)
+{
+    return message(kSubscribe, 1, 0, attr(kAttrId, u32(object)) + attr(kAttrTarget, u32(target)));
+}
+
+TEST_F(DaemonStress, AClientHasSoManyObjectsPatternsAndSubscriptions)
+{
+    constexpr unsigned kEach = 1024;
+    constexpr uint32_t kNoMemory = 11;
+    Client client, owner, other;
+    uint32_t own = client.publish_unnamed();
+    auto remove = [](uint32_t id) { return message(kRemoveObject, 1, 0, attr(kAttrId, u32(id))); };
+
+    std::vector<uint32_t> targets;
+    for (unsigned i = 0; i < kEach; i++)
+        targets.push_back(owner.publish_unnamed());
+    EXPECT_NE(targets.back(), 0u);
+    EXPECT_EQ(owner.ask(message(kAddObject, 1, 0)), kNoMemory);
+    ASSERT_EQ(owner.ask(remove(targets.back())), 0u);
+    targets.back() = owner.publish_unnamed(); // what goes makes room
+    EXPECT_NE(targets.back(), 0u);
+    EXPECT_EQ(owner.ask(message(kAddObject, 1, 0)), kNoMemory);
+    targets.push_back(other.publish("other")); // each client has a limit of its own
+    ASSERT_NE(targets.back(), 0u);
+
+    for (int round = 0; round < 2; round++) {
+        for (unsigned i = 0; i < kEach; i++) {
+            ASSERT_EQ(client.ask(event_register(own, "event." + std::to_string(i))), 0u);
+            ASSERT_EQ(client.ask(subscribe(own, targets[i])), 0u);
+        }
+        EXPECT_EQ(client.ask(event_register(own, "event.1")), 0u); // known already
+        EXPECT_EQ(client.ask(event_register(own, "another")), kNoMemory);
+        EXPECT_EQ(client.ask(subscribe(own, targets[kEach])), kNoMemory);
+        ASSERT_EQ(client.ask(remove(own)), 0u);
+        own = client.publish_unnamed();
+    }
+}
+
+TEST_F(DaemonStress, WhatAClientMakesTheDaemonKeepHasALimit)
+{
+    Client client;
+    const std::string path(600000, 'p');
+    unsigned count = 0;
+    while (count < 100 && client.publish(std::to_string(count) + path) != 0)
+        count++;
+    EXPECT_GE(count, 5u);
+    EXPECT_LE(count, 10u);
+    EXPECT_EQ(witness.ask(message(kLookup, 1, 0)), 0u);
+    EXPECT_EQ(witness.data.size(), count);
+}
+
+TEST_F(DaemonStress, AnObjectWhoseDescriptionFitsIntoNoMessageIsRefused)
+{
+    Client client, listener;
+    uint32_t own = listener.publish_unnamed();
+    ASSERT_EQ(listener.ask(event_register(own, "ubus.*")), 0u);
+
+    // Its own message is the largest there is; the daemon's about it would be longer.
+    Bytes largest = add_object(1, "", {});
+    largest = add_object(1, std::string(kLargestBody + 8 - largest.size(), 'p'), {});
+    ASSERT_EQ(largest.size(), kLargestBody + 8);
+    EXPECT_EQ(client.ask(largest), 2u);
+    // Path and signature may also come from different messages.
+    ASSERT_EQ(
+        client.ask(add_object(1, "a", field(2, "m", field(5, std::string(60000, 's'), u32(3))))),
+        0u);
+    uint32_t type = client.data[0].number(kAttrType);
+    auto with_type = [&](size_t length) {
+        return message(kAddObject, 1, 0,
+                       attr(kAttrPath, text(std::string(length, 'p'))) +
+                           attr(kAttrType, u32(type)));
+    };
+    EXPECT_EQ(client.ask(with_type(kLargestBody - 60000)), 2u);
+    EXPECT_EQ(client.ask(with_type(kLargestBody - 61000)), 0u);
+
+    EXPECT_EQ(witness.ask(message(kLookup, 1, 0)), 0u);
+    ASSERT_EQ(witness.data.size(), 2u);
+    for (const Message &object : witness.data)
+        EXPECT_LE(object.bytes.size(), kLargestBody + 8);
+    for (int i = 0; i < 2; i++)
+        EXPECT_LE(listener.read().bytes.size(), kLargestBody + 8);
+    EXPECT_TRUE(listener.is_in_step());
+}
+
+// As another user; the result of `work` is the exit status.
+template <typename Work>
+int as_user(uid_t uid, Work work)
+{
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(setgid(uid) == 0 && setuid(uid) == 0 ? work() : 255);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WEXITSTATUS(status);
+}
+
+TEST_F(DaemonStress, AUserHasSoManyConnectionsButRootAsManyAsItNeeds)
+{
+    auto connect = [](std::vector<std::unique_ptr<Client>> &clients) {
+        for (int i = 0; i < 100; i++) {
+            auto client = std::make_unique<Client>();
+            if (!client->hello().empty())
+                clients.push_back(std::move(client));
+        }
+        return int(clients.size());
+    };
+    std::vector<std::unique_ptr<Client>> roots;
+    EXPECT_EQ(connect(roots), 100);
+    for (uid_t uid : {1000u, 65534u, 1000u}) {
+        int count = as_user(uid, [&] {
+            std::vector<std::unique_ptr<Client>> clients;
+            int first = connect(clients);
+            clients.pop_back(); // makes room for one
+            usleep(100000);
+            return first == 64 && connect(clients) == 64 ? 64 : first;
+        });
+        if (count == 255)
+            GTEST_SKIP() << "no right to change the user";
+        EXPECT_EQ(count, 64) << uid;
+    }
+    EXPECT_EQ(connect(roots), 200);
+}
+
+unsigned long peak_memory_kib(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmHWM:", 0) == 0)
+            return std::stoul(line.substr(6));
+    }
+    return 0;
+}
+
+TEST_F(DaemonStress, ManyClientsOfAUserThatDoNotReadDoNotExhaustTheMemory)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "a sanitizer keeps what is freed";
+    const unsigned long before = peak_memory_kib(daemon.pid());
+    int status = as_user(1000, [] {
+        std::vector<std::unique_ptr<Client>> clients;
+        std::vector<uint32_t> objects;
+        for (int i = 0; i < 16; i++) {
+            clients.push_back(std::make_unique<Client>());
+            objects.push_back(clients.back()->publish_unnamed());
+        }
+        for (auto &client : clients) {
+            for (uint32_t object : objects)
+                client->send(invoke(1, object, "m", Bytes(1000000, 1)));
+        }
+        return 0;
+    });
+    if (status == 255)
+        GTEST_SKIP() << "no right to change the user";
+    EXPECT_TRUE(witness.is_in_step());
+    EXPECT_LT(peak_memory_kib(daemon.pid()) - before, 100000u); // of 250000
 }
 
 TEST(DaemonLimits, AnIdleDaemonSleeps)

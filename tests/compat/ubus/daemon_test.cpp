@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "support/bus.h"
+#include "support/files.h"
 #include "wire.h"
 
 using namespace wire;
@@ -244,12 +245,15 @@ TEST_F(Daemon, ForwardsWhateverTheOwnerSaysAndNothingElse)
     EXPECT_TRUE(stranger.is_in_step());
     EXPECT_TRUE(caller.is_in_step());
 
-    // All of these do, though nobody called: body and version untouched, peer is the object.
+    // All of these do, though there was no call: attributes untouched, but under the daemon's own
+    // header, since a client may end its connection over a strange one. Peer is the object.
     for (int i = 0; i < 3; i++) {
         Bytes message_bytes = message(i == 0 ? kData : kStatus, uint16_t(i), caller.id(),
                                       attr(99, {1, 2, 3}) + object + (i == 0 ? data : status));
         message_bytes[0] = 3;
+        message_bytes[8] = 0x85;
         ASSERT_TRUE(owner.send(message_bytes));
+        message_bytes[0] = message_bytes[8] = 0;
         Bytes peer = u32(id);
         std::copy(peer.begin(), peer.end(), message_bytes.begin() + 4);
         EXPECT_EQ(hex(caller.read().bytes), hex(message_bytes));
@@ -456,31 +460,32 @@ TEST_F(Daemon, RefusesSubscriptionsThatMakeNoSense)
     EXPECT_TRUE(owner.is_in_step());
 }
 
-TEST_F(Daemon, SubscribingTwiceNotifiesTwice)
+TEST_F(Daemon, ASecondSubscriptionIsRefusedAndTheFirstStays)
 {
     Client owner, watcher;
     uint32_t target = owner.publish("t");
     uint32_t own = watcher.publish_unnamed();
     EXPECT_EQ(watcher.ask(subscription(kSubscribe, own, target)), 0u);
-    EXPECT_EQ(watcher.ask(subscription(kSubscribe, own, target)), 0u);
+    EXPECT_EQ(watcher.ask(subscription(kSubscribe, own, target)), 2u);
     EXPECT_EQ(owner.read().attr(kAttrActive), Bytes{1});
 
     Bytes notify =
         message(kNotify, 9, target, attr(kAttrId, u32(target)) + attr(kAttrMethod, text("n")));
     ASSERT_TRUE(owner.send(notify));
     Message answer = owner.read();
-    EXPECT_EQ(answer.attr(kAttrSubscribers), attr(0, u32(own)) + attr(0, u32(own)));
+    EXPECT_EQ(answer.attr(kAttrSubscribers), attr(0, u32(own)));
     EXPECT_EQ(answer.peer(), target);
-    for (int i = 0; i < 2; i++) {
-        Message call = watcher.read();
-        EXPECT_EQ(call.type(), kInvoke);
-        EXPECT_EQ(call.number(kAttrId), own);
-        EXPECT_EQ(call.peer(), owner.id());
-    }
+    Message call = watcher.read();
+    EXPECT_EQ(call.type(), kInvoke);
+    EXPECT_EQ(call.number(kAttrId), own);
+    EXPECT_EQ(call.peer(), owner.id());
     EXPECT_TRUE(watcher.is_in_step());
 
-    // One of two is left: still watched.
+    // Another object of the same client may watch too, and is left alone.
+    uint32_t second = watcher.publish_unnamed();
+    EXPECT_EQ(watcher.ask(subscription(kSubscribe, second, target)), 0u);
     EXPECT_EQ(watcher.ask(subscription(kUnsubscribe, own, target)), 0u);
+    EXPECT_EQ(watcher.ask(subscription(kUnsubscribe, own, target)), 4u);
     EXPECT_TRUE(owner.is_in_step());
     watcher.hang_up();
     EXPECT_EQ(owner.read().attr(kAttrActive), Bytes{0});
@@ -559,21 +564,111 @@ TEST(DaemonLife, AnotherOneReplacesTheSocketLeftByACrash)
     EXPECT_EQ(after.ask(invoke(1, id, "m")), 4u); // ids of before mean nothing
 }
 
+// How a daemon with these arguments ends, and what it says on the way.
+int run_daemon(std::vector<const char *> arguments, std::string *complaint = nullptr)
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(ends[1], STDERR_FILENO);
+        arguments.insert(arguments.begin(), BV_UBUSD);
+        arguments.push_back(nullptr);
+        execv(BV_UBUSD, const_cast<char *const *>(arguments.data()));
+        _exit(127);
+    }
+    close(ends[1]);
+    char text[500];
+    for (ssize_t length; (length = read(ends[0], text, sizeof(text))) > 0;) {
+        if (complaint != nullptr)
+            complaint->append(text, size_t(length));
+    }
+    close(ends[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 TEST(DaemonLife, RefusesOptionsItDoesNotKnow)
 {
-    int null = open("/dev/null", O_WRONLY);
-    for (const char *option : {"-x", "word"}) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            dup2(null, 2);
-            execl(BV_UBUSD, BV_UBUSD, option, nullptr);
-            _exit(127);
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(run_daemon({"-x"}), 1);
+    EXPECT_EQ(run_daemon({"word"}), 1);
+}
+
+TEST(DaemonLife, SaysThatAccessRulesHaveNoEffect)
+{
+    std::string complaint;
+    write_file("/tmp/file", "");
+    EXPECT_EQ(run_daemon({"-A", "/etc", "-s", "/tmp/file"}, &complaint), 1);
+    EXPECT_NE(complaint.find("-A has no effect"), std::string::npos) << complaint;
+}
+
+TEST(DaemonLife, ASecondOneLeavesTheFirstAlone)
+{
+    BusDaemon daemon;
+    Client client;
+    std::string complaint;
+    EXPECT_EQ(run_daemon({}, &complaint), 1);
+    EXPECT_NE(complaint.find("Address already in use"), std::string::npos) << complaint;
+    EXPECT_TRUE(client.is_in_step());
+    Client newcomer;
+    EXPECT_TRUE(newcomer.is_in_step());
+}
+
+TEST(DaemonLife, AFileOtherThanASocketIsKept)
+{
+    write_file("/tmp/file", "precious");
+    EXPECT_EQ(run_daemon({"-s", "/tmp/file"}), 1);
+    EXPECT_EQ(read_file("/tmp/file"), "precious");
+    ASSERT_EQ(symlink("/tmp/file", "/tmp/link"), 0);
+    EXPECT_EQ(run_daemon({"-s", "/tmp/link"}), 1);
+    EXPECT_EQ(read_file("/tmp/link"), "precious");
+}
+
+TEST(DaemonLife, OneThatEndsRemovesNoSocketButItsOwn)
+{
+    BusDaemon first("/tmp/one.sock");
+    ASSERT_EQ(unlink("/tmp/one.sock"), 0);
+    BusDaemon second("/tmp/one.sock");
+    first.stop();
+    Client client("/tmp/one.sock");
+    EXPECT_TRUE(client.is_in_step());
+
+    ASSERT_EQ(unlink("/tmp/one.sock"), 0);
+    write_file("/tmp/one.sock", "precious");
+    second.stop();
+    EXPECT_EQ(read_file("/tmp/one.sock"), "precious");
+}
+
+TEST(DaemonLife, ItsDescriptorsAreItsOwnAndNeverTheStandardOnes)
+{
+    int saved[3];
+    for (int fd = 0; fd < 3; fd++) {
+        saved[fd] = fcntl(fd, F_DUPFD_CLOEXEC, 10);
+        close(fd);
     }
-    close(null);
+    auto daemon = std::make_unique<BusDaemon>();
+    for (int fd = 0; fd < 3; fd++)
+        dup2(saved[fd], fd);
+
+    Client client;
+    const std::string folder = "/proc/" + std::to_string(daemon->pid()) + "/fd";
+    size_t count = 0;
+    for (const std::string &name : list_folder(folder)) {
+        char target[100] = {};
+        std::string info = read_file(folder + "info/" + name);
+        if (readlink((folder + "/" + name).c_str(), target, sizeof(target) - 1) < 0 || info.empty())
+            continue; // closed by now, as the connection that waited for the daemon to come up
+        if (atoi(name.c_str()) <= STDERR_FILENO) {
+            EXPECT_STREQ(target, "/dev/null") << name;
+            continue;
+        }
+        unsigned long flags = strtoul(info.c_str() + info.find("flags:") + 6, nullptr, 8);
+        EXPECT_NE(flags & O_CLOEXEC, 0u) << name << " " << target;
+        count++;
+    }
+    EXPECT_GE(count, 3u); // loop, listener, client
 }
 
 } // namespace

@@ -47,6 +47,13 @@ public:
         greeter.join();
         return ctx;
     }
+    // For a connection from another thread or process.
+    void accept_and_greet()
+    {
+        delete stream_;
+        stream_ = new wire::Stream(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
+        stream_->send(wire::message(wire::kHello, 0, 0x12345678));
+    }
     struct ubus_context *connect() { return greet({wire::message(wire::kHello, 0, 0x12345678)}); }
 
     wire::Stream &stream() { return *stream_; }

@@ -12,8 +12,17 @@ static struct iovec whole_attr(struct blob_attr *attr)
     return part;
 }
 
-// Hands a call to the owner of an object. Beyond object, method and fields only what the daemon
-// itself knows is passed on.
+// Whether a call can be passed on with the names that the daemon adds. The largest ones cannot, and
+// are refused: without the names a client would pass for one that has none.
+bool call_has_room_for_names(const struct client *from, const struct message *call)
+{
+    size_t padded = (call->length + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
+
+    return padded + from->accounts_length <= kHeaderLength + UBUS_MAX_MSGLEN;
+}
+
+// Hands a call, which has room for the names, to the owner of an object. Beyond object, method and
+// fields only what the daemon itself knows is passed on.
 void forward_call(struct client *to, uint32_t object_id, struct client *from,
                   const struct message *call, bool no_reply)
 {
@@ -28,17 +37,11 @@ void forward_call(struct client *to, uint32_t object_id, struct client *from,
         {from->accounts, from->accounts_length},
         whole_attr(call->attr[UBUS_ATTR_DATA]),
     };
-    enum { kCount = sizeof(parts) / sizeof(parts[0]), kAccounts = 4 };
+    enum { kCount = sizeof(parts) / sizeof(parts[0]) };
     size_t length = 0;
 
     for (int i = 0; i < kCount; i++)
         length += parts[i].iov_len;
-    // The largest calls have no room for the names; without them the owner can still read it.
-    if (length - kHeaderLength > UBUS_MAX_MSGLEN) {
-        length -= from->accounts_length;
-        parts[kAccounts].iov_len = 0;
-    }
-
     put_header(head, UBUS_MSG_INVOKE, call->seq, from->id);
     put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
     put_attr(object, UBUS_ATTR_OBJID, kWordLength);
@@ -61,6 +64,10 @@ static void request_invoke(struct client *client, const struct message *message)
     const struct object *object = object_find(id);
     if (object == NULL) {
         send_status(client, message, UBUS_STATUS_NOT_FOUND);
+        return;
+    }
+    if (!call_has_room_for_names(client, message)) {
+        send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
         return;
     }
     forward_call(object->owner, id, client, message, false);

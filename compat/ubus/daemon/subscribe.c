@@ -174,7 +174,7 @@ void request_notify(struct client *client, const struct message *message)
     bool no_reply = no_reply_attr != NULL && blob_get_u8(no_reply_attr) != 0;
     struct subscription *subscription;
 
-    if (message->attr[UBUS_ATTR_METHOD] == NULL) {
+    if (message->attr[UBUS_ATTR_METHOD] == NULL || !call_has_room_for_names(client, message)) {
         send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
         return;
     }

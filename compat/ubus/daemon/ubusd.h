@@ -188,6 +188,7 @@ struct blob_buf *answer_begin(void);
 
 // request.c
 void request_handle(struct client *client, const struct message *message);
+bool call_has_room_for_names(const struct client *from, const struct message *call);
 void forward_call(struct client *to, uint32_t object_id, struct client *from,
                   const struct message *call, bool no_reply);
 

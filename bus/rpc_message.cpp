@@ -37,7 +37,8 @@ constexpr uint64_t kRequestBodyOverhead = 4 + 8 + 4 + padded(sizeof(bv::kMethodN
                                           header_of("func") + kLenField + header_of("data");
 
 // The daemon adds up to two account names to a call that it passes on, and does not look at the
-// limit again. An owner that gets a longer message than the limit understands nothing any more.
+// limit again. An owner that receives a message above the limit loses its place in the stream for
+// good.
 constexpr uint64_t kAccountNames = 128;
 
 // Beyond the fields in a buffer: the table's header and the padding.
@@ -58,8 +59,8 @@ bool parse_fields(const blobmsg_policy *policy, blob_attr *message,
     return fields[kFuncOrReturn] != nullptr && fields[kLen] != nullptr && fields[kData] != nullptr;
 }
 
-// A field was found by its name and is named so to the last character: the length of its header is
-// known, and its data is as long as its type wants.
+// Fields are found by their whole name, so the length of their header is known. The parser has
+// checked that their data is as long as their type needs.
 const uint8_t *data_of(const blob_attr *field, uint32_t header)
 {
     return bv::attr_bytes(field) + header;

@@ -15,8 +15,7 @@ namespace bv {
 constexpr char kDefaultObjectName[] = "brovan.gateway.server";
 constexpr char kMethodName[] = "method";
 
-// The bus carries bodies of up to so many bytes; it drops the connection of whoever sends a longer
-// reply.
+// The longest body that the bus carries; it drops the connection of whoever sends a longer reply.
 constexpr uint32_t kBusBodyLimit = 1024 * 1024;
 
 constexpr int kRpcFields = 3;
@@ -40,8 +39,8 @@ struct RpcReply {
 bool rpc_parse_request(blob_attr *message, RpcRequest &request);
 bool rpc_parse_reply(blob_attr *message, RpcReply &reply);
 
-// Fills buf with a message; false when memory is short, or the message too long: a request for the
-// bus with the account names that the daemon adds, a reply for buf.
+// Fills buf with a message; false when memory is short or the message is too long: a request for
+// the bus, with the account names that the daemon adds; a reply for buf.
 bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length);
 bool rpc_build_reply(blob_buf &buf, uint32_t result, const void *data, uint32_t length);
 

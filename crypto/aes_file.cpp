@@ -153,8 +153,8 @@ private:
     ChainEnd chain_;
 };
 
-// Reads until there are so many bytes, the file ends or a read fails: batches must be whole but for
-// the last, and a read may give less than it was asked for in the middle of a file.
+// Reads until the batch is full, the file ends or a read fails: all batches but the last must be
+// full, and a read may give less than it was asked for in the middle of a file.
 size_t read_batch(int fd, uint8_t *data, size_t wanted)
 {
     size_t length = 0;

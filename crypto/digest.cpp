@@ -20,7 +20,7 @@ constexpr uint32_t kPieceSize = 65536;
 constexpr size_t kLibcryptoDepth = 1024;
 
 // Straight into the caller's buffer: what prints or converts elsewhere would leave the text on the
-// stack, and digests of passwords are as good as those.
+// stack, and a password's digest may be as good as the password.
 void put_digits(char *out, const uint8_t (&digest)[kDigestSize])
 {
     static const char kDigits[] = "0123456789abcdef";

@@ -287,7 +287,7 @@ static void event(void)
     char text[64] = "";
 
     must("event", call(FUNC_EVENT, text, sizeof(text)), BV_OK);
-    printf("  %s\n", text);
+    printf("  %.*s\n", (int)sizeof(text), text);
 }
 
 static int usage(void)

@@ -9,8 +9,8 @@
 int poll_open(void); // 0, or -1 with errno
 bool poll_is_open(void);
 
-// Where one of the first three was closed, a program's prints would go to a descriptor of the
-// loop's. Takes a higher one instead; -1 with errno when there is none.
+// Where one of the first three is closed, a descriptor of the loop would get its number, and what
+// the program prints would go there. Takes a higher one instead; -1 with errno when there is none.
 int above_standard(int fd);
 
 void poll_close(void); // drops fetched events; the callers' records are not touched

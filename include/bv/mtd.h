@@ -89,7 +89,7 @@ BV_API int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, 
  *
  * @retval BV_OK           every round was done (see above)
  * @retval BV_ERR_INVALID  name is null, len is 0, the range is not made of whole blocks, or the
- *                         device has none: it says that a block has 0 bytes
+ *                         device reports an erase size of 0
  * @retval BV_ERR_FAILED   as bv_mtd_get_info(), or the device could not be closed cleanly
  * @retval BV_ERR_RANGE    the range ends beyond the partition
  * @retval BV_ERR_OPEN     the device cannot be opened for writing

@@ -515,8 +515,8 @@ BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
  * @retval BV_ERR_NO_FILE  there is no such file, a folder on its path may not be searched, or an
  *                         argument is null
  * @retval BV_ERR_OPEN     the file cannot be opened
- * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB, which the allocator says on
- *                         standard output; or as in bv_os_sm3_str()
+ * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB (the allocator prints that on
+ *                         standard output); or as in bv_os_sm3_str()
  *
  * A failure leaves out as it was.
  */

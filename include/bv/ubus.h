@@ -340,7 +340,7 @@ BV_API int bv_ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_
  * @param method     the method's name
  * @param msg        the arguments, of which the payload is sent; null for none. Keep it below
  *                   1 000 000 bytes: the daemon adds account names when it passes a call on, and an
- *                   owner that is sent more than 1 MiB understands nothing any more
+ *                   owner that receives more than 1 MiB can read nothing that comes after it
  * @param cb         called for each data message of the answer, which is valid only inside; may be
  *                   null
  * @param priv       handed to cb as `priv` of its request
@@ -503,8 +503,8 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
 /**
  * Calls a function of the other service and waits for it, up to 3 seconds. The platform's own bus
  * library does not cover sending: with a bus that does not read a call may last longer. A handler
- * may call it too; the server answers nobody meanwhile. Calls must not overlap: the client has one
- * connection and takes no lock.
+ * may call it too; the server answers no other call meanwhile. Calls must not overlap: the client
+ * has one connection and takes no lock.
  *
  * @param func_name the function's name
  * @param data      `len` bytes to send, replaced by those that come back. The buffer must hold
@@ -528,8 +528,8 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  * @retval 0x10000010 the reply lacked a field
  *
  * An owner that does not use this library may end a call with any other status. A result of the
- * function cannot be told from a bus status of the same number. An answer without
- * any reply message returns the result of the call before it.
+ * function cannot be told from a bus status of the same number. An answer without any reply message
+ * returns the result of the call before it.
  */
 BV_API uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len);
 

@@ -20,7 +20,7 @@
 
 namespace {
 
-bool g_has_driver; // whether the kernel's user-to-user protocol stands for the driver's
+bool g_has_driver; // whether the kernel's user-to-user protocol is used for the driver's
 int g_last_socket = -1;
 
 // The exit status of a child that ran the body; -1 when it did not end by itself. A child that
@@ -59,7 +59,7 @@ int send_early()
     return bv_notifier_send(1, "early", 5) == -1 ? 0 : 1;
 }
 
-// The port id that a socket is bound to; 0 when it is none of netlink.
+// The port id that a netlink socket is bound to; 0 for any other descriptor.
 uint32_t port_of(int fd)
 {
     sockaddr_nl self = {};

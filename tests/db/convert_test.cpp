@@ -435,7 +435,7 @@ TEST(DbConvert, WorkingImageWithoutASizeHasRoomForTheSumOfTheLengths)
     EXPECT_EQ(hand.to_memory(), Bytes(32, kFill)) << "a negative size is not a missing one";
 }
 
-TEST(DbConvert, ValueThatFillsItsFieldEndsWithIt)
+TEST(DbConvert, ValueThatFillsItsFieldIsTerminated)
 {
     for (const char *type : {"string", "uint", "mac", "ip"}) {
         SCOPED_TRACE(type);

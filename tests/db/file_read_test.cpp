@@ -354,7 +354,7 @@ TEST_F(DbFileReading, WrongHighestNumberMakesNoSecondInstanceOfANumberAndIsSetRi
     EXPECT_EQ(a->inst_max, 3);
 }
 
-TEST_F(DbFileReading, FieldsThatAServiceFilledWholeEndWhereTheyEnd)
+TEST_F(DbFileReading, FieldsThatAServiceFilledToTheEndAreTerminated)
 {
     memset(a->name, 'n', sizeof a->name);
     memset(b->para[0].name, 'p', sizeof b->para[0].name);

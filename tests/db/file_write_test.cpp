@@ -200,7 +200,7 @@ TEST_F(DbFileWriting, UnlinkedRecordHasNoInstancesForAnyCall)
     bv_db_data_free(bv_db_hash_find("own.json"));
 }
 
-TEST_F(DbFileWriting, FieldsThatAServiceFilledWholeEndWhereTheyEnd)
+TEST_F(DbFileWriting, FieldsThatAServiceFilledToTheEndAreTerminated)
 {
     bv_db_family *family = user_family("one", {{"id", "none", 1, ""}});
     memset(family->name, 'f', sizeof family->name);

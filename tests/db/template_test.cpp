@@ -368,7 +368,7 @@ TEST_F(DbTemplate, HoldsUpTo425Parameters)
     EXPECT_EQ(family->para[424].valid, 1u);
 }
 
-TEST_F(DbTemplate, MoreThan425ParametersAreRefusedWithoutAWord)
+TEST_F(DbTemplate, MoreThan425ParametersAreRefusedSilently)
 {
     CaptureStdout out;
     EXPECT_EQ(read_elements(elements(426)), -1);

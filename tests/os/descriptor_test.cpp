@@ -63,7 +63,7 @@ TEST(Descriptor, IsGivenUpWhereOnlyThoseAreFree)
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "the low one stayed open";
 }
 
-TEST(Descriptor, OfAFailedCallStaysTheFailure)
+TEST(Descriptor, FailureOfTheCallIsKept)
 {
     errno = EMFILE;
     EXPECT_EQ(bv::keep_descriptor(-1), -1);

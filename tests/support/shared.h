@@ -21,7 +21,7 @@ inline bool root_is_shared()
     if (root_is_shared())                                                                          \
     GTEST_SKIP() << (reason)
 
-// Where the root is shared, /config/work is as large as the host's disk: files end after so many
+// Where the root is shared, /config/work is as large as the host's disk: files end after this many
 // bytes instead, for this process and its children.
 inline void end_shared_files_after(rlim_t bytes)
 {

@@ -77,7 +77,7 @@ static bool build_request(struct blob_buf *request, const char *function, const 
            bv_blobmsg_add_field(request, BLOBMSG_TYPE_UNSPEC, "data", bytes->data, length) == 0;
 }
 
-/* SIGALRM comes after so many milliseconds; 0: not at all. */
+/* SIGALRM comes after the timeout; 0: not at all. */
 static void set_alarm(int timeout_ms)
 {
     struct itimerval timer = {{0, 0}, {timeout_ms / 1000, timeout_ms % 1000 * 1000}};

@@ -28,7 +28,7 @@ static struct avl_tree clients;
 static struct avl_tree users;
 static struct uloop_fd listener;
 
-// Given away while accounts are looked up: a client that is let in can also be named.
+// Closed while accounts are looked up, so that there is a descriptor for that.
 static int spare = -1;
 
 // The socket file that is the daemon's own.
@@ -49,7 +49,7 @@ struct client *client_find(uint32_t id)
     return avl_find_element(&clients, &id, client, by_id);
 }
 
-// Whether the daemon may keep one more of what is counted, and so many bytes with it.
+// Counts one more object, pattern or subscription and its bytes. False when that exceeds a limit.
 bool client_keeps(struct client *client, unsigned int *count, size_t bytes)
 {
     if (*count >= kKeptCount || bytes > kKeptBytes - client->kept.bytes ||
@@ -105,7 +105,7 @@ static void user_leave(struct user *user)
     free(user);
 }
 
-// It has a turn soon without an event of its socket.
+// Gives the client another turn soon, without waiting for its socket.
 void client_goes_on(struct client *client)
 {
     if (!list_empty(&client->of_busy))
@@ -120,7 +120,7 @@ static bool is_spent(const struct client *client)
     return client->work >= kWorkPerTurn;
 }
 
-// Every object that goes is an event.
+// Each object that goes causes an event.
 static void client_remove(struct client *client)
 {
     while (!list_empty(&client->objects)) {
@@ -313,8 +313,8 @@ static bool serve_rest(struct client *client)
     return alive;
 }
 
-// One read serves a living client; of one that is leaving everything it still said is heard. False
-// when there is no more to come.
+// Reads once; but of a client that has hung up everything that it sent. False when there is no more
+// to come.
 static bool read_on(struct client *client)
 {
     do {
@@ -426,7 +426,7 @@ static bool reserve_spare(void)
     return spare >= 0;
 }
 
-// Lets the client in as one of its user's and finds its names.
+// Counts the client among its user's and finds its names.
 static bool identify(struct client *client)
 {
     struct ucred who;

@@ -53,7 +53,7 @@ static size_t padding(size_t length)
     return -length & (BLOB_ATTR_ALIGN - 1);
 }
 
-// Nothing is copied before it is known that there is room for it: listeners are many.
+// Nothing is copied until there is known to be room for it: there may be many listeners.
 static void deliver(const struct object *object, const struct event *event)
 {
     static const uint8_t kZeros[BLOB_ATTR_ALIGN];

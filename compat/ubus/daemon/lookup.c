@@ -1,9 +1,9 @@
 // Finding objects by path.
 //
 // A full listing can be longer than a client's queue, which would drop the end of it and leave the
-// client waiting for good. So a listing goes out only while the client reads: with anything of the
-// daemon's queued it waits, remembering the last path sent. It also waits when it has had its part
-// of a turn, since others want to be served in between.
+// client waiting for good. So a listing goes out only while the client reads: while a message of
+// the daemon's is queued it waits, remembering the last path sent. It also waits when the client's
+// turn is over, so that others are served in between.
 
 #include "ubusd.h"
 

@@ -66,7 +66,7 @@ static struct object_type *type_create(const struct blob_attr *signature)
 }
 
 // Gives a new object the type it asks for. An unknown one and a signature that makes no sense are
-// no error: the object goes without.
+// not errors: the object then has no type.
 static bool type_assign(struct object *object, const struct message *message)
 {
     struct blob_attr *signature = message->attr[UBUS_ATTR_SIGNATURE];

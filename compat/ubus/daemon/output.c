@@ -47,7 +47,7 @@ static void give_up(struct client *client)
 // Whether the socket has room matters only to what waits for it.
 void output_watch(struct client *client)
 {
-    // One that goes on by itself is not read meanwhile.
+    // A client that waits for its next turn is not read before.
     unsigned int events = list_empty(&client->of_busy) ? ULOOP_READ : 0;
 
     if (is_stalled(client) || !list_empty(&client->lookups))
@@ -183,7 +183,7 @@ void output_resume(struct client *client)
     queue_sent(&client->queue, write_now(client, parts, count, total));
 }
 
-// The client goes.
+// The client is leaving.
 void output_forget(struct client *client)
 {
     if (collected.to == client)

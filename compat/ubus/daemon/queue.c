@@ -1,10 +1,10 @@
 // What a client has not read yet, message by message.
 //
 // A client that floods a busy one must not take the place of others, so every sender has a share of
-// the queue. Calls: so many, and so many bytes of them, for each caller, but one always. Everything
-// else (answers, events, notifications) has room in common; when that is full every sender may
-// still have one message and so many bytes more, such as the status after a long answer. What
-// exceeds this is dropped.
+// the queue. Each caller may have a limited number of calls and of their bytes, but one call of any
+// size. Everything else (answers, events, notifications) shares the rest; when that is full every
+// sender may still have one message and a limited number of bytes more, such as the status after a
+// long answer. What exceeds this is dropped.
 
 #include "ubusd.h"
 
@@ -67,7 +67,7 @@ static bool fits(const struct queue *queue, const struct share *share, bool is_c
            share->other_bytes + cost <= kShareMaximum;
 }
 
-// Whether two users have no more than they may, the one who reads and the one who sends.
+// Whether the users of reader and sender both stay within their limits.
 static bool users_permit(const struct queue *queue, const struct client *from, size_t cost)
 {
     return user_may_have(reader(queue), reader(queue)->waiting_for + cost) &&
@@ -151,7 +151,8 @@ static void drop(struct waiting *message)
     free(message);
 }
 
-// Keeps a message of which `sent` bytes are out already. One that has begun has to be kept.
+// Keeps a message of which `sent` bytes are out already. One that is partly out is kept in any
+// case.
 enum queue_result queue_add(struct queue *queue, struct origin origin, const struct iovec *parts,
                             int count, size_t sent, size_t total)
 {
@@ -201,7 +202,7 @@ int queue_parts(const struct queue *queue, struct iovec *parts, int count)
     return used;
 }
 
-// So many of them are out.
+// `length` bytes of them are out.
 void queue_sent(struct queue *queue, size_t length)
 {
     while (length > 0) {
@@ -246,8 +247,8 @@ static void drop_unsent(struct queue *queue, const struct share *share)
     }
 }
 
-// What a client said before it left still counts, but only so much from all of those: otherwise
-// coming back under another id would be a way around the limits.
+// What a client said before it left is still delivered, but there is one limit for all who left:
+// otherwise coming back under another id would be a way around the limits.
 void queue_sender_left(struct client *sender)
 {
     struct share *share, *next;

@@ -2,7 +2,7 @@
 //
 // One thread, one event loop. Input is read into one buffer of the daemon and served message by
 // message straight from there; what a message causes is sent before the next read. A client whose
-// messages make much work, such as events with many listeners, waits after each part of it until
+// messages cause much work, such as events with many listeners, waits after each part of it until
 // others had their turn. Nothing closes a client but its own turn, so no message handler has to
 // expect a client or object to go away under it except by its own doing.
 

@@ -59,7 +59,8 @@ static bool read_greeting(int fd, uint32_t *id)
     return *id > UBUS_CLIENT_ID_CHANNEL && skip(fd, length - kWordLength);
 }
 
-// Where one of the first three was closed, a program's prints would go to the bus.
+// Where one of the first three is closed, the socket would get its number, and what the program
+// prints would go to the bus.
 static int above_standard(int fd)
 {
     if (fd < 0 || fd > STDERR_FILENO)

@@ -8,8 +8,9 @@
 
 enum {
     kPendingDelayMs = 1,
-    // Calls that are put by have room in common. Beyond it every caller may still have so many, or
-    // so many bytes, and one always: a flood does not take the place of others. The rest is lost.
+    // Calls that are put by share one room. When it is full every caller may still have a limited
+    // number of calls and bytes, and always one: a flood does not take the place of others. The
+    // rest is lost.
     kPendingRoom = 1048576,
     kPendingCalls = 32,
     kPendingShare = 131072,

@@ -77,7 +77,7 @@ TEST(Connect, LeavesASocketThatNeitherBlocksNorIsInherited)
 }
 
 // A program's prints must go neither to the bus nor to the loop.
-TEST(Connect, TakesNoStandardDescriptorThatIsClosed)
+TEST(Connect, LeavesClosedStandardDescriptorsClosed)
 {
     FakeBus bus;
     for (bool loop_is_open : {false, true}) {
@@ -193,7 +193,7 @@ TEST_F(Request, MatchesAnswersByNumberAndPeer)
 }
 
 // Daemons pass the version byte on as the other service wrote it: that must not end a connection.
-TEST_F(Request, ForwardedVersionsAreNotLookedAt)
+TEST_F(Request, VersionByteOfAnAnswerIsIgnored)
 {
     std::vector<Bytes> got;
     Bytes data = message(kData, 1, kObject, attr(kAttrData, {5, 6, 7, 8}));
@@ -383,7 +383,7 @@ TEST_F(Request, ADaemonThatNeverReadsEndsACallInTimeAndTheConnection)
     EXPECT_EQ(g_broken, 1);
 }
 
-TEST_F(Request, ACallOfWhichNothingIsOutYetMayExpireAndTheConnectionGoesOn)
+TEST_F(Request, CallThatExpiresBeforeAnyOfItIsSentLeavesTheConnectionUsable)
 {
     ctx->connection_lost = [](struct ubus_context *) { g_broken++; };
     const Bytes ping = message(kPing, 1, 2);
@@ -656,8 +656,8 @@ TEST_F(Owner, CallsArrivingDuringARequestAreServedAfterItInOrder)
         EXPECT_EQ(bus.read().bytes, status(seq, kCaller, 33, kObject));
 }
 
-// While a handler waits for an answer of its own, anybody can send it calls.
-TEST_F(Owner, OfAFloodDuringARequestOnlySoMuchIsKeptButEveryCallerIsServed)
+// While a handler waits for an answer of its own, any client can send it calls.
+TEST_F(Owner, FloodDuringARequestIsLimitedAndEveryCallerIsServed)
 {
     constexpr unsigned kCalls = 4000;
     std::thread daemon([&] {

@@ -53,7 +53,7 @@ protected:
     uint32_t id = owner.publish("busy");
 };
 
-TEST_F(Fairness, SoManyCallsOfEachCallerWait)
+TEST_F(Fairness, CallsThatWaitAreLimitedForEachCaller)
 {
     struct {
         size_t size;
@@ -130,7 +130,7 @@ TEST_F(Fairness, ComingBackUnderAnotherIdDoesNotRaiseTheLimit)
     EXPECT_LE(count, 15u);
 }
 
-TEST_F(Fairness, AnOwnerMayLookUpWhileItsQueueIsFull)
+TEST_F(Fairness, OwnerMayLookUpWhileItsQueueIsFull)
 {
     fill_socket();
     ASSERT_TRUE(owner.send(message(kLookup, 0x4242, 0, attr(kAttrPath, text("busy")))));
@@ -147,7 +147,7 @@ TEST_F(Fairness, AnOwnerMayLookUpWhileItsQueueIsFull)
 }
 
 // An event goes to thousands of objects, and one read holds hundreds of events.
-TEST_F(Fairness, WhoMakesMuchWorkDoesItInTurns)
+TEST_F(Fairness, ClientThatCausesMuchWorkIsServedInTurns)
 {
     constexpr unsigned kEvents = 500;
     std::vector<std::unique_ptr<Client>> listeners;

@@ -386,7 +386,7 @@ Bytes subscribe(uint32_t object, uint32_t target)
     return message(kSubscribe, 1, 0, attr(kAttrId, u32(object)) + attr(kAttrTarget, u32(target)));
 }
 
-TEST_F(DaemonStress, AClientHasSoManyObjectsPatternsAndSubscriptions)
+TEST_F(DaemonStress, ObjectsPatternsAndSubscriptionsOfAClientAreLimited)
 {
     constexpr unsigned kEach = 1024;
     constexpr uint32_t kNoMemory = 11;
@@ -477,7 +477,7 @@ int as_user(uid_t uid, Work work)
     return WEXITSTATUS(status);
 }
 
-TEST_F(DaemonStress, AUserHasSoManyConnectionsButRootAsManyAsItNeeds)
+TEST_F(DaemonStress, ConnectionsOfAUserAreLimitedButNotThoseOfRoot)
 {
     auto connect = [](std::vector<std::unique_ptr<Client>> &clients) {
         for (int i = 0; i < 100; i++) {

@@ -604,7 +604,7 @@ TEST(DaemonLife, SaysThatAccessRulesHaveNoEffect)
     EXPECT_NE(complaint.find("-A has no effect"), std::string::npos) << complaint;
 }
 
-TEST(DaemonLife, ASecondOneLeavesTheFirstAlone)
+TEST(DaemonLife, SecondDaemonLeavesTheFirstAlone)
 {
     BusDaemon daemon;
     Client client;
@@ -626,7 +626,7 @@ TEST(DaemonLife, AFileOtherThanASocketIsKept)
     EXPECT_EQ(read_file("/tmp/link"), "precious");
 }
 
-TEST(DaemonLife, OneThatEndsRemovesNoSocketButItsOwn)
+TEST(DaemonLife, EndingDaemonRemovesOnlyItsOwnSocket)
 {
     BusDaemon first("/tmp/one.sock");
     ASSERT_EQ(unlink("/tmp/one.sock"), 0);
@@ -641,7 +641,7 @@ TEST(DaemonLife, OneThatEndsRemovesNoSocketButItsOwn)
     EXPECT_EQ(read_file("/tmp/one.sock"), "precious");
 }
 
-TEST(DaemonLife, ItsDescriptorsAreItsOwnAndNeverTheStandardOnes)
+TEST(DaemonLife, DescriptorsAreNotPassedOnAndNeverTheStandardOnes)
 {
     int saved[3];
     for (int fd = 0; fd < 3; fd++) {

@@ -72,6 +72,20 @@ bool user_may_have(const struct user *user, size_t bytes)
     return user->uid == 0 || bytes <= kUserMaximum;
 }
 
+// Charges the client's user for something that is not served yet. False when that is too much.
+bool client_stores(struct client *client, size_t bytes)
+{
+    if (!user_may_have(client->user, client->user->unserved + bytes))
+        return false;
+    client->user->unserved += bytes;
+    return true;
+}
+
+void client_gives_back(struct client *client, size_t bytes)
+{
+    client->user->unserved -= bytes;
+}
+
 static void resume_accepting(struct uloop_timeout *timer)
 {
     if (uloop_fd_add(&listener, ULOOP_READ | ULOOP_BLOCKING) != 0)
@@ -120,6 +134,37 @@ static bool is_spent(const struct client *client)
     return client->work >= kWorkPerTurn;
 }
 
+// What a message is charged with while it is not complete. Short ones are free: a user who has too
+// much otherwise can still be served.
+static size_t partial_charge(size_t size)
+{
+    return size > kInputSize ? size : 0;
+}
+
+static bool partial_resize(struct client *client, size_t size)
+{
+    if (!client_stores(client, partial_charge(size)))
+        return false;
+
+    uint8_t *bytes = realloc(client->partial.bytes, size);
+    if (bytes == NULL) {
+        client_gives_back(client, partial_charge(size));
+        return false;
+    }
+    client->partial.bytes = bytes;
+    client->partial.size = size;
+    return true;
+}
+
+static void partial_clear(struct client *client)
+{
+    if (client->partial.bytes == NULL)
+        return;
+    client_gives_back(client, partial_charge(client->partial.size));
+    free(client->partial.bytes);
+    memset(&client->partial, 0, sizeof(client->partial));
+}
+
 // Each object that goes causes an event.
 static void client_remove(struct client *client)
 {
@@ -148,7 +193,7 @@ static void client_close(struct client *client)
     output_forget(client);
     lookups_forget(client);
     close(client->sock.fd);
-    free(client->partial.bytes);
+    partial_clear(client);
     free(client->rest.bytes);
     client_remove(client);
 
@@ -177,23 +222,6 @@ static size_t message_size(const uint8_t *bytes)
     if (length < kWordLength || padded > UBUS_MAX_MSGLEN)
         return 0;
     return kHeaderLength + length;
-}
-
-static bool partial_resize(struct client *client, size_t size)
-{
-    uint8_t *bytes = realloc(client->partial.bytes, size);
-
-    if (bytes == NULL)
-        return false;
-    client->partial.bytes = bytes;
-    client->partial.size = size;
-    return true;
-}
-
-static void partial_clear(struct client *client)
-{
-    free(client->partial.bytes);
-    memset(&client->partial, 0, sizeof(client->partial));
 }
 
 // Keeps the beginning of a message, `size` bytes long in all, until the rest comes.

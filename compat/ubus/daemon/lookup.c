@@ -29,6 +29,27 @@ static bool has_to_wait(const struct client *client)
     return queue_holds_daemons(&client->queue) || client->work >= kWorkPerTurn;
 }
 
+static void forget_last(struct client *client, struct lookup *lookup)
+{
+    if (lookup->last == NULL)
+        return;
+    client_gives_back(client, strlen(lookup->last) + 1);
+    free(lookup->last);
+    lookup->last = NULL;
+}
+
+static void remember_last(struct client *client, struct lookup *lookup, const char *path)
+{
+    size_t size = strlen(path) + 1;
+
+    forget_last(client, lookup);
+    if (!client_stores(client, size))
+        return;
+    lookup->last = strdup(path);
+    if (lookup->last == NULL)
+        client_gives_back(client, size);
+}
+
 static bool is_prefix_pattern(const char *pattern)
 {
     size_t length = strlen(pattern);
@@ -74,10 +95,8 @@ static bool list_prefix(struct client *client, struct lookup *lookup, const char
 
     while (object != NULL && strncmp(object->path, prefix, length) == 0) {
         if (has_to_wait(client)) {
-            if (sent != NULL) {
-                free(lookup->last);
-                lookup->last = strdup(sent);
-            }
+            if (sent != NULL)
+                remember_last(client, lookup, sent);
             // Without the place to go on from, the listing ends here.
             lookup->no_memory = sent != NULL && lookup->last == NULL;
             return lookup->no_memory;
@@ -142,16 +161,19 @@ static bool run(struct client *client, struct lookup *lookup)
 }
 
 // Keeps the look-up for later. Beyond the limit it is dropped, as output is.
-static void postpone(struct client *client, const struct lookup *lookup)
+static void postpone(struct client *client, struct lookup *lookup)
 {
     size_t length = lookup->pattern != NULL ? strlen(lookup->pattern) + 1 : 0;
     size_t size = sizeof(*lookup) + length;
     struct lookup *kept = NULL;
 
-    if (client->lookups_size + size <= kPostponedMaximum)
+    if (client->lookups_size + size <= kPostponedMaximum && client_stores(client, size)) {
         kept = malloc(size);
+        if (kept == NULL)
+            client_gives_back(client, size);
+    }
     if (kept == NULL) {
-        free(lookup->last);
+        forget_last(client, lookup);
         return;
     }
     *kept = *lookup;
@@ -166,8 +188,9 @@ static void postpone(struct client *client, const struct lookup *lookup)
 static void forget(struct client *client, struct lookup *lookup)
 {
     client->lookups_size -= lookup->size;
+    client_gives_back(client, lookup->size);
+    forget_last(client, lookup);
     list_del(&lookup->list);
-    free(lookup->last);
     free(lookup);
 }
 
@@ -183,7 +206,7 @@ void request_lookup(struct client *client, const struct message *message)
     if (!list_empty(&client->lookups) || !run(client, &lookup))
         postpone(client, &lookup);
     else
-        free(lookup.last);
+        forget_last(client, &lookup);
 }
 
 void lookups_resume(struct client *client)

@@ -46,9 +46,10 @@ struct user {
     size_t kept;         // bytes of paths, signatures and patterns
     size_t waiting_for;  // bytes in their queues
     size_t waiting_from; // bytes from them in all queues
+    size_t unserved;     // bytes of messages that are not complete yet, and of look-ups that wait
 };
 
-// Of each of the three, for any user but 0: many clients must not exhaust the memory either.
+// Of each of the four, for any user but 0: many clients must not exhaust the memory either.
 enum { kUserMaximum = 16777216 };
 
 struct client {
@@ -153,6 +154,8 @@ bool clients_listen(const char *path);
 void clients_end(const char *path);
 struct client *client_find(uint32_t id);
 bool user_may_have(const struct user *user, size_t bytes);
+bool client_stores(struct client *client, size_t bytes);
+void client_gives_back(struct client *client, size_t bytes);
 bool client_keeps(struct client *client, unsigned int *count, size_t bytes);
 void client_releases(struct client *client, size_t bytes);
 void client_goes_on(struct client *client);

@@ -7,6 +7,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 #include "support/bus.h"
 #include "support/sanitized.h"
@@ -536,6 +538,41 @@ TEST_F(DaemonStress, ManyClientsOfAUserThatDoNotReadDoNotExhaustTheMemory)
         GTEST_SKIP() << "no right to change the user";
     EXPECT_TRUE(witness.is_in_step());
     EXPECT_LT(peak_memory_kib(daemon.pid()) - before, 100000u); // of 250000
+}
+
+// Whether the daemon keeps the beginning of a long message, and with it the client.
+bool begins_a_long_message(Client &client, Client &other)
+{
+    client.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(kLargestBody) + Bytes(70000, 0));
+    int unread = 1;
+    while (ioctl(client.fd(), SIOCOUTQ, &unread) == 0 && unread > 0)
+        usleep(1000);
+    return other.is_in_step() && client.is_silent(0);
+}
+
+// 16 MiB of messages that have only begun; short ones are served beyond that.
+TEST_F(DaemonStress, UnfinishedMessagesOfAUserAreLimited)
+{
+    int count = as_user(1000, [] {
+        Client other;
+        std::vector<std::unique_ptr<Client>> clients;
+        int kept = 0;
+        for (int i = 0; i < 40; i++) {
+            clients.push_back(std::make_unique<Client>());
+            kept += begins_a_long_message(*clients.back(), other);
+        }
+        const Bytes ping = message(kPing, 1, 0, Bytes(1000, 1));
+        other.send(Bytes(ping.begin(), ping.begin() + 500));
+        usleep(2000);
+        other.send(Bytes(ping.begin() + 500, ping.end()));
+        const bool served = other.read().type() == kData && other.read().status() == 0;
+        clients.clear();
+        Client after;
+        return served && begins_a_long_message(after, other) ? kept : 0;
+    });
+    if (count == 255)
+        GTEST_SKIP() << "no right to change the user";
+    EXPECT_EQ(count, 15);
 }
 
 TEST(DaemonLimits, AnIdleDaemonSleeps)

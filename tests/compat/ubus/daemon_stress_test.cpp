@@ -12,6 +12,7 @@
 
 #include "support/bus.h"
 #include "support/sanitized.h"
+#include "support/shared.h"
 #include "wire.h"
 
 using namespace wire;
@@ -467,6 +468,8 @@ TEST_F(DaemonStress, AnObjectWhoseDescriptionFitsIntoNoMessageIsRefused)
     EXPECT_TRUE(listener.is_in_step());
 }
 
+constexpr const char *kNoUsers = "a traced process cannot change its user";
+
 // As another user; the result of `work` is the exit status.
 template <typename Work>
 int as_user(uid_t uid, Work work)
@@ -481,6 +484,7 @@ int as_user(uid_t uid, Work work)
 
 TEST_F(DaemonStress, ConnectionsOfAUserAreLimitedButNotThoseOfRoot)
 {
+    BV_NEEDS_OWN_ROOT(kNoUsers);
     auto connect = [](std::vector<std::unique_ptr<Client>> &clients) {
         for (int i = 0; i < 100; i++) {
             auto client = std::make_unique<Client>();
@@ -518,6 +522,7 @@ unsigned long peak_memory_kib(pid_t pid)
 
 TEST_F(DaemonStress, ManyClientsOfAUserThatDoNotReadDoNotExhaustTheMemory)
 {
+    BV_NEEDS_OWN_ROOT(kNoUsers);
     if (kSanitized)
         GTEST_SKIP() << "a sanitizer keeps what is freed";
     const unsigned long before = peak_memory_kib(daemon.pid());
@@ -553,6 +558,7 @@ bool begins_a_long_message(Client &client, Client &other)
 // 16 MiB of messages that have only begun; short ones are served beyond that.
 TEST_F(DaemonStress, UnfinishedMessagesOfAUserAreLimited)
 {
+    BV_NEEDS_OWN_ROOT(kNoUsers);
     int count = as_user(1000, [] {
         Client other;
         std::vector<std::unique_ptr<Client>> clients;

@@ -5,7 +5,12 @@
 #
 # Nothing is fortified, whatever the surrounding build asks for: formats that the library lets
 # through, such as those with %n, would then end the process.
-add_compile_options(-U_FORTIFY_SOURCE)
+# What the preprocessor alone is given comes last and has to be taken back the same way.
+if("${CMAKE_C_FLAGS} ${CMAKE_CXX_FLAGS}" MATCHES "-Wp,[^ ]*_FORTIFY_SOURCE")
+  add_compile_options(-Wp,-U_FORTIFY_SOURCE)
+else()
+  add_compile_options(-U_FORTIFY_SOURCE)
+endif()
 if(BV_STACK_PROTECTOR)
   add_compile_options(-fstack-protector-strong)
 else()

@@ -146,6 +146,7 @@ static void serve_call(struct connection *connection, const struct message *mess
     connection_release(connection);
 }
 
+// Ends at the caller's last call that may wait: one who floods has it near the front of the list.
 static bool has_share_left(struct connection *connection, const struct message *message,
                            size_t size)
 {
@@ -157,10 +158,11 @@ static bool has_share_left(struct connection *connection, const struct message *
     {
         if (message_read(pending->bytes, pending->size).peer != message->peer)
             continue;
-        calls++;
         bytes += pending->size;
+        if (++calls == kPendingCalls || bytes > kPendingShare)
+            return false;
     }
-    return calls == 0 || (calls < kPendingCalls && bytes <= kPendingShare);
+    return true;
 }
 
 static void put_by(struct connection *connection, const struct message *message,

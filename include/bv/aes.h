@@ -60,8 +60,8 @@ BV_API int32_t bv_aes_cbc_de(bv_aes_record *rec);
  * @param plain_text  the text, of which at most the first 64 characters are encrypted
  * @param key         16 bytes
  *
- * @retval 0   out holds the ciphertext
- * @retval -1  out is too small, and untouched
+ * @retval 0   out holds the ciphertext, or is empty because the cipher could not be had
+ * @retval -1  out is too small, or an argument is null: out is untouched
  */
 BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_text,
                              const uint8_t *key);
@@ -73,7 +73,8 @@ BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_tex
  *                  ignored. Each pair is read as strtol(3) reads it, so one that is no number is 0
  * @param out       gets the text, at most 64 characters, and a terminating zero; empty when it does
  *                  not fit. A zero byte in the plaintext ends the text
- * @param out_size  its size in bytes; 65 is enough for every text
+ * @param out_size  its size in bytes; 65 is enough for every text, 0 or above 0x7fffffff leaves out
+ *                  untouched
  * @param key       16 bytes
  * @return 0
  */

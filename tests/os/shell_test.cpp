@@ -170,9 +170,50 @@ TEST_F(Shell, ACommandThatDoesNotFitIsRunAsAnEmptyOne)
     EXPECT_EQ(WEXITSTATUS(bv_os_systembk("%s", kTooLong.c_str())),
               WEXITSTATUS(system(" >/dev/null 2>&1 &")));
     EXPECT_EQ(g_lines[g_lines.size() - 2], " >/dev/null 2>&1 &");
-    g_run = false;
-    bv_os_sysprocess("%s", kTooLong.c_str());
+}
+
+TEST_F(Shell, WhatCannotBeFormattedIsRunAsAnEmptyCommandToo)
+{
+    const char *volatile none = nullptr;
+    for (const char *format : {none, "%n", "touch /tmp/ran; %a"}) {
+        EXPECT_EQ(bv_os_system(format, none), 0);
+        EXPECT_EQ(last_line(), "");
+        EXPECT_EQ(bv_os_systemnull(format, none), 0);
+        EXPECT_EQ(bv_os_systembk(format, none), 0);
+        EXPECT_EQ(last_line(), " >/dev/null 2>&1 &");
+        char out[8] = "before";
+        EXPECT_EQ(bv_os_systemex(out, sizeof out, format, none), BV_ERR_FAILED);
+        EXPECT_STREQ(out, "");
+    }
+}
+
+TEST_F(Shell, SysprocessRunsSuEvenForACommandThatDoesNotFit)
+{
+    mkdir("/tmp/bin", 0755);
+    write_file("/tmp/bin/su", "#!/bin/sh\n[ \"$*\" = '-p BROVAN -c ' ] && exit 7\n");
+    chmod("/tmp/bin/su", 0755);
+    const std::string path = getenv("PATH");
+    setenv("PATH", ("/tmp/bin:" + path).c_str(), 1);
+    EXPECT_EQ(WEXITSTATUS(bv_os_sysprocess("%s", kTooLong.c_str())), 7);
     EXPECT_EQ(last_line(), "su -p BROVAN -c \"\"");
+    setenv("PATH", path.c_str(), 1);
+    remove("/tmp/bin/su");
+    remove("/tmp/bin");
+
+    g_run = false; // 18 characters besides the command
+    bv_os_sysprocess("%s", std::string(237, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+}
+
+TEST_F(Shell, OfSeveralCommandsOnlyTheLastIsThrownAwayOrLeftToRun)
+{
+    CaptureStdout output;
+    EXPECT_EQ(bv_os_systemnull("echo first; echo last"), 0);
+    EXPECT_EQ(bv_os_systemnull("(echo first; echo last)"), 0);
+    EXPECT_EQ(bv_os_systembk("echo waited > /tmp/first; true"), 0);
+    EXPECT_EQ(output.stop(), "first\n");
+    EXPECT_EQ(read_file("/tmp/first"), "waited\n");
+    remove("/tmp/first");
 }
 
 TEST_F(Shell, AWrappedLineThatDoesNotFitIsRunAsAnEmptyOne)
@@ -257,6 +298,26 @@ TEST_F(Shell, SystemexRunsTheCommandEvenWithoutAPlaceForItsOutput)
     remove("/tmp/ran");
 }
 
+TEST_F(Shell, SystemexLeavesABufferOfMoreThanItsLimitAlone)
+{
+    char out[] = "before";
+    EXPECT_EQ(bv_os_systemex(out, 0x80000000, "echo ran > /tmp/ran; echo x"), BV_ERR_FAILED);
+    EXPECT_STREQ(out, "before");
+    EXPECT_EQ(read_file("/tmp/ran"), "ran\n");
+    remove("/tmp/ran");
+    EXPECT_EQ(bv_os_systemex(out, 0x7fffffff, "echo x"), 0);
+    EXPECT_STREQ(out, "x");
+}
+
+TEST_F(Shell, A257ByteBufferHoldsAnyCapture)
+{
+    char out[257];
+    EXPECT_EQ(capture_text(std::string(300, 'x'), out, 256), BV_ERR_FAILED);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(capture_text(std::string(300, 'x'), out, 257), 0);
+    EXPECT_EQ(strlen(out), 256u);
+}
+
 TEST_F(Shell, SystemexReads256BytesAtMost)
 {
     char out[512];
@@ -335,6 +396,27 @@ TEST_F(Shell, ACapturedLineThatDoesNotFitCapturesNothing)
     EXPECT_STREQ(out, "before");
 }
 
+// So much of the 255 characters is the caller's.
+TEST_F(Shell, ACaptureLeavesRoomForItsRedirectionAndFilter)
+{
+    g_run = false;
+    g_pid = 65535;
+    char out[8];
+    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 23, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 22, 'x').c_str());
+    EXPECT_EQ(last_line(), "");
+    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 58 - 4, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 57 - 4, 'x').c_str());
+    EXPECT_EQ(last_line(), "");
+    g_pid = 7;
+    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 22, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 55 - 4, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+}
+
 TEST_F(Shell, SysmatchKeepsTheSecondFieldOfMatchingLines)
 {
     write_file("/tmp/list", "mtd0: 00040000 \"boot\"\nmtd1: 00010000 \"env\"\nmtd2: x \"env2\"\n");
@@ -345,6 +427,11 @@ TEST_F(Shell, SysmatchKeepsTheSecondFieldOfMatchingLines)
     EXPECT_STREQ(out, "env\nenv2");
     EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "wlan", ":", "cat /tmp/list"), BV_ERR_FAILED);
     EXPECT_STREQ(out, "");
+    strcpy(out, "before");
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "boot", "#", "cat /tmp/list"), BV_ERR_FAILED);
+    EXPECT_STREQ(out, "") << "no second field";
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, nullptr, nullptr, "echo 'x(null)y'"), 0);
+    EXPECT_STREQ(out, ")y") << "awk's parentheses are not the text's";
     remove("/tmp/list");
 }
 
@@ -459,6 +546,9 @@ TEST_F(Shell, GetPipeLeavesTheBufferAloneWhenThereIsNothing)
     char out[] = "before";
     bv_get_pipe("true", out, sizeof out);
     EXPECT_STREQ(out, "before");
+    bv_get_pipe("true", out, 1);
+    EXPECT_STREQ(out, "") << "room for the terminator only";
+    strcpy(out, "before");
     fault_popen.fail_next(1, EMFILE);
     bv_get_pipe("echo x", out, sizeof out);
     EXPECT_EQ(fault_popen.calls(), 1);

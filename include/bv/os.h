@@ -217,11 +217,11 @@ BV_API int bv_os_fprintf(FILE *stream, const char *format, ...) BV_PRINTF(2, 3);
  *
  * Rely on these directives only: flags - + space # 0, width and precision (also as *), lengths
  * hh h l ll q L j z t, conversions d i u o x X c s p e E f F g G, their wide forms lc and ls, and
- * %%. The bounded-check library refuses %n in every form, %a %A, %m, %b, positional arguments, the '
- * flag, letters that it does not know, a format that ends within a directive, widths and precisions
- * above 214748360, and wide characters that the locale cannot express. A null text prints as
- * (null), an integer with at most 512 digits whatever its precision, a pointer without sign and
- * precision.
+ * %%. The bounded-check library refuses %n in every form, %a %A, %m, %b, positional arguments, the
+ * ' flag, letters that it does not know, a format that ends within a directive, widths and
+ * precisions above 214748360, and wide characters that the locale cannot express. A null text
+ * prints as (null), an integer with at most 512 digits whatever its precision, a pointer without
+ * sign and precision.
  *
  * @param dst      the buffer; on failure its first byte is 0, and what had been printed so far may
  *                 follow that byte
@@ -245,12 +245,12 @@ BV_API int bv_os_snprintf(char *dst, uint32_t dstsize, const char *format, ...) 
  * bv_os_sscanf(line, "%15s %d", name, sizeof name, &number);
  * @endcode
  *
- * Rely on these directives only: conversions d i u o x X p e E f g G s c [ n and %%, a width, lengths
- * hh h l ll q L j z t, and * to store nothing (which takes no arguments, no size either). The
- * bounded-check library refuses %a %A, %m, positional arguments, flags, precisions and letters that
- * it does not know. Unlike scanf(3) it reads neither inf, nan and hexadecimal floats nor a 0x before
- * %p, needs digits after the 0x of %x and %i, and stores some other number for one that is too large
- * for its type.
+ * Rely on these directives only: conversions d i u o x X p e E f g G s c [ n and %%, a width,
+ * lengths hh h l ll q L j z t, and * to store nothing (which takes no arguments, no size either).
+ * The bounded-check library refuses %a %A, %m, positional arguments, flags, precisions and letters
+ * that it does not know. Unlike scanf(3) it reads neither inf, nan and hexadecimal floats nor a 0x
+ * before %p, needs digits after the 0x of %x and %i, and stores some other number for one that is
+ * too large for its type.
  *
  * @param str     the text
  * @param format  what to look for
@@ -415,9 +415,9 @@ BV_API int32_t bv_os_record(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Copies the record file, when there is one, to the terminal named in /tmp/tty (31 characters at
- * most). The record file stays. The name is not checked: with no /tmp/tty the shell complains
- * about an empty redirection, and nothing else happens. The name is read with bv_os_systemex(),
- * whose word on threads holds here too.
+ * most). The record file stays. The name is not checked: with no /tmp/tty, or a longer name in it,
+ * the shell complains about an empty redirection, and nothing else happens. The name is read with
+ * bv_os_systemex(), whose word on threads holds here too.
  */
 BV_API void bv_os_record_output(void);
 
@@ -613,9 +613,9 @@ BV_API uint32_t bv_os_random(uint8_t *buf, int32_t num);
  *
  * Each wrapper passes its arguments on to the platform function that it is named after and
  * returns that function's result unchanged, with errno as the platform set it: no check (null
- * pointers go to the platform too), no retry, no message. What the platform's manual page says of the function holds for the wrapper, thread
- * safety and ownership included. Only four differ: bv_os_msleep(), bv_os_shutdown(),
- * bv_os_lseek() and bv_os_dev_open() say how.
+ * pointers go to the platform too), no retry, no message. What the platform's manual page says of
+ * the function holds for the wrapper, thread safety and ownership included. Only four differ:
+ * bv_os_msleep(), bv_os_shutdown(), bv_os_lseek() and bv_os_dev_open() say how.
  * @{
  */
 

@@ -47,7 +47,8 @@ BV_API int32_t bv_aes_cbc_en(bv_aes_record *rec);
  *
  * @param rec  cipher, cipher_len and key set; plain_len becomes the bytes in plain. Of a result
  *             above 64 bytes only the first 64 are kept; with a wrong padding (wrong key, damaged
- *             or cut ciphertext) the last block is missing
+ *             or cut ciphertext) the last block, whole or not, is missing. 0 when the cipher cannot
+ *             be had
  * @return 0
  */
 BV_API int32_t bv_aes_cbc_de(bv_aes_record *rec);
@@ -98,7 +99,8 @@ BV_API int32_t bv_aes_file_en(const char *in_path, const char *out_path, const u
 
 /**
  * Decrypts a file that bv_aes_file_en() has made. A message of 48 bytes whose padding is wrong
- * gives the 32 bytes before its last block; the messages after it are not affected.
+ * gives the 32 bytes before its last block; the messages after it are not affected. Of a shorter
+ * one at the end, or one that is cut, the last block, whole or not, is missing too.
  *
  * @param in_path   the file to read; as in bv_aes_file_en()
  * @param out_path  the file to write; as in bv_aes_file_en(), but it may be the input file of any

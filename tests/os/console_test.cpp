@@ -110,7 +110,7 @@ TEST(Printb, AnUnalignedAddressPrints)
 TEST(Printb, ShowsWhatIsThereAlsoOverItsOwnCopy)
 {
     if (kSanitized)
-        GTEST_SKIP() << "a sanitizer wants nobody to look there";
+        GTEST_SKIP() << "a sanitizer reports such reads";
     dump(kBytes, 4); // finds the copy; all dumps are made from the same place
     for (int before : {4, 3, 2, 1}) {
         SCOPED_TRACE(before);

@@ -49,7 +49,7 @@ std::set<std::string> open_files()
     return files;
 }
 
-// A named pipe that this test holds open at both ends, so that nobody waits in opening it.
+// A named pipe that this test holds open at both ends, so that opening it does not wait.
 class Gate {
 public:
     explicit Gate(const char *path)

@@ -87,18 +87,18 @@ TEST(Held, RecordFile)
 
 TEST(Held, FilesOfDigestAndCipher)
 {
-    write_file("/tmp/plain", std::string(1000, 'x'));
+    write_file("/scratch/plain", std::string(1000, 'x'));
     char digest[65];
-    expect_held(1, [&] { EXPECT_EQ(bv_os_sm3_file("/tmp/plain", digest), BV_OK); });
-    expect_held(2, [] { EXPECT_EQ(bv_aes_file_en("/tmp/plain", "/tmp/cipher", kKey), 0); });
-    expect_held(2, [] { EXPECT_EQ(bv_aes_file_de("/tmp/cipher", "/tmp/back", kKey), 0); });
+    expect_held(1, [&] { EXPECT_EQ(bv_os_sm3_file("/scratch/plain", digest), BV_OK); });
+    expect_held(2, [] { EXPECT_EQ(bv_aes_file_en("/scratch/plain", "/scratch/cipher", kKey), 0); });
+    expect_held(2, [] { EXPECT_EQ(bv_aes_file_de("/scratch/cipher", "/scratch/back", kKey), 0); });
 }
 
 TEST(Held, DataFile)
 {
     bv_list_head none = {&none, &none};
-    expect_held(2, [&] { EXPECT_EQ(bv_db_user_write(&none, "/tmp/new.json"), BV_OK); });
-    expect_held(1, [&] { EXPECT_EQ(bv_db_user_write(&none, "/tmp/new.json"), BV_OK); });
+    expect_held(2, [&] { EXPECT_EQ(bv_db_user_write(&none, "/scratch/new.json"), BV_OK); });
+    expect_held(1, [&] { EXPECT_EQ(bv_db_user_write(&none, "/scratch/new.json"), BV_OK); });
 }
 
 TEST(Held, DriverAndFlash)
@@ -108,7 +108,7 @@ TEST(Held, DriverAndFlash)
     expect_held(1, [&] { EXPECT_NE(bv_ioctl_system(record), 0u); });
 
     write_file("/dev/mtd0", "");
-    write_file("/tmp/proc-mtd", "mtd0: 00080000 00010000 \"config\"\n");
+    write_file("/scratch/proc-mtd", "mtd0: 00080000 00010000 \"config\"\n");
     mtd_info_user info;
     expect_held(2, [&] { EXPECT_NE(bv_mtd_get_info("config", &info), BV_OK); });
 }

@@ -95,9 +95,9 @@ void provide_driver()
 #endif
 }
 
-constexpr const char *kSeen = "/tmp/seen";
+constexpr const char *kSeen = "/scratch/seen";
 // In parentheses, so that each function's own redirection leaves this one alone.
-constexpr const char *kLook = "(ls -l /proc/self/fd > /tmp/seen; touch /tmp/looked)";
+constexpr const char *kLook = "(ls -l /proc/self/fd > /scratch/seen; touch /scratch/looked)";
 
 } // namespace
 
@@ -128,25 +128,25 @@ TEST(Inherited, ProgramsSeeNothingThatTheLibraryHasOpen)
     ASSERT_NE(connection, nullptr);
 
     // A file that is encrypted, and waits for room in the pipe that its result goes to.
-    Gate cipher("/tmp/cipher");
-    write_file("/tmp/plain", std::string(200000, 'x'));
+    Gate cipher("/scratch/cipher");
+    write_file("/scratch/plain", std::string(200000, 'x'));
     std::atomic<bool> encrypted{false};
     std::thread encrypting([&] {
-        bv_aes_file_en("/tmp/plain", "/tmp/cipher",
+        bv_aes_file_en("/scratch/plain", "/scratch/cipher",
                        reinterpret_cast<const uint8_t *>("0123456789abcdef"));
         encrypted = true;
     });
     EXPECT_TRUE(eventually([&] { return cipher.waiting() > 0; }));
 
     // A file that is digested, and a command's output that is read; there is more to come of both.
-    Gate data("/tmp/data");
+    Gate data("/scratch/data");
     char digest[65] = "";
-    std::thread digesting([&] { bv_os_sm3_file("/tmp/data", digest); });
+    std::thread digesting([&] { bv_os_sm3_file("/scratch/data", digest); });
     data.put('x');
     EXPECT_TRUE(eventually([&] { return data.waiting() == 0; }));
-    Gate output("/tmp/output");
+    Gate output("/scratch/output");
     char line[8] = "";
-    std::thread reading([&] { bv_get_pipe("cat /tmp/output", line, sizeof line); });
+    std::thread reading([&] { bv_get_pipe("cat /scratch/output", line, sizeof line); });
     output.put('x');
     EXPECT_TRUE(eventually([&] { return *const_cast<volatile char *>(line) == 'x'; }));
 
@@ -157,7 +157,7 @@ TEST(Inherited, ProgramsSeeNothingThatTheLibraryHasOpen)
     for (const std::string &file : held)
         sockets += file.compare(0, 7, "socket:") == 0 ? 1 : 0;
     EXPECT_GE(sockets, g_no_driver ? 2 : 3) << "debug messages, kernel events, the bus";
-    EXPECT_EQ(held.count("/tmp/plain") + held.count("/tmp/cipher") + held.count("/tmp/data"), 3u);
+    EXPECT_EQ(held.count("/scratch/plain") + held.count("/scratch/cipher") + held.count("/scratch/data"), 3u);
 
     char out[64];
     const struct {
@@ -176,11 +176,11 @@ TEST(Inherited, ProgramsSeeNothingThatTheLibraryHasOpen)
     for (const auto &starter : starters) {
         SCOPED_TRACE(starter.name);
         remove(kSeen);
-        remove("/tmp/looked");
+        remove("/scratch/looked");
         starter.run();
-        EXPECT_TRUE(eventually([] { return file_exists("/tmp/looked"); }));
+        EXPECT_TRUE(eventually([] { return file_exists("/scratch/looked"); }));
         const std::string seen = read_file(kSeen);
-        EXPECT_NE(seen.find(" -> /tmp/seen\n"), std::string::npos) << seen;
+        EXPECT_NE(seen.find(" -> /scratch/seen\n"), std::string::npos) << seen;
         for (const std::string &file : held)
             EXPECT_EQ(seen.find(" -> " + file + "\n"), std::string::npos) << seen;
     }
@@ -198,6 +198,6 @@ TEST(Inherited, ProgramsSeeNothingThatTheLibraryHasOpen)
     bv_ubus_free(connection);
     bv_uloop_done();
     for (const char *path :
-         {"/tmp/cipher", "/tmp/plain", "/tmp/data", "/tmp/output", kSeen, "/tmp/looked"})
+         {"/scratch/cipher", "/scratch/plain", "/scratch/data", "/scratch/output", kSeen, "/scratch/looked"})
         remove(path);
 }

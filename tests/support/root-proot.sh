@@ -60,6 +60,9 @@ IFS=$old_ifs
 unset LD_PRELOAD LD_LIBRARY_PATH
 proot=$(command -v proot)
 PROOT_TMP_DIR=${TMPDIR:-/tmp}
+# A heap that grows step by step ends in a fault below proot, so the first step is a large one.
+MALLOC_TOP_PAD_=536870912
+export MALLOC_TOP_PAD_
 PATH=$inside_path HOME=/root SHELL=/bin/sh LC_ALL=C TMPDIR=/tmp
 export PROOT_TMP_DIR PATH HOME SHELL LC_ALL TMPDIR
 

@@ -73,14 +73,14 @@ TEST(JsonParse, WhatIsNoJsonIsNull)
 
 TEST(JsonParse, FilesAreRead)
 {
-    write_file("/tmp/good.json", kText);
-    write_file("/tmp/bad.json", "{\"a\":");
-    json_object *root = bv_json_object_from_file("/tmp/good.json");
+    write_file("/scratch/good.json", kText);
+    write_file("/scratch/bad.json", "{\"a\":");
+    json_object *root = bv_json_object_from_file("/scratch/good.json");
     ASSERT_NE(root, nullptr);
     EXPECT_EQ(bv_json_object_get_int(bv_json_object_object_get(root, "mtu")), 1500);
     EXPECT_EQ(bv_json_object_put(root), 1);
-    EXPECT_EQ(bv_json_object_from_file("/tmp/bad.json"), nullptr);
-    EXPECT_EQ(bv_json_object_from_file("/tmp/absent.json"), nullptr);
+    EXPECT_EQ(bv_json_object_from_file("/scratch/bad.json"), nullptr);
+    EXPECT_EQ(bv_json_object_from_file("/scratch/absent.json"), nullptr);
 }
 
 TEST(JsonParse, TheLastReferenceFreesAnObject)

@@ -96,15 +96,15 @@ void receive(ubus_request *req, int type, blob_attr *message)
 TEST(Ubus, WithoutADaemonThereIsNoConnection)
 {
     EXPECT_EQ(bv_ubus_connect(nullptr), nullptr);
-    EXPECT_EQ(bv_ubus_connect("/tmp/nothing"), nullptr);
+    EXPECT_EQ(bv_ubus_connect("/scratch/nothing"), nullptr);
     bv_ubus_free(nullptr);
 }
 
 TEST(Ubus, ConnectsToAnotherSocketByItsPath)
 {
-    BusDaemon daemon("/tmp/other.sock");
+    BusDaemon daemon("/scratch/other.sock");
     EXPECT_EQ(bv_ubus_connect(nullptr), nullptr);
-    ubus_context *ctx = bv_ubus_connect("/tmp/other.sock");
+    ubus_context *ctx = bv_ubus_connect("/scratch/other.sock");
     EXPECT_NE(ctx, nullptr);
     bv_ubus_free(ctx);
 }

@@ -80,15 +80,15 @@ extern "C" int test_open(const char *path, int flags, mode_t mode)
 namespace {
 
 const std::string kKey = "sixteen byte key";
-const char *const kPlain = "/tmp/plain";
-const char *const kCipher = "/tmp/cipher";
-const char *const kBack = "/tmp/back";
+const char *const kPlain = "/scratch/plain";
+const char *const kCipher = "/scratch/cipher";
+const char *const kBack = "/scratch/back";
 
 class AesFile : public testing::Test {
 protected:
     void SetUp() override
     {
-        for (const char *path : {kPlain, kCipher, kBack, "/tmp/out", "/tmp/new"})
+        for (const char *path : {kPlain, kCipher, kBack, "/scratch/out", "/scratch/new"})
             unlink(path);
         fault_read.pass();
         fault_write.pass();
@@ -182,33 +182,33 @@ TEST_F(AesFile, ALongerOutputKeepsItsOldTail)
 TEST_F(AesFile, AnEmptyInputCreatesTheOutputAndLeavesAnExistingOne)
 {
     for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
-        write_file("/tmp/empty", "");
-        unlink("/tmp/out");
-        EXPECT_EQ(transform("/tmp/empty", "/tmp/out", u8(kKey)), 0);
-        EXPECT_TRUE(file_exists("/tmp/out"));
-        write_file("/tmp/out", "old");
-        EXPECT_EQ(transform("/tmp/empty", "/tmp/out", u8(kKey)), 0);
-        EXPECT_EQ(read_file("/tmp/out"), "old");
+        write_file("/scratch/empty", "");
+        unlink("/scratch/out");
+        EXPECT_EQ(transform("/scratch/empty", "/scratch/out", u8(kKey)), 0);
+        EXPECT_TRUE(file_exists("/scratch/out"));
+        write_file("/scratch/out", "old");
+        EXPECT_EQ(transform("/scratch/empty", "/scratch/out", u8(kKey)), 0);
+        EXPECT_EQ(read_file("/scratch/out"), "old");
     }
 }
 
 TEST_F(AesFile, AMissingInputIsAnEmptyOne)
 {
     for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
-        write_file("/tmp/out", "old");
-        EXPECT_EQ(transform("/tmp/missing", "/tmp/out", u8(kKey)), 0);
-        EXPECT_EQ(read_file("/tmp/out"), "old");
-        EXPECT_EQ(transform("/tmp/missing", "/tmp/new", u8(kKey)), 0);
-        EXPECT_TRUE(file_exists("/tmp/new"));
-        EXPECT_EQ(unlink("/tmp/new"), 0);
+        write_file("/scratch/out", "old");
+        EXPECT_EQ(transform("/scratch/missing", "/scratch/out", u8(kKey)), 0);
+        EXPECT_EQ(read_file("/scratch/out"), "old");
+        EXPECT_EQ(transform("/scratch/missing", "/scratch/new", u8(kKey)), 0);
+        EXPECT_TRUE(file_exists("/scratch/new"));
+        EXPECT_EQ(unlink("/scratch/new"), 0);
     }
 }
 
 TEST_F(AesFile, AnOutputThatCannotBeOpenedIsNoFailure)
 {
     write_file(kPlain, "content");
-    EXPECT_EQ(bv_aes_file_en(kPlain, "/tmp/no/such/folder", u8(kKey)), 0);
-    EXPECT_EQ(bv_aes_file_de(kPlain, "/tmp", u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en(kPlain, "/scratch/no/such/folder", u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_de(kPlain, "/scratch", u8(kKey)), 0);
 }
 
 TEST_F(AesFile, TheOutputIsCreatedReadableForAllButTheUmask)
@@ -232,11 +232,11 @@ TEST_F(AesFile, TheInputIsOpenedSynchronouslyAndTheOutputForBothWays)
     for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
         write_file(kPlain, "content");
         g_opened.clear();
-        transform(kPlain, "/tmp/out", u8(kKey));
+        transform(kPlain, "/scratch/out", u8(kKey));
         ASSERT_EQ(g_opened.size(), 2u);
         EXPECT_EQ(g_opened[0].path, kPlain);
         EXPECT_EQ(g_opened[0].flags & ~O_LARGEFILE, O_RDONLY | O_SYNC);
-        EXPECT_EQ(g_opened[1].path, "/tmp/out");
+        EXPECT_EQ(g_opened[1].path, "/scratch/out");
         EXPECT_EQ(g_opened[1].flags & ~O_LARGEFILE, O_RDWR | O_CREAT);
     }
 }
@@ -252,8 +252,8 @@ TEST_F(AesFile, AKeyIsNotReadBeyondItsSixteenBytes)
 
 TEST_F(AesFile, ADirectoryAsInputGivesNothing)
 {
-    EXPECT_EQ(bv_aes_file_en("/tmp", "/tmp/out", u8(kKey)), 0);
-    EXPECT_EQ(read_file("/tmp/out"), "");
+    EXPECT_EQ(bv_aes_file_en("/scratch", "/scratch/out", u8(kKey)), 0);
+    EXPECT_EQ(read_file("/scratch/out"), "");
 }
 
 TEST_F(AesFile, RandomBytesDecryptAsChunkByChunk)
@@ -393,11 +393,11 @@ TEST_F(AesFile, AWriteMayTakeOneByteAndOneThatTakesNoneEndsTheWork)
     g_most_written = 1;
     bv_aes_file_en(kPlain, kCipher, u8(kKey));
     g_most_written = 0;
-    bv_aes_file_en(kPlain, "/tmp/new", u8(kKey));
+    bv_aes_file_en(kPlain, "/scratch/new", u8(kKey));
     g_most_written = SIZE_MAX;
     expect_same(read_file(kCipher), by_chunks(true, plain), 0);
-    EXPECT_TRUE(file_exists("/tmp/new"));
-    EXPECT_EQ(read_file("/tmp/new"), "");
+    EXPECT_TRUE(file_exists("/scratch/new"));
+    EXPECT_EQ(read_file("/scratch/new"), "");
 }
 
 TEST_F(AesFile, WhatIsAppendedMeanwhileIsLeftOut)
@@ -458,7 +458,7 @@ TEST_F(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
     EXPECT_EQ(read_file(kCipher), "");
     fault_EVP_CipherUpdate.fail_next();
     EXPECT_EQ(bv_aes_file_de("/usr/bin/env", kCipher, u8(kKey)), 0);
-    EXPECT_EQ(bv_aes_file_en("/tmp/missing", "/tmp/no/such/folder", u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en("/scratch/missing", "/scratch/no/such/folder", u8(kKey)), 0);
     EXPECT_EQ(open_descriptors(), before);
 }
 
@@ -479,9 +479,9 @@ TEST_F(AesFile, ADescriptorOfZeroIsAsGoodAsAnyOther)
     bv_aes_file_en(kPlain, kCipher, u8(kKey)); // reads from it
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(read_file(kCipher), reference::aes(true, kKey, "content"));
-    bv_aes_file_en("/tmp/missing", "/tmp/new", u8(kKey)); // would write to it
+    bv_aes_file_en("/scratch/missing", "/scratch/new", u8(kKey)); // would write to it
     EXPECT_EQ(open_descriptors(), before);
-    EXPECT_TRUE(file_exists("/tmp/new"));
+    EXPECT_TRUE(file_exists("/scratch/new"));
 }
 
 TEST_F(AesFile, NullArgumentsAreHarmless)
@@ -499,6 +499,6 @@ TEST_F(AesFile, NullArgumentsAreHarmless)
 TEST_F(AesFile, NothingIsPrinted)
 {
     CaptureStdout capture;
-    bv_aes_file_en("/tmp/missing", "/tmp/no/such/folder", u8(kKey));
+    bv_aes_file_en("/scratch/missing", "/scratch/no/such/folder", u8(kKey));
     EXPECT_EQ(capture.stop(), "");
 }

@@ -169,20 +169,20 @@ TEST(Sm3Text, WithoutADigestContextThereIsNoDigest)
     fault_EVP_DigestInit_ex.fail_next();
     EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out),
               uint32_t{BV_ERR_MEMORY});
-    write_file("/tmp/file", "content");
+    write_file("/scratch/file", "content");
     fault_EVP_MD_CTX_new.fail_next();
-    EXPECT_EQ(bv_os_sm3_file("/tmp/file", out), uint32_t{BV_ERR_MEMORY});
+    EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), uint32_t{BV_ERR_MEMORY});
     EXPECT_TRUE(out.untouched());
 }
 
 TEST(Sm3Text, EveryDigestContextIsGivenBack)
 {
     Sm3Text out;
-    write_file("/tmp/file", "content");
+    write_file("/scratch/file", "content");
     g_contexts_freed = 0;
     bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out);
     EXPECT_EQ(g_contexts_freed, 1);
-    bv_os_sm3_file("/tmp/file", out);
+    bv_os_sm3_file("/scratch/file", out);
     EXPECT_EQ(g_contexts_freed, 2);
     fault_EVP_DigestInit_ex.fail_next();
     bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out);
@@ -194,12 +194,12 @@ TEST_F(Sm3File, SizesAroundThePieceAgreeWithTheTextDigest)
     RandomBytes random(42);
     for (size_t size : {0u, 1u, 65535u, 65536u, 65537u, 200000u}) {
         const std::string content = random.bytes(size);
-        write_file("/tmp/file", content);
-        EXPECT_EQ(sm3_of_file("/tmp/file"), sm3(content)) << size;
+        write_file("/scratch/file", content);
+        EXPECT_EQ(sm3_of_file("/scratch/file"), sm3(content)) << size;
         if (size > 0) {
             Sm3Text out;
             bv_os_sm3_str(u8(content), static_cast<uint32_t>(size), out);
-            EXPECT_EQ(out.digits(), sm3_of_file("/tmp/file")) << size;
+            EXPECT_EQ(out.digits(), sm3_of_file("/scratch/file")) << size;
         }
     }
 }
@@ -207,11 +207,11 @@ TEST_F(Sm3File, SizesAroundThePieceAgreeWithTheTextDigest)
 TEST_F(Sm3File, AMissingFileIsReported)
 {
     Sm3Text out;
-    EXPECT_EQ(bv_os_sm3_file("/tmp/missing", out), uint32_t{BV_ERR_NO_FILE});
+    EXPECT_EQ(bv_os_sm3_file("/scratch/missing", out), uint32_t{BV_ERR_NO_FILE});
     EXPECT_EQ(bv_os_sm3_file(nullptr, out), uint32_t{BV_ERR_NO_FILE});
     EXPECT_TRUE(out.untouched());
-    write_file("/tmp/file", "content");
-    EXPECT_EQ(bv_os_sm3_file("/tmp/file", nullptr), uint32_t{BV_ERR_NO_FILE});
+    write_file("/scratch/file", "content");
+    EXPECT_EQ(bv_os_sm3_file("/scratch/file", nullptr), uint32_t{BV_ERR_NO_FILE});
 }
 
 // Root may read everything: from here on this process is bound by the modes of files.
@@ -224,72 +224,72 @@ static bool give_up_capabilities()
 
 TEST_F(Sm3File, AFileThatMayNotBeReadIsReported)
 {
-    write_file("/tmp/file", "content");
-    ASSERT_EQ(chmod("/tmp/file", 0), 0);
+    write_file("/scratch/file", "content");
+    ASSERT_EQ(chmod("/scratch/file", 0), 0);
     const pid_t child = fork();
     if (child == 0) {
         if (!give_up_capabilities())
             _exit(77);
         Sm3Text out;
-        const uint32_t status = bv_os_sm3_file("/tmp/file", out);
+        const uint32_t status = bv_os_sm3_file("/scratch/file", out);
         _exit(status == BV_ERR_OPEN && out.untouched() ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    unlink("/tmp/file"); // where root has no capabilities it stands in others' way
+    unlink("/scratch/file"); // where root has no capabilities it stands in others' way
 }
 
 TEST_F(Sm3File, ADirectoryHasTheDigestOfNothing)
 {
-    EXPECT_EQ(sm3_of_file("/tmp"), sm3(""));
+    EXPECT_EQ(sm3_of_file("/scratch"), sm3(""));
 }
 
 TEST_F(Sm3File, AReadErrorEndsTheFile)
 {
     const std::string content = RandomBytes(43).bytes(3 * 65536);
-    write_file("/tmp/file", content);
+    write_file("/scratch/file", content);
     g_before_read = [](int call) { g_read_fails = call >= 2; };
-    EXPECT_EQ(sm3_of_file("/tmp/file"), sm3(content.substr(0, 65536)));
+    EXPECT_EQ(sm3_of_file("/scratch/file"), sm3(content.substr(0, 65536)));
 }
 
 TEST_F(Sm3File, AFileThatShrinksEndsEarly)
 {
     const std::string content = RandomBytes(44).bytes(3 * 65536);
-    write_file("/tmp/file", content);
+    write_file("/scratch/file", content);
     g_before_read = [](int call) {
-        if (call == 2 && truncate("/tmp/file", 70000) != 0)
+        if (call == 2 && truncate("/scratch/file", 70000) != 0)
             abort();
     };
-    EXPECT_EQ(sm3_of_file("/tmp/file"), sm3(content.substr(0, 70000)));
+    EXPECT_EQ(sm3_of_file("/scratch/file"), sm3(content.substr(0, 70000)));
 }
 
 TEST_F(Sm3File, AFileWithoutASizeIsReadToItsEnd)
 {
     const std::string content = RandomBytes(45).bytes(100000);
-    ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
+    ASSERT_EQ(mkfifo("/scratch/pipe", 0600), 0);
     const pid_t child = fork();
     if (child == 0) {
-        write_file("/tmp/pipe", content);
+        write_file("/scratch/pipe", content);
         _exit(0);
     }
-    EXPECT_EQ(sm3_of_file("/tmp/pipe"), sm3(content));
+    EXPECT_EQ(sm3_of_file("/scratch/pipe"), sm3(content));
     waitpid(child, nullptr, 0);
 }
 
 TEST_F(Sm3File, WithoutMemoryForThePieceNothingStaysOpen)
 {
-    write_file("/tmp/file", "content");
+    write_file("/scratch/file", "content");
     const auto before = open_descriptors();
     Sm3Text out;
     {
         FailAllocationsOfSize fail(65536);
-        EXPECT_EQ(bv_os_sm3_file("/tmp/file", out), uint32_t{BV_ERR_MEMORY});
+        EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), uint32_t{BV_ERR_MEMORY});
         EXPECT_EQ(fail.happened(), 1u);
     }
     EXPECT_TRUE(out.untouched());
-    EXPECT_EQ(bv_os_sm3_file("/tmp/file", out), BV_OK);
+    EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), BV_OK);
     EXPECT_EQ(open_descriptors(), before);
 }
 
@@ -297,12 +297,12 @@ TEST_F(Sm3File, TheReadBufferIsGivenBack)
 {
     if (kSanitized)
         GTEST_SKIP() << "the sanitiser finds leaks";
-    write_file("/tmp/file", "content");
+    write_file("/scratch/file", "content");
     Sm3Text out;
-    bv_os_sm3_file("/tmp/file", out);
+    bv_os_sm3_file("/scratch/file", out);
     const size_t before = address_space();
     for (int i = 0; i < 200; i++) // 12.5 MiB in all
-        ASSERT_EQ(bv_os_sm3_file("/tmp/file", out), BV_OK);
+        ASSERT_EQ(bv_os_sm3_file("/scratch/file", out), BV_OK);
     EXPECT_LT(address_space(), before + (6 << 20));
 }
 
@@ -310,7 +310,7 @@ TEST_F(Sm3File, NothingIsPrinted)
 {
     CaptureStdout capture;
     Sm3Text out;
-    bv_os_sm3_file("/tmp/missing", out);
-    bv_os_sm3_file("/tmp", out);
+    bv_os_sm3_file("/scratch/missing", out);
+    bv_os_sm3_file("/scratch", out);
     EXPECT_EQ(capture.stop(), "");
 }

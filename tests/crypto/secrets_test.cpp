@@ -221,10 +221,10 @@ TEST(Secrets, Sm3DigestIsOnlyWhereTheCallerWantsIt)
     EXPECT_FALSE(stack.holds(out)) << "the digest's text";
     EXPECT_FALSE(stack.holds_any_form(digest)) << "the digest";
 
-    FILE *file = fopen("/tmp/secret", "wb");
+    FILE *file = fopen("/scratch/secret", "wb");
     ASSERT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
     fclose(file);
-    const UsedStack file_stack([] { bv_os_sm3_file("/tmp/secret", of_file); });
+    const UsedStack file_stack([] { bv_os_sm3_file("/scratch/secret", of_file); });
     EXPECT_STREQ(of_file, out);
     EXPECT_FALSE(file_stack.holds(out)) << "the digest's text";
     EXPECT_FALSE(file_stack.holds_any_form(digest)) << "the digest";
@@ -261,13 +261,13 @@ TEST(Secrets, FileEncryptionLeavesNothingOfTheContents)
 {
     const std::string key = RandomBytes(38).bytes(16),
                       content = RandomBytes(39).bytes(32 * 300 + 31);
-    FILE *file = fopen("/tmp/plain", "wb");
+    FILE *file = fopen("/scratch/plain", "wb");
     ASSERT_EQ(fwrite(content.data(), 1, content.size(), file), content.size());
     fclose(file);
 
-    const UsedStack there([&] { bv_aes_file_en("/tmp/plain", "/tmp/cipher", u8(key)); });
+    const UsedStack there([&] { bv_aes_file_en("/scratch/plain", "/scratch/cipher", u8(key)); });
     EXPECT_FALSE(there.holds(content));
-    const UsedStack and_back([&] { bv_aes_file_de("/tmp/cipher", "/tmp/back", u8(key)); });
+    const UsedStack and_back([&] { bv_aes_file_de("/scratch/cipher", "/scratch/back", u8(key)); });
     EXPECT_FALSE(and_back.holds(content));
 }
 

@@ -301,7 +301,7 @@ TEST_F(DbMemory, EveryRefusalDuringAStartIsSurvived)
     int refused = refuse_each(bv_db_start, [](int status) {
         EXPECT_EQ(status, BV_OK);
         EXPECT_LT(bv_db_inst_getnum(kLanPath), 2);
-        EXPECT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/tmp/walk"), BV_OK);
+        EXPECT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/scratch/walk"), BV_OK);
     });
     EXPECT_EQ(refused, 3 + 3 + 4) << "the family, its template, two instances";
     EXPECT_EQ(numbers(bv_db_hash_find(kLanPath)), (std::vector<int>{1, 2}));

@@ -101,16 +101,16 @@ TEST_F(DbTemplate, IsFoundAnywhereUnderTheTemplateDirectory)
 
 TEST_F(DbTemplate, AnExistingPathIsUsedAsItIs)
 {
-    put_file("/tmp/elsewhere.json", template_text(kLan));
-    EXPECT_EQ(bv_db_template_read_single("/tmp/elsewhere.json", family), BV_OK);
+    put_file("/scratch/elsewhere.json", template_text(kLan));
+    EXPECT_EQ(bv_db_template_read_single("/scratch/elsewhere.json", family), BV_OK);
     EXPECT_EQ(family->image_size, 38);
 }
 
 TEST_F(DbTemplate, AFileInTheCurrentDirectoryWinsOverTheSearch)
 {
     install("t.json", kLan);
-    put_file("/tmp/t.json", template_text({{"id", "uchar", 1, "1"}}));
-    ASSERT_EQ(chdir("/tmp"), 0);
+    put_file("/scratch/t.json", template_text({{"id", "uchar", 1, "1"}}));
+    ASSERT_EQ(chdir("/scratch"), 0);
     EXPECT_EQ(bv_db_template_read_single("t.json", family), BV_OK);
     EXPECT_EQ(family->image_size, 1);
 }
@@ -382,7 +382,7 @@ TEST_F(DbTemplate, ReadAgainKeepsInstancesOfTheSameImageSizeForTheNextCommit)
     ASSERT_EQ(read(template_text(kLan)), BV_OK);
     add_instance(family, 4, {"10.0.0.1", "9000", "a"});
     add_instance(family, 2, {"10.0.0.2", "9001", "b"});
-    ASSERT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/tmp/before"), BV_OK);
+    ASSERT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/scratch/before"), BV_OK);
 
     std::vector<Parameter> renamed = kLan;
     renamed[1].value = "1400";
@@ -391,8 +391,8 @@ TEST_F(DbTemplate, ReadAgainKeepsInstancesOfTheSameImageSizeForTheNextCommit)
     EXPECT_EQ(family->inst_count, 2);
     EXPECT_EQ(family->inst_max, 4);
     EXPECT_STREQ(family->para[1].value, "1400");
-    ASSERT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/tmp/after"), BV_OK);
-    EXPECT_EQ(file_text("/tmp/after"), file_text("/tmp/before"));
+    ASSERT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/scratch/after"), BV_OK);
+    EXPECT_EQ(file_text("/scratch/after"), file_text("/scratch/before"));
 }
 
 TEST_F(DbTemplate, ReadAgainWithAnotherImageSizeDropsInstances)

@@ -255,7 +255,7 @@ void flash_attach()
         flash_fill(kPartitions[i].name, 0xff);
     }
     // The `cat` of the private root reads this where the kernel has no /proc/mtd.
-    FILE *file = fopen("/tmp/proc-mtd", "w");
+    FILE *file = fopen("/scratch/proc-mtd", "w");
     fputs(table.c_str(), file);
     fclose(file);
     erases = 0;

@@ -103,7 +103,7 @@ TEST_F(Flash, WhatFailsBeforeTheTransferLeavesTheCallersMemoryAlone)
 TEST_F(Flash, APathThatExceedsItsSixteenBytesIsEmptied)
 {
     NEEDS_MADE_UP_DEVICES();
-    FILE *file = fopen("/tmp/proc-mtd", "a");
+    FILE *file = fopen("/scratch/proc-mtd", "a");
     fputs("mtd0123456789: 00001000 00001000 \"far\"\n", file); // "/dev/mtd0123456789" is too long
     fclose(file);
     mtd_info_user info = {};
@@ -113,7 +113,7 @@ TEST_F(Flash, APathThatExceedsItsSixteenBytesIsEmptied)
 TEST_F(Flash, APathMayHaveFifteenCharactersAndNoMore)
 {
     NEEDS_MADE_UP_DEVICES();
-    FILE *file = fopen("/tmp/proc-mtd", "a");
+    FILE *file = fopen("/scratch/proc-mtd", "a");
     for (const char *device : {"mtd0000000", "mtd00000000"}) { // other names of the first one
         fprintf(file, "%s: 00080000 00010000 \"%zu digits\"\n", device, strlen(device) - 3);
         ASSERT_EQ(symlink("mtd0", (std::string("/dev/") + device).c_str()), 0);

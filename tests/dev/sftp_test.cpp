@@ -16,10 +16,11 @@ namespace {
 void install_script(int status)
 {
     FILE *file = fopen("/etc/sftp.sh", "w");
-    fprintf(file,
-            "#!/bin/sh\n: > /tmp/arguments\nfor a in \"$@\"; do echo \"$a\" >> /tmp/arguments; "
-            "done\nexit %d\n",
-            status);
+    fprintf(
+        file,
+        "#!/bin/sh\n: > /scratch/arguments\nfor a in \"$@\"; do echo \"$a\" >> /scratch/arguments; "
+        "done\nexit %d\n",
+        status);
     fclose(file);
     chmod("/etc/sftp.sh", 0755);
 }
@@ -28,7 +29,7 @@ std::string arguments()
 {
     std::string text;
     char line[512];
-    FILE *file = fopen("/tmp/arguments", "r");
+    FILE *file = fopen("/scratch/arguments", "r");
     while (file != nullptr && fgets(line, sizeof(line), file) != nullptr)
         text += line;
     if (file != nullptr)
@@ -39,7 +40,7 @@ std::string arguments()
 bv_sftp_info transfer()
 {
     bv_sftp_info info = {};
-    strcpy(info.local_path, "/tmp/here.bin");
+    strcpy(info.local_path, "/scratch/here.bin");
     strcpy(info.remote_path, "/srv/there.bin");
     strcpy(info.user, "backup");
     strcpy(info.host, "192.0.2.7");
@@ -53,8 +54,9 @@ TEST(Sftp, GetNamesTheRemoteFileFirst)
     install_script(0);
     bv_sftp_info info = transfer();
     EXPECT_EQ(bv_sftp_get(&info), 0);
-    EXPECT_EQ(arguments(),
-              "-p\nsecret\n-cmd\nget /srv/there.bin /tmp/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
+    EXPECT_EQ(
+        arguments(),
+        "-p\nsecret\n-cmd\nget /srv/there.bin /scratch/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
 }
 
 TEST(Sftp, PutNamesTheLocalFileFirst)
@@ -62,8 +64,9 @@ TEST(Sftp, PutNamesTheLocalFileFirst)
     install_script(0);
     bv_sftp_info info = transfer();
     EXPECT_EQ(bv_sftp_put(&info), 0);
-    EXPECT_EQ(arguments(),
-              "-p\nsecret\n-cmd\nput /tmp/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
+    EXPECT_EQ(
+        arguments(),
+        "-p\nsecret\n-cmd\nput /scratch/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
 }
 
 TEST(Sftp, TheScriptsStatusIsPassedThrough)
@@ -87,16 +90,16 @@ TEST(Sftp, APathWithABlankBecomesTwoWordsOfTheCommandInside)
 {
     install_script(0);
     bv_sftp_info info = transfer();
-    strcpy(info.local_path, "/tmp/two words");
+    strcpy(info.local_path, "/scratch/two words");
     EXPECT_EQ(bv_sftp_put(&info), 0);
-    EXPECT_NE(arguments().find("put /tmp/two words /srv/there.bin\n"), std::string::npos);
+    EXPECT_NE(arguments().find("put /scratch/two words /srv/there.bin\n"), std::string::npos);
 }
 
 TEST(Sftp, APathWithAQuoteBreaksTheQuoting)
 {
     install_script(0);
     bv_sftp_info info = transfer();
-    strcpy(info.local_path, "/tmp/a\" b");
+    strcpy(info.local_path, "/scratch/a\" b");
     EXPECT_NE(bv_sftp_put(&info), 0); // the shell is left with an open quote
     EXPECT_EQ(arguments(), "");
 }
@@ -114,7 +117,7 @@ TEST(Sftp, ACommandOf255CharactersIsRunALongerOneRunsAsAnEmptyLine)
     EXPECT_EQ(bv_sftp_get(&info), 0);
     EXPECT_NE(arguments(), "");
 
-    remove("/tmp/arguments");
+    remove("/scratch/arguments");
     info.remote_path[255 - fixed - 127] = 'r';
     info.remote_path[255 - fixed - 127 + 1] = '\0';
     EXPECT_EQ(bv_sftp_get(&info), 0) << "an empty line succeeds";

@@ -281,9 +281,9 @@ Bytes encrypted(const std::string &text)
     uint8_t key[16];
     for (uint8_t i = 0; i < 16; i++)
         key[i] = i;
-    write_file("/tmp/plain", text);
-    bv_aes_file_en("/tmp/plain", "/tmp/encrypted", key);
-    return file_bytes("/tmp/encrypted");
+    write_file("/scratch/plain", text);
+    bv_aes_file_en("/scratch/plain", "/scratch/encrypted", key);
+    return file_bytes("/scratch/encrypted");
 }
 
 TEST(EncryptedFormat, AFileIsTheOneOfThePage)

@@ -22,7 +22,7 @@ protected:
         std::string bytes(size, '\0');
         for (size_t i = 0; i < size; i++)
             bytes[i] = static_cast<char>((i * 131 + i / 251) % 255);
-        write_file("/tmp/image", bytes);
+        write_file("/scratch/image", bytes);
         return bytes;
     }
 
@@ -60,7 +60,7 @@ TEST_F(FlashCopy, WritesTheFileAndDrawsABarForEachBlock)
 {
     std::string file = make_file(2 * kBlock + 1000);
     devices::flash_fill("config", 0x00); // nothing can be written without erasing first
-    ASSERT_EQ(copy({"/tmp/image", "config"}), 0) << errors_;
+    ASSERT_EQ(copy({"/scratch/image", "config"}), 0) << errors_;
     EXPECT_EQ(on_flash("config", file.size()), file);
     EXPECT_EQ(output_, bar(0, "  0") + bar(19, " 49") + bar(39, " 99") + bar(40, "100") +
                            "\nflash_copy: 132072 bytes are on config\n");
@@ -71,7 +71,7 @@ TEST_F(FlashCopy, LeavesWhatLiesBehindTheLastBlock)
 {
     make_file(kBlock + 1);
     devices::flash_fill("config", 0x5a);
-    ASSERT_EQ(copy({"/tmp/image", "config"}), 0) << errors_;
+    ASSERT_EQ(copy({"/scratch/image", "config"}), 0) << errors_;
     std::vector<uint8_t> flash = devices::flash_contents("config");
     EXPECT_EQ(flash[kBlock + 1], 0xff); // erased with its block
     EXPECT_EQ(flash[2 * kBlock - 1], 0xff);
@@ -81,7 +81,7 @@ TEST_F(FlashCopy, LeavesWhatLiesBehindTheLastBlock)
 TEST_F(FlashCopy, FillsAPartitionToItsEnd)
 {
     std::string file = make_file(kBlock); // all of it
-    ASSERT_EQ(copy({"/tmp/image", "crash"}), 0) << errors_;
+    ASSERT_EQ(copy({"/scratch/image", "crash"}), 0) << errors_;
     EXPECT_EQ(on_flash("crash", file.size()), file);
 }
 
@@ -89,15 +89,15 @@ TEST_F(FlashCopy, LooksBeforeItErases)
 {
     make_file(0x80000 + 1);
     devices::flash_fill("config", 0x5a);
-    EXPECT_EQ(copy({"/tmp/image", "config"}), 1);
+    EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
     EXPECT_NE(errors_.find("larger than the partition: 0x10000003"), std::string::npos) << errors_;
-    EXPECT_EQ(copy({"/tmp/image", "nosuch"}), 1);
+    EXPECT_EQ(copy({"/scratch/image", "nosuch"}), 1);
     EXPECT_NE(errors_.find("no flash partition of that name"), std::string::npos) << errors_;
-    EXPECT_EQ(copy({"/tmp/image", "factory"}), 1); // refuses to be opened for writing
-    write_file("/tmp/image", "");
-    EXPECT_EQ(copy({"/tmp/image", "config"}), 1);
+    EXPECT_EQ(copy({"/scratch/image", "factory"}), 1); // refuses to be opened for writing
+    write_file("/scratch/image", "");
+    EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
     EXPECT_NE(errors_.find("nothing in it"), std::string::npos) << errors_;
-    EXPECT_EQ(copy({"/tmp/none", "config"}), 1);
+    EXPECT_EQ(copy({"/scratch/none", "config"}), 1);
     EXPECT_EQ(devices::flash_contents("config"), std::vector<uint8_t>(0x80000, 0x5a));
     EXPECT_EQ(output_, "");
 }
@@ -108,7 +108,7 @@ TEST_F(FlashCopy, FindsABlockThatDidNotEraseAlthoughNothingReportsIt)
     make_file(2 * kBlock);
     devices::flash_fill("config", 0x00);
     devices::fail_erases(1);
-    EXPECT_EQ(copy({"/tmp/image", "config"}), 1);
+    EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
     EXPECT_NE(errors_.find("does not hold what was written"), std::string::npos) << errors_;
     EXPECT_EQ(output_, bar(0, "  0"));
 }
@@ -119,20 +119,20 @@ TEST_F(FlashCopy, SaysWhatFailedOnTheWay)
     make_file(2 * kBlock);
     // The look before the erase reads a block, then come the write and the reading back.
     devices::stop_transfers_after(kBlock + 100);
-    EXPECT_EQ(copy({"/tmp/image", "config"}), 1);
+    EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
     EXPECT_NE(errors_.find("flash_copy: writing: 0x10000023"), std::string::npos) << errors_;
     EXPECT_EQ(output_, bar(0, "  0"));
 
     devices::flash_attach();
     devices::stop_transfers_after(2 * kBlock + 100);
-    EXPECT_EQ(copy({"/tmp/image", "config"}), 1);
+    EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
     EXPECT_NE(errors_.find("flash_copy: reading back: 0x10000022"), std::string::npos) << errors_;
 }
 
 TEST_F(FlashCopy, AnythingElseIsWrongUsage)
 {
     EXPECT_EQ(copy({}), 2);
-    EXPECT_EQ(copy({"/tmp/image"}), 2);
+    EXPECT_EQ(copy({"/scratch/image"}), 2);
 }
 
 } // namespace

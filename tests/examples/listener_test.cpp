@@ -22,8 +22,8 @@ protected:
     void SetUp() override
     {
         // A preload path ends at a blank, and the build tree's may have some.
-        (void)!symlink(BV_NETLINK_PRELOAD, "/tmp/netlink_preload.so");
-        setenv("LD_PRELOAD", "/tmp/netlink_preload.so", 1);
+        (void)!symlink(BV_NETLINK_PRELOAD, "/scratch/netlink_preload.so");
+        setenv("LD_PRELOAD", "/scratch/netlink_preload.so", 1);
         setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1); // the preloaded one comes first
         program_ = std::make_unique<Program>(std::vector<std::string>{BV_TOOL});
         unsetenv("LD_PRELOAD");

@@ -9,9 +9,9 @@
 namespace {
 
 constexpr size_t kKeySize = 16;
-constexpr char kIn[] = "/tmp/in";
-constexpr char kOut[] = "/tmp/out";
-constexpr char kBack[] = "/tmp/back";
+constexpr char kIn[] = "/scratch/in";
+constexpr char kOut[] = "/scratch/out";
+constexpr char kBack[] = "/scratch/back";
 
 void forget_results()
 {

@@ -27,7 +27,7 @@ extern "C" {
 
 namespace {
 
-constexpr char kPath[] = "/tmp/bus";
+constexpr char kPath[] = "/scratch/bus";
 constexpr int kClients = 3;
 constexpr int kRepetitions = 40;
 constexpr size_t kEverything = SIZE_MAX;

@@ -9,8 +9,8 @@
 
 namespace {
 
-constexpr char kPath[] = "/tmp/data.json";
-constexpr char kWritten[] = "/tmp/written.json";
+constexpr char kPath[] = "/scratch/data.json";
+constexpr char kWritten[] = "/scratch/written.json";
 constexpr const char *kFamilies[] = {"lan.json", "wireless.json", "dhcp-host.json", "board.json",
                                      "wan.json"};
 

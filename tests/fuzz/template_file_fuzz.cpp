@@ -9,8 +9,8 @@
 
 namespace {
 
-constexpr char kPath[] = "/tmp/template.json";
-constexpr char kWritten[] = "/tmp/written.json";
+constexpr char kPath[] = "/scratch/template.json";
+constexpr char kWritten[] = "/scratch/written.json";
 
 // Lengths whose sum no image size can hold end the process on purpose. Only negative ones get
 // there: positive ones are below 1024 and their number is bounded.

@@ -14,9 +14,9 @@ extern "C" {
 
 namespace {
 
-constexpr char kFolder[] = "/tmp/templates";
-constexpr char kTemplate[] = "/tmp/templates/family";
-constexpr char kData[] = "/tmp/data.json";
+constexpr char kFolder[] = "/scratch/templates";
+constexpr char kTemplate[] = "/scratch/templates/family";
+constexpr char kData[] = "/scratch/data.json";
 constexpr char kMark[] = "\n----\n";
 
 bool make_ready()

@@ -19,9 +19,9 @@ TEST(GatewayShell, ReturnsTheWaitStatus)
 
 TEST(GatewayShell, RunsInTheBackground)
 {
-    EXPECT_EQ(bv_os_systembk("(sleep 1; touch /tmp/%s)", "background"), 0);
-    EXPECT_FALSE(file_exists("/tmp/background"));
-    EXPECT_TRUE(eventually([] { return file_exists("/tmp/background"); }));
+    EXPECT_EQ(bv_os_systembk("(sleep 1; touch /scratch/%s)", "background"), 0);
+    EXPECT_FALSE(file_exists("/scratch/background"));
+    EXPECT_TRUE(eventually([] { return file_exists("/scratch/background"); }));
 }
 
 TEST(GatewayShell, CapturesOutputTrimmed)
@@ -35,9 +35,9 @@ TEST(GatewayShell, CapturesOutputTrimmed)
 
 TEST(GatewayShell, MatchesALineAndTakesItsSecondField)
 {
-    write_file("/tmp/values", "first=1\nsecond=2\nthird=3\n");
+    write_file("/scratch/values", "first=1\nsecond=2\nthird=3\n");
     char out[64] = {};
-    EXPECT_EQ(bv_os_sysmatch(out, sizeof(out), "second", "=", "cat /tmp/%s", "values"), 0);
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof(out), "second", "=", "cat /scratch/%s", "values"), 0);
     EXPECT_STREQ(out, "2");
 }
 
@@ -51,8 +51,8 @@ TEST(GatewayShell, ReadsAPipe)
 TEST(GatewayShell, RunsAsTheServiceUser)
 {
     ASSERT_EQ(getuid(), 0u);
-    EXPECT_EQ(bv_os_sysprocess("id -un > /tmp/who; id -u >> /tmp/who; exit 4") >> 8, 4);
-    EXPECT_EQ(read_file("/tmp/who"), "BROVAN\n1000\n");
+    EXPECT_EQ(bv_os_sysprocess("id -un > /scratch/who; id -u >> /scratch/who; exit 4") >> 8, 4);
+    EXPECT_EQ(read_file("/scratch/who"), "BROVAN\n1000\n");
 }
 
 TEST(GatewayShell, LeavesNoCaptureFileBehind)

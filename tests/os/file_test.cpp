@@ -27,12 +27,12 @@ mode_t mode_of(const char *path)
 
 TEST(Streams, ReadAndWriteWholeItems)
 {
-    FILE *file = bv_os_fopen("/tmp/stream", "w");
+    FILE *file = bv_os_fopen("/scratch/stream", "w");
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(bv_os_fwrite("abcdefgh", 2, 4, file), 4u);
     EXPECT_EQ(bv_os_fclose(file), 0);
 
-    file = bv_os_fopen("/tmp/stream", "r");
+    file = bv_os_fopen("/scratch/stream", "r");
     char buffer[16] = {};
     EXPECT_EQ(bv_os_fread(buffer, 3, 5, file), 2u); // two whole threes and a rest
     EXPECT_NE(bv_os_feof(file), 0);
@@ -71,22 +71,22 @@ TEST(Files, OpenCreatesWithItsModeAndOpensWithoutOne)
 {
     umask(0);
     for (auto open_file : {bv_os_open, bv_os_dev_open}) {
-        int fd = open_file("/tmp/created", O_CREAT | O_EXCL | O_WRONLY, 0640);
+        int fd = open_file("/scratch/created", O_CREAT | O_EXCL | O_WRONLY, 0640);
         ASSERT_GE(fd, 0);
         EXPECT_EQ(bv_os_write(fd, "12345", 5), 5);
         EXPECT_EQ(bv_os_close(fd), 0);
-        EXPECT_EQ(mode_of("/tmp/created"), 0640u);
+        EXPECT_EQ(mode_of("/scratch/created"), 0640u);
 
-        fd = open_file("/tmp/created", O_RDONLY);
+        fd = open_file("/scratch/created", O_RDONLY);
         ASSERT_GE(fd, 0);
         char buffer[8] = {};
         EXPECT_EQ(bv_os_read(fd, buffer, 8), 5);
         EXPECT_STREQ(buffer, "12345");
         EXPECT_EQ(bv_os_close(fd), 0);
-        EXPECT_EQ(bv_os_remove("/tmp/created"), 0);
+        EXPECT_EQ(bv_os_remove("/scratch/created"), 0);
 
         errno = 0;
-        EXPECT_EQ(open_file("/tmp/created", O_RDONLY), -1);
+        EXPECT_EQ(open_file("/scratch/created", O_RDONLY), -1);
         EXPECT_EQ(errno, ENOENT);
     }
 }
@@ -95,7 +95,7 @@ TEST(Files, OpenTakesItsModeForANamelessFileToo)
 {
     umask(0);
     for (auto open_file : {bv_os_open, bv_os_dev_open}) {
-        int fd = open_file("/tmp", O_TMPFILE | O_RDWR, 0604);
+        int fd = open_file("/scratch", O_TMPFILE | O_RDWR, 0604);
         ASSERT_GE(fd, 0);
         struct stat st = {};
         EXPECT_EQ(bv_os_fstat(fd, &st), 0);
@@ -107,13 +107,13 @@ TEST(Files, OpenTakesItsModeForANamelessFileToo)
 TEST(Files, CreatTruncatesAndSetsTheMode)
 {
     umask(0);
-    int fd = bv_os_creat("/tmp/created", 0600);
+    int fd = bv_os_creat("/scratch/created", 0600);
     ASSERT_GE(fd, 0);
     bv_os_write(fd, "abc", 3);
     bv_os_close(fd);
-    EXPECT_EQ(mode_of("/tmp/created"), 0600u);
-    bv_os_close(bv_os_creat("/tmp/created", 0600));
-    EXPECT_EQ(read_file("/tmp/created"), "");
+    EXPECT_EQ(mode_of("/scratch/created"), 0600u);
+    bv_os_close(bv_os_creat("/scratch/created", 0600));
+    EXPECT_EQ(read_file("/scratch/created"), "");
 }
 
 TEST(Files, ReadWriteAndCloseReportBadDescriptors)
@@ -130,8 +130,8 @@ TEST(Files, ReadWriteAndCloseReportBadDescriptors)
 
 TEST(Files, LseekKeepsTheSignOfANegativeOffset)
 {
-    write_file("/tmp/file", "0123456789");
-    int fd = open("/tmp/file", O_RDONLY);
+    write_file("/scratch/file", "0123456789");
+    int fd = open("/scratch/file", O_RDONLY);
     EXPECT_EQ(bv_os_lseek(fd, -1, SEEK_END), 9);
     char byte = 0;
     EXPECT_EQ(read(fd, &byte, 1), 1);
@@ -146,7 +146,7 @@ TEST(Files, LseekKeepsTheSignOfANegativeOffset)
 
 TEST(Files, LseekCutsPositionsPast2GiBTo32Bits)
 {
-    int fd = open("/tmp/sparse", O_CREAT | O_RDWR, 0600);
+    int fd = open("/scratch/sparse", O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(ftruncate(fd, 0x180000005), 0);
     EXPECT_EQ(bv_os_lseek(fd, 0, SEEK_END), static_cast<int32_t>(0x80000005));
     EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 0x180000005); // where it really is
@@ -158,9 +158,9 @@ TEST(Files, LseekCutsPositionsPast2GiBTo32Bits)
 
 TEST(Files, FlockExcludesOtherDescriptions)
 {
-    write_file("/tmp/lock", "");
-    int a = open("/tmp/lock", O_RDONLY);
-    int b = open("/tmp/lock", O_RDONLY);
+    write_file("/scratch/lock", "");
+    int a = open("/scratch/lock", O_RDONLY);
+    int b = open("/scratch/lock", O_RDONLY);
     EXPECT_EQ(bv_os_flock(a, LOCK_EX), 0);
     errno = 0;
     EXPECT_EQ(bv_os_flock(b, LOCK_EX | LOCK_NB), -1);
@@ -173,52 +173,52 @@ TEST(Files, FlockExcludesOtherDescriptions)
 
 TEST(Files, NamesAreMadeMovedAndRemoved)
 {
-    write_file("/tmp/a", "x");
-    EXPECT_EQ(bv_os_access("/tmp/a", F_OK), 0);
-    EXPECT_EQ(bv_os_rename("/tmp/a", "/tmp/b"), 0);
+    write_file("/scratch/a", "x");
+    EXPECT_EQ(bv_os_access("/scratch/a", F_OK), 0);
+    EXPECT_EQ(bv_os_rename("/scratch/a", "/scratch/b"), 0);
     errno = 0;
-    EXPECT_EQ(bv_os_access("/tmp/a", F_OK), -1);
+    EXPECT_EQ(bv_os_access("/scratch/a", F_OK), -1);
     EXPECT_EQ(errno, ENOENT);
     struct stat st = {};
-    EXPECT_EQ(bv_os_stat("/tmp/b", &st), 0);
+    EXPECT_EQ(bv_os_stat("/scratch/b", &st), 0);
     EXPECT_EQ(st.st_size, 1);
-    EXPECT_EQ(bv_os_remove("/tmp/b"), 0);
-    for (int result : {bv_os_remove("/tmp/b"), bv_os_rename("/tmp/b", "/tmp/c"),
-                       bv_os_stat("/tmp/b", &st), bv_os_chdir("/tmp/b")})
+    EXPECT_EQ(bv_os_remove("/scratch/b"), 0);
+    for (int result : {bv_os_remove("/scratch/b"), bv_os_rename("/scratch/b", "/scratch/c"),
+                       bv_os_stat("/scratch/b", &st), bv_os_chdir("/scratch/b")})
         EXPECT_EQ(result, -1);
     EXPECT_EQ(errno, ENOENT);
 }
 
 TEST(Files, StatSeesSizesPast4GiB)
 {
-    int fd = open("/tmp/sparse", O_CREAT | O_RDWR, 0600);
+    int fd = open("/scratch/sparse", O_CREAT | O_RDWR, 0600);
     ASSERT_EQ(ftruncate(fd, 0x180000005), 0);
     struct stat st = {};
     EXPECT_EQ(bv_os_fstat(fd, &st), 0);
     EXPECT_EQ(st.st_size, 0x180000005);
-    EXPECT_EQ(bv_os_stat("/tmp/sparse", &st), 0);
+    EXPECT_EQ(bv_os_stat("/scratch/sparse", &st), 0);
     EXPECT_EQ(st.st_size, 0x180000005);
     close(fd);
 }
 
 TEST(Files, ChdirChangesTheWorkingFolder)
 {
-    ASSERT_EQ(mkdir("/tmp/folder", 0700), 0);
-    EXPECT_EQ(bv_os_chdir("/tmp/folder"), 0);
+    ASSERT_EQ(mkdir("/scratch/folder", 0700), 0);
+    EXPECT_EQ(bv_os_chdir("/scratch/folder"), 0);
     char path[64] = {};
-    EXPECT_STREQ(getcwd(path, sizeof path), "/tmp/folder");
+    EXPECT_STREQ(getcwd(path, sizeof path), "/scratch/folder");
 }
 
 TEST(Files, MkfifoMakesAPipeWithAName)
 {
     umask(0);
-    EXPECT_EQ(bv_os_mkfifo("/tmp/fifo", 0620), 0);
+    EXPECT_EQ(bv_os_mkfifo("/scratch/fifo", 0620), 0);
     struct stat st = {};
-    ASSERT_EQ(stat("/tmp/fifo", &st), 0);
+    ASSERT_EQ(stat("/scratch/fifo", &st), 0);
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
     EXPECT_EQ(st.st_mode & 07777, 0620u);
     errno = 0;
-    EXPECT_EQ(bv_os_mkfifo("/tmp/fifo", 0620), -1);
+    EXPECT_EQ(bv_os_mkfifo("/scratch/fifo", 0620), -1);
     EXPECT_EQ(errno, EEXIST);
 }
 

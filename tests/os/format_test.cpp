@@ -26,11 +26,11 @@ TEST(Printf, PrintsOnStandardOutputAndCounts)
 
 TEST(Fprintf, PrintsOnTheStreamAndCounts)
 {
-    FILE *file = fopen("/tmp/out", "w");
+    FILE *file = fopen("/scratch/out", "w");
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(bv_os_fprintf(file, "%u:%s", 5u, "x"), 3);
     fclose(file);
-    EXPECT_EQ(read_file("/tmp/out"), "5:x");
+    EXPECT_EQ(read_file("/scratch/out"), "5:x");
 }
 
 TEST(Fprintf, FailsOnAStreamThatIsNotForWriting)

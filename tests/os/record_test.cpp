@@ -134,20 +134,20 @@ TEST(Record, KeepsNoDescriptor)
 TEST(RecordOutput, AppendsTheRecordToTheTerminalAndKeepsIt)
 {
     bv_os_record("line\n");
-    write_file("/tmp/tty", " /tmp/terminal\n");
-    write_file("/tmp/terminal", "before\n");
+    write_file("/tmp/tty", " /scratch/terminal\n");
+    write_file("/scratch/terminal", "before\n");
     bv_os_record_output();
-    EXPECT_EQ(read_file("/tmp/terminal"), "before\nline\n");
+    EXPECT_EQ(read_file("/scratch/terminal"), "before\nline\n");
     EXPECT_EQ(read_file(kRecord), "line\n");
-    EXPECT_EQ(g_lines.back(), "cat /tmp/remoteprint >> /tmp/terminal");
+    EXPECT_EQ(g_lines.back(), "cat /tmp/remoteprint >> /scratch/terminal");
 }
 
 TEST(RecordOutput, DoesNothingWithoutARecord)
 {
-    write_file("/tmp/tty", "/tmp/terminal\n");
+    write_file("/tmp/tty", "/scratch/terminal\n");
     bv_os_record_output();
     EXPECT_TRUE(g_lines.empty());
-    EXPECT_FALSE(file_exists("/tmp/terminal"));
+    EXPECT_FALSE(file_exists("/scratch/terminal"));
 }
 
 TEST(RecordOutput, WithoutATerminalNameTheShellComplains)
@@ -169,7 +169,7 @@ static __attribute__((noinline)) void dirty_stack()
 TEST(RecordOutput, ANameThatCannotBeCapturedIsEmpty)
 {
     bv_os_record("line");
-    write_file("/tmp/tty", "/tmp/terminal\n");
+    write_file("/tmp/tty", "/scratch/terminal\n");
     g_failure = -1; // no shell, and so no capture
     dirty_stack();
     bv_os_record_output();
@@ -178,7 +178,7 @@ TEST(RecordOutput, ANameThatCannotBeCapturedIsEmpty)
 
 TEST(RecordOutput, ATerminalNameHas31CharactersAtMost)
 {
-    std::string name = "/tmp/" + std::string(26, 't');
+    std::string name = "/scratch/" + std::string(22, 't');
     bv_os_record("line");
     write_file("/tmp/tty", name);
     bv_os_record_output();
@@ -192,23 +192,23 @@ TEST(RecordOutput, ATerminalNameHas31CharactersAtMost)
 
 TEST(Filesize, TellsTheSize)
 {
-    write_file("/tmp/file", "12345");
-    EXPECT_EQ(bv_get_filesize("/tmp/file"), 5);
-    write_file("/tmp/file", "");
-    EXPECT_EQ(bv_get_filesize("/tmp/file"), 0);
+    write_file("/scratch/file", "12345");
+    EXPECT_EQ(bv_get_filesize("/scratch/file"), 5);
+    write_file("/scratch/file", "");
+    EXPECT_EQ(bv_get_filesize("/scratch/file"), 0);
 }
 
 TEST(Filesize, OfAMissingFileIsMinusOne)
 {
-    EXPECT_EQ(bv_get_filesize("/tmp/missing"), -1);
+    EXPECT_EQ(bv_get_filesize("/scratch/missing"), -1);
     EXPECT_EQ(bv_get_filesize(nullptr), -1);
 }
 
 TEST(Filesize, IsCutTo32Bits)
 {
-    write_file("/tmp/sparse", "");
-    ASSERT_EQ(truncate("/tmp/sparse", 0x80000000), 0);
-    EXPECT_EQ(bv_get_filesize("/tmp/sparse"), INT32_MIN);
-    ASSERT_EQ(truncate("/tmp/sparse", 0x100000005), 0);
-    EXPECT_EQ(bv_get_filesize("/tmp/sparse"), 5);
+    write_file("/scratch/sparse", "");
+    ASSERT_EQ(truncate("/scratch/sparse", 0x80000000), 0);
+    EXPECT_EQ(bv_get_filesize("/scratch/sparse"), INT32_MIN);
+    ASSERT_EQ(truncate("/scratch/sparse", 0x100000005), 0);
+    EXPECT_EQ(bv_get_filesize("/scratch/sparse"), 5);
 }

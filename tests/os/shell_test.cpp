@@ -42,9 +42,9 @@ std::string last_line()
 // A capture of a command that prints exactly this.
 int32_t capture_text(const std::string &text, char *out, uint32_t outsize)
 {
-    write_file("/tmp/printed", text);
-    int32_t result = bv_os_systemex(out, outsize, "cat /tmp/printed");
-    remove("/tmp/printed");
+    write_file("/scratch/printed", text);
+    int32_t result = bv_os_systemex(out, outsize, "cat /scratch/printed");
+    remove("/scratch/printed");
     return result;
 }
 
@@ -107,34 +107,37 @@ TEST_F(Shell, SystemnullThrowsOutputAndErrorsAway)
 
 TEST_F(Shell, SystembkReturnsAtOnceAndLeavesNoZombie)
 {
-    ASSERT_EQ(mkfifo("/tmp/gate", 0600), 0);
-    int status = bv_os_systembk("sh -c 'cat /tmp/gate; echo done > /tmp/%s'", "result");
+    ASSERT_EQ(mkfifo("/scratch/gate", 0600), 0);
+    int status = bv_os_systembk("sh -c 'cat /scratch/gate; echo done > /scratch/%s'", "result");
     EXPECT_EQ(status, 0);
-    EXPECT_FALSE(file_exists("/tmp/result")); // it waits at the gate, and we do not
+    EXPECT_FALSE(file_exists("/scratch/result")); // it waits at the gate, and we do not
 
-    write_file("/tmp/gate", "go");
-    EXPECT_TRUE(eventually([] { return read_file("/tmp/result") == "done\n"; }));
-    EXPECT_EQ(last_line(), "sh -c 'cat /tmp/gate; echo done > /tmp/result' >/dev/null 2>&1 &");
-    remove("/tmp/gate");
-    remove("/tmp/result");
+    write_file("/scratch/gate", "go");
+    EXPECT_TRUE(eventually([] { return read_file("/scratch/result") == "done\n"; }));
+    EXPECT_EQ(last_line(),
+              "sh -c 'cat /scratch/gate; echo done > /scratch/result' >/dev/null 2>&1 &");
+    remove("/scratch/gate");
+    remove("/scratch/result");
 }
 
 TEST_F(Shell, SysprocessRunsAsTheServiceUserWithTheCallersEnvironment)
 {
     setenv("KEPT", "from the caller", 1);
-    int status = bv_os_sysprocess("id -un > /tmp/%s; printenv KEPT > /tmp/kept", "who");
+    int status = bv_os_sysprocess("id -un > /scratch/%s; printenv KEPT > /scratch/kept", "who");
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(last_line(), "su -p BROVAN -c \"id -un > /tmp/who; printenv KEPT > /tmp/kept\"");
-    EXPECT_EQ(read_file("/tmp/kept"), "from the caller\n");
-    if (file_exists("/tmp/su.arguments")) { // no right to change users: a stand-in recorded this
-        EXPECT_EQ(read_file("/tmp/su.arguments"),
-                  "-p\nBROVAN\n-c\nid -un > /tmp/who; printenv KEPT > /tmp/kept\n");
-        remove("/tmp/su.arguments");
+    EXPECT_EQ(last_line(),
+              "su -p BROVAN -c \"id -un > /scratch/who; printenv KEPT > /scratch/kept\"");
+    EXPECT_EQ(read_file("/scratch/kept"), "from the caller\n");
+    if (file_exists(
+            "/scratch/su.arguments")) { // no right to change users: a stand-in recorded this
+        EXPECT_EQ(read_file("/scratch/su.arguments"),
+                  "-p\nBROVAN\n-c\nid -un > /scratch/who; printenv KEPT > /scratch/kept\n");
+        remove("/scratch/su.arguments");
     } else {
-        EXPECT_EQ(read_file("/tmp/who"), "BROVAN\n");
+        EXPECT_EQ(read_file("/scratch/who"), "BROVAN\n");
     }
-    remove("/tmp/who");
-    remove("/tmp/kept");
+    remove("/scratch/who");
+    remove("/scratch/kept");
 }
 
 TEST_F(Shell, TheCommandStandsBetweenTheDoubleQuotesUnescaped)
@@ -249,12 +252,12 @@ TEST_F(Shell, SystemexWorksWithoutAStandardInput)
 TEST_F(Shell, SystemexRunsTheCommandEvenWithoutAPlaceForItsOutput)
 {
     char out[] = "before";
-    EXPECT_EQ(bv_os_systemex(out, 0, "echo ran > /tmp/ran; echo x"), BV_ERR_FAILED);
+    EXPECT_EQ(bv_os_systemex(out, 0, "echo ran > /scratch/ran; echo x"), BV_ERR_FAILED);
     EXPECT_STREQ(out, "before");
-    EXPECT_EQ(read_file("/tmp/ran"), "ran\n");
-    EXPECT_EQ(bv_os_systemex(nullptr, 64, "echo again > /tmp/ran; echo x"), BV_ERR_FAILED);
-    EXPECT_EQ(read_file("/tmp/ran"), "again\n");
-    remove("/tmp/ran");
+    EXPECT_EQ(read_file("/scratch/ran"), "ran\n");
+    EXPECT_EQ(bv_os_systemex(nullptr, 64, "echo again > /scratch/ran; echo x"), BV_ERR_FAILED);
+    EXPECT_EQ(read_file("/scratch/ran"), "again\n");
+    remove("/scratch/ran");
 }
 
 TEST_F(Shell, SystemexReads256BytesAtMost)
@@ -337,15 +340,16 @@ TEST_F(Shell, ACapturedLineThatDoesNotFitCapturesNothing)
 
 TEST_F(Shell, SysmatchKeepsTheSecondFieldOfMatchingLines)
 {
-    write_file("/tmp/list", "mtd0: 00040000 \"boot\"\nmtd1: 00010000 \"env\"\nmtd2: x \"env2\"\n");
+    write_file("/scratch/list",
+               "mtd0: 00040000 \"boot\"\nmtd1: 00010000 \"env\"\nmtd2: x \"env2\"\n");
     char out[64];
-    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "boot", " ", "cat /tmp/%s", "list"), 0);
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "boot", " ", "cat /scratch/%s", "list"), 0);
     EXPECT_STREQ(out, "00040000");
-    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "env", "\"", "cat /tmp/list"), 0);
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "env", "\"", "cat /scratch/list"), 0);
     EXPECT_STREQ(out, "env\nenv2");
-    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "wlan", ":", "cat /tmp/list"), BV_ERR_FAILED);
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "wlan", ":", "cat /scratch/list"), BV_ERR_FAILED);
     EXPECT_STREQ(out, "");
-    remove("/tmp/list");
+    remove("/scratch/list");
 }
 
 TEST_F(Shell, SysmatchRunsItsFilterLine)

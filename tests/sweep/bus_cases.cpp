@@ -168,9 +168,9 @@ std::vector<Case> message_cases()
         appends("bv_blobmsg_add_field",
                 [] { return bv_blobmsg_add_field(&g_buf, 0, "n", g_data, 300) == 0; }),
         Case("bv_json_object_from_file")
-            .prepared_by([] { write_file("/tmp/tree.json", "{\"a\":1}"); })
+            .prepared_by([] { write_file("/scratch/tree.json", "{\"a\":1}"); })
             .calls([] {
-                g_tree = bv_json_object_from_file("/tmp/tree.json");
+                g_tree = bv_json_object_from_file("/scratch/tree.json");
                 return g_tree == nullptr ? -1 : 0;
             })
             .or_fails_with({-1})

@@ -15,9 +15,9 @@ namespace sweep {
 namespace {
 
 const uint8_t kKey[17] = "0123456789abcdef";
-constexpr char kPlain[] = "/tmp/plain";
-constexpr char kCipher[] = "/tmp/cipher";
-constexpr char kBack[] = "/tmp/back";
+constexpr char kPlain[] = "/scratch/plain";
+constexpr char kCipher[] = "/scratch/cipher";
+constexpr char kBack[] = "/scratch/back";
 
 bv_aes_record g_record;
 char g_text[256];

@@ -159,9 +159,9 @@ std::vector<Case> whole_database()
         writes("bv_db_factory", kFactoryFile, bv_db_factory),
         Case("bv_db_user_write")
             .prepared_by(loaded)
-            .calls([] { return bv_db_user_write(&g_st_db_mng.user_list, "/tmp/copy.json"); })
+            .calls([] { return bv_db_user_write(&g_st_db_mng.user_list, "/scratch/copy.json"); })
             .or_fails_with({BV_ERR_WRITE_OPEN, BV_ERR_MEMORY})
-            .works_when([] { return is_json("/tmp/copy.json"); }),
+            .works_when([] { return is_json("/scratch/copy.json"); }),
         Case("bv_db_user_read")
             .prepared_by([] {
                 registered();

@@ -50,7 +50,7 @@ int answer(int fd, unsigned long request, void *argument)
 void flash()
 {
     g_ioctl_answer = answer;
-    write_file("/tmp/proc-mtd",
+    write_file("/scratch/proc-mtd",
                "dev:    size   erasesize  name\nmtd0: 00010000 00001000 \"conf\"\n");
     write_file(kDevice, std::string(kSize, 'f'));
     memset(g_buffer, 'b', sizeof g_buffer);
@@ -129,7 +129,7 @@ std::vector<Case> flash_erasing_cases()
 
 std::vector<Case> driver_cases()
 {
-    static const bv_sftp_info transfer = {"/tmp/a", "/b", "user", "host", "secret", 22};
+    static const bv_sftp_info transfer = {"/scratch/a", "/b", "user", "host", "secret", 22};
     return {
         Case("bv_ioctl_call")
             .prepared_by(driver)

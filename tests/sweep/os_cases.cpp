@@ -19,8 +19,8 @@ namespace sweep {
 
 namespace {
 
-constexpr char kFile[] = "/tmp/file";
-constexpr char kOther[] = "/tmp/other";
+constexpr char kFile[] = "/scratch/file";
+constexpr char kOther[] = "/scratch/other";
 
 int g_fd = -1;
 int g_pair[2] = {-1, -1};
@@ -174,7 +174,7 @@ std::vector<Case> file_cases()
         plain("bv_os_remove").prepared_by(a_file).calls([] { return bv_os_remove(kFile); }),
         plain("bv_os_rename").prepared_by(a_file).calls([] { return bv_os_rename(kFile, kOther); }),
         plain("bv_os_mkfifo").calls([] { return bv_os_mkfifo(kOther, 0600); }),
-        plain("bv_os_chdir").calls([] { return bv_os_chdir("/tmp"); }),
+        plain("bv_os_chdir").calls([] { return bv_os_chdir("/scratch"); }),
         plain("bv_os_pipe").calls([] { return bv_os_pipe(g_pair); }),
     };
 }

@@ -111,8 +111,9 @@ TEST_F(CallParameters, HaveTheTemplatesDefaultsUnlessBytesAreGiven)
 // What one call gives back is the next one's start: changing one parameter leaves the others.
 TEST_F(CallParameters, CanBeChangedOneByOne)
 {
-    ASSERT_EQ(run_tool({"-T", "lan.json", "-w", "/tmp/image", "lan_get"}).status, 0);
-    ASSERT_EQ(run_tool({"-T", "lan.json", "-f", "/tmp/image", "lan_set", "mtu=1400"}).status, 0);
+    ASSERT_EQ(run_tool({"-T", "lan.json", "-w", "/scratch/image", "lan_get"}).status, 0);
+    ASSERT_EQ(run_tool({"-T", "lan.json", "-f", "/scratch/image", "lan_set", "mtu=1400"}).status,
+              0);
     EXPECT_EQ(run_tool({"-T", "lan.json", "lan_get"}).output,
               "ipaddr=192.168.8.1\nnetmask=255.255.255.0\nmtu=1400\nhostname=office\ndhcp=1\n");
 }
@@ -162,7 +163,7 @@ TEST_F(CallParameters, AreRefusedWhenTheyWouldBeStoredAsSomethingElse)
 
 TEST_F(CallParameters, MayComeFromATemplateDeepInATree)
 {
-    std::string folder = "/tmp";
+    std::string folder = "/scratch";
     for (int depth = 0; depth < 8; depth++) {
         folder += "/" + std::string(200, 'x');
         ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
@@ -178,40 +179,41 @@ TEST_F(CallParameters, NeedATemplateThatHasSome)
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors,
               "bv-call: wan.json: there is no such template, nor one in /etc/template\n");
-    write_file("/tmp/bad.json", "{");
-    EXPECT_EQ(run_tool({"-T", "/tmp/bad.json", "lan_get"}).errors,
-              "bv-call: /tmp/bad.json: cannot be read as a template\n");
-    write_file("/tmp/bad.json", "{\"para\":[]}");
-    EXPECT_EQ(run_tool({"-T", "/tmp/bad.json", "lan_get"}).errors,
-              "bv-call: /tmp/bad.json: has no parameters\n");
-    write_file("/tmp/bad.json", R"({"para":[
+    write_file("/scratch/bad.json", "{");
+    EXPECT_EQ(run_tool({"-T", "/scratch/bad.json", "lan_get"}).errors,
+              "bv-call: /scratch/bad.json: cannot be read as a template\n");
+    write_file("/scratch/bad.json", "{\"para\":[]}");
+    EXPECT_EQ(run_tool({"-T", "/scratch/bad.json", "lan_get"}).errors,
+              "bv-call: /scratch/bad.json: has no parameters\n");
+    write_file("/scratch/bad.json", R"({"para":[
         {"name":"a","type":"int","len":-2147483648,"value":"1"},
         {"name":"b","type":"int","len":-2147483648,"value":"1"}]})");
-    outcome = run_tool({"-T", "/tmp/bad.json", "lan_get"});
+    outcome = run_tool({"-T", "/scratch/bad.json", "lan_get"});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "bv-call: /tmp/bad.json: cannot be read as a template\n");
+    EXPECT_EQ(outcome.errors, "bv-call: /scratch/bad.json: cannot be read as a template\n");
     EXPECT_EQ(run_tool({"-T", "lan.json", "-O", "999990", "lan_get"}).errors,
               "bv-call: --offset: the image does not fit into a call\n");
 }
 
 TEST_F(CallParameters, TextThatFillsItsBytesEndsWithTheImage)
 {
-    write_file("/tmp/text.json", R"({"para":[{"name":"s","type":"string","len":4,"value":""}]})");
-    EXPECT_EQ(run_tool({"-T", "/tmp/text.json", "-x", "61626364 65656565", "echo"}).output,
+    write_file("/scratch/text.json",
+               R"({"para":[{"name":"s","type":"string","len":4,"value":""}]})");
+    EXPECT_EQ(run_tool({"-T", "/scratch/text.json", "-x", "61626364 65656565", "echo"}).output,
               "s=abcd\n");
 }
 
 // Lengths of a template that disagree with its types reach no byte outside the call's.
 TEST_F(CallParameters, OfAFaultyTemplateDoNoHarm)
 {
-    write_file("/tmp/odd.json", R"({"para":[{"name":"a","type":"int","len":1,"value":"1"},
+    write_file("/scratch/odd.json", R"({"para":[{"name":"a","type":"int","len":1,"value":"1"},
         {"name":"b","type":"string","len":-1,"value":"x"},
         {"name":"c","type":"mac","len":2,"value":"1:2:3:4:5:6"},
         {"name":"d","type":"uint64","len":1,"value":"7"}]})");
-    Outcome outcome = run_tool({"-T", "/tmp/odd.json", "echo", "a=5", "c=1:2:3:4:5:6"});
+    Outcome outcome = run_tool({"-T", "/scratch/odd.json", "echo", "a=5", "c=1:2:3:4:5:6"});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "bv-call: result 0x00000000, 3 bytes\n");
-    EXPECT_EQ(run_tool({"-T", "/tmp/odd.json", "echo", "d=5"}).errors,
+    EXPECT_EQ(run_tool({"-T", "/scratch/odd.json", "echo", "d=5"}).errors,
               "bv-call: d=5: the template gives it a type that nothing converts to\n");
 }
 

@@ -49,7 +49,7 @@ uint32_t no_instance(void *, uint32_t)
 
 uint32_t sleep_long(void *, uint32_t)
 {
-    write_file("/tmp/asleep", "");
+    write_file("/scratch/asleep", "");
     sleep(20);
     return BV_OK;
 }
@@ -63,7 +63,7 @@ uint32_t take_time(void *, uint32_t)
 
 uint32_t leave_trace(void *, uint32_t)
 {
-    write_file("/tmp/trace", "called");
+    write_file("/scratch/trace", "called");
     return BV_OK;
 }
 
@@ -116,9 +116,9 @@ TEST_F(Call, PrintsSixteenBytesALine)
 
 TEST_F(Call, PutsPartsTogetherInTheirOrder)
 {
-    write_file("/tmp/part", "file\0"s);
+    write_file("/scratch/part", "file\0"s);
     Outcome outcome = run_tool(
-        {"-t", "a", "-f", "/tmp/part", "-x", "62", "-f", "-", "--size=12", "-w", "-", "echo"},
+        {"-t", "a", "-f", "/scratch/part", "-x", "62", "-f", "-", "--size=12", "-w", "-", "echo"},
         "input");
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "afile\0binput"s);
@@ -144,10 +144,10 @@ TEST_F(Call, PrintsTextUpToAZeroByteAndVisible)
 
 TEST_F(Call, WritesTheBytesAsTheyAre)
 {
-    Outcome written = run_tool({"-x", "000102", "-w", "/tmp/raw", "reverse"});
+    Outcome written = run_tool({"-x", "000102", "-w", "/scratch/raw", "reverse"});
     EXPECT_EQ(written.status, 0);
     EXPECT_EQ(written.output, "");
-    EXPECT_EQ(read_file("/tmp/raw"), "\2\1\0"s);
+    EXPECT_EQ(read_file("/scratch/raw"), "\2\1\0"s);
     Outcome outcome = run_tool({"-x", "00", "-w", "/nowhere/raw", "echo"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_NE(outcome.errors.find("/nowhere/raw: No such file or directory"), std::string::npos);
@@ -159,17 +159,17 @@ TEST_F(Call, CarriesAMillionBytes)
     std::string content(1000000, 'x');
     content.front() = 'a';
     content.back() = 'z';
-    write_file("/tmp/million", content);
-    Outcome outcome = run_tool({"-f", "/tmp/million", "-w", "/tmp/back", "reverse"});
+    write_file("/scratch/million", content);
+    Outcome outcome = run_tool({"-f", "/scratch/million", "-w", "/scratch/back", "reverse"});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     std::reverse(content.begin(), content.end());
-    EXPECT_TRUE(read_file("/tmp/back") == content);
+    EXPECT_TRUE(read_file("/scratch/back") == content);
 
-    write_file("/tmp/million", content + "x");
-    EXPECT_EQ(run_tool({"-f", "/tmp/million", "echo"}).status, 2);
-    write_file("/tmp/million", content);
-    EXPECT_EQ(run_tool({"-f", "/tmp/million", "-x", "00", "echo"}).status, 2);
-    EXPECT_EQ(run_tool({"-f", "/tmp/million", "-t", "x", "echo"}).status, 2);
+    write_file("/scratch/million", content + "x");
+    EXPECT_EQ(run_tool({"-f", "/scratch/million", "echo"}).status, 2);
+    write_file("/scratch/million", content);
+    EXPECT_EQ(run_tool({"-f", "/scratch/million", "-x", "00", "echo"}).status, 2);
+    EXPECT_EQ(run_tool({"-f", "/scratch/million", "-t", "x", "echo"}).status, 2);
 }
 
 // ---- results ----
@@ -198,7 +198,7 @@ TEST_F(Call, SaysWhyThereIsNoAnswer)
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors, "bv-call: echo on nobody: there is no such object on the bus\n");
 
-    outcome = run_tool({"--socket=/tmp/none", "echo"});
+    outcome = run_tool({"--socket=/scratch/none", "echo"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors,
               "bv-call: echo on brovan.gateway.server: cannot connect to the bus\n");
@@ -214,10 +214,10 @@ TEST_F(Call, GivesUpAfterTheTimeout)
 TEST_F(Call, GivesUpOnABusThatSaysNothing)
 {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {AF_UNIX, "/tmp/silent.sock"};
+    sockaddr_un address = {AF_UNIX, "/scratch/silent.sock"};
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(listen(fd, 1), 0);
-    Outcome outcome = run_tool({"-s", "/tmp/silent.sock", "-m", "100", "echo"});
+    Outcome outcome = run_tool({"-s", "/scratch/silent.sock", "-m", "100", "echo"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors, "bv-call: the bus does not answer\n");
     close(fd);
@@ -231,15 +231,15 @@ TEST_F(Call, WaitsAsLongAsItIsTold)
 TEST_F(Call, EndsBySignalWhileItWaits)
 {
     Program program({BV_TOOL, "-m", "20000", "sleep"});
-    ASSERT_TRUE(eventually([] { return file_exists("/tmp/asleep"); }));
+    ASSERT_TRUE(eventually([] { return file_exists("/scratch/asleep"); }));
     program.signal(SIGINT);
     EXPECT_EQ(program.wait(), 128 + SIGINT);
 }
 
 TEST_F(Call, ReachesAnotherObjectOnAnotherBus)
 {
-    BusDaemon other("/tmp/other.sock");
-    Outcome outcome = run_tool({"-s", "/tmp/other.sock", "echo"});
+    BusDaemon other("/scratch/other.sock");
+    Outcome outcome = run_tool({"-s", "/scratch/other.sock", "echo"});
     EXPECT_EQ(outcome.errors,
               "bv-call: echo on brovan.gateway.server: there is no such object on the bus\n");
 
@@ -341,9 +341,9 @@ TEST_F(Call, RefusesWhatItDoesNotUnderstandAndCallsNothing)
         EXPECT_EQ(outcome.output, "");
         EXPECT_NE(outcome.errors.find("--help"), std::string::npos);
     }
-    EXPECT_FALSE(file_exists("/tmp/trace"));
+    EXPECT_FALSE(file_exists("/scratch/trace"));
     EXPECT_EQ(run_tool({"trace"}).status, 0);
-    EXPECT_TRUE(file_exists("/tmp/trace"));
+    EXPECT_TRUE(file_exists("/scratch/trace"));
 }
 
 TEST(CallAlone, PrintsItsHelpWithoutABus)

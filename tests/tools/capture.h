@@ -15,7 +15,7 @@
 using Bytes = std::string;
 using namespace std::string_literals;
 
-inline const char kFile[] = "/tmp/capture.pcap";
+inline const char kFile[] = "/scratch/capture.pcap";
 
 // Lets bv-collect write a capture of what `send` has the library send; the port is in `port`.
 template <typename Send>

@@ -296,11 +296,11 @@ TEST(Collect, SaysWhyItCannotListen)
     Collector first;
     std::string port = first.errors().substr(first.errors().rfind(':') + 1);
     port.pop_back();
-    write_file("/tmp/older", "capture");
-    Outcome second = run_tool({"-a", "127.0.0.1", "-p", port, "-w", "/tmp/older"});
+    write_file("/scratch/older", "capture");
+    Outcome second = run_tool({"-a", "127.0.0.1", "-p", port, "-w", "/scratch/older"});
     EXPECT_EQ(second.status, 1);
     EXPECT_EQ(second.errors, "bv-collect: cannot listen: "s + strerror(EADDRINUSE) + "\n");
-    EXPECT_EQ(read_file("/tmp/older"), "capture");
+    EXPECT_EQ(read_file("/scratch/older"), "capture");
 }
 
 TEST(Collect, ListensOnPort5344UnlessToldOtherwise)

@@ -13,7 +13,7 @@ namespace {
 
 std::string make_folder()
 {
-    char name[] = "/tmp/program-XXXXXX";
+    char name[] = "/scratch/program-XXXXXX";
     if (mkdtemp(name) == nullptr)
         abort();
     return name;

@@ -282,12 +282,13 @@ TEST(TemplateCheck, FindsWhatIsNoJson)
 TEST(TemplateCheck, FindsFileNamesThatTheLibraryCannotUse)
 {
     const std::string good = "{\"para\":[" + parameter("int", "4", "1") + "]}";
-    const std::string longest = "/tmp/" + std::string(204, 'n');
+    const std::string longest = "/scratch/" + std::string(204, 'n');
     write_file(longest, good);
     EXPECT_EQ(run_tool({"check", longest}).output, "");
     for (const std::string &name :
-         {std::string("/tmp/a\"b.json"), std::string("/tmp/a$b.json"), std::string("/tmp/a*.json"),
-          std::string("/tmp/a\nb"), std::string("/tmp/a.json "), longest + "n"}) {
+         {std::string("/scratch/a\"b.json"), std::string("/scratch/a$b.json"),
+          std::string("/scratch/a*.json"), std::string("/scratch/a\nb"),
+          std::string("/scratch/a.json "), longest + "n"}) {
         write_file(name, good);
         Outcome outcome = run_tool({"check", name});
         EXPECT_EQ(outcome.status, 1);
@@ -298,30 +299,30 @@ TEST(TemplateCheck, FindsFileNamesThatTheLibraryCannotUse)
 
 TEST(TemplateCheck, ReportsEveryFaultOfEveryFile)
 {
-    write_file("/tmp/a.json", "{\"para\":[" + parameter("int", "2", "\"x\"") + "]}");
-    write_file("/tmp/b.json", "[");
-    Outcome outcome = run_tool({"check", "/tmp/a.json", "/tmp/b.json"});
+    write_file("/scratch/a.json", "{\"para\":[" + parameter("int", "2", "\"x\"") + "]}");
+    write_file("/scratch/b.json", "[");
+    Outcome outcome = run_tool({"check", "/scratch/a.json", "/scratch/b.json"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "/tmp/a.json:1: len 2 does not fit type int, which takes 4\n"
-                              "/tmp/a.json:1: value of \"x\": 'x' is no number\n"
-                              "/tmp/b.json:1: no JSON: a value is expected\n");
+    EXPECT_EQ(outcome.output, "/scratch/a.json:1: len 2 does not fit type int, which takes 4\n"
+                              "/scratch/a.json:1: value of \"x\": 'x' is no number\n"
+                              "/scratch/b.json:1: no JSON: a value is expected\n");
 }
 
 TEST(TemplateCheck, SaysWhichFileCannotBeRead)
 {
-    Outcome outcome = run_tool({"check", "/nowhere.json", "/tmp"});
+    Outcome outcome = run_tool({"check", "/nowhere.json", "/scratch"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors, "bv-template: /nowhere.json: No such file or directory\n"
-                              "bv-template: /tmp: Is a directory\n");
+                              "bv-template: /scratch: Is a directory\n");
 }
 
 TEST(TemplateCheck, RefusesFilesThatCannotBeTemplates)
 {
-    write_file("/tmp/large", "");
-    ASSERT_EQ(truncate("/tmp/large", 17 * 1024 * 1024), 0);
-    Outcome outcome = run_tool({"check", "/tmp/large"});
+    write_file("/scratch/large", "");
+    ASSERT_EQ(truncate("/scratch/large", 17 * 1024 * 1024), 0);
+    Outcome outcome = run_tool({"check", "/scratch/large"});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "bv-template: /tmp/large: File too large\n");
+    EXPECT_EQ(outcome.errors, "bv-template: /scratch/large: File too large\n");
 }
 
 TEST(TemplateCheck, PrintsItsHelpAndRefusesTheRest)

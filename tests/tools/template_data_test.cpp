@@ -81,8 +81,10 @@ TEST_F(DataCheck, CountsFoldersOfATemplatesName)
 TEST_F(DataCheck, TakesAPathForTheNameOfAFamily)
 {
     EXPECT_EQ(faults("{\"/etc/template/lan.json\":[]}"), "");
-    write_file("/tmp/other.json", "{\"para\":[]}");
-    EXPECT_EQ(faults("{\"/tmp/other.json\":[]}").find("/tmp/other.json:1: \"para\" is empty"), 0u);
+    write_file("/scratch/other.json", "{\"para\":[]}");
+    EXPECT_EQ(
+        faults("{\"/scratch/other.json\":[]}").find("/scratch/other.json:1: \"para\" is empty"),
+        0u);
 }
 
 TEST_F(DataCheck, FindsUnknownFamilies)

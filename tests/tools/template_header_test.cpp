@@ -110,10 +110,10 @@ TEST(Header, SeesTheDefaultsThatTheLibraryStored)
 TEST(Header, TakesANameAndAFileFromTheCommandLine)
 {
     const std::string source = kExamples + "lan.json";
-    Outcome outcome = run_tool({"header", "-n", "home net", "-o", "/tmp/lan.h", source});
+    Outcome outcome = run_tool({"header", "-n", "home net", "-o", "/scratch/lan.h", source});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.output, "");
-    const std::string header = read_file("/tmp/lan.h");
+    const std::string header = read_file("/scratch/lan.h");
     EXPECT_NE(header.find("struct home_net {\n"), std::string::npos);
     EXPECT_NE(header.find("#define HOME_NET_SIZE 43\n"), std::string::npos);
     EXPECT_NE(header.find("#define HOME_NET_FAMILY \"lan.json\"\n"), std::string::npos);
@@ -123,12 +123,12 @@ TEST(Header, TakesANameAndAFileFromTheCommandLine)
 
 TEST(Header, IsNotMadeFromAFaultyTemplate)
 {
-    write_file("/tmp/bad.json",
+    write_file("/scratch/bad.json",
                "{\"para\":[{\"name\":\"x\",\"type\":\"int\",\"len\":2,\"value\":\"1\"}]}");
-    Outcome outcome = run_tool({"header", "-o", "/tmp/bad.h", "/tmp/bad.json"});
+    Outcome outcome = run_tool({"header", "-o", "/scratch/bad.h", "/scratch/bad.json"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "/tmp/bad.json:1: len 2 does not fit type int, which takes 4\n");
-    EXPECT_FALSE(file_exists("/tmp/bad.h"));
+    EXPECT_EQ(outcome.output, "/scratch/bad.json:1: len 2 does not fit type int, which takes 4\n");
+    EXPECT_FALSE(file_exists("/scratch/bad.h"));
 }
 
 TEST(Header, ThatCannotBeWrittenIsReported)
@@ -143,11 +143,11 @@ TEST(Header, ThatCannotBeWrittenIsReported)
 // Half a header would still be included by someone; but a device is nobody's to remove.
 TEST(Header, ThatBreaksOffIsRemovedUnlessItIsADevice)
 {
-    ASSERT_EQ(symlink("/dev/full", "/tmp/full.h"), 0);
-    Outcome outcome = run_tool({"header", "-o", "/tmp/full.h", kExamples + "lan.json"});
+    ASSERT_EQ(symlink("/dev/full", "/scratch/full.h"), 0);
+    Outcome outcome = run_tool({"header", "-o", "/scratch/full.h", kExamples + "lan.json"});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "bv-template: /tmp/full.h: the header is incomplete\n");
-    EXPECT_TRUE(file_exists("/tmp/full.h"));
+    EXPECT_EQ(outcome.errors, "bv-template: /scratch/full.h: the header is incomplete\n");
+    EXPECT_TRUE(file_exists("/scratch/full.h"));
 
     // The small disk is full.
     write_file("/config/work/rest", std::string(4194304, 'x'));

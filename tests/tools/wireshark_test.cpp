@@ -10,7 +10,7 @@ TEST(Wireshark, DissectsACapture)
 {
     uint16_t port;
     capture({"-w", kFile, "-c", "3"}, port, send_three);
-    write_file("/tmp/bad.pcap",
+    write_file("/scratch/bad.pcap",
                file_head(0xa1b2c3d4, 228) + record(packet()) + record(packet("garbage")));
     const std::string script = BV_TEST_SOURCE_DIR "/../tools/collect/brovan-debug.lua";
 
@@ -43,7 +43,7 @@ TEST(Wireshark, DissectsACapture)
                           "1\t1\t2\t7\t0x1234\t\n")
         << own.errors;
 
-    Outcome bad = run({BV_TSHARK, "-X", "lua_script:" + script, "-r", "/tmp/bad.pcap", "-T",
+    Outcome bad = run({BV_TSHARK, "-X", "lua_script:" + script, "-r", "/scratch/bad.pcap", "-T",
                        "fields", "-e", "frame.number", "-Y", "brovan_debug.malformed"});
     EXPECT_EQ(bad.output, "2\n") << bad.errors;
 }

@@ -574,7 +574,7 @@ void expect_refused(uloop_fd *fd, int error)
 TEST_F(UloopFd, ARefusedAddLeavesTheRecordAlone)
 {
     SocketPair pair;
-    Fd first(pair.a), again(pair.a), none(-1), file(open("/tmp/file", O_CREAT | O_RDWR, 0600));
+    Fd first(pair.a), again(pair.a), none(-1), file(open("/scratch/file", O_CREAT | O_RDWR, 0600));
 
     none.error = true;
     expect_refused(&none, EBADF);

@@ -29,7 +29,7 @@ struct Socket {
     Socket &operator=(const Socket &) = delete;
 };
 
-constexpr char kPath[] = "/tmp/usock";
+constexpr char kPath[] = "/scratch/usock";
 
 int kind_of(int fd)
 {
@@ -112,7 +112,7 @@ TEST_F(Usock, AFailureLeavesNoDescriptorOpen)
 
 TEST_F(Usock, APathHasAtMost107Characters)
 {
-    std::string longest = "/tmp/" + std::string(102, 'p');
+    std::string longest = "/scratch/" + std::string(98, 'p');
 
     ASSERT_EQ(longest.size(), 107u);
     Socket server(USOCK_UNIX | USOCK_SERVER, longest.c_str());

@@ -13,7 +13,7 @@ namespace {
 
 using vectors::Item;
 
-constexpr char kSocket[] = "/tmp/bus.sock";
+constexpr char kSocket[] = "/scratch/bus.sock";
 constexpr char kPath[] = "brovan.gateway.server";
 
 // The daemon's side of one connection of the record.

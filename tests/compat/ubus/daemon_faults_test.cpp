@@ -22,7 +22,7 @@ using namespace wire;
 
 namespace {
 
-constexpr const char *kPath = "/tmp/bus.sock";
+constexpr const char *kPath = "/scratch/bus.sock";
 
 // What is to fail, shared with the child. Counts go down with each failure.
 struct Faults {

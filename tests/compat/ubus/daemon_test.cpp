@@ -521,22 +521,22 @@ TEST_F(Daemon, TellsWatchersWhenTheirTargetIsGone)
 
 TEST(DaemonLife, TheSocketIsForEverybodyAndGoesWithTheDaemon)
 {
-    BusDaemon daemon("/tmp/other.sock");
+    BusDaemon daemon("/scratch/other.sock");
     struct stat status;
-    ASSERT_EQ(stat("/tmp/other.sock", &status), 0);
+    ASSERT_EQ(stat("/scratch/other.sock", &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0666u);
     ASSERT_EQ(stat("/var/run/ubus", &status), 0); // of the default socket, made even so
     EXPECT_EQ(status.st_mode & 0777, 0755u);
 
     int ended = daemon.stop();
     EXPECT_TRUE(WIFEXITED(ended) && WEXITSTATUS(ended) == 0);
-    EXPECT_NE(stat("/tmp/other.sock", &status), 0);
+    EXPECT_NE(stat("/scratch/other.sock", &status), 0);
 
     daemon.start();
     ::kill(daemon.pid(), SIGINT);
     ASSERT_EQ(waitpid(daemon.pid(), &ended, 0), daemon.pid());
     EXPECT_TRUE(WIFEXITED(ended) && WEXITSTATUS(ended) == 0);
-    EXPECT_NE(stat("/tmp/other.sock", &status), 0);
+    EXPECT_NE(stat("/scratch/other.sock", &status), 0);
 }
 
 TEST(DaemonLife, AHangUpSignalDoesNoHarm)
@@ -599,8 +599,8 @@ TEST(DaemonLife, RefusesOptionsItDoesNotKnow)
 TEST(DaemonLife, SaysThatAccessRulesHaveNoEffect)
 {
     std::string complaint;
-    write_file("/tmp/file", "");
-    EXPECT_EQ(run_daemon({"-A", "/etc", "-s", "/tmp/file"}, &complaint), 1);
+    write_file("/scratch/file", "");
+    EXPECT_EQ(run_daemon({"-A", "/etc", "-s", "/scratch/file"}, &complaint), 1);
     EXPECT_NE(complaint.find("-A has no effect"), std::string::npos) << complaint;
 }
 
@@ -618,27 +618,27 @@ TEST(DaemonLife, ASecondOneLeavesTheFirstAlone)
 
 TEST(DaemonLife, AFileOtherThanASocketIsKept)
 {
-    write_file("/tmp/file", "precious");
-    EXPECT_EQ(run_daemon({"-s", "/tmp/file"}), 1);
-    EXPECT_EQ(read_file("/tmp/file"), "precious");
-    ASSERT_EQ(symlink("/tmp/file", "/tmp/link"), 0);
-    EXPECT_EQ(run_daemon({"-s", "/tmp/link"}), 1);
-    EXPECT_EQ(read_file("/tmp/link"), "precious");
+    write_file("/scratch/file", "precious");
+    EXPECT_EQ(run_daemon({"-s", "/scratch/file"}), 1);
+    EXPECT_EQ(read_file("/scratch/file"), "precious");
+    ASSERT_EQ(symlink("/scratch/file", "/scratch/link"), 0);
+    EXPECT_EQ(run_daemon({"-s", "/scratch/link"}), 1);
+    EXPECT_EQ(read_file("/scratch/link"), "precious");
 }
 
 TEST(DaemonLife, OneThatEndsRemovesNoSocketButItsOwn)
 {
-    BusDaemon first("/tmp/one.sock");
-    ASSERT_EQ(unlink("/tmp/one.sock"), 0);
-    BusDaemon second("/tmp/one.sock");
+    BusDaemon first("/scratch/one.sock");
+    ASSERT_EQ(unlink("/scratch/one.sock"), 0);
+    BusDaemon second("/scratch/one.sock");
     first.stop();
-    Client client("/tmp/one.sock");
+    Client client("/scratch/one.sock");
     EXPECT_TRUE(client.is_in_step());
 
-    ASSERT_EQ(unlink("/tmp/one.sock"), 0);
-    write_file("/tmp/one.sock", "precious");
+    ASSERT_EQ(unlink("/scratch/one.sock"), 0);
+    write_file("/scratch/one.sock", "precious");
     second.stop();
-    EXPECT_EQ(read_file("/tmp/one.sock"), "precious");
+    EXPECT_EQ(read_file("/scratch/one.sock"), "precious");
 }
 
 TEST(DaemonLife, ItsDescriptorsAreItsOwnAndNeverTheStandardOnes)

@@ -12,7 +12,7 @@
 
 class FakeBus {
 public:
-    static constexpr const char *kPath = "/tmp/fake.sock";
+    static constexpr const char *kPath = "/scratch/fake.sock";
 
     FakeBus()
     {

@@ -114,7 +114,8 @@ TEST_F(Shell, SystembkReturnsAtOnceAndLeavesNoZombie)
 
     write_file("/scratch/gate", "go");
     EXPECT_TRUE(eventually([] { return read_file("/scratch/result") == "done\n"; }));
-    EXPECT_EQ(last_line(), "sh -c 'cat /scratch/gate; echo done > /scratch/result' >/dev/null 2>&1 &");
+    EXPECT_EQ(last_line(),
+              "sh -c 'cat /scratch/gate; echo done > /scratch/result' >/dev/null 2>&1 &");
     remove("/scratch/gate");
     remove("/scratch/result");
 }
@@ -124,9 +125,11 @@ TEST_F(Shell, SysprocessRunsAsTheServiceUserWithTheCallersEnvironment)
     setenv("KEPT", "from the caller", 1);
     int status = bv_os_sysprocess("id -un > /scratch/%s; printenv KEPT > /scratch/kept", "who");
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(last_line(), "su -p BROVAN -c \"id -un > /scratch/who; printenv KEPT > /scratch/kept\"");
+    EXPECT_EQ(last_line(),
+              "su -p BROVAN -c \"id -un > /scratch/who; printenv KEPT > /scratch/kept\"");
     EXPECT_EQ(read_file("/scratch/kept"), "from the caller\n");
-    if (file_exists("/scratch/su.arguments")) { // no right to change users: a stand-in recorded this
+    if (file_exists(
+            "/scratch/su.arguments")) { // no right to change users: a stand-in recorded this
         EXPECT_EQ(read_file("/scratch/su.arguments"),
                   "-p\nBROVAN\n-c\nid -un > /scratch/who; printenv KEPT > /scratch/kept\n");
         remove("/scratch/su.arguments");
@@ -419,7 +422,8 @@ TEST_F(Shell, ACaptureLeavesRoomForItsRedirectionAndFilter)
 
 TEST_F(Shell, SysmatchKeepsTheSecondFieldOfMatchingLines)
 {
-    write_file("/scratch/list", "mtd0: 00040000 \"boot\"\nmtd1: 00010000 \"env\"\nmtd2: x \"env2\"\n");
+    write_file("/scratch/list",
+               "mtd0: 00040000 \"boot\"\nmtd1: 00010000 \"env\"\nmtd2: x \"env2\"\n");
     char out[64];
     EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "boot", " ", "cat /scratch/%s", "list"), 0);
     EXPECT_STREQ(out, "00040000");

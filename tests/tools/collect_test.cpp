@@ -2,6 +2,7 @@
 
 #include "support/files.h"
 #include "support/process.h"
+#include "support/shared.h"
 #include "tools/program.h"
 
 #include <bv/debug.h>
@@ -242,6 +243,7 @@ TEST(Collect, EndsCleanlyBySignal)
 
 TEST(Collect, SaysHowManyDatagramsTheSystemDropped)
 {
+    BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     const int told = setsockopt(fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);

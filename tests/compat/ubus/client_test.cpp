@@ -7,6 +7,7 @@
 #include <libubus.h>
 
 #include "support/bus.h"
+#include "support/shared.h"
 #include "wire.h"
 
 namespace {
@@ -445,6 +446,7 @@ TEST(Publish, ManyObjectsShareAType)
 
 TEST(Restart, ALongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
 {
+    BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
     BusDaemon daemon;
     struct ubus_context *ctx = ubus_connect(nullptr);
     ASSERT_NE(ctx, nullptr);

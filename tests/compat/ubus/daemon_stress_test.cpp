@@ -10,6 +10,7 @@
 
 #include "support/bus.h"
 #include "support/sanitized.h"
+#include "support/shared.h"
 #include "wire.h"
 
 using namespace wire;
@@ -467,6 +468,7 @@ int as_user(uid_t uid, Work work)
 
 TEST_F(DaemonStress, AUserHasSoManyConnectionsButRootAsManyAsItNeeds)
 {
+    BV_NEEDS_OWN_ROOT("a traced process cannot change its user");
     auto connect = [](std::vector<std::unique_ptr<Client>> &clients) {
         for (int i = 0; i < 100; i++) {
             auto client = std::make_unique<Client>();
@@ -504,6 +506,7 @@ unsigned long peak_memory_kib(pid_t pid)
 
 TEST_F(DaemonStress, ManyClientsOfAUserThatDoNotReadDoNotExhaustTheMemory)
 {
+    BV_NEEDS_OWN_ROOT("a traced process cannot change its user");
     if (kSanitized)
         GTEST_SKIP() << "a sanitizer keeps what is freed";
     const unsigned long before = peak_memory_kib(daemon.pid());

@@ -316,7 +316,7 @@ TEST(Collect, PrintsItsHelpOnStandardOutput)
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.output.rfind("usage: bv-collect", 0), 0u);
     EXPECT_EQ(help.errors, "");
-    EXPECT_EQ(run({"/bin/sh", "-c", BV_TOOL " --help > /dev/full"}).status, 1);
+    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' --help > /dev/full"}).status, 1);
 }
 
 TEST(Collect, RefusesWhatItDoesNotUnderstand)

@@ -343,7 +343,7 @@ TEST(TemplateCheck, PrintsItsHelpAndRefusesTheRest)
         EXPECT_EQ(outcome.output, "");
         EXPECT_NE(outcome.errors.find("--help"), std::string::npos);
     }
-    EXPECT_EQ(run({"/bin/sh", "-c", BV_TOOL " --help > /dev/full"}).status, 2);
+    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' --help > /dev/full"}).status, 2);
 }
 
 } // namespace

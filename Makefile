@@ -4,7 +4,7 @@
 FUZZ_SECONDS ?= 60
 export FUZZ_SECONDS
 
-.PHONY: help deps build demo test test-sanitize fuzz soak mutation bench clang format clean install docs test-target test-gateway size
+.PHONY: help deps build demo test test-confined test-sanitize fuzz soak mutation bench clang format clean install docs test-target test-gateway size
 .DEFAULT_GOAL := help
 
 # Where CI is set, warnings are errors.
@@ -31,6 +31,9 @@ demo: deps ## shows the main job, start to end
 
 test: build ## builds and runs every test of the workstation build
 	@tests/run "$(BUILD)"
+
+test-confined: build ## the suite and the demo as in a container that refuses namespaces, as root and as a plain user
+	@tests/confined
 
 test-sanitize: deps ## the suite under the sanitizers, and a part of it under memcheck
 	@tools/install-deps valgrind

@@ -16,6 +16,7 @@
 
 #include "crypto/aes_cipher.h"
 #include "crypto/wipe.h"
+#include "os/descriptor.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -209,8 +210,8 @@ int32_t transform_file(const char *in_path, const char *out_path, const uint8_t 
     if (in_path == nullptr || out_path == nullptr || key == nullptr)
         return BV_OK;
 
-    const int in = bv_os_open(in_path, O_RDONLY | O_SYNC, 0666);
-    const int out = bv_os_open(out_path, O_RDWR | O_CREAT, 0666);
+    const int in = bv::close_on_exec(bv_os_open(in_path, O_RDONLY | O_SYNC, 0666));
+    const int out = bv::close_on_exec(bv_os_open(out_path, O_RDWR | O_CREAT, 0666));
     AesCipher cipher(key, Worker::kDirection);
     if (cipher.valid()) {
         cipher.disable_padding();

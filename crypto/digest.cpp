@@ -5,6 +5,7 @@
 #include "crypto/sha256_block.h"
 #include "crypto/wipe.h"
 #include "os/bytes.h"
+#include "os/descriptor.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -130,7 +131,7 @@ uint32_t bv_os_sm3_file(const char *path, char *out)
     if (path == nullptr || out == nullptr || bv_os_access(path, F_OK) != 0)
         return BV_ERR_NO_FILE;
 
-    const int fd = bv_os_open(path, O_RDONLY, 0666);
+    const int fd = bv::close_on_exec(bv_os_open(path, O_RDONLY, 0666));
     if (fd == -1)
         return BV_ERR_OPEN;
 

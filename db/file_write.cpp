@@ -129,14 +129,11 @@ void put_families(Output &out, bv_list_head &list)
 FILE *open_for_rewriting(const char *path)
 {
     if (bv_os_access(path, F_OK) != 0) {
-        int fd = bv_os_open(path, O_CREAT, kFileMode);
+        int fd = bv::close_on_exec(bv_os_open(path, O_CREAT, kFileMode));
         if (fd >= 0)
             bv_os_close(fd);
     }
-    FILE *stream = bv_os_fopen(path, "w");
-    if (stream != nullptr)
-        bv::close_on_exec(fileno(stream));
-    return stream;
+    return bv::close_on_exec(bv_os_fopen(path, "w"));
 }
 
 } // namespace

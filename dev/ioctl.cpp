@@ -6,6 +6,7 @@
 #include <bv/os.h>
 
 #include "os/alloc.h"
+#include "os/descriptor.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -70,7 +71,7 @@ uint32_t bv_ioctl_call(const char *name, void *data, uint32_t len)
 
 uint32_t bv_ioctl_system(void *record)
 {
-    int fd = bv_os_dev_open(kDevice, O_RDWR | O_NONBLOCK, kMode);
+    int fd = bv::close_on_exec(bv_os_dev_open(kDevice, O_RDWR | O_NONBLOCK, kMode));
     if (fd < 0)
         return BV_ERR_CHANNEL;
 

@@ -7,6 +7,7 @@
 #include <bv/os.h>
 
 #include "os/alloc.h"
+#include "os/descriptor.h"
 
 #include <cstddef>
 #include <fcntl.h>
@@ -47,7 +48,7 @@ DevicePath find_device(const char *name)
 
 int open_device(const DevicePath &path, int flags)
 {
-    return bv_os_dev_open(path.text, flags, kMode);
+    return bv::close_on_exec(bv_os_dev_open(path.text, flags, kMode));
 }
 
 // The sum is formed in 64 bits: a range that runs past the end of 32 is past the partition too.

@@ -9,18 +9,28 @@
 #include <bv/os.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace bv {
 
-// Keeps a descriptor out of the programs that the service starts. For one that a stream has, give
-// fileno(stream). -1 is ignored; errno stays.
-inline void close_on_exec(int fd)
+// Keeps a descriptor out of the programs that the service starts, and returns it. -1 is ignored;
+// errno stays.
+inline int close_on_exec(int fd)
 {
     const int error = errno;
     fcntl(fd, F_SETFD, FD_CLOEXEC);
     errno = error;
+    return fd;
+}
+
+// The same for the descriptor of a stream; null is ignored.
+inline FILE *close_on_exec(FILE *stream)
+{
+    if (stream != nullptr)
+        close_on_exec(fileno(stream));
+    return stream;
 }
 
 // As close_on_exec(), for a descriptor that is kept. A service that was started without standard

@@ -3,6 +3,8 @@
 
 #include <bv/os.h>
 
+#include "os/descriptor.h"
+
 #include <cstdarg>
 #include <cstring>
 #include <unistd.h>
@@ -23,7 +25,7 @@ int32_t bv_os_record(const char *format, ...)
 {
     if (format == nullptr)
         return BV_ERR_FAILED;
-    FILE *file = bv_os_fopen(kRecordFile, "a+");
+    FILE *file = bv::close_on_exec(bv_os_fopen(kRecordFile, "a+"));
     if (file == nullptr)
         return BV_ERR_RECORD;
 

@@ -7,6 +7,7 @@
 #include <bv/os.h>
 
 #include "os/atomic.h"
+#include "os/descriptor.h"
 
 #include <securec.h>
 
@@ -59,7 +60,7 @@ void name_capture_file(FileName &name, const char *format)
 // Hands the capture file's trimmed text to the caller and removes the file.
 int32_t take_capture(const FileName &name, char *out, uint32_t outsize)
 {
-    int fd = bv_os_open(name, O_RDONLY, 0666);
+    int fd = bv::close_on_exec(bv_os_open(name, O_RDONLY, 0666));
     if (fd == -1)
         return BV_ERR_NO_FILE;
 
@@ -174,7 +175,9 @@ int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern, const c
 
 void bv_get_pipe(const char *command, char *out, uint32_t outsize)
 {
-    FILE *stream = command == nullptr ? nullptr : bv_os_popen(command, "r");
+    if (command == nullptr)
+        return;
+    FILE *stream = bv::close_on_exec(bv_os_popen(command, "r"));
     if (stream == nullptr)
         return;
 

@@ -47,7 +47,8 @@ BV_API int32_t bv_aes_cbc_en(bv_aes_record *rec);
  *
  * @param rec  cipher, cipher_len and key set; plain_len becomes the bytes in plain. Of a result
  *             above 64 bytes only the first 64 are kept; with a wrong padding (wrong key, damaged
- *             or cut ciphertext) the last block is missing
+ *             or cut ciphertext) the last block, whole or not, is missing. 0 when the cipher cannot
+ *             be had
  * @return 0
  */
 BV_API int32_t bv_aes_cbc_de(bv_aes_record *rec);
@@ -60,8 +61,8 @@ BV_API int32_t bv_aes_cbc_de(bv_aes_record *rec);
  * @param plain_text  the text, of which at most the first 64 characters are encrypted
  * @param key         16 bytes
  *
- * @retval 0   out holds the ciphertext
- * @retval -1  out is too small, and untouched
+ * @retval 0   out holds the ciphertext, or is empty because the cipher could not be had
+ * @retval -1  out is too small, or an argument is null: out is untouched
  */
 BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_text,
                              const uint8_t *key);
@@ -73,7 +74,8 @@ BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_tex
  *                  ignored. Each pair is read as strtol(3) reads it, so one that is no number is 0
  * @param out       gets the text, at most 64 characters, and a terminating zero; empty when it does
  *                  not fit. A zero byte in the plaintext ends the text
- * @param out_size  its size in bytes; 65 is enough for every text
+ * @param out_size  its size in bytes; 65 is enough for every text, 0 or above 0x7fffffff leaves out
+ *                  untouched
  * @param key       16 bytes
  * @return 0
  */
@@ -97,7 +99,8 @@ BV_API int32_t bv_aes_file_en(const char *in_path, const char *out_path, const u
 
 /**
  * Decrypts a file that bv_aes_file_en() has made. A message of 48 bytes whose padding is wrong
- * gives the 32 bytes before its last block; the messages after it are not affected.
+ * gives the 32 bytes before its last block; the messages after it are not affected. Of a shorter
+ * one at the end, or one that is cut, the last block, whole or not, is missing too.
  *
  * @param in_path   the file to read; as in bv_aes_file_en()
  * @param out_path  the file to write; as in bv_aes_file_en(), but it may be the input file of any

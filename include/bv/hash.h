@@ -11,6 +11,8 @@
  *   likewise with datasize bytes;
  * - a null table, a table whose magic is wrong, or a null key ends in the function's failure
  *   value (or in nothing, for those without a result);
+ * - nothing is printed but by bv_hash_dump(), and by the allocator, whose line comes with each
+ *   refusal for want of memory;
  * - tables have no lock: callers that share one between threads serialise all their calls on it,
  *   and the use of records found in it. Different tables are independent. bv_os_jhash() is
  *   thread-safe.
@@ -64,7 +66,8 @@ BV_API bv_hash *bv_hash_init(uint32_t hashsize, uint32_t keysize, uint32_t datas
  * @retval BV_ERR_FAILED  table or key is null, or the table is not one
  * @retval BV_ERR_FULL    hashsize entries are stored. That is tested first: a full table refuses
  *                        an overwrite, too
- * @retval BV_ERR_MEMORY  no memory for the entry; the table is as before
+ * @retval BV_ERR_MEMORY  no memory for the entry, or its key or record is larger than the 1310720
+ *                        bytes of one allocation; the table is as before
  */
 BV_API int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *data);
 

@@ -7,8 +7,12 @@
  * True of every function here unless its own comment says otherwise:
  *  - nothing is kept after the call: no caller's pointer, no descriptor, no lock;
  *  - sizes and capacities are in bytes, and a destination's capacity is the size of the whole
- *    object, its terminating zero included; it comes second, right behind the destination;
+ *    object, its terminating zero included; it comes right after the destination;
  *  - texts are zero-terminated;
+ *  - a null pointer is looked for: the function fails, with the result that its comment gives, or
+ *    does nothing. The plain string functions, bv_os_memcmp(), bv_os_printf(), bv_os_fprintf(), the
+ *    conversions of IPv4 addresses and all system calls do not look: what they are given goes
+ *    straight to the platform, which may crash on it;
  *  - it may be called from any thread, on buffers of that thread's own.
  *
  * Include this header before the C library's own ones where a program is compiled under strict
@@ -62,7 +66,9 @@ struct sigaction;
  *  - a dstsize of 0 or above 0x7fffffff, and a null dst, leave everything as it was;
  *  - any other failure leaves dst in a known state: the copies clear all dstsize bytes, the fill
  *    fills all dstsize bytes with its value, the string calls set the first byte to 0;
- *  - a null source is such a failure even when there is nothing to copy.
+ *  - a null source is such a failure even when there is nothing to copy, and so are ranges that
+ *    overlap, but for bv_os_memmove(). Copying an object to itself is fine; a text cannot be
+ *    appended to itself.
  * @{
  */
 
@@ -141,11 +147,11 @@ BV_API int32_t bv_os_strcpy(char *dst, uint32_t dstsize, const char *src);
 /**
  * Copies at most count characters of a text and terminates the copy.
  *
- * @param dst      where to; nothing is padded behind the terminator
+ * @param dst      where to; nothing is padded after the terminator
  * @param dstsize  capacity of dst
  * @param src      the text; needs no terminator when it has count characters
  * @param count    most characters to take; dstsize - 1 cuts a text to what fits, dstsize or more
- *                 fails with a text that does not fit
+ *                 fails with a text that does not fit, and above 0x7fffffff with any
  * @return 0, or not 0 as described under Memory
  */
 BV_API int32_t bv_os_strncpy(char *dst, uint32_t dstsize, const char *src, uint32_t count);
@@ -196,21 +202,33 @@ BV_API int32_t bv_os_isspace(uint32_t ch);
  * @{
  */
 
-/** printf(3) on standard output. @return characters printed, or a negative number */
+/**
+ * printf(3) on standard output, with all that the C library knows. Format and texts must not be
+ * null.
+ * @return characters printed, or a negative number
+ */
 BV_API int bv_os_printf(const char *format, ...) BV_PRINTF(1, 2);
 
-/** fprintf(3). @return characters printed, or a negative number */
+/** fprintf(3), as bv_os_printf(); nor must stream be null. */
 BV_API int bv_os_fprintf(FILE *stream, const char *format, ...) BV_PRINTF(2, 3);
 
 /**
  * Prints into a buffer. There is no cut text: it fits whole or the buffer is emptied.
  *
- * @param dst      the buffer; on failure its first byte is 0 and what had been printed so far may
- *                 stand behind that byte
- * @param dstsize  capacity of dst, 1 to 0x7fffffff
- * @param format   as for printf(3), less %n, %a, %m and positional arguments, which are refused
- * @return characters printed without the terminator; -1 when the text does not fit, when a
- *         directive is refused, or when an argument is null
+ * Rely on these directives only: flags - + space # 0, width and precision (also as *), lengths
+ * hh h l ll q L j z t, conversions d i u o x X c s p e E f F g G, their wide forms lc and ls, and
+ * %%. The bounded-check library refuses %n in every form, %a %A, %m, %b, positional arguments, the
+ * ' flag, letters that it does not know, a format that ends within a directive, widths and
+ * precisions above 214748360, and wide characters that the locale cannot express. A null text
+ * prints as (null), an integer with at most 512 digits whatever its precision, a pointer without
+ * sign and precision.
+ *
+ * @param dst      the buffer; on failure its first byte is 0, and what had been printed so far may
+ *                 follow that byte
+ * @param dstsize  capacity of dst, 1 to 0x7fffffff; any other leaves dst as it was
+ * @param format   what to print
+ * @return characters printed without the terminator; -1 when the text does not fit, a directive is
+ *         refused, dst or format is null, or dstsize is out of range
  */
 BV_API int bv_os_sprintf(char *dst, uint32_t dstsize, const char *format, ...) BV_PRINTF(3, 4);
 
@@ -221,14 +239,27 @@ BV_API int bv_os_sprintf(char *dst, uint32_t dstsize, const char *format, ...) B
 BV_API int bv_os_snprintf(char *dst, uint32_t dstsize, const char *format, ...) BV_PRINTF(3, 4);
 
 /**
- * Scans a text. Behind each buffer pointer of %s, %c and %[ stands one more argument, the
+ * Scans a text. Each buffer pointer of %s, %c and %[ is followed by one more argument, the
  * buffer's size in bytes as a size_t, so compilers cannot check these formats as they do scanf's:
  * @code
  * bv_os_sscanf(line, "%15s %d", name, sizeof name, &number);
  * @endcode
  *
- * @return conversions stored, or -1 when the text ends before the first one or an argument is
- *         null. A field too long for its buffer ends the scan and empties that buffer
+ * Rely on these directives only: conversions d i u o x X p e E f g G s c [ n and %%, a width,
+ * lengths hh h l ll q L j z t, and * to store nothing (which takes no arguments, no size either).
+ * The bounded-check library refuses %a %A, %m, positional arguments, flags, precisions and letters
+ * that it does not know. Unlike scanf(3) it reads neither inf, nan and hexadecimal floats nor a 0x
+ * before %p, needs digits after the 0x of %x and %i, and stores some other number for one that is
+ * too large for its type.
+ *
+ * @param str     the text
+ * @param format  what to look for
+ * @return conversions stored. A field too long for its buffer ends the scan and empties that
+ *         buffer; a buffer size of 0 or above 0x7fffffff ends it too, with the buffer as it was.
+ *         -1 when str or format is null, when str is empty (the first buffer is then emptied, if
+ *         the format starts with one), when the text ends before the first conversion, and,
+ *         however much was stored before, when a directive is refused or a pointer is null while
+ *         some of the text is left
  */
 BV_API int bv_os_sscanf(const char *str, const char *format, ...);
 
@@ -236,10 +267,19 @@ BV_API int bv_os_sscanf(const char *str, const char *format, ...);
 /**
  * @name Shell commands
  *
- * Each takes a printf-style command and runs it in a shell, waiting for it to end. The formatted
- * command and the line that is made of it must fit in 255 characters each. A command that does
- * not fit is not cut but becomes an empty one (which the shell runs with result 0): keep commands
- * short, because a result of 0 does not prove that anything was done.
+ * Each takes a printf-style command, as for bv_os_sprintf(), and runs it in a shell, waiting for it
+ * to end. The formatted command and the line that is made of it must fit in 255 characters each.
+ * What does not fit, a directive that is refused and a null format are not cut but become empty,
+ * and nothing of the command runs:
+ *  - an empty command has result 0 from bv_os_system(), bv_os_systemnull() and bv_os_systembk().
+ *    bv_os_sysprocess() still runs su(1), whose result it is;
+ *  - an empty line has result 0 from all four;
+ *  - what the capturing ones return is said there.
+ *
+ * So keep commands short: a result of 0 does not prove that anything was done.
+ *
+ * The line is the command with something after it. Where that is a redirection, a pipe or an &, it
+ * applies to the last of several commands (a; b) only; parentheses make them one.
  *
  * Nothing is quoted or escaped, and the capture files have names that can be guessed: pass only
  * text that the service itself made or has checked, never text from a user or the network.
@@ -256,37 +296,41 @@ BV_API int bv_os_sscanf(const char *str, const char *format, ...);
 /** Runs a command as it is. @return the wait status */
 BV_API int bv_os_system(const char *format, ...) BV_PRINTF(1, 2);
 
-/** Runs a command with its output and errors thrown away. @return the wait status */
+/**
+ * Runs a command with its output and errors thrown away. That takes 16 characters of the line.
+ * @return the wait status
+ */
 BV_API int bv_os_systemnull(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Starts a command in the background, its output and errors thrown away, and does not wait for
- * it. The shell that started it has ended, so it never becomes a zombie of the caller.
+ * it. The shell that started it has ended, so it never becomes a zombie of the caller. That takes
+ * 18 characters of the line.
  * @return the wait status of that shell, not of the command
  */
 BV_API int bv_os_systembk(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Runs a command as the user BROVAN, with the caller's environment:
- * su -p BROVAN -c "COMMAND". The command stands between double quotes as it is, so the shell that
- * runs su already expands $ and ` in it.
- * @return the wait status
+ * su -p BROVAN -c "COMMAND". The command is put between double quotes as it is, so the shell that
+ * runs su already expands $ and ` in it. The line takes 18 characters besides the command.
+ * @return the wait status: that of su, which fails too when there is no such user
  */
 BV_API int bv_os_sysprocess(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Runs a command and captures what it prints on standard output: the first 256 bytes, up to the
- * first zero byte, without leading and trailing white space; newlines between lines stay. Of
- * several commands in a row only the last one's output is captured.
+ * first zero byte, without leading and trailing white space; newlines between lines stay.
  *
  * @param out      gets the text
- * @param outsize  capacity of out
+ * @param outsize  capacity of out. A text that does not fit is not cut: 257 bytes hold any
  * @param format   the command
  *
  * @retval 0               out holds the text; the command's own exit status is not looked at
- * @retval BV_ERR_FAILED   nothing was printed (a command of more than 255 characters, being run as
- *                         an empty one, prints nothing), or it does not fit: out is empty. Also,
- *                         always, with a null out or an outsize of 0, though the command ran
+ * @retval BV_ERR_FAILED   nothing was printed but white space (nor by an empty command, see above),
+ *                         it cannot be read, or it does not fit: out is empty. Also, always, with a
+ *                         null out or an outsize of 0 or above 0x7fffffff, though the command ran:
+ *                         out is as it was
  * @retval BV_ERR_NO_FILE  the capture file could not be opened, or the command fits in 255
  *                         characters but not with its redirection, which takes 22 to 24 of them:
  *                         out is as it was
@@ -298,16 +342,18 @@ BV_API int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, .
  * second field. The text is then treated as in bv_os_systemex().
  *
  * @param out        gets the fields, one a line
- * @param outsize    capacity of out
- * @param pattern    a grep(1) pattern, without single quotes
- * @param delimiter  an awk(1) field separator, without single quotes
+ * @param outsize    capacity of out; 257 bytes hold any text
+ * @param pattern    a grep(1) pattern, without single quotes; null is the text (null)
+ * @param delimiter  an awk(1) field separator, without single quotes; null as above
  * @param format     the command
  *
  * @retval 0               out holds the text
- * @retval BV_ERR_FAILED   no line matched, or the text does not fit: out is empty (see
- *                         bv_os_systemex())
- * @retval BV_ERR_NO_FILE  the capture file could not be opened, or the line did not fit in 255
- *                         characters: out is as it was
+ * @retval BV_ERR_FAILED   no line matched or had a second field, or the text does not fit: out is
+ *                         empty. Also as in bv_os_systemex() for the sake of out and outsize
+ * @retval BV_ERR_NO_FILE  the capture file could not be opened; the command did not fit in 255
+ *                         characters (an empty one before a pipe is a syntax error, and the shell
+ *                         says so), or not with the filter, which takes 55 to 59 of them besides
+ *                         pattern and delimiter: out is as it was
  */
 BV_API int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern,
                               const char *delimiter, const char *format, ...) BV_PRINTF(5, 6);
@@ -315,11 +361,11 @@ BV_API int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern,
 /**
  * Runs a command and reads the first line of its output through a pipe.
  *
- * @param command  the shell command as it is, of any length
+ * @param command  the shell command as it is, of any length; null runs nothing
  * @param out      gets the line with its newline, or as much of it as fits; keeps what it held
- *                 when the command cannot be started or prints nothing. Signals that the process
- *                 handles meanwhile do not cut it
- * @param outsize  capacity of out; 0 leaves it alone
+ *                 when the command cannot be started or prints nothing (with an outsize of 1 it is
+ *                 empty then, too). Signals that the process handles meanwhile do not cut it
+ * @param outsize  capacity of out; 0 leaves it alone, more than INT_MAX counts as INT_MAX
  */
 BV_API void bv_get_pipe(const char *command, char *out, uint32_t outsize);
 
@@ -369,9 +415,9 @@ BV_API int32_t bv_os_record(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Copies the record file, when there is one, to the terminal named in /tmp/tty (31 characters at
- * most). The record file stays. The name is not checked: with no /tmp/tty the shell complains
- * about an empty redirection, and nothing else happens. The name is read with bv_os_systemex(),
- * whose word on threads holds here too.
+ * most). The record file stays. The name is not checked: with no /tmp/tty, or a longer name in it,
+ * the shell complains about an empty redirection, and nothing else happens. The name is read with
+ * bv_os_systemex(), whose word on threads holds here too.
  */
 BV_API void bv_os_record_output(void);
 
@@ -424,7 +470,7 @@ BV_API char *bv_os_trim(char *text);
  * digit, a sign or blanks before it, and what follows the sixth is ignored.
  *
  * @param text  six groups of hexadecimal digits with colons between; from the first group that is
- *              missing or malformed on, the bytes are 0
+ *              missing or malformed on, the bytes are 0, and of a null text all of them
  * @param out   gets 6 bytes
  */
 BV_API void bv_os_mac_pton(const char *text, void *out);
@@ -433,8 +479,8 @@ BV_API void bv_os_mac_pton(const char *text, void *out);
  * Converts a MAC address to lower-case text, "00:1a:2b:3c:4d:5e".
  *
  * @param mac      6 bytes
- * @param out      gets the text; empty when it does not fit
- * @param outsize  capacity of out, at least 18
+ * @param out      gets the text; empty when it does not fit or mac is null
+ * @param outsize  capacity of out, 18 to 0x7fffffff; with 0 or a larger one out is as it was
  */
 BV_API void bv_os_mac_ntop(const void *mac, char *out, uint32_t outsize);
 
@@ -466,12 +512,12 @@ BV_API uint32_t bv_os_inet_addr(const char *text);
  * The text restarts from empty at every 256th byte: of 256 bytes nothing is left, of 300 the last
  * 44. Whoever renders more does it in pieces.
  *
- * @param data     the bytes; null only with length 0
+ * @param data     the bytes; null counts as none
  * @param length   how many
- * @param out      gets the text and zeros behind it, in all min(outsize, 512) bytes; a smaller
+ * @param out      gets the text and zeros after it, in all min(outsize, 512) bytes; a smaller
  *                 outsize cuts the text without a terminator
- * @param outsize  capacity of out
- * @return 0
+ * @param outsize  capacity of out; 0 or above 0x7fffffff leaves out as it was
+ * @return 0, always
  */
 BV_API int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint32_t outsize);
 
@@ -553,7 +599,7 @@ BV_API uint16_t bv_os_crc16(uint16_t crc, const uint8_t *buf, uint32_t len);
  *             asked all the same
  *
  * @retval 1                buf holds random text
- * @retval 0                num is negative, or buf is null and num is not 0: buf is as it was
+ * @retval 0                num is negative, or buf is null and num is 1 to 256: buf is as it was
  * @retval BV_ERR_TOO_LONG  num is above 256: buf is as it was
  *
  * 0 or anything else is also what the random generator, libcrypto's RAND_bytes(), returns when it
@@ -566,10 +612,10 @@ BV_API uint32_t bv_os_random(uint8_t *buf, int32_t num);
  * @name System calls
  *
  * Each wrapper passes its arguments on to the platform function that it is named after and
- * returns that function's result unchanged, with errno as the platform set it: no check, no retry,
- * no message. What the platform's manual page says of the function holds for the wrapper, thread
- * safety and ownership included. Only four differ: bv_os_msleep(), bv_os_shutdown(),
- * bv_os_lseek() and bv_os_dev_open() say how.
+ * returns that function's result unchanged, with errno as the platform set it: no check (null
+ * pointers go to the platform too), no retry, no message. What the platform's manual page says of
+ * the function holds for the wrapper, thread safety and ownership included. Only four differ:
+ * bv_os_msleep(), bv_os_shutdown(), bv_os_lseek() and bv_os_dev_open() say how.
  * @{
  */
 

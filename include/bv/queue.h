@@ -4,7 +4,7 @@
  *
  * True of every function here: sizes are in bytes; messages are copied in and out, so no
  * caller's pointer is kept after the call; nothing waits, a consumer polls; nothing is printed
- * (except by the allocator, when it is asked for more than it ever gives). Any number of threads
+ * (except by the allocator: each BV_ERR_MEMORY comes with its line). Any number of threads
  * may send to and receive from one queue; bv_queue_init() and bv_queue_free() need it to
  * themselves.
  */

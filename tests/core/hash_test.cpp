@@ -280,6 +280,7 @@ TEST_F(Hash, AnyMissingAllocationLeavesTheTableAsItWas)
         FailAllocation fail(nth);
         const int32_t result = bv_hash_insert(table, key.bytes, &value);
         EXPECT_TRUE(fail.happened()) << nth;
+        EXPECT_EQ(refusal.stop(), "malloc fail\n") << nth;
         EXPECT_EQ(result, BV_ERR_MEMORY) << nth;
         EXPECT_EQ(table->currnum, 1u) << nth;
         EXPECT_EQ(find(2), nullptr) << nth;

@@ -211,6 +211,7 @@ TEST_F(Queue, SendWithoutMemoryLeavesTheQueueAsItWas)
         FailAllocation next(1);
         EXPECT_EQ(bv_queue_send(queue, "a", 1), BV_ERR_MEMORY);
         EXPECT_TRUE(next.happened());
+        EXPECT_EQ(refusal.stop(), "malloc fail\n") << "the allocator's line, and no other";
     }
     EXPECT_EQ(queue->count, 0u);
     EXPECT_EQ(queue->dropped, 0u);

@@ -314,6 +314,17 @@ TEST(AesText, ATextThatDoesNotFitLeavesAnEmptyOne)
     EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string(64, 'x')), 65)), std::string(64, 'x'));
 }
 
+TEST(AesText, ASizeOutOfRangeLeavesTheBufferAlone)
+{
+    char out[] = "########";
+    for (uint32_t size : {0u, 0x80000000u, 0xffffffffu}) {
+        EXPECT_EQ(bv_aes_str_de(hex_of("text").c_str(), out, size, u8(kKey)), 0);
+        EXPECT_STREQ(out, "########") << size;
+    }
+    EXPECT_EQ(bv_aes_str_de(hex_of("text").c_str(), out, 0x7fffffff, u8(kKey)), 0);
+    EXPECT_STREQ(out, "text");
+}
+
 TEST(AesText, AZeroByteInThePlaintextEndsTheText)
 {
     EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string("ab\0cd", 5)))), "ab");

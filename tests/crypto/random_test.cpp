@@ -104,6 +104,8 @@ TEST_F(Random, NegativeNumbersAndNullLeaveTheBuffer)
     EXPECT_EQ(bv_os_random(buffer, -1), 0u);
     EXPECT_EQ(bv_os_random(buffer, INT32_MIN), 0u);
     EXPECT_EQ(bv_os_random(nullptr, 8), 0u);
+    EXPECT_EQ(bv_os_random(nullptr, 256), 0u);
+    EXPECT_EQ(bv_os_random(nullptr, 257), static_cast<uint32_t>(BV_ERR_TOO_LONG));
     EXPECT_TRUE(buffer.untouched_from(0));
     EXPECT_EQ(g_calls, 0);
 }

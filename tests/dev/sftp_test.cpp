@@ -16,10 +16,11 @@ namespace {
 void install_script(int status)
 {
     FILE *file = fopen("/etc/sftp.sh", "w");
-    fprintf(file,
-            "#!/bin/sh\n: > /scratch/arguments\nfor a in \"$@\"; do echo \"$a\" >> /scratch/arguments; "
-            "done\nexit %d\n",
-            status);
+    fprintf(
+        file,
+        "#!/bin/sh\n: > /scratch/arguments\nfor a in \"$@\"; do echo \"$a\" >> /scratch/arguments; "
+        "done\nexit %d\n",
+        status);
     fclose(file);
     chmod("/etc/sftp.sh", 0755);
 }
@@ -53,8 +54,9 @@ TEST(Sftp, GetNamesTheRemoteFileFirst)
     install_script(0);
     bv_sftp_info info = transfer();
     EXPECT_EQ(bv_sftp_get(&info), 0);
-    EXPECT_EQ(arguments(),
-              "-p\nsecret\n-cmd\nget /srv/there.bin /scratch/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
+    EXPECT_EQ(
+        arguments(),
+        "-p\nsecret\n-cmd\nget /srv/there.bin /scratch/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
 }
 
 TEST(Sftp, PutNamesTheLocalFileFirst)
@@ -62,8 +64,9 @@ TEST(Sftp, PutNamesTheLocalFileFirst)
     install_script(0);
     bv_sftp_info info = transfer();
     EXPECT_EQ(bv_sftp_put(&info), 0);
-    EXPECT_EQ(arguments(),
-              "-p\nsecret\n-cmd\nput /scratch/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
+    EXPECT_EQ(
+        arguments(),
+        "-p\nsecret\n-cmd\nput /scratch/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
 }
 
 TEST(Sftp, TheScriptsStatusIsPassedThrough)

@@ -46,7 +46,8 @@ protected:
 TEST_F(Encrypt, WhatIsSealedOpensAgain)
 {
     ASSERT_EQ(seal(), 0);
-    EXPECT_EQ(read_file("/scratch/sealed").size(), 31 * 48 + 16u); // 31 whole pieces, one of 8 bytes
+    EXPECT_EQ(read_file("/scratch/sealed").size(),
+              31 * 48 + 16u); // 31 whole pieces, one of 8 bytes
     EXPECT_EQ(open().status, 0);
     EXPECT_EQ(read_file("/scratch/opened"), plain_);
 }

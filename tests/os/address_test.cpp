@@ -89,6 +89,17 @@ TEST(MacNtop, IsEmptyWhenItDoesNotFit)
     EXPECT_EQ(out[17], '.');
 }
 
+TEST(MacNtop, ACapacityOutOfRangeLeavesTheBufferAlone)
+{
+    char out[] = "..................";
+    for (uint32_t size : {0u, 0x80000000u, 0xffffffffu}) {
+        bv_os_mac_ntop("\1\2\3\4\5\6", out, size);
+        EXPECT_STREQ(out, "..................") << size;
+    }
+    bv_os_mac_ntop("\1\2\3\4\5\6", out, 0x7fffffff);
+    EXPECT_STREQ(out, "01:02:03:04:05:06");
+}
+
 TEST(MacNtop, OfNoAddressIsEmpty)
 {
     char out[] = "..................";

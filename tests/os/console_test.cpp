@@ -1,6 +1,8 @@
 #include <bv/os.h>
 
 #include "support/capture.h"
+#include "support/fault_points.h"
+#include "support/sanitized.h"
 
 #include <gtest/gtest.h>
 
@@ -37,11 +39,36 @@ std::string padded(const char *text, int32_t width)
     return output.stop();
 }
 
+// Where words are copied to for a dump. One that is planted gets other contents than it found.
+uint8_t *g_copy;
+bool g_plant;
+
+int note_copy(const char *function, void *dst, size_t size, const void *src, size_t count)
+{
+    int result =
+        next_function<int(void *, size_t, const void *, size_t)>(function)(dst, size, src, count);
+    g_copy = static_cast<uint8_t *>(dst);
+    if (g_plant)
+        memset(dst, 0x5a, count);
+    g_plant = false;
+    return result;
+}
+
 alignas(16) const uint8_t kBytes[] = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07,
                                       0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f,
                                       0x10, 0x11, 0x12, 0x13, 0xfc, 0xfd, 0xfe, 0xff};
 
 } // namespace
+
+extern "C" int memcpy_s(void *dst, size_t size, const void *src, size_t count)
+{
+    return note_copy("memcpy_s", dst, size, src, count);
+}
+
+extern "C" int memmove_s(void *dst, size_t size, const void *src, size_t count)
+{
+    return note_copy("memmove_s", dst, size, src, count);
+}
 
 TEST(Printb, NothingToShowIsAnEmptyLine)
 {
@@ -77,6 +104,23 @@ TEST(Printb, LinesGoByOffsetAndTheBracketShowsTheAddress)
 TEST(Printb, AnUnalignedAddressPrints)
 {
     EXPECT_EQ(dump(kBytes + 1, 8), head(kBytes + 1) + "01020304 05060708 \r\n");
+}
+
+// Someone who dumps a stack may meet the dump's own copy of the word before.
+TEST(Printb, ShowsWhatIsThereAlsoOverItsOwnCopy)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "a sanitizer reports such reads";
+    dump(kBytes, 4); // finds the copy; all dumps are made from the same place
+    for (int before : {4, 3, 2, 1}) {
+        SCOPED_TRACE(before);
+        const uint8_t *address = g_copy - before;
+        g_plant = true;
+        const std::string text = dump(address, 8);
+        EXPECT_EQ(g_copy, address + before) << "the copy has moved";
+        const std::string planted = "5a5a5a5a " + std::string("5a5a5a5a", 2 * before);
+        EXPECT_EQ(text.substr(head(address).size(), planted.size()), planted);
+    }
 }
 
 TEST(Printb, AnAddressHasEightDigits)

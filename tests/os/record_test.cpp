@@ -178,7 +178,7 @@ TEST(RecordOutput, ANameThatCannotBeCapturedIsEmpty)
 
 TEST(RecordOutput, ATerminalNameHas31CharactersAtMost)
 {
-    std::string name = "/scratch/" + std::string(26, 't');
+    std::string name = "/scratch/" + std::string(22, 't');
     bv_os_record("line");
     write_file("/tmp/tty", name);
     bv_os_record_output();

@@ -114,7 +114,8 @@ TEST_F(Shell, SystembkReturnsAtOnceAndLeavesNoZombie)
 
     write_file("/scratch/gate", "go");
     EXPECT_TRUE(eventually([] { return read_file("/scratch/result") == "done\n"; }));
-    EXPECT_EQ(last_line(), "sh -c 'cat /scratch/gate; echo done > /scratch/result' >/dev/null 2>&1 &");
+    EXPECT_EQ(last_line(),
+              "sh -c 'cat /scratch/gate; echo done > /scratch/result' >/dev/null 2>&1 &");
     remove("/scratch/gate");
     remove("/scratch/result");
 }
@@ -124,9 +125,11 @@ TEST_F(Shell, SysprocessRunsAsTheServiceUserWithTheCallersEnvironment)
     setenv("KEPT", "from the caller", 1);
     int status = bv_os_sysprocess("id -un > /scratch/%s; printenv KEPT > /scratch/kept", "who");
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(last_line(), "su -p BROVAN -c \"id -un > /scratch/who; printenv KEPT > /scratch/kept\"");
+    EXPECT_EQ(last_line(),
+              "su -p BROVAN -c \"id -un > /scratch/who; printenv KEPT > /scratch/kept\"");
     EXPECT_EQ(read_file("/scratch/kept"), "from the caller\n");
-    if (file_exists("/scratch/su.arguments")) { // no right to change users: a stand-in recorded this
+    if (file_exists(
+            "/scratch/su.arguments")) { // no right to change users: a stand-in recorded this
         EXPECT_EQ(read_file("/scratch/su.arguments"),
                   "-p\nBROVAN\n-c\nid -un > /scratch/who; printenv KEPT > /scratch/kept\n");
         remove("/scratch/su.arguments");
@@ -170,9 +173,50 @@ TEST_F(Shell, ACommandThatDoesNotFitIsRunAsAnEmptyOne)
     EXPECT_EQ(WEXITSTATUS(bv_os_systembk("%s", kTooLong.c_str())),
               WEXITSTATUS(system(" >/dev/null 2>&1 &")));
     EXPECT_EQ(g_lines[g_lines.size() - 2], " >/dev/null 2>&1 &");
-    g_run = false;
-    bv_os_sysprocess("%s", kTooLong.c_str());
+}
+
+TEST_F(Shell, WhatCannotBeFormattedIsRunAsAnEmptyCommandToo)
+{
+    const char *volatile none = nullptr;
+    for (const char *format : {none, "%n", "touch /scratch/ran; %a"}) {
+        EXPECT_EQ(bv_os_system(format, none), 0);
+        EXPECT_EQ(last_line(), "");
+        EXPECT_EQ(bv_os_systemnull(format, none), 0);
+        EXPECT_EQ(bv_os_systembk(format, none), 0);
+        EXPECT_EQ(last_line(), " >/dev/null 2>&1 &");
+        char out[8] = "before";
+        EXPECT_EQ(bv_os_systemex(out, sizeof out, format, none), BV_ERR_FAILED);
+        EXPECT_STREQ(out, "");
+    }
+}
+
+TEST_F(Shell, SysprocessRunsSuEvenForACommandThatDoesNotFit)
+{
+    mkdir("/scratch/bin", 0755);
+    write_file("/scratch/bin/su", "#!/bin/sh\n[ \"$*\" = '-p BROVAN -c ' ] && exit 7\n");
+    chmod("/scratch/bin/su", 0755);
+    const std::string path = getenv("PATH");
+    setenv("PATH", ("/scratch/bin:" + path).c_str(), 1);
+    EXPECT_EQ(WEXITSTATUS(bv_os_sysprocess("%s", kTooLong.c_str())), 7);
     EXPECT_EQ(last_line(), "su -p BROVAN -c \"\"");
+    setenv("PATH", path.c_str(), 1);
+    remove("/scratch/bin/su");
+    remove("/scratch/bin");
+
+    g_run = false; // 18 characters besides the command
+    bv_os_sysprocess("%s", std::string(237, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+}
+
+TEST_F(Shell, OfSeveralCommandsOnlyTheLastIsThrownAwayOrLeftToRun)
+{
+    CaptureStdout output;
+    EXPECT_EQ(bv_os_systemnull("echo first; echo last"), 0);
+    EXPECT_EQ(bv_os_systemnull("(echo first; echo last)"), 0);
+    EXPECT_EQ(bv_os_systembk("echo waited > /scratch/first; true"), 0);
+    EXPECT_EQ(output.stop(), "first\n");
+    EXPECT_EQ(read_file("/scratch/first"), "waited\n");
+    remove("/scratch/first");
 }
 
 TEST_F(Shell, AWrappedLineThatDoesNotFitIsRunAsAnEmptyOne)
@@ -257,6 +301,26 @@ TEST_F(Shell, SystemexRunsTheCommandEvenWithoutAPlaceForItsOutput)
     remove("/scratch/ran");
 }
 
+TEST_F(Shell, SystemexLeavesABufferOfMoreThanItsLimitAlone)
+{
+    char out[] = "before";
+    EXPECT_EQ(bv_os_systemex(out, 0x80000000, "echo ran > /scratch/ran; echo x"), BV_ERR_FAILED);
+    EXPECT_STREQ(out, "before");
+    EXPECT_EQ(read_file("/scratch/ran"), "ran\n");
+    remove("/scratch/ran");
+    EXPECT_EQ(bv_os_systemex(out, 0x7fffffff, "echo x"), 0);
+    EXPECT_STREQ(out, "x");
+}
+
+TEST_F(Shell, A257ByteBufferHoldsAnyCapture)
+{
+    char out[257];
+    EXPECT_EQ(capture_text(std::string(300, 'x'), out, 256), BV_ERR_FAILED);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(capture_text(std::string(300, 'x'), out, 257), 0);
+    EXPECT_EQ(strlen(out), 256u);
+}
+
 TEST_F(Shell, SystemexReads256BytesAtMost)
 {
     char out[512];
@@ -335,9 +399,31 @@ TEST_F(Shell, ACapturedLineThatDoesNotFitCapturesNothing)
     EXPECT_STREQ(out, "before");
 }
 
+// So much of the 255 characters is the caller's.
+TEST_F(Shell, ACaptureLeavesRoomForItsRedirectionAndFilter)
+{
+    g_run = false;
+    g_pid = 65535;
+    char out[8];
+    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 23, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 22, 'x').c_str());
+    EXPECT_EQ(last_line(), "");
+    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 58 - 4, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 57 - 4, 'x').c_str());
+    EXPECT_EQ(last_line(), "");
+    g_pid = 7;
+    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 22, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 55 - 4, 'x').c_str());
+    EXPECT_EQ(last_line().size(), 255u);
+}
+
 TEST_F(Shell, SysmatchKeepsTheSecondFieldOfMatchingLines)
 {
-    write_file("/scratch/list", "mtd0: 00040000 \"boot\"\nmtd1: 00010000 \"env\"\nmtd2: x \"env2\"\n");
+    write_file("/scratch/list",
+               "mtd0: 00040000 \"boot\"\nmtd1: 00010000 \"env\"\nmtd2: x \"env2\"\n");
     char out[64];
     EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "boot", " ", "cat /scratch/%s", "list"), 0);
     EXPECT_STREQ(out, "00040000");
@@ -345,6 +431,11 @@ TEST_F(Shell, SysmatchKeepsTheSecondFieldOfMatchingLines)
     EXPECT_STREQ(out, "env\nenv2");
     EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "wlan", ":", "cat /scratch/list"), BV_ERR_FAILED);
     EXPECT_STREQ(out, "");
+    strcpy(out, "before");
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "boot", "#", "cat /scratch/list"), BV_ERR_FAILED);
+    EXPECT_STREQ(out, "") << "no second field";
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, nullptr, nullptr, "echo 'x(null)y'"), 0);
+    EXPECT_STREQ(out, ")y") << "awk's parentheses are not the text's";
     remove("/scratch/list");
 }
 
@@ -459,6 +550,9 @@ TEST_F(Shell, GetPipeLeavesTheBufferAloneWhenThereIsNothing)
     char out[] = "before";
     bv_get_pipe("true", out, sizeof out);
     EXPECT_STREQ(out, "before");
+    bv_get_pipe("true", out, 1);
+    EXPECT_STREQ(out, "") << "room for the terminator only";
+    strcpy(out, "before");
     fault_popen.fail_next(1, EMFILE);
     bv_get_pipe("echo x", out, sizeof out);
     EXPECT_EQ(fault_popen.calls(), 1);

@@ -55,6 +55,30 @@ TEST(Strncpy, TakesAtMostCountCharactersAndTerminates)
     EXPECT_STREQ(dst, "");
 }
 
+TEST(Strncpy, ACountAbove31BitsFailsWithAnyText)
+{
+    char dst[] = "before";
+    EXPECT_EQ(bv_os_strncpy(dst, sizeof dst, "xy", 0x7fffffff), 0);
+    EXPECT_STREQ(dst, "xy");
+    EXPECT_NE(bv_os_strncpy(dst, sizeof dst, "xy", 0x80000000), 0);
+    EXPECT_STREQ(dst, "");
+}
+
+TEST(Strings, BoundedOnesFailOnOverlap)
+{
+    char text[] = "abcdefgh";
+    EXPECT_EQ(bv_os_strcpy(text, 9, text), 0);
+    EXPECT_EQ(bv_os_strncpy(text, 9, text, 8), 0);
+    EXPECT_STREQ(text, "abcdefgh");
+    EXPECT_NE(bv_os_strcpy(text, 9, text + 2), 0);
+    EXPECT_STREQ(text, "");
+    char longer[20] = "abcd";
+    EXPECT_NE(bv_os_strncpy(longer + 1, 19, longer, 4), 0);
+    EXPECT_STREQ(longer, "a");
+    EXPECT_NE(bv_os_strcat(longer, 20, longer), 0);
+    EXPECT_STREQ(longer, "");
+}
+
 TEST(Strcat, AppendsOrEmpties)
 {
     char dst[8] = "abc";

@@ -181,6 +181,14 @@ TEST(Tohexstr, ZerosFollowTheTextUpTo512Bytes)
     EXPECT_EQ(out.substr(512), std::string(88, '?'));
 }
 
+TEST(Tohexstr, TheLargestCapacityIsFine)
+{
+    char out[512];
+    memset(out, '?', sizeof out);
+    EXPECT_EQ(bv_os_tohexstr("\xab", 1, out, 0x7fffffff), 0);
+    EXPECT_EQ(std::string(out, sizeof out), "ab" + std::string(510, '\0'));
+}
+
 TEST(Tohexstr, RestartsFromEmptyAtEvery256thByte)
 {
     for (size_t length : {0, 1, 254, 255, 256, 257, 300, 511, 512, 513, 1000}) {
@@ -193,10 +201,11 @@ TEST(Tohexstr, RestartsFromEmptyAtEvery256thByte)
     }
 }
 
-TEST(Tohexstr, NullAndZeroSizesDoNoHarm)
+TEST(Tohexstr, NullAndSizesOutOfRangeDoNoHarm)
 {
     char out[4] = {'a', 'b', 'c', 'd'};
     EXPECT_EQ(bv_os_tohexstr("x", 1, out, 0), 0);
+    EXPECT_EQ(bv_os_tohexstr("x", 1, out, 0x80000000), 0);
     EXPECT_EQ(memcmp(out, "abcd", 4), 0);
     EXPECT_EQ(bv_os_tohexstr("x", 1, nullptr, 4), 0);
     EXPECT_EQ(bv_os_tohexstr(nullptr, 0, out, 4), 0);

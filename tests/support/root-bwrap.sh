@@ -56,7 +56,7 @@ exec bwrap --unshare-pid --unshare-net --unshare-ipc --unshare-uts --unshare-cgr
     --ro-bind "$support/etc/shadow" /etc/shadow --ro-bind "$support/etc/nsswitch.conf" /etc/nsswitch.conf \
     --ro-bind "$support/etc/pam.d" /etc/pam.d \
     --ro-bind "$support/bin/cat" /opt/bin/cat \
-    --proc /proc --dev /dev --perms 1777 --tmpfs /tmp --perms 1777 --tmpfs /dev/shm \
+    --proc /proc --dev /dev --perms 1777 --tmpfs /tmp --perms 1777 --tmpfs /scratch --perms 1777 --tmpfs /dev/shm \
     --ro-bind "$source_tree" "$source_tree" \
     --setenv PATH "$inside_path" --setenv HOME /root --setenv SHELL /bin/sh --setenv LC_ALL C --setenv TMPDIR /tmp \
-    --unsetenv BV_ROOT_INSIDE --unsetenv LD_PRELOAD --unsetenv LD_LIBRARY_PATH --chdir /tmp "$@"
+    --unsetenv BV_ROOT_INSIDE --unsetenv LD_PRELOAD --unsetenv LD_LIBRARY_PATH --chdir /scratch "$@"

@@ -18,10 +18,10 @@ echo $? > /.status
 kill -9 -$! 2> /dev/null'
 set -- sh -c "$inside" sh "$@"
 
-for dir in etc/template config/factory config/work var/run var/tmp run home root opt/bin usr proc dev/shm tmp; do
+for dir in etc/template config/factory config/work var/run var/tmp run home root opt/bin usr proc dev/shm tmp scratch; do
     mkdir -p "$folder/$dir"
 done
-chmod 1777 "$folder/tmp" "$folder/dev/shm"
+chmod 1777 "$folder/tmp" "$folder/scratch" "$folder/dev/shm"
 cp -R "$support/etc/." "$folder/etc"
 cp "$support/bin/cat" "$support/bin/su" "$folder/opt/bin"
 for name in bin sbin lib lib32 lib64 libx32; do
@@ -60,8 +60,11 @@ IFS=$old_ifs
 unset LD_PRELOAD LD_LIBRARY_PATH
 proot=$(command -v proot)
 PROOT_TMP_DIR=${TMPDIR:-/tmp}
+# A heap that grows step by step ends in a fault below proot, so the first step is a large one.
+MALLOC_TOP_PAD_=536870912
+export MALLOC_TOP_PAD_
 PATH=$inside_path HOME=/root SHELL=/bin/sh LC_ALL=C TMPDIR=/tmp
 export PROOT_TMP_DIR PATH HOME SHELL LC_ALL TMPDIR
 
-"$proot" -r "$folder" -b /usr -b /proc -b "$source_tree" -w /tmp "$@" || :
+"$proot" -r "$folder" -b /usr -b /proc -b "$source_tree" -w /scratch "$@" || :
 exit "$(cat "$folder/.status")"

@@ -28,7 +28,7 @@ inline void end_shared_files_after(rlim_t bytes)
     if (!root_is_shared())
         return;
     signal(SIGXFSZ, SIG_IGN);
-    rlimit size = {bytes, bytes};
+    rlimit size = {bytes, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &size);
 }
 

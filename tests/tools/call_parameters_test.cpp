@@ -112,7 +112,8 @@ TEST_F(CallParameters, HaveTheTemplatesDefaultsUnlessBytesAreGiven)
 TEST_F(CallParameters, CanBeChangedOneByOne)
 {
     ASSERT_EQ(run_tool({"-T", "lan.json", "-w", "/scratch/image", "lan_get"}).status, 0);
-    ASSERT_EQ(run_tool({"-T", "lan.json", "-f", "/scratch/image", "lan_set", "mtu=1400"}).status, 0);
+    ASSERT_EQ(run_tool({"-T", "lan.json", "-f", "/scratch/image", "lan_set", "mtu=1400"}).status,
+              0);
     EXPECT_EQ(run_tool({"-T", "lan.json", "lan_get"}).output,
               "ipaddr=192.168.8.1\nnetmask=255.255.255.0\nmtu=1400\nhostname=office\ndhcp=1\n");
 }
@@ -196,7 +197,8 @@ TEST_F(CallParameters, NeedATemplateThatHasSome)
 
 TEST_F(CallParameters, TextThatFillsItsBytesEndsWithTheImage)
 {
-    write_file("/scratch/text.json", R"({"para":[{"name":"s","type":"string","len":4,"value":""}]})");
+    write_file("/scratch/text.json",
+               R"({"para":[{"name":"s","type":"string","len":4,"value":""}]})");
     EXPECT_EQ(run_tool({"-T", "/scratch/text.json", "-x", "61626364 65656565", "echo"}).output,
               "s=abcd\n");
 }

@@ -352,7 +352,7 @@ TEST(CallAlone, PrintsItsHelpWithoutABus)
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.output.rfind("usage: bv-call", 0), 0u);
     EXPECT_EQ(help.errors, "");
-    EXPECT_EQ(run({"/bin/sh", "-c", BV_TOOL " --help > /dev/full"}).status, 1);
+    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' --help > /dev/full"}).status, 1);
 }
 
 } // namespace

@@ -286,8 +286,9 @@ TEST(TemplateCheck, FindsFileNamesThatTheLibraryCannotUse)
     write_file(longest, good);
     EXPECT_EQ(run_tool({"check", longest}).output, "");
     for (const std::string &name :
-         {std::string("/scratch/a\"b.json"), std::string("/scratch/a$b.json"), std::string("/scratch/a*.json"),
-          std::string("/scratch/a\nb"), std::string("/scratch/a.json "), longest + "n"}) {
+         {std::string("/scratch/a\"b.json"), std::string("/scratch/a$b.json"),
+          std::string("/scratch/a*.json"), std::string("/scratch/a\nb"),
+          std::string("/scratch/a.json "), longest + "n"}) {
         write_file(name, good);
         Outcome outcome = run_tool({"check", name});
         EXPECT_EQ(outcome.status, 1);
@@ -342,7 +343,7 @@ TEST(TemplateCheck, PrintsItsHelpAndRefusesTheRest)
         EXPECT_EQ(outcome.output, "");
         EXPECT_NE(outcome.errors.find("--help"), std::string::npos);
     }
-    EXPECT_EQ(run({"/bin/sh", "-c", BV_TOOL " --help > /dev/full"}).status, 2);
+    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' --help > /dev/full"}).status, 2);
 }
 
 } // namespace

@@ -82,7 +82,9 @@ TEST_F(DataCheck, TakesAPathForTheNameOfAFamily)
 {
     EXPECT_EQ(faults("{\"/etc/template/lan.json\":[]}"), "");
     write_file("/scratch/other.json", "{\"para\":[]}");
-    EXPECT_EQ(faults("{\"/scratch/other.json\":[]}").find("/scratch/other.json:1: \"para\" is empty"), 0u);
+    EXPECT_EQ(
+        faults("{\"/scratch/other.json\":[]}").find("/scratch/other.json:1: \"para\" is empty"),
+        0u);
 }
 
 TEST_F(DataCheck, FindsUnknownFamilies)

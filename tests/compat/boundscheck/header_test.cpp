@@ -55,7 +55,7 @@ TEST(BoundscheckHeader, AProgramWithCheckedFormatsCallsTheSameFunctions)
 TEST(BoundscheckHeader, TheLibraryExportsItsFunctionsAndNothingElse)
 {
     std::set<std::string> names;
-    std::string output = output_of("nm -D --defined-only " BOUNDSCHECK_LIBRARY);
+    std::string output = output_of("nm -D --defined-only '" BOUNDSCHECK_LIBRARY "'");
     for (size_t at = 0; at < output.size();) {
         size_t end = output.find('\n', at);
         std::string line = output.substr(at, end - at);
@@ -67,7 +67,7 @@ TEST(BoundscheckHeader, TheLibraryExportsItsFunctionsAndNothingElse)
 
 TEST(BoundscheckHeader, TheLibraryHasItsPlainNameAndNeedsOnlyTheCLibrary)
 {
-    std::string dynamic = output_of("readelf -d " BOUNDSCHECK_LIBRARY);
+    std::string dynamic = output_of("readelf -d '" BOUNDSCHECK_LIBRARY "'");
     EXPECT_NE(dynamic.find("soname: [libboundscheck.so]"), std::string::npos) << dynamic;
 #if !defined(BV_SANITIZED)
     size_t needed = 0;

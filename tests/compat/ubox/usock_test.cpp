@@ -112,7 +112,7 @@ TEST_F(Usock, AFailureLeavesNoDescriptorOpen)
 
 TEST_F(Usock, APathHasAtMost107Characters)
 {
-    std::string longest = "/scratch/" + std::string(102, 'p');
+    std::string longest = "/scratch/" + std::string(98, 'p');
 
     ASSERT_EQ(longest.size(), 107u);
     Socket server(USOCK_UNIX | USOCK_SERVER, longest.c_str());

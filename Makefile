@@ -18,7 +18,7 @@ help: ## lists the targets
 
 deps: ## installs the missing Debian packages
 	@tools/install-deps
-	@tests/support/root-way > /dev/null 2>&1 || tools/install-deps proot
+	@tests/support/root-way > /dev/null 2>&1 || tools/install-deps proot || tests/support/root-way
 
 build: deps ## builds everything for this workstation
 	@cmake --preset $(PRESET) -B "$(BUILD)"

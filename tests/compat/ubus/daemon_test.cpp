@@ -1,5 +1,8 @@
 // What the daemon promises a client, message by message.
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -610,7 +613,7 @@ TEST(DaemonLife, SecondDaemonLeavesTheFirstAlone)
     Client client;
     std::string complaint;
     EXPECT_EQ(run_daemon({}, &complaint), 1);
-    EXPECT_NE(complaint.find("Address already in use"), std::string::npos) << complaint;
+    EXPECT_NE(complaint.find(strerror(EADDRINUSE)), std::string::npos) << complaint;
     EXPECT_TRUE(client.is_in_step());
     Client newcomer;
     EXPECT_TRUE(newcomer.is_in_step());
@@ -661,7 +664,10 @@ TEST(DaemonLife, DescriptorsAreNotPassedOnAndNeverTheStandardOnes)
         if (readlink((folder + "/" + name).c_str(), target, sizeof(target) - 1) < 0 || info.empty())
             continue; // closed by now, as the connection that waited for the daemon to come up
         if (atoi(name.c_str()) <= STDERR_FILENO) {
-            EXPECT_STREQ(target, "/dev/null") << name;
+            // An emulator opens one of these before the daemon starts.
+            if (getenv("BV_ROOT_USERLAND") == nullptr) {
+                EXPECT_STREQ(target, "/dev/null") << name;
+            }
             continue;
         }
         unsigned long flags = strtoul(info.c_str() + info.find("flags:") + 6, nullptr, 8);

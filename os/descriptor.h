@@ -33,10 +33,10 @@ inline FILE *close_on_exec(FILE *stream)
     return stream;
 }
 
-// As close_on_exec(), for a descriptor that is kept. A service that was started without standard
-// input, output or error would get it as one of these, and send to it whatever it prints: one of
-// 0 to 2 is exchanged for a higher one. Returns the descriptor to use, or -1 (errno set, nothing
-// stays open) if there is no higher one, and for -1.
+// As close_on_exec(), for a descriptor that is kept. In a service that was started without standard
+// input, output or error, the descriptor may get one of these numbers, and would then receive what
+// the service prints: 0 to 2 are exchanged for a higher one. Returns the descriptor to use. Returns
+// -1 for -1, and when no higher one is free (errno is set, nothing stays open).
 inline int keep_descriptor(int fd)
 {
     constexpr int kFirstAboveStandard = STDERR_FILENO + 1;

@@ -71,7 +71,8 @@ BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_tex
  * Decrypts hexadecimal digits into a text.
  *
  * @param hex_in    digits of either case, two a byte; an odd last one and what lies beyond 256 are
- *                  ignored. Each pair is read as strtol(3) reads it, so one that is no number is 0
+ *                  ignored. Each pair is read as strtol(3) reads it, so one that is not a number
+ *                  is 0
  * @param out       gets the text, at most 64 characters, and a terminating zero; empty when it does
  *                  not fit. A zero byte in the plaintext ends the text
  * @param out_size  its size in bytes; 65 is enough for every text, 0 or above 0x7fffffff leaves out

@@ -314,7 +314,7 @@ BV_API int bv_os_systembk(const char *format, ...) BV_PRINTF(1, 2);
  * Runs a command as the user BROVAN, with the caller's environment:
  * su -p BROVAN -c "COMMAND". The command is put between double quotes as it is, so the shell that
  * runs su already expands $ and ` in it. The line takes 18 characters besides the command.
- * @return the wait status: that of su, which fails too when there is no such user
+ * @return the wait status of su, which also fails when the user does not exist
  */
 BV_API int bv_os_sysprocess(const char *format, ...) BV_PRINTF(1, 2);
 
@@ -558,7 +558,7 @@ BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
  * @param out   gets 64 lower-case hexadecimal digits and no terminator, as in bv_os_sm3_str()
  *
  * @retval BV_OK           out holds the digest
- * @retval BV_ERR_NO_FILE  there is no such file, a folder on its path may not be searched, or an
+ * @retval BV_ERR_NO_FILE  the file does not exist, a folder on its path may not be searched, or an
  *                         argument is null
  * @retval BV_ERR_OPEN     the file cannot be opened
  * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB (the allocator prints that on

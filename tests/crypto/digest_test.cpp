@@ -238,7 +238,7 @@ TEST_F(Sm3File, AFileThatMayNotBeReadIsReported)
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    unlink("/scratch/file"); // where root has no capabilities it stands in others' way
+    unlink("/scratch/file"); // later tests could not replace it where root lacks capabilities
 }
 
 TEST_F(Sm3File, ADirectoryHasTheDigestOfNothing)

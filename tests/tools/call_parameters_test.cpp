@@ -146,7 +146,7 @@ TEST_F(CallParameters, AreRefusedWhenTheyWouldBeStoredAsSomethingElse)
 {
     const std::pair<const char *, const char *> rows[] = {
         {"mtu=70000", "70000 does not fit type ushort (0 to 65535)"},
-        {"mtu=", "'' is no number"},
+        {"mtu=", "'' is not a number"},
         {"ipaddr=10.0.0", "'10.0.0' is no IPv4 address"},
         {"hostname=abcdefghijklmnopqrstuvwxyz012345",
          "text of 32 bytes is too long for len 32, which counts the zero byte at its end"},

@@ -103,11 +103,11 @@ TEST(TemplateCheck, FindsValuesThatDoNotFit)
         {"ushort", "2", "65536", "65536 does not fit type ushort (0 to 65535)"},
         {"int", "4", "2147483648", "2147483648 does not fit type int (-2147483648 to 2147483647)"},
         {"uint", "4", "4294967296", "4294967296 does not fit type uint (0 to 4294967295)"},
-        {"uint", "4", "\"99999999999999999999\"", "'99999999999999999999' is no number"},
-        {"int", "4", "\"\"", "'' is no number"},
-        {"int", "4", "\"-\"", "'-' is no number"},
-        {"int", "4", "\"12a\"", "'12a' is no number"},
-        {"int", "4", "1.5", "'1.5' is no number"},
+        {"uint", "4", "\"99999999999999999999\"", "'99999999999999999999' is not a number"},
+        {"int", "4", "\"\"", "'' is not a number"},
+        {"int", "4", "\"-\"", "'-' is not a number"},
+        {"int", "4", "\"12a\"", "'12a' is not a number"},
+        {"int", "4", "1.5", "'1.5' is not a number"},
         {"mac", "6", "\"02:00:00:00:00\"", "'02:00:00:00:00' is no MAC address"},
         {"mac", "6", "\"02:00:00:00:00:01 \"", "'02:00:00:00:00:01 ' is no MAC address"},
         {"mac", "6", "\"002:0:0:0:0:1\"", "'002:0:0:0:0:1' is no MAC address"},
@@ -304,7 +304,7 @@ TEST(TemplateCheck, ReportsEveryFaultOfEveryFile)
     Outcome outcome = run_tool({"check", "/scratch/a.json", "/scratch/b.json"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "/scratch/a.json:1: len 2 does not fit type int, which takes 4\n"
-                              "/scratch/a.json:1: value of \"x\": 'x' is no number\n"
+                              "/scratch/a.json:1: value of \"x\": 'x' is not a number\n"
                               "/scratch/b.json:1: no JSON: a value is expected\n");
 }
 

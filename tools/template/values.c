@@ -54,7 +54,7 @@ static bool number_fits(const struct value_type *type, const char *text, char wh
     int64_t number;
 
     if (!value_number(text, &number)) {
-        snprintf(why, WHY_SIZE, "'%.40s' is no number", text);
+        snprintf(why, WHY_SIZE, "'%.40s' is not a number", text);
         return false;
     }
     if (number >= type->lowest && number <= type->highest)

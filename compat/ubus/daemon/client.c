@@ -341,8 +341,8 @@ static bool serve_rest(struct client *client)
     return alive;
 }
 
-// Reads once; but of a client that has hung up everything that it sent. False when there is no more
-// to come.
+// Reads once, or everything that is left when the client has hung up. False at the end of what it
+// sent.
 static bool read_on(struct client *client)
 {
     do {

@@ -15,8 +15,8 @@ static int64_t now_ms(void)
     return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-// One millisecond more, because the clock is cut to whole ones: no wait is too short. Without a
-// positive timeout there is no deadline.
+// One millisecond more, because the clock is cut to whole ones: no wait is too short. A timeout of
+// 0 or below means no deadline.
 int64_t deadline_after(int timeout)
 {
     return timeout > 0 ? now_ms() + timeout + 1 : kNever;

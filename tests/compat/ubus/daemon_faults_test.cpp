@@ -27,7 +27,7 @@ constexpr const char *kPath = "/scratch/bus.sock";
 // What is to fail, shared with the child. Counts go down with each failure.
 struct Faults {
     std::atomic<bool> account;
-    std::atomic<int> account_error; // 0: there is no such account
+    std::atomic<int> account_error; // 0: the account does not exist
     std::atomic<int> accepting;
     std::atomic<int> watching;
 };

@@ -1,7 +1,0 @@
-bv_sources(
-  hash.cpp
-  jhash.cpp
-  netlink.cpp
-  notifier.cpp
-  queue.cpp
-  ticks.cpp)

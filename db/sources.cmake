@@ -1,9 +1,0 @@
-bv_sources(
-  registry.cpp
-  template.cpp
-  convert.cpp
-  instance.cpp
-  access.cpp
-  file_write.cpp
-  file_read.cpp
-  control.cpp)

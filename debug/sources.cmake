@@ -1,1 +1,0 @@
-bv_sources(switches.cpp channel.cpp startup.cpp)

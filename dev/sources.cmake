@@ -1,1 +1,0 @@
-bv_sources(mtd.cpp ioctl.cpp sftp.cpp)

@@ -7,6 +7,7 @@
 #include <bv/db.h>
 
 #include "db/internal.h"
+#include "db/types.h"
 
 #include <bv/os.h>
 
@@ -14,38 +15,16 @@
 
 namespace {
 
-constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
+constexpr uint32_t kValueSize = bv::kParameterTextSize;
+static_assert(sizeof(bv_db_para::value) == kValueSize, "a descriptor's value");
 constexpr uint32_t kMacSize = 6;
 constexpr uint32_t kIpSize = 4;
 
-enum class Type : uint8_t { Unknown, String, Char, Uchar, Short, Ushort, Int, Uint, Mac, Ip };
-
-struct TypeName {
-    char name[7];
-    Type type;
-};
-constexpr TypeName kTypeNames[] = {
-    {"string", Type::String}, {"char", Type::Char},     {"uchar", Type::Uchar},
-    {"short", Type::Short},   {"ushort", Type::Ushort}, {"int", Type::Int},
-    {"uint", Type::Uint},     {"mac", Type::Mac},       {"ip", Type::Ip}};
-
-// Every parameter of every instance comes through here: nine calls of the string comparison
-// would cost more than the conversion itself.
-bool is_text(const char *text, const char *expected)
+// Where a number's lowest bytes are while it is converted: images have the machine's order.
+uint8_t *low_bytes(uint32_t &number, uint32_t size)
 {
-    while (*text == *expected && *text != '\0') {
-        ++text;
-        ++expected;
-    }
-    return *text == *expected;
-}
-
-Type type_of(const bv_db_para &para)
-{
-    for (const TypeName &row : kTypeNames)
-        if (is_text(para.type, row.name))
-            return row.type;
-    return Type::Unknown;
+    constexpr bool kLittleEndian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+    return reinterpret_cast<uint8_t *>(&number) + (kLittleEndian ? 0 : sizeof number - size);
 }
 
 // Calls visit(parameter, position in the image) for each descriptor up to the first invalid one.
@@ -61,6 +40,13 @@ void walk(bv_db_para *table, int32_t count, Visit visit)
 
 constexpr int64_t kUnknownSize = INT64_MAX;
 
+// One comparison for both ends of an image, whose size is never negative: a position below 0 is
+// far above it.
+bool is_inside(int64_t position, int64_t size)
+{
+    return static_cast<uint64_t>(position) < static_cast<uint64_t>(size);
+}
+
 // An image to read from; what is outside it reads as 0.
 struct Source {
     const uint8_t *bytes;
@@ -68,18 +54,26 @@ struct Source {
 
     uint8_t at(int64_t position) const
     {
-        return position >= 0 && position < size ? bytes[position] : uint8_t{0};
+        return is_inside(position, size) ? bytes[position] : uint8_t{0};
     }
 
-    // Fills an object of any type with the bytes at a position that need not be aligned.
-    template <typename T>
-    T load(int64_t position) const
+    void load(int64_t position, uint8_t *to, uint32_t count) const
     {
-        T object{};
-        auto *to = reinterpret_cast<uint8_t *>(&object);
-        for (uint32_t i = 0; i < sizeof(object); ++i)
+        for (uint32_t i = 0; i < count; ++i)
             to[i] = at(position + i);
-        return object;
+    }
+
+    uint32_t load_unsigned(int64_t position, uint32_t width) const
+    {
+        uint32_t number = 0;
+        load(position, low_bytes(number, width), width);
+        return number;
+    }
+
+    int32_t load_signed(int64_t position, uint32_t width) const
+    {
+        const uint32_t unused_bits = 8 * (4 - width);
+        return static_cast<int32_t>(load_unsigned(position, width) << unused_bits) >> unused_bits;
     }
 };
 
@@ -90,25 +84,15 @@ struct Target {
 
     void put(int64_t position, uint8_t byte) const
     {
-        if (position >= 0 && position < size)
+        if (is_inside(position, size))
             bytes[position] = byte;
     }
 
-    template <typename T>
-    void store(int64_t position, const T &object) const
+    void store(int64_t position, const uint8_t *from, uint32_t count) const
     {
-        auto *from = reinterpret_cast<const uint8_t *>(&object);
-        for (uint32_t i = 0; i < sizeof(object); ++i)
+        for (uint32_t i = 0; i < count; ++i)
             put(position + i, from[i]);
     }
-};
-
-struct Mac {
-    uint8_t bytes[kMacSize];
-};
-
-struct Ip {
-    uint8_t bytes[kIpSize];
 };
 
 // Written in place: printing or copying each number with a call would take most of a commit.
@@ -151,28 +135,25 @@ void string_to_text(const Source &image, int64_t position, char *value)
 
 void parameter_to_text(const Source &image, int64_t position, bv_db_para &para)
 {
-    char *value = para.value;
-    switch (type_of(para)) {
-    case Type::String:
-        return string_to_text(image, position, value);
-    case Type::Char:
-        return put_signed(value, image.load<int8_t>(position));
-    case Type::Uchar:
-        return put_unsigned(value, image.load<uint8_t>(position));
-    case Type::Short:
-        return put_signed(value, image.load<int16_t>(position));
-    case Type::Ushort:
-        return put_unsigned(value, image.load<uint16_t>(position));
-    case Type::Int:
-        return put_signed(value, image.load<int32_t>(position));
-    case Type::Uint:
-        return put_unsigned(value, image.load<uint32_t>(position));
-    case Type::Mac:
-        return bv_os_mac_ntop(image.load<Mac>(position).bytes, value, kValueSize);
-    case Type::Ip:
-        bv_os_inet_ntop(image.load<Ip>(position).bytes, value, kValueSize);
+    const bv::ParameterType *type = bv::find_type(para.type);
+    if (type == nullptr)
         return;
-    case Type::Unknown:
+
+    uint8_t address[kMacSize];
+    char *value = para.value;
+    switch (type->kind) {
+    case bv::TypeKind::String:
+        return string_to_text(image, position, value);
+    case bv::TypeKind::Signed:
+        return put_signed(value, image.load_signed(position, type->size));
+    case bv::TypeKind::Unsigned:
+        return put_unsigned(value, image.load_unsigned(position, type->size));
+    case bv::TypeKind::Mac:
+        image.load(position, address, kMacSize);
+        return bv_os_mac_ntop(address, value, kValueSize);
+    case bv::TypeKind::Ip:
+        image.load(position, address, kIpSize);
+        bv_os_inet_ntop(address, value, kValueSize);
         return;
     }
 }
@@ -210,43 +191,31 @@ void text_to_string(const Target &image, int64_t position, int32_t len, const ch
     bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, count);
 }
 
-void text_to_mac(const Target &image, int64_t position, const char *value)
-{
-    Mac mac{};
-    bv_os_mac_pton(value, mac.bytes);
-    image.store(position, mac);
-}
-
-void text_to_ip(const Target &image, int64_t position, const char *value)
-{
-    Ip ip{}; // stays 0.0.0.0 when the text is not an address
-    bv_os_inet_pton(value, ip.bytes);
-    image.store(position, ip);
-}
-
+// An address that the text does not hold is stored as zeros.
 void parameter_to_image(const Target &image, int64_t position, bv_db_para &para)
 {
-    auto &value = para.value;
-    switch (type_of(para)) {
-    case Type::String:
-        return text_to_string(image, position, para.len, value);
-    case Type::Char:
-    case Type::Uchar:
-        return image.store(position, static_cast<uint8_t>(number_of(value)));
-    case Type::Short:
-    case Type::Ushort:
-        return image.store(position, static_cast<uint16_t>(number_of(value)));
-    case Type::Int:
-    case Type::Uint:
-        return image.store(position, number_of(value));
-    case Type::Mac:
-        bv::terminate(value);
-        return text_to_mac(image, position, value);
-    case Type::Ip:
-        bv::terminate(value);
-        return text_to_ip(image, position, value);
-    case Type::Unknown:
+    const bv::ParameterType *type = bv::find_type(para.type);
+    if (type == nullptr)
         return;
+
+    uint8_t address[kMacSize] = {};
+    uint32_t number;
+    auto &value = para.value;
+    switch (type->kind) {
+    case bv::TypeKind::String:
+        return text_to_string(image, position, para.len, value);
+    case bv::TypeKind::Signed:
+    case bv::TypeKind::Unsigned:
+        number = number_of(value);
+        return image.store(position, low_bytes(number, type->size), type->size);
+    case bv::TypeKind::Mac:
+        bv::terminate(value);
+        bv_os_mac_pton(value, address);
+        return image.store(position, address, kMacSize);
+    case bv::TypeKind::Ip:
+        bv::terminate(value);
+        bv_os_inet_pton(value, address);
+        return image.store(position, address, kIpSize);
     }
 }
 
@@ -258,7 +227,7 @@ int64_t working_size(const bv_db_family &family)
         return bv::image_allocation(family.image_size);
     int64_t sum = 0;
     walk(family.para, family.para_count, [&](const bv_db_para &para, int64_t) { sum += para.len; });
-    return sum;
+    return sum > 0 ? sum : 0;
 }
 
 } // namespace

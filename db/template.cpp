@@ -10,6 +10,7 @@
 #include "core/list.h"
 #include "db/internal.h"
 #include "db/json_members.h"
+#include "db/types.h"
 #include "os/alloc.h"
 #include "os/checked.h"
 
@@ -22,10 +23,8 @@ namespace {
 
 constexpr char kTemplateDir[] = "/etc/template";
 constexpr uint32_t kPathSize = 1024;
-constexpr uint32_t kTextSize = 1024;
-constexpr int32_t kLenLimit = 1024;
-// The descriptors of a family share one allocation, of at most 1310720 bytes.
-constexpr size_t kMaxParameters = 1310720 / sizeof(bv_db_para);
+constexpr uint32_t kTextSize = bv::kParameterTextSize;
+static_assert(bv::kMaxParameters == 1310720 / sizeof(bv_db_para), "what one allocation may hold");
 
 // Looks for a template's file by its name. Several matches give several lines, which are not a path
 // and fail to open.
@@ -55,7 +54,7 @@ bool take_parameter(json_object *element, bv_db_para &slot)
     if (len == nullptr)
         return false;
     slot.len = bv_json_object_get_int(len);
-    if (slot.len >= kLenLimit)
+    if (slot.len > bv::kMaxParameterLength)
         return false;
     return take_text(members, "value", slot.value) && named && typed;
 }
@@ -87,7 +86,7 @@ int32_t read_parameters(json_object *tree, bv_db_family &family)
     const size_t count = bv_json_object_array_length(para);
     if (count == 0)
         return BV_OK;
-    if (count > kMaxParameters)
+    if (count > bv::kMaxParameters)
         return BV_ERR_FAILED;
 
     family.para = bv::allocate_zeroed<bv_db_para>(uint64_t{count} * sizeof(bv_db_para));

@@ -71,8 +71,8 @@ BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_tex
  * Decrypts hexadecimal digits into a text.
  *
  * @param hex_in    digits in either case, two for each byte; an odd last digit, and digits after
- * the 256th, are ignored. Each pair is read as strtol(3) reads it, so a pair that is not a number
- * is 0
+ *                  the 256th, are ignored. Each pair is read as strtol(3) reads it, so a pair that
+ *                  is not a number is 0
  * @param out       gets the text, at most 64 characters, and a terminating zero; empty when it does
  *                  not fit. A zero byte in the plaintext ends the text
  * @param out_size  its size in bytes; 65 is enough for every text. 0 or above 0x7fffffff leaves out
@@ -88,7 +88,7 @@ BV_API int32_t bv_aes_str_de(const char *hex_in, char *out, uint32_t out_size, c
  * out, and a file that shrinks ends early.
  *
  * @param in_path   the file to read. When it is missing or empty nothing is written, but out_path
- * is still created
+ *                  is still created
  * @param out_path  the file to write, created with mode 0666 less the umask. It is not truncated:
  *                  the end of a longer file stays there after the new bytes. It may be the input
  *                  file only when that has at most 32 bytes: the output is longer than the input,
@@ -105,8 +105,8 @@ BV_API int32_t bv_aes_file_en(const char *in_path, const char *out_path, const u
  *
  * @param in_path   the file to read; as for bv_aes_file_en()
  * @param out_path  the file to write; as for bv_aes_file_en(), but it may be the input file
- * whatever its size: the output is shorter and never overtakes the reading. The end of the old file
- * stays there too
+ *                  whatever its size: the output is shorter and never overtakes the reading. The
+ *                  end of the old file stays there too
  * @param key       16 bytes
  * @return 0
  */

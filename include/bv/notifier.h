@@ -74,7 +74,7 @@ BV_API int32_t bv_notifier_init(void);
  * @param callback  the callback; null is ignored
  *
  * @return 0, also when nothing was registered: with a wrong argument, when memory is short, or
- * while no dispatch thread runs (see bv_notifier_init())
+ *         while no dispatch thread runs (see bv_notifier_init())
  *
  * There is no lock: register from one thread at a time. Events may be delivered meanwhile; the new
  * callback may or may not get an event that is being delivered.

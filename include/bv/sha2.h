@@ -11,7 +11,7 @@
  *  - a pointer may be null if its length is 0; with any other null argument the call does nothing;
  *  - output is written last, so it may overlap the input or the key;
  *  - the library clears its copies of keys, passwords and intermediate results before it returns.
- * It does not clear the caller's context, which holds the key during an HMAC;
+ *    It does not clear the caller's context, which holds the key during an HMAC;
  *  - any number of threads may call at once, each on its own contexts.
  *
  * Calling order: sha2_starts(), sha2_update() as often as needed, sha2_finish(). With a key:

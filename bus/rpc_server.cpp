@@ -71,7 +71,7 @@ bv_ubus_handler find_handler(const char *name)
     return g_last_called.handler;
 }
 
-// A request's bytes in a block of the declared length, with zeros after them; null if memory is
+// A block of the declared length with the request's bytes and zeros after them; null if memory is
 // short.
 uint8_t *extend_bytes(const bv::RpcRequest &request)
 {

@@ -96,13 +96,14 @@ bv_db_family *find_family(const char *name);
 // Finds families one after the other. Most are created in the order of registration, so it first
 // tries the one after the last one found: comparing names is cheaper than hashing the padded key,
 // which would take a quarter of a commit. A record that a service put into the table itself is in
-// no list, so the walk starts over with the hash after it.
+// no list: after it the next one is found by its hash.
 class FamilyCursor {
 public:
     bv_db_family *find(const char *name)
     {
-        bv_db_family *family = &record_of<bv_db_family>(next_);
-        if (next_ == &g_st_db_mng.family_list || bv_os_strcmp(family->name, name) != 0)
+        const bool at_end = next_ == &g_st_db_mng.family_list;
+        bv_db_family *family = at_end ? nullptr : &record_of<bv_db_family>(next_);
+        if (family == nullptr || bv_os_strcmp(family->name, name) != 0)
             family = find_family(name);
         if (family != nullptr)
             next_ = family->link.next != nullptr ? family->link.next : &g_st_db_mng.family_list;

@@ -190,5 +190,5 @@ int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len)
     if (!fd)
         return BV_ERR_OPEN;
     erase_blocks(fd.get(), name, offset, len, info.erasesize);
-    return bv_os_close(fd.release()); // a device that cannot be closed may not have erased
+    return bv_os_close(fd.release()); // a driver may report a late failure only here
 }

@@ -4,6 +4,7 @@
 #include <bv/os.h>
 
 #include "os/descriptor.h"
+#include "os/owned.h"
 
 #include <cstdarg>
 #include <unistd.h>

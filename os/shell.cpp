@@ -8,6 +8,7 @@
 
 #include "os/atomic.h"
 #include "os/descriptor.h"
+#include "os/owned.h"
 
 #include <securec.h>
 

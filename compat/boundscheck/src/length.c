@@ -10,7 +10,7 @@ static const uint32_t kMaxNumber = 214748369;
 bool bc_take_number(const char **format, int *value)
 {
     uint32_t number = 0;
-    for (; bc_is_digit(**format); ++*format) {
+    for (; bc_is_digit(**format); (*format)++) {
         number = number * 10 + (uint32_t)(**format - '0');
         if (number > kMaxNumber)
             return false;
@@ -44,7 +44,7 @@ static bool take_capital_i(const char **format, struct length_letters *letters)
 static bool is_one_of(const char *letters, char letter)
 {
     while (*letters != '\0' && *letters != letter)
-        ++letters;
+        letters++;
     return *letters != '\0';
 }
 

@@ -52,7 +52,7 @@ static size_t plain_length(const char *format)
 {
     size_t length = 0;
     while (format[length] != '\0' && format[length] != '%')
-        ++length;
+        length++;
     return length;
 }
 
@@ -70,7 +70,7 @@ static enum print_status print_all(struct print_sink *sink, const char *format,
             status = bc_put(sink, "%", 1);
             format += 2;
         } else {
-            ++format;
+            format++;
             status = print_directive(sink, &format, arguments);
         }
     }

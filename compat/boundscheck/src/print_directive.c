@@ -26,14 +26,14 @@ static bool take_flag(const char **format, struct print_directive *directive)
     default:
         return false;
     }
-    ++*format;
+    (*format)++;
     return true;
 }
 
 static bool take_star_width(const char **format, struct print_directive *directive,
                             struct arguments *arguments)
 {
-    ++*format;
+    (*format)++;
     int width = va_arg(arguments->list, int);
     if (width < -kMaxStar || width > kMaxStar)
         return false;
@@ -71,11 +71,11 @@ static bool take_precision(const char **format, struct print_directive *directiv
 {
     if (**format != '.')
         return true;
-    ++*format;
+    (*format)++;
     if (**format != '*')
         return bc_take_number(format, &directive->precision);
 
-    ++*format;
+    (*format)++;
     directive->precision = va_arg(arguments->list, int);
     return directive->precision <= kMaxStar;
 }
@@ -96,6 +96,6 @@ bool bc_take_print_directive(const char **format, struct print_directive *direct
     directive->conversion = **format;
     if (directive->conversion == '\0')
         return false;
-    ++*format;
+    (*format)++;
     return true;
 }

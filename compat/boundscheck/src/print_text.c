@@ -66,7 +66,7 @@ static enum print_status put_wide(struct print_sink *sink, const struct print_di
 
     mbstate_t state;
     memset(&state, 0, sizeof(state));
-    for (size_t i = 0; i < length && status == kPrintOk; ++i)
+    for (size_t i = 0; i < length && status == kPrintOk; i++)
         status = put_wide_character(sink, text[i], &state);
     if (status == kPrintOk && directive->left)
         status = bc_fill(sink, ' ', padding);

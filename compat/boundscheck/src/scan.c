@@ -17,7 +17,7 @@ static enum scan_status scan_itself(struct scan_state *scan, char wanted)
     bc_skip_blanks(scan);
     if (bc_look(scan) != (unsigned char)wanted)
         return kScanError;
-    ++scan->next;
+    scan->next++;
     return kScanOn;
 }
 
@@ -69,13 +69,13 @@ static enum scan_status scan_all(struct scan_state *scan, const char *format)
     while (*format != '\0' && status == kScanOn) {
         if (bc_is_blank(*format)) {
             bc_skip_blanks(scan);
-            ++format;
+            format++;
         } else if (*format == '%') {
-            ++format;
+            format++;
             status = scan_directive(scan, &format);
         } else if (bc_look(scan) == (unsigned char)*format) {
-            ++scan->next;
-            ++format;
+            scan->next++;
+            format++;
         } else {
             status = kScanStop;
         }
@@ -98,7 +98,7 @@ static void empty_first_text(struct scan_state *scan, const char *format)
     format = strchr(format, '%');
     if (format == NULL)
         return;
-    ++format;
+    format++;
     if (bc_take_scan_directive(&format, &directive) && is_text_conversion(directive.conversion))
         bc_empty_text(scan, &directive, &format);
 }

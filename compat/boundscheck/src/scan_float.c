@@ -20,20 +20,20 @@ static bool take_one(struct scan_state *scan, struct float_text *text, char firs
     int c = bc_look(scan);
     if (c != first && c != second)
         return false;
-    ++scan->next;
-    --text->width;
+    scan->next++;
+    text->width--;
     return true;
 }
 
 static bool take_digits(struct scan_state *scan, struct float_text *text)
 {
     bool found = false;
-    for (; text->width != 0; --text->width) {
+    for (; text->width != 0; text->width--) {
         int c = bc_look(scan);
         if (c < '0' || c > '9')
             break;
         found = true;
-        ++scan->next;
+        scan->next++;
     }
     return found;
 }
@@ -96,8 +96,8 @@ enum scan_status bc_scan_float(struct scan_state *scan, const struct scan_direct
         void *to = va_arg(scan->arguments->list, void *);
         if (to == NULL || !convert(to, directive->length.strongest, &text))
             return kScanError;
-        ++scan->stored;
+        scan->stored++;
     }
-    ++scan->completed;
+    scan->completed++;
     return kScanOn;
 }

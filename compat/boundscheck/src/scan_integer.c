@@ -39,8 +39,8 @@ static void take_sign(struct scan_state *scan, size_t *width, struct digits *dig
     if (c != '+' && c != '-')
         return;
     digits->negative = c == '-';
-    ++scan->next;
-    --*width;
+    scan->next++;
+    (*width)--;
     bc_look(scan); // also when the width is used up: a sign at the end of the input is an early end
 }
 
@@ -50,13 +50,13 @@ static bool take_base(struct scan_state *scan, size_t *width, char conversion, u
 {
     if ((conversion != 'x' && conversion != 'i') || *width == 0 || bc_look(scan) != '0')
         return false;
-    ++scan->next;
-    --*width;
+    scan->next++;
+    (*width)--;
     if (*width != 0) {
         int c = bc_look(scan);
         if (c == 'x' || c == 'X') {
-            ++scan->next;
-            --*width;
+            scan->next++;
+            (*width)--;
             *base = 16;
             return false;
         }
@@ -71,13 +71,13 @@ static bool take_digits(struct scan_state *scan, size_t width, char conversion, 
 {
     take_sign(scan, &width, digits);
     bool found = take_base(scan, &width, conversion, &base);
-    for (; width != 0; --width) {
+    for (; width != 0; width--) {
         unsigned int digit = (unsigned int)digit_value(bc_look(scan));
         if (digit >= base)
             break;
         append_digit(digits, base, digit);
         found = true;
-        ++scan->next;
+        scan->next++;
     }
     return found;
 }
@@ -169,9 +169,9 @@ enum scan_status bc_scan_integer(struct scan_state *scan, const struct scan_dire
         unsigned int bits = clamp_bits(length);
         store(to, size_of(length),
               is_signed ? signed_value(&digits, bits) : unsigned_value(&digits, length, bits));
-        ++scan->stored;
+        scan->stored++;
     }
-    ++scan->completed;
+    scan->completed++;
     return kScanOn;
 }
 
@@ -183,6 +183,6 @@ enum scan_status bc_scan_count(struct scan_state *scan, const struct scan_direct
             return kScanError;
         store(to, size_of(directive->length.strongest), (uint64_t)(scan->next - scan->input));
     }
-    ++scan->completed;
+    scan->completed++;
     return kScanOn;
 }

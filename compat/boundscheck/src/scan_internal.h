@@ -53,7 +53,7 @@ static inline bool bc_is_blank(int c)
 static inline void bc_skip_blanks(struct scan_state *scan)
 {
     while (bc_is_blank(bc_look(scan)))
-        ++scan->next;
+        scan->next++;
 }
 
 // The number of bytes that a conversion may take.

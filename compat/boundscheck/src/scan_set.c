@@ -6,13 +6,13 @@
 
 static void add_range(struct scan_set *set, unsigned char first, unsigned char last)
 {
-    for (unsigned int c = first; c <= last; ++c)
+    for (unsigned int c = first; c <= last; c++)
         set->bits[c >> 3] = (unsigned char)(set->bits[c >> 3] | 1u << (c & 7));
 }
 
 static void negate(struct scan_set *set)
 {
-    for (size_t i = 0; i < sizeof(set->bits); ++i)
+    for (size_t i = 0; i < sizeof(set->bits); i++)
         set->bits[i] = (unsigned char)~set->bits[i];
 }
 
@@ -22,7 +22,7 @@ bool bc_take_set(const char **format, struct scan_set *set)
     memset(set, 0, sizeof(*set));
     bool negated = *next == '^';
     if (negated)
-        ++next;
+        next++;
 
     // The byte that a dash could make the start of a range; 0 where the dash is a plain member:
     // in front, and right behind a complete range. The NUL of an unfinished set is below every
@@ -40,7 +40,7 @@ bool bc_take_set(const char **format, struct scan_set *set)
             // This is also where a range written backwards ends up: as its two ends and the dash.
             add_range(set, *next, *next);
             start = *next;
-            ++next;
+            next++;
         }
     }
 

@@ -108,12 +108,12 @@ static enum scan_status take_text(struct scan_state *scan, size_t width,
                                   const struct acceptance *acceptance, struct text_buffer *buffer)
 {
     const char *start = scan->next;
-    for (; width != 0 && accepts(acceptance, bc_look(scan)); --width) {
+    for (; width != 0 && accepts(acceptance, bc_look(scan)); width--) {
         if (!put(buffer, *scan->next)) {
             terminate(buffer, 0);
             return kScanStop;
         }
-        ++scan->next;
+        scan->next++;
     }
     return scan->next == start ? kScanStop : kScanOn;
 }
@@ -139,7 +139,7 @@ enum scan_status bc_scan_text(struct scan_state *scan, const struct scan_directi
     }
 
     if (!is_character && !directive->suppressed)
-        --buffer.capacity; // the NUL's place
+        buffer.capacity--; // the NUL's place
     size_t width = is_character && !directive->has_width ? 1 : bc_width(directive);
     struct acceptance acceptance = {.set = is_set ? &set : NULL, .blanks = is_character};
     enum scan_status status = take_text(scan, width, &acceptance, &buffer);
@@ -149,8 +149,8 @@ enum scan_status bc_scan_text(struct scan_state *scan, const struct scan_directi
     if (!is_character)
         terminate(&buffer, buffer.used);
     if (!directive->suppressed)
-        ++scan->stored;
-    ++scan->completed;
+        scan->stored++;
+    scan->completed++;
     return kScanOn;
 }
 

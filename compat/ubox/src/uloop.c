@@ -32,12 +32,10 @@ static int open_locked(void)
 
     if (signals_open() < 0) {
         int error = errno;
-
         poll_close();
         errno = error;
         return -1;
     }
-
     return 0;
 }
 
@@ -70,7 +68,6 @@ bool uloop_cancelling(void)
 static int time_to_wait(int timeout)
 {
     int next = uloop_get_next_timeout();
-
     if (timeout < 0)
         return next;
     return next < 0 || next > timeout ? timeout : next;
@@ -91,6 +88,5 @@ int uloop_run_timeout(int timeout)
         poll_dispatch(time_to_wait(timeout));
     } while (timeout < 0 && !is_cancelled());
     run_depth--;
-
     return __atomic_load_n(&uloop_status, __ATOMIC_RELAXED);
 }

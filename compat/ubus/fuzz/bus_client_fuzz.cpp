@@ -23,7 +23,7 @@
 #include <libubox/usock.h>
 #include <libubus.h>
 
-#include "bytes.h"
+#include "wire.h"
 
 namespace {
 

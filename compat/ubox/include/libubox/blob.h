@@ -116,7 +116,6 @@ static inline struct blob_attr *blob_next(const struct blob_attr *attr)
 static inline uint16_t __blob_load_be16(const void *at)
 {
     uint16_t value;
-
     memcpy(&value, at, sizeof(value));
     return be16_to_cpu(value);
 }
@@ -124,7 +123,6 @@ static inline uint16_t __blob_load_be16(const void *at)
 static inline uint32_t __blob_load_be32(const void *at)
 {
     uint32_t value;
-
     memcpy(&value, at, sizeof(value));
     return be32_to_cpu(value);
 }
@@ -132,7 +130,6 @@ static inline uint32_t __blob_load_be32(const void *at)
 static inline uint64_t __blob_load_be64(const void *at)
 {
     uint64_t value;
-
     memcpy(&value, at, sizeof(value));
     return be64_to_cpu(value);
 }
@@ -237,7 +234,6 @@ struct blob_attr *blob_memdup(const struct blob_attr *attr);
 static inline struct blob_attr *blob_put_string(struct blob_buf *buf, int id, const char *str)
 {
     size_t size = strlen(str) + 1;
-
     return size <= BLOB_ATTR_LEN_MASK ? blob_put(buf, id, str, (unsigned int)size) : NULL;
 }
 
@@ -284,7 +280,6 @@ static inline struct blob_attr *__blob_walk_start(const struct blob_attr *attr)
 static inline bool __blob_walk_fits(const struct blob_attr *pos, size_t rem)
 {
     size_t size = blob_pad_len(pos);
-
     return size <= rem && size >= sizeof(struct blob_attr);
 }
 

@@ -176,7 +176,6 @@ static inline int blobmsg_add_u64(struct blob_buf *buf, const char *name, uint64
 static inline int blobmsg_add_double(struct blob_buf *buf, const char *name, double val)
 {
     uint64_t image;
-
     memcpy(&image, &val, sizeof(image));
     image = cpu_to_be64(image);
     return blobmsg_add_field(buf, BLOBMSG_TYPE_DOUBLE, name, &image, sizeof(image));
@@ -185,7 +184,6 @@ static inline int blobmsg_add_double(struct blob_buf *buf, const char *name, dou
 static inline int blobmsg_add_string(struct blob_buf *buf, const char *name, const char *string)
 {
     size_t size = strlen(string) + 1;
-
     if (size > BLOB_ATTR_LEN_MASK)
         return -1;
 
@@ -305,7 +303,6 @@ static inline size_t __blobmsg_walk_len(const struct blob_attr *attr)
 {
     size_t len = __blob_walk_len(attr);
     size_t offset;
-
     if (len == 0)
         return 0;
     if (blob_is_extended(attr) && len < sizeof(struct blobmsg_hdr))

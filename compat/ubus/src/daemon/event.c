@@ -39,18 +39,12 @@ static bool matches(const struct pattern *pattern, const char *name)
 static bool listens_to(const struct object *object, const char *name)
 {
     struct pattern *pattern;
-
     avl_for_each_element(&object->patterns, pattern, by_text)
     {
         if (matches(pattern, name))
             return true;
     }
     return false;
-}
-
-static size_t padding(size_t length)
-{
-    return -length & (BLOB_ATTR_ALIGN - 1);
 }
 
 // Nothing is copied until there is known to be room for it: there may be many listeners.
@@ -73,11 +67,9 @@ static void deliver(const struct object *object, const struct event *event)
 
     for (int i = 0; i < kCount; i++)
         length += parts[i].iov_len;
-    put_header(head, UBUS_MSG_INVOKE, ++seq, 0);
-    put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
-    put_attr(head + kMessageMinimum, UBUS_ATTR_OBJID, kWordLength);
-    put_be32(head + kMessageMinimum + kWordLength, object->id);
-    put_attr(head + kMessageMinimum + 2 * kWordLength, UBUS_ATTR_METHOD, event->name_size);
+    uint8_t *body = put_header(head, UBUS_MSG_INVOKE, ++seq, 0);
+    uint8_t *attrs = put_be32(body, (uint32_t)(length - kHeaderLength));
+    put_attr(put_u32(attrs, UBUS_ATTR_OBJID, object->id), UBUS_ATTR_METHOD, event->name_size);
     put_attr(data, UBUS_ATTR_DATA, event->length);
     output_send(object->owner, (struct origin){.from = event->cause}, parts, kCount);
 }
@@ -86,7 +78,6 @@ static void deliver(const struct object *object, const struct event *event)
 static void publish(const struct event *event)
 {
     struct object *object;
-
     list_for_each_entry(object, &listeners, of_listener)
     {
         if ((object->owner == event->cause && !event->is_daemons) || object->owner->broken)
@@ -102,7 +93,6 @@ static void publish(const struct event *event)
 static void publish_object(const char *event, const struct object *object)
 {
     static struct blob_buf fields;
-
     if (object->path == NULL || list_empty(&listeners))
         return;
     if (blob_buf_init(&fields, 0) != 0 || blobmsg_add_u32(&fields, "id", object->id) != 0 ||
@@ -131,7 +121,6 @@ void event_init_listener(struct object *object)
 void event_forget_listener(struct object *object)
 {
     struct pattern *pattern, *next;
-
     object->owner->kept.patterns -= object->patterns.count;
     avl_remove_all_elements(&object->patterns, pattern, by_text, next) free(pattern);
     list_del_init(&object->of_listener);

@@ -41,7 +41,6 @@ static bool catch_end(void)
 static void fill_standard_descriptors(void)
 {
     int fd;
-
     do
         fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     while (fd >= 0 && fd <= STDERR_FILENO);
@@ -63,7 +62,6 @@ int main(int argc, char **argv)
 {
     const char *path = DEFAULT_SOCKET;
     int option;
-
     fill_standard_descriptors();
     while ((option = getopt(argc, argv, "s:A:")) != -1) {
         if (option == 's')

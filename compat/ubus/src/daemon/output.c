@@ -65,7 +65,6 @@ static void queue_message(struct client *client, struct origin origin, const str
                           int count, size_t sent, size_t total)
 {
     enum queue_result result = queue_add(&client->queue, origin, parts, count, sent, total);
-
     if (result == kQueueKept)
         output_watch(client);
     else if (sent > 0)
@@ -119,8 +118,7 @@ void output_flush(void)
     size_t sent = write_or_stall(client, &all, 1, length);
     const struct origin *origin = collected.origins;
     for (size_t at = 0; at < length && !client->broken; origin++) {
-        size_t size =
-            kHeaderLength + (get_be32(collected.bytes + at + kHeaderLength) & BLOB_ATTR_LEN_MASK);
+        size_t size = kHeaderLength + body_length(collected.bytes + at);
         struct iovec one = {collected.bytes + at, size};
         size_t done = sent > at ? sent - at : 0;
 
@@ -150,7 +148,6 @@ static void collect(struct client *to, struct origin origin, const struct iovec 
 void output_send(struct client *to, struct origin origin, const struct iovec *parts, int count)
 {
     size_t total = 0;
-
     if (to->broken)
         return;
     for (int i = 0; i < count; i++)

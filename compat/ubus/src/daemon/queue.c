@@ -77,14 +77,12 @@ static bool users_permit(const struct queue *queue, const struct client *from, s
 static struct share *share_find(const struct queue *queue, uint32_t sender)
 {
     struct share *share;
-
     return avl_find_element(&queue->shares, &sender, share, of_queue);
 }
 
 static struct share *share_create(struct queue *queue, struct client *from)
 {
     struct share *share = calloc(1, sizeof(*share));
-
     if (share == NULL)
         return NULL;
     share->queue = queue;
@@ -130,7 +128,6 @@ static void charge(struct share *share, struct waiting *message)
 static void drop(struct waiting *message)
 {
     struct share *share = message->share;
-
     if (message->is_call) {
         share->calls--;
         share->call_bytes -= message->cost;
@@ -191,7 +188,6 @@ int queue_parts(const struct queue *queue, struct iovec *parts, int count)
 {
     struct waiting *message;
     int used = 0;
-
     list_for_each_entry(message, &queue->messages, list)
     {
         if (used == count)
@@ -208,7 +204,6 @@ void queue_sent(struct queue *queue, size_t length)
     while (length > 0) {
         struct waiting *message = list_first_entry(&queue->messages, struct waiting, list);
         size_t rest = message->length - message->sent;
-
         if (length < rest) {
             message->sent += length;
             return;
@@ -252,11 +247,9 @@ static void drop_unsent(struct queue *queue, const struct share *share)
 void queue_sender_left(struct client *sender)
 {
     struct share *share, *next;
-
     list_for_each_entry_safe(share, next, &sender->sent, of_sender)
     {
         struct queue *queue = share->queue;
-
         list_del_init(&share->of_sender);
         share->user->waiting_from -= share->bytes;
         share->user = NULL;

@@ -21,14 +21,9 @@
 
 #include "ubusmsg.h"
 
-#include "../bytes.h"
+#include "../wire.h"
 
-enum {
-    kHeaderLength = sizeof(struct ubus_msghdr),
-    kWordLength = 4, // of a body or attribute
-    kMessageMinimum = kHeaderLength + kWordLength,
-    kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX, // ids below are the daemon's
-};
+enum { kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX }; // ids below are the daemon's
 
 // What waits until a client reads again; see queue.c.
 struct queue {
@@ -182,8 +177,6 @@ void queue_sender_left(struct client *sender);
 // message.c
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length);
 uint32_t message_u32(const struct message *message, int attr);
-void put_attr(uint8_t *to, uint32_t id, size_t payload);
-void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer);
 void send_blob(struct client *to, struct client *from, uint8_t type, uint16_t seq, uint32_t peer,
                struct blob_attr *body);
 void send_status(struct client *to, const struct message *request, uint32_t status);

@@ -1,16 +1,15 @@
 // Waiting for a socket, but not for ever.
 
+#include "internal.h"
+
 #include <errno.h>
 #include <limits.h>
 #include <poll.h>
 #include <time.h>
 
-#include "internal.h"
-
 static int64_t now_ms(void)
 {
     struct timespec now;
-
     clock_gettime(CLOCK_MONOTONIC, &now);
     return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
@@ -26,10 +25,8 @@ int64_t deadline_after(int timeout)
 bool deadline_poll(int fd, short events, int64_t deadline)
 {
     struct pollfd poll_fd = {.fd = fd, .events = events};
-
     for (;;) {
         int64_t left = deadline != kNever ? deadline - now_ms() : -1;
-
         if (deadline != kNever && left <= 0)
             return false;
         int ready = poll(&poll_fd, 1, left > INT_MAX ? INT_MAX : (int)left);

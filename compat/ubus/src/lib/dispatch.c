@@ -1,10 +1,10 @@
 // Calls from others: finding object and method, running the handler, sending its status. While
 // anything of the context is on the stack calls are put by; see the head of libubus.h.
 
+#include "internal.h"
+
 #include <stdlib.h>
 #include <string.h>
-
-#include "internal.h"
 
 enum {
     kPendingDelayMs = 1,
@@ -28,7 +28,6 @@ static void send_status(struct connection *connection, const struct ubus_request
 {
     uint8_t attrs[4 * kWordLength];
     struct iovec parts[] = {{NULL, 0}, {attrs, sizeof(attrs)}};
-
     put_u32(put_u32(attrs, UBUS_ATTR_STATUS, (uint32_t)status), UBUS_ATTR_OBJID, call->object);
     message_send(connection, UBUS_MSG_STATUS, call->seq, call->peer, parts, 2, -1, kNever);
 }
@@ -84,7 +83,6 @@ static int run_method(struct connection *connection, struct ubus_object *object,
 {
     const char *name = blob_data(attrs[UBUS_ATTR_METHOD]);
     const struct ubus_method *method = find_method(object, name);
-
     if (method == NULL)
         return UBUS_STATUS_METHOD_NOT_FOUND;
     if (attrs[UBUS_ATTR_DATA] == NULL)
@@ -121,7 +119,6 @@ static void serve_invoke(struct connection *connection, const struct message *me
 static void serve_notify(struct connection *connection, struct blob_attr *const *attrs)
 {
     struct ubus_object *object = object_find(connection, blob_get_u32(attrs[UBUS_ATTR_OBJID]));
-
     if (object == NULL || attrs[UBUS_ATTR_ACTIVE] == NULL)
         return;
     object->has_subscribers = blob_get_u8(attrs[UBUS_ATTR_ACTIVE]) != 0;
@@ -132,7 +129,6 @@ static void serve_notify(struct connection *connection, struct blob_attr *const 
 static void serve_call(struct connection *connection, const struct message *message)
 {
     struct blob_attr *attrs[UBUS_ATTR_MAX];
-
     message_attrs(message, attrs);
     if (attrs[UBUS_ATTR_OBJID] == NULL)
         return;
@@ -200,12 +196,10 @@ void call_arrived(struct connection *connection, const struct message *message,
 void pending_serve(struct connection *connection)
 {
     struct ubus_context *ctx = &connection->ctx;
-
     connection_hold(connection);
     while (!connection->freed && ctx->stack_depth == 0 && !list_empty(&ctx->pending)) {
         struct pending *pending = list_first_entry(&ctx->pending, struct pending, list);
         struct message message = message_read(pending->bytes, pending->size);
-
         take_out(connection, pending);
         serve_call(connection, &message);
         free(pending);
@@ -217,7 +211,6 @@ void pending_serve(struct connection *connection)
 void pending_schedule(struct connection *connection)
 {
     struct ubus_context *ctx = &connection->ctx;
-
     if (connection->freed || ctx->stack_depth > 0 || list_empty(&ctx->pending))
         return;
     if (ctx->sock.registered)
@@ -229,7 +222,6 @@ void pending_schedule(struct connection *connection)
 void pending_forget(struct connection *connection)
 {
     struct pending *pending, *next;
-
     uloop_timeout_cancel(&connection->ctx.pending_timer);
     list_for_each_entry_safe(pending, next, &connection->ctx.pending, list)
     {

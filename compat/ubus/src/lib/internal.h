@@ -10,15 +10,9 @@
 
 #include "libubus.h"
 
-#include "../bytes.h"
+#include "../wire.h"
 
 #define UBUS_EXPORT __attribute__((visibility("default")))
-
-enum {
-    kHeaderLength = sizeof(struct ubus_msghdr),
-    kWordLength = 4, // of a body or attribute
-    kMessageMinimum = kHeaderLength + kWordLength,
-};
 
 // Received bytes. Messages are handled where they lie; while a handler may still look at one the
 // buffer is pinned, which means that nothing in it moves.
@@ -73,10 +67,7 @@ bool deadline_poll(int fd, short events, int64_t deadline);
 enum { kSendExpired = -4, kSendCutShort = -3, kSendTooLong = -2, kSendFailed = -1 };
 int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint32_t peer,
                  struct iovec *parts, int count, int fd, int64_t deadline);
-uint8_t *put_attr(uint8_t *to, int id, size_t payload);
-uint8_t *put_u32(uint8_t *to, int id, uint32_t value);
-size_t padding(size_t length);
-extern const uint8_t kZeros[4];
+extern const uint8_t kZeros[BLOB_ATTR_ALIGN];
 
 // receive.c
 enum input_state { kInputMore, kInputNone, kInputEnd };

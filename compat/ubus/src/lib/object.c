@@ -1,18 +1,9 @@
 // Publishing, withdrawing and finding objects.
 
-#include <limits.h>
-#include <string.h>
-
 #include "internal.h"
 
-static int compare_ids(const void *left, const void *right, void *unused)
-{
-    uint32_t a = *(const uint32_t *)left;
-    uint32_t b = *(const uint32_t *)right;
-
-    (void)unused;
-    return (a > b) - (a < b);
-}
+#include <limits.h>
+#include <string.h>
 
 void objects_init(struct connection *connection)
 {
@@ -23,7 +14,6 @@ void objects_init(struct connection *connection)
 struct ubus_object *object_find(struct connection *connection, uint32_t id)
 {
     struct avl_node *node = avl_find(&connection->ctx.objects, &id);
-
     return node != NULL ? container_of(node, struct ubus_object, avl) : NULL;
 }
 
@@ -32,7 +22,6 @@ struct ubus_object *object_find(struct connection *connection, uint32_t id)
 static void unlink_object(struct connection *connection, struct ubus_object *object)
 {
     struct list_head *entry;
-
     if (object_find(connection, object->id) == object) {
         avl_delete(&connection->ctx.objects, &object->avl);
         return;
@@ -49,7 +38,6 @@ static void unlink_object(struct connection *connection, struct ubus_object *obj
 static bool is_published_parameter(const struct ubus_method *method, int index)
 {
     const int bits = (int)(sizeof(method->mask) * CHAR_BIT);
-
     return method->mask == 0 || (index < bits && (method->mask >> index & 1) != 0);
 }
 
@@ -119,7 +107,6 @@ static int publish(struct connection *connection, struct ubus_object *object)
 {
     struct added result = {0, 0};
     struct ubus_request request = {.raw_data_cb = added, .priv = &result};
-
     if (!put_object(&connection->body, object))
         return UBUS_STATUS_NO_MEMORY;
     int status = request_body(connection, &request, UBUS_MSG_ADD_OBJECT);
@@ -227,7 +214,6 @@ static void found_id(struct ubus_request *request, int type, struct blob_attr *b
 {
     struct message message = {.body = body, .body_size = blob_raw_len(body)};
     struct blob_attr *attrs[UBUS_ATTR_MAX];
-
     (void)type;
     message_attrs(&message, attrs);
     if (attrs[UBUS_ATTR_OBJID] != NULL)
@@ -248,13 +234,11 @@ UBUS_EXPORT int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_loo
 {
     struct lookup lookup = {.cb = cb, .priv = priv};
     struct ubus_request request = {.raw_data_cb = found_object, .priv = &lookup};
-
     return look_up(connection_of(ctx), path, &request);
 }
 
 UBUS_EXPORT int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id)
 {
     struct ubus_request request = {.raw_data_cb = found_id, .priv = id};
-
     return look_up(connection_of(ctx), path, &request);
 }

@@ -27,8 +27,8 @@ static bool taken(const char **format, int letters, struct length_letters *to, e
     return true;
 }
 
-// I64 and I32 give the number of bits, a lone I in front of an integer stands for the size of a
-// pointer; I before anything else is no length letter.
+// I64 and I32 give the number of bits. A single I before an integer conversion means the size of a
+// pointer; before anything else it is not a length letter.
 static bool take_capital_i(const char **format, struct length_letters *letters)
 {
     const char *next = *format + 1;

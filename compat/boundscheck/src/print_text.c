@@ -31,9 +31,8 @@ enum print_status bc_put_padded(struct print_sink *sink, const struct print_dire
     return status;
 }
 
-// The number of characters of a string that have to be looked at. What lies beyond both the room
-// left and the width changes neither the text nor the padding, so a huge string costs no more than
-// the destination is large.
+// How many characters of a string matter. Those beyond both the room left and the width change
+// neither text nor padding, so a huge string costs no more than the size of the destination.
 static size_t length_limit(const struct print_sink *sink, const struct print_directive *directive)
 {
     size_t limit = bc_room(sink) + 1;

@@ -1,4 +1,4 @@
-// Taking a scan directive apart. Suppression, width and length letters may come in any order.
+// Parses a scan directive. Suppression, width and length letters may come in any order.
 
 #include "scan_internal.h"
 

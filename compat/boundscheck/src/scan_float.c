@@ -1,5 +1,5 @@
-// Floating point. The text is delimited here, more narrowly than the C library would (no infinity,
-// no hexadecimal), and converted there.
+// Floating point. The end of the number is found here, by stricter rules than the C library's (no
+// infinity, no hexadecimal); the C library converts it.
 
 #include "scan_internal.h"
 
@@ -38,7 +38,7 @@ static bool take_digits(struct scan_state *scan, struct float_text *text)
     return found;
 }
 
-// False: no digit. An exponent may be left without digits ("1e+" is all taken and means 1).
+// False: no digit. An exponent may have no digits: "1e+" is taken as a whole and means 1.
 static bool take_text(struct scan_state *scan, struct float_text *text)
 {
     text->start = scan->next;
@@ -70,8 +70,8 @@ static void store(void *to, enum length length, const char *text)
     }
 }
 
-// The text goes on beyond its end in the input (where the width cut it, or as "0x10"), so it is
-// copied out; numbers longer than the buffer, which nobody writes by hand, go through the heap.
+// The C library could read on after the end of the number (after a width, or in "0x10"), so it gets
+// a copy. Numbers longer than the buffer are rare and go through the heap.
 static bool convert(void *to, enum length length, const struct float_text *text)
 {
     char buffer[128];

@@ -1,5 +1,5 @@
-// Strings, characters and sets. Their buffers come with a capacity, and what does not fit empties
-// the buffer and ends the scan.
+// Strings, characters and sets. Each buffer comes with a capacity; a text that does not fit empties
+// it and ends the scan.
 
 #include "scan_internal.h"
 
@@ -76,7 +76,7 @@ static bool put_wide(struct text_buffer *buffer, char byte)
     return true;
 }
 
-// Adds one byte. False: there is no room for it, or it belongs to no character of the locale.
+// Adds one byte. False: there is no room for it, or it is not part of a character of the locale.
 static bool put(struct text_buffer *buffer, char byte)
 {
     if (is_suppressed(buffer))

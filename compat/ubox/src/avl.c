@@ -1,6 +1,5 @@
-// Balanced tree. Only the first node of each key, its leader, is part of the tree; later ones
-// with the same key follow it in the list and are reached over it. The list gives the order, so
-// walking never touches the tree.
+// Balanced tree. Only the first node of each key, its leader, is in the tree; later ones with the
+// same key follow it in the list. The list gives the order, so walking never touches the tree.
 
 #include <libubox/avl.h>
 
@@ -46,7 +45,7 @@ static struct avl_node *next_leader(const struct avl_node *node)
     return node->parent;
 }
 
-// Turns a node and its parent: the node takes the parent's place, the parent becomes its child.
+// Rotates a node and its parent: the node takes the parent's place, the parent becomes its child.
 static void lift(struct avl_tree *tree, struct avl_node *node)
 {
     struct avl_node *parent = node->parent;
@@ -218,7 +217,7 @@ int avl_insert(struct avl_tree *tree, struct avl_node *node)
     if (parent != NULL && order == 0 && !tree->allow_dups)
         return -1;
 
-    // In the list: before a higher parent, else behind all nodes of the parent's key.
+    // In the list: before a higher parent, else after all nodes with the parent's key.
     struct avl_node *next = parent == NULL || order < 0 ? parent : next_leader(parent);
     list_add_tail(&node->list, next != NULL ? &next->list : &tree->list_head);
     tree->count++;

@@ -46,7 +46,7 @@ static bool grow_in_steps(struct blob_buf *buf, int missing)
     return true;
 }
 
-// Makes sure that the bytes up to `end` and the padding behind them lie in the buffer.
+// Makes room for the bytes up to `end` and their padding.
 static bool reserve(struct blob_buf *buf, uint64_t end)
 {
     uint64_t size = padded(end);

@@ -1,5 +1,5 @@
 // Checking and finding fields in bytes that other processes sent. Every length is compared with
-// what is known to be readable before anything behind it is touched.
+// what is known to be readable before anything after it is read.
 
 #include <libubox/blobmsg.h>
 

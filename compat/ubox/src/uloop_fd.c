@@ -163,8 +163,8 @@ static void call_back(struct uloop_fd *sock, uint32_t reported)
     if ((reported & EPOLLRDHUP) != 0)
         sock->eof = true;
 
-    // A hang-up is reported for as long as it lasts, which is for ever: unless the owner wants
-    // to deal with that, it is told once.
+    // The kernel reports a hang-up again and again. Unless the owner wants to handle that, it hears
+    // of it once.
     if ((reported & (EPOLLERR | EPOLLHUP)) != 0) {
         sock->error = true;
         if ((sock->flags & ULOOP_ERROR_CB) == 0)

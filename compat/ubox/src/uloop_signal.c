@@ -31,7 +31,7 @@ static void wake(void)
 {
     int error = errno;
 
-    // A full pipe is as good: it has the loop's attention already.
+    // A full pipe is as good: it wakes the loop too.
     while (write(wake_writer, "", 1) < 0 && errno == EINTR) {
     }
     errno = error;

@@ -18,12 +18,12 @@ protected:
     void TearDown() override { blob_buf_free(&buf); }
 };
 
-TEST_F(Blobmsg, ABufferIsATable)
+TEST_F(Blobmsg, BufferIsATable)
 {
     EXPECT_EQ(blobmsg_type(buf.head), BLOBMSG_TYPE_TABLE);
 }
 
-TEST_F(Blobmsg, ANameTooLongForItsLengthFieldIsRefused)
+TEST_F(Blobmsg, NameTooLongForItsLengthFieldIsRefused)
 {
     std::string longest(65535, 'n');
 
@@ -47,7 +47,7 @@ TEST_F(Blobmsg, FieldsThatDoNotFitAreRefusedAndLeaveTheBufferAlone)
     EXPECT_EQ(blob_raw_len(buf.head), 12u);
 }
 
-TEST_F(Blobmsg, ATableThatCannotBeOpenedLeavesTheHeadAlone)
+TEST_F(Blobmsg, TableThatCannotBeOpenedLeavesTheHeadAlone)
 {
     std::string filler(16777212 - 4 - 8, 'x');
     ASSERT_EQ(blobmsg_add_field(&buf, 0, "", filler.data(), static_cast<unsigned>(filler.size())),
@@ -59,7 +59,7 @@ TEST_F(Blobmsg, ATableThatCannotBeOpenedLeavesTheHeadAlone)
     EXPECT_EQ(blob_raw_len(buf.head), 16777212u);
 }
 
-TEST_F(Blobmsg, AnOpenTableCountsFourBytes)
+TEST_F(Blobmsg, OpenTableCountsFourBytes)
 {
     void *table = blobmsg_open_table(&buf, "t");
     EXPECT_EQ(blob_raw_len(static_cast<blob_attr *>(buf.buf)), 8u);
@@ -68,7 +68,7 @@ TEST_F(Blobmsg, AnOpenTableCountsFourBytes)
     EXPECT_EQ(memcmp(blob_data(buf.head), "\x82\0\0\x08\0\x01t\0", 8), 0);
 }
 
-TEST_F(Blobmsg, ABufferWithoutInitTakesNothing)
+TEST_F(Blobmsg, BufferWithoutInitTakesNothing)
 {
     blob_buf none = {};
 
@@ -90,7 +90,7 @@ TEST_F(Blobmsg, NullFieldsHaveNoData)
     }
 }
 
-TEST_F(Blobmsg, AWalkThroughAMalformedTableVisitsNothing)
+TEST_F(Blobmsg, WalkThroughAMalformedTableVisitsNothing)
 {
     // Payloads of 0 and 1 byte, and a name header longer than the payload.
     const std::vector<std::vector<uint8_t>> tables = {
@@ -131,7 +131,7 @@ TEST_F(Blobmsg, ParsingANestedTableByItsField)
 }
 
 // A name with a NUL inside is longer than the policy's, though equal as far as strings go.
-TEST_F(Blobmsg, AnInnerNulDoesNotReadBeyondThePolicysName)
+TEST_F(Blobmsg, InnerNulDoesNotReadBeyondThePolicysName)
 {
     Guarded name({'a', 0});
     const blobmsg_policy policy[] = {
@@ -224,7 +224,7 @@ TEST(BlobmsgGarbage, EveryTruncationIsRefusedOrReadWithinItsBytes)
     EXPECT_GT(accepted, 0);
 }
 
-TEST(BlobmsgGarbage, NoBytesMakeAReadLeaveTheInput)
+TEST(BlobmsgGarbage, RandomBytesNeverMakeAReadLeaveTheInput)
 {
     std::mt19937 random(20261120);
     std::vector<uint8_t> whole = message();

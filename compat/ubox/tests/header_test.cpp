@@ -146,7 +146,7 @@ TEST_F(Lists, RemovalUnlinksAndMarksTheEntry)
     EXPECT_EQ(numbers(&head), "3");
 }
 
-TEST_F(Lists, TheSafeWalksAllowRemovalOfTheCurrentEntry)
+TEST_F(Lists, SafeWalksAllowRemovalOfTheCurrentEntry)
 {
     Entry *entry, *next;
     list_head *link, *next_link;
@@ -213,7 +213,7 @@ TEST(CallocA, PiecesShareOneZeroedBlock)
     free(first);
 }
 
-TEST(CallocA, ATotalBeyondTheAddressSpaceIsRefused)
+TEST(CallocA, TotalBeyondTheAddressSpaceIsRefused)
 {
     char *second = nullptr;
 

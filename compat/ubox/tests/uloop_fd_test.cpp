@@ -147,28 +147,28 @@ TEST_F(UloopFd, OutputRoomIsReportedWhileThereIsSome)
                {ULOOP_READ | ULOOP_WRITE, false, false, true});
 }
 
-TEST_F(UloopFd, TheEndOfThePeersSendingSideIsEofAndRepeats)
+TEST_F(UloopFd, EndOfThePeersSendingSideIsEofAndRepeats)
 {
     expect_row(socket_whose_peer_ended_sending, ULOOP_READ, {ULOOP_READ, true, false, true});
 }
 
-TEST_F(UloopFd, AClosedSocketPeerIsAnError)
+TEST_F(UloopFd, ClosedSocketPeerIsAnError)
 {
     expect_row(socket_whose_peer_closed, ULOOP_READ, {ULOOP_READ, true, true, false});
     expect_row(socket_whose_peer_closed, ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
 }
 
-TEST_F(UloopFd, AClosedPipeWriterIsAnErrorWithoutEvents)
+TEST_F(UloopFd, ClosedPipeWriterIsAnErrorWithoutEvents)
 {
     expect_row(pipe_whose_writer_closed, ULOOP_READ, {0, false, true, false});
 }
 
-TEST_F(UloopFd, AClosedPipeWriterThatLeftDataIsAnErrorWithRead)
+TEST_F(UloopFd, ClosedPipeWriterThatLeftDataIsAnErrorWithRead)
 {
     expect_row(pipe_whose_writer_left_a_byte, ULOOP_READ, {ULOOP_READ, false, true, false});
 }
 
-TEST_F(UloopFd, AClosedPipeReaderIsAnErrorWithWrite)
+TEST_F(UloopFd, ClosedPipeReaderIsAnErrorWithWrite)
 {
     expect_row(pipe_whose_reader_closed, ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
 }
@@ -197,13 +197,13 @@ int connect_to_nobody(int type)
     return fd;
 }
 
-TEST_F(UloopFd, ARefusedConnectIsAnErrorWithEverything)
+TEST_F(UloopFd, RefusedConnectIsAnErrorWithEverything)
 {
     expect_row([] { return connect_to_nobody(SOCK_STREAM); }, ULOOP_READ | ULOOP_WRITE,
                {ULOOP_READ | ULOOP_WRITE, true, true, false});
 }
 
-TEST_F(UloopFd, AnUnreachableUdpPeerIsAnErrorWithoutEvents)
+TEST_F(UloopFd, UnreachableUdpPeerIsAnErrorWithoutEvents)
 {
     expect_row(
         [] {
@@ -281,7 +281,7 @@ TEST_F(UloopFd, TimersComeBetweenTwoDescriptors)
     uloop_fd_delete(&second);
 }
 
-TEST_F(UloopFd, AFetchedEventIsDeliveredThoughItsCauseIsGone)
+TEST_F(UloopFd, FetchedEventIsDeliveredThoughItsCauseIsGone)
 {
     int calls = 0;
     SocketPair one, two;
@@ -361,7 +361,7 @@ TEST_P(UloopFdDeletes, DeletingAndAddingAgainDropsTheFetchedEvent)
         uloop_fd_delete(fd);
 }
 
-TEST_P(UloopFdDeletes, ACallbackMayDeleteCloseAndFreeItself)
+TEST_P(UloopFdDeletes, CallbackMayDeleteCloseAndFreeItself)
 {
     int calls = 0;
     SocketPair pair;
@@ -384,7 +384,7 @@ TEST_P(UloopFdDeletes, ACallbackMayDeleteCloseAndFreeItself)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_P(UloopFdDeletes, ACallbackToldOfAHangUpMayFreeItself)
+TEST_P(UloopFdDeletes, CallbackToldOfAHangUpMayFreeItself)
 {
     int calls = 0;
     SocketPair pair;
@@ -426,7 +426,7 @@ TEST_F(UloopFd, EdgeTriggeredMeansOneCallbackPerChange)
     EXPECT_EQ(fd.seen.size(), 3u);
 }
 
-TEST_F(UloopFd, ALevelTriggeredDescriptorIsEnteredAgainByANestedRun)
+TEST_F(UloopFd, LevelTriggeredDescriptorIsEnteredAgainByANestedRun)
 {
     int depth = 0, deepest = 0;
     SocketPair pair;
@@ -446,7 +446,7 @@ TEST_F(UloopFd, ALevelTriggeredDescriptorIsEnteredAgainByANestedRun)
     uloop_fd_delete(&fd);
 }
 
-TEST_F(UloopFd, AnEdgeTriggeredDescriptorIsCalledOnceMoreAfterwardsInstead)
+TEST_F(UloopFd, EdgeTriggeredCallbackRunsOnceMoreInsteadOfNesting)
 {
     int depth = 0;
     std::string order;
@@ -470,7 +470,7 @@ TEST_F(UloopFd, AnEdgeTriggeredDescriptorIsCalledOnceMoreAfterwardsInstead)
     uloop_fd_delete(&fd);
 }
 
-TEST_F(UloopFd, ADeletedEdgeTriggeredDescriptorIsNotCalledAgain)
+TEST_F(UloopFd, DeletedEdgeTriggeredDescriptorIsNotCalledAgain)
 {
     int calls = 0;
     SocketPair pair;
@@ -488,7 +488,7 @@ TEST_F(UloopFd, ADeletedEdgeTriggeredDescriptorIsNotCalledAgain)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(UloopFd, AHangUpDuringAnEdgeTriggeredCallbackIsToldAfterwards)
+TEST_F(UloopFd, HangUpDuringAnEdgeTriggeredCallbackIsReportedAfterwards)
 {
     SocketPair pair;
     Recorder fd(pair.a);
@@ -508,7 +508,7 @@ TEST_F(UloopFd, AHangUpDuringAnEdgeTriggeredCallbackIsToldAfterwards)
                                           {ULOOP_READ, true, true, false}}));
 }
 
-TEST_F(UloopFd, ADescriptorBecomesNonBlockingUnlessAskedOtherwise)
+TEST_F(UloopFd, DescriptorBecomesNonBlockingUnlessAskedOtherwise)
 {
     SocketPair plain, blocking, before;
     Fd a(plain.a), b(blocking.a), c(before.a);
@@ -571,7 +571,7 @@ void expect_refused(uloop_fd *fd, int error)
     EXPECT_EQ(fd->error, before.error);
 }
 
-TEST_F(UloopFd, ARefusedAddLeavesTheRecordAlone)
+TEST_F(UloopFd, RefusedAddLeavesTheRecordAlone)
 {
     SocketPair pair;
     Fd first(pair.a), again(pair.a), none(-1), file(open("/scratch/file", O_CREAT | O_RDWR, 0600));
@@ -591,7 +591,7 @@ TEST_F(UloopFd, ARefusedAddLeavesTheRecordAlone)
     EXPECT_EQ(uloop_fd_delete(&first), 0);
 }
 
-TEST_F(UloopFd, AReopenedDescriptorIsRefusedUntilItsRecordIsDeleted)
+TEST_F(UloopFd, ReopenedDescriptorIsRefusedUntilItsRecordIsDeleted)
 {
     SocketPair pair, other;
     Fd fd(pair.a);
@@ -619,7 +619,7 @@ TEST_F(UloopFd, DeletingAClosedDescriptorFailsButClearsTheRecord)
     EXPECT_EQ(uloop_fd_delete(&fd), 0);
 }
 
-TEST_F(UloopFd, ARecordWithoutCallbackIsSkipped)
+TEST_F(UloopFd, RecordWithoutCallbackIsSkipped)
 {
     int calls = 0;
     SocketPair silent, other;

@@ -30,7 +30,7 @@ namespace {
 
 using UloopRun = LoopTest;
 
-TEST_F(UloopRun, ANegativeArgumentRunsUntilTheEnd)
+TEST_F(UloopRun, NegativeArgumentRunsUntilTheEnd)
 {
     int calls = 0;
     Watchdog watchdog;
@@ -49,7 +49,7 @@ TEST_F(UloopRun, ANegativeArgumentRunsUntilTheEnd)
     }
 }
 
-TEST_F(UloopRun, AnEndBeforeTheRunHasNoEffect)
+TEST_F(UloopRun, EndBeforeTheRunHasNoEffect)
 {
     bool ran = false;
     Watchdog watchdog;
@@ -64,7 +64,7 @@ TEST_F(UloopRun, AnEndBeforeTheRunHasNoEffect)
     EXPECT_TRUE(ran);
 }
 
-TEST_F(UloopRun, TheFlagStaysSetUntilTheNextRun)
+TEST_F(UloopRun, FlagStaysSetUntilTheNextRun)
 {
     Timer timer([](Timer &) {
         EXPECT_FALSE(uloop_cancelled);
@@ -81,7 +81,7 @@ TEST_F(UloopRun, TheFlagStaysSetUntilTheNextRun)
     EXPECT_FALSE(uloop_cancelled);
 }
 
-TEST_F(UloopRun, AnEndInADescriptorCallbackComesBeforeTheNextDescriptor)
+TEST_F(UloopRun, EndInADescriptorCallbackComesBeforeTheNextDescriptor)
 {
     int calls = 0;
     SocketPair one, two;
@@ -101,7 +101,7 @@ TEST_F(UloopRun, AnEndInADescriptorCallbackComesBeforeTheNextDescriptor)
     uloop_fd_delete(&second);
 }
 
-TEST_F(UloopRun, TheEndOfANestedRunEndsTheOuterOne)
+TEST_F(UloopRun, EndOfANestedRunEndsTheOuterOne)
 {
     std::string order;
     Watchdog watchdog;
@@ -121,7 +121,7 @@ TEST_F(UloopRun, TheEndOfANestedRunEndsTheOuterOne)
     EXPECT_EQ(order, "io");
 }
 
-TEST_F(UloopRun, ANestedTurnClearsAPendingEnd)
+TEST_F(UloopRun, NestedTurnClearsAPendingEnd)
 {
     std::string order;
     Watchdog watchdog;
@@ -143,7 +143,7 @@ TEST_F(UloopRun, ANestedTurnClearsAPendingEnd)
     EXPECT_EQ(order, "fl");
 }
 
-TEST_F(UloopRun, AnEndFromAnotherThreadIsNoticedAfterTheWait)
+TEST_F(UloopRun, EndFromAnotherThreadIsNoticedAfterTheWait)
 {
     Stopwatch watch;
     std::atomic<bool> running{false};
@@ -163,7 +163,7 @@ TEST_F(UloopRun, AnEndFromAnotherThreadIsNoticedAfterTheWait)
     other.join();
 }
 
-TEST_F(UloopRun, AWaitWithoutEventsEndsAfterTheArgument)
+TEST_F(UloopRun, WaitWithoutEventsEndsAfterTheArgument)
 {
     Stopwatch watch;
 
@@ -220,7 +220,7 @@ TEST(UloopLife, TwoThreadsThatInitAtOnceOpenOneLoop)
     }
 }
 
-TEST(UloopLife, AFailedInitLeavesNothingBehind)
+TEST(UloopLife, FailedInitLeavesNothingBehind)
 {
     rlimit limit, few;
     int before = count_open_fds();
@@ -293,7 +293,7 @@ TEST(UloopLife, DoneForgetsTimersAndProcessesWithoutCallingThem)
     uloop_done();
 }
 
-TEST(UloopLife, ARecordThatOutlivedItsLoopMustBeDeletedFirst)
+TEST(UloopLife, RecordThatOutlivedItsLoopMustBeDeletedFirst)
 {
     SocketPair pair;
     Fd fd(pair.a);
@@ -337,7 +337,7 @@ TEST(UloopLife, EventsFetchedBeforeDoneAreNotDeliveredAfterwards)
     uloop_done();
 }
 
-TEST(UloopLife, ALoopCanBeMadeManyTimes)
+TEST(UloopLife, LoopCanBeMadeManyTimes)
 {
     int before = count_open_fds();
 
@@ -377,7 +377,7 @@ int child_with_a_loop_of_its_own(Fd &inherited)
     return 0;
 }
 
-TEST(UloopFork, TheChildTakesLeaveWithoutDisturbingTheParent)
+TEST(UloopFork, ChildClosesTheLoopWithoutDisturbingTheParent)
 {
     int calls = 0;
     SocketPair pair;
@@ -409,7 +409,7 @@ TEST(UloopFork, TheChildTakesLeaveWithoutDisturbingTheParent)
     uloop_done();
 }
 
-TEST(UloopFork, ASignalToTheChildDoesNotEndTheParent)
+TEST(UloopFork, SignalToTheChildDoesNotEndTheParent)
 {
     ASSERT_EQ(uloop_init(), 0);
     Watchdog watchdog;

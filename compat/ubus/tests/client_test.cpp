@@ -232,13 +232,13 @@ TEST_F(Rpc, EveryWayOfAnsweringGivesTheCallerTheFirstStatus)
     EXPECT_EQ(call("defer_for_ever", 0, 50), "7/0");
 }
 
-TEST_F(Rpc, ALateAnswerDoesNotDisturbTheNextCall)
+TEST_F(Rpc, LateAnswerDoesNotDisturbTheNextCall)
 {
     EXPECT_EQ(call("sleep_300", 0, 50), "7/0");
     EXPECT_EQ(call("just_return", 12), "12/0");
 }
 
-TEST_F(Rpc, AnOwnerThatVanishesLeavesTheCallerToItsTimeOut)
+TEST_F(Rpc, OwnerThatVanishesLeavesTheCallerToItsTimeOut)
 {
     EXPECT_EQ(call("vanish", 0, 200), "7/0");
     EXPECT_EQ(call("just_return", 0), "4/0");
@@ -267,7 +267,7 @@ TEST_F(Rpc, CallingBackIntoAWaitingCallerTimesOut)
     EXPECT_EQ(g_back_calls, 1);                       // served when nobody waited any more
 }
 
-TEST_F(Rpc, ACallToAnOwnObjectIsServedAfterItsTimeOut)
+TEST_F(Rpc, CallToAnOwnObjectIsServedAfterItsTimeOut)
 {
     struct ubus_object object = {};
     object.methods = kBackMethods;
@@ -300,7 +300,7 @@ void call_again(struct ubus_request *req, int, struct blob_attr *msg)
     EXPECT_EQ(number_in(msg), before);
 }
 
-TEST_F(Rpc, ADataHandlerMayCall)
+TEST_F(Rpc, DataHandlerMayCall)
 {
     Nested nested = {id, 0, 0};
     EXPECT_EQ(ubus_invoke(ctx, id, "reply_twice", nullptr, call_again, &nested, 5000), 0);
@@ -316,7 +316,7 @@ void reconnect(struct ubus_request *req, int, struct blob_attr *)
     EXPECT_EQ(ubus_reconnect(req->ctx, nullptr), 0);
 }
 
-TEST_F(Rpc, ACallThatOutlivesItsConnectionFails)
+TEST_F(Rpc, CallThatOutlivesItsConnectionFails)
 {
     EXPECT_EQ(ubus_invoke(ctx, id, "reply_and_complete", nullptr, reconnect, &daemon, 0), 10);
     EXPECT_EQ(call("just_return", 0), "4/0"); // the owner did not reconnect
@@ -356,7 +356,7 @@ struct ContextDeleter {
 };
 using Context = std::unique_ptr<struct ubus_context, ContextDeleter>;
 
-TEST(Publish, AnObjectComesAndGoes)
+TEST(Publish, ObjectComesAndGoes)
 {
     BusDaemon daemon;
     Context ctx(ubus_connect(nullptr));
@@ -386,7 +386,7 @@ TEST(Publish, AnObjectComesAndGoes)
     EXPECT_NE(look_up(ctx.get(), "x", 0), 0u);
 }
 
-TEST(Publish, AnUnnamedObjectPublishedAgainMovesToItsNewId)
+TEST(Publish, UnnamedObjectPublishedAgainMovesToItsNewId)
 {
     BusDaemon daemon;
     Context ctx(ubus_connect(nullptr));
@@ -444,7 +444,7 @@ TEST(Publish, ManyObjectsShareAType)
 
 // ---- the daemon's restart
 
-TEST(Restart, ALongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
+TEST(Restart, LongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
 {
     BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
     BusDaemon daemon;
@@ -499,7 +499,7 @@ TEST(Restart, ContextsStayDeadUntilTheyReconnect)
     EXPECT_EQ(caller.read().status(), 5u);
 }
 
-TEST(Restart, AnObjectWhosePathIsTakenIsPublishedNextTime)
+TEST(Restart, ObjectWhosePathIsTakenIsPublishedNextTime)
 {
     BusDaemon daemon;
     Context ctx(ubus_connect(nullptr));
@@ -519,7 +519,7 @@ TEST(Restart, AnObjectWhosePathIsTakenIsPublishedNextTime)
     EXPECT_NE(object.id, 0u);
 }
 
-TEST(Restart, AProgramMayReconnectWhenItHearsOfTheLoss)
+TEST(Restart, ProgramMayReconnectWhenItHearsOfTheLoss)
 {
     BusDaemon daemon;
     static int lost;

@@ -208,7 +208,7 @@ void end_when_removing(struct uloop_timeout *timer)
         uloop_timeout_set(timer, 5);
 }
 
-TEST(ClientVectors, TheOwner)
+TEST(ClientVectors, Owner)
 {
     RecordedBus bus("A");
     g_bus = &bus;
@@ -237,7 +237,7 @@ TEST(ClientVectors, TheOwner)
     uloop_done();
 }
 
-TEST(ClientVectors, ASecondOwnerOfThePath)
+TEST(ClientVectors, SecondOwnerOfThePath)
 {
     RecordedBus bus("B");
     struct ubus_object object = make_object(kPath);
@@ -272,7 +272,7 @@ struct Expected {
     int answers;
 };
 
-TEST(ClientVectors, TheCaller)
+TEST(ClientVectors, Caller)
 {
     RecordedBus bus("C");
     struct ubus_context *ctx = ubus_connect(kSocket);
@@ -359,7 +359,7 @@ TEST(ClientVectors, Listings)
     list("F", "brovan.*");
 }
 
-TEST(ClientVectors, ACallFromTheCommandLine)
+TEST(ClientVectors, CallFromTheCommandLine)
 {
     RecordedBus bus("G");
     struct ubus_context *ctx = ubus_connect(kSocket);
@@ -378,7 +378,7 @@ TEST(ClientVectors, ACallFromTheCommandLine)
     EXPECT_EQ(bus.finish(), 2);
 }
 
-TEST(ClientVectors, ACallWithoutArguments)
+TEST(ClientVectors, CallWithoutArguments)
 {
     RecordedBus bus("H");
     struct ubus_context *ctx = ubus_connect(kSocket);
@@ -441,7 +441,7 @@ TEST(ClientVectors, ListenersOfEvents)
     listen_for("K", "*", false, 2, 4);
 }
 
-TEST(ClientVectors, ASenderOfEvents)
+TEST(ClientVectors, SenderOfEvents)
 {
     RecordedBus bus("L");
     struct ubus_context *ctx = ubus_connect(kSocket);

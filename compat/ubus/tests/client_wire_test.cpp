@@ -101,7 +101,7 @@ TEST(Connect, LeavesClosedStandardDescriptorsClosed)
 }
 
 // It may live on another thread than the loop does.
-TEST(Connect, AConnectionOutsideTheLoopKeepsOutOfIt)
+TEST(Connect, ConnectionOutsideTheLoopKeepsOutOfIt)
 {
     FakeBus bus;
     struct ubus_context *ctx = bus.connect();
@@ -119,7 +119,7 @@ TEST(Connect, AConnectionOutsideTheLoopKeepsOutOfIt)
     EXPECT_EQ(g_loop_deletions, 1);
 }
 
-TEST(Connect, RefusesGreetingsThatAreNone)
+TEST(Connect, RefusesMalformedGreetings)
 {
     FakeBus bus;
     Bytes wrong_version = message(kHello, 0, 0x12345678);
@@ -313,7 +313,7 @@ TEST_F(Request, EndsAtItsTimeOutAndTheConnectionGoesOn)
     EXPECT_EQ(call(), 3);
 }
 
-TEST_F(Request, AHalfMessageDoesNotHoldUpATimeOut)
+TEST_F(Request, HalfMessageDoesNotHoldUpATimeOut)
 {
     Bytes status = message(kStatus, 2, kObject, attr(kAttrStatus, u32(3)));
     bus.send(Bytes(status.begin(), status.begin() + 14));
@@ -322,7 +322,7 @@ TEST_F(Request, AHalfMessageDoesNotHoldUpATimeOut)
     EXPECT_EQ(call(), 3); // still in step
 }
 
-TEST_F(Request, ANegativeTimeOutSendsAndLeaves)
+TEST_F(Request, NegativeTimeOutSendsAndLeaves)
 {
     EXPECT_EQ(call(-1), 7);
     EXPECT_EQ(bus.read().type(), kInvoke);
@@ -370,7 +370,7 @@ TEST_F(Request, WaitsForADaemonThatDoesNotRead)
 
 int g_broken;
 
-TEST_F(Request, ADaemonThatNeverReadsEndsACallInTimeAndTheConnection)
+TEST_F(Request, DaemonThatNeverReadsEndsACallInTimeAndTheConnection)
 {
     ctx->connection_lost = [](struct ubus_context *) { g_broken++; };
     auto start = std::chrono::steady_clock::now();
@@ -398,7 +398,7 @@ TEST_F(Request, CallThatExpiresBeforeAnyOfItIsSentLeavesTheConnectionUsable)
     EXPECT_EQ(call(), 3);
 }
 
-TEST_F(Request, ALookUpWritesTheIdOnlyWhenThereIsOne)
+TEST_F(Request, LookUpWritesTheIdOnlyWhenThereIsOne)
 {
     uint32_t id = 77;
     bus.send_status(1, 0, 0); // hidden: found, but not described
@@ -414,7 +414,7 @@ TEST_F(Request, ALookUpWritesTheIdOnlyWhenThereIsOne)
     EXPECT_EQ(id, 2222u);
 }
 
-TEST_F(Request, AnObjectWithoutAnIdInTheAnswerIsNotPublished)
+TEST_F(Request, ObjectWithoutAnIdInTheAnswerIsNotPublished)
 {
     struct ubus_object object = {};
     bus.send_status(1, 0, 0);
@@ -480,7 +480,7 @@ TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
 
 // A look-up without its path asks for everything, and an object without its name is hidden: neither
 // goes out because memory was short.
-TEST_F(Request, WhatDoesNotFitIntoMemoryIsNotSentInPart)
+TEST_F(Request, RequestIsNotSentInPartWhenMemoryIsShort)
 {
     static const struct blobmsg_policy policy[] = {{"parameter", BLOBMSG_TYPE_STRING}};
     static const struct ubus_method methods[] = {UBUS_METHOD("method", nothing, policy)};
@@ -630,7 +630,7 @@ void state_changed(struct ubus_context *, struct ubus_object *)
     g_state_changes++;
 }
 
-TEST_F(Owner, LearnsWhetherAnybodyWatches)
+TEST_F(Owner, LearnsWhetherItIsWatched)
 {
     object.subscribe_cb = state_changed;
     for (uint8_t active : {1, 0}) {
@@ -678,7 +678,7 @@ TEST_F(Owner, FloodDuringARequestIsLimitedAndEveryCallerIsServed)
     EXPECT_EQ(g_seen.methods.back(), "honest");
 }
 
-TEST_F(Owner, InTheLoopCallsPutByAreServedByTheLoop)
+TEST_F(Owner, PostponedCallsAreServedByTheLoop)
 {
     ubus_add_uloop(ctx);
     bus.send(incoming(1, "first"));
@@ -690,7 +690,7 @@ TEST_F(Owner, InTheLoopCallsPutByAreServedByTheLoop)
     EXPECT_EQ(g_seen.methods, std::vector<std::string>{"first"});
 }
 
-TEST_F(Owner, ACallThatComesBeforeThoseAreServedDoesNotOvertakeThem)
+TEST_F(Owner, LaterCallDoesNotOvertakePostponedOnes)
 {
     ubus_add_uloop(ctx);
     bus.send(incoming(1, "first"));
@@ -758,7 +758,7 @@ void note_loss(struct ubus_context *ctx)
     g_lost_registered = ctx->sock.registered;
 }
 
-TEST_F(Owner, ADeadConnectionFailsEveryRequest)
+TEST_F(Owner, DeadConnectionFailsEveryRequest)
 {
     struct ubus_request_data call = {};
     uint32_t id = 5;
@@ -775,7 +775,7 @@ TEST_F(Owner, ADeadConnectionFailsEveryRequest)
     EXPECT_EQ(id, 5u);
 }
 
-TEST_F(Owner, ALossWhileWaitingIsReportedAtOnce)
+TEST_F(Owner, LossWhileWaitingIsReportedAtOnce)
 {
     ctx->connection_lost = note_loss;
     std::thread daemon([&] {
@@ -791,7 +791,7 @@ TEST_F(Owner, ALossWhileWaitingIsReportedAtOnce)
     EXPECT_EQ(g_lost, 1);
 }
 
-TEST_F(Owner, ALossInTheLoopIsReportedOnceAfterWhatWasSaidBefore)
+TEST_F(Owner, LossInTheLoopIsReportedOnceAfterWhatWasSaidBefore)
 {
     ctx->connection_lost = note_loss;
     ubus_add_uloop(ctx);
@@ -806,7 +806,7 @@ TEST_F(Owner, ALossInTheLoopIsReportedOnceAfterWhatWasSaidBefore)
     EXPECT_FALSE(g_lost_registered);
 }
 
-TEST_F(Owner, ADaemonThatOnlyStopsSendingDoesNotSpinTheLoop)
+TEST_F(Owner, DaemonThatOnlyStopsSendingDoesNotSpinTheLoop)
 {
     ctx->connection_lost = note_loss;
     ubus_add_uloop(ctx);
@@ -816,7 +816,7 @@ TEST_F(Owner, ADaemonThatOnlyStopsSendingDoesNotSpinTheLoop)
     EXPECT_FALSE(ctx->sock.registered);
 }
 
-TEST_F(Owner, AStreamOutOfStepIsClosed)
+TEST_F(Owner, StreamOutOfStepIsClosed)
 {
     ctx->connection_lost = note_loss;
     Bytes wrong[] = {Bytes(12, 0xff), Bytes{0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 3},
@@ -834,7 +834,7 @@ TEST_F(Owner, AStreamOutOfStepIsClosed)
     }
 }
 
-TEST_F(Owner, AnUnregisteredDefaultLossLeavesTheLoopAlone)
+TEST_F(Owner, DefaultLossHandlerLeavesOtherLoopsAlone)
 {
     uloop_cancelled = false;
     std::thread daemon([&] {
@@ -846,7 +846,7 @@ TEST_F(Owner, AnUnregisteredDefaultLossLeavesTheLoopAlone)
     EXPECT_FALSE(uloop_cancelled);
 }
 
-TEST_F(Owner, ARegisteredDefaultLossEndsTheLoop)
+TEST_F(Owner, DefaultLossHandlerEndsTheLoopOfTheConnection)
 {
     uloop_cancelled = false;
     ubus_add_uloop(ctx);
@@ -864,7 +864,7 @@ void free_in_handler(struct ubus_request *req, int, struct blob_attr *)
     ubus_free(req->ctx);
 }
 
-TEST_F(Owner, ADataHandlerMayFreeTheContext)
+TEST_F(Owner, DataHandlerMayFreeTheContext)
 {
     send_data(2, {1, 2, 3, 4});
     bus.send_status(2, kObject, 0);
@@ -872,7 +872,7 @@ TEST_F(Owner, ADataHandlerMayFreeTheContext)
     ctx = nullptr;
 }
 
-TEST_F(Owner, TheLossHandlerMayFreeTheContext)
+TEST_F(Owner, LossHandlerMayFreeTheContext)
 {
     ctx->connection_lost = ubus_free;
     std::thread daemon([&] {

@@ -181,7 +181,7 @@ TEST_F(Fairness, ClientThatCausesMuchWorkIsServedInTurns)
 class FairnessBesideFlooders : public testing::TestWithParam<size_t> {};
 
 // Flooders never read: their sockets and queues are full too.
-TEST_P(FairnessBesideFlooders, AnHonestCallIsAnswered)
+TEST_P(FairnessBesideFlooders, HonestCallIsAnswered)
 {
     BusDaemon daemon;
     Client owner;

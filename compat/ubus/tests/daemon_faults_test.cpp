@@ -93,7 +93,7 @@ extern "C" int uloop_fd_add(struct uloop_fd *sock, unsigned int flags)
 }
 
 // Owners decide by the names: without them a client would pass for one that has none.
-TEST_F(DaemonFaults, AClientWhoseAccountCannotBeLookedUpIsRefused)
+TEST_F(DaemonFaults, ClientWhoseAccountCannotBeLookedUpIsRefused)
 {
     g_faults->account = true;
     for (int error : {EMFILE, ENFILE, ENOMEM, EIO}) {

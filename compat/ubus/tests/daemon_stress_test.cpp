@@ -72,7 +72,7 @@ TEST_F(DaemonStress, UnalignedBodiesKeepTheStreamInStep)
     }
 }
 
-TEST_F(DaemonStress, TheLargestBodyPassesAndOneMoreEndsTheClient)
+TEST_F(DaemonStress, LargestBodyPassesAndOneMoreEndsTheClient)
 {
     Client client;
     Bytes largest = message(kPing, 1, 0, Bytes(kLargestBody - 4, 0));
@@ -120,7 +120,7 @@ TEST_F(DaemonStress, LargestCallKeepsItsNamesAndALargerOneIsRefused)
     EXPECT_TRUE(owner.is_in_step());
 }
 
-TEST_F(DaemonStress, GarbageEndsNobodyButItsSender)
+TEST_F(DaemonStress, GarbageEndsOnlyItsSender)
 {
     std::mt19937 random(4711);
     for (int round = 0; round < 300; round++) {
@@ -160,7 +160,7 @@ TEST_F(DaemonStress, DistortedMessagesAreRefusedOrServedButNeverFatal)
     }
 }
 
-TEST_F(DaemonStress, AHalfClosedClientIsGone)
+TEST_F(DaemonStress, HalfClosedClientIsGone)
 {
     Client client;
     ASSERT_NE(client.publish("x"), 0u);
@@ -169,7 +169,7 @@ TEST_F(DaemonStress, AHalfClosedClientIsGone)
     EXPECT_EQ(witness.ask(message(kLookup, 1, 0, attr(kAttrPath, text("x")))), 4u);
 }
 
-TEST_F(DaemonStress, AClientMayVanishInTheMiddleOfAMessage)
+TEST_F(DaemonStress, ClientMayVanishInTheMiddleOfAMessage)
 {
     Bytes whole = add_object(1, "x", field(2, "m", {}));
     for (size_t length = 1; length < whole.size(); length += 3) {
@@ -194,7 +194,7 @@ void stall(Client &owner, uint32_t object, const Client &reader, unsigned count)
     ASSERT_TRUE(owner.is_in_step());
 }
 
-TEST_F(DaemonStress, AStalledReaderGetsWholeMessagesOnlyAndStaysInStep)
+TEST_F(DaemonStress, StalledReaderGetsWholeMessagesOnlyAndStaysInStep)
 {
     Client owner, reader;
     uint32_t id = owner.publish("x");
@@ -218,7 +218,7 @@ TEST_F(DaemonStress, AStalledReaderGetsWholeMessagesOnlyAndStaysInStep)
         EXPECT_EQ(reader.read().seq(), i);
 }
 
-TEST_F(DaemonStress, LargeMessagesAreNeverCutEither)
+TEST_F(DaemonStress, LargeMessagesAreNeverCutShort)
 {
     Client owner, reader;
     uint32_t id = owner.publish("x");
@@ -243,7 +243,7 @@ TEST_F(DaemonStress, LargeMessagesAreNeverCutEither)
     EXPECT_TRUE(reader.is_in_step());
 }
 
-TEST_F(DaemonStress, ALookupWhileStalledIsAnsweredLater)
+TEST_F(DaemonStress, LookupWhileStalledIsAnsweredLater)
 {
     Client owner, reader;
     uint32_t id = owner.publish("x");
@@ -261,7 +261,7 @@ TEST_F(DaemonStress, ALookupWhileStalledIsAnsweredLater)
     EXPECT_TRUE(reader.is_in_step());
 }
 
-TEST_F(DaemonStress, AListingLongerThanAnyQueueArrivesWhole)
+TEST_F(DaemonStress, ListingLongerThanAnyQueueArrivesWhole)
 {
     constexpr unsigned kObjects = 600;
     Client owner, reader;
@@ -280,7 +280,7 @@ TEST_F(DaemonStress, AListingLongerThanAnyQueueArrivesWhole)
     EXPECT_TRUE(reader.is_in_step());
 }
 
-TEST_F(DaemonStress, AStalledReaderMayVanish)
+TEST_F(DaemonStress, StalledReaderMayVanish)
 {
     Client owner;
     uint32_t id = owner.publish("x");
@@ -357,7 +357,7 @@ TEST(DaemonLimits, WithoutDescriptorsNewcomersWaitAndTheDaemonSleeps)
 }
 
 // Whoever is let in can be named: the accounts file takes a descriptor, too.
-TEST(DaemonLimits, TheLastDescriptorIsNotGivenToAClientWithoutItsNames)
+TEST(DaemonLimits, LastDescriptorIsNotGivenToAClientWithoutItsNames)
 {
     BusDaemon daemon("", 16);
     std::vector<std::unique_ptr<Client>> clients;
@@ -436,7 +436,7 @@ TEST_F(DaemonStress, WhatAClientMakesTheDaemonKeepHasALimit)
     EXPECT_EQ(witness.data.size(), count);
 }
 
-TEST_F(DaemonStress, AnObjectWhoseDescriptionFitsIntoNoMessageIsRefused)
+TEST_F(DaemonStress, ObjectTooLargeToDescribeInAMessageIsRefused)
 {
     Client client, listener;
     uint32_t own = listener.publish_unnamed();
@@ -582,7 +582,7 @@ TEST_F(DaemonStress, UnfinishedMessagesOfAUserAreLimited)
     EXPECT_EQ(count, 15);
 }
 
-TEST(DaemonLimits, AnIdleDaemonSleeps)
+TEST(DaemonLimits, IdleDaemonSleeps)
 {
     BusDaemon daemon;
     Client client;

@@ -50,7 +50,7 @@ TEST_F(Daemon, RefusesTypesThatNoClientMaySend)
         EXPECT_EQ(client.ask(message(uint8_t(type), 7, 0)), 1u) << type;
 }
 
-TEST_F(Daemon, APathBelongsToOneObject)
+TEST_F(Daemon, PathBelongsToOneObject)
 {
     Client one, two;
     uint32_t id = one.publish("a.path");
@@ -63,7 +63,7 @@ TEST_F(Daemon, APathBelongsToOneObject)
     EXPECT_EQ(two.data[0].number(kAttrId), id);
 }
 
-TEST_F(Daemon, AnEmptyPathCanBePublishedButNotLookedUp)
+TEST_F(Daemon, EmptyPathCanBePublishedButNotLookedUp)
 {
     Client client;
     EXPECT_NE(client.publish(""), 0u);
@@ -96,7 +96,7 @@ TEST_F(Daemon, ListsInByteOrderOfThePaths)
     EXPECT_EQ(list(attr(kAttrPath, {'b'}), 0), "A a a.b a.b.c a.z b ");
 }
 
-TEST_F(Daemon, AnEmptyBusListsNothingWithoutAnError)
+TEST_F(Daemon, EmptyBusListsNothingWithoutAnError)
 {
     Client client;
     EXPECT_EQ(client.ask(message(kLookup, 1, 0)), 0u);
@@ -157,7 +157,7 @@ TEST_F(Daemon, ObjectsWithoutATypeAreInvisibleButCallable)
     }
 }
 
-TEST_F(Daemon, AnEmptySignatureIsAListedTypeWithoutMethods)
+TEST_F(Daemon, EmptySignatureIsAListedTypeWithoutMethods)
 {
     Client client;
     ASSERT_EQ(client.ask(add_object(1, "bare", {})), 0u);
@@ -207,7 +207,7 @@ TEST_F(Daemon, PassesOnOfACallOnlyWhatItKnows)
     EXPECT_TRUE(caller.is_in_step()); // no answer of the daemon's own
 }
 
-TEST_F(Daemon, AnswersCallsThatReachNobody)
+TEST_F(Daemon, AnswersCallsThatReachNoObject)
 {
     Client caller;
     EXPECT_EQ(caller.ask(invoke(1, 0, "m")), 4u);
@@ -218,7 +218,7 @@ TEST_F(Daemon, AnswersCallsThatReachNobody)
     EXPECT_EQ(caller.ask(invoke(1, 3, "add")), 4u);
 }
 
-TEST_F(Daemon, ACallToAnOwnObjectComesBack)
+TEST_F(Daemon, CallToAnOwnObjectComesBack)
 {
     Client client;
     uint32_t id = client.publish("x");
@@ -263,7 +263,7 @@ TEST_F(Daemon, ForwardsWhateverTheOwnerSaysAndNothingElse)
     }
 }
 
-TEST_F(Daemon, ASharedAnswerOfSeveralPiecesKeepsItsOrder)
+TEST_F(Daemon, SharedAnswerOfSeveralPiecesKeepsItsOrder)
 {
     Client owner, caller;
     uint32_t id = owner.publish("x");
@@ -303,7 +303,7 @@ TEST_F(Daemon, ObjectsGoWithTheirClientAndCallersHearNothing)
     EXPECT_NE(heir.publish("x"), 0u);
 }
 
-TEST_F(Daemon, ACallerThatIsGoneCostsTheOwnerNothing)
+TEST_F(Daemon, AnswersToACallerThatIsGoneAreDropped)
 {
     Client owner;
     uint32_t id = owner.publish("x");
@@ -320,7 +320,7 @@ TEST_F(Daemon, ACallerThatIsGoneCostsTheOwnerNothing)
     EXPECT_TRUE(owner.is_in_step());
 }
 
-TEST_F(Daemon, WhatIsSaidRightBeforeLeavingIsHeard)
+TEST_F(Daemon, MessageSentRightBeforeHangingUpIsServed)
 {
     Client owner;
     uint32_t id = owner.publish("x");
@@ -345,7 +345,7 @@ Bytes event_send(const std::string &event, const Bytes &fields = {})
     return invoke(1, 1, "send", field(3, "id", text(event)) + field(2, "data", fields));
 }
 
-TEST_F(Daemon, RefusesEventRegistrationsThatMakeNoSense)
+TEST_F(Daemon, RefusesMalformedEventRegistrations)
 {
     Client one, two;
     uint32_t own = one.publish_unnamed();
@@ -444,7 +444,7 @@ Bytes subscription(int type, uint32_t object, uint32_t target)
                    attr(kAttrId, u32(object)) + attr(kAttrTarget, u32(target)));
 }
 
-TEST_F(Daemon, RefusesSubscriptionsThatMakeNoSense)
+TEST_F(Daemon, RefusesMalformedSubscriptions)
 {
     Client owner, watcher;
     uint32_t target = owner.publish("t");
@@ -463,7 +463,7 @@ TEST_F(Daemon, RefusesSubscriptionsThatMakeNoSense)
     EXPECT_TRUE(owner.is_in_step());
 }
 
-TEST_F(Daemon, ASecondSubscriptionIsRefusedAndTheFirstStays)
+TEST_F(Daemon, SecondSubscriptionIsRefusedAndTheFirstStays)
 {
     Client owner, watcher;
     uint32_t target = owner.publish("t");
@@ -494,7 +494,7 @@ TEST_F(Daemon, ASecondSubscriptionIsRefusedAndTheFirstStays)
     EXPECT_EQ(owner.read().attr(kAttrActive), Bytes{0});
 }
 
-TEST_F(Daemon, RefusesNotificationsThatMakeNoSense)
+TEST_F(Daemon, RefusesMalformedNotifications)
 {
     Client owner, other;
     uint32_t target = owner.publish("t");
@@ -522,7 +522,7 @@ TEST_F(Daemon, TellsWatchersWhenTheirTargetIsGone)
 
 // ---- life of the daemon
 
-TEST(DaemonLife, TheSocketIsForEverybodyAndGoesWithTheDaemon)
+TEST(DaemonLife, SocketIsOpenToAllUsersAndRemovedWithTheDaemon)
 {
     BusDaemon daemon("/scratch/other.sock");
     struct stat status;
@@ -542,7 +542,7 @@ TEST(DaemonLife, TheSocketIsForEverybodyAndGoesWithTheDaemon)
     EXPECT_NE(stat("/scratch/other.sock", &status), 0);
 }
 
-TEST(DaemonLife, AHangUpSignalDoesNoHarm)
+TEST(DaemonLife, HangUpSignalDoesNoHarm)
 {
     BusDaemon daemon;
     ::kill(daemon.pid(), SIGHUP);
@@ -550,7 +550,7 @@ TEST(DaemonLife, AHangUpSignalDoesNoHarm)
     EXPECT_TRUE(client.is_in_step());
 }
 
-TEST(DaemonLife, AnotherOneReplacesTheSocketLeftByACrash)
+TEST(DaemonLife, SocketLeftByACrashIsReplaced)
 {
     BusDaemon daemon;
     Client client;
@@ -619,7 +619,7 @@ TEST(DaemonLife, SecondDaemonLeavesTheFirstAlone)
     EXPECT_TRUE(newcomer.is_in_step());
 }
 
-TEST(DaemonLife, AFileOtherThanASocketIsKept)
+TEST(DaemonLife, FileOtherThanASocketIsKept)
 {
     write_file("/scratch/file", "precious");
     EXPECT_EQ(run_daemon({"-s", "/scratch/file"}), 1);

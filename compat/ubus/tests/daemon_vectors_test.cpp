@@ -85,7 +85,7 @@ TEST(DaemonVectors, EveryRecordedExchangeComesOutByteForByte)
     EXPECT_EQ(replay.compared(), 108);
 }
 
-TEST(DaemonVectors, IdsAreUniqueAndNoneOfThoseThatConfuseAClient)
+TEST(DaemonVectors, IdsAreUniqueAndNeverConfuseAClient)
 {
     BusDaemon daemon;
     Replay replay;

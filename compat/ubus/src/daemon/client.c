@@ -31,7 +31,7 @@ static struct uloop_fd listener;
 // Closed while accounts are looked up, so that there is a descriptor for that.
 static int spare = -1;
 
-// The socket file that is the daemon's own.
+// The daemon's own socket file.
 static dev_t own_device;
 static ino_t own_inode;
 
@@ -173,7 +173,7 @@ static void client_remove(struct client *client)
         }
         object_remove(list_first_entry(&client->objects, struct object, of_owner));
     }
-    output_flush(); // what the last object's end caused is from this client
+    output_flush(); // while this client can still be charged
     queue_sender_left(client);
     list_del(&client->of_busy);
     user_leave(client->user);
@@ -242,7 +242,7 @@ static bool rest_keep(struct client *client, const uint8_t *bytes, size_t length
 }
 
 // Serves every whole message, while the client's turn lasts, and keeps what is left. False when the
-// stream makes no sense.
+// stream is malformed.
 static bool serve_input(struct client *client, const uint8_t *bytes, size_t length)
 {
     while (length > 0) {
@@ -264,8 +264,8 @@ static bool serve_input(struct client *client, const uint8_t *bytes, size_t leng
     return true;
 }
 
-// The missing part of a message is there; serves the message if it is complete by now. `bytes` is
-// what came after it and is moved past what the message still needed.
+// More of a partial message is there; serves the message if it is complete now. `bytes` is what
+// came after it and is moved past what the message still needed.
 static bool serve_partial(struct client *client, const uint8_t **bytes, size_t *length)
 {
     if (client->partial.size == kMessageMinimum) {
@@ -405,7 +405,7 @@ static bool is_missing(int error)
 }
 
 // Who the client is, as forwarded calls tell it. Both names, or none for an account without
-// entries. False when that could not be found out.
+// entries. False when they cannot be found out.
 static bool find_accounts(struct client *client, const struct ucred *who)
 {
     errno = 0;
@@ -494,7 +494,7 @@ static void client_open(int fd)
         client_close(client);
 }
 
-// What keeps the daemon from accepting leaves the backlog readable: stop looking at it for a while.
+// The backlog stays readable while accepting fails, so stop watching it for a while.
 static void pause_accepting(void)
 {
     uloop_fd_delete(&listener);

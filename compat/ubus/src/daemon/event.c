@@ -21,7 +21,7 @@ struct event {
     const void *fields;
     size_t length;
     struct client *cause; // charged for it
-    bool is_daemons;      // goes to everybody, those of a client not to itself
+    bool is_daemons;      // sent to everyone; a client's own is not sent to itself
 };
 
 static LIST_HEAD(listeners); // objects with patterns, object.of_listener
@@ -47,7 +47,7 @@ static bool listens_to(const struct object *object, const char *name)
     return false;
 }
 
-// Nothing is copied until there is known to be room for it: there may be many listeners.
+// Nothing is copied before it is known that there is room: there may be many listeners.
 static void deliver(const struct object *object, const struct event *event)
 {
     static const uint8_t kZeros[BLOB_ATTR_ALIGN];
@@ -131,7 +131,7 @@ static bool add_pattern(struct object *object, const char *text)
     struct client *owner = object->owner;
     size_t size = strlen(text) + 1;
 
-    // The same pattern again changes nothing that anybody could see.
+    // Registering the same pattern again has no effect.
     if (avl_find(&object->patterns, text) != NULL)
         return true;
 

@@ -36,8 +36,8 @@ static bool catch_end(void)
     return signals.fd >= 0 && uloop_fd_add(&signals, ULOOP_READ | ULOOP_BLOCKING) == 0;
 }
 
-// With one of the first three closed, a client's socket would take its place, and error messages
-// would go to the client.
+// If a standard descriptor is closed, a client's socket would take its place and get the error
+// messages.
 static void fill_standard_descriptors(void)
 {
     int fd;

@@ -1,4 +1,4 @@
-// Taking messages apart and putting the daemon's own ones together.
+// Parses messages and builds the daemon's own.
 
 #include "ubusd.h"
 

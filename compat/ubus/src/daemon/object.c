@@ -28,7 +28,7 @@ struct object *object_find(uint32_t id)
     return avl_find_element(&objects, &id, object, by_id);
 }
 
-// The daemon's own objects exist, though no record stands for them and nobody may touch them.
+// The daemon's own objects exist without a record, and no client may change them.
 bool is_system_object(uint32_t id)
 {
     return id >= UBUS_SYSTEM_OBJECT_EVENT && id <= UBUS_SYSTEM_OBJECT_MONITOR;
@@ -62,8 +62,8 @@ static struct object_type *type_create(const struct blob_attr *signature)
     return type;
 }
 
-// Gives a new object the type it asks for. An unknown one and a signature that makes no sense are
-// not errors: the object then has no type.
+// Gives a new object the type it asks for. An unknown type or a malformed signature is not an
+// error: the object then has no type.
 static bool type_assign(struct object *object, const struct message *message)
 {
     struct blob_attr *signature = message->attr[UBUS_ATTR_SIGNATURE];

@@ -1,7 +1,7 @@
 // What a client has not read yet, message by message.
 //
-// A client that floods a busy one must not take the place of others, so every sender has a share of
-// the queue. Each caller may have a limited number of calls and of their bytes, but one call of any
+// A client that floods a busy one must not push out others, so every sender has a share of the
+// queue. Each caller may have a limited number of calls and of their bytes, but one call of any
 // size. Everything else (answers, events, notifications) shares the rest; when that is full every
 // sender may still have one message and a limited number of bytes more, such as the status after a
 // long answer. What exceeds this is dropped.
@@ -19,7 +19,7 @@ enum {
     kDaemonId = 0,          // in place of a client's id
 };
 
-// What one sender has in one queue. There while there is anything.
+// What one sender has in one queue. Exists while there is something.
 struct share {
     struct avl_node of_queue;   // key: sender
     struct list_head of_sender; // in client.sent; empty for the daemon and for those who left
@@ -148,8 +148,7 @@ static void drop(struct waiting *message)
     free(message);
 }
 
-// Keeps a message of which `sent` bytes are out already. One that is partly out is kept in any
-// case.
+// Keeps a message of which `sent` bytes are out already. One that is partly out is always kept.
 enum queue_result queue_add(struct queue *queue, struct origin origin, const struct iovec *parts,
                             int count, size_t sent, size_t total)
 {

@@ -1,4 +1,4 @@
-// What a client can ask for, and passing calls and answers on.
+// The requests of clients, and passing on calls and answers.
 
 #include "ubusd.h"
 
@@ -69,8 +69,8 @@ static void request_invoke(struct client *client, const struct message *message)
     forward_call(object->owner, id, client, message, false);
 }
 
-// DATA or STATUS of an owner, for the caller named in peer. There is no table of open calls: what
-// an owner says is passed on, and what fits nobody is dropped without a word.
+// DATA or STATUS of an owner, for the caller named in peer. There is no table of open calls: an
+// owner's answers are passed on, and those without a caller are dropped silently.
 static void forward_answer(struct client *client, const struct message *message)
 {
     int needed = message->type == UBUS_MSG_STATUS ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA;

@@ -1,4 +1,4 @@
-// Watching objects: a client's object (the watcher) subscribes to somebody else's (the target) and
+// Watching objects: a client's object (the watcher) subscribes to another client's (the target) and
 // gets its notifications as calls.
 
 #include "ubusd.h"
@@ -26,7 +26,7 @@ static void tell_active(struct object *target, bool active, struct client *cause
     send_blob(target->owner, cause, UBUS_MSG_NOTIFY, ++target->notify_seq, 0, body->head);
 }
 
-// Tells a watcher that its target is no more.
+// Tells a watcher that its target is gone.
 static void tell_gone(struct object *watcher, const struct object *target)
 {
     struct blob_buf *body = answer_begin();
@@ -50,7 +50,7 @@ static void unsubscribe(struct subscription *subscription, struct client *cause)
         tell_active(target, false, cause);
 }
 
-// The object goes: as a target and as a watcher.
+// Ends all subscriptions of an object, as target and as watcher.
 void subscriptions_forget(struct object *object)
 {
     struct subscription *subscription, *next;

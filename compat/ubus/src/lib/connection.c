@@ -55,8 +55,8 @@ static bool read_greeting(int fd, uint32_t *id)
     return *id > UBUS_CLIENT_ID_CHANNEL && skip(fd, length - kWordLength);
 }
 
-// Where one of the first three is closed, the socket would get its number, and what the program
-// prints would go to the bus.
+// If a standard descriptor is closed, the socket would get its number, and what the program prints
+// would go to the bus.
 static int above_standard(int fd)
 {
     if (fd < 0 || fd > STDERR_FILENO)
@@ -80,8 +80,8 @@ static int dial(const char *path, uint32_t *id)
     return fd;
 }
 
-// A connection that is not in the loop may be used on another thread than the loop's, as a plain
-// client's is in a process that also serves: it stays away from what the loop works with.
+// A connection outside the loop may belong to another thread, as a client's does in a process that
+// also serves, so it does not touch the loop.
 static void leave_loop(struct connection *connection)
 {
     if (connection->ctx.sock.registered)
@@ -115,7 +115,7 @@ void connection_release(struct connection *connection)
         destroy(connection);
 }
 
-// In between calls from others are put by; afterwards they are due.
+// Between the two, calls from others are postponed; afterwards they are due.
 void connection_enter(struct connection *connection)
 {
     connection_hold(connection);
@@ -129,7 +129,7 @@ void connection_leave(struct connection *connection)
     connection_release(connection);
 }
 
-// A program that does not care ends its loop, if the loop knew of the connection at all.
+// What programs get that do not set connection_lost: the loop ends if the connection was in it.
 static void end_loop(struct ubus_context *ctx)
 {
     if (ctx->sock.registered)
@@ -211,7 +211,7 @@ UBUS_EXPORT int ubus_reconnect(struct ubus_context *ctx, const char *path)
     connection->lost = false;
     ctx->sock.eof = false;
     ctx->sock.error = false;
-    // Calls that come for the objects published first wait until all are.
+    // Calls to the first objects wait until all are published.
     connection_enter(connection);
     objects_publish_again(connection);
     connection_leave(connection);

@@ -17,7 +17,7 @@ struct ubus_object *object_find(struct connection *connection, uint32_t id)
     return node != NULL ? container_of(node, struct ubus_object, avl) : NULL;
 }
 
-// Records of programs keep stale links after ubus_free(): only the lists themselves tell whether
+// A program's records keep stale links after ubus_free(), so only the lists themselves tell whether
 // an object is in them.
 static void unlink_object(struct connection *connection, struct ubus_object *object)
 {
@@ -128,7 +128,7 @@ UBUS_EXPORT int ubus_add_object(struct ubus_context *ctx, struct ubus_object *ob
 {
     struct connection *connection = connection_of(ctx);
 
-    // The first call may come with the very answer: nothing is served before the id is known.
+    // The first call may arrive together with the answer: none is served before the id is known.
     connection_enter(connection);
     int status = publish(connection, obj);
     connection_leave(connection);
@@ -157,8 +157,8 @@ UBUS_EXPORT int ubus_remove_object(struct ubus_context *ctx, struct ubus_object 
     return UBUS_STATUS_OK;
 }
 
-// After a reconnection the daemon knows nothing of us. Types first: objects that share one must
-// not take its old id for known.
+// After a reconnection the daemon knows none of our objects. All type ids are cleared first, so
+// that no object uses an old one.
 void objects_publish_again(struct connection *connection)
 {
     struct ubus_context *ctx = &connection->ctx;

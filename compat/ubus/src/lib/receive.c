@@ -29,7 +29,7 @@ struct input *input_create(size_t size)
     return input;
 }
 
-// Bytes of the message being received, as far as is known.
+// Size of the message being received, as far as it is known.
 static size_t wanted(const struct input *input)
 {
     const uint8_t *bytes = input->bytes + input->start;
@@ -38,7 +38,7 @@ static size_t wanted(const struct input *input)
     return kHeaderLength + (body_length(bytes));
 }
 
-// Another buffer with what is not handled yet. A pinned one is left to those who pinned it.
+// Moves what is not handled yet to another buffer. A pinned one is left to those who pinned it.
 static bool input_replace(struct connection *connection, size_t size)
 {
     struct input *old = connection->input;
@@ -68,7 +68,7 @@ static bool input_make_room(struct connection *connection)
         input->start = 0;
         if (input->size < size)
             return input_replace(connection, size);
-        // A buffer grown for one large message is given back after a while without another.
+        // A buffer that grew for a large message shrinks after a while without another.
         if (input->size > size &&
             connection->ctx.msgbuf_reduction_counter++ > kReadsBeforeShrinking)
             input_replace(connection, size);
@@ -147,7 +147,7 @@ static void serve(struct connection *connection, const uint8_t *bytes, size_t si
 }
 
 // Handles every whole message. A stream out of step is closed: what follows could mean anything.
-// The version byte is not looked at: daemons pass on what the other service wrote there.
+// The version byte is not checked: daemons pass on what the other service wrote there.
 void input_serve(struct connection *connection)
 {
     for (;;) {

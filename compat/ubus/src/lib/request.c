@@ -4,8 +4,8 @@
 
 #include <poll.h>
 
-// Of several open requests the answer's sequence number and peer tell which one is meant. What
-// fits none is a late answer, or the second status of a call: no harm.
+// Sequence number and peer tell which open request an answer belongs to. One that fits none is
+// late, or the second status of a call, and does no harm.
 static struct ubus_request *find_request(struct connection *connection,
                                          const struct message *message)
 {
@@ -102,7 +102,7 @@ int request_run(struct connection *connection, struct ubus_request *request, uin
     list_add(&request->list, &ctx->requests);
     status = timeout >= 0 ? wait_status(connection, request, deadline) : UBUS_STATUS_TIMEOUT;
     list_del_init(&request->list);
-    // With nothing whole left in the buffer the socket alone tells when there is more.
+    // With no whole message left in the buffer, the socket alone tells when there is more.
     if (!connection->lost)
         input_serve(connection);
     connection_leave(connection);

@@ -1,4 +1,4 @@
-// Sending: a message is put together from pieces where they lie and leaves in one call.
+// Sending: a message goes out in one call, gathered from its pieces.
 
 #include "internal.h"
 
@@ -56,7 +56,7 @@ static int send_all(int sock, struct msghdr *header, int64_t deadline)
     return 0;
 }
 
-// 0, or one of kSend...; only requests are held to the daemon's limit by their callers.
+// Returns 0 or one of kSend... The daemon's limit is checked by the callers, and only for requests.
 int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint32_t peer,
                  struct iovec *parts, int count, int fd, int64_t deadline)
 {

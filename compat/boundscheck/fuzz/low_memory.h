@@ -1,8 +1,8 @@
 // One number that is right for every argument of a formatted print or scan: as a pointer it leads
 // to a large buffer, and as a size it is less than that buffer holds. With all arguments alike, an
 // arbitrary format cannot ask for the wrong type.
-#ifndef BV_TESTS_FUZZ_LOW_MEMORY_H
-#define BV_TESTS_FUZZ_LOW_MEMORY_H
+#ifndef COMPAT_BOUNDSCHECK_FUZZ_LOW_MEMORY_H
+#define COMPAT_BOUNDSCHECK_FUZZ_LOW_MEMORY_H
 
 #include "fuzz/input.h"
 

@@ -1,8 +1,8 @@
 // Memory that ends exactly where an unmapped page begins, and starts right behind another: one
 // byte read or written too far kills the test.
 
-#ifndef TESTS_COMPAT_BOUNDSCHECK_GUARDED_H
-#define TESTS_COMPAT_BOUNDSCHECK_GUARDED_H
+#ifndef COMPAT_BOUNDSCHECK_TESTS_GUARDED_H
+#define COMPAT_BOUNDSCHECK_TESTS_GUARDED_H
 
 #include <cstddef>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // Making the recorded printf and scanf calls, whose argument lists are known only at run time.
 
-#ifndef TESTS_COMPAT_BOUNDSCHECK_VECTOR_CALL_H
-#define TESTS_COMPAT_BOUNDSCHECK_VECTOR_CALL_H
+#ifndef COMPAT_BOUNDSCHECK_TESTS_VECTOR_CALL_H
+#define COMPAT_BOUNDSCHECK_TESTS_VECTOR_CALL_H
 
 #include <string>
 #include <vector>

@@ -3,8 +3,8 @@
 // Value syntax: hex is two digits a byte, "-" for no bytes; quoted text knows \\, \" and \xHH, and
 // NULL without quotes is a null pointer; everything else is decimal.
 
-#ifndef TESTS_COMPAT_BOUNDSCHECK_VECTOR_FILE_H
-#define TESTS_COMPAT_BOUNDSCHECK_VECTOR_FILE_H
+#ifndef COMPAT_BOUNDSCHECK_TESTS_VECTOR_FILE_H
+#define COMPAT_BOUNDSCHECK_TESTS_VECTOR_FILE_H
 
 #include <cstddef>
 #include <cstdint>

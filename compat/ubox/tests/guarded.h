@@ -1,6 +1,6 @@
 // Bytes that end right in front of an unreadable page: reading one too many kills the test.
-#ifndef BV_TESTS_COMPAT_UBOX_GUARDED_H
-#define BV_TESTS_COMPAT_UBOX_GUARDED_H
+#ifndef COMPAT_UBOX_TESTS_GUARDED_H
+#define COMPAT_UBOX_TESTS_GUARDED_H
 
 #include <cstdint>
 #include <cstdlib>

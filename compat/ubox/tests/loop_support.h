@@ -1,6 +1,6 @@
 // Records with a function object for callback, and a loop that is there for one test.
-#ifndef BV_TESTS_COMPAT_UBOX_LOOP_SUPPORT_H
-#define BV_TESTS_COMPAT_UBOX_LOOP_SUPPORT_H
+#ifndef COMPAT_UBOX_TESTS_LOOP_SUPPORT_H
+#define COMPAT_UBOX_TESTS_LOOP_SUPPORT_H
 
 #include <chrono>
 #include <cstring>

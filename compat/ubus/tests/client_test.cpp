@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <libubus.h>
 
+#include "fake_bus.h"
 #include "support/bus.h"
 #include "support/shared.h"
-#include "wire.h"
 
 namespace {
 
@@ -341,14 +341,6 @@ uint32_t look_up(struct ubus_context *ctx, const char *path, int expected)
     uint32_t id = 0;
     EXPECT_EQ(ubus_lookup_id(ctx, path, &id), expected) << path;
     return id;
-}
-
-// Waits until something has come, and handles it.
-void handle_next(struct ubus_context *ctx)
-{
-    pollfd poll_fd = {ctx->sock.fd, POLLIN, 0};
-    EXPECT_EQ(poll(&poll_fd, 1, 10000), 1);
-    ubus_handle_event(ctx);
 }
 
 struct ContextDeleter {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <libubus.h>
 
+#include "fake_bus.h"
 #include "vectors.h"
 
 namespace {
@@ -21,13 +22,9 @@ class RecordedBus {
 public:
     explicit RecordedBus(const std::string &peer) : peer_(peer), file_(vectors::read())
     {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", kSocket);
         unlink(kSocket);
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(listener_, 1), 0);
+        listener_ = usock(USOCK_UNIX | USOCK_SERVER, kSocket, nullptr);
+        EXPECT_GE(listener_, 0);
         thread_ = std::thread([this] { serve(); });
     }
     ~RecordedBus() { finish(); }
@@ -49,7 +46,7 @@ public:
         std::lock_guard<std::mutex> guard(mutex_);
         return group_;
     }
-    uint32_t id(const std::string &name) const { return wire::be32(file_.ids.at(name).data()); }
+    uint32_t id(const std::string &name) const { return wire::get_word(file_.ids.at(name).data()); }
 
 private:
     void serve()
@@ -84,12 +81,12 @@ private:
 
     void compare(const wire::Stream &stream, const Item &item)
     {
-        wire::Bytes got = stream.read().bytes;
+        wire::Bytes got = stream.read().bytes();
         wire::Bytes expected = vectors::bytes_of(item, file_.ids);
         compared_++;
         if (got != expected)
-            problems_ += item.group + " " + item.type + ":\n  got      " + wire::hex(got) +
-                         "\n  expected " + wire::hex(expected) + "\n";
+            problems_ += item.group + " " + item.type + ":\n  got      " + to_hex(got) +
+                         "\n  expected " + to_hex(expected) + "\n";
     }
 
     std::string peer_;
@@ -295,8 +292,9 @@ TEST(ClientVectors, Caller)
     for (const Item &item : file.items) {
         if (item.peer != "C" || item.kind != Item::kToBus || item.type != "INVOKE")
             continue;
-        wire::Message message{vectors::bytes_of(item, file.ids)};
-        wire::Bytes fields = message.attr(wire::kAttrData);
+        wire::Message message;
+        message.attributes = vectors::attributes_of(item, file.ids);
+        wire::Bytes fields = message.payload(wire::kAttrData);
         recorded.emplace_back(reinterpret_cast<const char *>(&fields[12]),
                               message.string(wire::kAttrMethod));
     }
@@ -426,11 +424,8 @@ void listen_for(const char *connection, const char *pattern, bool with_lookup, i
         std::vector<std::string> paths;
         EXPECT_EQ(ubus_lookup(ctx, nullptr, collect_path, &paths), 0);
     }
-    while (g_events < events) {
-        pollfd poll_fd = {ctx->sock.fd, POLLIN, 0};
-        ASSERT_EQ(poll(&poll_fd, 1, 10000), 1);
-        ubus_handle_event(ctx);
-    }
+    while (g_events < events)
+        ASSERT_NO_FATAL_FAILURE(handle_next(ctx));
     ubus_free(ctx);
     EXPECT_EQ(bus.finish(), messages);
 }

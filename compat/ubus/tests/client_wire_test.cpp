@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 
 #include "fake_bus.h"
-#include "support/fault_points.h"
 #include "support/faults.h"
 
 // Sees whether the library touches the loop's descriptors.
@@ -34,7 +33,7 @@ struct blob_attr *payload(size_t length)
 {
     std::string bytes(length, 'x');
     blob_buf_init(&g_buf, 0);
-    blob_put_raw(&g_buf, attr(5, Bytes(length - 4, 7)).data(), unsigned(length));
+    blob_put_raw(&g_buf, attribute(5, Bytes(length - 4, 7)).data(), unsigned(length));
     return g_buf.head;
 }
 
@@ -133,7 +132,7 @@ TEST(Connect, RefusesMalformedGreetings)
 TEST(Connect, TakesAGreetingInPiecesAndWithABody)
 {
     FakeBus bus;
-    Bytes hello = message(kHello, 0, 0x12345678, attr(kAttrUser, text("somebody")));
+    Bytes hello = message(kHello, 0, 0x12345678, attribute(kAttrUser, text("somebody")));
     struct ubus_context *ctx =
         bus.greet({Bytes(hello.begin(), hello.begin() + 5), Bytes(hello.begin() + 5, hello.end())});
     ASSERT_NE(ctx, nullptr);
@@ -165,7 +164,7 @@ protected:
     }
     bool send_data(uint16_t seq, const Bytes &fields)
     {
-        return bus.send(message(kData, seq, kObject, attr(kAttrData, fields)));
+        return bus.send(message(kData, seq, kObject, attribute(kAttrData, fields)));
     }
 
     FakeBus bus;
@@ -196,8 +195,8 @@ TEST_F(Request, MatchesAnswersByNumberAndPeer)
 TEST_F(Request, VersionByteOfAnAnswerIsIgnored)
 {
     std::vector<Bytes> got;
-    Bytes data = message(kData, 1, kObject, attr(kAttrData, {5, 6, 7, 8}));
-    Bytes status = message(kStatus, 1, kObject, attr(kAttrStatus, u32(99)));
+    Bytes data = message(kData, 1, kObject, attribute(kAttrData, {5, 6, 7, 8}));
+    Bytes status = message(kStatus, 1, kObject, attribute(kAttrStatus, word(99)));
     data[0] = 1;
     status[0] = 255;
     bus.send(data + status);
@@ -248,8 +247,8 @@ TEST_F(Request, TakesAnAnswerByteByByte)
 {
     std::vector<Bytes> got;
     std::thread daemon([&] {
-        Bytes all = message(kData, 1, kObject, attr(kAttrData, {1, 2, 3, 4})) +
-                    message(kStatus, 1, kObject, attr(kAttrStatus, u32(6)));
+        Bytes all = message(kData, 1, kObject, attribute(kAttrData, {1, 2, 3, 4})) +
+                    message(kStatus, 1, kObject, attribute(kAttrStatus, word(6)));
         for (uint8_t byte : all)
             bus.send({byte});
     });
@@ -264,7 +263,7 @@ TEST_F(Request, NumbersWrapFrom65535To0)
     for (uint16_t seq : {65535, 0, 1}) {
         bus.send_status(seq, kObject, 0);
         EXPECT_EQ(call(), 0);
-        EXPECT_EQ(bus.read().seq(), seq);
+        EXPECT_EQ(bus.read().sequence, seq);
     }
 }
 
@@ -277,8 +276,8 @@ TEST_F(Request, TooLargeARequestIsNotSentAndTakesNoNumber)
 
     std::thread daemon([&] {
         Message got = bus.read();
-        EXPECT_EQ(got.seq(), 1u);
-        EXPECT_EQ(got.bytes.size(), 1048576u + 8);
+        EXPECT_EQ(got.sequence, 1u);
+        EXPECT_EQ(got.bytes().size(), 1048576u + 8);
         bus.send_status(1, kObject, 0);
     });
     EXPECT_EQ(ubus_invoke(ctx, kObject, "m", payload(kRoom), nullptr, nullptr, 5000), 0);
@@ -291,12 +290,13 @@ TEST_F(Request, PadsNameAndFieldsWithZeros)
         std::string method(length, 'm');
         Bytes fields(length, 0xee);
         blob_buf_init(&g_buf, 3);
-        blob_put_raw(&g_buf, attr(1, fields).data(), unsigned(4 + length));
+        blob_put_raw(&g_buf, attribute(1, fields).data(), unsigned(4 + length));
         bus.send_status(uint16_t(length), kObject, 0);
         EXPECT_EQ(ubus_invoke(ctx, kObject, method.c_str(), g_buf.head, nullptr, nullptr, 0), 0);
-        Bytes raw = attr(1, fields);
+        Bytes raw = attribute(1, fields);
         raw.resize(4 + length);
-        EXPECT_EQ(hex(bus.read().bytes), hex(invoke(uint16_t(length), kObject, method, raw)));
+        EXPECT_EQ(to_hex(bus.read().bytes()),
+                  to_hex(invoke(uint16_t(length), kObject, method, raw)));
     }
 }
 
@@ -315,7 +315,7 @@ TEST_F(Request, EndsAtItsTimeOutAndTheConnectionGoesOn)
 
 TEST_F(Request, HalfMessageDoesNotHoldUpATimeOut)
 {
-    Bytes status = message(kStatus, 2, kObject, attr(kAttrStatus, u32(3)));
+    Bytes status = message(kStatus, 2, kObject, attribute(kAttrStatus, word(3)));
     bus.send(Bytes(status.begin(), status.begin() + 14));
     EXPECT_EQ(call(50), 7);
     bus.send(Bytes(status.begin() + 14, status.end()));
@@ -325,7 +325,7 @@ TEST_F(Request, HalfMessageDoesNotHoldUpATimeOut)
 TEST_F(Request, NegativeTimeOutSendsAndLeaves)
 {
     EXPECT_EQ(call(-1), 7);
-    EXPECT_EQ(bus.read().type(), kInvoke);
+    EXPECT_EQ(bus.read().type, kInvoke);
 }
 
 TEST_F(Request, NoTimeOutWaitsAndLargeOnesDoNotOverflow)
@@ -361,7 +361,7 @@ TEST_F(Request, WaitsForADaemonThatDoesNotRead)
 {
     std::thread daemon([&] {
         usleep(200000);
-        EXPECT_EQ(bus.read().bytes.size() % 4, 0u);
+        EXPECT_EQ(bus.read().bytes().size() % 4, 0u);
         bus.send_status(1, kObject, 0);
     });
     EXPECT_EQ(ubus_invoke(ctx, kObject, "m", payload(1000000), nullptr, nullptr, 5000), 0);
@@ -393,7 +393,7 @@ TEST_F(Request, CallThatExpiresBeforeAnyOfItIsSentLeavesTheConnectionUsable)
     EXPECT_EQ(call(50), 7);
     EXPECT_EQ(g_broken, 0);
     for (unsigned i = 0; i < sent; i++)
-        ASSERT_EQ(bus.read().bytes, ping);
+        ASSERT_EQ(bus.read().bytes(), ping);
     bus.send_status(2, kObject, 3);
     EXPECT_EQ(call(), 3);
 }
@@ -407,8 +407,8 @@ TEST_F(Request, LookUpWritesTheIdOnlyWhenThereIsOne)
     bus.send_status(2, 0, 4);
     EXPECT_EQ(ubus_lookup_id(ctx, "x", &id), 4);
     EXPECT_EQ(id, 77u);
-    bus.send(message(kData, 3, 0, attr(kAttrId, u32(1111))));
-    bus.send(message(kData, 3, 0, attr(kAttrId, u32(2222))));
+    bus.send(message(kData, 3, 0, attribute(kAttrObjectId, word(1111))));
+    bus.send(message(kData, 3, 0, attribute(kAttrObjectId, word(2222))));
     bus.send_status(3, 0, 0);
     EXPECT_EQ(ubus_lookup_id(ctx, "x*", &id), 0);
     EXPECT_EQ(id, 2222u);
@@ -434,10 +434,10 @@ TEST_F(Request, PublishesNoNameWithoutAType)
 {
     struct ubus_object object = {};
     object.name = "x";
-    bus.send(message(kData, 1, 0, attr(kAttrId, u32(kObject))));
+    bus.send(message(kData, 1, 0, attribute(kAttrObjectId, word(kObject))));
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &object), 0);
-    EXPECT_EQ(bus.read().bytes, message(kAddObject, 1, 0));
+    EXPECT_EQ(bus.read().bytes(), message(kAddObject, 1, 0));
 }
 
 TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
@@ -456,26 +456,27 @@ TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
     two.name = "two";
     one.type = two.type = &type;
 
-    Bytes a = field(5, "a", u32(3)), b = field(5, "b", u32(5)), c = field(5, "c", u32(7));
-    bus.send(message(kData, 1, 0, attr(kAttrId, u32(1)) + attr(kAttrType, u32(0x4321))));
+    Bytes a = field(5, "a", word(3)), b = field(5, "b", word(5)), c = field(5, "c", word(7));
+    bus.send(message(kData, 1, 0,
+                     attribute(kAttrObjectId, word(1)) + attribute(kAttrObjectType, word(0x4321))));
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &one), 0);
-    EXPECT_EQ(hex(bus.read().bytes),
-              hex(add_object(1, "one",
-                             field(2, "some", a + c) + field(2, "none", {}) +
-                                 field(2, "tagged", a + b + c) + field(2, "short", {}))));
+    EXPECT_EQ(to_hex(bus.read().bytes()),
+              to_hex(add_object(1, "one",
+                                field(2, "some", a + c) + field(2, "none", {}) +
+                                    field(2, "tagged", a + b + c) + field(2, "short", {}))));
     EXPECT_EQ(type.id, 0x4321u);
 
     EXPECT_EQ(bus.publish(ctx, &two, 2, 2), 0);
     EXPECT_EQ(two.id, 2u);
     ubus_free(ctx);
     ctx = bus.connect(); // the type's id is stale now, and used
-    bus.send(message(kData, 1, 0, attr(kAttrId, u32(2))));
+    bus.send(message(kData, 1, 0, attribute(kAttrObjectId, word(2))));
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &two), 0);
-    EXPECT_EQ(
-        bus.read().bytes,
-        message(kAddObject, 1, 0, attr(kAttrPath, text("two")) + attr(kAttrType, u32(0x4321))));
+    EXPECT_EQ(bus.read().bytes(), message(kAddObject, 1, 0,
+                                          attribute(kAttrObjectPath, text("two")) +
+                                              attribute(kAttrObjectType, word(0x4321))));
 }
 
 // A look-up without its path asks for everything, and an object without its name is hidden: neither
@@ -565,12 +566,13 @@ protected:
     }
     static Bytes status(uint16_t seq, uint32_t peer, uint32_t value, uint32_t id)
     {
-        return message(kStatus, seq, peer, attr(kAttrStatus, u32(value)) + attr(kAttrId, u32(id)));
+        return message(kStatus, seq, peer,
+                       attribute(kAttrStatus, word(value)) + attribute(kAttrObjectId, word(id)));
     }
     static Bytes incoming(uint16_t seq, const std::string &method, const Bytes &fields = {})
     {
         Bytes bytes = invoke(seq, kObject, method, fields);
-        Bytes peer = u32(kCaller);
+        Bytes peer = word(kCaller);
         std::copy(peer.begin(), peer.end(), bytes.begin() + 4);
         return bytes;
     }
@@ -581,41 +583,42 @@ protected:
 
 TEST_F(Owner, AnswersCallsItCannotServe)
 {
-    Bytes id = attr(kAttrId, u32(kObject)), method = attr(kAttrMethod, text("m"));
-    Bytes data = attr(kAttrData, {});
+    Bytes id = attribute(kAttrObjectId, word(kObject)), method = attribute(kAttrMethod, text("m"));
+    Bytes data = attribute(kAttrData, {});
     // Nobody gets these two: no caller is named in them.
-    EXPECT_EQ(react(invoke(5, 4711, "m")).bytes, status(0, 0, 4, 0));
-    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + data)).bytes, status(0, 0, 2, 0));
-    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + method)).bytes,
+    EXPECT_EQ(react(invoke(5, 4711, "m")).bytes(), status(0, 0, 4, 0));
+    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + data)).bytes(), status(0, 0, 2, 0));
+    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + method)).bytes(),
               status(5, kCaller, 2, kObject));
     EXPECT_TRUE(react(message(kInvoke, 5, kCaller, method + data)).empty());
     EXPECT_TRUE(g_seen.methods.empty());
 
     any.name = "only";
-    EXPECT_EQ(react(incoming(6, "m")).bytes, status(6, kCaller, 3, kObject));
-    EXPECT_EQ(react(incoming(7, "only")).bytes, status(7, kCaller, 33, kObject));
+    EXPECT_EQ(react(incoming(6, "m")).bytes(), status(6, kCaller, 3, kObject));
+    EXPECT_EQ(react(incoming(7, "only")).bytes(), status(7, kCaller, 33, kObject));
     EXPECT_EQ(g_seen.methods, std::vector<std::string>{"only"});
 }
 
 TEST_F(Owner, DoesNotAnswerWhenNoReplyIsWanted)
 {
     Bytes call = message(kInvoke, 5, kCaller,
-                         attr(kAttrNoReply, {1}) + attr(kAttrId, u32(kObject)) +
-                             attr(kAttrMethod, text("m")) + attr(kAttrData, {}));
+                         attribute(kAttrNoReply, {1}) + attribute(kAttrObjectId, word(kObject)) +
+                             attribute(kAttrMethod, text("m")) + attribute(kAttrData, {}));
     EXPECT_TRUE(react(call).empty());
     EXPECT_EQ(g_seen.methods.size(), 1u);
     call[16] = 0; // NO_REPLY = 0
-    EXPECT_EQ(react(call).type(), kStatus);
+    EXPECT_EQ(react(call).type, kStatus);
 }
 
 TEST_F(Owner, KnowsTheCallerOnlyWhenBothNamesCome)
 {
-    Bytes rest = attr(kAttrId, u32(kObject)) + attr(kAttrMethod, text("m")) + attr(kAttrData, {});
-    react(message(kInvoke, 5, kCaller, attr(kAttrUser, text("u")) + rest));
+    Bytes rest = attribute(kAttrObjectId, word(kObject)) + attribute(kAttrMethod, text("m")) +
+                 attribute(kAttrData, {});
+    react(message(kInvoke, 5, kCaller, attribute(kAttrUser, text("u")) + rest));
     EXPECT_EQ(g_seen.request.acl.user, nullptr);
     EXPECT_EQ(g_seen.request.acl.object, nullptr);
     react(message(kInvoke, 5, kCaller,
-                  attr(kAttrUser, text("u")) + attr(kAttrGroup, text("g")) + rest));
+                  attribute(kAttrUser, text("u")) + attribute(kAttrGroup, text("g")) + rest));
     EXPECT_NE(g_seen.request.acl.user, nullptr);
     EXPECT_EQ(g_seen.request.acl.object, object.name);
     EXPECT_EQ(g_seen.request.peer, kCaller);
@@ -634,13 +637,15 @@ TEST_F(Owner, LearnsWhetherItIsWatched)
 {
     object.subscribe_cb = state_changed;
     for (uint8_t active : {1, 0}) {
-        EXPECT_TRUE(
-            react(message(kNotify, 1, 0, attr(kAttrId, u32(kObject)) + attr(kAttrActive, {active})))
-                .empty());
+        EXPECT_TRUE(react(message(kNotify, 1, 0,
+                                  attribute(kAttrObjectId, word(kObject)) +
+                                      attribute(kAttrActive, {active})))
+                        .empty());
         EXPECT_EQ(object.has_subscribers, active == 1);
     }
     EXPECT_EQ(g_state_changes, 2);
-    EXPECT_TRUE(react(message(kUnsubscribe, 1, 0, attr(kAttrId, u32(kObject)))).empty());
+    EXPECT_TRUE(
+        react(message(kUnsubscribe, 1, 0, attribute(kAttrObjectId, word(kObject)))).empty());
 }
 
 TEST_F(Owner, CallsArrivingDuringARequestAreServedAfterItInOrder)
@@ -651,9 +656,9 @@ TEST_F(Owner, CallsArrivingDuringARequestAreServedAfterItInOrder)
     EXPECT_EQ(ubus_invoke(ctx, kObject + 1, "m", nullptr, nullptr, nullptr, 5000), 6);
     // Not in the loop: served before the request returned.
     EXPECT_EQ(g_seen.methods, (std::vector<std::string>{"first", "second", "third"}));
-    EXPECT_EQ(bus.read().type(), kInvoke);
+    EXPECT_EQ(bus.read().type, kInvoke);
     for (uint16_t seq : {1, 2, 3})
-        EXPECT_EQ(bus.read().bytes, status(seq, kCaller, 33, kObject));
+        EXPECT_EQ(bus.read().bytes(), status(seq, kCaller, 33, kObject));
 }
 
 // While a handler waits for an answer of its own, any client can send it calls.
@@ -708,14 +713,14 @@ TEST_F(Owner, HandlersMayCallButAreNeverNested)
     bus.send(incoming(1, "outer", fields) + incoming(2, "inner"));
     // Much more than the buffer, so that nested reading needs another one.
     for (int i = 0; i < 3; i++)
-        bus.send(message(kData, 2, 99, attr(kAttrData, Bytes(40000, 1))));
+        bus.send(message(kData, 2, 99, attribute(kAttrData, Bytes(40000, 1))));
     bus.send_status(2, 99, 44);
     ubus_handle_event(ctx);
     EXPECT_EQ(g_seen.methods, (std::vector<std::string>{"outer", "inner"}));
     EXPECT_EQ(g_seen.deepest, 1);
-    EXPECT_EQ(bus.read().type(), kInvoke);
-    EXPECT_EQ(bus.read().bytes, status(1, kCaller, 33, kObject));
-    EXPECT_EQ(bus.read().bytes, status(2, kCaller, 33, kObject));
+    EXPECT_EQ(bus.read().type, kInvoke);
+    EXPECT_EQ(bus.read().bytes(), status(1, kCaller, 33, kObject));
+    EXPECT_EQ(bus.read().bytes(), status(2, kCaller, 33, kObject));
 }
 
 TEST_F(Owner, ServesEverythingThatCameInOneRead)
@@ -726,7 +731,7 @@ TEST_F(Owner, ServesEverythingThatCameInOneRead)
     bus.send(burst);
     ubus_handle_event(ctx);
     for (uint16_t seq = 1; seq <= 200; seq++)
-        ASSERT_EQ(bus.read().bytes, status(seq, kCaller, 33, kObject));
+        ASSERT_EQ(bus.read().bytes(), status(seq, kCaller, 33, kObject));
 }
 
 TEST_F(Owner, AnswersInAnyNumberOfPiecesAtOnce)
@@ -736,10 +741,11 @@ TEST_F(Owner, AnswersInAnyNumberOfPiecesAtOnce)
     call.peer = kCaller;
     call.seq = 12;
     EXPECT_EQ(ubus_send_reply(ctx, &call, nullptr), 0);
-    EXPECT_EQ(bus.read().bytes,
-              message(kData, 12, kCaller, attr(kAttrId, u32(kObject)) + attr(kAttrData, {})));
+    EXPECT_EQ(bus.read().bytes(),
+              message(kData, 12, kCaller,
+                      attribute(kAttrObjectId, word(kObject)) + attribute(kAttrData, {})));
     ubus_complete_deferred_request(ctx, &call, -1);
-    EXPECT_EQ(bus.read().bytes, status(12, kCaller, 0xffffffff, kObject));
+    EXPECT_EQ(bus.read().bytes(), status(12, kCaller, 0xffffffff, kObject));
 
     struct ubus_request_data copy = {};
     ubus_defer_request(ctx, &call, &copy);

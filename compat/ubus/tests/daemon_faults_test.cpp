@@ -6,10 +6,11 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/process.h"
-#include "wire.h"
+#include "support/wire.h"
 
 extern "C" {
 #include <libubox/uloop.h>

@@ -38,8 +38,8 @@ private:
         } else {
             got = clients_.at(item.peer)->read();
         }
-        bind(item, got.bytes);
-        EXPECT_EQ(wire::hex(got.bytes), wire::hex(vectors::bytes_of(item, ids_)));
+        bind(item, got.bytes());
+        EXPECT_EQ(to_hex(got.bytes()), to_hex(vectors::bytes_of(item, ids_)));
         compared_++;
     }
 
@@ -94,7 +94,7 @@ TEST(DaemonVectors, IdsAreUniqueAndNeverConfuseAClient)
 
     std::map<char, std::set<uint32_t>> seen;
     for (const auto &[name, bytes] : replay.ids()) {
-        uint32_t id = wire::be32(bytes.data());
+        uint32_t id = wire::get_word(bytes.data());
         EXPECT_GE(id, 1024u) << name;
         EXPECT_NE(id, 0x01000000u) << name;
         EXPECT_TRUE(seen[name[0]].insert(id).second) << name;

@@ -1,4 +1,4 @@
-#include "guarded.h"
+#include "compat/support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>

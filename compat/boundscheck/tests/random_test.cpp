@@ -2,7 +2,7 @@
 // where both promise the same, and with garbage formats and inputs, which must neither touch a
 // byte outside the buffers nor take long.
 
-#include "guarded.h"
+#include "compat/support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>

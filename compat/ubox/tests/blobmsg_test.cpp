@@ -1,6 +1,6 @@
 // Fields beyond the byte vectors: refusals, and received bytes of every kind.
 
-#include "guarded.h"
+#include "guarded_attr.h"
 
 #include <climits>
 #include <gtest/gtest.h>
@@ -97,7 +97,7 @@ TEST_F(Blobmsg, WalkThroughAMalformedTableVisitsNothing)
         {0x82, 0, 0, 4}, {0x82, 0, 0, 5, 0}, {0x82, 0, 0, 8, 0, 9, 'a', 'b'}, {0x82, 0, 0, 0}};
 
     for (const std::vector<uint8_t> &bytes : tables) {
-        Guarded table(bytes);
+        GuardedAttr table(bytes);
         blob_attr *pos;
         size_t rem;
         blobmsg_for_each_attr(pos, table.attr(), rem)
@@ -133,10 +133,10 @@ TEST_F(Blobmsg, ParsingANestedTableByItsField)
 // A name with a NUL inside is longer than the policy's, though equal as far as strings go.
 TEST_F(Blobmsg, InnerNulDoesNotReadBeyondThePolicysName)
 {
-    Guarded name({'a', 0});
+    GuardedAttr name({'a', 0});
     const blobmsg_policy policy[] = {
         {reinterpret_cast<const char *>(name.data()), BLOBMSG_TYPE_UNSPEC}};
-    Guarded field({0x80, 0, 0, 12, 0, 5, 'a', 0, 'b', 'c', 'd', 0});
+    GuardedAttr field({0x80, 0, 0, 12, 0, 5, 'a', 0, 'b', 'c', 'd', 0});
     blob_attr *tb[1];
 
     EXPECT_EQ(blobmsg_parse(policy, 1, tb, field.data(), 12), 0);
@@ -179,7 +179,7 @@ size_t use_field(blob_attr *attr)
 }
 
 // Everything that is meant for received bytes, on these. Returns how much was accepted.
-int read_everything(const Guarded &in)
+int read_everything(const GuardedAttr &in)
 {
     static const blobmsg_policy policy[] = {{"func", BLOBMSG_TYPE_STRING},
                                             {"len", BLOBMSG_CAST_INT64},
@@ -213,13 +213,13 @@ TEST(BlobmsgGarbage, EveryTruncationIsRefusedOrReadWithinItsBytes)
 
     for (size_t size = 0; size <= whole.size(); size++) {
         accepted += read_everything(
-            Guarded({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}));
+            GuardedAttr({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}));
         accepted += read_everything(
-            Guarded({whole.end() - static_cast<std::ptrdiff_t>(size), whole.end()}));
+            GuardedAttr({whole.end() - static_cast<std::ptrdiff_t>(size), whole.end()}));
         // The sequence of fields without the container around it.
         if (size > 4)
-            accepted += read_everything(
-                Guarded({whole.begin() + 4, whole.begin() + static_cast<std::ptrdiff_t>(size)}));
+            accepted += read_everything(GuardedAttr(
+                {whole.begin() + 4, whole.begin() + static_cast<std::ptrdiff_t>(size)}));
     }
     EXPECT_GT(accepted, 0);
 }
@@ -236,7 +236,7 @@ TEST(BlobmsgGarbage, RandomBytesNeverMakeAReadLeaveTheInput)
             bytes[random() % bytes.size()] =
                 static_cast<uint8_t>(random() % 4 ? random() % 16 : random());
         bytes.resize(random() % 4 ? bytes.size() : random() % bytes.size());
-        accepted += read_everything(Guarded(bytes)) > 0;
+        accepted += read_everything(GuardedAttr(bytes)) > 0;
     }
     EXPECT_GT(accepted, 1000); // most of it got past the first check
 }

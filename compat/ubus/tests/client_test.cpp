@@ -143,46 +143,19 @@ const struct ubus_method kOwnerMethods[] = {
 };
 struct ubus_object_type g_owner_type = UBUS_OBJECT_TYPE("owner", kOwnerMethods);
 
-class OwnerProcess {
-public:
-    OwnerProcess()
-    {
-        int ready[2];
-        EXPECT_EQ(pipe(ready), 0);
-        pid_ = fork();
-        if (pid_ == 0)
-            run(ready[1]);
-        close(ready[1]);
-        char byte = 0;
-        EXPECT_EQ(read(ready[0], &byte, 1), 1);
-        close(ready[0]);
-    }
-    ~OwnerProcess()
-    {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-
-private:
-    [[noreturn]] static void run(int ready)
-    {
-        static struct ubus_object object;
-        g_owner = ubus_connect(nullptr);
-        object.name = "owner";
-        object.type = &g_owner_type;
-        object.methods = kOwnerMethods;
-        object.n_methods = ARRAY_SIZE(kOwnerMethods);
-        if (g_owner == nullptr || ubus_add_object(g_owner, &object) != 0)
-            _exit(1);
-        ubus_add_uloop(g_owner);
-        if (write(ready, "x", 1) != 1)
-            _exit(1);
-        uloop_run();
-        _exit(0);
-    }
-
-    pid_t pid_;
-};
+int own()
+{
+    static struct ubus_object object;
+    g_owner = ubus_connect(nullptr);
+    object.name = "owner";
+    object.type = &g_owner_type;
+    object.methods = kOwnerMethods;
+    object.n_methods = ARRAY_SIZE(kOwnerMethods);
+    if (g_owner == nullptr || ubus_add_object(g_owner, &object) != 0)
+        return 1;
+    ubus_add_uloop(g_owner);
+    return uloop_run();
+}
 
 void count(struct ubus_request *req, int, struct blob_attr *)
 {
@@ -193,6 +166,7 @@ class Rpc : public testing::Test {
 protected:
     void SetUp() override
     {
+        ASSERT_TRUE(wait_for_object("owner"));
         ctx = ubus_connect(nullptr);
         ASSERT_NE(ctx, nullptr);
         ASSERT_EQ(ubus_lookup_id(ctx, "owner", &id), 0);
@@ -208,7 +182,7 @@ protected:
     }
 
     BusDaemon daemon;
-    OwnerProcess owner;
+    Service owner{own};
     struct ubus_context *ctx = nullptr;
     uint32_t id = 0;
 };

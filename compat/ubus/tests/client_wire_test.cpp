@@ -7,9 +7,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "fake_bus.h"
+#include "support/child.h"
 #include "support/faults.h"
 
 // Sees whether the library touches the loop's descriptors.
@@ -80,8 +80,7 @@ TEST(Connect, LeavesClosedStandardDescriptorsClosed)
 {
     FakeBus bus;
     for (bool loop_is_open : {false, true}) {
-        pid_t pid = fork();
-        if (pid == 0) {
+        Child child([&] {
             if (loop_is_open)
                 uloop_init();
             for (int fd = 0; fd < 3; fd++)
@@ -90,12 +89,10 @@ TEST(Connect, LeavesClosedStandardDescriptorsClosed)
             bool fine = ctx != nullptr && (fcntl(ctx->sock.fd, F_GETFD) & FD_CLOEXEC) != 0;
             for (int fd = 0; fd < 3; fd++)
                 fine = fine && fcntl(fd, F_GETFD) == -1;
-            _exit(fine ? 0 : 1);
-        }
+            return fine ? 0 : 1;
+        });
         bus.accept_and_greet();
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_EQ(status, 0) << loop_is_open;
+        EXPECT_EQ(child.wait(), 0) << loop_is_open;
     }
 }
 

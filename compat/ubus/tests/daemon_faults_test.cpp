@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 
+#include "support/child.h"
 #include "support/faults.h"
 #include "support/process.h"
 #include "support/wire.h"
@@ -44,23 +45,15 @@ class DaemonFaults : public testing::Test {
 protected:
     void SetUp() override
     {
-        pid_ = fork();
-        if (pid_ == 0) {
-            objects_init();
-            if (uloop_init() == 0 && clients_listen(kPath))
-                uloop_run();
-            _exit(0);
-        }
         ASSERT_TRUE(eventually([] { return Stream().dial(kPath); }));
     }
-    void TearDown() override
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
 
-private:
-    pid_t pid_ = -1;
+    Service daemon{[] {
+        objects_init();
+        if (uloop_init() == 0 && clients_listen(kPath))
+            uloop_run();
+        return 0;
+    }};
 };
 
 } // namespace

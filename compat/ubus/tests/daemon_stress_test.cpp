@@ -485,12 +485,7 @@ constexpr const char *kNoUsers = "a traced process cannot change its user";
 template <typename Work>
 int as_user(uid_t uid, Work work)
 {
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(setgid(uid) == 0 && setuid(uid) == 0 ? work() : 255);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WEXITSTATUS(status);
+    return run_in_child([&] { return setgid(uid) == 0 && setuid(uid) == 0 ? work() : 255; }, 0);
 }
 
 TEST_F(DaemonStress, ConnectionsOfAUserAreLimitedButNotThoseOfRoot)

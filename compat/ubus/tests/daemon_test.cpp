@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/bus.h"
+#include "support/child.h"
 #include "support/files.h"
 #include "support/wire.h"
 
@@ -576,53 +577,33 @@ TEST(DaemonLife, SocketLeftByACrashIsReplaced)
     EXPECT_EQ(after.ask(invoke(1, id, "m")), 4u); // ids of before mean nothing
 }
 
-// How a daemon with these arguments ends, and what it says on the way.
-int run_daemon(std::vector<const char *> arguments, std::string *complaint = nullptr)
+Outcome run_daemon(std::vector<std::string> arguments)
 {
-    int ends[2];
-    if (pipe(ends) != 0)
-        return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(ends[1], STDERR_FILENO);
-        arguments.insert(arguments.begin(), BV_UBUSD);
-        arguments.push_back(nullptr);
-        execv(BV_UBUSD, const_cast<char *const *>(arguments.data()));
-        _exit(127);
-    }
-    close(ends[1]);
-    char text[500];
-    for (ssize_t length; (length = read(ends[0], text, sizeof(text))) > 0;) {
-        if (complaint != nullptr)
-            complaint->append(text, size_t(length));
-    }
-    close(ends[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    arguments.insert(arguments.begin(), BV_UBUSD);
+    return run(arguments);
 }
 
 TEST(DaemonLife, RefusesOptionsItDoesNotKnow)
 {
-    EXPECT_EQ(run_daemon({"-x"}), 1);
-    EXPECT_EQ(run_daemon({"word"}), 1);
+    EXPECT_EQ(run_daemon({"-x"}).status, 1);
+    EXPECT_EQ(run_daemon({"word"}).status, 1);
 }
 
 TEST(DaemonLife, SaysThatAccessRulesHaveNoEffect)
 {
-    std::string complaint;
     write_file("/scratch/file", "");
-    EXPECT_EQ(run_daemon({"-A", "/etc", "-s", "/scratch/file"}, &complaint), 1);
-    EXPECT_NE(complaint.find("-A has no effect"), std::string::npos) << complaint;
+    Outcome ended = run_daemon({"-A", "/etc", "-s", "/scratch/file"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_NE(ended.errors.find("-A has no effect"), std::string::npos) << ended.errors;
 }
 
 TEST(DaemonLife, SecondDaemonLeavesTheFirstAlone)
 {
     BusDaemon daemon;
     Client client;
-    std::string complaint;
-    EXPECT_EQ(run_daemon({}, &complaint), 1);
-    EXPECT_NE(complaint.find(strerror(EADDRINUSE)), std::string::npos) << complaint;
+    Outcome ended = run_daemon({});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_NE(ended.errors.find(strerror(EADDRINUSE)), std::string::npos) << ended.errors;
     EXPECT_TRUE(client.is_in_step());
     Client newcomer;
     EXPECT_TRUE(newcomer.is_in_step());
@@ -631,10 +612,10 @@ TEST(DaemonLife, SecondDaemonLeavesTheFirstAlone)
 TEST(DaemonLife, FileOtherThanASocketIsKept)
 {
     write_file("/scratch/file", "precious");
-    EXPECT_EQ(run_daemon({"-s", "/scratch/file"}), 1);
+    EXPECT_EQ(run_daemon({"-s", "/scratch/file"}).status, 1);
     EXPECT_EQ(read_file("/scratch/file"), "precious");
     ASSERT_EQ(symlink("/scratch/file", "/scratch/link"), 0);
-    EXPECT_EQ(run_daemon({"-s", "/scratch/link"}), 1);
+    EXPECT_EQ(run_daemon({"-s", "/scratch/link"}).status, 1);
     EXPECT_EQ(read_file("/scratch/link"), "precious");
 }
 

@@ -129,14 +129,6 @@ inline bool is_nonblocking(int fd)
     return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
 }
 
-inline int count_open_fds()
-{
-    int count = 0;
-    for (int fd = 0; fd < 256; fd++)
-        count += fcntl(fd, F_GETFD) >= 0;
-    return count;
-}
-
 class Stopwatch {
 public:
     long ms() const

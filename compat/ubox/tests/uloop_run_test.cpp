@@ -1,6 +1,7 @@
 // Life cycle, ending, nesting and forking.
 
 #include "loop_support.h"
+#include "support/process.h"
 #include "support/shared.h"
 
 #include <atomic>
@@ -173,13 +174,13 @@ TEST_F(UloopRun, WaitWithoutEventsEndsAfterTheArgument)
 
 TEST(UloopLife, InitOpensThreeDescriptorsThatAreNotInherited)
 {
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
     std::vector<bool> open(256);
 
     for (int fd = 0; fd < 256; fd++)
         open[static_cast<size_t>(fd)] = fcntl(fd, F_GETFD) >= 0;
     ASSERT_EQ(uloop_init(), 0);
-    EXPECT_EQ(count_open_fds(), before + 3);
+    EXPECT_EQ(open_descriptors().size(), before + 3);
 
     int nonblocking = 0;
     for (int fd = 0; fd < 256; fd++) {
@@ -191,17 +192,17 @@ TEST(UloopLife, InitOpensThreeDescriptorsThatAreNotInherited)
     EXPECT_EQ(nonblocking, 2); // both ends of the pipe
 
     EXPECT_EQ(uloop_init(), 0);
-    EXPECT_EQ(count_open_fds(), before + 3);
+    EXPECT_EQ(open_descriptors().size(), before + 3);
     uloop_done();
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
     uloop_done();
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
 }
 
 // As in a process that serves on one thread and calls from another: both connect, and so init.
 TEST(UloopLife, TwoThreadsThatInitAtOnceOpenOneLoop)
 {
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
 
     const int rounds = root_is_shared() ? 200 : 2000; // a traced thread takes long to start
     for (int round = 0; round < rounds; round++) {
@@ -216,14 +217,14 @@ TEST(UloopLife, TwoThreadsThatInitAtOnceOpenOneLoop)
         init();
         other.join();
         uloop_done();
-        ASSERT_EQ(count_open_fds(), before) << "in round " << round;
+        ASSERT_EQ(open_descriptors().size(), before) << "in round " << round;
     }
 }
 
 TEST(UloopLife, FailedInitLeavesNothingBehind)
 {
     rlimit limit, few;
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
 
     // Room for nothing, for the poll object, and for that and half a pipe.
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -237,7 +238,7 @@ TEST(UloopLife, FailedInitLeavesNothingBehind)
         EXPECT_EQ(uloop_init(), -1);
         EXPECT_EQ(errno, EMFILE);
         setrlimit(RLIMIT_NOFILE, &limit);
-        EXPECT_EQ(count_open_fds(), before);
+        EXPECT_EQ(open_descriptors().size(), before);
         struct sigaction action;
         sigaction(SIGTERM, nullptr, &action);
         EXPECT_EQ(action.sa_handler, SIG_DFL);
@@ -247,7 +248,7 @@ TEST(UloopLife, FailedInitLeavesNothingBehind)
     EXPECT_EQ(uloop_init(), -1);
     EXPECT_EQ(errno, ENOMEM);
     g_refuse_registration = false;
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
 
     EXPECT_EQ(uloop_init(), 0);
     uloop_done();
@@ -339,7 +340,7 @@ TEST(UloopLife, EventsFetchedBeforeDoneAreNotDeliveredAfterwards)
 
 TEST(UloopLife, LoopCanBeMadeManyTimes)
 {
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
 
     for (int i = 0; i < 300; i++) {
         bool ran = false;
@@ -351,7 +352,7 @@ TEST(UloopLife, LoopCanBeMadeManyTimes)
         ASSERT_TRUE(ran);
         uloop_done();
     }
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
 }
 
 // What a daemon's child does that goes on without exec: done, clear, init, add.

@@ -21,7 +21,7 @@ inline char *map_low_memory()
     return static_cast<char *>(place);
 }
 
-// Whether so many arguments as the calls pass are enough for a format.
+// Whether the calls pass enough arguments for a format.
 inline bool needs_few_arguments(const std::string &format)
 {
     const auto count = std::count(format.begin(), format.end(), '%') +

@@ -1,4 +1,4 @@
-// The header and the shared object as programs and the loader see them.
+// The header as programs see it, and the shared object as the loader sees it.
 
 #include <securec.h>
 

@@ -17,7 +17,7 @@ int print(Guarded &dest, const char *format, Arguments... arguments)
     return sprintf_s(dest.data(), dest.size(), format, arguments...);
 }
 
-// The text that a format gives where there is room, or a note of the failure.
+// The text that a format gives when there is room, or a note of the failure.
 template <typename... Arguments>
 std::string text_of(const char *format, Arguments... arguments)
 {
@@ -36,7 +36,7 @@ std::string counted(size_t size, size_t count, int expected, const char *format,
     return dest.bytes();
 }
 
-// Chooses a locale with a multibyte encoding for one test.
+// Sets a locale with a multibyte encoding for one test.
 class Utf8 {
 public:
     Utf8() : there_(setlocale(LC_CTYPE, "C.UTF-8") != nullptr) {}

@@ -18,7 +18,7 @@ struct Vector {
     std::map<std::string, std::string> fields;
 
     std::string text(const std::string &key) const;
-    // Decimal, reduced to size_t: what is larger than this machine's sizes becomes the largest.
+    // Decimal; a number that is too large for this machine's size_t becomes its largest value.
     size_t size(const std::string &key) const;
     int integer(const std::string &key) const;
     std::string bytes(const std::string &key) const;

@@ -40,7 +40,7 @@ TEST_F(BlobBuf, PutThatWouldOverflowTheLengthIsRefused)
         EXPECT_EQ(blob_raw_len(buf.head), 4u);
     }
 
-    // It fits the memory that a large put left behind, yet not the length field.
+    // It fits into the memory left by a large put, but not into the length field.
     ASSERT_NE(blob_put(&buf, 1, nullptr, kLargest - 8), nullptr);
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     EXPECT_EQ(blob_put(&buf, 1, nullptr, kLargest - 7), nullptr);
@@ -106,7 +106,7 @@ TEST_F(BlobBuf, CookiesSurviveTheMovesOfTheBuffer)
 
     for (int i = 0; i < 200; i++) {
         ASSERT_NE(blob_put_u32(&buf, 3, static_cast<uint32_t>(i)), nullptr);
-        obstacles.push_back(malloc(600)); // growth in place gets less likely
+        obstacles.push_back(malloc(600)); // makes growth in place less likely
     }
     for (void *obstacle : obstacles)
         free(obstacle);
@@ -279,7 +279,7 @@ TEST_F(BlobBufOwnGrow, ClaimingSuccessWithoutGrowingIsNotBelieved)
     EXPECT_EQ(blob_raw_len(buf.head), 4u);
 }
 
-// Four bytes of header and room behind them.
+// Four bytes of header and room after them.
 struct Attr {
     alignas(4) uint8_t bytes[32] = {};
 

@@ -130,7 +130,7 @@ TEST_F(Blobmsg, ParsingANestedTableByItsField)
     EXPECT_STREQ(blobmsg_get_string(tb[0]), "first");
 }
 
-// A name with a NUL inside is longer than the policy's, though equal as far as strings go.
+// A name with a NUL inside is longer than the policy's, though strcmp() calls them equal.
 TEST_F(Blobmsg, InnerNulDoesNotReadBeyondThePolicysName)
 {
     GuardedAttr name({'a', 0});
@@ -166,7 +166,7 @@ std::vector<uint8_t> message()
     return bytes;
 }
 
-// Touches all that a caller may touch in a field that passed.
+// Reads all that a caller may read of a field that passed.
 size_t use_field(blob_attr *attr)
 {
     const uint8_t *data = static_cast<uint8_t *>(blobmsg_data(attr));
@@ -178,7 +178,7 @@ size_t use_field(blob_attr *attr)
     return sum;
 }
 
-// Everything that is meant for received bytes, on these. Returns how much was accepted.
+// Runs everything meant for received bytes on these. Returns how many were accepted.
 int read_everything(const GuardedAttr &in)
 {
     static const blobmsg_policy policy[] = {{"func", BLOBMSG_TYPE_STRING},

@@ -1,4 +1,4 @@
-// Users of the real library wrap its headers; ours must bear that, and compile without.
+// Programs include the headers inside extern "C" or without it; both must compile.
 
 extern "C" {
 #include <libubox/blobmsg.h>

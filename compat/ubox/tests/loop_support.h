@@ -1,4 +1,4 @@
-// Records with a function object for callback, and a loop that is there for one test.
+// Records with a function object as callback, and a loop for one test.
 #ifndef COMPAT_UBOX_TESTS_LOOP_SUPPORT_H
 #define COMPAT_UBOX_TESTS_LOOP_SUPPORT_H
 
@@ -72,7 +72,7 @@ protected:
     void TearDown() override { uloop_done(); }
 };
 
-// Both ends are closed with the object; the tests close them earlier with close_end().
+// Both ends are closed with the object, or earlier with close_end().
 struct Ends {
     int a = -1;
     int b = -1;
@@ -147,7 +147,7 @@ inline void sleep_ms(int ms)
     usleep(static_cast<useconds_t>(ms) * 1000);
 }
 
-// Ends a test that would otherwise hang; the failure shows in what did not happen.
+// Ends a test that would otherwise hang.
 struct Watchdog : Timer {
     explicit Watchdog(int ms = 5000)
         : Timer([](Timer &) {

@@ -46,8 +46,8 @@ struct Recorder : Fd {
     }
 };
 
-// One row of the table of situations: told the same each turn, or once and then unregistered;
-// with ULOOP_ERROR_CB an error is told each turn like anything else.
+// One row of the table of situations: reported each turn, or once and then unregistered. With
+// ULOOP_ERROR_CB an error is reported each turn too.
 void expect_row(const std::function<int()> &prepare, unsigned int flags, Seen expected)
 {
     for (unsigned int extra : {0u, static_cast<unsigned int>(ULOOP_ERROR_CB)}) {
@@ -173,7 +173,7 @@ TEST_F(UloopFd, ClosedPipeReaderIsAnErrorWithWrite)
     expect_row(pipe_whose_reader_closed, ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
 }
 
-// An address on the loopback interface that nobody listens on.
+// An address on the loopback interface without a listener.
 sockaddr_in nobody(int type)
 {
     sockaddr_in addr = {};

@@ -52,7 +52,7 @@ TEST_F(UloopProcess, AddAndDeleteTellWhetherItWasPending)
 {
     Child child;
 
-    child.pid = 999999; // nobody's: it just stays
+    child.pid = 999999; // not a child: it just stays
     EXPECT_EQ(uloop_process_delete(&child), -1);
     EXPECT_EQ(uloop_process_add(&child), 0);
     EXPECT_EQ(uloop_process_add(&child), -1);

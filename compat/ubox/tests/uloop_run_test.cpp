@@ -17,7 +17,7 @@ bool g_refuse_registration;
 
 } // namespace
 
-// In the way of the library's calls.
+// Comes before the C library's own.
 extern "C" int epoll_ctl(int epfd, int op, int fd, struct epoll_event *event) noexcept
 {
     if (g_refuse_registration) {
@@ -355,7 +355,7 @@ TEST(UloopLife, LoopCanBeMadeManyTimes)
     EXPECT_EQ(open_descriptors().size(), before);
 }
 
-// What a daemon's child does that goes on without exec: done, clear, init, add.
+// What a forked child does that goes on without exec: done, clear, init, add.
 int child_with_a_loop_of_its_own(Fd &inherited)
 {
     SocketPair pair;

@@ -8,7 +8,7 @@ using UloopTimeout = LoopTest;
 
 TEST_F(UloopTimeout, TimersRunInOrderOfExpiryAndEqualOnesInOrderOfSetting)
 {
-    // The expiries of a first pass must all have come, so that one clock reading serves them.
+    // All timers of a first pass must be due, so that one clock reading serves them.
     const int delays[] = {30, 10, 20, 10, 10, 0, -5, 10};
     std::vector<int> order;
     std::vector<Timer> timers(8);

@@ -1,5 +1,5 @@
-// Reads every input of vectors.txt from memory that ends at an unreadable page and compares what
-// is found. Nothing is left out; the lengths of malformed headers that wrap are compared as such.
+// Reads every input of vectors.txt from memory that ends at an unreadable page and compares what is
+// found. Lengths of malformed headers that wrap are compared as they are.
 
 #include "guarded_attr.h"
 #include "vector_file.h"
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Runs one check for each vector of a kind, and makes sure that none got lost.
+// Runs one check for each vector of a kind, and makes sure that none is missing.
 void for_each_vector(const char *kind, size_t expected,
                      const std::function<void(const Vector &, const GuardedAttr &)> &check)
 {

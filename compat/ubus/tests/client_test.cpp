@@ -29,7 +29,7 @@ uint32_t number_in(struct blob_attr *msg)
     return found != nullptr ? blobmsg_get_u32(found) : 0;
 }
 
-// ---- an owner whose methods answer in every way there is
+// ---- an owner whose methods answer in every possible way
 
 int reply_and_complete(struct ubus_context *ctx, struct ubus_object *,
                        struct ubus_request_data *req, const char *, struct blob_attr *)
@@ -120,7 +120,7 @@ int vanish(struct ubus_context *, struct ubus_object *, struct ubus_request_data
     _exit(0);
 }
 
-// Calls the method `back` of the object whose id came with the call, and tells what that gave.
+// Calls the method `back` of the object whose id came with the call, and returns the outcome.
 int call_back(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *,
               const char *, struct blob_attr *msg)
 {
@@ -238,7 +238,7 @@ TEST_F(Rpc, CallingBackIntoAWaitingCallerTimesOut)
     object.n_methods = 1;
     ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     EXPECT_EQ(call("call_back", object.id), "107/0"); // 7 for the owner
-    EXPECT_EQ(g_back_calls, 1);                       // served when nobody waited any more
+    EXPECT_EQ(g_back_calls, 1);                       // served after the time-out
 }
 
 TEST_F(Rpc, CallToAnOwnObjectIsServedAfterItsTimeOut)

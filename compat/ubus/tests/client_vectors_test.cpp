@@ -1,5 +1,5 @@
-// The recorded exchanges, played from the daemon's side against the client library: the programs
-// of the record act again, and what they send must come out byte for byte.
+// The recorded exchanges, with the test in the daemon's place: the recorded programs act again, and
+// the client library must send the same bytes.
 
 #include <mutex>
 #include <thread>
@@ -29,7 +29,7 @@ public:
     }
     ~RecordedBus() { finish(); }
 
-    // Waits until the connection's whole record is through; the number of messages compared.
+    // Waits for the end of the connection's record. Returns the number of messages compared.
     int finish()
     {
         if (thread_.joinable())

@@ -1,5 +1,5 @@
-// The client library against a daemon played by the test: what it sends, and what it makes of
-// whatever arrives.
+// The client library against a daemon played by the test: what it sends, and how it handles what
+// arrives.
 
 #include <algorithm>
 #include <chrono>
@@ -71,11 +71,11 @@ TEST(Connect, LeavesASocketThatNeitherBlocksNorIsInherited)
     EXPECT_TRUE(ctx->sock.registered);
 
     ubus_free(ctx);
-    EXPECT_TRUE(bus.stream().ends()); // and nothing was said
+    EXPECT_TRUE(bus.stream().ends()); // and nothing was sent
     ubus_free(nullptr);
 }
 
-// A program's prints must go neither to the bus nor to the loop.
+// A program's output must go neither to the bus nor to the loop.
 TEST(Connect, LeavesClosedStandardDescriptorsClosed)
 {
     FakeBus bus;
@@ -96,14 +96,14 @@ TEST(Connect, LeavesClosedStandardDescriptorsClosed)
     }
 }
 
-// It may live on another thread than the loop does.
+// It may belong to another thread than the loop.
 TEST(Connect, ConnectionOutsideTheLoopKeepsOutOfIt)
 {
     FakeBus bus;
     struct ubus_context *ctx = bus.connect();
     ASSERT_NE(ctx, nullptr);
     uint32_t id = 0;
-    bus.send(Bytes(12, 0xff)); // no message: the library ends the connection
+    bus.send(Bytes(12, 0xff)); // not a message: the library ends the connection
     EXPECT_EQ(ubus_lookup_id(ctx, "x", &id), 10);
     ubus_free(ctx);
     EXPECT_EQ(g_loop_deletions, 0);
@@ -476,8 +476,8 @@ TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
                                               attribute(kAttrObjectType, word(0x4321))));
 }
 
-// A look-up without its path asks for everything, and an object without its name is hidden: neither
-// goes out because memory was short.
+// A look-up without its path would ask for everything, and an object without its name would be
+// hidden, so neither is sent when memory is short.
 TEST_F(Request, RequestIsNotSentInPartWhenMemoryIsShort)
 {
     static const struct blobmsg_policy policy[] = {{"parameter", BLOBMSG_TYPE_STRING}};
@@ -488,7 +488,7 @@ TEST_F(Request, RequestIsNotSentInPartWhenMemoryIsShort)
     object.type = &type;
     {
         FailReallocations failing; // a request's first 256 bytes are there, it cannot grow
-        // Name, signature, table and parameter by turns are what does not fit any more.
+        // In turn the name, the signature, a table and a parameter do not fit.
         for (size_t length : {1000, 244, 232, 224}) {
             SCOPED_TRACE(length);
             std::string name(length, 'n');
@@ -582,7 +582,7 @@ TEST_F(Owner, AnswersCallsItCannotServe)
 {
     Bytes id = attribute(kAttrObjectId, word(kObject)), method = attribute(kAttrMethod, text("m"));
     Bytes data = attribute(kAttrData, {});
-    // Nobody gets these two: no caller is named in them.
+    // These two reach no client: they name no caller.
     EXPECT_EQ(react(invoke(5, 4711, "m")).bytes(), status(0, 0, 4, 0));
     EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + data)).bytes(), status(0, 0, 2, 0));
     EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + method)).bytes(),

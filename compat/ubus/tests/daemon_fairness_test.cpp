@@ -1,4 +1,4 @@
-// One queue, many senders: a flood into a busy client must not take the place of others.
+// One queue, many senders: a flood into a busy client must not push out others.
 
 #include <atomic>
 #include <map>
@@ -103,7 +103,7 @@ TEST_F(Fairness, AnswersArriveBetweenFloodsOfCallsAndOfAnswers)
     EXPECT_LT(waiting[liar_id], 1700u);
 }
 
-// Notices that others cause must not take the place of answers to the client's own requests.
+// Notices caused by others must not push out answers to the client's own requests.
 TEST_F(Fairness, SubscribingAgainAndAgainDoesNotSilenceTheDaemon)
 {
     Client watcher;

@@ -86,7 +86,7 @@ extern "C" int uloop_fd_add(struct uloop_fd *sock, unsigned int flags)
     return next_function<int(struct uloop_fd *, unsigned int)>("uloop_fd_add")(sock, flags);
 }
 
-// Owners decide by the names: without them a client would pass for one that has none.
+// Owners decide by the names: a client without them would pass for one without an account.
 TEST_F(DaemonFaults, ClientWhoseAccountCannotBeLookedUpIsRefused)
 {
     g_faults->account = true;
@@ -97,7 +97,7 @@ TEST_F(DaemonFaults, ClientWhoseAccountCannotBeLookedUpIsRefused)
         EXPECT_TRUE(client.read().empty()) << error;
         EXPECT_TRUE(client.ends(0)) << error;
     }
-    for (int error : {0, ENOENT}) { // no such account, which is an answer
+    for (int error : {0, ENOENT}) { // no such account: that is an answer
         g_faults->account_error = error;
         Client client(kPath);
         EXPECT_TRUE(client.is_in_step()) << error;

@@ -1,4 +1,4 @@
-// What the daemon stands: bytes in any portions, limits, garbage, clients that stall or vanish.
+// What the daemon withstands: bytes in any portions, limits, garbage, clients that stall or vanish.
 
 #include <chrono>
 #include <fstream>
@@ -24,7 +24,7 @@ constexpr size_t kLargestBody = 1048576;
 class DaemonStress : public testing::Test {
 protected:
     BusDaemon daemon;
-    Client witness; // must be served to the end, whatever the others do
+    Client witness; // must be served to the end, no matter what the others do
 
     void TearDown() override { EXPECT_TRUE(witness.is_in_step()); }
 };
@@ -204,7 +204,7 @@ TEST_F(DaemonStress, StalledReaderGetsWholeMessagesOnlyAndStaysInStep)
     uint32_t id = owner.publish("x");
     stall(owner, id, reader, 3000);
 
-    // What fitted comes without a gap, from the first on.
+    // What fitted arrives without a gap, from the first on.
     unsigned count = 0;
     for (;;) {
         Message message = reader.read(200);
@@ -308,7 +308,7 @@ TEST_F(DaemonStress, ServesTwoHundredClientsAtOnce)
         ids.push_back(clients.back()->publish("object." + std::to_string(i)));
         ASSERT_NE(ids.back(), 0u) << i;
     }
-    // Everybody calls the next one, then everybody answers.
+    // Each client calls the next one, then each answers.
     for (unsigned i = 0; i < count; i++)
         ASSERT_TRUE(clients[i]->send(invoke(uint16_t(i), ids[(i + 1) % count], "m")));
     for (unsigned i = 0; i < count; i++) {
@@ -356,14 +356,14 @@ TEST(DaemonLimits, WithoutDescriptorsNewcomersWaitAndTheDaemonSleeps)
     EXPECT_LE(cpu_ticks(daemon.pid()) - before, 10u); // of about 50
     EXPECT_TRUE(clients[0]->is_in_step());
 
-    // Room is made, and those in the queue come in.
+    // There is room again, and those in the backlog come in.
     Stream last = std::move(waiting.back());
     waiting.clear();
     clients.clear();
     EXPECT_EQ(last.read().type, kHello);
 }
 
-// Whoever is let in can be named: the accounts file takes a descriptor, too.
+// Every client let in can be named: reading the accounts takes a descriptor too.
 TEST(DaemonLimits, LastDescriptorIsNotGivenToAClientWithoutItsNames)
 {
     BusDaemon daemon("", 16);
@@ -452,7 +452,7 @@ TEST_F(DaemonStress, ObjectTooLargeToDescribeInAMessageIsRefused)
     uint32_t own = listener.publish_unnamed();
     ASSERT_EQ(listener.ask(event_register(own, "ubus.*")), 0u);
 
-    // Its own message is the largest there is; the daemon's about it would be longer.
+    // Its own message has the largest size; the daemon's about it would be longer.
     Bytes largest = add_object(1, "", {});
     largest = add_object(1, std::string(kLargestBody + 8 - largest.size(), 'p'), {});
     ASSERT_EQ(largest.size(), kLargestBody + 8);

@@ -34,7 +34,7 @@ TEST_F(Daemon, EchoesAPingByteForByteWhateverItsLength)
     Client client;
     for (size_t length : {0, 1, 2, 3, 4, 100, 5000, 300000}) {
         Bytes ping = message(kPing, 0x1234, 0xdeadbeef, Bytes(length, 0x5a));
-        ping[0] = 9; // nobody looks at the version
+        ping[0] = 9; // the version is not checked
         ASSERT_TRUE(client.send(ping));
         ping[0] = 0;
         ping[1] = kData;
@@ -94,7 +94,7 @@ TEST_F(Daemon, ListsInByteOrderOfThePaths)
     EXPECT_EQ(list(attribute(kAttrObjectPath, text("a.b")), 0), "a.b ");
     EXPECT_EQ(list(attribute(kAttrObjectPath, text("c*")), 4), "");
     EXPECT_EQ(list(attribute(kAttrObjectPath, text("a.*b")), 4), "");
-    // A path that is not text is no path: everything.
+    // A path that is not text counts as no path: everything is listed.
     EXPECT_EQ(list(attribute(kAttrObjectPath, {'b'}), 0), "A a a.b a.b.c a.z b ");
 }
 
@@ -115,7 +115,7 @@ TEST_F(Daemon, TypesAreSharedUntilTheirLastObjectGoes)
     uint32_t type = one.data[0].number(kAttrObjectType);
     EXPECT_GE(type, 1024u);
 
-    // By its id from another client; then it is not told again.
+    // By its id from another client; then the answer does not repeat it.
     ASSERT_EQ(two.ask(message(kAddObject, 2, 0,
                               attribute(kAttrObjectPath, text("two")) +
                                   attribute(kAttrObjectType, word(type)))),
@@ -241,7 +241,7 @@ TEST_F(Daemon, ForwardsWhateverTheOwnerSaysAndNothingElse)
     Bytes status = attribute(kAttrStatus, word(99));
     Bytes data = attribute(kAttrData, field(5, "k", word(1)));
 
-    // None of these may arrive, and nobody is told.
+    // None of these may arrive, and no error is sent.
     ASSERT_TRUE(owner.send(message(kStatus, 1, caller.id(), status))); // no object
     ASSERT_TRUE(owner.send(message(kStatus, 1, caller.id(), object))); // no status
     ASSERT_TRUE(owner.send(message(kData, 1, caller.id(), object)));   // no data
@@ -574,7 +574,7 @@ TEST(DaemonLife, SocketLeftByACrashIsReplaced)
     Client after;
     EXPECT_EQ(after.ask(message(kLookup, 1, 0)), 0u);
     EXPECT_TRUE(after.data.empty());
-    EXPECT_EQ(after.ask(invoke(1, id, "m")), 4u); // ids of before mean nothing
+    EXPECT_EQ(after.ask(invoke(1, id, "m")), 4u); // ids from before mean nothing
 }
 
 Outcome run_daemon(std::vector<std::string> arguments)

@@ -59,7 +59,7 @@ private:
         }
     }
 
-    // The client goes; nothing may have come that the record does not have.
+    // The client hangs up; nothing may have come that is not in the record.
     void leave(const std::string &name)
     {
         EXPECT_TRUE(clients_.at(name)->is_in_step()) << "more messages than recorded";

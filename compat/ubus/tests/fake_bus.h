@@ -55,7 +55,7 @@ public:
         greeter.join();
         return ctx;
     }
-    // For a connection from another thread or process.
+    // For a connection that another thread or process makes.
     void accept_and_greet()
     {
         delete stream_;
@@ -76,7 +76,7 @@ public:
                                   wire::attribute(wire::kAttrStatus, wire::word(status))));
     }
 
-    // Publishes an object as the request with this number.
+    // Publishes an object; its request has this number.
     int publish(struct ubus_context *ctx, struct ubus_object *object, uint16_t seq, uint32_t id)
     {
         send(wire::message(wire::kData, seq, 0,

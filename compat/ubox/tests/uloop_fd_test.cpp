@@ -361,22 +361,27 @@ TEST_P(UloopFdDeletes, DeletingAndAddingAgainDropsTheFetchedEvent)
         uloop_fd_delete(fd);
 }
 
-TEST_P(UloopFdDeletes, CallbackMayDeleteCloseAndFreeItself)
+// A record whose callback may delete it: the function object is copied before the call.
+Fd *mortal_fd(int number, std::function<void(Fd &, unsigned int)> call)
 {
-    int calls = 0;
-    SocketPair pair;
-    Fd *fd = new Fd(pair.a);
-
+    Fd *fd = new Fd(number, std::move(call));
     fd->cb = [](uloop_fd *u, unsigned int events) {
         std::function<void(Fd &, unsigned int)> on = static_cast<Fd *>(u)->on;
         on(*static_cast<Fd *>(u), events);
     };
-    fd->on = [&](Fd &self, unsigned int) {
+    return fd;
+}
+
+TEST_P(UloopFdDeletes, CallbackMayDeleteCloseAndFreeItself)
+{
+    int calls = 0;
+    SocketPair pair;
+    Fd *fd = mortal_fd(pair.a, [&](Fd &self, unsigned int) {
         calls++;
         EXPECT_EQ(uloop_fd_delete(&self), 0);
         Ends::close_end(pair.a);
         delete &self;
-    };
+    });
     uloop_fd_add(fd, GetParam());
     send_byte(pair.b);
     for (int i = 0; i < 3; i++)
@@ -388,17 +393,11 @@ TEST_P(UloopFdDeletes, CallbackToldOfAHangUpMayFreeItself)
 {
     int calls = 0;
     SocketPair pair;
-    Fd *fd = new Fd(pair.a);
-
-    fd->cb = [](uloop_fd *u, unsigned int events) {
-        std::function<void(Fd &, unsigned int)> on = static_cast<Fd *>(u)->on;
-        on(*static_cast<Fd *>(u), events);
-    };
-    fd->on = [&](Fd &self, unsigned int) {
+    Fd *fd = mortal_fd(pair.a, [&](Fd &self, unsigned int) {
         calls++;
         EXPECT_FALSE(self.registered);
         delete &self;
-    };
+    });
     uloop_fd_add(fd, GetParam());
     Ends::close_end(pair.b);
     for (int i = 0; i < 3; i++)

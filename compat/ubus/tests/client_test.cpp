@@ -317,105 +317,100 @@ uint32_t look_up(struct ubus_context *ctx, const char *path, int expected)
     return id;
 }
 
-struct ContextDeleter {
-    void operator()(struct ubus_context *ctx) const { ubus_free(ctx); }
-};
-using Context = std::unique_ptr<struct ubus_context, ContextDeleter>;
+class Publish : public testing::Test {
+protected:
+    ~Publish() override { ubus_free(ctx); }
 
-TEST(Publish, ObjectComesAndGoes)
-{
+    void connect_anew()
+    {
+        ubus_free(ctx);
+        ctx = ubus_connect(nullptr);
+    }
+    // The object with this id is called, and this context answers.
+    void expect_served(uint32_t id)
+    {
+        wire::Client caller;
+        ASSERT_TRUE(caller.send(wire::invoke(1, id, "back")));
+        handle_next(ctx);
+        EXPECT_EQ(caller.read().status(), 5u);
+    }
+
     BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
+    struct ubus_context *ctx = ubus_connect(nullptr);
     struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
     struct ubus_object object = object_of(&type, "x");
+};
 
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+using Restart = Publish;
+
+TEST_F(Publish, ObjectComesAndGoes)
+{
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     uint32_t id = object.id, type_id = type.id;
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), id);
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 2); // again
+    EXPECT_EQ(look_up(ctx, "x", 0), id);
+    EXPECT_EQ(ubus_add_object(ctx, &object), 2); // again
     EXPECT_EQ(object.id, id);
     EXPECT_EQ(type.id, type_id);
 
-    // Still usable.
-    wire::Client caller;
-    ASSERT_TRUE(caller.send(wire::invoke(1, id, "back")));
-    handle_next(ctx.get());
-    EXPECT_EQ(caller.read().status(), 5u);
+    expect_served(id); // still
 
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), 0);
     EXPECT_EQ(object.id, 0u);
     EXPECT_EQ(type.id, 0u);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 4);
-    look_up(ctx.get(), "x", 4);
-    look_up(ctx.get(), "", 2);
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_NE(look_up(ctx.get(), "x", 0), 0u);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), 4);
+    look_up(ctx, "x", 4);
+    look_up(ctx, "", 2);
+    EXPECT_EQ(ubus_add_object(ctx, &object), 0);
+    EXPECT_NE(look_up(ctx, "x", 0), 0u);
 }
 
-TEST(Publish, UnnamedObjectPublishedAgainMovesToItsNewId)
+TEST_F(Publish, UnnamedObjectPublishedAgainMovesToItsNewId)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object object = object_of(nullptr, "ignored");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    object = object_of(nullptr, "ignored");
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     uint32_t first = object.id;
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     EXPECT_NE(object.id, first);
-    look_up(ctx.get(), "ignored", 4);
+    look_up(ctx, "ignored", 4);
 
-    wire::Client caller;
-    ASSERT_TRUE(caller.send(wire::invoke(1, object.id, "back")));
-    handle_next(ctx.get());
-    EXPECT_EQ(caller.read().status(), 5u);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
+    expect_served(object.id);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), 0);
 }
 
-TEST(Publish, StaleTypeIdsMakeAnObjectInvisible)
+TEST_F(Publish, StaleTypeIdsMakeAnObjectInvisible)
 {
-    BusDaemon daemon;
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
-    struct ubus_object object = object_of(&type, "x");
-    Context ctx(ubus_connect(nullptr));
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     uint32_t id = object.id;
-    ctx.reset();
+    connect_anew();
     EXPECT_EQ(object.id, id); // left alone
+    EXPECT_EQ(ubus_add_object(ctx, &object), 0);
+    EXPECT_EQ(look_up(ctx, "x", 0), 0u);
 
-    ctx.reset(ubus_connect(nullptr));
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), 0u);
-
-    ctx.reset(ubus_connect(nullptr));
+    connect_anew();
     type.id = 0;
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+    EXPECT_EQ(ubus_add_object(ctx, &object), 0);
+    EXPECT_EQ(look_up(ctx, "x", 0), object.id);
 }
 
-TEST(Publish, ManyObjectsShareAType)
+TEST_F(Publish, ManyObjectsShareAType)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
     struct ubus_object one = object_of(&type, "one"), two = object_of(&type, "two");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &one), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &one), 0);
     uint32_t type_id = type.id;
-    ASSERT_EQ(ubus_add_object(ctx.get(), &two), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &two), 0);
     EXPECT_EQ(type.id, type_id);
-    EXPECT_EQ(look_up(ctx.get(), "two", 0), two.id);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &one), 0);
+    EXPECT_EQ(look_up(ctx, "two", 0), two.id);
+    EXPECT_EQ(ubus_remove_object(ctx, &one), 0);
     EXPECT_EQ(type.id, type_id);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &two), 0);
+    EXPECT_EQ(ubus_remove_object(ctx, &two), 0);
     EXPECT_EQ(type.id, 0u);
 }
 
 // ---- the daemon's restart
 
-TEST(Restart, LongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
+TEST_F(Restart, LongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
 {
     BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
-    BusDaemon daemon;
-    struct ubus_context *ctx = ubus_connect(nullptr);
-    ASSERT_NE(ctx, nullptr);
     struct blob_buf buf = {};
     blob_buf_init(&buf, 0);
     ASSERT_NE(blob_new(&buf, 5, 1000000), nullptr);
@@ -426,75 +421,61 @@ TEST(Restart, LongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
     kill(daemon.pid(), SIGCONT);
     ASSERT_EQ(ubus_reconnect(ctx, nullptr), 0);
     EXPECT_EQ(ubus_invoke(ctx, 4711, "m", buf.head, nullptr, nullptr, 5000), 4);
-    ubus_free(ctx);
     blob_buf_free(&buf);
 }
 
-TEST(Restart, ContextsStayDeadUntilTheyReconnect)
+TEST_F(Restart, ContextsStayDeadUntilTheyReconnect)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
     struct ubus_object one = object_of(&type, "one"), two = object_of(&type, "two");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &one), 0);
-    ASSERT_EQ(ubus_add_object(ctx.get(), &two), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &one), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &two), 0);
     uint32_t old = one.id;
-    ubus_add_uloop(ctx.get());
+    ubus_add_uloop(ctx);
     uint16_t seq = ctx->request_seq;
 
     daemon.kill();
     uint32_t id = 0;
-    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
-    EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 10);
+    EXPECT_EQ(ubus_lookup_id(ctx, "one", &id), 2);
+    EXPECT_EQ(ubus_reconnect(ctx, nullptr), 10);
     EXPECT_FALSE(ctx->sock.registered);
-    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
+    EXPECT_EQ(ubus_lookup_id(ctx, "one", &id), 2);
 
     daemon.start();
-    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
-    ASSERT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
+    EXPECT_EQ(ubus_lookup_id(ctx, "one", &id), 2);
+    ASSERT_EQ(ubus_reconnect(ctx, nullptr), 0);
     EXPECT_FALSE(ctx->sock.registered);
     EXPECT_NE(one.id, old);
-    EXPECT_EQ(look_up(ctx.get(), "one", 0), one.id);
-    EXPECT_EQ(look_up(ctx.get(), "two", 0), two.id);
+    EXPECT_EQ(look_up(ctx, "one", 0), one.id);
+    EXPECT_EQ(look_up(ctx, "two", 0), two.id);
     EXPECT_GT(ctx->request_seq, seq); // numbers go on
 
     wire::Client caller;
     EXPECT_EQ(caller.ask(wire::invoke(1, old, "back")), 4u);
-    ASSERT_TRUE(caller.send(wire::invoke(2, two.id, "back")));
-    handle_next(ctx.get());
-    EXPECT_EQ(caller.read().status(), 5u);
+    expect_served(two.id);
 }
 
-TEST(Restart, ObjectWhosePathIsTakenIsPublishedNextTime)
+TEST_F(Restart, ObjectWhosePathIsTakenIsPublishedNextTime)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
-    struct ubus_object object = object_of(&type, "x");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     daemon.kill();
     daemon.start();
     {
         wire::Client thief;
         ASSERT_NE(thief.publish("x"), 0u);
-        EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
+        EXPECT_EQ(ubus_reconnect(ctx, nullptr), 0);
         EXPECT_EQ(object.id, 0u);
     }
-    EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+    EXPECT_EQ(ubus_reconnect(ctx, nullptr), 0);
+    EXPECT_EQ(look_up(ctx, "x", 0), object.id);
     EXPECT_NE(object.id, 0u);
 }
 
-TEST(Restart, ProgramMayReconnectWhenItHearsOfTheLoss)
+TEST_F(Restart, ProgramMayReconnectWhenItHearsOfTheLoss)
 {
-    BusDaemon daemon;
     static int lost;
     lost = 0;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
-    struct ubus_object object = object_of(&type, "x");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    ubus_add_uloop(ctx.get());
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
+    ubus_add_uloop(ctx);
     ctx->connection_lost = [](struct ubus_context *context) {
         lost++;
         EXPECT_EQ(ubus_reconnect(context, nullptr), 0);
@@ -506,7 +487,7 @@ TEST(Restart, ProgramMayReconnectWhenItHearsOfTheLoss)
         while (lost < round)
             uloop_run_timeout(10);
         EXPECT_EQ(lost, round);
-        EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+        EXPECT_EQ(look_up(ctx, "x", 0), object.id);
     }
 }
 

@@ -84,6 +84,13 @@ static bool put_object(struct blob_buf *body, const struct ubus_object *object)
            put_type(body, object->type);
 }
 
+// As message_attrs(), for a handler that gets the body only.
+static void body_attrs(struct blob_attr *body, struct blob_attr **attrs)
+{
+    struct message message = {.body = body, .body_size = blob_raw_len(body)};
+    message_attrs(&message, attrs);
+}
+
 struct added {
     uint32_t id;
     uint32_t type_id;
@@ -91,12 +98,11 @@ struct added {
 
 static void added(struct ubus_request *request, int type, struct blob_attr *body)
 {
-    struct message message = {.body = body, .body_size = blob_raw_len(body)};
     struct blob_attr *attrs[UBUS_ATTR_MAX];
     struct added *result = request->priv;
 
     (void)type;
-    message_attrs(&message, attrs);
+    body_attrs(body, attrs);
     if (attrs[UBUS_ATTR_OBJID] != NULL)
         result->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
     if (attrs[UBUS_ATTR_OBJTYPE] != NULL)
@@ -191,12 +197,11 @@ struct lookup {
 
 static void found_object(struct ubus_request *request, int type, struct blob_attr *body)
 {
-    struct message message = {.body = body, .body_size = blob_raw_len(body)};
     struct blob_attr *attrs[UBUS_ATTR_MAX];
     const struct lookup *lookup = request->priv;
 
     (void)type;
-    message_attrs(&message, attrs);
+    body_attrs(body, attrs);
     if (attrs[UBUS_ATTR_OBJID] == NULL || attrs[UBUS_ATTR_OBJPATH] == NULL ||
         attrs[UBUS_ATTR_OBJTYPE] == NULL || lookup->cb == NULL)
         return;
@@ -212,10 +217,9 @@ static void found_object(struct ubus_request *request, int type, struct blob_att
 
 static void found_id(struct ubus_request *request, int type, struct blob_attr *body)
 {
-    struct message message = {.body = body, .body_size = blob_raw_len(body)};
     struct blob_attr *attrs[UBUS_ATTR_MAX];
     (void)type;
-    message_attrs(&message, attrs);
+    body_attrs(body, attrs);
     if (attrs[UBUS_ATTR_OBJID] != NULL)
         *(uint32_t *)request->priv = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
 }

@@ -5,10 +5,10 @@
 
 #include <libubox/blob.h>
 
-// The largest multiple of 4 that the 24 bits of the outermost length can hold.
-enum { kMaxBuffer = 0xfffffc };
-
-enum { kGrowStep = 256 };
+enum {
+    kMaxBuffer = 0xfffffc, // the largest multiple of 4 that the outermost length's 24 bits can hold
+    kGrowStep = 256,
+};
 
 static uint64_t padded(uint64_t len)
 {

@@ -173,6 +173,9 @@ public:
     bool unlinked(const void *block) const;
 };
 
+// Called before each malloc(), with null, and each free(), with its block.
+extern void (*g_heap_hook)(const void *freed);
+
 // Notes the blocks that our own code takes, in all threads, from now on; and how many of them are
 // not given back yet.
 void watch_our_blocks();

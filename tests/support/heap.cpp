@@ -11,7 +11,16 @@ FaultPoint fault_malloc("malloc", ENOMEM);
 FaultPoint fault_calloc("calloc", ENOMEM);
 FaultPoint fault_realloc("realloc", ENOMEM);
 
+void (*g_heap_hook)(const void *);
+
 namespace {
+
+BV_UNINSTRUMENTED void run_hook(const void *freed)
+{
+    const auto hook = __atomic_load_n(&g_heap_hook, __ATOMIC_SEQ_CST);
+    if (hook != nullptr)
+        hook(freed);
+}
 
 // For FailAllocation and its kin.
 thread_local unsigned t_countdown; // 0: nothing is to fail
@@ -119,6 +128,7 @@ BV_UNINSTRUMENTED void note_given_back(const void *address)
 
 BV_INTERPOSE(malloc, "malloc", void *, (size_t size))
 {
+    run_hook(nullptr);
     if (fault_malloc.fails(BV_CALLER) || is_refused(size)) {
         errno = ENOMEM;
         return nullptr;
@@ -156,6 +166,7 @@ BV_INTERPOSE(calloc, "calloc", void *, (size_t n, size_t size))
 
 BV_INTERPOSE(free, "free", void, (void *block))
 {
+    run_hook(block);
     note_given_back(block);
     BV_NEXT(free)(block);
 }

@@ -5,6 +5,7 @@
 
 int (*g_ioctl_answer)(int, unsigned long, void *);
 bool g_redirect_netlink;
+LastSocket g_last_socket;
 
 // Weak, so that a program's own function of that name comes first.
 #undef BV_INTERPOSE
@@ -80,9 +81,10 @@ BV_INTERPOSE(socket, "socket", int, (int domain, int type, int protocol))
 {
     if (fault_socket.fails(BV_CALLER))
         return -1;
-    if (g_redirect_netlink && domain == AF_NETLINK)
-        protocol = NETLINK_USERSOCK;
-    return BV_NEXT(socket)(domain, type, protocol);
+    const bool redirected = g_redirect_netlink && domain == AF_NETLINK;
+    const int fd = BV_NEXT(socket)(domain, type, redirected ? NETLINK_USERSOCK : protocol);
+    g_last_socket = {domain, type, protocol, fd};
+    return fd;
 }
 
 BV_INTERPOSE(ioctl, "ioctl", int, (int fd, unsigned long request, void *argument))

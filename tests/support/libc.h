@@ -27,6 +27,12 @@ constexpr int kNotAnswered = -2;
 extern int (*g_ioctl_answer)(int fd, unsigned long request, void *argument);
 extern bool g_redirect_netlink;
 
+// The last socket() that went through, as it was asked for; fd is -1 when the system refused it.
+struct LastSocket {
+    int domain, type, protocol, fd;
+};
+extern LastSocket g_last_socket;
+
 // FAULT(name, symbol, result, (parameters), (arguments), failure, usual errno); libcrypto's and
 // json-c's objects are opaque here.
 // clang-format off

@@ -6,12 +6,14 @@
 
 #include <bv/os.h>
 
-#include "support/fault_points.h"
+#include "support/libc.h"
 #include "support/process.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -51,98 +53,75 @@ void deliver(void *data, uint32_t length)
 
 using Steps = std::vector<std::string>;
 
+std::vector<std::pair<int, unsigned>> g_semaphores; // made for the notifier: shared, value
+
+// On a machine without the driver.
+class NotifierFaults : public testing::Test {
+protected:
+    void SetUp() override { fault_socket.fail_always(EPROTONOSUPPORT); }
+
+    static void start()
+    {
+        ASSERT_EQ(bv_notifier_init(), 0);
+        bv_notifier_reg(1, deliver);
+    }
+};
+
 } // namespace
 
-BV_FAULT_socket;
-BV_FAULT_pthread_create;
-BV_FAULT_POINT(sem_post, int, (sem_t * sem), (sem), -1);
-
-extern "C" int watched_sem_wait(sem_t *sem) __asm__("sem_wait");
-extern "C" int watched_sem_wait(sem_t *sem)
+BV_INTERPOSE(sem_wait, "sem_wait", int, (sem_t * sem))
 {
-    static const auto next = next_function<int(sem_t *)>("sem_wait");
     if (sem == &g_st_notifier_sem)
         step("wait");
-    return next(sem);
+    return BV_NEXT(sem_wait)(sem);
 }
 
-namespace {
-
-int g_semaphores; // made for the notifier
-int g_shared = -1;
-unsigned g_initial = ~0u;
-
-} // namespace
-
-extern "C" int watched_sem_init(sem_t *sem, int shared, unsigned value) __asm__("sem_init");
-extern "C" int watched_sem_init(sem_t *sem, int shared, unsigned value)
+BV_INTERPOSE(sem_init, "sem_init", int, (sem_t * sem, int shared, unsigned value))
 {
-    static const auto next = next_function<int(sem_t *, int, unsigned)>("sem_init");
-    if (sem == &g_st_notifier_sem) {
-        g_semaphores++;
-        g_shared = shared;
-        g_initial = value;
-    }
-    return next(sem, shared, value);
+    if (sem == &g_st_notifier_sem)
+        g_semaphores.push_back({shared, value});
+    return BV_NEXT(sem_init)(sem, shared, value);
 }
 
-TEST(NotifierFaults, TheSemaphoreIsPrivateToTheProcessAndStartsAtZero)
+TEST_F(NotifierFaults, SemaphoreIsPrivateToTheProcessAndStartsAtZero)
 {
-    fault_socket.fail_always();
     ASSERT_EQ(bv_notifier_init(), 0);
     ASSERT_EQ(bv_notifier_init(), 0); // another one would lose the posts of the first
-    EXPECT_EQ(g_semaphores, 1);
-    EXPECT_EQ(g_shared, 0);
-    EXPECT_EQ(g_initial, 0u);
+    const std::vector<std::pair<int, unsigned>> one = {{0, 0}};
+    EXPECT_EQ(g_semaphores, one);
 }
 
-TEST(NotifierFaults, InitIsFineWithoutTheDriver)
+TEST_F(NotifierFaults, InitSucceedsWithoutTheDriverAndTriesItAgain)
 {
-    fault_socket.fail_always(EPROTONOSUPPORT);
-    EXPECT_EQ(bv_notifier_init(), 0);
+    start();
     EXPECT_EQ(fault_socket.calls(), 1);
-    bv_notifier_reg(1, deliver);
     EXPECT_EQ(bv_notifier_send(1, "own", 3), 0);
     EXPECT_TRUE(eventually([] { return steps() == Steps({"wait", "own", "wait"}); }));
+
+    fault_pthread_create.pass();
+    ASSERT_EQ(bv_notifier_init(), 0);
+    EXPECT_EQ(fault_socket.calls(), 2);
+    EXPECT_EQ(fault_pthread_create.calls(), 0);
 }
 
-TEST(NotifierFaults, WithoutItsThreadInitSucceedsAndNothingIsPosted)
+TEST_F(NotifierFaults, WithoutItsThreadInitSucceedsAndNothingIsPostedUntilTheNext)
 {
-    fault_socket.fail_always();
     fault_pthread_create.fail_always(EAGAIN);
-    EXPECT_EQ(bv_notifier_init(), 0);
+    start();
     EXPECT_EQ(bv_notifier_send(1, "lost", 4), -1);
     EXPECT_EQ(fault_pthread_create.calls(), 1);
     EXPECT_EQ(steps(), Steps{});
-}
 
-TEST(NotifierFaults, InitAfterAFailedThreadStartsIt)
-{
-    fault_socket.fail_always();
-    fault_pthread_create.fail_next(1, EAGAIN);
-    ASSERT_EQ(bv_notifier_init(), 0);
-    ASSERT_EQ(bv_notifier_init(), 0);
-    bv_notifier_reg(1, deliver);
+    fault_pthread_create.pass();
+    start();
     EXPECT_EQ(bv_notifier_send(1, "again", 5), 0);
     EXPECT_TRUE(eventually([] { return steps() == Steps({"wait", "again", "wait"}); }));
 }
 
-TEST(NotifierFaults, FurtherInitsTryTheDriverAgain)
+TEST_F(NotifierFaults, FailedPostIsTheResultOfTheSendAndItsEventWaitsForTheNext)
 {
-    fault_socket.fail_always(EPROTONOSUPPORT);
-    ASSERT_EQ(bv_notifier_init(), 0);
-    ASSERT_EQ(bv_notifier_init(), 0);
-    EXPECT_EQ(fault_socket.calls(), 2);
-    EXPECT_EQ(fault_pthread_create.calls(), 1);
-}
-
-TEST(NotifierFaults, TheResultOfASendIsThatOfItsPostAndTheEventWaitsForTheNext)
-{
-    fault_socket.fail_always();
-    ASSERT_EQ(bv_notifier_init(), 0);
-    bv_notifier_reg(1, deliver);
+    start();
     ASSERT_TRUE(waits_after(0));
-
     fault_sem_post.fail_next(1, EOVERFLOW);
     EXPECT_EQ(bv_notifier_send(1, "first", 5), -1);
     EXPECT_EQ(bv_notifier_send(1, "second", 6), 0);
@@ -150,10 +129,9 @@ TEST(NotifierFaults, TheResultOfASendIsThatOfItsPostAndTheEventWaitsForTheNext)
     EXPECT_EQ(steps(), Steps({"wait", "first", "second", "wait"}));
 }
 
-TEST(NotifierFaults, AnInterruptedWaitLooksAtTheListToo)
+TEST_F(NotifierFaults, InterruptedWaitLooksAtTheListToo)
 {
     static std::atomic<pthread_t> dispatcher{};
-    fault_socket.fail_always();
     ASSERT_EQ(bv_notifier_init(), 0);
     bv_notifier_reg(1, [](void *data, uint32_t length) {
         dispatcher = pthread_self();
@@ -162,7 +140,7 @@ TEST(NotifierFaults, AnInterruptedWaitLooksAtTheListToo)
     bv_notifier_send(1, "known", 5);
     ASSERT_TRUE(waits_after(1));
 
-    struct sigaction action = {};
+    struct sigaction action = {}; // without SA_RESTART
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
     fault_sem_post.fail_next(1, EOVERFLOW);
@@ -173,9 +151,8 @@ TEST(NotifierFaults, AnInterruptedWaitLooksAtTheListToo)
     }));
 }
 
-TEST(NotifierFaults, WhatTheLastCallbackOfARoundPostsWaitsForItsOwnPost)
+TEST_F(NotifierFaults, WhatTheLastCallbackOfARoundPostsWaitsForItsOwnPost)
 {
-    fault_socket.fail_always();
     ASSERT_EQ(bv_notifier_init(), 0);
     bv_notifier_reg(1, [](void *data, uint32_t length) {
         deliver(data, length);

@@ -1,5 +1,4 @@
-// The notifier between the threads of one process. Nothing of the system is replaced here, but
-// for allocations that are refused, so that this runs on a gateway as it is.
+// The notifier between the threads of one process.
 
 #include <bv/notifier.h>
 
@@ -21,7 +20,9 @@
 
 namespace {
 
-// What callbacks saw, in order: "name:length:payload and the byte behind it".
+using Lines = std::vector<std::string>;
+
+// What callbacks saw, in order: "name:length:payload and the byte after it".
 class Log {
 public:
     void add(const std::string &line)
@@ -30,7 +31,7 @@ public:
         lines_.push_back(line);
     }
 
-    std::vector<std::string> lines()
+    Lines lines()
     {
         std::lock_guard<std::mutex> guard(lock_);
         return lines_;
@@ -50,7 +51,7 @@ public:
 
 private:
     std::mutex lock_;
-    std::vector<std::string> lines_;
+    Lines lines_;
 };
 
 Log &g_log = *new Log; // never destroyed: the dispatch thread outlives main()
@@ -66,17 +67,10 @@ std::string expected(const char *name, const std::string &payload)
     return line_of(name, payload.c_str(), static_cast<uint32_t>(payload.size()));
 }
 
-void first(void *data, uint32_t length)
+template <char Name>
+void log_as(void *data, uint32_t length)
 {
-    g_log.add(line_of("first", data, length));
-}
-void second(void *data, uint32_t length)
-{
-    g_log.add(line_of("second", data, length));
-}
-void marker(void *data, uint32_t length)
-{
-    g_log.add(line_of("marker", data, length));
+    g_log.add(line_of(std::string(1, Name).c_str(), data, length));
 }
 
 constexpr uint32_t kMarkerType = 13;
@@ -88,7 +82,7 @@ protected:
         dirty_heap();
         ASSERT_EQ(bv_notifier_init(), 0);
         // Registrations are permanent, also from test to test of one process.
-        static const int32_t registered = bv_notifier_reg(kMarkerType, marker);
+        static const int32_t registered = bv_notifier_reg(kMarkerType, log_as<'m'>);
         ASSERT_EQ(registered, 0);
         g_log.clear();
     }
@@ -99,22 +93,20 @@ protected:
     }
 
     // Waits until all that has been sent so far is delivered, and takes what was logged for it.
-    static std::vector<std::string> settle()
+    static Lines settle()
     {
         EXPECT_EQ(send(kMarkerType, "end"), 0);
-        const std::string end = expected("marker", "end");
+        const std::string end = expected("m", "end");
         EXPECT_TRUE(eventually([&] {
-            const std::vector<std::string> lines = g_log.lines();
+            const Lines lines = g_log.lines();
             return !lines.empty() && lines.back() == end;
         }));
-        std::vector<std::string> lines = g_log.lines();
+        Lines lines = g_log.lines();
         g_log.clear();
         lines.pop_back();
         return lines;
     }
 };
-
-using Lines = std::vector<std::string>;
 
 int posts()
 {
@@ -133,53 +125,44 @@ bool all_posts_are_consumed()
 TEST(NotifierBeforeInit, NothingIsPostedOrRegistered)
 {
     EXPECT_EQ(bv_notifier_send(1, "early", 5), -1);
-    EXPECT_EQ(bv_notifier_reg(1, first), 0);
+    EXPECT_EQ(bv_notifier_reg(1, log_as<'a'>), 0);
     bv_notifier_kernel(2, nullptr, 0);
 }
 
-TEST_F(Notifier, AnEventReachesItsCallbackWithItsPayload)
+TEST_F(Notifier, EventReachesItsCallbacksInOrderOfRegistrationWithACopyOfItsPayload)
 {
-    bv_notifier_reg(0, first);
-    EXPECT_EQ(send(0, "hello"), 0);
-    EXPECT_EQ(settle(), (Lines{expected("first", "hello")}));
+    bv_notifier_reg(1, log_as<'b'>);
+    bv_notifier_reg(1, log_as<'a'>);
+    bv_notifier_reg(1, log_as<'a'>); // twice: called twice
+    char text[] = "before";
+    EXPECT_EQ(bv_notifier_send(1, text, 6), 0);
+    memcpy(text, "after!", 6);
+    EXPECT_EQ(bv_notifier_send(1, text, 6), 0);
+    Lines wanted;
+    for (const char *payload : {"before", "after!"}) {
+        for (const char *name : {"b", "a", "a"})
+            wanted.push_back(expected(name, payload));
+    }
+    EXPECT_EQ(settle(), wanted);
 }
 
-TEST_F(Notifier, ThePayloadIsAlignedForAnyRecordOfEightByteFields)
+TEST_F(Notifier, PayloadIsAlignedForAnyRecordOfEightByteFields)
 {
     static std::atomic<unsigned> calls{0}, crooked{0};
     bv_notifier_reg(0, [](void *data, uint32_t) {
         calls++;
         crooked += reinterpret_cast<uintptr_t>(data) % 8 != 0;
     });
-    for (int length = 0; length < 20; length++)
-        send(0, std::string(static_cast<size_t>(length), 'x'));
+    for (size_t length = 0; length < 20; length++)
+        send(0, std::string(length, 'x'));
     settle();
     EXPECT_EQ(calls, 20u);
     EXPECT_EQ(crooked, 0u);
 }
 
-TEST_F(Notifier, CallbacksOfOneTypeRunInOrderOfRegistrationForEachEvent)
-{
-    bv_notifier_reg(1, second);
-    bv_notifier_reg(1, first);
-    send(1, "a");
-    send(1, "b");
-    EXPECT_EQ(settle(), (Lines{expected("second", "a"), expected("first", "a"),
-                               expected("second", "b"), expected("first", "b")}));
-}
-
-TEST_F(Notifier, ACallbackRegisteredTwiceIsCalledTwice)
-{
-    bv_notifier_reg(2, first);
-    bv_notifier_reg(2, first);
-    send(2, "x");
-    EXPECT_EQ(settle(), (Lines{expected("first", "x"), expected("first", "x")}));
-}
-
 TEST_F(Notifier, EveryTypeUpToThirteenHasCallbacksOfItsOwn)
 {
     static uint32_t counts[14];
-    memset(counts, 0, sizeof(counts));
     // Filled on the dispatch thread, read after a marker event came through.
     for (uint32_t type = 0; type < 14; type++)
         bv_notifier_reg(type, [](void *data, uint32_t length) {
@@ -193,90 +176,61 @@ TEST_F(Notifier, EveryTypeUpToThirteenHasCallbacksOfItsOwn)
         EXPECT_EQ(count, 1u);
 }
 
-TEST_F(Notifier, AnEmptyEventHasATerminatedEmptyPayload)
+TEST_F(Notifier, EmptyAndNullPayloadsAreZeroBytesAndTerminated)
 {
-    bv_notifier_reg(3, first);
+    bv_notifier_reg(3, log_as<'a'>);
     EXPECT_EQ(bv_notifier_send(3, "ignored", 0), 0);
     EXPECT_EQ(bv_notifier_send(3, nullptr, 0), 0);
-    EXPECT_EQ(settle(), (Lines{expected("first", ""), expected("first", "")}));
+    EXPECT_EQ(bv_notifier_send(3, nullptr, 5), 0);
+    EXPECT_EQ(settle(),
+              (Lines{expected("a", ""), expected("a", ""), expected("a", std::string(5, '\0'))}));
 }
 
-TEST_F(Notifier, ANullPayloadArrivesAsZeroBytesOfItsLength)
-{
-    bv_notifier_reg(4, first);
-    EXPECT_EQ(bv_notifier_send(4, nullptr, 5), 0);
-    EXPECT_EQ(settle(), (Lines{expected("first", std::string(5, '\0'))}));
-}
-
-TEST_F(Notifier, ThePayloadIsACopyMadeWhenSending)
-{
-    bv_notifier_reg(5, first);
-    char text[] = "before";
-    bv_notifier_send(5, text, 6);
-    memcpy(text, "after!", 6);
-    EXPECT_EQ(settle(), (Lines{expected("first", "before")}));
-}
-
-TEST_F(Notifier, AnEventOfATypeWithoutCallbacksIsConsumedSilently)
+TEST_F(Notifier, EventsWithoutCallbacksAreConsumedSilently)
 {
     CaptureStdout out;
-    EXPECT_EQ(send(6, "nobody"), 0);
-    EXPECT_EQ(settle(), Lines{});
-    EXPECT_EQ(out.stop(), "");
-}
-
-TEST_F(Notifier, TypesAboveThirteenAreNobodys)
-{
     {
         FailAllocation none(1); // an ignored registration takes no memory
-        EXPECT_EQ(bv_notifier_reg(14, first), 0);
-        EXPECT_EQ(bv_notifier_reg(0xffffffff, first), 0);
+        EXPECT_EQ(bv_notifier_reg(14, log_as<'a'>), 0);
+        EXPECT_EQ(bv_notifier_reg(0xffffffff, log_as<'a'>), 0);
+        EXPECT_EQ(bv_notifier_reg(7, nullptr), 0);
         EXPECT_FALSE(none.happened());
     }
-    EXPECT_EQ(send(14, "x"), 0);
-    EXPECT_EQ(send(0xffffffff, "x"), 0);
+    for (uint32_t type : {6u, 7u, 14u, 0xffffffffu})
+        EXPECT_EQ(send(type, "x"), 0);
     EXPECT_EQ(settle(), Lines{});
+    EXPECT_EQ(out.stop(), "");
+    EXPECT_TRUE(eventually(all_posts_are_consumed));
 }
 
-TEST_F(Notifier, ANullCallbackIsIgnored)
+TEST_F(Notifier, SecondInitKeepsRegistrationsAndThreads)
 {
-    EXPECT_EQ(bv_notifier_reg(7, nullptr), 0);
-    EXPECT_EQ(send(7, "x"), 0);
-    EXPECT_EQ(settle(), Lines{});
-}
-
-TEST_F(Notifier, ASecondInitKeepsRegistrationsAndThreads)
-{
-    bv_notifier_reg(8, first);
+    bv_notifier_reg(8, log_as<'a'>);
     const size_t threads = thread_count();
     EXPECT_EQ(bv_notifier_init(), 0);
     EXPECT_EQ(thread_count(), threads);
     send(8, "still");
-    EXPECT_EQ(settle(), (Lines{expected("first", "still")}));
+    EXPECT_EQ(settle(), (Lines{expected("a", "still")}));
 }
 
-TEST_F(Notifier, ACallbackMayPostAndRegister)
+TEST_F(Notifier, CallbacksMayPostAndRegister)
 {
     bv_notifier_reg(9, [](void *data, uint32_t length) {
         uint8_t left = *static_cast<uint8_t *>(data);
-        g_log.add(line_of("chain", "", 0) + std::to_string(left));
+        g_log.add(std::to_string(left));
         if (left-- > 0)
             EXPECT_EQ(bv_notifier_send(9, &left, length), 0);
         else
-            bv_notifier_reg(10, first);
+            bv_notifier_reg(10, log_as<'a'>);
     });
     const uint8_t links = 3;
     bv_notifier_send(9, &links, 1);
-    ASSERT_TRUE(g_log.reaches(4));
+    ASSERT_TRUE(eventually([] { return g_log.lines().size() >= 4; }));
     send(10, "then");
-    const Lines lines = settle();
-    ASSERT_EQ(lines.size(), 5u);
-    EXPECT_EQ(lines[0].back(), '3');
-    EXPECT_EQ(lines[3].back(), '0');
-    EXPECT_EQ(lines[4], expected("first", "then"));
+    EXPECT_EQ(settle(), (Lines{"3", "2", "1", "0", expected("a", "then")}));
 }
 
-TEST_F(Notifier, EventsPostedBehindASlowCallbackComeInOrderAndSurplusPostsDoNoHarm)
+TEST_F(Notifier, EventsPostedDuringASlowCallbackComeInOrderAndSurplusPostsDoNoHarm)
 {
     static std::atomic<bool> release{false};
     bv_notifier_reg(11, [](void *data, uint32_t length) {
@@ -296,46 +250,30 @@ TEST_F(Notifier, EventsPostedBehindASlowCallbackComeInOrderAndSurplusPostsDoNoHa
         sem_post(&g_st_notifier_sem);
     send(11, "after");
     EXPECT_EQ(settle(), (Lines{expected("slow", "after")}));
-}
-
-TEST_F(Notifier, AllPostsAreConsumed)
-{
-    for (int i = 0; i < 50; i++)
-        send(12, "x");
-    settle();
     EXPECT_TRUE(eventually(all_posts_are_consumed));
 }
 
-TEST_F(Notifier, WithoutMemoryNothingIsPosted)
+TEST_F(Notifier, WithoutMemoryEventsAndRegistrationsAreLost)
 {
-    bv_notifier_reg(0, second);
-    ASSERT_TRUE(eventually(all_posts_are_consumed));
-    g_log.clear();
+    CaptureStdout refusal;
     {
-        CaptureStdout refusal;
+        FailAllocation next(1);
+        EXPECT_EQ(bv_notifier_reg(0, log_as<'a'>), 0);
+        EXPECT_TRUE(next.happened());
+    }
+    bv_notifier_reg(0, log_as<'b'>);
+    ASSERT_TRUE(eventually(all_posts_are_consumed));
+    {
         FailAllocation next(1);
         EXPECT_EQ(bv_notifier_send(0, "lost", 4), -1);
         EXPECT_TRUE(next.happened());
     }
     EXPECT_TRUE(all_posts_are_consumed());
-    EXPECT_EQ(settle(), Lines{});
+    send(0, "x");
+    EXPECT_EQ(settle(), (Lines{expected("b", "x")}));
 }
 
-TEST_F(Notifier, ARegistrationWithoutMemoryIsLost)
-{
-    static std::atomic<unsigned> calls{0};
-    {
-        CaptureStdout refusal;
-        FailAllocation next(1);
-        EXPECT_EQ(bv_notifier_reg(3, [](void *, uint32_t) { calls++; }), 0);
-        EXPECT_TRUE(next.happened());
-    }
-    EXPECT_EQ(send(3, "x"), 0);
-    settle();
-    EXPECT_EQ(calls, 0u);
-}
-
-TEST_F(Notifier, TheLargestEventFillsOneAllocationAndLongerOnesAreRefused)
+TEST_F(Notifier, LargestEventFillsOneAllocationAndLongerOnesAreRefused)
 {
     static std::atomic<uint32_t> seen{0};
     bv_notifier_reg(4, [](void *, uint32_t length) { seen = length; });
@@ -352,7 +290,7 @@ TEST_F(Notifier, TheLargestEventFillsOneAllocationAndLongerOnesAreRefused)
     EXPECT_EQ(bv_notifier_send(4, nullptr, 0u - header), -1);    // nor is the sum 1
 }
 
-TEST_F(Notifier, ASignalToTheDispatchThreadLosesNothing)
+TEST_F(Notifier, SignalToTheDispatchThreadLosesNothing)
 {
     static std::atomic<pthread_t> dispatcher{};
     static std::atomic<bool> known{false};
@@ -360,23 +298,20 @@ TEST_F(Notifier, ASignalToTheDispatchThreadLosesNothing)
         dispatcher = pthread_self();
         known = true;
     });
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, nullptr);
+    signal(SIGUSR1, [](int) {});
     send(7, "x");
     ASSERT_TRUE(eventually([] { return known.load(); }));
 
-    bv_notifier_reg(7, first);
+    bv_notifier_reg(7, log_as<'a'>);
     for (int i = 0; i < 20; i++) {
         pthread_kill(dispatcher, SIGUSR1);
         usleep(1000);
     }
-    g_log.clear();
     send(7, "alive");
-    EXPECT_EQ(settle(), (Lines{expected("first", "alive")}));
+    EXPECT_EQ(settle(), (Lines{expected("a", "alive")}));
 }
 
-TEST_F(Notifier, EightThreadsEventsArriveOnceAndInEachThreadsOrder)
+TEST_F(Notifier, EventsOfEightThreadsArriveOnceAndInEachThreadsOrder)
 {
     constexpr uint32_t kThreads = 8, kEach = 5000;
     struct Mark {
@@ -409,7 +344,7 @@ TEST_F(Notifier, EightThreadsEventsArriveOnceAndInEachThreadsOrder)
     EXPECT_EQ(wrong, 0u);
 }
 
-TEST_F(Notifier, RegisteringWhileEventsFlowIsSeenWholeOrNotAtAll)
+TEST_F(Notifier, CallbacksRegisteredWhileEventsFlowAreCalledOnceAnEvent)
 {
     static std::atomic<bool> done{false};
     std::thread sender([] {

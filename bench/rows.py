@@ -66,8 +66,7 @@ TIMES = [
 ]
 
 # Counted on the workstation. Family, what, program, work, units in one piece of it, goal
-# (instructions at most for one unit), pieces that the shorter run does, pieces that the longer one
-# does more.
+# (instructions at most for one unit), pieces in the shorter run, and pieces more in the longer one.
 COUNTS = [
     ("hash", "Look-up, 1024-byte key", "hash", "hash-find/bv", 1, 5300, 2, 40),
     ("messages", "Debug message, off", "debug", "debug-off/bv", 1, 40, 100, 20000),
@@ -80,7 +79,7 @@ COUNTS = [
 ]
 
 # Counted on the gateway's processor. Family, what, program, work, ours, peer, units in one piece,
-# pieces that the shorter run does, pieces that the longer one does more.
+# pieces in the shorter run, and pieces more in the longer one.
 TARGET = [
     ("hash", "Look-up, 1024-byte key", "hash", "hash-find", "bv", "hash-and-memcmp", 1, 10, 40),
     ("hash", "Look-up, 256-byte key", "hash", "registry-find", "bv", "hash-and-memcmp", 1, 10, 40),
@@ -115,94 +114,64 @@ TARGET = [
 ]
 
 
-
-def nanoseconds(time, number):
-    return time
-
-
-def milliseconds(time, number):
-    return time / 1e6
-
-
-def per_second(time, number):
-    return 1e9 / time
-
-
-def seen_by_each(time, number):
-    """Of as many callers at once; in microseconds."""
-    return time * number / 1e3
-
-
 # How figures grow. One table and one plot each, of panels side by side: title, unit of the figures,
-# how it is made of nanoseconds, whether its axis is logarithmic, and its series as (name, benchmark
-# with N for the number).
+# how it is made of nanoseconds and the number, whether its axis is logarithmic, and its series as
+# (name, benchmark with N for the number).
 GROWTH = {
     "hash": {
         "title": "Hash table, by number of entries", "axis": "entries", "program": "hash",
         "numbers": (10, 20, 50, 100, 200, 500, 1000, 2048),
-        "note": "Time of one operation in the tables of the database and of an owner's functions. The "
-                "first stays flat; the second has eight chains, as many as the mask of its 8196 buckets "
-                "leaves in use, so its look-ups grow with the functions registered. A gateway's owner "
-                "has a few dozen, and the function called last is found without the table. \"Inserted "
-                "and freed\" includes making the table.",
+        "note": "Time of one operation in the tables of the database and of an owner's functions. The first stays "
+                "flat; the second has eight chains, as many as the mask of its 8196 buckets leaves in use, so its "
+                "look-ups grow with the functions registered. A gateway's owner has a few dozen, and the function "
+                "called last is found without the table. \"Inserted and freed\" includes making the table.",
         "panels": [
-            ("Database: 1024-byte key, 2048 buckets", "ns", nanoseconds, False,
-             [("found", "database-N/find"), ("not there", "database-N/find-absent"),
-              ("inserted and freed", "database-N/fill")]),
-            ("Functions: 256-byte key, eight chains", "ns", nanoseconds, False,
-             [("found", "registry-N/find"), ("not there", "registry-N/find-absent"),
-              ("inserted and freed", "registry-N/fill")]),
-        ],
+            (title, "ns", lambda time, number: time, False,
+             [("found", f"{table}-N/find"), ("not there", f"{table}-N/find-absent"),
+              ("inserted and freed", f"{table}-N/fill")])
+            for title, table in (("Database: 1024-byte key, 2048 buckets", "database"),
+                                 ("Functions: 256-byte key, eight chains", "registry"))],
     },
     "database": {
         "title": "Database, by number of families", "axis": "families", "program": "database",
-        "note": "Families of 10 parameters with 3 instances each, 192 bytes an instance. Loading and "
-                "saving grow in proportion; reading and writing one instance does not wait for the size.",
+        "note": "Families of 10 parameters with 3 instances each, 192 bytes an instance. Loading and saving grow in "
+                "proportion; reading and writing one instance does not depend on the size.",
         "numbers": (1, 5, 20, 50, 100, 200, 500), "argument": "--families=N",
         "panels": [
-            ("All families at once", "ms", milliseconds, True,
+            ("All families at once", "ms", lambda time, number: time / 1e6, True,
              [("load", "db-load/bv"), ("json-c parses the same", "db-load/json-c-parse"),
               ("commit", "db-commit/bv"), ("json-c prints the same", "db-commit/json-c-to-file")]),
-            ("One instance", "ns", nanoseconds, False,
-             [("read", "db-read/bv"), ("write", "db-write/bv"), ("hash look-up alone", "db-read/hash-find")]),
-        ],
+            ("One instance", "ns", lambda time, number: time, False,
+             [("read", "db-read/bv"), ("write", "db-write/bv"), ("hash look-up alone", "db-read/hash-find")])],
     },
     "rpc": {
         "title": "Remote calls of 56 bytes, by number of callers", "axis": "callers", "program": "rpc",
         "note": "One owner, one bus daemon, and several caller processes that call without a pause.",
         "numbers": tuple(range(1, 9)),
         "panels": [
-            ("Calls that one owner answers", "1/s", per_second, False,
+            ("Calls that one owner answers", "calls a second", lambda time, number: 1e9 / time, False,
              [("library", "callers-N/bv"), ("bare object", "callers-N/bare-object")]),
-            ("One call, as its caller sees it", "us", seen_by_each, False,
-             [("library", "callers-N/bv"), ("bare object", "callers-N/bare-object")]),
-        ],
+            ("One call, as its caller sees it", "\u00b5s", lambda time, number: time * number / 1e3, False,
+             [("library", "callers-N/bv"), ("bare object", "callers-N/bare-object")])],
     },
 }
 
-# The page's first table. What, its row of TARGET, and of TIMES or COUNTS, as (family, what).
+# The page's first table: what, family, its row of TARGET, and its row of TIMES or COUNTS.
 SHORT = [
-    ("Reading a setting (one instance of a family)", ("database", "Read of one instance"),
-     ("database", "Read of one instance")),
-    ("Writing a setting, in memory", ("database", "Write of one instance"),
-     ("database", "Write of one instance")),
-    ("Saving 100 families with 300 instances", ("database", "Commit of the same"),
-     ("database", "Commit of the same")),
-    ("Loading them at start-up", ("database", "Load, 100 families"), ("database", "Load, 100 families")),
-    ("A remote call of 56 bytes (gateway: the caller's part)", ("rpc", "Remote call, 56 bytes, caller"),
-     ("rpc", "Remote call, 56 bytes")),
-    ("The same (gateway: the owner's part)", ("rpc", "Remote call, 56 bytes, owner"),
-     ("rpc", "Remote call, 56 bytes")),
-    ("A debug message that is switched off", ("messages", "Debug message, off"),
-     ("messages", "Debug message, off")),
-    ("A debug message that is sent", ("messages", "Debug message, on"), ("messages", "Debug message, on")),
-    ("A 64-byte message through a queue", ("queue", "Send and receive 64 bytes"), ("queue", "1 thread")),
-    ("SHA-256 of 1 MiB (gateway: each byte)", ("crypto", "SHA-256, 1 MiB, a byte"), ("crypto", "SHA-256, 1 MiB")),
-    ("CRC-32 of 64 KiB (gateway: each byte)", ("checksums", "CRC-32, 64 KiB, a byte"),
-     ("checksums", "CRC-32, 64 KiB")),
+    ("Reading a setting (one instance of a family)", "database", "Read of one instance", "Read of one instance"),
+    ("Writing a setting, in memory", "database", "Write of one instance", "Write of one instance"),
+    ("Saving 100 families with 300 instances", "database", "Commit of the same", "Commit of the same"),
+    ("Loading them at start-up", "database", "Load, 100 families", "Load, 100 families"),
+    ("A remote call of 56 bytes (gateway: the caller's part)", "rpc", "Remote call, 56 bytes, caller", "Remote call, 56 bytes"),
+    ("The same (gateway: the owner's part)", "rpc", "Remote call, 56 bytes, owner", "Remote call, 56 bytes"),
+    ("A debug message that is switched off", "messages", "Debug message, off", "Debug message, off"),
+    ("A debug message that is sent", "messages", "Debug message, on", "Debug message, on"),
+    ("A 64-byte message through a queue", "queue", "Send and receive 64 bytes", "1 thread"),
+    ("SHA-256 of 1 MiB (gateway: each byte)", "crypto", "SHA-256, 1 MiB, a byte", "SHA-256, 1 MiB"),
+    ("CRC-32 of 64 KiB (gateway: each byte)", "checksums", "CRC-32, 64 KiB, a byte", "CRC-32, 64 KiB"),
 ]
 
-# Who the peers are, as far as their names do not say it.
+# Who the peers are, where their names do not say it.
 PEERS = {
     "hash-and-memcmp": "the hash of the key and one comparison of it, without a table",
     "hash-find": "the look-up of the family alone",
@@ -222,36 +191,30 @@ PEERS = {
     "one-table": "a table of 256 entries, a byte at a time",
 }
 
-# Said below the table about goals that are missed.
+# Why a goal is missed, by what and peer.
 REASONS = {
     ("Load, 100 families", "json-c-parse"):
-        "A load takes 1.35 times the parser's instructions, also on the gateway. The rest is memory: "
-        "the descriptors of "
-        "these families are 3 MB that are cleared and filled, more than the cache of a processor, "
-        "and the parser's allocations in between take twice as long as alone for the same "
-        "instructions. Default images, which every load but the first leaves behind on purpose, "
-        "scatter the heap and are about a tenth of the distance.",
+        "A load takes 1.35 times the parser's instructions, also on the gateway. The rest is memory: the descriptors "
+        "of these families are 3 MB that are cleared and filled, more than a processor's cache, and the default "
+        "images, which every load but the first leaves allocated on purpose, scatter the heap.",
     ("Bounded copy, 8 bytes", "memcpy_s"):
-        "The wrapper is two register moves and a jump around a call that takes a few nanoseconds: "
-        "one more taken jump is already more than the goal's share of it.",
+        "The wrapper is two register moves and a jump around a call that takes a few nanoseconds: one more taken jump "
+        "is already more than the goal allows.",
     ("Bounded copy, 64 bytes", "memcpy_s"): "As for 8 bytes.",
-    ("Bounded copy, 1024 bytes", "memcpy_s"):
-        "As for 8 bytes; the figure lies on either side of the goal from run to run.",
+    ("Bounded copy, 1024 bytes", "memcpy_s"): "As for 8 bytes; the figure varies around the goal from run to run.",
     ("Send and receive 64 bytes", "counted"):
-        "The C library takes about 270 of them: one allocation and its release 130, two turns of "
-        "the lock 115, the copying itself 22. Two checked copies take 60, the queue itself 110, the "
-        "loop around them 20.",
+        "The C library takes about 270 of them: one allocation and its release 130, two turns of the lock 115, the "
+        "copying itself 22. Two checked copies take 60, the queue itself 110, the loop around them 20.",
     ("1 thread", "mq"):
-        "Two system calls take less than half a microsecond here; a thirtieth of that is less than "
-        "the allocation of a message and its release take.",
+        "Two system calls take less than half a microsecond here; a thirtieth of that is less than one allocation "
+        "and its release.",
     ("2 producers 2 consumers", "GAsyncQueue"):
-        "Four threads share two processors: a consumer that finds nothing yields and asks again, "
-        "taking the lock that the producers need. The peer's consumers sleep instead. On a busy "
-        "machine, where sleeping and waking cost more, the same run gave 3 to 4.",
+        "Four threads share two processors: a consumer that finds nothing yields and asks again, taking the lock that "
+        "the producers need. The peer's consumers sleep instead. On a busy machine, where sleeping and waking cost "
+        "more, the same run gave 3 to 4.",
     ("2 and 2, peer polled too", "GAsyncQueue-polled"):
-        "With the peer polling as our consumers do, both wait for the same lock and the same "
-        "allocator most of the time.",
+        "With the peer polling as our consumers do, both wait for the same lock and the same allocator most of the time.",
     ("Event, posted to callback", "semaphore"):
-        "The handoff is a few microseconds of the scheduler; where other work competes for the "
-        "processors the difference lies within the spread.",
+        "The handoff is a few microseconds of the scheduler; where other work competes for the processors the "
+        "difference is within the spread.",
 }

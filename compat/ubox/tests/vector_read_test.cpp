@@ -1,8 +1,8 @@
 // Reads every input of vectors.txt from memory that ends at an unreadable page and compares what
 // is found. Nothing is left out; the lengths of malformed headers that wrap are compared as such.
 
-#include "compat/ubox/guarded.h"
-#include "compat/ubox/vector_file.h"
+#include "guarded.h"
+#include "vector_file.h"
 
 #include <functional>
 #include <gtest/gtest.h>

@@ -10,7 +10,7 @@ extern "C" {
 #include <libubox/usock.h>
 #include <libubox/utils.h>
 
-#include "compat/ubox/header_c11.h"
+#include "header_c11.h"
 
 #include <dlfcn.h>
 #include <fstream>

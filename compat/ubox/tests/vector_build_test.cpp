@@ -7,7 +7,7 @@
 //   msg.name.65536.truncated-field   a name whose length does not fit its field: refused here
 //                                    (Blobmsg.ANameTooLongForItsLengthFieldIsRefused)
 
-#include "compat/ubox/vector_file.h"
+#include "vector_file.h"
 
 #include <gtest/gtest.h>
 #include <libubox/blobmsg.h>

@@ -1,6 +1,6 @@
 // Life cycle, ending, nesting and forking.
 
-#include "compat/ubox/loop_support.h"
+#include "loop_support.h"
 #include "support/shared.h"
 
 #include <atomic>

@@ -1,6 +1,6 @@
 // Fields beyond the byte vectors: refusals, and received bytes of every kind.
 
-#include "compat/ubox/guarded.h"
+#include "guarded.h"
 
 #include <climits>
 #include <gtest/gtest.h>

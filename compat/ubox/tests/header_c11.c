@@ -9,7 +9,7 @@
 #include <libubox/usock.h>
 #include <libubox/utils.h>
 
-#include "compat/ubox/header_c11.h"
+#include "header_c11.h"
 
 static LIST_HEAD(empty_list);
 static AVL_TREE(names, avl_strcmp, true, &empty_list);

@@ -1,4 +1,4 @@
-#include "compat/ubox/loop_support.h"
+#include "loop_support.h"
 #include "support/shared.h"
 
 #include <cerrno>

@@ -48,7 +48,7 @@ inline wire::Bytes from_hex(const std::string &digits)
 inline File read()
 {
     File file;
-    std::ifstream in(BV_TEST_SOURCE_DIR "/compat/ubus/vectors.txt");
+    std::ifstream in(BV_TEST_SOURCE_DIR "/../compat/ubus/tests/vectors.txt");
     std::string line, group;
 
     while (std::getline(in, line)) {

@@ -6,7 +6,7 @@
 #include <securec.h>
 
 #include "fuzz/input.h"
-#include "fuzz/low_memory.h"
+#include "low_memory.h"
 
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

@@ -12,7 +12,7 @@
 // does not read soon has a queue. Ids are not drawn at random: clients are 0x10001 to
 // 0x10003, objects and types have the numbers behind.
 
-#include "fuzz/failing_memory.h"
+#include "failing_memory.h"
 #include "fuzz/input.h"
 
 #include <csignal>
@@ -22,7 +22,7 @@
 #include <sys/un.h>
 
 extern "C" {
-#include "ubusd.h"
+#include "daemon/ubusd.h"
 }
 
 namespace {

@@ -1,4 +1,4 @@
-#include "compat/ubox/vector_file.h"
+#include "vector_file.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -70,7 +70,7 @@ bool Vector::is_quirk() const
 
 std::vector<Vector> load_vectors(const std::string &kind)
 {
-    std::ifstream file(BV_TEST_SOURCE_DIR "/compat/ubox/vectors.txt");
+    std::ifstream file(BV_TEST_SOURCE_DIR "/../compat/ubox/tests/vectors.txt");
     std::vector<Vector> found;
     std::string line;
     Vector current;

@@ -13,7 +13,7 @@
 // then a length in one byte and the bytes. Objects have the ids 0x10001 and up, in the order in
 // which the stream gives them; requests are numbered from 1.
 
-#include "fuzz/failing_memory.h"
+#include "failing_memory.h"
 #include "fuzz/input.h"
 
 #include <deque>

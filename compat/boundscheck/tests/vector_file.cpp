@@ -37,7 +37,7 @@ char byte_at(const std::string &hex, size_t at)
 std::vector<Vector> vectors_of(const std::string &function)
 {
     std::vector<Vector> vectors;
-    std::ifstream file(BV_TEST_SOURCE_DIR "/compat/boundscheck/vectors.txt");
+    std::ifstream file(BV_TEST_SOURCE_DIR "/../compat/boundscheck/tests/vectors.txt");
     for (std::string line; std::getline(file, line);) {
         if (line.compare(0, function.size() + 1, function + "\t") != 0)
             continue;

@@ -33,8 +33,9 @@ demo: configure ## shows the main job, start to end
 test: build ## builds and runs every test of the workstation build
 	@tests/run "$(BUILD)"
 
-test-compat: deps ## builds the stand-ins of compat/ alone and runs their tests
-	@cmake -S compat -B build/compat -G Ninja -DBV_WERROR=ON
+test-compat: deps ## builds the stand-ins of compat/ alone, with clang, and runs their tests
+	@scripts/install-deps clang
+	@CC=clang CXX=clang++ cmake -S compat -B build/compat -G Ninja -DBV_WERROR=ON -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
 	@cmake --build build/compat
 	@tests/run build/compat -L compat
 
@@ -79,7 +80,7 @@ bench: ## runs the benchmarks beside their peers, counts on the target, writes d
 size: deps ## footprint of the library on mipsel musl: sections, folders, heap
 	@scripts/size
 
-clang: deps ## builds with clang, warnings are errors
+clang: deps ## builds all but the stand-ins' tests with clang, warnings are errors
 	@scripts/install-deps clang
 	@cmake --preset clang
 	@cmake --build build/clang
@@ -88,6 +89,7 @@ tidy: configure ## runs clang-tidy over the library, warnings are errors
 	@scripts/install-deps clang-tidy
 	@git ls-files 'os/*.cpp' 'debug/*.cpp' 'core/*.cpp' 'db/*.cpp' 'bus/*.cpp' 'dev/*.cpp' 'crypto/*.cpp' | \
 		xargs -P $$(nproc) -n 4 clang-tidy -p "$(BUILD)" --quiet --warnings-as-errors='*'
+	@echo 'Everything passed clang-tidy.'
 
 format: ## puts every source file into the house format
 	@scripts/install-deps clang-format

@@ -70,10 +70,6 @@ else()
   find_program(BV_UBUSD_PROGRAM ubusd PATHS /usr/sbin /sbin NO_CACHE)
   set(BV_UBUSD "${BV_UBUSD_PROGRAM}")
 endif()
-if(BV_COMPAT_BUILT)
-  add_subdirectory(compat)
-endif()
-
 if(NOT "ubox" IN_LIST BV_COMPAT_BUILT AND TARGET ubox::ubox AND TARGET ubus::ubus
    AND NOT "ubus" IN_LIST BV_COMPAT_BUILT)
   set_property(TARGET ubus::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES ubox::ubox)

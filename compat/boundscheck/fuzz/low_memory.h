@@ -1,8 +1,8 @@
 // One number that is right for every argument of a formatted print or scan: as a pointer it leads
 // to a large buffer, and as a size it is less than that buffer holds. With all arguments alike, an
 // arbitrary format cannot ask for the wrong type.
-#ifndef BV_TESTS_FUZZ_LOW_MEMORY_H
-#define BV_TESTS_FUZZ_LOW_MEMORY_H
+#ifndef COMPAT_BOUNDSCHECK_FUZZ_LOW_MEMORY_H
+#define COMPAT_BOUNDSCHECK_FUZZ_LOW_MEMORY_H
 
 #include "fuzz/input.h"
 
@@ -21,7 +21,7 @@ inline char *map_low_memory()
     return static_cast<char *>(place);
 }
 
-// Whether so many arguments as the calls pass are enough for a format.
+// Whether the calls pass enough arguments for a format.
 inline bool needs_few_arguments(const std::string &format)
 {
     const auto count = std::count(format.begin(), format.end(), '%') +

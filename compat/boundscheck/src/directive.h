@@ -1,4 +1,4 @@
-// What the print and the scan formats have in common: numbers, length letters, argument lists.
+// What print and scan formats share: numbers, length letters, argument lists.
 
 #ifndef BOUNDSCHECK_DIRECTIVE_H
 #define BOUNDSCHECK_DIRECTIVE_H
@@ -13,7 +13,7 @@ struct arguments {
     va_list list;
 };
 
-// Length letters, weakest first: where several are given the strongest counts.
+// Length letters, weakest first: of several, the strongest counts.
 enum length {
     kLengthNone,
     kLengthMax,     // j

@@ -10,7 +10,7 @@ static const uint32_t kMaxNumber = 214748369;
 bool bc_take_number(const char **format, int *value)
 {
     uint32_t number = 0;
-    for (; bc_is_digit(**format); ++*format) {
+    for (; bc_is_digit(**format); (*format)++) {
         number = number * 10 + (uint32_t)(**format - '0');
         if (number > kMaxNumber)
             return false;
@@ -27,8 +27,8 @@ static bool taken(const char **format, int letters, struct length_letters *to, e
     return true;
 }
 
-// I64 and I32 give the number of bits, a lone I in front of an integer stands for the size of a
-// pointer; I before anything else is no length letter.
+// I64 and I32 give the number of bits. A single I before an integer conversion means the size of a
+// pointer; before anything else it is not a length letter.
 static bool take_capital_i(const char **format, struct length_letters *letters)
 {
     const char *next = *format + 1;
@@ -44,7 +44,7 @@ static bool take_capital_i(const char **format, struct length_letters *letters)
 static bool is_one_of(const char *letters, char letter)
 {
     while (*letters != '\0' && *letters != letter)
-        ++letters;
+        letters++;
     return *letters != '\0';
 }
 

@@ -1,9 +1,9 @@
-// memcpy_s, memmove_s and memset_s. A call whose arguments are good costs a few comparisons more
-// than the C library's function; everything that is wrong is sorted out in a function of its own,
-// off the straight path.
+// memcpy_s, memmove_s and memset_s. A valid call costs only a few comparisons more than the C
+// library's function; everything else is handled in a function of its own, off the fast path.
 
 #include "securec.h"
 
+#include <stdbool.h>
 #include <stdint.h>
 
 static errno_t cleared(void *dest, size_t destMax, errno_t code)
@@ -12,12 +12,12 @@ static errno_t cleared(void *dest, size_t destMax, errno_t code)
     return code;
 }
 
-static int size_is_good(size_t destMax)
+static bool size_is_good(size_t destMax)
 {
     return destMax != 0 && destMax <= SECUREC_MEM_MAX_LEN;
 }
 
-// The checks that copying and moving share; EOK means that only overlap is left to look at.
+// The checks that copying and moving share; EOK means that only overlap is left to check.
 static errno_t check_copy(void *dest, size_t destMax, const void *src, size_t count)
 {
     if (!size_is_good(destMax))
@@ -42,10 +42,10 @@ __attribute__((noinline, cold)) static errno_t copy_unusual(void *dest, size_t d
 
 errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
 {
-    // Ranges are apart if the distance from src to dest is at least count and at most so much that
-    // going round the end of memory leaves count again: one comparison, once count is taken off
-    // both sides. dest == src fails it too and is told apart from overlap later. Twice the count
-    // cannot overflow where the count fits its destination.
+    // Two ranges of count bytes are apart if the distance between them is at least count both ways
+    // round the address space. With count subtracted from both sides that is one comparison.
+    // dest == src fails it too and is told apart from overlap later. Twice the count cannot
+    // overflow, because count fits the destination.
     uintptr_t distance = (uintptr_t)dest - (uintptr_t)src;
 
     if (!size_is_good(destMax) || dest == NULL || src == NULL || count > destMax ||
@@ -64,7 +64,7 @@ errno_t memmove_s(void *dest, size_t destMax, const void *src, size_t count)
     return EOK;
 }
 
-// The barrier tells the compiler that somebody reads the bytes, so that link-time optimisation
+// The barrier makes the compiler assume that the bytes are read, so that link-time optimisation
 // cannot drop the wiping of a buffer that is never used again.
 static errno_t filled(void *dest, int c, size_t count, errno_t code)
 {

@@ -1,8 +1,8 @@
 // vsprintf_s, vsnprintf_s and their relatives with arguments in the call.
 //
-// The printer is our own, but for floating point: it refuses directives where the C library would
-// guess, prints null pointers the same way on every C library, and costs no more per debug message
-// than the C library's.
+// All but floating point is printed here. Unlike the C library, this refuses directives instead of
+// guessing and prints null pointers the same way everywhere; a debug message costs no more than
+// with the C library.
 
 #include "securec.h"
 
@@ -46,13 +46,13 @@ static enum print_status print_directive(struct print_sink *sink, const char **f
     }
 }
 
-// Length of the plain text in front of the next directive. A few characters as a rule, for which
-// strcspn() would take longer to set its table up.
+// Length of the plain text before the next directive. It is usually a few characters, for which
+// strcspn() would take longer to set up its table.
 static size_t plain_length(const char *format)
 {
     size_t length = 0;
     while (format[length] != '\0' && format[length] != '%')
-        ++length;
+        length++;
     return length;
 }
 
@@ -70,7 +70,7 @@ static enum print_status print_all(struct print_sink *sink, const char *format,
             status = bc_put(sink, "%", 1);
             format += 2;
         } else {
-            ++format;
+            format++;
             status = print_directive(sink, &format, arguments);
         }
     }

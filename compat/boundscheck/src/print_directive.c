@@ -1,4 +1,4 @@
-// Taking a print directive apart: flags, width, precision, length letters, conversion.
+// Parses a print directive: flags, width, precision, length letters, conversion.
 
 #include "print_internal.h"
 
@@ -26,14 +26,14 @@ static bool take_flag(const char **format, struct print_directive *directive)
     default:
         return false;
     }
-    ++*format;
+    (*format)++;
     return true;
 }
 
 static bool take_star_width(const char **format, struct print_directive *directive,
                             struct arguments *arguments)
 {
-    ++*format;
+    (*format)++;
     int width = va_arg(arguments->list, int);
     if (width < -kMaxStar || width > kMaxStar)
         return false;
@@ -42,8 +42,8 @@ static bool take_star_width(const char **format, struct print_directive *directi
     return true;
 }
 
-// Flags and width. Flags behind the width are let through, as services were written that way; a
-// width behind them starts afresh. Two widths side by side (digits and a star) are refused.
+// Flags and width. Services also write flags after the width; a width after those replaces the
+// first. Two widths in a row (digits and a star) are refused.
 static bool take_flags_and_width(const char **format, struct print_directive *directive,
                                  struct arguments *arguments)
 {
@@ -71,11 +71,11 @@ static bool take_precision(const char **format, struct print_directive *directiv
 {
     if (**format != '.')
         return true;
-    ++*format;
+    (*format)++;
     if (**format != '*')
         return bc_take_number(format, &directive->precision);
 
-    ++*format;
+    (*format)++;
     directive->precision = va_arg(arguments->list, int);
     return directive->precision <= kMaxStar;
 }
@@ -84,7 +84,7 @@ bool bc_take_print_directive(const char **format, struct print_directive *direct
                              struct arguments *arguments)
 {
     *directive = (struct print_directive){.precision = -1};
-    // Flags, digits, star and dot all come before the letters, and most directives have none.
+    // In ASCII, flags, digits, star and dot all come before the letters. Most directives have none.
     if (**format < 'A') {
         if (!take_flags_and_width(format, directive, arguments))
             return false;
@@ -96,6 +96,6 @@ bool bc_take_print_directive(const char **format, struct print_directive *direct
     directive->conversion = **format;
     if (directive->conversion == '\0')
         return false;
-    ++*format;
+    (*format)++;
     return true;
 }

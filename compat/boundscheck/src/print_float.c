@@ -50,9 +50,9 @@ static int smaller(int value, uint64_t limit)
     return value > 0 && (uint64_t)value > limit ? (int)limit : value;
 }
 
-// The C library would produce (and allocate) every digit and blank that was asked for. What lies
-// beyond the room left cannot be seen, so less is asked for: still too much to fit, and the same
-// bytes up to the end of the destination.
+// The C library would produce (and allocate) every digit and blank asked for. Text beyond the room
+// left is never seen, so less is asked for: still too much to fit, and with the same bytes up to
+// the end of the destination.
 static void limit_sizes(struct float_call *call, const struct print_directive *directive,
                         size_t room)
 {
@@ -86,8 +86,8 @@ enum print_status bc_print_float(struct print_sink *sink, const struct print_dir
     build_format(call.format, directive);
     limit_sizes(&call, directive, bc_room(sink));
 
-    // Into a buffer of our own first: the C library ends its text with a NUL, and the byte behind
-    // the text belongs to whatever comes next.
+    // Convert into a local buffer first: the C library adds a NUL, and the byte after the text must
+    // keep its value.
     char text[128];
     int length = convert(&call, text, sizeof(text));
     if (length < 0)
@@ -97,10 +97,10 @@ enum print_status bc_print_float(struct print_sink *sink, const struct print_dir
 
     size_t room = bc_room(sink);
     size_t written = (size_t)length < room ? (size_t)length : room;
-    char behind = sink->next[written];
+    char after = sink->next[written];
     if (convert(&call, sink->next, room + 1) < 0)
         return kPrintRefused;
-    sink->next[written] = behind;
+    sink->next[written] = after;
     sink->next += written;
     return written == (size_t)length ? kPrintOk : kPrintFull;
 }

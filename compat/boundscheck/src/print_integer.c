@@ -2,7 +2,7 @@
 
 #include "print_internal.h"
 
-// More digits than this are never produced by a precision.
+// A precision never produces more digits than this.
 static const int kMaxDigits = 512;
 
 enum { kOctalDigits = 22 }; // of the largest 64-bit value; every other base needs fewer
@@ -54,7 +54,7 @@ static uintmax_t unsigned_argument(enum length length, struct arguments *argumen
 // Writes the digits of value so that they end before end; returns the first. Zero has no digits.
 static char *put_decimal(char *end, uintmax_t value)
 {
-    // Division in 64 bits is slow on the 32-bit target: use it only while it is needed.
+    // 64-bit division is slow on the 32-bit target: use it only while needed.
     for (; value > UINT32_MAX; value /= 10)
         *--end = (char)('0' + value % 10);
     for (uint32_t rest = (uint32_t)value; rest != 0; rest /= 10)

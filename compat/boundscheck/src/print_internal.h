@@ -1,5 +1,5 @@
-// Parts of the printer. print.c walks over the format, print_directive.c takes a directive apart,
-// the other files produce its text.
+// Parts of the printer. print.c walks over the format, print_directive.c parses a directive, the
+// other files produce its text.
 
 #ifndef BOUNDSCHECK_PRINT_INTERNAL_H
 #define BOUNDSCHECK_PRINT_INTERNAL_H

@@ -31,9 +31,8 @@ enum print_status bc_put_padded(struct print_sink *sink, const struct print_dire
     return status;
 }
 
-// The number of characters of a string that have to be looked at. What lies beyond both the room
-// left and the width changes neither the text nor the padding, so a huge string costs no more than
-// the destination is large.
+// How many characters of a string matter. Those beyond both the room left and the width change
+// neither text nor padding, so a huge string costs no more than the size of the destination.
 static size_t length_limit(const struct print_sink *sink, const struct print_directive *directive)
 {
     size_t limit = bc_room(sink) + 1;
@@ -66,7 +65,7 @@ static enum print_status put_wide(struct print_sink *sink, const struct print_di
 
     mbstate_t state;
     memset(&state, 0, sizeof(state));
-    for (size_t i = 0; i < length && status == kPrintOk; ++i)
+    for (size_t i = 0; i < length && status == kPrintOk; i++)
         status = put_wide_character(sink, text[i], &state);
     if (status == kPrintOk && directive->left)
         status = bc_fill(sink, ' ', padding);

@@ -9,15 +9,14 @@ static bool is_text_conversion(char conversion)
     return conversion != '\0' && strchr("sSc[C", conversion) != NULL;
 }
 
-// %% and anything that is no conversion match themselves, behind blanks. That a stray letter may
-// match is of no use to anyone, but it comes with the rule for %%, and what does not match is an
-// error instead of an ordinary mismatch.
+// %%, and any letter that is not a conversion, matches itself after blanks. If it does not match,
+// that is an error and not an ordinary mismatch.
 static enum scan_status scan_itself(struct scan_state *scan, char wanted)
 {
     bc_skip_blanks(scan);
     if (bc_look(scan) != (unsigned char)wanted)
         return kScanError;
-    ++scan->next;
+    scan->next++;
     return kScanOn;
 }
 
@@ -31,8 +30,7 @@ static enum scan_status convert(struct scan_state *scan, const struct scan_direc
     return bc_scan_integer(scan, directive);
 }
 
-// The conversion that a letter stands for; NUL if it is none. Some capitals mean the same as the
-// small letter.
+// The conversion of a letter; NUL if it has none. Some capitals mean the same as the small letter.
 static char conversion_of(char letter)
 {
     static const char kLetters[] = "diouxpefgnsc[SCDOUXEG";
@@ -69,13 +67,13 @@ static enum scan_status scan_all(struct scan_state *scan, const char *format)
     while (*format != '\0' && status == kScanOn) {
         if (bc_is_blank(*format)) {
             bc_skip_blanks(scan);
-            ++format;
+            format++;
         } else if (*format == '%') {
-            ++format;
+            format++;
             status = scan_directive(scan, &format);
         } else if (bc_look(scan) == (unsigned char)*format) {
-            ++scan->next;
-            ++format;
+            scan->next++;
+            format++;
         } else {
             status = kScanStop;
         }
@@ -90,15 +88,15 @@ static int result_of(const struct scan_state *scan, enum scan_status status)
     return status == kScanError ? -1 : scan->stored;
 }
 
-// An input of no bytes, or of more than may be, converts nothing; but services look at the buffer
-// of a first text conversion without asking for the result, and find an empty string in it.
+// An empty or overlong input converts nothing. Services read the buffer of a first text conversion
+// without checking the result, so it becomes the empty string.
 static void empty_first_text(struct scan_state *scan, const char *format)
 {
     struct scan_directive directive;
     format = strchr(format, '%');
     if (format == NULL)
         return;
-    ++format;
+    format++;
     if (bc_take_scan_directive(&format, &directive) && is_text_conversion(directive.conversion))
         bc_empty_text(scan, &directive, &format);
 }

@@ -1,4 +1,4 @@
-// Taking a scan directive apart. Suppression, width and length letters may come in any order.
+// Parses a scan directive. Suppression, width and length letters may come in any order.
 
 #include "scan_internal.h"
 
@@ -8,7 +8,7 @@ bool bc_take_scan_directive(const char **format, struct scan_directive *directiv
     for (;;) {
         if (**format == '*') {
             directive->suppressed = true;
-            ++*format;
+            (*format)++;
         } else if (bc_is_digit(**format)) {
             directive->has_width = true;
             if (!bc_take_number(format, &directive->width))
@@ -19,6 +19,6 @@ bool bc_take_scan_directive(const char **format, struct scan_directive *directiv
     }
     directive->conversion = **format;
     if (directive->conversion != '\0')
-        ++*format;
+        (*format)++;
     return true;
 }

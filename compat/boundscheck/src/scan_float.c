@@ -1,5 +1,5 @@
-// Floating point. The text is delimited here, more narrowly than the C library would (no infinity,
-// no hexadecimal), and converted there.
+// Floating point. The end of the number is found here, by stricter rules than the C library's (no
+// infinity, no hexadecimal); the C library converts it.
 
 #include "scan_internal.h"
 
@@ -20,25 +20,25 @@ static bool take_one(struct scan_state *scan, struct float_text *text, char firs
     int c = bc_look(scan);
     if (c != first && c != second)
         return false;
-    ++scan->next;
-    --text->width;
+    scan->next++;
+    text->width--;
     return true;
 }
 
 static bool take_digits(struct scan_state *scan, struct float_text *text)
 {
     bool found = false;
-    for (; text->width != 0; --text->width) {
+    for (; text->width != 0; text->width--) {
         int c = bc_look(scan);
         if (c < '0' || c > '9')
             break;
         found = true;
-        ++scan->next;
+        scan->next++;
     }
     return found;
 }
 
-// False: no digit. An exponent may be left without digits ("1e+" is all taken and means 1).
+// False: no digit. An exponent may have no digits: "1e+" is taken as a whole and means 1.
 static bool take_text(struct scan_state *scan, struct float_text *text)
 {
     text->start = scan->next;
@@ -70,8 +70,8 @@ static void store(void *to, enum length length, const char *text)
     }
 }
 
-// The text goes on beyond its end in the input (where the width cut it, or as "0x10"), so it is
-// copied out; numbers longer than the buffer, which nobody writes by hand, go through the heap.
+// The C library could read on after the end of the number (after a width, or in "0x10"), so it gets
+// a copy. Numbers longer than the buffer are rare and go through the heap.
 static bool convert(void *to, enum length length, const struct float_text *text)
 {
     char buffer[128];
@@ -96,8 +96,8 @@ enum scan_status bc_scan_float(struct scan_state *scan, const struct scan_direct
         void *to = va_arg(scan->arguments->list, void *);
         if (to == NULL || !convert(to, directive->length.strongest, &text))
             return kScanError;
-        ++scan->stored;
+        scan->stored++;
     }
-    ++scan->completed;
+    scan->completed++;
     return kScanOn;
 }

@@ -5,8 +5,7 @@
 #include <limits.h>
 #include <string.h>
 
-// What was read: the sign and the magnitude, which is all ones and marked when it is beyond
-// 64 bits.
+// Sign and magnitude as read. A magnitude beyond 64 bits is all ones and marked.
 struct digits {
     bool negative;
     bool overflow;
@@ -39,24 +38,24 @@ static void take_sign(struct scan_state *scan, size_t *width, struct digits *dig
     if (c != '+' && c != '-')
         return;
     digits->negative = c == '-';
-    ++scan->next;
-    --*width;
+    scan->next++;
+    (*width)--;
     bc_look(scan); // also when the width is used up: a sign at the end of the input is an early end
 }
 
-// The base of x and i depends on how the number begins. Returns whether a digit was taken, which
-// is the case for a 0 that turns out not to belong to 0x.
+// The base of x and i depends on how the number begins. True when a digit was taken: a 0 that is
+// not part of 0x.
 static bool take_base(struct scan_state *scan, size_t *width, char conversion, unsigned int *base)
 {
     if ((conversion != 'x' && conversion != 'i') || *width == 0 || bc_look(scan) != '0')
         return false;
-    ++scan->next;
-    --*width;
+    scan->next++;
+    (*width)--;
     if (*width != 0) {
         int c = bc_look(scan);
         if (c == 'x' || c == 'X') {
-            ++scan->next;
-            --*width;
+            scan->next++;
+            (*width)--;
             *base = 16;
             return false;
         }
@@ -71,18 +70,18 @@ static bool take_digits(struct scan_state *scan, size_t width, char conversion, 
 {
     take_sign(scan, &width, digits);
     bool found = take_base(scan, &width, conversion, &base);
-    for (; width != 0; --width) {
+    for (; width != 0; width--) {
         unsigned int digit = (unsigned int)digit_value(bc_look(scan));
         if (digit >= base)
             break;
         append_digit(digits, base, digit);
         found = true;
-        ++scan->next;
+        scan->next++;
     }
     return found;
 }
 
-// The bytes that an integer of this length has.
+// Size of an integer of this length, in bytes.
 static size_t size_of(enum length length)
 {
     switch (length) {
@@ -104,8 +103,8 @@ static size_t size_of(enum length length)
     return sizeof(int);
 }
 
-// The width in which a value is clamped before it is stored: 64 bits for everything up to int,
-// which then keeps the low bits, and its own width for what is long or larger.
+// To how many bits a value is clamped before it is stored: long and larger types to their own
+// width; types up to int to 64 bits, of which they keep the low ones.
 static unsigned int clamp_bits(enum length length)
 {
     bool small = length == kLengthNone || length == kLengthShort || length == kLengthChar;
@@ -124,13 +123,13 @@ static uint64_t unsigned_value(const struct digits *digits, enum length length, 
 {
     if (digits->overflow || digits->magnitude > UINT64_MAX >> (64 - bits))
         return UINT64_MAX;
-    // Kept as services know it: a plain unsigned with a minus sign saturates beyond 32 bits.
+    // Services rely on this: a plain unsigned with a minus sign saturates beyond 32 bits.
     if (length == kLengthNone && digits->negative && digits->magnitude > (uint64_t)1 << 32)
         return UINT64_MAX;
     return digits->negative ? 0 - digits->magnitude : digits->magnitude;
 }
 
-// Stores the low bits of value, without asking the object's exact type or alignment.
+// Stores the low bits of value in an object of any type and alignment.
 static void store(void *to, size_t size, uint64_t value)
 {
     uint8_t value8 = (uint8_t)value;
@@ -169,9 +168,9 @@ enum scan_status bc_scan_integer(struct scan_state *scan, const struct scan_dire
         unsigned int bits = clamp_bits(length);
         store(to, size_of(length),
               is_signed ? signed_value(&digits, bits) : unsigned_value(&digits, length, bits));
-        ++scan->stored;
+        scan->stored++;
     }
-    ++scan->completed;
+    scan->completed++;
     return kScanOn;
 }
 
@@ -183,6 +182,6 @@ enum scan_status bc_scan_count(struct scan_state *scan, const struct scan_direct
             return kScanError;
         store(to, size_of(directive->length.strongest), (uint64_t)(scan->next - scan->input));
     }
-    ++scan->completed;
+    scan->completed++;
     return kScanOn;
 }

@@ -1,5 +1,5 @@
 // Parts of the scanner. scan.c walks over the format and decides the result, scan_directive.c and
-// scan_set.c take directives apart, the other files convert.
+// scan_set.c parse directives, the other files convert.
 
 #ifndef BOUNDSCHECK_SCAN_INTERNAL_H
 #define BOUNDSCHECK_SCAN_INTERNAL_H
@@ -10,7 +10,7 @@
 
 // Why a step of the scan ended.
 enum scan_status {
-    kScanOn,    // it was done, the scan goes on
+    kScanOn,    // done, the scan goes on
     kScanStop,  // the input does not match, or a buffer is too small
     kScanError, // a directive that is not supported, or a null pointer
 };
@@ -53,10 +53,10 @@ static inline bool bc_is_blank(int c)
 static inline void bc_skip_blanks(struct scan_state *scan)
 {
     while (bc_is_blank(bc_look(scan)))
-        ++scan->next;
+        scan->next++;
 }
 
-// The number of bytes that a conversion may take.
+// How many bytes a conversion may take.
 static inline size_t bc_width(const struct scan_directive *directive)
 {
     return directive->has_width ? (size_t)directive->width : SIZE_MAX;

@@ -6,13 +6,13 @@
 
 static void add_range(struct scan_set *set, unsigned char first, unsigned char last)
 {
-    for (unsigned int c = first; c <= last; ++c)
+    for (unsigned int c = first; c <= last; c++)
         set->bits[c >> 3] = (unsigned char)(set->bits[c >> 3] | 1u << (c & 7));
 }
 
 static void negate(struct scan_set *set)
 {
-    for (size_t i = 0; i < sizeof(set->bits); ++i)
+    for (size_t i = 0; i < sizeof(set->bits); i++)
         set->bits[i] = (unsigned char)~set->bits[i];
 }
 
@@ -22,10 +22,10 @@ bool bc_take_set(const char **format, struct scan_set *set)
     memset(set, 0, sizeof(*set));
     bool negated = *next == '^';
     if (negated)
-        ++next;
+        next++;
 
-    // The byte that a dash could make the start of a range; 0 where the dash is a plain member:
-    // in front, and right behind a complete range. The NUL of an unfinished set is below every
+    // The byte that a dash would make the start of a range; 0 where a dash is a plain member: at
+    // the front and right after a complete range. The NUL of an unfinished set is below every
     // start, so it never ends a range.
     unsigned char start = 0;
     for (bool first = true; first || *next != ']'; first = false) {
@@ -37,10 +37,10 @@ bool bc_take_set(const char **format, struct scan_set *set)
             start = 0;
             next += 2;
         } else {
-            // This is also where a range written backwards ends up: as its two ends and the dash.
+            // A range written backwards also ends up here, as its two ends and the dash.
             add_range(set, *next, *next);
             start = *next;
-            ++next;
+            next++;
         }
     }
 

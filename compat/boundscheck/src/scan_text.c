@@ -1,5 +1,5 @@
-// Strings, characters and sets. Their buffers come with a capacity, and what does not fit empties
-// the buffer and ends the scan.
+// Strings, characters and sets. Each buffer comes with a capacity; a text that does not fit empties
+// it and ends the scan.
 
 #include "scan_internal.h"
 
@@ -76,7 +76,7 @@ static bool put_wide(struct text_buffer *buffer, char byte)
     return true;
 }
 
-// Adds one byte. False: there is no room for it, or it belongs to no character of the locale.
+// Adds one byte. False: there is no room for it, or it is not part of a character of the locale.
 static bool put(struct text_buffer *buffer, char byte)
 {
     if (is_suppressed(buffer))
@@ -108,12 +108,12 @@ static enum scan_status take_text(struct scan_state *scan, size_t width,
                                   const struct acceptance *acceptance, struct text_buffer *buffer)
 {
     const char *start = scan->next;
-    for (; width != 0 && accepts(acceptance, bc_look(scan)); --width) {
+    for (; width != 0 && accepts(acceptance, bc_look(scan)); width--) {
         if (!put(buffer, *scan->next)) {
             terminate(buffer, 0);
             return kScanStop;
         }
-        ++scan->next;
+        scan->next++;
     }
     return scan->next == start ? kScanStop : kScanOn;
 }
@@ -139,7 +139,7 @@ enum scan_status bc_scan_text(struct scan_state *scan, const struct scan_directi
     }
 
     if (!is_character && !directive->suppressed)
-        --buffer.capacity; // the NUL's place
+        buffer.capacity--; // the NUL's place
     size_t width = is_character && !directive->has_width ? 1 : bc_width(directive);
     struct acceptance acceptance = {.set = is_set ? &set : NULL, .blanks = is_character};
     enum scan_status status = take_text(scan, width, &acceptance, &buffer);
@@ -149,8 +149,8 @@ enum scan_status bc_scan_text(struct scan_state *scan, const struct scan_directi
     if (!is_character)
         terminate(&buffer, buffer.used);
     if (!directive->suppressed)
-        ++scan->stored;
-    ++scan->completed;
+        scan->stored++;
+    scan->completed++;
     return kScanOn;
 }
 

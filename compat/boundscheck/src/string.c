@@ -1,8 +1,9 @@
-// strcpy_s, strncpy_s and strcat_s. Lengths are looked for within the destination's size only, so
-// a source that is not terminated is never followed further than the answer needs.
+// strcpy_s, strncpy_s and strcat_s. A length is only looked for within the destination's size, so
+// an unterminated source is never read further than needed.
 
 #include "securec.h"
 
+#include <stdbool.h>
 #include <stdint.h>
 
 static errno_t emptied(char *dest, errno_t code)
@@ -59,9 +60,9 @@ errno_t strncpy_s(char *strDest, size_t destMax, const char *strSrc, size_t coun
     if (length == destMax)
         return emptied(strDest, ERANGE_AND_RESET);
     if (strDest != strSrc) {
-        // One test for both directions: with strSrc behind, the NUL would land on its first byte;
-        // with strSrc in front and cut by count nothing would be lost, and it is refused all the
-        // same.
+        // One test for both directions. If strSrc comes after strDest, the NUL would overwrite its
+        // first byte. If it comes before and is cut by count, nothing would be lost, but that is
+        // refused too.
         if (distance(strDest, strSrc) <= length)
             return emptied(strDest, EOVERLAP_AND_RESET);
         memcpy(strDest, strSrc, length);
@@ -79,16 +80,16 @@ errno_t strcat_s(char *strDest, size_t destMax, const char *strSrc)
     size_t used = strnlen(strDest, destMax);
     size_t room = destMax - used;
     size_t added = strnlen(strSrc, room);
-    int terminated = room != 0;
+    bool terminated = room != 0;
 
     uintptr_t dest = (uintptr_t)strDest;
     uintptr_t src = (uintptr_t)strSrc;
-    int src_inside = dest < src && src - dest <= used + added;
-    int dest_inside = src < dest && dest - src <= added;
-    // A source that begins right behind an unterminated destination touches it only because the
-    // end of the destination is unknown; that is the destination's fault, not an overlap.
-    int just_behind = !terminated && src - dest == destMax;
-    if ((src_inside || dest_inside) && !just_behind)
+    bool src_inside = dest < src && src - dest <= used + added;
+    bool dest_inside = src < dest && dest - src <= added;
+    // A source right after an unterminated destination seems to touch it only because the
+    // destination has no end: the missing NUL is the error, not an overlap.
+    bool is_next = !terminated && src - dest == destMax;
+    if ((src_inside || dest_inside) && !is_next)
         return emptied(strDest, EOVERLAP_AND_RESET);
     if (!terminated)
         return emptied(strDest, EINVAL_AND_RESET);

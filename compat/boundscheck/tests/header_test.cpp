@@ -1,4 +1,4 @@
-// The header and the shared object as programs and the loader see them.
+// The header as programs see it, and the shared object as the loader sees it.
 
 #include <securec.h>
 
@@ -45,14 +45,14 @@ TEST(BoundscheckHeader, EveryFunctionOfACProgramComesFromTheLibrary)
     EXPECT_EQ(count, kFunctions.size());
 }
 
-TEST(BoundscheckHeader, AProgramWithCheckedFormatsCallsTheSameFunctions)
+TEST(BoundscheckHeader, ProgramWithCheckedFormatsCallsTheSameFunctions)
 {
     char text[4];
     EXPECT_EQ(header_checked(text, sizeof(text)), 2);
     EXPECT_STREQ(text, "42");
 }
 
-TEST(BoundscheckHeader, TheLibraryExportsItsFunctionsAndNothingElse)
+TEST(BoundscheckHeader, LibraryExportsItsFunctionsAndNothingElse)
 {
     std::set<std::string> names;
     std::string output = output_of("nm -D --defined-only '" BOUNDSCHECK_LIBRARY "'");
@@ -65,7 +65,7 @@ TEST(BoundscheckHeader, TheLibraryExportsItsFunctionsAndNothingElse)
     EXPECT_EQ(names, kFunctions);
 }
 
-TEST(BoundscheckHeader, TheLibraryHasItsPlainNameAndNeedsOnlyTheCLibrary)
+TEST(BoundscheckHeader, LibraryHasItsPlainNameAndNeedsOnlyTheCLibrary)
 {
     std::string dynamic = output_of("readelf -d '" BOUNDSCHECK_LIBRARY "'");
     EXPECT_NE(dynamic.find("soname: [libboundscheck.so]"), std::string::npos) << dynamic;

@@ -1,4 +1,4 @@
-#include "guarded.h"
+#include "compat/support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>
@@ -33,7 +33,7 @@ TEST(BoundscheckMemory, CopiesEverySizeBetweenBuffersThatEndAtUnmappedPages)
     }
 }
 
-TEST(BoundscheckMemory, ARefusedCopyDoesNotReadTheSource)
+TEST(BoundscheckMemory, RefusedCopyDoesNotReadTheSource)
 {
     Guarded dest(16);
     Guarded nothing(0);
@@ -77,7 +77,7 @@ TEST(BoundscheckMemory, EveryOverlapByOneByteOrMoreIsRefusedAndEveryGapIsNot)
     }
 }
 
-TEST(BoundscheckMemory, ANullSourceWipesTheWholeDestinationEvenWithNothingToCopy)
+TEST(BoundscheckMemory, NullSourceWipesTheWholeDestinationEvenWithNothingToCopy)
 {
     Guarded dest(64);
     EXPECT_EQ(memcpy_s(dest.data(), 64, nullptr, 0), EINVAL_AND_RESET);
@@ -87,7 +87,7 @@ TEST(BoundscheckMemory, ANullSourceWipesTheWholeDestinationEvenWithNothingToCopy
     EXPECT_EQ(other.bytes(), std::string(64, '\0'));
 }
 
-TEST(BoundscheckMemory, TheSizeIsLookedAtBeforeThePointers)
+TEST(BoundscheckMemory, SizeIsCheckedBeforePointers)
 {
     for (size_t bad : {size_t{0}, kLimit + 1, SIZE_MAX}) {
         EXPECT_EQ(memcpy_s(nullptr, bad, nullptr, 1), ERANGE);

@@ -1,4 +1,4 @@
-#include "guarded.h"
+#include "compat/support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>
@@ -17,7 +17,7 @@ int print(Guarded &dest, const char *format, Arguments... arguments)
     return sprintf_s(dest.data(), dest.size(), format, arguments...);
 }
 
-// The text that a format gives where there is room, or a note of the failure.
+// The text that a format gives when there is room, or a note of the failure.
 template <typename... Arguments>
 std::string text_of(const char *format, Arguments... arguments)
 {
@@ -36,7 +36,7 @@ std::string counted(size_t size, size_t count, int expected, const char *format,
     return dest.bytes();
 }
 
-// Chooses a locale with a multibyte encoding for one test.
+// Sets a locale with a multibyte encoding for one test.
 class Utf8 {
 public:
     Utf8() : there_(setlocale(LC_CTYPE, "C.UTF-8") != nullptr) {}
@@ -68,7 +68,7 @@ TEST(BoundscheckPrint, EverySizeOfDestinationHoldsTheWholeTextOrNothing)
     }
 }
 
-TEST(BoundscheckPrint, BytesBehindTheTextAreLeftAsTheyWere)
+TEST(BoundscheckPrint, BytesAfterTheTextKeepTheirValues)
 {
     Guarded dest(16);
     EXPECT_EQ(print(dest, "%.1f", 0.5), 3);
@@ -93,7 +93,7 @@ TEST(BoundscheckPrint, BadDestinationsAreLeftAlone)
     EXPECT_EQ(snprintf_s(nullptr, 8, 4, "x"), -1);
 }
 
-TEST(BoundscheckPrint, AStringOf64KiBFitsExactlyOrNotAtAll)
+TEST(BoundscheckPrint, StringOf64KiBFitsExactlyOrNotAtAll)
 {
     std::string text(65535, 't');
     Guarded exact(65536), small(65535);
@@ -104,7 +104,7 @@ TEST(BoundscheckPrint, AStringOf64KiBFitsExactlyOrNotAtAll)
     EXPECT_EQ(small.data()[65534], '\0');
 }
 
-TEST(BoundscheckPrint, APrecisionBoundsWhatIsReadOfAString)
+TEST(BoundscheckPrint, PrecisionBoundsWhatIsReadOfAString)
 {
     Guarded source(std::string(6, 's')); // no NUL before the unmapped page
     EXPECT_EQ(text_of("[%.6s]", source.data()), "[ssssss]");
@@ -122,7 +122,7 @@ TEST(BoundscheckPrint, CountKeepsTheFirstCharactersOfALongerText)
     EXPECT_EQ(counted(8, 3, -1, "%.4f", 0.125), std::string("0.1\0\xee\xee\xee\xee", 8));
 }
 
-TEST(BoundscheckPrint, CountOfTheWholeSizeOrMoreIsNoLicenceToTruncate)
+TEST(BoundscheckPrint, CountOfTheWholeSizeOrMoreDoesNotAllowTruncation)
 {
     EXPECT_EQ(counted(4, 4, -1, "hello"), std::string("\0el\0", 4));
     EXPECT_EQ(counted(4, 2147483646, -1, "hello"), std::string("\0el\0", 4));
@@ -152,7 +152,7 @@ TEST(BoundscheckPrint, RefusedDirectivesFailTheCallAndNeverTouchTheirArgument)
     }
 }
 
-TEST(BoundscheckPrint, AnOverflowBeforeABadDirectiveIsAnOverflow)
+TEST(BoundscheckPrint, OverflowBeforeABadDirectiveIsAnOverflow)
 {
     Guarded dest(4);
     EXPECT_EQ(snprintf_s(dest.data(), 4, 3, "abcd%n", nullptr), -1);
@@ -161,7 +161,7 @@ TEST(BoundscheckPrint, AnOverflowBeforeABadDirectiveIsAnOverflow)
     EXPECT_STREQ(dest.data(), "");
 }
 
-TEST(BoundscheckPrint, TheWidthMaximaAreDifferentForNumbersAndStars)
+TEST(BoundscheckPrint, WidthMaximaAreDifferentForNumbersAndStars)
 {
     EXPECT_EQ(text_of("%.214748369s", "abc"), "abc");
     EXPECT_EQ(text_of("%.*s", 214748360, "abc"), "abc");
@@ -227,7 +227,7 @@ TEST(BoundscheckPrint, IntegersHaveAtMost512DigitsButAnyWidth)
     EXPECT_EQ(text_of("%600.520d", 7), std::string(88, ' ') + std::string(511, '0') + "7");
 }
 
-TEST(BoundscheckPrint, ANulCharacterIsPrintedAndCounted)
+TEST(BoundscheckPrint, NulCharacterIsPrintedAndCounted)
 {
     EXPECT_EQ(text_of("a%cb%3c|%-3c|%03c", 0, 'x', 'y', 'z'), std::string("a\0b  x|y  |  z", 14));
     EXPECT_EQ(text_of("%c", 0x141), "A");
@@ -248,7 +248,7 @@ TEST(BoundscheckPrint, FloatsReadAsTheCLibraryPrintsThem)
                   "1." + std::string(zeros, '0') + "|");
 }
 
-TEST(BoundscheckPrint, AHugeFloatPrecisionCostsNoMoreThanTheDestinationIsLarge)
+TEST(BoundscheckPrint, HugeFloatPrecisionCostsNoMoreThanTheSizeOfTheDestination)
 {
     Guarded dest(64);
     for (int i = 0; i < 50; ++i)
@@ -262,7 +262,7 @@ TEST(BoundscheckPrint, AHugeFloatPrecisionCostsNoMoreThanTheDestinationIsLarge)
     EXPECT_EQ(dest.bytes(), std::string(1, '\0') + std::string(62, ' ') + std::string(1, '\0'));
 }
 
-TEST(BoundscheckPrint, AFloatPrecisionNearTheMaximumDropsTheDirectiveAndKeepsItsArgument)
+TEST(BoundscheckPrint, FloatPrecisionNearTheMaximumDropsTheDirectiveAndKeepsItsArgument)
 {
     EXPECT_EQ(text_of("[%.214748012f]%.1f", 1.5), "[]1.5");
     EXPECT_EQ(text_of("[%.214743389Lf]%.1Lf", 1.5L), "[]1.5");
@@ -294,7 +294,7 @@ TEST(BoundscheckPrint, WideTextIsEncodedAndItsWidthCountsCharacters)
     EXPECT_EQ(dest.data()[0], '\0');
 }
 
-TEST(BoundscheckPrint, ACharacterThatTheLocaleCannotEncodeFailsTheCallAndKeepsErrno)
+TEST(BoundscheckPrint, CharacterThatTheLocaleCannotEncodeFailsTheCallAndKeepsErrno)
 {
     errno = 77;
     EXPECT_EQ(text_of("ab%lc", L'\u20ac'), "<-1>");

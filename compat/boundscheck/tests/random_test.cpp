@@ -1,8 +1,8 @@
-// Random calls, the same on every run: against models written another way, against the C library
-// where both promise the same, and with garbage formats and inputs, which must neither touch a
-// byte outside the buffers nor take long.
+// Random calls, the same on every run. They are compared with slow models, and with the C library
+// where both promise the same. Garbage formats and inputs must neither touch a byte outside the
+// buffers nor take long.
 
-#include "guarded.h"
+#include "compat/support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>
@@ -37,7 +37,7 @@ private:
 
 constexpr int kSmallArena = 24;
 
-// What a call must return and leave behind, found by looking at one byte after another.
+// A slow model of a call: what it must return and leave in the buffer.
 struct Outcome {
     errno_t code;
     std::string arena;
@@ -217,7 +217,7 @@ TEST(BoundscheckRandom, IntegersScanAsTheCLibraryScansThem)
 TEST(BoundscheckRandom, GarbageFormatsPrintNothingOutsideTheDestination)
 {
     Random random;
-    alignas(16) char text[32] = "text"; // ends for a wide reader too
+    alignas(16) char text[32] = "text"; // also ends a wide string
     int refused = 0, printed = 0;
     for (int i = 0; i < 40000; ++i) {
         GuardedString format(

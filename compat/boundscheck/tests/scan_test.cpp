@@ -1,4 +1,4 @@
-#include "guarded.h"
+#include "compat/support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>
@@ -53,7 +53,7 @@ std::string operator""_b(const char *text, size_t size)
 
 } // namespace
 
-TEST(BoundscheckScan, APrefixWithoutDigitsIsNoNumber)
+TEST(BoundscheckScan, PrefixWithoutDigitsIsNotANumber)
 {
     for (const char *format : {"%x", "%X", "%i"}) {
         expect_int("0x", format, -1, kOld);
@@ -70,7 +70,7 @@ TEST(BoundscheckScan, APrefixWithoutDigitsIsNoNumber)
     expect_int("0x1f", "%o", 1, 0);
 }
 
-TEST(BoundscheckScan, TheBaseFollowsTheConversionOrForIThePrefix)
+TEST(BoundscheckScan, BaseFollowsTheConversionOrForIThePrefix)
 {
     expect_int("19", "%i", 1, 19);
     expect_int("019", "%i", 1, 1);
@@ -83,7 +83,7 @@ TEST(BoundscheckScan, TheBaseFollowsTheConversionOrForIThePrefix)
     expect_int("0", "%1i", 1, 0);
 }
 
-TEST(BoundscheckScan, ASignCountsInTheWidthAndNeedsADigit)
+TEST(BoundscheckScan, SignCountsInTheWidthAndNeedsADigit)
 {
     expect_int("-123", "%3d", 1, -12);
     expect_int("-5", "%1d", 0, kOld);
@@ -146,7 +146,7 @@ TEST(BoundscheckScan, EachLengthStoresItsOwnSizeAndSaturatesAtItsOwnEnds)
     }
 }
 
-TEST(BoundscheckScan, ALookAtTheEndOfTheInputTurnsAMismatchIntoAnEarlyEnd)
+TEST(BoundscheckScan, MismatchAfterALookAtTheEndOfTheInputIsAnEarlyEnd)
 {
     int value;
     EXPECT_EQ(sscanf_s("abc", "abcd"), -1);
@@ -160,7 +160,7 @@ TEST(BoundscheckScan, ALookAtTheEndOfTheInputTurnsAMismatchIntoAnEarlyEnd)
     EXPECT_EQ(sscanf_s("x ", "x%d", &value), -1);
 }
 
-TEST(BoundscheckScan, ANullPointerIsAnErrorUnlessTheInputEndedBehindAConversion)
+TEST(BoundscheckScan, NullPointerIsAnErrorUnlessTheInputEndedAfterAConversion)
 {
     int value;
     void *null = nullptr;
@@ -189,7 +189,7 @@ TEST(BoundscheckScan, BadDirectivesAreErrorsUnlessTheyMatchThemselves)
     expect_int("0012", "%214748370%d", -1, kOld);
 }
 
-TEST(BoundscheckScan, APercentSkipsBlanksAndMustThenMatch)
+TEST(BoundscheckScan, PercentSkipsBlanksAndMustThenMatch)
 {
     int value;
     EXPECT_EQ(sscanf_s("50  %7", "%*d%%%d", &value), 1);
@@ -222,7 +222,7 @@ TEST(BoundscheckScan, TextThatFillsItsBufferFitsAndOneByteMoreDoesNot)
     EXPECT_EQ(scan_text("h", "%c", 1, 1), "h");
 }
 
-TEST(BoundscheckScan, A64KiBStringFitsItsBufferExactly)
+TEST(BoundscheckScan, StringOf64KiBFitsItsBufferExactly)
 {
     GuardedString input(std::string(65536, 's'));
     Guarded buffer(65537), small(65536);
@@ -232,7 +232,7 @@ TEST(BoundscheckScan, A64KiBStringFitsItsBufferExactly)
     EXPECT_EQ(small.data()[0], '\0');
 }
 
-TEST(BoundscheckScan, ABadSizeLeavesTheBufferAloneAndStops)
+TEST(BoundscheckScan, BadSizeLeavesTheBufferAloneAndStops)
 {
     char buffer[8] = "old";
     for (size_t bad : {size_t{0}, size_t{SECUREC_STRING_MAX_LEN} + 1, SIZE_MAX}) {
@@ -256,7 +256,7 @@ TEST(BoundscheckScan, OnlyTheLowHalfOfASizeCountsBecauseCallersPassInts)
 }
 #endif
 
-TEST(BoundscheckScan, ABufferTooSmallEndsTheScanAndLeavesLaterArgumentsAlone)
+TEST(BoundscheckScan, BufferTooSmallEndsTheScanAndLeavesLaterArgumentsAlone)
 {
     int first = 0, last = kOld;
     char text[3];
@@ -288,7 +288,7 @@ TEST(BoundscheckScan, SetsKnowRangesNegationBracketsAndDashes)
     EXPECT_EQ(scan_text("abcd", "%2[a-z]", 8, 1), "ab\0#####"_b);
 }
 
-TEST(BoundscheckScan, AnUnfinishedSetEmptiesTheBufferAndIsNotReadBeyondItsEnd)
+TEST(BoundscheckScan, UnfinishedSetEmptiesTheBufferAndIsNotReadBeyondItsEnd)
 {
     for (const char *format : {"%[", "%[^", "%[]", "%[^]", "%[a", "%[a-", "%[a-z", "%[]-"}) {
         SCOPED_TRACE(format);
@@ -300,7 +300,7 @@ TEST(BoundscheckScan, AnUnfinishedSetEmptiesTheBufferAndIsNotReadBeyondItsEnd)
     }
 }
 
-TEST(BoundscheckScan, AnEmptyInputEmptiesTheBufferOfAFirstTextConversionOnly)
+TEST(BoundscheckScan, EmptyInputEmptiesTheBufferOfAFirstTextConversionOnly)
 {
     EXPECT_EQ(scan_text("", "%s", 4, -1), "\0###"_b);
     EXPECT_EQ(scan_text("", "x %3[a-z]", 4, -1), "\0###"_b);
@@ -352,7 +352,7 @@ TEST(BoundscheckScan, FloatsTakeDecimalTextOnly)
     EXPECT_STREQ(rest, "z");
 }
 
-TEST(BoundscheckScan, AFloatMayHaveAnyNumberOfDigits)
+TEST(BoundscheckScan, FloatMayHaveAnyNumberOfDigits)
 {
     std::string digits = "0." + std::string(100000, '0') + "25";
     GuardedString input(digits + "e100001");
@@ -373,7 +373,7 @@ TEST(BoundscheckScan, OnlyANumberOutOfAFloatsRangeChangesErrno)
     EXPECT_EQ(errno, ERANGE);
 }
 
-TEST(BoundscheckScan, BytesThatAreNoCharacterEmptyTheBufferAndKeepErrno)
+TEST(BoundscheckScan, BytesOutsideTheLocaleEmptyTheBufferAndKeepErrno)
 {
     if (setlocale(LC_CTYPE, "C.UTF-8") == nullptr)
         GTEST_SKIP() << "no UTF-8 locale on this machine";
@@ -385,7 +385,7 @@ TEST(BoundscheckScan, BytesThatAreNoCharacterEmptyTheBufferAndKeepErrno)
     setlocale(LC_CTYPE, "C");
 }
 
-TEST(BoundscheckScan, CountGivesTheBytesTakenAndIsNoStoredValue)
+TEST(BoundscheckScan, CountGivesTheBytesTakenButIsNotCountedItself)
 {
     int count = kOld, value;
     EXPECT_EQ(sscanf_s("  12 x", "%d %n", &value, &count), 1);

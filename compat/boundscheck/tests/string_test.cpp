@@ -1,4 +1,4 @@
-#include "guarded.h"
+#include "compat/support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>
@@ -17,7 +17,7 @@ std::string emptied(size_t size)
 
 } // namespace
 
-TEST(BoundscheckString, CopyReadsNoFurtherThanTheDestinationIsLarge)
+TEST(BoundscheckString, CopyReadsNoFurtherThanTheSizeOfTheDestination)
 {
     Guarded source(std::string(8, 'a')); // no NUL before the unmapped page
     Guarded dest(8);
@@ -56,7 +56,7 @@ TEST(BoundscheckString, StringsOf64KiBAreCopiedAndAppendedWhole)
     EXPECT_EQ(twice.data()[1], 'q');
 }
 
-TEST(BoundscheckString, TheSizeIsLookedAtBeforeThePointers)
+TEST(BoundscheckString, SizeIsCheckedBeforePointers)
 {
     for (size_t bad : {size_t{0}, kLimit + 1, SIZE_MAX}) {
         EXPECT_EQ(strcpy_s(nullptr, bad, nullptr), ERANGE);
@@ -68,7 +68,7 @@ TEST(BoundscheckString, TheSizeIsLookedAtBeforeThePointers)
     EXPECT_EQ(strcat_s(nullptr, kLimit, nullptr), EINVAL);
 }
 
-TEST(BoundscheckString, ANullSourceIsReportedBeforeACountOutOfRange)
+TEST(BoundscheckString, NullSourceIsReportedBeforeACountOutOfRange)
 {
     Guarded dest(8);
     EXPECT_EQ(strncpy_s(dest.data(), 8, nullptr, SIZE_MAX), EINVAL_AND_RESET);
@@ -93,7 +93,7 @@ TEST(BoundscheckString, CopyOverlapsAreFoundOnBothSidesAndTheirLimitsIncludeTheN
     }
 }
 
-TEST(BoundscheckString, ACountedCopyAtADistanceOfItsLengthIsRefusedInBothDirections)
+TEST(BoundscheckString, CountedCopyAtADistanceOfItsLengthIsRefusedInBothDirections)
 {
     char after[] = "abcdefgh";
     EXPECT_EQ(strncpy_s(after + 3, 6, after, 3), EOVERLAP_AND_RESET);
@@ -124,7 +124,7 @@ TEST(BoundscheckString, AppendingAStringToItselfIsARangeErrorEvenIfItIsEmpty)
     EXPECT_EQ(strcat_s(text, sizeof(text), text), ERANGE_AND_RESET);
 }
 
-TEST(BoundscheckString, AppendTakesASourceBehindTheNulOfTheSameBuffer)
+TEST(BoundscheckString, AppendTakesASourceAfterTheNulOfTheSameBuffer)
 {
     char text[16] = "ab\0......xy";
     EXPECT_EQ(strcat_s(text, sizeof(text), text + 9), EOK);

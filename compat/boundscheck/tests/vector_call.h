@@ -1,7 +1,7 @@
-// Making the recorded printf and scanf calls, whose argument lists are known only at run time.
+// Makes the recorded printf and scanf calls, whose argument lists are known only at run time.
 
-#ifndef TESTS_COMPAT_BOUNDSCHECK_VECTOR_CALL_H
-#define TESTS_COMPAT_BOUNDSCHECK_VECTOR_CALL_H
+#ifndef COMPAT_BOUNDSCHECK_TESTS_VECTOR_CALL_H
+#define COMPAT_BOUNDSCHECK_TESTS_VECTOR_CALL_H
 
 #include <string>
 #include <vector>
@@ -10,7 +10,7 @@
 enum class Entry { kEllipsis, kList };
 
 // Calls sprintf_s or vsprintf_s with arguments in the file's "type:value" form. Fails the test if
-// no call with this row of argument types is known.
+// no call with these argument types is known.
 int call_print(Entry entry, char *dest, size_t size, const char *format,
                const std::vector<std::string> &arguments);
 

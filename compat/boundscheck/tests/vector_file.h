@@ -3,8 +3,8 @@
 // Value syntax: hex is two digits a byte, "-" for no bytes; quoted text knows \\, \" and \xHH, and
 // NULL without quotes is a null pointer; everything else is decimal.
 
-#ifndef TESTS_COMPAT_BOUNDSCHECK_VECTOR_FILE_H
-#define TESTS_COMPAT_BOUNDSCHECK_VECTOR_FILE_H
+#ifndef COMPAT_BOUNDSCHECK_TESTS_VECTOR_FILE_H
+#define COMPAT_BOUNDSCHECK_TESTS_VECTOR_FILE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -18,7 +18,7 @@ struct Vector {
     std::map<std::string, std::string> fields;
 
     std::string text(const std::string &key) const;
-    // Decimal, reduced to size_t: what is larger than this machine's sizes becomes the largest.
+    // Decimal; a number that is too large for this machine's size_t becomes its largest value.
     size_t size(const std::string &key) const;
     int integer(const std::string &key) const;
     std::string bytes(const std::string &key) const;

@@ -1,5 +1,5 @@
-// Replays the recorded calls of vectors.txt: results and every byte of every buffer, for the
-// ordinary cases, the refused formats and the corners alike. No vector is left out.
+// Replays every recorded call in vectors.txt and compares the result and every byte of every
+// buffer.
 
 #include "vector_file.h"
 
@@ -109,7 +109,7 @@ private:
         uintptr_t size = std::strtoull(argument.c_str() + last + 1, nullptr, 10);
         if (type == "buf" || type == "nullsz")
             words_.push_back(size);
-        if (type == "bufi") // the upper half of an int argument holds anything at all
+        if (type == "bufi") // the upper half of an int argument may hold anything
             words_.push_back(size | static_cast<uintptr_t>(UINT64_C(0xdeadbeef00000000)));
     }
 

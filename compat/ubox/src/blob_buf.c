@@ -6,9 +6,9 @@
 #include <libubox/blob.h>
 
 // The largest multiple of 4 that the 24 bits of the outermost length can hold.
-#define MAX_BUFFER 0xfffffcu
+enum { kMaxBuffer = 0xfffffc };
 
-#define GROW_STEP 256
+enum { kGrowStep = 256 };
 
 static uint64_t padded(uint64_t len)
 {
@@ -34,10 +34,10 @@ static uint64_t end_of_head(const struct blob_buf *buf)
 static bool grow_in_steps(struct blob_buf *buf, int missing)
 {
     size_t old_size = (size_t)buf->buflen;
-    size_t added = ((size_t)missing / GROW_STEP + 1) * GROW_STEP;
+    size_t added = ((size_t)missing / kGrowStep + 1) * kGrowStep;
     char *mem = realloc(buf->buf, old_size + added);
 
-    if (!mem)
+    if (mem == NULL)
         return false;
 
     memset(mem + old_size, 0, added);
@@ -46,25 +46,22 @@ static bool grow_in_steps(struct blob_buf *buf, int missing)
     return true;
 }
 
-// Makes sure that the bytes up to `end` and the padding behind them lie in the buffer.
+// Makes room for the bytes up to `end` and their padding.
 static bool reserve(struct blob_buf *buf, uint64_t end)
 {
     uint64_t size = padded(end);
-
-    if (size > MAX_BUFFER)
+    if (size > kMaxBuffer)
         return false;
 
     // The caller's own grow may hand out exactly what is asked for, or less.
     while (size > (uint64_t)buf->buflen) {
         uint64_t old_size = (uint64_t)buf->buflen;
         uint64_t wanted = end > old_size ? end : size;
-
         if (!blob_buf_grow(buf, (int)(wanted - old_size)))
             return false;
         if ((uint64_t)buf->buflen <= old_size)
             return false;
     }
-
     return true;
 }
 
@@ -72,7 +69,6 @@ static struct blob_attr *write_header(struct blob_buf *buf, uint64_t offset, int
                                       uint64_t payload)
 {
     uint64_t raw_len = sizeof(struct blob_attr) + payload;
-
     if (!reserve(buf, offset + raw_len))
         return NULL;
 
@@ -85,11 +81,11 @@ static struct blob_attr *write_header(struct blob_buf *buf, uint64_t offset, int
 
 static struct blob_attr *append(struct blob_buf *buf, int id, uint64_t payload)
 {
-    if (!buf->head)
+    if (buf->head == NULL)
         return NULL;
 
     struct blob_attr *attr = write_header(buf, end_of_head(buf), id, payload);
-    if (!attr)
+    if (attr == NULL)
         return NULL;
 
     blob_set_raw_len(buf->head, (unsigned int)(blob_pad_len(buf->head) + blob_pad_len(attr)));
@@ -98,12 +94,12 @@ static struct blob_attr *append(struct blob_buf *buf, int id, uint64_t payload)
 
 int blob_buf_init(struct blob_buf *buf, int id)
 {
-    if (!buf->grow)
+    if (buf->grow == NULL)
         buf->grow = grow_in_steps;
 
     buf->head = NULL;
     buf->head = write_header(buf, 0, id, 0);
-    return buf->head ? 0 : -ENOMEM;
+    return buf->head != NULL ? 0 : -ENOMEM;
 }
 
 void blob_buf_free(struct blob_buf *buf)
@@ -116,14 +112,13 @@ void blob_buf_free(struct blob_buf *buf)
 
 bool blob_buf_grow(struct blob_buf *buf, int required)
 {
-    uint64_t head = buf->head ? offset_of(buf, buf->head) : 0;
-
+    uint64_t head = buf->head != NULL ? offset_of(buf, buf->head) : 0;
     if (required < 0 || (int64_t)buf->buflen + required > BLOB_ATTR_LEN_MASK)
         return false;
-    if (!buf->grow || !buf->grow(buf, required))
+    if (buf->grow == NULL || !buf->grow(buf, required))
         return false;
 
-    if (buf->head)
+    if (buf->head != NULL)
         buf->head = attr_at(buf, head);
     return true;
 }
@@ -136,15 +131,14 @@ struct blob_attr *blob_new(struct blob_buf *buf, int id, int payload)
 struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsigned int len)
 {
     struct blob_attr *attr = append(buf, id, len);
-
-    if (attr && ptr && len > 0)
+    if (attr != NULL && ptr != NULL && len > 0)
         memcpy(blob_data(attr), ptr, len);
     return attr;
 }
 
 struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned int len)
 {
-    if (!buf->head || !ptr || len < sizeof(struct blob_attr))
+    if (buf->head == NULL || ptr == NULL || len < sizeof(struct blob_attr))
         return NULL;
 
     uint64_t offset = end_of_head(buf);
@@ -164,12 +158,12 @@ struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned i
 // that keeps it from being NULL.
 void *blob_nest_start(struct blob_buf *buf, int id)
 {
-    if (!buf->head)
+    if (buf->head == NULL)
         return NULL;
 
     uintptr_t parent = (uintptr_t)offset_of(buf, buf->head);
     struct blob_attr *child = append(buf, id, 0);
-    if (!child)
+    if (child == NULL)
         return NULL;
 
     buf->head = child;
@@ -178,7 +172,7 @@ void *blob_nest_start(struct blob_buf *buf, int id)
 
 void blob_nest_end(struct blob_buf *buf, void *cookie)
 {
-    if (!cookie)
+    if (cookie == NULL)
         return;
 
     struct blob_attr *parent = attr_at(buf, (uintptr_t)cookie - BLOB_COOKIE);

@@ -6,7 +6,7 @@
 static struct blob_attr *new_field(struct blob_buf *buf, int type, const char *name,
                                    unsigned int len)
 {
-    size_t namelen = name ? strlen(name) : 0;
+    size_t namelen = name != NULL ? strlen(name) : 0;
     if (namelen > UINT16_MAX)
         return NULL;
 
@@ -15,7 +15,7 @@ static struct blob_attr *new_field(struct blob_buf *buf, int type, const char *n
         return NULL;
 
     struct blob_attr *attr = blob_new(buf, type, (int)(hdrlen + len));
-    if (!attr)
+    if (attr == NULL)
         return NULL;
 
     attr->id_len |= cpu_to_be32(BLOB_ATTR_EXTENDED);
@@ -30,11 +30,11 @@ static struct blob_attr *new_field(struct blob_buf *buf, int type, const char *n
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const void *data,
                       unsigned int len)
 {
-    if (!data && len > 0)
+    if (data == NULL && len > 0)
         return -1;
 
     struct blob_attr *attr = new_field(buf, type, name, len);
-    if (!attr)
+    if (attr == NULL)
         return -1;
 
     if (len > 0)
@@ -44,13 +44,13 @@ int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const vo
 
 void *blobmsg_open_nested(struct blob_buf *buf, const char *name, bool array)
 {
-    if (!buf->head)
+    if (buf->head == NULL)
         return NULL;
 
     uintptr_t parent = (uintptr_t)((char *)buf->head - (char *)buf->buf);
     struct blob_attr *child =
         new_field(buf, array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE, name, 0);
-    if (!child)
+    if (child == NULL)
         return NULL;
 
     // Closing adds the child's whole payload, its name header included, to the parent.

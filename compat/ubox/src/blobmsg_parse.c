@@ -1,5 +1,5 @@
 // Checking and finding fields in bytes that other processes sent. Every length is compared with
-// what is known to be readable before anything behind it is touched.
+// what is known to be readable before anything after it is read.
 
 #include <libubox/blobmsg.h>
 
@@ -25,7 +25,6 @@ static bool name_ok(const struct blob_attr *attr, bool name)
         return false;
     if (blob_len(attr) < (size_t)blobmsg_hdrlen(namelen))
         return false;
-
     return hdr->name[namelen] == '\0';
 }
 
@@ -70,7 +69,6 @@ int blobmsg_check_array_len(const struct blob_attr *attr, int type, size_t len)
             return -1;
         count++;
     }
-
     return count;
 }
 
@@ -110,9 +108,8 @@ static bool takes_name(const struct blobmsg_policy *policy, const struct blobmsg
 
     // Longer names can be sent, but by an old agreement among the users of the format they
     // are never found.
-    if (!policy->name || namelen > UINT8_MAX || strlen(policy->name) != namelen)
+    if (policy->name == NULL || namelen > UINT8_MAX || strlen(policy->name) != namelen)
         return false;
-
     return memcmp(policy->name, hdr->name, namelen) == 0;
 }
 
@@ -121,9 +118,8 @@ int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct bl
 {
     struct blob_attr *attr;
     size_t rem = len;
-
     clear_slots(tb, policy_len);
-    if (!data || len == 0)
+    if (data == NULL || len == 0)
         return -EINVAL;
 
     __blob_for_each_attr(attr, data, rem)
@@ -134,12 +130,11 @@ int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct bl
             continue;
 
         for (int i = 0; i < policy_len; i++) {
-            if (!tb[i] && takes_type(&policy[i], blob_id(attr)) &&
+            if (tb[i] == NULL && takes_type(&policy[i], blob_id(attr)) &&
                 takes_name(&policy[i], blob_data(attr)))
                 tb[i] = attr;
         }
     }
-
     return 0;
 }
 
@@ -147,7 +142,7 @@ int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, str
                         void *data, unsigned int len)
 {
     struct blob_attr *attr;
-    size_t rem = data ? len : 0;
+    size_t rem = data != NULL ? len : 0;
     int i = 0;
 
     clear_slots(tb, policy_len);
@@ -161,6 +156,5 @@ int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, str
             return -1;
         tb[i++] = attr;
     }
-
     return 0;
 }

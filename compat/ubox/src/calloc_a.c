@@ -10,7 +10,6 @@
 static bool add_piece(size_t *total, size_t len)
 {
     size_t rounded;
-
     if (__builtin_add_overflow(len, sizeof(size_t) - 1, &rounded))
         return false;
 
@@ -28,7 +27,6 @@ static bool total_size(size_t first, va_list pieces, size_t *total)
         if (!add_piece(total, va_arg(pieces, size_t)))
             return false;
     }
-
     return true;
 }
 
@@ -36,7 +34,6 @@ void *__calloc_a(size_t len, ...)
 {
     va_list pieces;
     size_t total;
-
     va_start(pieces, len);
     bool fits = total_size(len, pieces, &total);
     va_end(pieces);
@@ -44,17 +41,16 @@ void *__calloc_a(size_t len, ...)
         return NULL;
 
     char *block = calloc(1, total);
-    if (!block)
+    if (block == NULL)
         return NULL;
 
     size_t offset = 0;
     add_piece(&offset, len);
     va_start(pieces, len);
-    for (void **piece = va_arg(pieces, void **); piece; piece = va_arg(pieces, void **)) {
+    for (void **piece = va_arg(pieces, void **); piece != NULL; piece = va_arg(pieces, void **)) {
         *piece = block + offset;
         add_piece(&offset, va_arg(pieces, size_t));
     }
     va_end(pieces);
-
     return block;
 }

@@ -14,10 +14,10 @@ SIZE(bool, 1);
 SIZE(enum blobmsg_type, 4);
 
 SIZE(struct blob_attr, 4);
-_Static_assert(_Alignof(struct blob_attr) == 1, "attributes lie at any address");
+_Static_assert(_Alignof(struct blob_attr) == 1, "attributes may be at any address");
 OFFSET(struct blob_attr, data, 4);
 SIZE(struct blobmsg_hdr, 2);
-_Static_assert(_Alignof(struct blobmsg_hdr) == 1, "name headers lie at any address");
+_Static_assert(_Alignof(struct blobmsg_hdr) == 1, "name headers may be at any address");
 OFFSET(struct blobmsg_hdr, name, 2);
 
 // Each line: the offset on a 64-bit, then on a 32-bit machine.

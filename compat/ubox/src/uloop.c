@@ -1,6 +1,6 @@
 // Life cycle of the loop and the order of things within one turn: timers, children, then one
-// descriptor. One descriptor only, so that a timer or a child never waits behind a long row of
-// busy sockets.
+// descriptor. One descriptor only, so that a timer or a child never waits for a long row of busy
+// sockets.
 
 #include "uloop_internal.h"
 
@@ -10,8 +10,8 @@
 bool uloop_cancelled;
 
 // Connecting to the bus opens the loop too, so a process whose server and client start on threads
-// of their own opens it from both at once. The second opening would replace the descriptor that
-// the server's socket was just added to, and the server would wait for ever.
+// of their own opens it from both at once. The second opening would replace the descriptor that the
+// server's socket was just added to, and the server would wait forever.
 static pthread_mutex_t life = PTHREAD_MUTEX_INITIALIZER;
 
 // Runs in progress: callbacks may run the loop again.
@@ -32,12 +32,10 @@ static int open_locked(void)
 
     if (signals_open() < 0) {
         int error = errno;
-
         poll_close();
         errno = error;
         return -1;
     }
-
     return 0;
 }
 
@@ -70,7 +68,6 @@ bool uloop_cancelling(void)
 static int time_to_wait(int timeout)
 {
     int next = uloop_get_next_timeout();
-
     if (timeout < 0)
         return next;
     return next < 0 || next > timeout ? timeout : next;
@@ -91,6 +88,5 @@ int uloop_run_timeout(int timeout)
         poll_dispatch(time_to_wait(timeout));
     } while (timeout < 0 && !is_cancelled());
     run_depth--;
-
     return __atomic_load_n(&uloop_status, __ATOMIC_RELAXED);
 }

@@ -12,7 +12,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#define BATCH_SIZE 10
+enum { kBatchSize = 10 };
 
 uloop_fd_handler uloop_fd_set_cb;
 
@@ -30,7 +30,7 @@ struct running {
 };
 
 static int poll_fd = -1;
-static struct ready batch[BATCH_SIZE];
+static struct ready batch[kBatchSize];
 static int batch_next;
 static int batch_count;
 static struct running *innermost;
@@ -66,19 +66,18 @@ void poll_close(void)
 
     batch_next = 0;
     batch_count = 0;
-    for (struct running *run = innermost; run; run = run->outer)
+    for (struct running *run = innermost; run != NULL; run = run->outer)
         run->missed = 0;
 }
 
 static uint32_t kernel_events(unsigned int flags)
 {
     uint32_t events = 0;
-
-    if (flags & ULOOP_READ)
+    if ((flags & ULOOP_READ) != 0)
         events |= EPOLLIN | EPOLLRDHUP;
-    if (flags & ULOOP_WRITE)
+    if ((flags & ULOOP_WRITE) != 0)
         events |= EPOLLOUT;
-    if (flags & ULOOP_EDGE_TRIGGER)
+    if ((flags & ULOOP_EDGE_TRIGGER) != 0)
         events |= EPOLLET;
     return events;
 }
@@ -86,17 +85,16 @@ static uint32_t kernel_events(unsigned int flags)
 static void make_nonblocking(int fd)
 {
     int mode = fcntl(fd, F_GETFL);
-
     if (mode >= 0)
         fcntl(fd, F_SETFL, mode | O_NONBLOCK);
 }
 
 int uloop_fd_add(struct uloop_fd *sock, unsigned int flags)
 {
-    if (!(flags & ULOOP_EVENT_MASK))
+    if ((flags & ULOOP_EVENT_MASK) == 0)
         return uloop_fd_delete(sock);
 
-    if (!sock->registered && !(flags & ULOOP_BLOCKING))
+    if (!sock->registered && (flags & ULOOP_BLOCKING) == 0)
         make_nonblocking(sock->fd);
 
     struct epoll_event ev;
@@ -106,7 +104,7 @@ int uloop_fd_add(struct uloop_fd *sock, unsigned int flags)
     if (epoll_ctl(poll_fd, sock->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, sock->fd, &ev) < 0)
         return -1;
 
-    if (uloop_fd_set_cb)
+    if (uloop_fd_set_cb != NULL)
         uloop_fd_set_cb(sock, flags);
 
     sock->registered = true;
@@ -122,7 +120,7 @@ static void drop_events(const struct uloop_fd *sock)
         if (batch[i].fd == sock)
             batch[i].fd = NULL;
     }
-    for (struct running *run = innermost; run; run = run->outer) {
+    for (struct running *run = innermost; run != NULL; run = run->outer) {
         if (run->fd == sock)
             run->fd = NULL;
     }
@@ -134,7 +132,7 @@ int uloop_fd_delete(struct uloop_fd *sock)
     if (!sock->registered)
         return 0;
 
-    if (uloop_fd_set_cb)
+    if (uloop_fd_set_cb != NULL)
         uloop_fd_set_cb(sock, 0);
 
     sock->registered = false;
@@ -144,9 +142,8 @@ int uloop_fd_delete(struct uloop_fd *sock)
 
 static void fetch(int timeout_ms)
 {
-    struct epoll_event events[BATCH_SIZE];
-    int count = epoll_wait(poll_fd, events, BATCH_SIZE, timeout_ms);
-
+    struct epoll_event events[kBatchSize];
+    int count = epoll_wait(poll_fd, events, kBatchSize, timeout_ms);
     batch_next = 0;
     batch_count = count > 0 ? count : 0;
     for (int i = 0; i < batch_count; i++) {
@@ -159,19 +156,18 @@ static void fetch(int timeout_ms)
 static void call_back(struct uloop_fd *sock, uint32_t reported)
 {
     unsigned int events = 0;
-
-    if (reported & EPOLLIN)
+    if ((reported & EPOLLIN) != 0)
         events |= ULOOP_READ;
-    if (reported & EPOLLOUT)
+    if ((reported & EPOLLOUT) != 0)
         events |= ULOOP_WRITE;
-    if (reported & EPOLLRDHUP)
+    if ((reported & EPOLLRDHUP) != 0)
         sock->eof = true;
 
-    // A hang-up is reported for as long as it lasts, which is for ever: unless the owner wants
-    // to deal with that, it is told once.
-    if (reported & (EPOLLERR | EPOLLHUP)) {
+    // The kernel reports a hang-up again and again. Unless the owner wants to handle that, it hears
+    // of it once.
+    if ((reported & (EPOLLERR | EPOLLHUP)) != 0) {
         sock->error = true;
-        if (!(sock->flags & ULOOP_ERROR_CB))
+        if ((sock->flags & ULOOP_ERROR_CB) == 0)
             uloop_fd_delete(sock);
     }
 
@@ -181,13 +177,12 @@ static void call_back(struct uloop_fd *sock, uint32_t reported)
 // Whether the descriptor's callback is running; the events are then kept for it.
 static bool kept_for_running(const struct uloop_fd *sock, uint32_t reported)
 {
-    for (struct running *run = innermost; run; run = run->outer) {
+    for (struct running *run = innermost; run != NULL; run = run->outer) {
         if (run->fd == sock) {
             run->missed |= reported;
             return true;
         }
     }
-
     return false;
 }
 
@@ -198,7 +193,7 @@ static void call_back_once_at_a_time(struct uloop_fd *sock, uint32_t reported)
     // The record is looked at only while it is known to be there: a deletion clears self.fd,
     // and nothing is reported for a record that is not registered.
     innermost = &self;
-    while (self.fd && self.missed && sock->cb) {
+    while (self.fd != NULL && self.missed != 0 && sock->cb != NULL) {
         reported = self.missed;
         self.missed = 0;
         call_back(sock, reported);
@@ -214,11 +209,10 @@ void poll_dispatch(int timeout_ms)
     while (batch_next < batch_count) {
         struct ready ready = batch[batch_next++];
         struct uloop_fd *sock = ready.fd;
-
-        if (!sock || !sock->cb)
+        if (sock == NULL || sock->cb == NULL)
             continue;
 
-        if (!(sock->flags & ULOOP_EDGE_TRIGGER)) {
+        if ((sock->flags & ULOOP_EDGE_TRIGGER) == 0) {
             call_back(sock, ready.events);
             return;
         }

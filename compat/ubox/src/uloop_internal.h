@@ -9,8 +9,8 @@
 int poll_open(void); // 0, or -1 with errno
 bool poll_is_open(void);
 
-// Where one of the first three is closed, a descriptor of the loop would get its number, and what
-// the program prints would go there. Takes a higher one instead; -1 with errno when there is none.
+// Moves a descriptor above the three standard ones: if one of those is closed, the loop would get
+// its number, and what the program prints would go there. -1 with errno when there is none left.
 int above_standard(int fd);
 
 void poll_close(void); // drops fetched events; the callers' records are not touched

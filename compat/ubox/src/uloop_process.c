@@ -47,9 +47,8 @@ static void call_all(struct ended *child)
 {
     while (!list_empty(&child->records)) {
         struct uloop_process *p = list_first_entry(&child->records, struct uloop_process, list);
-
         take_out(p);
-        if (p->cb)
+        if (p->cb != NULL)
             p->cb(p, child->status);
     }
 }
@@ -58,7 +57,6 @@ static void child_ended(pid_t pid, int status)
 {
     struct ended child = {.outer = innermost, .status = status};
     struct uloop_process *p, *next;
-
     INIT_LIST_HEAD(&child.records);
     list_for_each_entry_safe(p, next, &watched, list)
     {
@@ -73,7 +71,7 @@ static void child_ended(pid_t pid, int status)
 
 void processes_reap(void)
 {
-    for (struct ended *child = innermost; child; child = child->outer)
+    for (struct ended *child = innermost; child != NULL; child = child->outer)
         call_all(child);
 
     if (!__atomic_load_n(&uloop_child_ended, __ATOMIC_RELAXED))
@@ -83,7 +81,6 @@ void processes_reap(void)
     for (;;) {
         int status;
         pid_t pid = waitpid(-1, &status, WNOHANG);
-
         if (pid > 0)
             child_ended(pid, status);
         else if (pid == 0 || errno != EINTR)
@@ -99,7 +96,7 @@ static void forget(struct list_head *records)
 
 void processes_forget(void)
 {
-    for (struct ended *child = innermost; child; child = child->outer)
+    for (struct ended *child = innermost; child != NULL; child = child->outer)
         forget(&child->records);
     forget(&watched);
 }

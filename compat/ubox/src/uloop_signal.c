@@ -21,7 +21,6 @@ static void drain(struct uloop_fd *reader, unsigned int events)
 {
     char bytes[64];
     ssize_t count;
-
     (void)events;
     do {
         count = read(reader->fd, bytes, sizeof(bytes));
@@ -32,7 +31,7 @@ static void wake(void)
 {
     int error = errno;
 
-    // A full pipe is as good: it has the loop's attention already.
+    // A full pipe is as good: it wakes the loop too.
     while (write(wake_writer, "", 1) < 0 && errno == EINTR) {
     }
     errno = error;
@@ -58,7 +57,6 @@ typedef void (*signal_handler)(int);
 static void replace_handler(int signo, signal_handler from, signal_handler to)
 {
     struct sigaction action;
-
     if (sigaction(signo, NULL, &action) < 0 || action.sa_handler != from)
         return;
 
@@ -71,7 +69,6 @@ static void replace_handler(int signo, signal_handler from, signal_handler to)
 static int open_pipe(void)
 {
     int ends[2];
-
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0)
         return -1;
 
@@ -79,12 +76,10 @@ static int open_pipe(void)
     wake_writer = above_standard(ends[1]);
     if (wake_reader.fd < 0 || wake_writer < 0 || uloop_fd_add(&wake_reader, ULOOP_READ) < 0) {
         int error = errno;
-
         signals_close();
         errno = error;
         return -1;
     }
-
     return 0;
 }
 
@@ -111,7 +106,6 @@ void signals_restore(void)
 void signals_close(void)
 {
     int writer = wake_writer;
-
     wake_writer = -1;
     uloop_fd_delete(&wake_reader);
     if (wake_reader.fd >= 0)

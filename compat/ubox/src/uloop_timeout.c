@@ -17,7 +17,6 @@ static struct timeval monotonic_now(void)
 {
     struct timespec now;
     struct timeval result;
-
     clock_gettime(CLOCK_MONOTONIC, &now);
     result.tv_sec = now.tv_sec;
     result.tv_usec = now.tv_nsec / 1000;
@@ -30,13 +29,11 @@ static struct timeval monotonic_now(void)
 static int64_t ms_between(const struct timeval *from, const struct timeval *to)
 {
     int64_t seconds, micros, ms;
-
     if (__builtin_sub_overflow((int64_t)to->tv_sec, (int64_t)from->tv_sec, &seconds) ||
         __builtin_sub_overflow((int64_t)to->tv_usec, (int64_t)from->tv_usec, &micros) ||
         __builtin_mul_overflow(seconds, INT64_C(1000), &ms) ||
         __builtin_add_overflow(ms, micros / 1000, &ms))
         return to->tv_sec < from->tv_sec ? INT64_MIN : INT64_MAX;
-
     return ms;
 }
 
@@ -51,7 +48,6 @@ int uloop_timeout_add(struct uloop_timeout *timeout)
 {
     struct list_head *before = &waiting;
     struct uloop_timeout *pos;
-
     if (timeout->pending)
         return -1;
 
@@ -132,10 +128,8 @@ int uloop_get_next_timeout(void)
 static void collect_due(void)
 {
     struct timeval now = monotonic_now();
-
     while (!list_empty(&waiting)) {
         struct uloop_timeout *first = list_first_entry(&waiting, struct uloop_timeout, list);
-
         if (ms_between(&now, &first->time) > 0)
             return;
         list_move_tail(&first->list, &due);
@@ -150,9 +144,8 @@ void timeouts_run(void)
     // A callback that runs the loop again empties this list itself.
     while (!list_empty(&due)) {
         struct uloop_timeout *first = list_first_entry(&due, struct uloop_timeout, list);
-
         take_out(first);
-        if (first->cb)
+        if (first->cb != NULL)
             first->cb(first);
     }
 }

@@ -13,15 +13,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#define BACKLOG SOMAXCONN
-
 static int open_socket(int type, int family)
 {
-    int kind = type & USOCK_UDP ? SOCK_DGRAM : SOCK_STREAM;
-
-    if (!(type & USOCK_NOCLOEXEC))
+    int kind = (type & USOCK_UDP) != 0 ? SOCK_DGRAM : SOCK_STREAM;
+    if ((type & USOCK_NOCLOEXEC) == 0)
         kind |= SOCK_CLOEXEC;
-    if (type & USOCK_NONBLOCK)
+    if ((type & USOCK_NONBLOCK) != 0)
         kind |= SOCK_NONBLOCK;
     return socket(family, kind, 0);
 }
@@ -41,7 +38,7 @@ static int finish_connect(int fd)
         return -1;
 
     errno = error;
-    return error ? -1 : 0;
+    return error == 0 ? 0 : -1;
 }
 
 static int connect_socket(int fd, const struct sockaddr *addr, socklen_t size, bool nonblock)
@@ -64,7 +61,7 @@ static int bind_socket(int fd, int type, const struct sockaddr *addr, socklen_t 
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     if (bind(fd, addr, size) < 0)
         return -1;
-    return type & USOCK_UDP ? 0 : listen(fd, BACKLOG);
+    return (type & USOCK_UDP) != 0 ? 0 : listen(fd, SOMAXCONN);
 }
 
 static int open_at(int type, const struct sockaddr *addr, socklen_t size)
@@ -73,8 +70,9 @@ static int open_at(int type, const struct sockaddr *addr, socklen_t size)
     if (fd < 0)
         return -1;
 
-    int result = type & USOCK_SERVER ? bind_socket(fd, type, addr, size)
-                                     : connect_socket(fd, addr, size, type & USOCK_NONBLOCK);
+    int result = (type & USOCK_SERVER) != 0
+                     ? bind_socket(fd, type, addr, size)
+                     : connect_socket(fd, addr, size, (type & USOCK_NONBLOCK) != 0);
     if (result == 0)
         return fd;
 
@@ -87,8 +85,7 @@ static int open_at(int type, const struct sockaddr *addr, socklen_t size)
 static int usock_unix(int type, const char *path)
 {
     struct sockaddr_un addr = {.sun_family = AF_UNIX};
-    size_t length = path ? strlen(path) : sizeof(addr.sun_path);
-
+    size_t length = path != NULL ? strlen(path) : sizeof(addr.sun_path);
     if (length >= sizeof(addr.sun_path)) {
         errno = EINVAL;
         return -1;
@@ -100,17 +97,17 @@ static int usock_unix(int type, const char *path)
 
 static int usock_inet(int type, const char *host, const char *service)
 {
-    struct addrinfo hints = {.ai_socktype = type & USOCK_UDP ? SOCK_DGRAM : SOCK_STREAM};
+    struct addrinfo hints = {.ai_socktype = (type & USOCK_UDP) != 0 ? SOCK_DGRAM : SOCK_STREAM};
     struct addrinfo *found;
     int fd = -1;
 
-    if (type & USOCK_IPV6ONLY)
+    if ((type & USOCK_IPV6ONLY) != 0)
         hints.ai_family = AF_INET6;
-    else if (type & USOCK_IPV4ONLY)
+    else if ((type & USOCK_IPV4ONLY) != 0)
         hints.ai_family = AF_INET;
-    if (type & USOCK_SERVER)
+    if ((type & USOCK_SERVER) != 0)
         hints.ai_flags |= AI_PASSIVE;
-    if (type & USOCK_NUMERIC)
+    if ((type & USOCK_NUMERIC) != 0)
         hints.ai_flags |= AI_NUMERICHOST;
 
     int error = getaddrinfo(host, service, &hints, &found);
@@ -120,7 +117,7 @@ static int usock_inet(int type, const char *host, const char *service)
         return -1;
     }
 
-    for (const struct addrinfo *addr = found; addr && fd < 0; addr = addr->ai_next)
+    for (const struct addrinfo *addr = found; addr != NULL && fd < 0; addr = addr->ai_next)
         fd = open_at(type, addr->ai_addr, addr->ai_addrlen);
 
     error = errno;
@@ -131,8 +128,7 @@ static int usock_inet(int type, const char *host, const char *service)
 
 int usock(int type, const char *host, const char *service)
 {
-    if (type & USOCK_UNIX)
+    if ((type & USOCK_UNIX) != 0)
         return usock_unix(type, host);
-
     return usock_inet(type, host, service);
 }

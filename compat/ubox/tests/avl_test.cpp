@@ -145,7 +145,7 @@ TEST_P(AvlNumbers, AscendingAndDescendingInsertionsKeepItFlat)
     check();
 }
 
-TEST_P(AvlNumbers, AnEmptyTreeFindsNothing)
+TEST_P(AvlNumbers, EmptyTreeFindsNothing)
 {
     check();
     check_finds(1);
@@ -196,7 +196,7 @@ TEST_F(AvlNames, EqualKeysKeepTheirOrderAndTheFirstLeads)
     EXPECT_EQ(listed(), "a2 a6 b5 b7 c3 d1 ");
 }
 
-TEST_F(AvlNames, FirstAndLastAreTold)
+TEST_F(AvlNames, FirstAndLastAreRecognised)
 {
     Item *item = nullptr;
 
@@ -220,7 +220,7 @@ TEST_F(AvlNames, RangesIncludeBothEnds)
     EXPECT_EQ(all, "453");
 }
 
-TEST_F(AvlNames, TheSafeWalkAllowsRemovalOfTheCurrentElement)
+TEST_F(AvlNames, SafeWalkAllowsRemovalOfTheCurrentElement)
 {
     Item *item, *next;
 
@@ -255,7 +255,7 @@ TEST_F(AvlNames, RemovingAllVisitsEachElementWhichMayBeFreed)
     }
 }
 
-TEST(AvlCmp, TheComparatorGetsTheTreesPointer)
+TEST(AvlCmp, ComparatorGetsTheTreesPointer)
 {
     static int seen;
     avl_tree tree;

@@ -23,7 +23,7 @@ protected:
 
 constexpr unsigned int kLargest = 16777212;
 
-TEST_F(BlobBuf, TheLargestBufferHoldsNothingMore)
+TEST_F(BlobBuf, LargestBufferHoldsNothingMore)
 {
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     ASSERT_NE(blob_put(&buf, 1, nullptr, kLargest - 8), nullptr);
@@ -32,7 +32,7 @@ TEST_F(BlobBuf, TheLargestBufferHoldsNothingMore)
     EXPECT_EQ(blob_raw_len(buf.head), kLargest);
 }
 
-TEST_F(BlobBuf, APutThatWouldOverflowTheLengthIsRefused)
+TEST_F(BlobBuf, PutThatWouldOverflowTheLengthIsRefused)
 {
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     for (unsigned int len : {kLargest - 7, kLargest - 6, kLargest - 5, kLargest - 4}) {
@@ -40,7 +40,7 @@ TEST_F(BlobBuf, APutThatWouldOverflowTheLengthIsRefused)
         EXPECT_EQ(blob_raw_len(buf.head), 4u);
     }
 
-    // It fits the memory that a large put left behind, yet not the length field.
+    // It fits into the memory left by a large put, but not into the length field.
     ASSERT_NE(blob_put(&buf, 1, nullptr, kLargest - 8), nullptr);
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     EXPECT_EQ(blob_put(&buf, 1, nullptr, kLargest - 7), nullptr);
@@ -48,7 +48,7 @@ TEST_F(BlobBuf, APutThatWouldOverflowTheLengthIsRefused)
     EXPECT_EQ(blob_raw_len(buf.head), 12u);
 }
 
-TEST_F(BlobBuf, LengthsBeyondAllSenseAreRefused)
+TEST_F(BlobBuf, AbsurdLengthsAreRefused)
 {
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     for (unsigned int len :
@@ -63,7 +63,7 @@ TEST_F(BlobBuf, LengthsBeyondAllSenseAreRefused)
     EXPECT_EQ(blob_raw_len(buf.head), 4u);
 }
 
-TEST_F(BlobBuf, ARawPutEndingBeyondTheLimitIsRefused)
+TEST_F(BlobBuf, RawPutEndingBeyondTheLimitIsRefused)
 {
     std::vector<uint8_t> bytes(kLargest);
 
@@ -73,7 +73,7 @@ TEST_F(BlobBuf, ARawPutEndingBeyondTheLimitIsRefused)
     EXPECT_EQ(blob_raw_len(buf.head), kLargest);
 }
 
-TEST_F(BlobBuf, AFailedNestStartLeavesTheHeadAlone)
+TEST_F(BlobBuf, FailedNestStartLeavesTheHeadAlone)
 {
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     ASSERT_NE(blob_put(&buf, 1, nullptr, kLargest - 8), nullptr);
@@ -106,7 +106,7 @@ TEST_F(BlobBuf, CookiesSurviveTheMovesOfTheBuffer)
 
     for (int i = 0; i < 200; i++) {
         ASSERT_NE(blob_put_u32(&buf, 3, static_cast<uint32_t>(i)), nullptr);
-        obstacles.push_back(malloc(600)); // growth in place gets less likely
+        obstacles.push_back(malloc(600)); // makes growth in place less likely
     }
     for (void *obstacle : obstacles)
         free(obstacle);
@@ -173,7 +173,7 @@ TEST_F(BlobBuf, PaddingOfAReservedPayloadIsZeroed)
     EXPECT_EQ(std::string(attr->data + 5, 3), std::string(3, '\0'));
 }
 
-TEST_F(BlobBuf, TheGapBehindRawBytesIsZeroed)
+TEST_F(BlobBuf, GapAfterRawBytesIsZeroed)
 {
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     ASSERT_NE(blob_put(&buf, 1, std::string(24, '\xee').data(), 24), nullptr);
@@ -238,7 +238,7 @@ TEST_F(BlobBufOwnGrow, IsAskedForThePaddingTooBeforeItIsWritten)
                                              'e', 0, 0, 0,  1, 0, 0, 5, 'x', 0,   0,   0}));
 }
 
-TEST_F(BlobBufOwnGrow, ARefusalLeavesTheBufferAsItWas)
+TEST_F(BlobBufOwnGrow, RefusalLeavesTheBufferAsItWas)
 {
     ASSERT_EQ(blob_buf_init(&buf, 0), 0);
     void *cookie = blob_nest_start(&buf, 1);
@@ -262,7 +262,7 @@ TEST_F(BlobBufOwnGrow, ARefusalLeavesTheBufferAsItWas)
     EXPECT_EQ(image(), (std::vector<uint8_t>{0, 0, 0, 16, 1, 0, 0, 12, 1, 0, 0, 5, 1, 0, 0, 0}));
 }
 
-TEST_F(BlobBufOwnGrow, ARefusedInitLeavesNoHead)
+TEST_F(BlobBufOwnGrow, RefusedInitLeavesNoHead)
 {
     g_refuse_after = 0;
     EXPECT_EQ(blob_buf_init(&buf, 0), -ENOMEM);
@@ -279,7 +279,7 @@ TEST_F(BlobBufOwnGrow, ClaimingSuccessWithoutGrowingIsNotBelieved)
     EXPECT_EQ(blob_raw_len(buf.head), 4u);
 }
 
-// Four bytes of header and room behind them.
+// Four bytes of header and room after them.
 struct Attr {
     alignas(4) uint8_t bytes[32] = {};
 
@@ -310,7 +310,7 @@ TEST(Blob, FillingThePaddingZeroesNothingElse)
               (std::vector<uint8_t>{1, 0, 0, 5, 0xaa, 0, 0, 0, 0xee, 0xee}));
 }
 
-TEST(Blob, ACopyIncludesThePadding)
+TEST(Blob, CopyIncludesThePadding)
 {
     Attr attr{1, 0, 0, 5, 0xaa, 1, 2, 3};
     blob_attr *copy = blob_memdup(attr);
@@ -359,7 +359,7 @@ int count_children(blob_attr *attr)
     return count;
 }
 
-TEST(Blob, AWalkThroughNothingOrAMalformedContainerVisitsNothing)
+TEST(Blob, WalkThroughNothingOrAMalformedContainerVisitsNothing)
 {
     EXPECT_EQ(count_children<int>(nullptr), 0);
     EXPECT_EQ(count_children<size_t>(nullptr), 0);
@@ -370,7 +370,7 @@ TEST(Blob, AWalkThroughNothingOrAMalformedContainerVisitsNothing)
     }
 }
 
-TEST(Blob, TheOtherWalksTakeTheirBoundsFromTheCaller)
+TEST(Blob, OtherWalksTakeTheirBoundsFromTheCaller)
 {
     Attr attr{1, 0, 0, 16, 2, 0, 0, 4, 3, 0, 0, 4, 4, 0, 0, 4};
     blob_attr *pos;
@@ -405,13 +405,13 @@ TEST(Blob, TheOtherWalksTakeTheirBoundsFromTheCaller)
     }
 }
 
-TEST(Blob, ANegativeTypeAcceptsNothing)
+TEST(Blob, NegativeTypeAcceptsNothing)
 {
     EXPECT_FALSE(blob_check_type("", 1, -1));
     EXPECT_FALSE(blob_check_type("", 1, BLOB_ATTR_LAST));
 }
 
-TEST(Blob, AChildShorterThanItsHeaderIsPassedOver)
+TEST(Blob, ChildShorterThanItsHeaderIsSkipped)
 {
     Attr attr{1, 0, 0, 12, 2, 0, 0, 3, 3, 0, 0, 4};
     blob_attr *data[4];

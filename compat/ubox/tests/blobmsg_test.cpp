@@ -1,6 +1,6 @@
 // Fields beyond the byte vectors: refusals, and received bytes of every kind.
 
-#include "guarded.h"
+#include "guarded_attr.h"
 
 #include <climits>
 #include <gtest/gtest.h>
@@ -18,12 +18,12 @@ protected:
     void TearDown() override { blob_buf_free(&buf); }
 };
 
-TEST_F(Blobmsg, ABufferIsATable)
+TEST_F(Blobmsg, BufferIsATable)
 {
     EXPECT_EQ(blobmsg_type(buf.head), BLOBMSG_TYPE_TABLE);
 }
 
-TEST_F(Blobmsg, ANameTooLongForItsLengthFieldIsRefused)
+TEST_F(Blobmsg, NameTooLongForItsLengthFieldIsRefused)
 {
     std::string longest(65535, 'n');
 
@@ -47,7 +47,7 @@ TEST_F(Blobmsg, FieldsThatDoNotFitAreRefusedAndLeaveTheBufferAlone)
     EXPECT_EQ(blob_raw_len(buf.head), 12u);
 }
 
-TEST_F(Blobmsg, ATableThatCannotBeOpenedLeavesTheHeadAlone)
+TEST_F(Blobmsg, TableThatCannotBeOpenedLeavesTheHeadAlone)
 {
     std::string filler(16777212 - 4 - 8, 'x');
     ASSERT_EQ(blobmsg_add_field(&buf, 0, "", filler.data(), static_cast<unsigned>(filler.size())),
@@ -59,7 +59,7 @@ TEST_F(Blobmsg, ATableThatCannotBeOpenedLeavesTheHeadAlone)
     EXPECT_EQ(blob_raw_len(buf.head), 16777212u);
 }
 
-TEST_F(Blobmsg, AnOpenTableCountsFourBytes)
+TEST_F(Blobmsg, OpenTableCountsFourBytes)
 {
     void *table = blobmsg_open_table(&buf, "t");
     EXPECT_EQ(blob_raw_len(static_cast<blob_attr *>(buf.buf)), 8u);
@@ -68,7 +68,7 @@ TEST_F(Blobmsg, AnOpenTableCountsFourBytes)
     EXPECT_EQ(memcmp(blob_data(buf.head), "\x82\0\0\x08\0\x01t\0", 8), 0);
 }
 
-TEST_F(Blobmsg, ABufferWithoutInitTakesNothing)
+TEST_F(Blobmsg, BufferWithoutInitTakesNothing)
 {
     blob_buf none = {};
 
@@ -90,14 +90,14 @@ TEST_F(Blobmsg, NullFieldsHaveNoData)
     }
 }
 
-TEST_F(Blobmsg, AWalkThroughAMalformedTableVisitsNothing)
+TEST_F(Blobmsg, WalkThroughAMalformedTableVisitsNothing)
 {
     // Payloads of 0 and 1 byte, and a name header longer than the payload.
     const std::vector<std::vector<uint8_t>> tables = {
         {0x82, 0, 0, 4}, {0x82, 0, 0, 5, 0}, {0x82, 0, 0, 8, 0, 9, 'a', 'b'}, {0x82, 0, 0, 0}};
 
     for (const std::vector<uint8_t> &bytes : tables) {
-        Guarded table(bytes);
+        GuardedAttr table(bytes);
         blob_attr *pos;
         size_t rem;
         blobmsg_for_each_attr(pos, table.attr(), rem)
@@ -130,13 +130,13 @@ TEST_F(Blobmsg, ParsingANestedTableByItsField)
     EXPECT_STREQ(blobmsg_get_string(tb[0]), "first");
 }
 
-// A name with a NUL inside is longer than the policy's, though equal as far as strings go.
-TEST_F(Blobmsg, AnInnerNulDoesNotReadBeyondThePolicysName)
+// A name with a NUL inside is longer than the policy's, though strcmp() calls them equal.
+TEST_F(Blobmsg, InnerNulDoesNotReadBeyondThePolicysName)
 {
-    Guarded name({'a', 0});
+    GuardedAttr name({'a', 0});
     const blobmsg_policy policy[] = {
         {reinterpret_cast<const char *>(name.data()), BLOBMSG_TYPE_UNSPEC}};
-    Guarded field({0x80, 0, 0, 12, 0, 5, 'a', 0, 'b', 'c', 'd', 0});
+    GuardedAttr field({0x80, 0, 0, 12, 0, 5, 'a', 0, 'b', 'c', 'd', 0});
     blob_attr *tb[1];
 
     EXPECT_EQ(blobmsg_parse(policy, 1, tb, field.data(), 12), 0);
@@ -166,7 +166,7 @@ std::vector<uint8_t> message()
     return bytes;
 }
 
-// Touches all that a caller may touch in a field that passed.
+// Reads all that a caller may read of a field that passed.
 size_t use_field(blob_attr *attr)
 {
     const uint8_t *data = static_cast<uint8_t *>(blobmsg_data(attr));
@@ -178,8 +178,8 @@ size_t use_field(blob_attr *attr)
     return sum;
 }
 
-// Everything that is meant for received bytes, on these. Returns how much was accepted.
-int read_everything(const Guarded &in)
+// Runs everything meant for received bytes on these. Returns how many were accepted.
+int read_everything(const GuardedAttr &in)
 {
     static const blobmsg_policy policy[] = {{"func", BLOBMSG_TYPE_STRING},
                                             {"len", BLOBMSG_CAST_INT64},
@@ -213,18 +213,18 @@ TEST(BlobmsgGarbage, EveryTruncationIsRefusedOrReadWithinItsBytes)
 
     for (size_t size = 0; size <= whole.size(); size++) {
         accepted += read_everything(
-            Guarded({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}));
+            GuardedAttr({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}));
         accepted += read_everything(
-            Guarded({whole.end() - static_cast<std::ptrdiff_t>(size), whole.end()}));
+            GuardedAttr({whole.end() - static_cast<std::ptrdiff_t>(size), whole.end()}));
         // The sequence of fields without the container around it.
         if (size > 4)
-            accepted += read_everything(
-                Guarded({whole.begin() + 4, whole.begin() + static_cast<std::ptrdiff_t>(size)}));
+            accepted += read_everything(GuardedAttr(
+                {whole.begin() + 4, whole.begin() + static_cast<std::ptrdiff_t>(size)}));
     }
     EXPECT_GT(accepted, 0);
 }
 
-TEST(BlobmsgGarbage, NoBytesMakeAReadLeaveTheInput)
+TEST(BlobmsgGarbage, RandomBytesNeverMakeAReadLeaveTheInput)
 {
     std::mt19937 random(20261120);
     std::vector<uint8_t> whole = message();
@@ -236,7 +236,7 @@ TEST(BlobmsgGarbage, NoBytesMakeAReadLeaveTheInput)
             bytes[random() % bytes.size()] =
                 static_cast<uint8_t>(random() % 4 ? random() % 16 : random());
         bytes.resize(random() % 4 ? bytes.size() : random() % bytes.size());
-        accepted += read_everything(Guarded(bytes)) > 0;
+        accepted += read_everything(GuardedAttr(bytes)) > 0;
     }
     EXPECT_GT(accepted, 1000); // most of it got past the first check
 }

@@ -1,4 +1,4 @@
-// Users of the real library wrap its headers; ours must bear that, and compile without.
+// Programs include the headers inside extern "C" or without it; both must compile.
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -146,7 +146,7 @@ TEST_F(Lists, RemovalUnlinksAndMarksTheEntry)
     EXPECT_EQ(numbers(&head), "3");
 }
 
-TEST_F(Lists, TheSafeWalksAllowRemovalOfTheCurrentEntry)
+TEST_F(Lists, SafeWalksAllowRemovalOfTheCurrentEntry)
 {
     Entry *entry, *next;
     list_head *link, *next_link;
@@ -213,7 +213,7 @@ TEST(CallocA, PiecesShareOneZeroedBlock)
     free(first);
 }
 
-TEST(CallocA, ATotalBeyondTheAddressSpaceIsRefused)
+TEST(CallocA, TotalBeyondTheAddressSpaceIsRefused)
 {
     char *second = nullptr;
 

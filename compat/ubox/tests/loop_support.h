@@ -1,6 +1,6 @@
-// Records with a function object for callback, and a loop that is there for one test.
-#ifndef BV_TESTS_COMPAT_UBOX_LOOP_SUPPORT_H
-#define BV_TESTS_COMPAT_UBOX_LOOP_SUPPORT_H
+// Records with a function object as callback, and a loop for one test.
+#ifndef COMPAT_UBOX_TESTS_LOOP_SUPPORT_H
+#define COMPAT_UBOX_TESTS_LOOP_SUPPORT_H
 
 #include <chrono>
 #include <cstring>
@@ -72,7 +72,7 @@ protected:
     void TearDown() override { uloop_done(); }
 };
 
-// Both ends are closed with the object; the tests close them earlier with close_end().
+// Both ends are closed with the object, or earlier with close_end().
 struct Ends {
     int a = -1;
     int b = -1;
@@ -129,14 +129,6 @@ inline bool is_nonblocking(int fd)
     return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
 }
 
-inline int count_open_fds()
-{
-    int count = 0;
-    for (int fd = 0; fd < 256; fd++)
-        count += fcntl(fd, F_GETFD) >= 0;
-    return count;
-}
-
 class Stopwatch {
 public:
     long ms() const
@@ -155,7 +147,7 @@ inline void sleep_ms(int ms)
     usleep(static_cast<useconds_t>(ms) * 1000);
 }
 
-// Ends a test that would otherwise hang; the failure shows in what did not happen.
+// Ends a test that would otherwise hang.
 struct Watchdog : Timer {
     explicit Watchdog(int ms = 5000)
         : Timer([](Timer &) {

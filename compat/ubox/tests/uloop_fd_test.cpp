@@ -46,8 +46,8 @@ struct Recorder : Fd {
     }
 };
 
-// One row of the table of situations: told the same each turn, or once and then unregistered;
-// with ULOOP_ERROR_CB an error is told each turn like anything else.
+// One row of the table of situations: reported each turn, or once and then unregistered. With
+// ULOOP_ERROR_CB an error is reported each turn too.
 void expect_row(const std::function<int()> &prepare, unsigned int flags, Seen expected)
 {
     for (unsigned int extra : {0u, static_cast<unsigned int>(ULOOP_ERROR_CB)}) {
@@ -147,33 +147,33 @@ TEST_F(UloopFd, OutputRoomIsReportedWhileThereIsSome)
                {ULOOP_READ | ULOOP_WRITE, false, false, true});
 }
 
-TEST_F(UloopFd, TheEndOfThePeersSendingSideIsEofAndRepeats)
+TEST_F(UloopFd, EndOfThePeersSendingSideIsEofAndRepeats)
 {
     expect_row(socket_whose_peer_ended_sending, ULOOP_READ, {ULOOP_READ, true, false, true});
 }
 
-TEST_F(UloopFd, AClosedSocketPeerIsAnError)
+TEST_F(UloopFd, ClosedSocketPeerIsAnError)
 {
     expect_row(socket_whose_peer_closed, ULOOP_READ, {ULOOP_READ, true, true, false});
     expect_row(socket_whose_peer_closed, ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
 }
 
-TEST_F(UloopFd, AClosedPipeWriterIsAnErrorWithoutEvents)
+TEST_F(UloopFd, ClosedPipeWriterIsAnErrorWithoutEvents)
 {
     expect_row(pipe_whose_writer_closed, ULOOP_READ, {0, false, true, false});
 }
 
-TEST_F(UloopFd, AClosedPipeWriterThatLeftDataIsAnErrorWithRead)
+TEST_F(UloopFd, ClosedPipeWriterThatLeftDataIsAnErrorWithRead)
 {
     expect_row(pipe_whose_writer_left_a_byte, ULOOP_READ, {ULOOP_READ, false, true, false});
 }
 
-TEST_F(UloopFd, AClosedPipeReaderIsAnErrorWithWrite)
+TEST_F(UloopFd, ClosedPipeReaderIsAnErrorWithWrite)
 {
     expect_row(pipe_whose_reader_closed, ULOOP_WRITE, {ULOOP_WRITE, false, true, false});
 }
 
-// An address on the loopback interface that nobody listens on.
+// An address on the loopback interface without a listener.
 sockaddr_in nobody(int type)
 {
     sockaddr_in addr = {};
@@ -197,13 +197,13 @@ int connect_to_nobody(int type)
     return fd;
 }
 
-TEST_F(UloopFd, ARefusedConnectIsAnErrorWithEverything)
+TEST_F(UloopFd, RefusedConnectIsAnErrorWithEverything)
 {
     expect_row([] { return connect_to_nobody(SOCK_STREAM); }, ULOOP_READ | ULOOP_WRITE,
                {ULOOP_READ | ULOOP_WRITE, true, true, false});
 }
 
-TEST_F(UloopFd, AnUnreachableUdpPeerIsAnErrorWithoutEvents)
+TEST_F(UloopFd, UnreachableUdpPeerIsAnErrorWithoutEvents)
 {
     expect_row(
         [] {
@@ -281,7 +281,7 @@ TEST_F(UloopFd, TimersComeBetweenTwoDescriptors)
     uloop_fd_delete(&second);
 }
 
-TEST_F(UloopFd, AFetchedEventIsDeliveredThoughItsCauseIsGone)
+TEST_F(UloopFd, FetchedEventIsDeliveredThoughItsCauseIsGone)
 {
     int calls = 0;
     SocketPair one, two;
@@ -361,22 +361,27 @@ TEST_P(UloopFdDeletes, DeletingAndAddingAgainDropsTheFetchedEvent)
         uloop_fd_delete(fd);
 }
 
-TEST_P(UloopFdDeletes, ACallbackMayDeleteCloseAndFreeItself)
+// A record whose callback may delete it: the function object is copied before the call.
+Fd *mortal_fd(int number, std::function<void(Fd &, unsigned int)> call)
 {
-    int calls = 0;
-    SocketPair pair;
-    Fd *fd = new Fd(pair.a);
-
+    Fd *fd = new Fd(number, std::move(call));
     fd->cb = [](uloop_fd *u, unsigned int events) {
         std::function<void(Fd &, unsigned int)> on = static_cast<Fd *>(u)->on;
         on(*static_cast<Fd *>(u), events);
     };
-    fd->on = [&](Fd &self, unsigned int) {
+    return fd;
+}
+
+TEST_P(UloopFdDeletes, CallbackMayDeleteCloseAndFreeItself)
+{
+    int calls = 0;
+    SocketPair pair;
+    Fd *fd = mortal_fd(pair.a, [&](Fd &self, unsigned int) {
         calls++;
         EXPECT_EQ(uloop_fd_delete(&self), 0);
         Ends::close_end(pair.a);
         delete &self;
-    };
+    });
     uloop_fd_add(fd, GetParam());
     send_byte(pair.b);
     for (int i = 0; i < 3; i++)
@@ -384,21 +389,15 @@ TEST_P(UloopFdDeletes, ACallbackMayDeleteCloseAndFreeItself)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_P(UloopFdDeletes, ACallbackToldOfAHangUpMayFreeItself)
+TEST_P(UloopFdDeletes, CallbackToldOfAHangUpMayFreeItself)
 {
     int calls = 0;
     SocketPair pair;
-    Fd *fd = new Fd(pair.a);
-
-    fd->cb = [](uloop_fd *u, unsigned int events) {
-        std::function<void(Fd &, unsigned int)> on = static_cast<Fd *>(u)->on;
-        on(*static_cast<Fd *>(u), events);
-    };
-    fd->on = [&](Fd &self, unsigned int) {
+    Fd *fd = mortal_fd(pair.a, [&](Fd &self, unsigned int) {
         calls++;
         EXPECT_FALSE(self.registered);
         delete &self;
-    };
+    });
     uloop_fd_add(fd, GetParam());
     Ends::close_end(pair.b);
     for (int i = 0; i < 3; i++)
@@ -426,7 +425,7 @@ TEST_F(UloopFd, EdgeTriggeredMeansOneCallbackPerChange)
     EXPECT_EQ(fd.seen.size(), 3u);
 }
 
-TEST_F(UloopFd, ALevelTriggeredDescriptorIsEnteredAgainByANestedRun)
+TEST_F(UloopFd, LevelTriggeredDescriptorIsEnteredAgainByANestedRun)
 {
     int depth = 0, deepest = 0;
     SocketPair pair;
@@ -446,7 +445,7 @@ TEST_F(UloopFd, ALevelTriggeredDescriptorIsEnteredAgainByANestedRun)
     uloop_fd_delete(&fd);
 }
 
-TEST_F(UloopFd, AnEdgeTriggeredDescriptorIsCalledOnceMoreAfterwardsInstead)
+TEST_F(UloopFd, EdgeTriggeredCallbackRunsOnceMoreInsteadOfNesting)
 {
     int depth = 0;
     std::string order;
@@ -470,7 +469,7 @@ TEST_F(UloopFd, AnEdgeTriggeredDescriptorIsCalledOnceMoreAfterwardsInstead)
     uloop_fd_delete(&fd);
 }
 
-TEST_F(UloopFd, ADeletedEdgeTriggeredDescriptorIsNotCalledAgain)
+TEST_F(UloopFd, DeletedEdgeTriggeredDescriptorIsNotCalledAgain)
 {
     int calls = 0;
     SocketPair pair;
@@ -488,7 +487,7 @@ TEST_F(UloopFd, ADeletedEdgeTriggeredDescriptorIsNotCalledAgain)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(UloopFd, AHangUpDuringAnEdgeTriggeredCallbackIsToldAfterwards)
+TEST_F(UloopFd, HangUpDuringAnEdgeTriggeredCallbackIsReportedAfterwards)
 {
     SocketPair pair;
     Recorder fd(pair.a);
@@ -508,7 +507,7 @@ TEST_F(UloopFd, AHangUpDuringAnEdgeTriggeredCallbackIsToldAfterwards)
                                           {ULOOP_READ, true, true, false}}));
 }
 
-TEST_F(UloopFd, ADescriptorBecomesNonBlockingUnlessAskedOtherwise)
+TEST_F(UloopFd, DescriptorBecomesNonBlockingUnlessAskedOtherwise)
 {
     SocketPair plain, blocking, before;
     Fd a(plain.a), b(blocking.a), c(before.a);
@@ -571,7 +570,7 @@ void expect_refused(uloop_fd *fd, int error)
     EXPECT_EQ(fd->error, before.error);
 }
 
-TEST_F(UloopFd, ARefusedAddLeavesTheRecordAlone)
+TEST_F(UloopFd, RefusedAddLeavesTheRecordAlone)
 {
     SocketPair pair;
     Fd first(pair.a), again(pair.a), none(-1), file(open("/scratch/file", O_CREAT | O_RDWR, 0600));
@@ -591,7 +590,7 @@ TEST_F(UloopFd, ARefusedAddLeavesTheRecordAlone)
     EXPECT_EQ(uloop_fd_delete(&first), 0);
 }
 
-TEST_F(UloopFd, AReopenedDescriptorIsRefusedUntilItsRecordIsDeleted)
+TEST_F(UloopFd, ReopenedDescriptorIsRefusedUntilItsRecordIsDeleted)
 {
     SocketPair pair, other;
     Fd fd(pair.a);
@@ -619,7 +618,7 @@ TEST_F(UloopFd, DeletingAClosedDescriptorFailsButClearsTheRecord)
     EXPECT_EQ(uloop_fd_delete(&fd), 0);
 }
 
-TEST_F(UloopFd, ARecordWithoutCallbackIsSkipped)
+TEST_F(UloopFd, RecordWithoutCallbackIsSkipped)
 {
     int calls = 0;
     SocketPair silent, other;

@@ -6,7 +6,7 @@ namespace {
 
 using UloopProcess = LoopTest;
 
-TEST_F(UloopProcess, TheCallbackGetsTheRawStatus)
+TEST_F(UloopProcess, CallbackGetsTheRawStatus)
 {
     std::vector<int> statuses;
     Watchdog watchdog;
@@ -52,7 +52,7 @@ TEST_F(UloopProcess, AddAndDeleteTellWhetherItWasPending)
 {
     Child child;
 
-    child.pid = 999999; // nobody's: it just stays
+    child.pid = 999999; // not a child: it just stays
     EXPECT_EQ(uloop_process_delete(&child), -1);
     EXPECT_EQ(uloop_process_add(&child), 0);
     EXPECT_EQ(uloop_process_add(&child), -1);
@@ -75,7 +75,7 @@ void run_until_no_child_is_left()
     ADD_FAILURE() << "children were left";
 }
 
-TEST_F(UloopProcess, ChildrenNobodyRegisteredAreReapedToo)
+TEST_F(UloopProcess, UnregisteredChildrenAreReapedToo)
 {
     Child stray, deleted([](Child &, int) { ADD_FAILURE() << "deleted before its child ended"; });
 
@@ -103,7 +103,7 @@ TEST_F(UloopProcess, NothingIsReapedOutsideARun)
     EXPECT_EQ(WEXITSTATUS(system("exit 4")), 4);
 }
 
-TEST_F(UloopProcess, ACallbackMayWaitForItsOwnChild)
+TEST_F(UloopProcess, CallbackMayWaitForItsOwnChild)
 {
     Watchdog watchdog;
     Timer timer([](Timer &) {
@@ -115,7 +115,7 @@ TEST_F(UloopProcess, ACallbackMayWaitForItsOwnChild)
     uloop_run();
 }
 
-TEST_F(UloopProcess, ACallbackMayAddItsRecordAgain)
+TEST_F(UloopProcess, CallbackMayAddItsRecordAgain)
 {
     std::vector<int> codes;
     Watchdog watchdog;
@@ -135,7 +135,7 @@ TEST_F(UloopProcess, ACallbackMayAddItsRecordAgain)
     EXPECT_EQ(codes, (std::vector<int>{1, 2}));
 }
 
-TEST_F(UloopProcess, ACallbackMayAddItsRecordForTheSameChildWithoutEnd)
+TEST_F(UloopProcess, CallbackMayAddItsRecordForTheSameChildAgainAndAgain)
 {
     int calls = 0;
     Child child([&](Child &self, int) {
@@ -150,7 +150,7 @@ TEST_F(UloopProcess, ACallbackMayAddItsRecordForTheSameChildWithoutEnd)
     EXPECT_TRUE(child.pending);
 }
 
-TEST_F(UloopProcess, ACallbackMayDeleteAndFreeTheOthers)
+TEST_F(UloopProcess, CallbackMayDeleteAndFreeTheOthers)
 {
     Watchdog watchdog;
     Child *second = new Child([](Child &, int) { ADD_FAILURE() << "it was deleted"; });
@@ -167,7 +167,7 @@ TEST_F(UloopProcess, ACallbackMayDeleteAndFreeTheOthers)
     uloop_run();
 }
 
-TEST_F(UloopProcess, ANestedRunCallsTheOtherRecordsOfTheChild)
+TEST_F(UloopProcess, NestedRunCallsTheOtherRecordsOfTheChild)
 {
     std::string order;
     Watchdog watchdog;
@@ -190,7 +190,7 @@ TEST_F(UloopProcess, ANestedRunCallsTheOtherRecordsOfTheChild)
     EXPECT_EQ(order, "12e");
 }
 
-TEST_F(UloopProcess, AChildThatEndedBeforeItWasAddedIsReported)
+TEST_F(UloopProcess, ChildThatEndedBeforeItWasAddedIsReported)
 {
     int code = -1;
     Watchdog watchdog;
@@ -207,7 +207,7 @@ TEST_F(UloopProcess, AChildThatEndedBeforeItWasAddedIsReported)
     EXPECT_EQ(code, 8);
 }
 
-TEST_F(UloopProcess, AChildIsNotReportedByTheCallWhoseWaitItEnded)
+TEST_F(UloopProcess, ChildIsNotReportedByTheCallWhoseWaitItEnded)
 {
     bool called = false;
     Stopwatch watch;
@@ -244,7 +244,7 @@ TEST_F(UloopProcess, ManyChildrenAtOnceAreAllReported)
     EXPECT_EQ(left, 0);
 }
 
-TEST_F(UloopProcess, ARecordWithoutCallbackIsTakenOut)
+TEST_F(UloopProcess, RecordWithoutCallbackIsTakenOut)
 {
     Child child;
 
@@ -274,7 +274,7 @@ TEST_F(UloopProcess, DoneInACallbackForgetsTheOtherRecords)
     EXPECT_EQ(other.list.next, nullptr);
 }
 
-TEST(UloopProcessIgnored, WithSigchldIgnoredCallbacksNeverCome)
+TEST(UloopProcessIgnored, CallbacksNeverComeWhileSigchldIsIgnored)
 {
     signal(SIGCHLD, SIG_IGN);
     ASSERT_EQ(uloop_init(), 0);

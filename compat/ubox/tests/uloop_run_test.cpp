@@ -1,6 +1,7 @@
 // Life cycle, ending, nesting and forking.
 
 #include "loop_support.h"
+#include "support/process.h"
 #include "support/shared.h"
 
 #include <atomic>
@@ -16,7 +17,7 @@ bool g_refuse_registration;
 
 } // namespace
 
-// In the way of the library's calls.
+// Comes before the C library's own.
 extern "C" int epoll_ctl(int epfd, int op, int fd, struct epoll_event *event) noexcept
 {
     if (g_refuse_registration) {
@@ -30,7 +31,7 @@ namespace {
 
 using UloopRun = LoopTest;
 
-TEST_F(UloopRun, ANegativeArgumentRunsUntilTheEnd)
+TEST_F(UloopRun, NegativeArgumentRunsUntilTheEnd)
 {
     int calls = 0;
     Watchdog watchdog;
@@ -49,7 +50,7 @@ TEST_F(UloopRun, ANegativeArgumentRunsUntilTheEnd)
     }
 }
 
-TEST_F(UloopRun, AnEndBeforeTheRunHasNoEffect)
+TEST_F(UloopRun, EndBeforeTheRunHasNoEffect)
 {
     bool ran = false;
     Watchdog watchdog;
@@ -64,7 +65,7 @@ TEST_F(UloopRun, AnEndBeforeTheRunHasNoEffect)
     EXPECT_TRUE(ran);
 }
 
-TEST_F(UloopRun, TheFlagStaysSetUntilTheNextRun)
+TEST_F(UloopRun, FlagStaysSetUntilTheNextRun)
 {
     Timer timer([](Timer &) {
         EXPECT_FALSE(uloop_cancelled);
@@ -81,7 +82,7 @@ TEST_F(UloopRun, TheFlagStaysSetUntilTheNextRun)
     EXPECT_FALSE(uloop_cancelled);
 }
 
-TEST_F(UloopRun, AnEndInADescriptorCallbackComesBeforeTheNextDescriptor)
+TEST_F(UloopRun, EndInADescriptorCallbackComesBeforeTheNextDescriptor)
 {
     int calls = 0;
     SocketPair one, two;
@@ -101,7 +102,7 @@ TEST_F(UloopRun, AnEndInADescriptorCallbackComesBeforeTheNextDescriptor)
     uloop_fd_delete(&second);
 }
 
-TEST_F(UloopRun, TheEndOfANestedRunEndsTheOuterOne)
+TEST_F(UloopRun, EndOfANestedRunEndsTheOuterOne)
 {
     std::string order;
     Watchdog watchdog;
@@ -121,7 +122,7 @@ TEST_F(UloopRun, TheEndOfANestedRunEndsTheOuterOne)
     EXPECT_EQ(order, "io");
 }
 
-TEST_F(UloopRun, ANestedTurnClearsAPendingEnd)
+TEST_F(UloopRun, NestedTurnClearsAPendingEnd)
 {
     std::string order;
     Watchdog watchdog;
@@ -143,7 +144,7 @@ TEST_F(UloopRun, ANestedTurnClearsAPendingEnd)
     EXPECT_EQ(order, "fl");
 }
 
-TEST_F(UloopRun, AnEndFromAnotherThreadIsNoticedAfterTheWait)
+TEST_F(UloopRun, EndFromAnotherThreadIsNoticedAfterTheWait)
 {
     Stopwatch watch;
     std::atomic<bool> running{false};
@@ -163,7 +164,7 @@ TEST_F(UloopRun, AnEndFromAnotherThreadIsNoticedAfterTheWait)
     other.join();
 }
 
-TEST_F(UloopRun, AWaitWithoutEventsEndsAfterTheArgument)
+TEST_F(UloopRun, WaitWithoutEventsEndsAfterTheArgument)
 {
     Stopwatch watch;
 
@@ -173,13 +174,13 @@ TEST_F(UloopRun, AWaitWithoutEventsEndsAfterTheArgument)
 
 TEST(UloopLife, InitOpensThreeDescriptorsThatAreNotInherited)
 {
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
     std::vector<bool> open(256);
 
     for (int fd = 0; fd < 256; fd++)
         open[static_cast<size_t>(fd)] = fcntl(fd, F_GETFD) >= 0;
     ASSERT_EQ(uloop_init(), 0);
-    EXPECT_EQ(count_open_fds(), before + 3);
+    EXPECT_EQ(open_descriptors().size(), before + 3);
 
     int nonblocking = 0;
     for (int fd = 0; fd < 256; fd++) {
@@ -191,17 +192,17 @@ TEST(UloopLife, InitOpensThreeDescriptorsThatAreNotInherited)
     EXPECT_EQ(nonblocking, 2); // both ends of the pipe
 
     EXPECT_EQ(uloop_init(), 0);
-    EXPECT_EQ(count_open_fds(), before + 3);
+    EXPECT_EQ(open_descriptors().size(), before + 3);
     uloop_done();
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
     uloop_done();
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
 }
 
 // As in a process that serves on one thread and calls from another: both connect, and so init.
 TEST(UloopLife, TwoThreadsThatInitAtOnceOpenOneLoop)
 {
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
 
     const int rounds = root_is_shared() ? 200 : 2000; // a traced thread takes long to start
     for (int round = 0; round < rounds; round++) {
@@ -216,14 +217,14 @@ TEST(UloopLife, TwoThreadsThatInitAtOnceOpenOneLoop)
         init();
         other.join();
         uloop_done();
-        ASSERT_EQ(count_open_fds(), before) << "in round " << round;
+        ASSERT_EQ(open_descriptors().size(), before) << "in round " << round;
     }
 }
 
-TEST(UloopLife, AFailedInitLeavesNothingBehind)
+TEST(UloopLife, FailedInitLeavesNothingBehind)
 {
     rlimit limit, few;
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
 
     // Room for nothing, for the poll object, and for that and half a pipe.
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -237,7 +238,7 @@ TEST(UloopLife, AFailedInitLeavesNothingBehind)
         EXPECT_EQ(uloop_init(), -1);
         EXPECT_EQ(errno, EMFILE);
         setrlimit(RLIMIT_NOFILE, &limit);
-        EXPECT_EQ(count_open_fds(), before);
+        EXPECT_EQ(open_descriptors().size(), before);
         struct sigaction action;
         sigaction(SIGTERM, nullptr, &action);
         EXPECT_EQ(action.sa_handler, SIG_DFL);
@@ -247,7 +248,7 @@ TEST(UloopLife, AFailedInitLeavesNothingBehind)
     EXPECT_EQ(uloop_init(), -1);
     EXPECT_EQ(errno, ENOMEM);
     g_refuse_registration = false;
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
 
     EXPECT_EQ(uloop_init(), 0);
     uloop_done();
@@ -293,7 +294,7 @@ TEST(UloopLife, DoneForgetsTimersAndProcessesWithoutCallingThem)
     uloop_done();
 }
 
-TEST(UloopLife, ARecordThatOutlivedItsLoopMustBeDeletedFirst)
+TEST(UloopLife, RecordThatOutlivedItsLoopMustBeDeletedFirst)
 {
     SocketPair pair;
     Fd fd(pair.a);
@@ -337,9 +338,9 @@ TEST(UloopLife, EventsFetchedBeforeDoneAreNotDeliveredAfterwards)
     uloop_done();
 }
 
-TEST(UloopLife, ALoopCanBeMadeManyTimes)
+TEST(UloopLife, LoopCanBeMadeManyTimes)
 {
-    int before = count_open_fds();
+    size_t before = open_descriptors().size();
 
     for (int i = 0; i < 300; i++) {
         bool ran = false;
@@ -351,10 +352,10 @@ TEST(UloopLife, ALoopCanBeMadeManyTimes)
         ASSERT_TRUE(ran);
         uloop_done();
     }
-    EXPECT_EQ(count_open_fds(), before);
+    EXPECT_EQ(open_descriptors().size(), before);
 }
 
-// What a daemon's child does that goes on without exec: done, clear, init, add.
+// What a forked child does that goes on without exec: done, clear, init, add.
 int child_with_a_loop_of_its_own(Fd &inherited)
 {
     SocketPair pair;
@@ -377,7 +378,7 @@ int child_with_a_loop_of_its_own(Fd &inherited)
     return 0;
 }
 
-TEST(UloopFork, TheChildTakesLeaveWithoutDisturbingTheParent)
+TEST(UloopFork, ChildClosesTheLoopWithoutDisturbingTheParent)
 {
     int calls = 0;
     SocketPair pair;
@@ -409,7 +410,7 @@ TEST(UloopFork, TheChildTakesLeaveWithoutDisturbingTheParent)
     uloop_done();
 }
 
-TEST(UloopFork, ASignalToTheChildDoesNotEndTheParent)
+TEST(UloopFork, SignalToTheChildDoesNotEndTheParent)
 {
     ASSERT_EQ(uloop_init(), 0);
     Watchdog watchdog;

@@ -27,7 +27,7 @@ protected:
     }
 };
 
-TEST_F(UloopSignal, TheRunReturnsTheSignalThatEndedIt)
+TEST_F(UloopSignal, RunReturnsTheSignalThatEndedIt)
 {
     ASSERT_EQ(uloop_init(), 0);
     for (int signo : {SIGTERM, SIGINT}) {
@@ -45,7 +45,7 @@ TEST_F(UloopSignal, TheRunReturnsTheSignalThatEndedIt)
     EXPECT_EQ(SIGINT, 2);
 }
 
-TEST_F(UloopSignal, ASignalRaisedInACallbackCountsWhenThatReturns)
+TEST_F(UloopSignal, SignalRaisedInACallbackCountsWhenThatReturns)
 {
     bool second_ran = false;
     Watchdog watchdog;
@@ -59,7 +59,7 @@ TEST_F(UloopSignal, ASignalRaisedInACallbackCountsWhenThatReturns)
     EXPECT_TRUE(second_ran);
 }
 
-TEST_F(UloopSignal, ASignalTakenByAnotherThreadEndsTheWait)
+TEST_F(UloopSignal, SignalTakenByAnotherThreadEndsTheWait)
 {
     Watchdog watchdog;
     ASSERT_EQ(uloop_init(), 0);
@@ -78,7 +78,7 @@ TEST_F(UloopSignal, ASignalTakenByAnotherThreadEndsTheWait)
     pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
 }
 
-TEST_F(UloopSignal, ASignalBeforeTheRunIsLost)
+TEST_F(UloopSignal, SignalBeforeTheRunIsLost)
 {
     ASSERT_EQ(uloop_init(), 0);
     raise(SIGTERM);
@@ -126,7 +126,7 @@ TEST_F(UloopSignal, OnlyDefaultActionsAreReplaced)
     EXPECT_EQ(handler_of(SIGCHLD), own_handler);
 }
 
-TEST_F(UloopSignal, AHandlerWithInformationIsAHandlerToo)
+TEST_F(UloopSignal, HandlerWithInformationCountsAsAHandler)
 {
     struct sigaction action = {}, after = {};
 
@@ -182,7 +182,7 @@ TEST_F(UloopSignal, DoneKeepsAHandlerInstalledMeanwhile)
     EXPECT_EQ(handler_of(SIGINT), SIG_DFL);
 }
 
-TEST_F(UloopSignal, OtherSignalsAreNotTouched)
+TEST_F(UloopSignal, OtherSignalsAreLeftAlone)
 {
     ASSERT_EQ(uloop_init(), 0);
     for (int signo : {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM})

@@ -8,7 +8,7 @@ using UloopTimeout = LoopTest;
 
 TEST_F(UloopTimeout, TimersRunInOrderOfExpiryAndEqualOnesInOrderOfSetting)
 {
-    // The expiries of a first pass must all have come, so that one clock reading serves them.
+    // All timers of a first pass must be due, so that one clock reading serves them.
     const int delays[] = {30, 10, 20, 10, 10, 0, -5, 10};
     std::vector<int> order;
     std::vector<Timer> timers(8);
@@ -22,7 +22,7 @@ TEST_F(UloopTimeout, TimersRunInOrderOfExpiryAndEqualOnesInOrderOfSetting)
     EXPECT_EQ(order, (std::vector<int>{6, 5, 1, 3, 4, 7, 2, 0}));
 }
 
-TEST_F(UloopTimeout, ATimerIsAtMostOneMillisecondEarly)
+TEST_F(UloopTimeout, TimerIsAtMostOneMillisecondEarly)
 {
     Watchdog watchdog;
 
@@ -52,7 +52,7 @@ TEST_F(UloopTimeout, SettingAPendingTimerMovesIt)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(UloopTimeout, ACallbackSeesItsTimerIdleAndMaySetItAgain)
+TEST_F(UloopTimeout, CallbackSeesItsTimerIdleAndMaySetItAgain)
 {
     int calls = 0;
     Watchdog watchdog;
@@ -69,7 +69,7 @@ TEST_F(UloopTimeout, ACallbackSeesItsTimerIdleAndMaySetItAgain)
     EXPECT_EQ(calls, 3);
 }
 
-TEST_F(UloopTimeout, ACallbackMayFreeItsTimer)
+TEST_F(UloopTimeout, CallbackMayFreeItsTimer)
 {
     bool called = false;
     Timer *timer = new Timer;
@@ -88,7 +88,7 @@ TEST_F(UloopTimeout, ACallbackMayFreeItsTimer)
     EXPECT_TRUE(called);
 }
 
-TEST_F(UloopTimeout, ADueTimerCancelledByAnEarlierOneDoesNotRun)
+TEST_F(UloopTimeout, DueTimerCancelledByAnEarlierOneDoesNotRun)
 {
     bool ran = false;
     Timer second([&](Timer &) { ran = true; });
@@ -101,7 +101,7 @@ TEST_F(UloopTimeout, ADueTimerCancelledByAnEarlierOneDoesNotRun)
     EXPECT_FALSE(ran);
 }
 
-TEST_F(UloopTimeout, ADueTimerMovedByAnEarlierOneRunsAtItsNewTimeOnly)
+TEST_F(UloopTimeout, DueTimerMovedByAnEarlierOneRunsAtItsNewTimeOnly)
 {
     int calls = 0;
     Timer second([&](Timer &) { calls++; });
@@ -132,7 +132,7 @@ TEST_F(UloopTimeout, EndingTheLoopDoesNotStopTheOthersThatAreDue)
     EXPECT_EQ(calls, 4);
 }
 
-TEST_F(UloopTimeout, ATimerThatIsAlwaysDueStarvesNothing)
+TEST_F(UloopTimeout, TimerThatIsAlwaysDueStarvesNothing)
 {
     Watchdog watchdog;
     SocketPair pair;
@@ -146,7 +146,7 @@ TEST_F(UloopTimeout, ATimerThatIsAlwaysDueStarvesNothing)
     EXPECT_EQ(uloop_fd_delete(&reader), 0);
 }
 
-TEST_F(UloopTimeout, ATimerWithoutCallbackIsDropped)
+TEST_F(UloopTimeout, TimerWithoutCallbackIsDropped)
 {
     uloop_timeout timer = {};
 
@@ -236,7 +236,7 @@ TEST_F(UloopTimeout, RemainingBeyondAnIntIsClampedInTheShortFormOnly)
 }
 #pragma GCC diagnostic pop
 
-TEST_F(UloopTimeout, TheLongestDelayIsAccepted)
+TEST_F(UloopTimeout, LongestDelayIsAccepted)
 {
     Timer timer;
 
@@ -273,7 +273,7 @@ TEST_F(UloopTimeout, NextTimeoutIsZeroWhileOthersOfThePassWait)
     EXPECT_EQ(uloop_get_next_timeout(), -1);
 }
 
-TEST_F(UloopTimeout, ATimerThatIsDueIsNotRunByTheCallWhoseWaitItEnded)
+TEST_F(UloopTimeout, TimerThatIsDueIsNotRunByTheCallWhoseWaitItEnded)
 {
     bool ran = false;
     Timer timer([&](Timer &) { ran = true; });
@@ -288,7 +288,7 @@ TEST_F(UloopTimeout, ATimerThatIsDueIsNotRunByTheCallWhoseWaitItEnded)
     EXPECT_TRUE(ran);
 }
 
-TEST_F(UloopTimeout, ATimerDueOnEntryRunsAndTheCallStillWaits)
+TEST_F(UloopTimeout, TimerDueOnEntryRunsAndTheCallStillWaits)
 {
     bool ran = false;
     Timer timer([&](Timer &) { ran = true; });
@@ -300,7 +300,7 @@ TEST_F(UloopTimeout, ATimerDueOnEntryRunsAndTheCallStillWaits)
     EXPECT_GE(watch.ms(), 49);
 }
 
-TEST_F(UloopTimeout, ANestedRunServesTheOtherTimersThatAreDue)
+TEST_F(UloopTimeout, NestedRunServesTheOtherTimersThatAreDue)
 {
     std::string order;
     Timer second([&](Timer &) { order += "2"; });

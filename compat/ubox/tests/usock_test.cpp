@@ -46,7 +46,7 @@ protected:
     void TearDown() override { unlink(kPath); }
 };
 
-TEST_F(Usock, AUnixClientTalksToAUnixServer)
+TEST_F(Usock, UnixClientTalksToAUnixServer)
 {
     Socket server(USOCK_UNIX | USOCK_SERVER, kPath, "not used");
     ASSERT_GE(server.fd, 0);
@@ -98,7 +98,7 @@ TEST_F(Usock, FailuresTellWhy)
     expect_failure(USOCK_UNIX, nullptr, EINVAL);
 }
 
-TEST_F(Usock, AFailureLeavesNoDescriptorOpen)
+TEST_F(Usock, FailureLeavesNoDescriptorOpen)
 {
     int next = dup(0);
     close(next);
@@ -110,7 +110,7 @@ TEST_F(Usock, AFailureLeavesNoDescriptorOpen)
     EXPECT_EQ(now, next);
 }
 
-TEST_F(Usock, APathHasAtMost107Characters)
+TEST_F(Usock, PathHasAtMost107Characters)
 {
     std::string longest = "/scratch/" + std::string(98, 'p');
 
@@ -161,7 +161,7 @@ TEST_F(Usock, TcpAndUdpWorkOverTheLoopbackInterface)
     EXPECT_EQ(usock(USOCK_TCP | USOCK_NUMERIC, "not.an.address", "1"), -1);
 }
 
-TEST_F(Usock, ANonBlockingConnectMayStillBeUnderWay)
+TEST_F(Usock, NonBlockingConnectMayStillBeUnderWay)
 {
     Socket server(USOCK_SERVER | USOCK_NUMERIC, "127.0.0.1", "0");
     Socket client(USOCK_NONBLOCK | USOCK_NUMERIC, "127.0.0.1", port_of(server.fd).c_str());

@@ -3,9 +3,9 @@
 // Left out, all marked as quirks there:
 //   blob.put.null5.stale             shows bytes of an earlier use of the buffer
 //   blob.limit.16777207.wraps        a put that makes the outermost length overflow: refused here
-//                                    (BlobBuf.APutThatWouldOverflowTheLengthIsRefused)
+//                                    (BlobBuf.PutThatWouldOverflowTheLengthIsRefused)
 //   msg.name.65536.truncated-field   a name whose length does not fit its field: refused here
-//                                    (Blobmsg.ANameTooLongForItsLengthFieldIsRefused)
+//                                    (Blobmsg.NameTooLongForItsLengthFieldIsRefused)
 
 #include "vector_file.h"
 

@@ -1,6 +1,6 @@
 // Reads vectors.txt, whose head explains the format.
-#ifndef BV_TESTS_COMPAT_UBOX_VECTOR_FILE_H
-#define BV_TESTS_COMPAT_UBOX_VECTOR_FILE_H
+#ifndef COMPAT_UBOX_TESTS_VECTOR_FILE_H
+#define COMPAT_UBOX_TESTS_VECTOR_FILE_H
 
 #include <cstdint>
 #include <optional>

@@ -1,7 +1,7 @@
-// Reads every input of vectors.txt from memory that ends at an unreadable page and compares what
-// is found. Nothing is left out; the lengths of malformed headers that wrap are compared as such.
+// Reads every input of vectors.txt from memory that ends at an unreadable page and compares what is
+// found. Lengths of malformed headers that wrap are compared as they are.
 
-#include "guarded.h"
+#include "guarded_attr.h"
 #include "vector_file.h"
 
 #include <functional>
@@ -11,20 +11,20 @@
 
 namespace {
 
-// Runs one check for each vector of a kind, and makes sure that none got lost.
+// Runs one check for each vector of a kind, and makes sure that none is missing.
 void for_each_vector(const char *kind, size_t expected,
-                     const std::function<void(const Vector &, const Guarded &)> &check)
+                     const std::function<void(const Vector &, const GuardedAttr &)> &check)
 {
     std::vector<Vector> vectors = load_vectors(kind);
 
     EXPECT_EQ(vectors.size(), expected);
     for (const Vector &vector : vectors) {
         SCOPED_TRACE(vector.name);
-        check(vector, Guarded(bytes_of(vector.text("in"))));
+        check(vector, GuardedAttr(bytes_of(vector.text("in"))));
     }
 }
 
-std::string offset(const Guarded &in, const void *at)
+std::string offset(const GuardedAttr &in, const void *at)
 {
     return std::to_string(static_cast<const uint8_t *>(at) - in.data());
 }
@@ -38,7 +38,7 @@ std::string joined(const Words &words)
     return line;
 }
 
-std::string slots(const Guarded &in, const std::vector<blob_attr *> &tb)
+std::string slots(const GuardedAttr &in, const std::vector<blob_attr *> &tb)
 {
     std::string line;
 
@@ -54,7 +54,7 @@ std::string signed_len(size_t len)
 
 TEST(ReadVectors, AccessorsLocateEveryPart)
 {
-    for_each_vector("attr", 17, [](const Vector &v, const Guarded &in) {
+    for_each_vector("attr", 17, [](const Vector &v, const GuardedAttr &in) {
         const blob_attr *attr = in.attr();
         std::map<std::string, std::string> found = {
             {"id", std::to_string(blob_id(attr))},
@@ -111,7 +111,7 @@ std::string read_value(const std::string &reader, blob_attr *attr)
 
 TEST(ReadVectors, ReadersGiveTheValues)
 {
-    for_each_vector("get", 24, [](const Vector &v, const Guarded &in) {
+    for_each_vector("get", 24, [](const Vector &v, const GuardedAttr &in) {
         if (v.text("as") == "double") {
             EXPECT_EQ(blobmsg_get_double(in.attr()), strtod(v.text("value").c_str(), nullptr));
         } else {
@@ -122,7 +122,7 @@ TEST(ReadVectors, ReadersGiveTheValues)
 
 TEST(ReadVectors, NameHeadersHaveTheseLengths)
 {
-    for_each_vector("hdrlen", 17, [](const Vector &v, const Guarded &) {
+    for_each_vector("hdrlen", 17, [](const Vector &v, const GuardedAttr &) {
         EXPECT_EQ(blobmsg_hdrlen(static_cast<unsigned int>(v.number("namelen"))), v.number("ret"));
     });
 }
@@ -136,7 +136,7 @@ void expect_walk(const Vector &v, const std::string &at, long long count, long l
 
 // Walks are written with an int or with a size_t for the rest; both must do.
 template <typename Rem>
-void walk(const Vector &v, const Guarded &in)
+void walk(const Vector &v, const GuardedAttr &in)
 {
     blob_attr *pos;
     Rem rem;
@@ -160,7 +160,7 @@ void walk(const Vector &v, const Guarded &in)
 TEST(ReadVectors, WalksVisitTheseAttributes)
 {
     for (const char *kind : {"iter", "msgiter"}) {
-        for_each_vector(kind, kind[0] == 'i' ? 9 : 3, [](const Vector &v, const Guarded &in) {
+        for_each_vector(kind, kind[0] == 'i' ? 9 : 3, [](const Vector &v, const GuardedAttr &in) {
             walk<int>(v, in);
             walk<unsigned int>(v, in);
             walk<size_t>(v, in);
@@ -170,7 +170,7 @@ TEST(ReadVectors, WalksVisitTheseAttributes)
 
 TEST(ReadVectors, TypesAcceptTheseLengths)
 {
-    for_each_vector("check_type", 29, [](const Vector &v, const Guarded &in) {
+    for_each_vector("check_type", 29, [](const Vector &v, const GuardedAttr &in) {
         EXPECT_EQ(blob_check_type(in.data(), static_cast<unsigned int>(in.size()),
                                   static_cast<int>(v.number("type"))),
                   v.number("ret") != 0);
@@ -180,7 +180,7 @@ TEST(ReadVectors, TypesAcceptTheseLengths)
 TEST(ReadVectors, ChecksTellWellFormedFieldsFromOthers)
 {
     for (const char *kind : {"check_attr", "check_attr_len"}) {
-        for_each_vector(kind, kind[10] ? 6 : 52, [](const Vector &v, const Guarded &in) {
+        for_each_vector(kind, kind[10] ? 6 : 52, [](const Vector &v, const GuardedAttr &in) {
             size_t len = static_cast<size_t>(v.number("alen", static_cast<long long>(in.size())));
 
             for (const Words &line : v.lines) {
@@ -198,7 +198,7 @@ TEST(ReadVectors, ChecksTellWellFormedFieldsFromOthers)
 
 TEST(ReadVectors, ArraysHaveThisManyElements)
 {
-    for_each_vector("check_array", 10, [](const Vector &v, const Guarded &in) {
+    for_each_vector("check_array", 10, [](const Vector &v, const GuardedAttr &in) {
         int type = static_cast<int>(v.number("type"));
 
         EXPECT_EQ(blobmsg_check_array(in.attr(), type), v.number("ret"));
@@ -232,7 +232,7 @@ std::vector<blob_attr_info> infos(const Vector &v, size_t max)
 
 TEST(ReadVectors, ChildrenAreSortedById)
 {
-    for_each_vector("blob_parse", 57, [](const Vector &v, const Guarded &in) {
+    for_each_vector("blob_parse", 57, [](const Vector &v, const GuardedAttr &in) {
         size_t max = static_cast<size_t>(v.number("max"));
         std::vector<blob_attr_info> table = infos(v, max);
         std::vector<blob_attr *> tb(max, in.attr());
@@ -246,7 +246,7 @@ TEST(ReadVectors, ChildrenAreSortedById)
 
 TEST(ReadVectors, ReceivedChildrenAreSortedByIdWithinTheirLength)
 {
-    for_each_vector("blob_parse_untrusted", 13, [](const Vector &v, const Guarded &in) {
+    for_each_vector("blob_parse_untrusted", 13, [](const Vector &v, const GuardedAttr &in) {
         size_t max = static_cast<size_t>(v.number("max"));
         size_t len = static_cast<size_t>(v.number("alen", static_cast<long long>(in.size())));
         std::vector<blob_attr_info> table = infos(v, max);
@@ -289,7 +289,7 @@ void read_policies(const Vector &v, Policies *p)
 TEST(ReadVectors, FieldsAreFoundByNameOrByPosition)
 {
     for (const char *kind : {"blobmsg_parse", "blobmsg_parse_array"}) {
-        for_each_vector(kind, kind[13] ? 7 : 69, [](const Vector &v, const Guarded &in) {
+        for_each_vector(kind, kind[13] ? 7 : 69, [](const Vector &v, const GuardedAttr &in) {
             Policies policies;
             read_policies(v, &policies);
             int count = static_cast<int>(policies.entries.size());

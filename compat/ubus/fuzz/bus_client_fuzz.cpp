@@ -1,7 +1,6 @@
-// What a bus may send to a client, and what handlers do meanwhile: the client library's code runs
-// here, its socket leads to a stream that is all there from the start and is read record by record.
-// Calls made inside handlers go on with it where the outer one was; at its end the connection is
-// lost.
+// What a bus may send to a client, and what handlers do meanwhile. The client library's code runs
+// here, and its socket reads a stream, which is complete from the start, record by record. Calls made
+// inside handlers go on reading where the outer one stopped; at the end the connection is lost.
 //
 // Input: a length in one byte and so many actions, one for each handler that runs (see act());
 // then records. The first byte of one says how:
@@ -23,7 +22,7 @@
 #include <libubox/usock.h>
 #include <libubus.h>
 
-#include "bytes.h"
+#include "wire.h"
 
 namespace {
 
@@ -57,7 +56,7 @@ std::string header(uint8_t type, uint16_t seq, uint32_t peer, size_t body)
     return std::string(reinterpret_cast<char *>(bytes), sizeof bytes);
 }
 
-// Whatever it is sent, the library's own stream must be in step.
+// The library's own stream must be in step, no matter what it was sent.
 void check_output()
 {
     std::string output;
@@ -113,7 +112,7 @@ int handle(ubus_context *bus, ubus_object *object, ubus_request_data *request, c
     const std::string name(method);
     const std::string bytes(static_cast<const char *>(blob_data(data)), blob_len(data));
     const int result = act(request);
-    if (g_bus != nullptr) { // both are there until the end, whatever came meanwhile
+    if (g_bus != nullptr) { // both stay until the end, no matter what came meanwhile
         FUZZ_CHECK(name == method);
         FUZZ_CHECK(memcmp(bytes.data(), blob_data(data), bytes.size()) == 0);
         if (request->acl.user != nullptr)

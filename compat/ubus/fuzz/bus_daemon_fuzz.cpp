@@ -1,4 +1,4 @@
-// What clients send to the bus daemon: its code runs here, three clients talk to it.
+// What clients send to the bus daemon: its code runs here, and three clients talk to it.
 //
 // Input: records. The first byte of one says which client and how:
 //   0x80  the bytes go out as they are; otherwise type, peer (4 bytes) and body, and the header
@@ -9,8 +9,8 @@
 //   0x08  the bytes go out 40 times
 //   0x04  the first of the bytes says which of the daemon's next allocations fails
 // then a length in two bytes and the bytes. The daemon's sockets take little, so that a client that
-// does not read soon has a queue. Ids are not drawn at random: clients are 0x10001 to
-// 0x10003, objects and types have the numbers behind.
+// does not read soon has a queue. Ids are not drawn at random: clients are 0x10001 to 0x10003, objects
+// and types have the numbers after those.
 
 #include "failing_memory.h"
 #include "fuzz/input.h"
@@ -54,13 +54,13 @@ public:
         received_.clear();
     }
 
-    // What the socket does not take is lost, like the daemon's patience with such a client.
+    // What the socket does not take is lost.
     void send(const std::string &bytes)
     {
         (void)!::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
 
-    // The daemon's stream must stay in step whatever it was sent.
+    // The daemon's stream must stay in step, no matter what it was sent.
     void receive(size_t most)
     {
         char part[16384];

@@ -1,8 +1,8 @@
-// Allocations of the code under test made to fail. The target is linked with --wrap for each of the
-// functions here (tests/fuzz/CMakeLists.txt), so that the fuzzer's own and those of
-// libraries go through; what libubox allocates fails where it is asked to.
-#ifndef BV_TESTS_FUZZ_FAILING_MEMORY_H
-#define BV_TESTS_FUZZ_FAILING_MEMORY_H
+// Makes allocations of the code under test fail. The target is linked with --wrap for each of the
+// functions here (see CMakeLists.txt), so the fuzzer's own allocations and those of libraries go
+// through; the functions of libubox that allocate fail as a whole.
+#ifndef COMPAT_UBUS_FUZZ_FAILING_MEMORY_H
+#define COMPAT_UBUS_FUZZ_FAILING_MEMORY_H
 
 #include <cerrno>
 #include <cstddef>

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <libubus.h>
 
+#include "fake_bus.h"
 #include "support/bus.h"
 #include "support/shared.h"
-#include "wire.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ uint32_t number_in(struct blob_attr *msg)
     return found != nullptr ? blobmsg_get_u32(found) : 0;
 }
 
-// ---- an owner whose methods answer in every way there is
+// ---- an owner whose methods answer in every possible way
 
 int reply_and_complete(struct ubus_context *ctx, struct ubus_object *,
                        struct ubus_request_data *req, const char *, struct blob_attr *)
@@ -120,7 +120,7 @@ int vanish(struct ubus_context *, struct ubus_object *, struct ubus_request_data
     _exit(0);
 }
 
-// Calls the method `back` of the object whose id came with the call, and tells what that gave.
+// Calls the method `back` of the object whose id came with the call, and returns the outcome.
 int call_back(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *,
               const char *, struct blob_attr *msg)
 {
@@ -143,46 +143,19 @@ const struct ubus_method kOwnerMethods[] = {
 };
 struct ubus_object_type g_owner_type = UBUS_OBJECT_TYPE("owner", kOwnerMethods);
 
-class OwnerProcess {
-public:
-    OwnerProcess()
-    {
-        int ready[2];
-        EXPECT_EQ(pipe(ready), 0);
-        pid_ = fork();
-        if (pid_ == 0)
-            run(ready[1]);
-        close(ready[1]);
-        char byte = 0;
-        EXPECT_EQ(read(ready[0], &byte, 1), 1);
-        close(ready[0]);
-    }
-    ~OwnerProcess()
-    {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-
-private:
-    [[noreturn]] static void run(int ready)
-    {
-        static struct ubus_object object;
-        g_owner = ubus_connect(nullptr);
-        object.name = "owner";
-        object.type = &g_owner_type;
-        object.methods = kOwnerMethods;
-        object.n_methods = ARRAY_SIZE(kOwnerMethods);
-        if (g_owner == nullptr || ubus_add_object(g_owner, &object) != 0)
-            _exit(1);
-        ubus_add_uloop(g_owner);
-        if (write(ready, "x", 1) != 1)
-            _exit(1);
-        uloop_run();
-        _exit(0);
-    }
-
-    pid_t pid_;
-};
+int own()
+{
+    static struct ubus_object object;
+    g_owner = ubus_connect(nullptr);
+    object.name = "owner";
+    object.type = &g_owner_type;
+    object.methods = kOwnerMethods;
+    object.n_methods = ARRAY_SIZE(kOwnerMethods);
+    if (g_owner == nullptr || ubus_add_object(g_owner, &object) != 0)
+        return 1;
+    ubus_add_uloop(g_owner);
+    return uloop_run();
+}
 
 void count(struct ubus_request *req, int, struct blob_attr *)
 {
@@ -193,6 +166,7 @@ class Rpc : public testing::Test {
 protected:
     void SetUp() override
     {
+        ASSERT_TRUE(wait_for_object("owner"));
         ctx = ubus_connect(nullptr);
         ASSERT_NE(ctx, nullptr);
         ASSERT_EQ(ubus_lookup_id(ctx, "owner", &id), 0);
@@ -208,7 +182,7 @@ protected:
     }
 
     BusDaemon daemon;
-    OwnerProcess owner;
+    Service owner{own};
     struct ubus_context *ctx = nullptr;
     uint32_t id = 0;
 };
@@ -232,13 +206,13 @@ TEST_F(Rpc, EveryWayOfAnsweringGivesTheCallerTheFirstStatus)
     EXPECT_EQ(call("defer_for_ever", 0, 50), "7/0");
 }
 
-TEST_F(Rpc, ALateAnswerDoesNotDisturbTheNextCall)
+TEST_F(Rpc, LateAnswerDoesNotDisturbTheNextCall)
 {
     EXPECT_EQ(call("sleep_300", 0, 50), "7/0");
     EXPECT_EQ(call("just_return", 12), "12/0");
 }
 
-TEST_F(Rpc, AnOwnerThatVanishesLeavesTheCallerToItsTimeOut)
+TEST_F(Rpc, OwnerThatVanishesLeavesTheCallerToItsTimeOut)
 {
     EXPECT_EQ(call("vanish", 0, 200), "7/0");
     EXPECT_EQ(call("just_return", 0), "4/0");
@@ -264,10 +238,10 @@ TEST_F(Rpc, CallingBackIntoAWaitingCallerTimesOut)
     object.n_methods = 1;
     ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     EXPECT_EQ(call("call_back", object.id), "107/0"); // 7 for the owner
-    EXPECT_EQ(g_back_calls, 1);                       // served when nobody waited any more
+    EXPECT_EQ(g_back_calls, 1);                       // served after the time-out
 }
 
-TEST_F(Rpc, ACallToAnOwnObjectIsServedAfterItsTimeOut)
+TEST_F(Rpc, CallToAnOwnObjectIsServedAfterItsTimeOut)
 {
     struct ubus_object object = {};
     object.methods = kBackMethods;
@@ -300,7 +274,7 @@ void call_again(struct ubus_request *req, int, struct blob_attr *msg)
     EXPECT_EQ(number_in(msg), before);
 }
 
-TEST_F(Rpc, ADataHandlerMayCall)
+TEST_F(Rpc, DataHandlerMayCall)
 {
     Nested nested = {id, 0, 0};
     EXPECT_EQ(ubus_invoke(ctx, id, "reply_twice", nullptr, call_again, &nested, 5000), 0);
@@ -316,7 +290,7 @@ void reconnect(struct ubus_request *req, int, struct blob_attr *)
     EXPECT_EQ(ubus_reconnect(req->ctx, nullptr), 0);
 }
 
-TEST_F(Rpc, ACallThatOutlivesItsConnectionFails)
+TEST_F(Rpc, CallThatOutlivesItsConnectionFails)
 {
     EXPECT_EQ(ubus_invoke(ctx, id, "reply_and_complete", nullptr, reconnect, &daemon, 0), 10);
     EXPECT_EQ(call("just_return", 0), "4/0"); // the owner did not reconnect
@@ -343,113 +317,100 @@ uint32_t look_up(struct ubus_context *ctx, const char *path, int expected)
     return id;
 }
 
-// Waits until something has come, and handles it.
-void handle_next(struct ubus_context *ctx)
-{
-    pollfd poll_fd = {ctx->sock.fd, POLLIN, 0};
-    EXPECT_EQ(poll(&poll_fd, 1, 10000), 1);
-    ubus_handle_event(ctx);
-}
+class Publish : public testing::Test {
+protected:
+    ~Publish() override { ubus_free(ctx); }
 
-struct ContextDeleter {
-    void operator()(struct ubus_context *ctx) const { ubus_free(ctx); }
-};
-using Context = std::unique_ptr<struct ubus_context, ContextDeleter>;
+    void connect_anew()
+    {
+        ubus_free(ctx);
+        ctx = ubus_connect(nullptr);
+    }
+    // The object with this id is called, and this context answers.
+    void expect_served(uint32_t id)
+    {
+        wire::Client caller;
+        ASSERT_TRUE(caller.send(wire::invoke(1, id, "back")));
+        handle_next(ctx);
+        EXPECT_EQ(caller.read().status(), 5u);
+    }
 
-TEST(Publish, AnObjectComesAndGoes)
-{
     BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
+    struct ubus_context *ctx = ubus_connect(nullptr);
     struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
     struct ubus_object object = object_of(&type, "x");
+};
 
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+using Restart = Publish;
+
+TEST_F(Publish, ObjectComesAndGoes)
+{
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     uint32_t id = object.id, type_id = type.id;
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), id);
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 2); // again
+    EXPECT_EQ(look_up(ctx, "x", 0), id);
+    EXPECT_EQ(ubus_add_object(ctx, &object), 2); // again
     EXPECT_EQ(object.id, id);
     EXPECT_EQ(type.id, type_id);
 
-    // Still usable.
-    wire::Client caller;
-    ASSERT_TRUE(caller.send(wire::invoke(1, id, "back")));
-    handle_next(ctx.get());
-    EXPECT_EQ(caller.read().status(), 5u);
+    expect_served(id); // still
 
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), 0);
     EXPECT_EQ(object.id, 0u);
     EXPECT_EQ(type.id, 0u);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 4);
-    look_up(ctx.get(), "x", 4);
-    look_up(ctx.get(), "", 2);
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_NE(look_up(ctx.get(), "x", 0), 0u);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), 4);
+    look_up(ctx, "x", 4);
+    look_up(ctx, "", 2);
+    EXPECT_EQ(ubus_add_object(ctx, &object), 0);
+    EXPECT_NE(look_up(ctx, "x", 0), 0u);
 }
 
-TEST(Publish, AnUnnamedObjectPublishedAgainMovesToItsNewId)
+TEST_F(Publish, UnnamedObjectPublishedAgainMovesToItsNewId)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object object = object_of(nullptr, "ignored");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    object = object_of(nullptr, "ignored");
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     uint32_t first = object.id;
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     EXPECT_NE(object.id, first);
-    look_up(ctx.get(), "ignored", 4);
+    look_up(ctx, "ignored", 4);
 
-    wire::Client caller;
-    ASSERT_TRUE(caller.send(wire::invoke(1, object.id, "back")));
-    handle_next(ctx.get());
-    EXPECT_EQ(caller.read().status(), 5u);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
+    expect_served(object.id);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), 0);
 }
 
-TEST(Publish, StaleTypeIdsMakeAnObjectInvisible)
+TEST_F(Publish, StaleTypeIdsMakeAnObjectInvisible)
 {
-    BusDaemon daemon;
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
-    struct ubus_object object = object_of(&type, "x");
-    Context ctx(ubus_connect(nullptr));
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     uint32_t id = object.id;
-    ctx.reset();
+    connect_anew();
     EXPECT_EQ(object.id, id); // left alone
+    EXPECT_EQ(ubus_add_object(ctx, &object), 0);
+    EXPECT_EQ(look_up(ctx, "x", 0), 0u);
 
-    ctx.reset(ubus_connect(nullptr));
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), 0u);
-
-    ctx.reset(ubus_connect(nullptr));
+    connect_anew();
     type.id = 0;
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+    EXPECT_EQ(ubus_add_object(ctx, &object), 0);
+    EXPECT_EQ(look_up(ctx, "x", 0), object.id);
 }
 
-TEST(Publish, ManyObjectsShareAType)
+TEST_F(Publish, ManyObjectsShareAType)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
     struct ubus_object one = object_of(&type, "one"), two = object_of(&type, "two");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &one), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &one), 0);
     uint32_t type_id = type.id;
-    ASSERT_EQ(ubus_add_object(ctx.get(), &two), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &two), 0);
     EXPECT_EQ(type.id, type_id);
-    EXPECT_EQ(look_up(ctx.get(), "two", 0), two.id);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &one), 0);
+    EXPECT_EQ(look_up(ctx, "two", 0), two.id);
+    EXPECT_EQ(ubus_remove_object(ctx, &one), 0);
     EXPECT_EQ(type.id, type_id);
-    EXPECT_EQ(ubus_remove_object(ctx.get(), &two), 0);
+    EXPECT_EQ(ubus_remove_object(ctx, &two), 0);
     EXPECT_EQ(type.id, 0u);
 }
 
 // ---- the daemon's restart
 
-TEST(Restart, ALongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
+TEST_F(Restart, LongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
 {
     BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
-    BusDaemon daemon;
-    struct ubus_context *ctx = ubus_connect(nullptr);
-    ASSERT_NE(ctx, nullptr);
     struct blob_buf buf = {};
     blob_buf_init(&buf, 0);
     ASSERT_NE(blob_new(&buf, 5, 1000000), nullptr);
@@ -460,75 +421,61 @@ TEST(Restart, ALongCallToAStoppedDaemonEndsInTimeAndAReconnectionHelps)
     kill(daemon.pid(), SIGCONT);
     ASSERT_EQ(ubus_reconnect(ctx, nullptr), 0);
     EXPECT_EQ(ubus_invoke(ctx, 4711, "m", buf.head, nullptr, nullptr, 5000), 4);
-    ubus_free(ctx);
     blob_buf_free(&buf);
 }
 
-TEST(Restart, ContextsStayDeadUntilTheyReconnect)
+TEST_F(Restart, ContextsStayDeadUntilTheyReconnect)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
     struct ubus_object one = object_of(&type, "one"), two = object_of(&type, "two");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &one), 0);
-    ASSERT_EQ(ubus_add_object(ctx.get(), &two), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &one), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &two), 0);
     uint32_t old = one.id;
-    ubus_add_uloop(ctx.get());
+    ubus_add_uloop(ctx);
     uint16_t seq = ctx->request_seq;
 
     daemon.kill();
     uint32_t id = 0;
-    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
-    EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 10);
+    EXPECT_EQ(ubus_lookup_id(ctx, "one", &id), 2);
+    EXPECT_EQ(ubus_reconnect(ctx, nullptr), 10);
     EXPECT_FALSE(ctx->sock.registered);
-    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
+    EXPECT_EQ(ubus_lookup_id(ctx, "one", &id), 2);
 
     daemon.start();
-    EXPECT_EQ(ubus_lookup_id(ctx.get(), "one", &id), 2);
-    ASSERT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
+    EXPECT_EQ(ubus_lookup_id(ctx, "one", &id), 2);
+    ASSERT_EQ(ubus_reconnect(ctx, nullptr), 0);
     EXPECT_FALSE(ctx->sock.registered);
     EXPECT_NE(one.id, old);
-    EXPECT_EQ(look_up(ctx.get(), "one", 0), one.id);
-    EXPECT_EQ(look_up(ctx.get(), "two", 0), two.id);
+    EXPECT_EQ(look_up(ctx, "one", 0), one.id);
+    EXPECT_EQ(look_up(ctx, "two", 0), two.id);
     EXPECT_GT(ctx->request_seq, seq); // numbers go on
 
     wire::Client caller;
     EXPECT_EQ(caller.ask(wire::invoke(1, old, "back")), 4u);
-    ASSERT_TRUE(caller.send(wire::invoke(2, two.id, "back")));
-    handle_next(ctx.get());
-    EXPECT_EQ(caller.read().status(), 5u);
+    expect_served(two.id);
 }
 
-TEST(Restart, AnObjectWhosePathIsTakenIsPublishedNextTime)
+TEST_F(Restart, ObjectWhosePathIsTakenIsPublishedNextTime)
 {
-    BusDaemon daemon;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
-    struct ubus_object object = object_of(&type, "x");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
     daemon.kill();
     daemon.start();
     {
         wire::Client thief;
         ASSERT_NE(thief.publish("x"), 0u);
-        EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
+        EXPECT_EQ(ubus_reconnect(ctx, nullptr), 0);
         EXPECT_EQ(object.id, 0u);
     }
-    EXPECT_EQ(ubus_reconnect(ctx.get(), nullptr), 0);
-    EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+    EXPECT_EQ(ubus_reconnect(ctx, nullptr), 0);
+    EXPECT_EQ(look_up(ctx, "x", 0), object.id);
     EXPECT_NE(object.id, 0u);
 }
 
-TEST(Restart, AProgramMayReconnectWhenItHearsOfTheLoss)
+TEST_F(Restart, ProgramMayReconnectWhenItHearsOfTheLoss)
 {
-    BusDaemon daemon;
     static int lost;
     lost = 0;
-    Context ctx(ubus_connect(nullptr));
-    struct ubus_object_type type = UBUS_OBJECT_TYPE("t", kMethods);
-    struct ubus_object object = object_of(&type, "x");
-    ASSERT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    ubus_add_uloop(ctx.get());
+    ASSERT_EQ(ubus_add_object(ctx, &object), 0);
+    ubus_add_uloop(ctx);
     ctx->connection_lost = [](struct ubus_context *context) {
         lost++;
         EXPECT_EQ(ubus_reconnect(context, nullptr), 0);
@@ -540,7 +487,7 @@ TEST(Restart, AProgramMayReconnectWhenItHearsOfTheLoss)
         while (lost < round)
             uloop_run_timeout(10);
         EXPECT_EQ(lost, round);
-        EXPECT_EQ(look_up(ctx.get(), "x", 0), object.id);
+        EXPECT_EQ(look_up(ctx, "x", 0), object.id);
     }
 }
 

@@ -1,5 +1,5 @@
-// The client library against a daemon played by the test: what it sends, and what it makes of
-// whatever arrives.
+// The client library against a daemon played by the test: what it sends, and how it handles what
+// arrives.
 
 #include <algorithm>
 #include <chrono>
@@ -7,10 +7,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "fake_bus.h"
-#include "support/fault_points.h"
+#include "support/child.h"
 #include "support/faults.h"
 
 // Sees whether the library touches the loop's descriptors.
@@ -34,7 +33,7 @@ struct blob_attr *payload(size_t length)
 {
     std::string bytes(length, 'x');
     blob_buf_init(&g_buf, 0);
-    blob_put_raw(&g_buf, attr(5, Bytes(length - 4, 7)).data(), unsigned(length));
+    blob_put_raw(&g_buf, attribute(5, Bytes(length - 4, 7)).data(), unsigned(length));
     return g_buf.head;
 }
 
@@ -72,17 +71,16 @@ TEST(Connect, LeavesASocketThatNeitherBlocksNorIsInherited)
     EXPECT_TRUE(ctx->sock.registered);
 
     ubus_free(ctx);
-    EXPECT_TRUE(bus.stream().ends()); // and nothing was said
+    EXPECT_TRUE(bus.stream().ends()); // and nothing was sent
     ubus_free(nullptr);
 }
 
-// A program's prints must go neither to the bus nor to the loop.
+// A program's output must go neither to the bus nor to the loop.
 TEST(Connect, LeavesClosedStandardDescriptorsClosed)
 {
     FakeBus bus;
     for (bool loop_is_open : {false, true}) {
-        pid_t pid = fork();
-        if (pid == 0) {
+        Child child([&] {
             if (loop_is_open)
                 uloop_init();
             for (int fd = 0; fd < 3; fd++)
@@ -91,23 +89,21 @@ TEST(Connect, LeavesClosedStandardDescriptorsClosed)
             bool fine = ctx != nullptr && (fcntl(ctx->sock.fd, F_GETFD) & FD_CLOEXEC) != 0;
             for (int fd = 0; fd < 3; fd++)
                 fine = fine && fcntl(fd, F_GETFD) == -1;
-            _exit(fine ? 0 : 1);
-        }
+            return fine ? 0 : 1;
+        });
         bus.accept_and_greet();
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_EQ(status, 0) << loop_is_open;
+        EXPECT_EQ(child.wait(), 0) << loop_is_open;
     }
 }
 
-// It may live on another thread than the loop does.
-TEST(Connect, AConnectionOutsideTheLoopKeepsOutOfIt)
+// It may belong to another thread than the loop.
+TEST(Connect, ConnectionOutsideTheLoopKeepsOutOfIt)
 {
     FakeBus bus;
     struct ubus_context *ctx = bus.connect();
     ASSERT_NE(ctx, nullptr);
     uint32_t id = 0;
-    bus.send(Bytes(12, 0xff)); // no message: the library ends the connection
+    bus.send(Bytes(12, 0xff)); // not a message: the library ends the connection
     EXPECT_EQ(ubus_lookup_id(ctx, "x", &id), 10);
     ubus_free(ctx);
     EXPECT_EQ(g_loop_deletions, 0);
@@ -119,7 +115,7 @@ TEST(Connect, AConnectionOutsideTheLoopKeepsOutOfIt)
     EXPECT_EQ(g_loop_deletions, 1);
 }
 
-TEST(Connect, RefusesGreetingsThatAreNone)
+TEST(Connect, RefusesMalformedGreetings)
 {
     FakeBus bus;
     Bytes wrong_version = message(kHello, 0, 0x12345678);
@@ -133,7 +129,7 @@ TEST(Connect, RefusesGreetingsThatAreNone)
 TEST(Connect, TakesAGreetingInPiecesAndWithABody)
 {
     FakeBus bus;
-    Bytes hello = message(kHello, 0, 0x12345678, attr(kAttrUser, text("somebody")));
+    Bytes hello = message(kHello, 0, 0x12345678, attribute(kAttrUser, text("somebody")));
     struct ubus_context *ctx =
         bus.greet({Bytes(hello.begin(), hello.begin() + 5), Bytes(hello.begin() + 5, hello.end())});
     ASSERT_NE(ctx, nullptr);
@@ -165,7 +161,7 @@ protected:
     }
     bool send_data(uint16_t seq, const Bytes &fields)
     {
-        return bus.send(message(kData, seq, kObject, attr(kAttrData, fields)));
+        return bus.send(message(kData, seq, kObject, attribute(kAttrData, fields)));
     }
 
     FakeBus bus;
@@ -196,8 +192,8 @@ TEST_F(Request, MatchesAnswersByNumberAndPeer)
 TEST_F(Request, VersionByteOfAnAnswerIsIgnored)
 {
     std::vector<Bytes> got;
-    Bytes data = message(kData, 1, kObject, attr(kAttrData, {5, 6, 7, 8}));
-    Bytes status = message(kStatus, 1, kObject, attr(kAttrStatus, u32(99)));
+    Bytes data = message(kData, 1, kObject, attribute(kAttrData, {5, 6, 7, 8}));
+    Bytes status = message(kStatus, 1, kObject, attribute(kAttrStatus, word(99)));
     data[0] = 1;
     status[0] = 255;
     bus.send(data + status);
@@ -248,8 +244,8 @@ TEST_F(Request, TakesAnAnswerByteByByte)
 {
     std::vector<Bytes> got;
     std::thread daemon([&] {
-        Bytes all = message(kData, 1, kObject, attr(kAttrData, {1, 2, 3, 4})) +
-                    message(kStatus, 1, kObject, attr(kAttrStatus, u32(6)));
+        Bytes all = message(kData, 1, kObject, attribute(kAttrData, {1, 2, 3, 4})) +
+                    message(kStatus, 1, kObject, attribute(kAttrStatus, word(6)));
         for (uint8_t byte : all)
             bus.send({byte});
     });
@@ -264,7 +260,7 @@ TEST_F(Request, NumbersWrapFrom65535To0)
     for (uint16_t seq : {65535, 0, 1}) {
         bus.send_status(seq, kObject, 0);
         EXPECT_EQ(call(), 0);
-        EXPECT_EQ(bus.read().seq(), seq);
+        EXPECT_EQ(bus.read().sequence, seq);
     }
 }
 
@@ -277,8 +273,8 @@ TEST_F(Request, TooLargeARequestIsNotSentAndTakesNoNumber)
 
     std::thread daemon([&] {
         Message got = bus.read();
-        EXPECT_EQ(got.seq(), 1u);
-        EXPECT_EQ(got.bytes.size(), 1048576u + 8);
+        EXPECT_EQ(got.sequence, 1u);
+        EXPECT_EQ(got.bytes().size(), 1048576u + 8);
         bus.send_status(1, kObject, 0);
     });
     EXPECT_EQ(ubus_invoke(ctx, kObject, "m", payload(kRoom), nullptr, nullptr, 5000), 0);
@@ -291,12 +287,13 @@ TEST_F(Request, PadsNameAndFieldsWithZeros)
         std::string method(length, 'm');
         Bytes fields(length, 0xee);
         blob_buf_init(&g_buf, 3);
-        blob_put_raw(&g_buf, attr(1, fields).data(), unsigned(4 + length));
+        blob_put_raw(&g_buf, attribute(1, fields).data(), unsigned(4 + length));
         bus.send_status(uint16_t(length), kObject, 0);
         EXPECT_EQ(ubus_invoke(ctx, kObject, method.c_str(), g_buf.head, nullptr, nullptr, 0), 0);
-        Bytes raw = attr(1, fields);
+        Bytes raw = attribute(1, fields);
         raw.resize(4 + length);
-        EXPECT_EQ(hex(bus.read().bytes), hex(invoke(uint16_t(length), kObject, method, raw)));
+        EXPECT_EQ(to_hex(bus.read().bytes()),
+                  to_hex(invoke(uint16_t(length), kObject, method, raw)));
     }
 }
 
@@ -313,19 +310,19 @@ TEST_F(Request, EndsAtItsTimeOutAndTheConnectionGoesOn)
     EXPECT_EQ(call(), 3);
 }
 
-TEST_F(Request, AHalfMessageDoesNotHoldUpATimeOut)
+TEST_F(Request, HalfMessageDoesNotHoldUpATimeOut)
 {
-    Bytes status = message(kStatus, 2, kObject, attr(kAttrStatus, u32(3)));
+    Bytes status = message(kStatus, 2, kObject, attribute(kAttrStatus, word(3)));
     bus.send(Bytes(status.begin(), status.begin() + 14));
     EXPECT_EQ(call(50), 7);
     bus.send(Bytes(status.begin() + 14, status.end()));
     EXPECT_EQ(call(), 3); // still in step
 }
 
-TEST_F(Request, ANegativeTimeOutSendsAndLeaves)
+TEST_F(Request, NegativeTimeOutSendsAndLeaves)
 {
     EXPECT_EQ(call(-1), 7);
-    EXPECT_EQ(bus.read().type(), kInvoke);
+    EXPECT_EQ(bus.read().type, kInvoke);
 }
 
 TEST_F(Request, NoTimeOutWaitsAndLargeOnesDoNotOverflow)
@@ -361,7 +358,7 @@ TEST_F(Request, WaitsForADaemonThatDoesNotRead)
 {
     std::thread daemon([&] {
         usleep(200000);
-        EXPECT_EQ(bus.read().bytes.size() % 4, 0u);
+        EXPECT_EQ(bus.read().bytes().size() % 4, 0u);
         bus.send_status(1, kObject, 0);
     });
     EXPECT_EQ(ubus_invoke(ctx, kObject, "m", payload(1000000), nullptr, nullptr, 5000), 0);
@@ -370,7 +367,7 @@ TEST_F(Request, WaitsForADaemonThatDoesNotRead)
 
 int g_broken;
 
-TEST_F(Request, ADaemonThatNeverReadsEndsACallInTimeAndTheConnection)
+TEST_F(Request, DaemonThatNeverReadsEndsACallInTimeAndTheConnection)
 {
     ctx->connection_lost = [](struct ubus_context *) { g_broken++; };
     auto start = std::chrono::steady_clock::now();
@@ -393,12 +390,12 @@ TEST_F(Request, CallThatExpiresBeforeAnyOfItIsSentLeavesTheConnectionUsable)
     EXPECT_EQ(call(50), 7);
     EXPECT_EQ(g_broken, 0);
     for (unsigned i = 0; i < sent; i++)
-        ASSERT_EQ(bus.read().bytes, ping);
+        ASSERT_EQ(bus.read().bytes(), ping);
     bus.send_status(2, kObject, 3);
     EXPECT_EQ(call(), 3);
 }
 
-TEST_F(Request, ALookUpWritesTheIdOnlyWhenThereIsOne)
+TEST_F(Request, LookUpWritesTheIdOnlyWhenThereIsOne)
 {
     uint32_t id = 77;
     bus.send_status(1, 0, 0); // hidden: found, but not described
@@ -407,14 +404,14 @@ TEST_F(Request, ALookUpWritesTheIdOnlyWhenThereIsOne)
     bus.send_status(2, 0, 4);
     EXPECT_EQ(ubus_lookup_id(ctx, "x", &id), 4);
     EXPECT_EQ(id, 77u);
-    bus.send(message(kData, 3, 0, attr(kAttrId, u32(1111))));
-    bus.send(message(kData, 3, 0, attr(kAttrId, u32(2222))));
+    bus.send(message(kData, 3, 0, attribute(kAttrObjectId, word(1111))));
+    bus.send(message(kData, 3, 0, attribute(kAttrObjectId, word(2222))));
     bus.send_status(3, 0, 0);
     EXPECT_EQ(ubus_lookup_id(ctx, "x*", &id), 0);
     EXPECT_EQ(id, 2222u);
 }
 
-TEST_F(Request, AnObjectWithoutAnIdInTheAnswerIsNotPublished)
+TEST_F(Request, ObjectWithoutAnIdInTheAnswerIsNotPublished)
 {
     struct ubus_object object = {};
     bus.send_status(1, 0, 0);
@@ -434,10 +431,10 @@ TEST_F(Request, PublishesNoNameWithoutAType)
 {
     struct ubus_object object = {};
     object.name = "x";
-    bus.send(message(kData, 1, 0, attr(kAttrId, u32(kObject))));
+    bus.send(message(kData, 1, 0, attribute(kAttrObjectId, word(kObject))));
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &object), 0);
-    EXPECT_EQ(bus.read().bytes, message(kAddObject, 1, 0));
+    EXPECT_EQ(bus.read().bytes(), message(kAddObject, 1, 0));
 }
 
 TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
@@ -456,31 +453,32 @@ TEST_F(Request, PublishesMaskedParametersAndATypeOnlyOnce)
     two.name = "two";
     one.type = two.type = &type;
 
-    Bytes a = field(5, "a", u32(3)), b = field(5, "b", u32(5)), c = field(5, "c", u32(7));
-    bus.send(message(kData, 1, 0, attr(kAttrId, u32(1)) + attr(kAttrType, u32(0x4321))));
+    Bytes a = field(5, "a", word(3)), b = field(5, "b", word(5)), c = field(5, "c", word(7));
+    bus.send(message(kData, 1, 0,
+                     attribute(kAttrObjectId, word(1)) + attribute(kAttrObjectType, word(0x4321))));
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &one), 0);
-    EXPECT_EQ(hex(bus.read().bytes),
-              hex(add_object(1, "one",
-                             field(2, "some", a + c) + field(2, "none", {}) +
-                                 field(2, "tagged", a + b + c) + field(2, "short", {}))));
+    EXPECT_EQ(to_hex(bus.read().bytes()),
+              to_hex(add_object(1, "one",
+                                field(2, "some", a + c) + field(2, "none", {}) +
+                                    field(2, "tagged", a + b + c) + field(2, "short", {}))));
     EXPECT_EQ(type.id, 0x4321u);
 
     EXPECT_EQ(bus.publish(ctx, &two, 2, 2), 0);
     EXPECT_EQ(two.id, 2u);
     ubus_free(ctx);
     ctx = bus.connect(); // the type's id is stale now, and used
-    bus.send(message(kData, 1, 0, attr(kAttrId, u32(2))));
+    bus.send(message(kData, 1, 0, attribute(kAttrObjectId, word(2))));
     bus.send_status(1, 0, 0);
     EXPECT_EQ(ubus_add_object(ctx, &two), 0);
-    EXPECT_EQ(
-        bus.read().bytes,
-        message(kAddObject, 1, 0, attr(kAttrPath, text("two")) + attr(kAttrType, u32(0x4321))));
+    EXPECT_EQ(bus.read().bytes(), message(kAddObject, 1, 0,
+                                          attribute(kAttrObjectPath, text("two")) +
+                                              attribute(kAttrObjectType, word(0x4321))));
 }
 
-// A look-up without its path asks for everything, and an object without its name is hidden: neither
-// goes out because memory was short.
-TEST_F(Request, WhatDoesNotFitIntoMemoryIsNotSentInPart)
+// A look-up without its path would ask for everything, and an object without its name would be
+// hidden, so neither is sent when memory is short.
+TEST_F(Request, RequestIsNotSentInPartWhenMemoryIsShort)
 {
     static const struct blobmsg_policy policy[] = {{"parameter", BLOBMSG_TYPE_STRING}};
     static const struct ubus_method methods[] = {UBUS_METHOD("method", nothing, policy)};
@@ -490,7 +488,7 @@ TEST_F(Request, WhatDoesNotFitIntoMemoryIsNotSentInPart)
     object.type = &type;
     {
         FailReallocations failing; // a request's first 256 bytes are there, it cannot grow
-        // Name, signature, table and parameter by turns are what does not fit any more.
+        // In turn the name, the signature, a table and a parameter do not fit.
         for (size_t length : {1000, 244, 232, 224}) {
             SCOPED_TRACE(length);
             std::string name(length, 'n');
@@ -565,12 +563,13 @@ protected:
     }
     static Bytes status(uint16_t seq, uint32_t peer, uint32_t value, uint32_t id)
     {
-        return message(kStatus, seq, peer, attr(kAttrStatus, u32(value)) + attr(kAttrId, u32(id)));
+        return message(kStatus, seq, peer,
+                       attribute(kAttrStatus, word(value)) + attribute(kAttrObjectId, word(id)));
     }
     static Bytes incoming(uint16_t seq, const std::string &method, const Bytes &fields = {})
     {
         Bytes bytes = invoke(seq, kObject, method, fields);
-        Bytes peer = u32(kCaller);
+        Bytes peer = word(kCaller);
         std::copy(peer.begin(), peer.end(), bytes.begin() + 4);
         return bytes;
     }
@@ -581,41 +580,42 @@ protected:
 
 TEST_F(Owner, AnswersCallsItCannotServe)
 {
-    Bytes id = attr(kAttrId, u32(kObject)), method = attr(kAttrMethod, text("m"));
-    Bytes data = attr(kAttrData, {});
-    // Nobody gets these two: no caller is named in them.
-    EXPECT_EQ(react(invoke(5, 4711, "m")).bytes, status(0, 0, 4, 0));
-    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + data)).bytes, status(0, 0, 2, 0));
-    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + method)).bytes,
+    Bytes id = attribute(kAttrObjectId, word(kObject)), method = attribute(kAttrMethod, text("m"));
+    Bytes data = attribute(kAttrData, {});
+    // These two reach no client: they name no caller.
+    EXPECT_EQ(react(invoke(5, 4711, "m")).bytes(), status(0, 0, 4, 0));
+    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + data)).bytes(), status(0, 0, 2, 0));
+    EXPECT_EQ(react(message(kInvoke, 5, kCaller, id + method)).bytes(),
               status(5, kCaller, 2, kObject));
     EXPECT_TRUE(react(message(kInvoke, 5, kCaller, method + data)).empty());
     EXPECT_TRUE(g_seen.methods.empty());
 
     any.name = "only";
-    EXPECT_EQ(react(incoming(6, "m")).bytes, status(6, kCaller, 3, kObject));
-    EXPECT_EQ(react(incoming(7, "only")).bytes, status(7, kCaller, 33, kObject));
+    EXPECT_EQ(react(incoming(6, "m")).bytes(), status(6, kCaller, 3, kObject));
+    EXPECT_EQ(react(incoming(7, "only")).bytes(), status(7, kCaller, 33, kObject));
     EXPECT_EQ(g_seen.methods, std::vector<std::string>{"only"});
 }
 
 TEST_F(Owner, DoesNotAnswerWhenNoReplyIsWanted)
 {
     Bytes call = message(kInvoke, 5, kCaller,
-                         attr(kAttrNoReply, {1}) + attr(kAttrId, u32(kObject)) +
-                             attr(kAttrMethod, text("m")) + attr(kAttrData, {}));
+                         attribute(kAttrNoReply, {1}) + attribute(kAttrObjectId, word(kObject)) +
+                             attribute(kAttrMethod, text("m")) + attribute(kAttrData, {}));
     EXPECT_TRUE(react(call).empty());
     EXPECT_EQ(g_seen.methods.size(), 1u);
     call[16] = 0; // NO_REPLY = 0
-    EXPECT_EQ(react(call).type(), kStatus);
+    EXPECT_EQ(react(call).type, kStatus);
 }
 
 TEST_F(Owner, KnowsTheCallerOnlyWhenBothNamesCome)
 {
-    Bytes rest = attr(kAttrId, u32(kObject)) + attr(kAttrMethod, text("m")) + attr(kAttrData, {});
-    react(message(kInvoke, 5, kCaller, attr(kAttrUser, text("u")) + rest));
+    Bytes rest = attribute(kAttrObjectId, word(kObject)) + attribute(kAttrMethod, text("m")) +
+                 attribute(kAttrData, {});
+    react(message(kInvoke, 5, kCaller, attribute(kAttrUser, text("u")) + rest));
     EXPECT_EQ(g_seen.request.acl.user, nullptr);
     EXPECT_EQ(g_seen.request.acl.object, nullptr);
     react(message(kInvoke, 5, kCaller,
-                  attr(kAttrUser, text("u")) + attr(kAttrGroup, text("g")) + rest));
+                  attribute(kAttrUser, text("u")) + attribute(kAttrGroup, text("g")) + rest));
     EXPECT_NE(g_seen.request.acl.user, nullptr);
     EXPECT_EQ(g_seen.request.acl.object, object.name);
     EXPECT_EQ(g_seen.request.peer, kCaller);
@@ -630,17 +630,19 @@ void state_changed(struct ubus_context *, struct ubus_object *)
     g_state_changes++;
 }
 
-TEST_F(Owner, LearnsWhetherAnybodyWatches)
+TEST_F(Owner, LearnsWhetherItIsWatched)
 {
     object.subscribe_cb = state_changed;
     for (uint8_t active : {1, 0}) {
-        EXPECT_TRUE(
-            react(message(kNotify, 1, 0, attr(kAttrId, u32(kObject)) + attr(kAttrActive, {active})))
-                .empty());
+        EXPECT_TRUE(react(message(kNotify, 1, 0,
+                                  attribute(kAttrObjectId, word(kObject)) +
+                                      attribute(kAttrActive, {active})))
+                        .empty());
         EXPECT_EQ(object.has_subscribers, active == 1);
     }
     EXPECT_EQ(g_state_changes, 2);
-    EXPECT_TRUE(react(message(kUnsubscribe, 1, 0, attr(kAttrId, u32(kObject)))).empty());
+    EXPECT_TRUE(
+        react(message(kUnsubscribe, 1, 0, attribute(kAttrObjectId, word(kObject)))).empty());
 }
 
 TEST_F(Owner, CallsArrivingDuringARequestAreServedAfterItInOrder)
@@ -651,9 +653,9 @@ TEST_F(Owner, CallsArrivingDuringARequestAreServedAfterItInOrder)
     EXPECT_EQ(ubus_invoke(ctx, kObject + 1, "m", nullptr, nullptr, nullptr, 5000), 6);
     // Not in the loop: served before the request returned.
     EXPECT_EQ(g_seen.methods, (std::vector<std::string>{"first", "second", "third"}));
-    EXPECT_EQ(bus.read().type(), kInvoke);
+    EXPECT_EQ(bus.read().type, kInvoke);
     for (uint16_t seq : {1, 2, 3})
-        EXPECT_EQ(bus.read().bytes, status(seq, kCaller, 33, kObject));
+        EXPECT_EQ(bus.read().bytes(), status(seq, kCaller, 33, kObject));
 }
 
 // While a handler waits for an answer of its own, any client can send it calls.
@@ -678,7 +680,7 @@ TEST_F(Owner, FloodDuringARequestIsLimitedAndEveryCallerIsServed)
     EXPECT_EQ(g_seen.methods.back(), "honest");
 }
 
-TEST_F(Owner, InTheLoopCallsPutByAreServedByTheLoop)
+TEST_F(Owner, PostponedCallsAreServedByTheLoop)
 {
     ubus_add_uloop(ctx);
     bus.send(incoming(1, "first"));
@@ -690,7 +692,7 @@ TEST_F(Owner, InTheLoopCallsPutByAreServedByTheLoop)
     EXPECT_EQ(g_seen.methods, std::vector<std::string>{"first"});
 }
 
-TEST_F(Owner, ACallThatComesBeforeThoseAreServedDoesNotOvertakeThem)
+TEST_F(Owner, LaterCallDoesNotOvertakePostponedOnes)
 {
     ubus_add_uloop(ctx);
     bus.send(incoming(1, "first"));
@@ -708,14 +710,14 @@ TEST_F(Owner, HandlersMayCallButAreNeverNested)
     bus.send(incoming(1, "outer", fields) + incoming(2, "inner"));
     // Much more than the buffer, so that nested reading needs another one.
     for (int i = 0; i < 3; i++)
-        bus.send(message(kData, 2, 99, attr(kAttrData, Bytes(40000, 1))));
+        bus.send(message(kData, 2, 99, attribute(kAttrData, Bytes(40000, 1))));
     bus.send_status(2, 99, 44);
     ubus_handle_event(ctx);
     EXPECT_EQ(g_seen.methods, (std::vector<std::string>{"outer", "inner"}));
     EXPECT_EQ(g_seen.deepest, 1);
-    EXPECT_EQ(bus.read().type(), kInvoke);
-    EXPECT_EQ(bus.read().bytes, status(1, kCaller, 33, kObject));
-    EXPECT_EQ(bus.read().bytes, status(2, kCaller, 33, kObject));
+    EXPECT_EQ(bus.read().type, kInvoke);
+    EXPECT_EQ(bus.read().bytes(), status(1, kCaller, 33, kObject));
+    EXPECT_EQ(bus.read().bytes(), status(2, kCaller, 33, kObject));
 }
 
 TEST_F(Owner, ServesEverythingThatCameInOneRead)
@@ -726,7 +728,7 @@ TEST_F(Owner, ServesEverythingThatCameInOneRead)
     bus.send(burst);
     ubus_handle_event(ctx);
     for (uint16_t seq = 1; seq <= 200; seq++)
-        ASSERT_EQ(bus.read().bytes, status(seq, kCaller, 33, kObject));
+        ASSERT_EQ(bus.read().bytes(), status(seq, kCaller, 33, kObject));
 }
 
 TEST_F(Owner, AnswersInAnyNumberOfPiecesAtOnce)
@@ -736,10 +738,11 @@ TEST_F(Owner, AnswersInAnyNumberOfPiecesAtOnce)
     call.peer = kCaller;
     call.seq = 12;
     EXPECT_EQ(ubus_send_reply(ctx, &call, nullptr), 0);
-    EXPECT_EQ(bus.read().bytes,
-              message(kData, 12, kCaller, attr(kAttrId, u32(kObject)) + attr(kAttrData, {})));
+    EXPECT_EQ(bus.read().bytes(),
+              message(kData, 12, kCaller,
+                      attribute(kAttrObjectId, word(kObject)) + attribute(kAttrData, {})));
     ubus_complete_deferred_request(ctx, &call, -1);
-    EXPECT_EQ(bus.read().bytes, status(12, kCaller, 0xffffffff, kObject));
+    EXPECT_EQ(bus.read().bytes(), status(12, kCaller, 0xffffffff, kObject));
 
     struct ubus_request_data copy = {};
     ubus_defer_request(ctx, &call, &copy);
@@ -758,7 +761,7 @@ void note_loss(struct ubus_context *ctx)
     g_lost_registered = ctx->sock.registered;
 }
 
-TEST_F(Owner, ADeadConnectionFailsEveryRequest)
+TEST_F(Owner, DeadConnectionFailsEveryRequest)
 {
     struct ubus_request_data call = {};
     uint32_t id = 5;
@@ -775,7 +778,7 @@ TEST_F(Owner, ADeadConnectionFailsEveryRequest)
     EXPECT_EQ(id, 5u);
 }
 
-TEST_F(Owner, ALossWhileWaitingIsReportedAtOnce)
+TEST_F(Owner, LossWhileWaitingIsReportedAtOnce)
 {
     ctx->connection_lost = note_loss;
     std::thread daemon([&] {
@@ -791,7 +794,7 @@ TEST_F(Owner, ALossWhileWaitingIsReportedAtOnce)
     EXPECT_EQ(g_lost, 1);
 }
 
-TEST_F(Owner, ALossInTheLoopIsReportedOnceAfterWhatWasSaidBefore)
+TEST_F(Owner, LossInTheLoopIsReportedOnceAfterWhatWasSaidBefore)
 {
     ctx->connection_lost = note_loss;
     ubus_add_uloop(ctx);
@@ -806,7 +809,7 @@ TEST_F(Owner, ALossInTheLoopIsReportedOnceAfterWhatWasSaidBefore)
     EXPECT_FALSE(g_lost_registered);
 }
 
-TEST_F(Owner, ADaemonThatOnlyStopsSendingDoesNotSpinTheLoop)
+TEST_F(Owner, DaemonThatOnlyStopsSendingDoesNotSpinTheLoop)
 {
     ctx->connection_lost = note_loss;
     ubus_add_uloop(ctx);
@@ -816,7 +819,7 @@ TEST_F(Owner, ADaemonThatOnlyStopsSendingDoesNotSpinTheLoop)
     EXPECT_FALSE(ctx->sock.registered);
 }
 
-TEST_F(Owner, AStreamOutOfStepIsClosed)
+TEST_F(Owner, StreamOutOfStepIsClosed)
 {
     ctx->connection_lost = note_loss;
     Bytes wrong[] = {Bytes(12, 0xff), Bytes{0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 3},
@@ -834,7 +837,7 @@ TEST_F(Owner, AStreamOutOfStepIsClosed)
     }
 }
 
-TEST_F(Owner, AnUnregisteredDefaultLossLeavesTheLoopAlone)
+TEST_F(Owner, DefaultLossHandlerLeavesOtherLoopsAlone)
 {
     uloop_cancelled = false;
     std::thread daemon([&] {
@@ -846,7 +849,7 @@ TEST_F(Owner, AnUnregisteredDefaultLossLeavesTheLoopAlone)
     EXPECT_FALSE(uloop_cancelled);
 }
 
-TEST_F(Owner, ARegisteredDefaultLossEndsTheLoop)
+TEST_F(Owner, DefaultLossHandlerEndsTheLoopOfTheConnection)
 {
     uloop_cancelled = false;
     ubus_add_uloop(ctx);
@@ -864,7 +867,7 @@ void free_in_handler(struct ubus_request *req, int, struct blob_attr *)
     ubus_free(req->ctx);
 }
 
-TEST_F(Owner, ADataHandlerMayFreeTheContext)
+TEST_F(Owner, DataHandlerMayFreeTheContext)
 {
     send_data(2, {1, 2, 3, 4});
     bus.send_status(2, kObject, 0);
@@ -872,7 +875,7 @@ TEST_F(Owner, ADataHandlerMayFreeTheContext)
     ctx = nullptr;
 }
 
-TEST_F(Owner, TheLossHandlerMayFreeTheContext)
+TEST_F(Owner, LossHandlerMayFreeTheContext)
 {
     ctx->connection_lost = ubus_free;
     std::thread daemon([&] {

@@ -1,4 +1,4 @@
-// One queue, many senders: a flood into a busy client must not take the place of others.
+// One queue, many senders: a flood into a busy client must not push out others.
 
 #include <atomic>
 #include <map>
@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "support/bus.h"
-#include "wire.h"
+#include "support/wire.h"
 
 using namespace wire;
 
@@ -16,8 +16,9 @@ namespace {
 
 Bytes answer(const Message &call, uint32_t status)
 {
-    return message(kStatus, uint16_t(call.seq()), call.peer(),
-                   attr(kAttrStatus, u32(status)) + attr(kAttrId, u32(call.number(kAttrId))));
+    return message(kStatus, uint16_t(call.sequence), call.peer,
+                   attribute(kAttrStatus, word(status)) +
+                       attribute(kAttrObjectId, word(call.number(kAttrObjectId))));
 }
 
 class Fairness : public testing::Test {
@@ -36,13 +37,13 @@ protected:
     {
         std::map<uint32_t, unsigned> waiting;
         EXPECT_TRUE(client.send(message(kPing, 0xffff, 0)));
-        for (Message got = client.read(); got.type() != kData || got.seq() != 0xffff;
+        for (Message got = client.read(); got.type != kData || got.sequence != 0xffff;
              got = client.read()) {
             if (got.empty()) {
                 ADD_FAILURE() << "the echo is lost";
                 break;
             }
-            waiting[got.peer()]++;
+            waiting[got.peer]++;
         }
         EXPECT_EQ(client.read().status(), 0u);
         return waiting;
@@ -73,7 +74,7 @@ TEST_F(Fairness, CallsThatWaitAreLimitedForEachCaller)
         EXPECT_EQ(waiting[callers[i]->id()], cases[i].calls) << cases[i].size;
     // There is room again.
     ASSERT_TRUE(callers[0]->send(invoke(1, id, "m")));
-    EXPECT_EQ(owner.read().peer(), callers[0]->id());
+    EXPECT_EQ(owner.read().peer, callers[0]->id());
 }
 
 TEST_F(Fairness, AnswersArriveBetweenFloodsOfCallsAndOfAnswers)
@@ -86,14 +87,15 @@ TEST_F(Fairness, AnswersArriveBetweenFloodsOfCallsAndOfAnswers)
 
     fill_socket();
     for (unsigned i = 0; i < 3000; i++)
-        ASSERT_TRUE(liar.send(message(
-            kData, 7, owner.id(), attr(kAttrId, u32(liar_id)) + attr(kAttrData, Bytes(1000, 3)))));
+        ASSERT_TRUE(liar.send(message(kData, 7, owner.id(),
+                                      attribute(kAttrObjectId, word(liar_id)) +
+                                          attribute(kAttrData, Bytes(1000, 3)))));
     ASSERT_TRUE(liar.is_in_step());
     // A long answer and its status, though nothing else fits.
-    ASSERT_TRUE(
-        other.send(message(kData, 7, owner.id(),
-                           attr(kAttrId, u32(other_id)) + attr(kAttrData, Bytes(1000000, 4))) +
-                   answer(call, 0)));
+    ASSERT_TRUE(other.send(message(kData, 7, owner.id(),
+                                   attribute(kAttrObjectId, word(other_id)) +
+                                       attribute(kAttrData, Bytes(1000000, 4))) +
+                           answer(call, 0)));
     ASSERT_TRUE(other.is_in_step());
 
     std::map<uint32_t, unsigned> waiting = drain(owner);
@@ -101,17 +103,17 @@ TEST_F(Fairness, AnswersArriveBetweenFloodsOfCallsAndOfAnswers)
     EXPECT_LT(waiting[liar_id], 1700u);
 }
 
-// Notices that others cause must not take the place of answers to the client's own requests.
+// Notices caused by others must not push out answers to the client's own requests.
 TEST_F(Fairness, SubscribingAgainAndAgainDoesNotSilenceTheDaemon)
 {
     Client watcher;
     const uint32_t own = watcher.publish_unnamed();
-    const Bytes pair = attr(kAttrId, u32(own)) + attr(kAttrTarget, u32(id));
+    const Bytes pair = attribute(kAttrObjectId, word(own)) + attribute(kAttrTarget, word(id));
     const Bytes both = message(kSubscribe, 1, 0, pair) + message(kUnsubscribe, 1, 0, pair);
     fill_socket();
     for (int i = 0; i < 20000; i++)
         ASSERT_TRUE(watcher.send(both));
-    EXPECT_EQ(filler.ask(message(kLookup, 1, 0, attr(kAttrPath, text("busy")))), 0u);
+    EXPECT_EQ(filler.ask(message(kLookup, 1, 0, attribute(kAttrObjectPath, text("busy")))), 0u);
     drain(owner);
 }
 
@@ -133,17 +135,17 @@ TEST_F(Fairness, ComingBackUnderAnotherIdDoesNotRaiseTheLimit)
 TEST_F(Fairness, OwnerMayLookUpWhileItsQueueIsFull)
 {
     fill_socket();
-    ASSERT_TRUE(owner.send(message(kLookup, 0x4242, 0, attr(kAttrPath, text("busy")))));
+    ASSERT_TRUE(owner.send(message(kLookup, 0x4242, 0, attribute(kAttrObjectPath, text("busy")))));
     unsigned before = 0;
     Message got = owner.read();
-    for (; got.seq() != 0x4242; got = owner.read()) {
+    for (; got.sequence != 0x4242; got = owner.read()) {
         ASSERT_FALSE(got.empty());
         before++;
         ASSERT_TRUE(filler.send(invoke(1, id, "fill", Bytes(10000, 1)))); // the queue stays full
         ASSERT_TRUE(filler.is_in_step());
         ASSERT_LT(before, 500u) << "waits for a queue that never empties";
     }
-    EXPECT_EQ(got.string(kAttrPath), "busy");
+    EXPECT_EQ(got.string(kAttrObjectPath), "busy");
 }
 
 // An event goes to thousands of objects, and one read holds hundreds of events.
@@ -155,9 +157,9 @@ TEST_F(Fairness, ClientThatCausesMuchWorkIsServedInTurns)
         listeners.push_back(std::make_unique<Client>());
         for (int k = 0; k < 1000; k++) {
             uint32_t object = listeners.back()->publish_unnamed();
-            ASSERT_EQ(listeners.back()->ask(
-                          invoke(1, 1, "register",
-                                 field(5, "object", u32(object)) + field(3, "pattern", text("*")))),
+            ASSERT_EQ(listeners.back()->ask(invoke(1, 1, "register",
+                                                   field(5, "object", word(object)) +
+                                                       field(3, "pattern", text("*")))),
                       0u);
         }
     }
@@ -181,7 +183,7 @@ TEST_F(Fairness, ClientThatCausesMuchWorkIsServedInTurns)
 class FairnessBesideFlooders : public testing::TestWithParam<size_t> {};
 
 // Flooders never read: their sockets and queues are full too.
-TEST_P(FairnessBesideFlooders, AnHonestCallIsAnswered)
+TEST_P(FairnessBesideFlooders, HonestCallIsAnswered)
 {
     BusDaemon daemon;
     Client owner;
@@ -192,7 +194,7 @@ TEST_P(FairnessBesideFlooders, AnHonestCallIsAnswered)
     threads.emplace_back([&] {
         while (!done) {
             Message call = owner.read(100);
-            if (call.type() == kInvoke)
+            if (call.type == kInvoke)
                 owner.send(answer(call, 42));
         }
     });

@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 
-#include "support/fault_points.h"
+#include "support/child.h"
+#include "support/faults.h"
 #include "support/process.h"
-#include "wire.h"
+#include "support/wire.h"
 
 extern "C" {
 #include <libubox/uloop.h>
@@ -43,23 +45,15 @@ class DaemonFaults : public testing::Test {
 protected:
     void SetUp() override
     {
-        pid_ = fork();
-        if (pid_ == 0) {
-            objects_init();
-            if (uloop_init() == 0 && clients_listen(kPath))
-                uloop_run();
-            _exit(0);
-        }
         ASSERT_TRUE(eventually([] { return Stream().dial(kPath); }));
     }
-    void TearDown() override
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
 
-private:
-    pid_t pid_ = -1;
+    Service daemon{[] {
+        objects_init();
+        if (uloop_init() == 0 && clients_listen(kPath))
+            uloop_run();
+        return 0;
+    }};
 };
 
 } // namespace
@@ -92,8 +86,8 @@ extern "C" int uloop_fd_add(struct uloop_fd *sock, unsigned int flags)
     return next_function<int(struct uloop_fd *, unsigned int)>("uloop_fd_add")(sock, flags);
 }
 
-// Owners decide by the names: without them a client would pass for one that has none.
-TEST_F(DaemonFaults, AClientWhoseAccountCannotBeLookedUpIsRefused)
+// Owners decide by the names: a client without them would pass for one without an account.
+TEST_F(DaemonFaults, ClientWhoseAccountCannotBeLookedUpIsRefused)
 {
     g_faults->account = true;
     for (int error : {EMFILE, ENFILE, ENOMEM, EIO}) {
@@ -103,7 +97,7 @@ TEST_F(DaemonFaults, AClientWhoseAccountCannotBeLookedUpIsRefused)
         EXPECT_TRUE(client.read().empty()) << error;
         EXPECT_TRUE(client.ends(0)) << error;
     }
-    for (int error : {0, ENOENT}) { // no such account, which is an answer
+    for (int error : {0, ENOENT}) { // no such account: that is an answer
         g_faults->account_error = error;
         Client client(kPath);
         EXPECT_TRUE(client.is_in_step()) << error;

@@ -1,4 +1,4 @@
-// What the daemon stands: bytes in any portions, limits, garbage, clients that stall or vanish.
+// What the daemon withstands: bytes in any portions, limits, garbage, clients that stall or vanish.
 
 #include <chrono>
 #include <fstream>
@@ -13,7 +13,7 @@
 #include "support/bus.h"
 #include "support/sanitized.h"
 #include "support/shared.h"
-#include "wire.h"
+#include "support/wire.h"
 
 using namespace wire;
 
@@ -24,7 +24,7 @@ constexpr size_t kLargestBody = 1048576;
 class DaemonStress : public testing::Test {
 protected:
     BusDaemon daemon;
-    Client witness; // must be served to the end, whatever the others do
+    Client witness; // must be served to the end, no matter what the others do
 
     void TearDown() override { EXPECT_TRUE(witness.is_in_step()); }
 };
@@ -35,9 +35,9 @@ TEST_F(DaemonStress, TakesAMessageByteByByte)
     Bytes request = add_object(3, "slow", field(2, "m", {})) + message(kLookup, 4, 0);
     for (uint8_t byte : request)
         ASSERT_TRUE(client.send({byte}));
-    EXPECT_EQ(client.read().type(), kData);
+    EXPECT_EQ(client.read().type, kData);
     EXPECT_EQ(client.read().status(), 0u);
-    EXPECT_EQ(client.read().string(kAttrPath), "slow");
+    EXPECT_EQ(client.read().string(kAttrObjectPath), "slow");
     EXPECT_EQ(client.read().status(), 0u);
 }
 
@@ -53,7 +53,7 @@ TEST_F(DaemonStress, TakesManyMessagesInOneWriteWhereverTheyAreCut)
         usleep(2000);
         ASSERT_TRUE(client.send(Bytes(burst.begin() + long(at), burst.end())));
         for (unsigned i = 0; i < 60; i++) {
-            ASSERT_EQ(client.read().seq(), i) << cut;
+            ASSERT_EQ(client.read().sequence, i) << cut;
             ASSERT_EQ(client.read().status(), 0u) << cut;
         }
     }
@@ -67,28 +67,28 @@ TEST_F(DaemonStress, UnalignedBodiesKeepTheStreamInStep)
         burst = burst + message(kPing, uint16_t(extra), 0, Bytes(extra, 0xff));
     ASSERT_TRUE(client.send(burst));
     for (size_t extra : {1, 2, 3, 0, 2}) {
-        EXPECT_EQ(client.read().bytes, message(kData, uint16_t(extra), 0, Bytes(extra, 0xff)));
+        EXPECT_EQ(client.read().bytes(), message(kData, uint16_t(extra), 0, Bytes(extra, 0xff)));
         EXPECT_EQ(client.read().status(), 0u);
     }
 }
 
-TEST_F(DaemonStress, TheLargestBodyPassesAndOneMoreEndsTheClient)
+TEST_F(DaemonStress, LargestBodyPassesAndOneMoreEndsTheClient)
 {
     Client client;
     Bytes largest = message(kPing, 1, 0, Bytes(kLargestBody - 4, 0));
     ASSERT_TRUE(client.send(largest));
     largest[1] = kData;
-    EXPECT_TRUE(client.read().bytes == largest);
+    EXPECT_TRUE(client.read().bytes() == largest);
     EXPECT_EQ(client.read().status(), 0u);
 
     for (size_t body : {kLargestBody + 1, kLargestBody + 4, size_t(0xffffff)}) {
         Client over;
-        ASSERT_TRUE(over.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(uint32_t(body))));
+        ASSERT_TRUE(over.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + word(uint32_t(body))));
         EXPECT_TRUE(over.ends()) << body;
     }
     for (uint32_t body : {0u, 1u, 3u}) {
         Client under;
-        ASSERT_TRUE(under.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(body)));
+        ASSERT_TRUE(under.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + word(body)));
         EXPECT_TRUE(under.ends()) << body;
     }
 }
@@ -111,16 +111,16 @@ TEST_F(DaemonStress, LargestCallKeepsItsNamesAndALargerOneIsRefused)
         }
         ASSERT_TRUE(caller.send(call));
         Message got = owner.read();
-        EXPECT_TRUE(got.attr(kAttrData) == Bytes(kLargestBody - overhead - below, 0x11));
+        EXPECT_TRUE(got.payload(kAttrData) == Bytes(kLargestBody - overhead - below, 0x11));
         EXPECT_EQ(got.string(kAttrUser), "root");
         EXPECT_EQ(got.string(kAttrGroup), "root");
-        EXPECT_LE(got.bytes.size(), kLargestBody + 8);
+        EXPECT_LE(got.bytes().size(), kLargestBody + 8);
         EXPECT_EQ(owner.ask(notification), 0u);
     }
     EXPECT_TRUE(owner.is_in_step());
 }
 
-TEST_F(DaemonStress, GarbageEndsNobodyButItsSender)
+TEST_F(DaemonStress, GarbageEndsOnlyItsSender)
 {
     std::mt19937 random(4711);
     for (int round = 0; round < 300; round++) {
@@ -142,14 +142,18 @@ TEST_F(DaemonStress, DistortedMessagesAreRefusedOrServedButNeverFatal)
     uint32_t id = owner.publish("x");
     uint32_t other = owner.publish("y");
     const Bytes originals[] = {
-        add_object(1, "path", field(2, "m", field(5, "a", u32(1)))),
-        invoke(2, 1, "register", field(5, "object", u32(id)) + field(3, "pattern", text("a*"))),
-        invoke(3, 1, "send", field(3, "id", text("abc")) + field(2, "data", field(5, "k", u32(1)))),
-        message(kNotify, 4, id, attr(kAttrId, u32(id)) + attr(kAttrMethod, text("n"))),
-        message(kSubscribe, 5, 0, attr(kAttrId, u32(id)) + attr(kAttrTarget, u32(other))),
-        message(kLookup, 6, 0, attr(kAttrPath, text("*"))),
-        message(kStatus, 7, owner.id(), attr(kAttrStatus, u32(0)) + attr(kAttrId, u32(id))),
-        message(kRemoveObject, 8, 0, attr(kAttrId, u32(other))),
+        add_object(1, "path", field(2, "m", field(5, "a", word(1)))),
+        invoke(2, 1, "register", field(5, "object", word(id)) + field(3, "pattern", text("a*"))),
+        invoke(3, 1, "send",
+               field(3, "id", text("abc")) + field(2, "data", field(5, "k", word(1)))),
+        message(kNotify, 4, id,
+                attribute(kAttrObjectId, word(id)) + attribute(kAttrMethod, text("n"))),
+        message(kSubscribe, 5, 0,
+                attribute(kAttrObjectId, word(id)) + attribute(kAttrTarget, word(other))),
+        message(kLookup, 6, 0, attribute(kAttrObjectPath, text("*"))),
+        message(kStatus, 7, owner.id(),
+                attribute(kAttrStatus, word(0)) + attribute(kAttrObjectId, word(id))),
+        message(kRemoveObject, 8, 0, attribute(kAttrObjectId, word(other))),
     };
     for (int round = 0; round < 2000; round++) {
         Bytes distorted = originals[random() % 8];
@@ -160,16 +164,16 @@ TEST_F(DaemonStress, DistortedMessagesAreRefusedOrServedButNeverFatal)
     }
 }
 
-TEST_F(DaemonStress, AHalfClosedClientIsGone)
+TEST_F(DaemonStress, HalfClosedClientIsGone)
 {
     Client client;
     ASSERT_NE(client.publish("x"), 0u);
     shutdown(client.fd(), SHUT_WR);
     EXPECT_TRUE(client.ends());
-    EXPECT_EQ(witness.ask(message(kLookup, 1, 0, attr(kAttrPath, text("x")))), 4u);
+    EXPECT_EQ(witness.ask(message(kLookup, 1, 0, attribute(kAttrObjectPath, text("x")))), 4u);
 }
 
-TEST_F(DaemonStress, AClientMayVanishInTheMiddleOfAMessage)
+TEST_F(DaemonStress, ClientMayVanishInTheMiddleOfAMessage)
 {
     Bytes whole = add_object(1, "x", field(2, "m", {}));
     for (size_t length = 1; length < whole.size(); length += 3) {
@@ -178,7 +182,7 @@ TEST_F(DaemonStress, AClientMayVanishInTheMiddleOfAMessage)
     }
     Client large;
     ASSERT_TRUE(
-        large.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(kLargestBody) + Bytes(70000, 0)));
+        large.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + word(kLargestBody) + Bytes(70000, 0)));
     large.hang_up();
     EXPECT_EQ(witness.ask(message(kLookup, 1, 0)), 0u);
     EXPECT_TRUE(witness.data.empty());
@@ -187,27 +191,27 @@ TEST_F(DaemonStress, AClientMayVanishInTheMiddleOfAMessage)
 // Sends answers of 1028 bytes to a client that does not read; the owner must never be held up.
 void stall(Client &owner, uint32_t object, const Client &reader, unsigned count)
 {
-    Bytes object_attr = attr(kAttrId, u32(object));
-    Bytes data = attr(kAttrData, Bytes(1028 - 12 - object_attr.size() - 4, 0x77));
+    Bytes object_attr = attribute(kAttrObjectId, word(object));
+    Bytes data = attribute(kAttrData, Bytes(1028 - 12 - object_attr.size() - 4, 0x77));
     for (unsigned i = 0; i < count; i++)
         ASSERT_TRUE(owner.send(message(kData, uint16_t(i), reader.id(), object_attr + data)));
     ASSERT_TRUE(owner.is_in_step());
 }
 
-TEST_F(DaemonStress, AStalledReaderGetsWholeMessagesOnlyAndStaysInStep)
+TEST_F(DaemonStress, StalledReaderGetsWholeMessagesOnlyAndStaysInStep)
 {
     Client owner, reader;
     uint32_t id = owner.publish("x");
     stall(owner, id, reader, 3000);
 
-    // What fitted comes without a gap, from the first on.
+    // What fitted arrives without a gap, from the first on.
     unsigned count = 0;
     for (;;) {
         Message message = reader.read(200);
         if (message.empty())
             break;
-        ASSERT_EQ(message.bytes.size(), 1028u);
-        ASSERT_EQ(message.seq(), count);
+        ASSERT_EQ(message.bytes().size(), 1028u);
+        ASSERT_EQ(message.sequence, count);
         count++;
     }
     EXPECT_GE(count, 1020u); // the queue alone
@@ -215,27 +219,29 @@ TEST_F(DaemonStress, AStalledReaderGetsWholeMessagesOnlyAndStaysInStep)
     EXPECT_TRUE(reader.is_in_step());
     stall(owner, id, reader, 10);
     for (unsigned i = 0; i < 10; i++)
-        EXPECT_EQ(reader.read().seq(), i);
+        EXPECT_EQ(reader.read().sequence, i);
 }
 
-TEST_F(DaemonStress, LargeMessagesAreNeverCutEither)
+TEST_F(DaemonStress, LargeMessagesAreNeverCutShort)
 {
     Client owner, reader;
     uint32_t id = owner.publish("x");
     for (uint16_t i = 0; i < 30; i++) {
         Bytes fields(100000 + i * 4, uint8_t(i));
-        ASSERT_TRUE(owner.send(
-            message(kData, i, reader.id(), attr(kAttrId, u32(id)) + attr(kAttrData, fields))));
+        ASSERT_TRUE(
+            owner.send(message(kData, i, reader.id(),
+                               attribute(kAttrObjectId, word(id)) + attribute(kAttrData, fields))));
     }
     ASSERT_TRUE(owner.is_in_step());
 
     unsigned count = 0;
     int last = -1;
     for (Message got = reader.read(200); !got.empty(); got = reader.read(200)) {
-        ASSERT_EQ(got.peer(), id);
-        ASSERT_GT(int(got.seq()), last);
-        last = int(got.seq());
-        ASSERT_TRUE(got.attr(kAttrData) == Bytes(100000 + got.seq() * 4, uint8_t(got.seq())));
+        ASSERT_EQ(got.peer, id);
+        ASSERT_GT(int(got.sequence), last);
+        last = int(got.sequence);
+        ASSERT_TRUE(got.payload(kAttrData) ==
+                    Bytes(100000 + got.sequence * 4, uint8_t(got.sequence)));
         count++;
     }
     EXPECT_GE(count, 10u);
@@ -243,7 +249,7 @@ TEST_F(DaemonStress, LargeMessagesAreNeverCutEither)
     EXPECT_TRUE(reader.is_in_step());
 }
 
-TEST_F(DaemonStress, ALookupWhileStalledIsAnsweredLater)
+TEST_F(DaemonStress, LookupWhileStalledIsAnsweredLater)
 {
     Client owner, reader;
     uint32_t id = owner.publish("x");
@@ -254,33 +260,33 @@ TEST_F(DaemonStress, ALookupWhileStalledIsAnsweredLater)
     Message message;
     do
         message = reader.read(5000);
-    while (message.peer() == id);
-    EXPECT_EQ(message.type(), kData);
-    EXPECT_EQ(message.string(kAttrPath), "x");
+    while (message.peer == id);
+    EXPECT_EQ(message.type, kData);
+    EXPECT_EQ(message.string(kAttrObjectPath), "x");
     EXPECT_EQ(reader.read().status(), 0u);
     EXPECT_TRUE(reader.is_in_step());
 }
 
-TEST_F(DaemonStress, AListingLongerThanAnyQueueArrivesWhole)
+TEST_F(DaemonStress, ListingLongerThanAnyQueueArrivesWhole)
 {
     constexpr unsigned kObjects = 600;
     Client owner, reader;
-    Bytes signature = field(2, "method", field(5, std::string(4000, 'p'), u32(3)));
+    Bytes signature = field(2, "method", field(5, std::string(4000, 'p'), word(3)));
     for (unsigned i = 0; i < kObjects; i++)
         ASSERT_EQ(owner.ask(add_object(1, "object." + std::to_string(1000 + i), signature)), 0u);
 
-    ASSERT_TRUE(reader.send(message(kLookup, 5, 0, attr(kAttrPath, text("object.*")))));
+    ASSERT_TRUE(reader.send(message(kLookup, 5, 0, attribute(kAttrObjectPath, text("object.*")))));
     usleep(100000);
     for (unsigned i = 0; i < kObjects; i++) {
         Message object = reader.read();
-        ASSERT_EQ(object.string(kAttrPath), "object." + std::to_string(1000 + i));
-        ASSERT_TRUE(object.attr(kAttrSignature) == signature);
+        ASSERT_EQ(object.string(kAttrObjectPath), "object." + std::to_string(1000 + i));
+        ASSERT_TRUE(object.payload(kAttrSignature) == signature);
     }
     EXPECT_EQ(reader.read().status(), 0u);
     EXPECT_TRUE(reader.is_in_step());
 }
 
-TEST_F(DaemonStress, AStalledReaderMayVanish)
+TEST_F(DaemonStress, StalledReaderMayVanish)
 {
     Client owner;
     uint32_t id = owner.publish("x");
@@ -302,16 +308,17 @@ TEST_F(DaemonStress, ServesTwoHundredClientsAtOnce)
         ids.push_back(clients.back()->publish("object." + std::to_string(i)));
         ASSERT_NE(ids.back(), 0u) << i;
     }
-    // Everybody calls the next one, then everybody answers.
+    // Each client calls the next one, then each answers.
     for (unsigned i = 0; i < count; i++)
         ASSERT_TRUE(clients[i]->send(invoke(uint16_t(i), ids[(i + 1) % count], "m")));
     for (unsigned i = 0; i < count; i++) {
         Message call = clients[(i + 1) % count]->read();
-        ASSERT_EQ(call.seq(), i);
-        ASSERT_EQ(call.peer(), clients[i]->id());
+        ASSERT_EQ(call.sequence, i);
+        ASSERT_EQ(call.peer, clients[i]->id());
         ASSERT_TRUE(clients[(i + 1) % count]->send(
-            message(kStatus, uint16_t(i), call.peer(),
-                    attr(kAttrStatus, u32(i)) + attr(kAttrId, u32(ids[(i + 1) % count])))));
+            message(kStatus, uint16_t(i), call.peer,
+                    attribute(kAttrStatus, word(i)) +
+                        attribute(kAttrObjectId, word(ids[(i + 1) % count])))));
     }
     for (unsigned i = 0; i < count; i++)
         ASSERT_EQ(clients[i]->read().status(), i);
@@ -349,15 +356,15 @@ TEST(DaemonLimits, WithoutDescriptorsNewcomersWaitAndTheDaemonSleeps)
     EXPECT_LE(cpu_ticks(daemon.pid()) - before, 10u); // of about 50
     EXPECT_TRUE(clients[0]->is_in_step());
 
-    // Room is made, and those in the queue come in.
+    // There is room again, and those in the backlog come in.
     Stream last = std::move(waiting.back());
     waiting.clear();
     clients.clear();
-    EXPECT_EQ(last.read().type(), kHello);
+    EXPECT_EQ(last.read().type, kHello);
 }
 
-// Whoever is let in can be named: the accounts file takes a descriptor, too.
-TEST(DaemonLimits, TheLastDescriptorIsNotGivenToAClientWithoutItsNames)
+// Every client let in can be named: reading the accounts takes a descriptor too.
+TEST(DaemonLimits, LastDescriptorIsNotGivenToAClientWithoutItsNames)
 {
     BusDaemon daemon("", 16);
     std::vector<std::unique_ptr<Client>> clients;
@@ -382,12 +389,13 @@ TEST(DaemonLimits, TheLastDescriptorIsNotGivenToAClientWithoutItsNames)
 Bytes event_register(uint32_t object, const std::string &pattern)
 {
     return invoke(1, 1, "register",
-                  field(5, "object", u32(object)) + field(3, "pattern", text(pattern)));
+                  field(5, "object", word(object)) + field(3, "pattern", text(pattern)));
 }
 
 Bytes subscribe(uint32_t object, uint32_t target)
 {
-    return message(kSubscribe, 1, 0, attr(kAttrId, u32(object)) + attr(kAttrTarget, u32(target)));
+    return message(kSubscribe, 1, 0,
+                   attribute(kAttrObjectId, word(object)) + attribute(kAttrTarget, word(target)));
 }
 
 TEST_F(DaemonStress, ObjectsPatternsAndSubscriptionsOfAClientAreLimited)
@@ -396,7 +404,9 @@ TEST_F(DaemonStress, ObjectsPatternsAndSubscriptionsOfAClientAreLimited)
     constexpr uint32_t kNoMemory = 11;
     Client client, owner, other;
     uint32_t own = client.publish_unnamed();
-    auto remove = [](uint32_t id) { return message(kRemoveObject, 1, 0, attr(kAttrId, u32(id))); };
+    auto remove = [](uint32_t id) {
+        return message(kRemoveObject, 1, 0, attribute(kAttrObjectId, word(id)));
+    };
 
     std::vector<uint32_t> targets;
     for (unsigned i = 0; i < kEach; i++)
@@ -436,26 +446,26 @@ TEST_F(DaemonStress, WhatAClientMakesTheDaemonKeepHasALimit)
     EXPECT_EQ(witness.data.size(), count);
 }
 
-TEST_F(DaemonStress, AnObjectWhoseDescriptionFitsIntoNoMessageIsRefused)
+TEST_F(DaemonStress, ObjectTooLargeToDescribeInAMessageIsRefused)
 {
     Client client, listener;
     uint32_t own = listener.publish_unnamed();
     ASSERT_EQ(listener.ask(event_register(own, "ubus.*")), 0u);
 
-    // Its own message is the largest there is; the daemon's about it would be longer.
+    // Its own message has the largest size; the daemon's about it would be longer.
     Bytes largest = add_object(1, "", {});
     largest = add_object(1, std::string(kLargestBody + 8 - largest.size(), 'p'), {});
     ASSERT_EQ(largest.size(), kLargestBody + 8);
     EXPECT_EQ(client.ask(largest), 2u);
     // Path and signature may also come from different messages.
     ASSERT_EQ(
-        client.ask(add_object(1, "a", field(2, "m", field(5, std::string(60000, 's'), u32(3))))),
+        client.ask(add_object(1, "a", field(2, "m", field(5, std::string(60000, 's'), word(3))))),
         0u);
-    uint32_t type = client.data[0].number(kAttrType);
+    uint32_t type = client.data[0].number(kAttrObjectType);
     auto with_type = [&](size_t length) {
         return message(kAddObject, 1, 0,
-                       attr(kAttrPath, text(std::string(length, 'p'))) +
-                           attr(kAttrType, u32(type)));
+                       attribute(kAttrObjectPath, text(std::string(length, 'p'))) +
+                           attribute(kAttrObjectType, word(type)));
     };
     EXPECT_EQ(client.ask(with_type(kLargestBody - 60000)), 2u);
     EXPECT_EQ(client.ask(with_type(kLargestBody - 61000)), 0u);
@@ -463,9 +473,9 @@ TEST_F(DaemonStress, AnObjectWhoseDescriptionFitsIntoNoMessageIsRefused)
     EXPECT_EQ(witness.ask(message(kLookup, 1, 0)), 0u);
     ASSERT_EQ(witness.data.size(), 2u);
     for (const Message &object : witness.data)
-        EXPECT_LE(object.bytes.size(), kLargestBody + 8);
+        EXPECT_LE(object.bytes().size(), kLargestBody + 8);
     for (int i = 0; i < 2; i++)
-        EXPECT_LE(listener.read().bytes.size(), kLargestBody + 8);
+        EXPECT_LE(listener.read().bytes().size(), kLargestBody + 8);
     EXPECT_TRUE(listener.is_in_step());
 }
 
@@ -475,12 +485,7 @@ constexpr const char *kNoUsers = "a traced process cannot change its user";
 template <typename Work>
 int as_user(uid_t uid, Work work)
 {
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(setgid(uid) == 0 && setuid(uid) == 0 ? work() : 255);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WEXITSTATUS(status);
+    return run_in_child([&] { return setgid(uid) == 0 && setuid(uid) == 0 ? work() : 255; }, 0);
 }
 
 TEST_F(DaemonStress, ConnectionsOfAUserAreLimitedButNotThoseOfRoot)
@@ -549,7 +554,7 @@ TEST_F(DaemonStress, ManyClientsOfAUserThatDoNotReadDoNotExhaustTheMemory)
 // Whether the daemon keeps the beginning of a long message, and with it the client.
 bool begins_a_long_message(Client &client, Client &other)
 {
-    client.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + u32(kLargestBody) + Bytes(70000, 0));
+    client.send(Bytes{0, kPing, 0, 1, 0, 0, 0, 0} + word(kLargestBody) + Bytes(70000, 0));
     int unread = 1;
     while (ioctl(client.fd(), SIOCOUTQ, &unread) == 0 && unread > 0)
         usleep(1000);
@@ -572,7 +577,7 @@ TEST_F(DaemonStress, UnfinishedMessagesOfAUserAreLimited)
         other.send(Bytes(ping.begin(), ping.begin() + 500));
         usleep(2000);
         other.send(Bytes(ping.begin() + 500, ping.end()));
-        const bool served = other.read().type() == kData && other.read().status() == 0;
+        const bool served = other.read().type == kData && other.read().status() == 0;
         clients.clear();
         Client after;
         return served && begins_a_long_message(after, other) ? kept : 0;
@@ -582,7 +587,7 @@ TEST_F(DaemonStress, UnfinishedMessagesOfAUserAreLimited)
     EXPECT_EQ(count, 15);
 }
 
-TEST(DaemonLimits, AnIdleDaemonSleeps)
+TEST(DaemonLimits, IdleDaemonSleeps)
 {
     BusDaemon daemon;
     Client client;

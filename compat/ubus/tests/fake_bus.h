@@ -1,14 +1,27 @@
 // A daemon played by the test, in the same thread: answers are sent before the call that waits for
 // them, which works because sequence numbers are known beforehand.
 
-#ifndef TESTS_COMPAT_UBUS_FAKE_BUS_H
-#define TESTS_COMPAT_UBUS_FAKE_BUS_H
+#ifndef COMPAT_UBUS_TESTS_FAKE_BUS_H
+#define COMPAT_UBUS_TESTS_FAKE_BUS_H
 
+#include <poll.h>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
+#include <gtest/gtest.h>
+#include <libubox/usock.h>
 #include <libubus.h>
 
-#include "wire.h"
+#include "support/wire.h"
+
+// Waits until something has come for the context, and handles it.
+inline void handle_next(struct ubus_context *ctx)
+{
+    pollfd poll_fd = {ctx->sock.fd, POLLIN, 0};
+    ASSERT_EQ(poll(&poll_fd, 1, 10000), 1);
+    ubus_handle_event(ctx);
+}
 
 class FakeBus {
 public:
@@ -16,13 +29,8 @@ public:
 
     FakeBus()
     {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", kPath);
         unlink(kPath);
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address));
-        listen(listener_, 5);
+        listener_ = usock(USOCK_UNIX | USOCK_SERVER, kPath, nullptr);
     }
     ~FakeBus()
     {
@@ -47,7 +55,7 @@ public:
         greeter.join();
         return ctx;
     }
-    // For a connection from another thread or process.
+    // For a connection that another thread or process makes.
     void accept_and_greet()
     {
         delete stream_;
@@ -65,13 +73,14 @@ public:
     bool send_status(uint16_t seq, uint32_t peer, uint32_t status)
     {
         return send(wire::message(wire::kStatus, seq, peer,
-                                  wire::attr(wire::kAttrStatus, wire::u32(status))));
+                                  wire::attribute(wire::kAttrStatus, wire::word(status))));
     }
 
-    // Publishes an object as the request with this number.
+    // Publishes an object; its request has this number.
     int publish(struct ubus_context *ctx, struct ubus_object *object, uint16_t seq, uint32_t id)
     {
-        send(wire::message(wire::kData, seq, 0, wire::attr(wire::kAttrId, wire::u32(id))));
+        send(wire::message(wire::kData, seq, 0,
+                           wire::attribute(wire::kAttrObjectId, wire::word(id))));
         send_status(seq, 0, 0);
         int status = ubus_add_object(ctx, object);
         read();
@@ -79,7 +88,7 @@ public:
     }
 
 private:
-    int listener_ = -1;
+    int listener_;
     wire::Stream *stream_ = nullptr;
 };
 

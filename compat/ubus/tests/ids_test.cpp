@@ -17,7 +17,7 @@ ssize_t getrandom(void *buffer, size_t length, unsigned int flags);
 
 namespace {
 
-std::vector<uint32_t> g_draws; // what the random source gives, in order; then it is dry
+std::vector<uint32_t> g_draws; // what the random source gives, in order; then it fails
 
 struct Record {
     struct avl_node node;

@@ -1,7 +1,7 @@
 // Reader of vectors.txt: exchanges recorded on the bus socket.
 
-#ifndef TESTS_COMPAT_UBUS_VECTORS_H
-#define TESTS_COMPAT_UBUS_VECTORS_H
+#ifndef COMPAT_UBUS_TESTS_VECTORS_H
+#define COMPAT_UBUS_TESTS_VECTORS_H
 
 #include <fstream>
 #include <map>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "wire.h"
+#include "support/wire.h"
 
 namespace vectors {
 
@@ -37,14 +37,6 @@ inline void read_ends(const std::string &word, Item &item)
     item.peer = from == "BUS" ? to : from;
 }
 
-inline wire::Bytes from_hex(const std::string &digits)
-{
-    wire::Bytes bytes;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        bytes.push_back(uint8_t(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return bytes;
-}
-
 inline File read()
 {
     File file;
@@ -60,7 +52,7 @@ inline File read()
         } else if (keyword == "ID") {
             std::string name, equals;
             words >> name >> equals >> word;
-            file.ids[name] = from_hex(word);
+            file.ids[name] = from_hex<wire::Bytes>(word);
         } else if (keyword == "MSG" || keyword == "EOF") {
             Item item;
             item.group = group;
@@ -97,6 +89,12 @@ inline wire::Bytes bytes_of(const Item &item, const std::map<std::string, wire::
             bytes = wire::operator+(bytes, ids.at(name_of(token)));
     }
     return bytes;
+}
+
+inline wire::Bytes attributes_of(const Item &item, const std::map<std::string, wire::Bytes> &ids)
+{
+    wire::Bytes bytes = bytes_of(item, ids);
+    return wire::Bytes(bytes.begin() + 12, bytes.end());
 }
 
 } // namespace vectors

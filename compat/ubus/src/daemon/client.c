@@ -31,7 +31,7 @@ static struct uloop_fd listener;
 // Closed while accounts are looked up, so that there is a descriptor for that.
 static int spare = -1;
 
-// The socket file that is the daemon's own.
+// The daemon's own socket file.
 static dev_t own_device;
 static ino_t own_inode;
 
@@ -45,7 +45,6 @@ static LIST_HEAD(busy); // client.of_busy
 struct client *client_find(uint32_t id)
 {
     struct client *client;
-
     return avl_find_element(&clients, &id, client, by_id);
 }
 
@@ -95,7 +94,6 @@ static void resume_accepting(struct uloop_timeout *timer)
 static struct user *user_enter(uint32_t uid)
 {
     struct user *user;
-
     user = avl_find_element(&users, &uid, user, by_uid);
     if (user == NULL) {
         user = calloc(1, sizeof(*user));
@@ -175,7 +173,7 @@ static void client_remove(struct client *client)
         }
         object_remove(list_first_entry(&client->objects, struct object, of_owner));
     }
-    output_flush(); // what the last object's end caused is from this client
+    output_flush(); // while this client can still be charged
     queue_sender_left(client);
     list_del(&client->of_busy);
     user_leave(client->user);
@@ -207,7 +205,6 @@ static void client_close(struct client *client)
 static void serve(struct client *client, const uint8_t *bytes, size_t length)
 {
     struct message message;
-
     if (message_parse(&message, bytes, length))
         request_handle(client, &message);
 }
@@ -216,10 +213,8 @@ static void serve(struct client *client, const uint8_t *bytes, size_t length)
 // such a length.
 static size_t message_size(const uint8_t *bytes)
 {
-    size_t length = get_be32(bytes + kHeaderLength) & BLOB_ATTR_LEN_MASK;
-    size_t padded = (length + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
-
-    if (length < kWordLength || padded > UBUS_MAX_MSGLEN)
+    size_t length = body_length(bytes);
+    if (length < kWordLength || padded(length) > UBUS_MAX_MSGLEN)
         return 0;
     return kHeaderLength + length;
 }
@@ -247,7 +242,7 @@ static bool rest_keep(struct client *client, const uint8_t *bytes, size_t length
 }
 
 // Serves every whole message, while the client's turn lasts, and keeps what is left. False when the
-// stream makes no sense.
+// stream is malformed.
 static bool serve_input(struct client *client, const uint8_t *bytes, size_t length)
 {
     while (length > 0) {
@@ -269,8 +264,8 @@ static bool serve_input(struct client *client, const uint8_t *bytes, size_t leng
     return true;
 }
 
-// The missing part of a message is there; serves the message if it is complete by now. `bytes` is
-// what came after it and is moved past what the message still needed.
+// More of a partial message is there; serves the message if it is complete now. `bytes` is what
+// came after it and is moved past what the message still needed.
 static bool serve_partial(struct client *client, const uint8_t **bytes, size_t *length)
 {
     if (client->partial.size == kMessageMinimum) {
@@ -298,7 +293,6 @@ static bool take_input(struct client *client, size_t length)
 {
     const uint8_t *bytes = input;
     size_t missing = client->partial.size - client->partial.length;
-
     if (length < missing) {
         client->partial.length += length;
         return true;
@@ -315,7 +309,6 @@ static ssize_t read_more(struct client *client)
 {
     struct iovec parts[] = {{NULL, 0}, {input, sizeof(input)}};
     ssize_t length;
-
     if (client->partial.size > 0) {
         parts[0].iov_base = client->partial.bytes + client->partial.length;
         parts[0].iov_len = client->partial.size - client->partial.length;
@@ -333,7 +326,6 @@ static bool serve_rest(struct client *client)
 {
     uint8_t *bytes = client->rest.bytes;
     size_t length = client->rest.length;
-
     client->rest.bytes = NULL;
     client->rest.length = 0;
     bool alive = serve_input(client, bytes, length);
@@ -347,7 +339,6 @@ static bool read_on(struct client *client)
 {
     do {
         ssize_t length = read_more(client);
-
         if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
             return !client->ending;
         if (length <= 0 || !take_input(client, (size_t)length))
@@ -370,7 +361,6 @@ static void client_event(struct uloop_fd *sock, unsigned int events)
 {
     struct client *client = container_of(sock, struct client, sock);
     bool alive = true;
-
     client->work = 0;
     client->ending = client->ending || sock->eof || sock->error;
     if ((events & ULOOP_WRITE) != 0 && !client->ending) {
@@ -395,7 +385,6 @@ static void serve_busy(struct uloop_timeout *timer)
         output_flush();
     } else {
         bool alive = client->rest.bytes == NULL || serve_rest(client);
-
         if (alive && client->ending && client->rest.bytes == NULL)
             alive = read_on(client);
         end_turn(client, alive);
@@ -406,13 +395,7 @@ static void serve_busy(struct uloop_timeout *timer)
 
 static void put_account(uint8_t *to, uint32_t attr, const char *name, size_t length)
 {
-    put_attr(to, attr, length);
-    memcpy(to + kWordLength, name, length);
-}
-
-static size_t padded_attr(size_t payload)
-{
-    return (kWordLength + payload + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
+    memcpy(put_attr(to, attr, length), name, length);
 }
 
 // Whether an account that was not found is missing, and not just impossible to look up now.
@@ -422,7 +405,7 @@ static bool is_missing(int error)
 }
 
 // Who the client is, as forwarded calls tell it. Both names, or none for an account without
-// entries. False when that could not be found out.
+// entries. False when they cannot be found out.
 static bool find_accounts(struct client *client, const struct ucred *who)
 {
     errno = 0;
@@ -436,14 +419,14 @@ static bool find_accounts(struct client *client, const struct ucred *who)
 
     size_t user_length = strlen(user->pw_name) + 1;
     size_t group_length = strlen(group->gr_name) + 1;
-    size_t length = padded_attr(user_length) + padded_attr(group_length);
+    size_t user_size = padded(kWordLength + user_length);
+    size_t length = user_size + padded(kWordLength + group_length);
     client->accounts = calloc(1, length);
     if (client->accounts == NULL)
         return false;
     client->accounts_length = length;
     put_account(client->accounts, UBUS_ATTR_USER, user->pw_name, user_length);
-    put_account(client->accounts + padded_attr(user_length), UBUS_ATTR_GROUP, group->gr_name,
-                group_length);
+    put_account(client->accounts + user_size, UBUS_ATTR_GROUP, group->gr_name, group_length);
     return true;
 }
 
@@ -459,7 +442,6 @@ static bool identify(struct client *client)
 {
     struct ucred who;
     socklen_t size = sizeof(who);
-
     if (getsockopt(client->sock.fd, SOL_SOCKET, SO_PEERCRED, &who, &size) != 0)
         return false;
     client->user = user_enter(who.uid);
@@ -477,9 +459,7 @@ static void greet(struct client *client)
 {
     uint8_t bytes[kMessageMinimum];
     struct iovec part = {bytes, sizeof(bytes)};
-
-    put_header(bytes, UBUS_MSG_HELLO, 0, client->id);
-    put_be32(bytes + kHeaderLength, kWordLength);
+    put_be32(put_header(bytes, UBUS_MSG_HELLO, 0, client->id), kWordLength);
     output_send(client, (struct origin){.from = NULL}, &part, 1);
     output_flush();
 }
@@ -493,7 +473,6 @@ static bool watch(struct client *client)
 static void client_open(int fd)
 {
     struct client *client = calloc(1, sizeof(*client));
-
     if (client == NULL) {
         close(fd);
         return;
@@ -515,7 +494,7 @@ static void client_open(int fd)
         client_close(client);
 }
 
-// What keeps the daemon from accepting leaves the backlog readable: stop looking at it for a while.
+// The backlog stays readable while accepting fails, so stop watching it for a while.
 static void pause_accepting(void)
 {
     uloop_fd_delete(&listener);
@@ -548,7 +527,6 @@ static void accept_clients(struct uloop_fd *sock, unsigned int events)
 static bool make_way(const char *path)
 {
     struct stat status;
-
     if (lstat(path, &status) != 0)
         return errno == ENOENT;
     if (!S_ISSOCK(status.st_mode)) {
@@ -569,7 +547,6 @@ static bool make_way(const char *path)
 bool clients_listen(const char *path)
 {
     struct stat status;
-
     ids_init(&clients);
     ids_init(&users);
     if (!make_way(path))
@@ -593,7 +570,6 @@ bool clients_listen(const char *path)
 void clients_end(const char *path)
 {
     struct stat status;
-
     if (lstat(path, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_dev == own_device &&
         status.st_ino == own_inode)
         unlink(path);

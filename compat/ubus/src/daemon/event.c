@@ -21,7 +21,7 @@ struct event {
     const void *fields;
     size_t length;
     struct client *cause; // charged for it
-    bool is_daemons;      // goes to everybody, those of a client not to itself
+    bool is_daemons;      // sent to everyone; a client's own is not sent to itself
 };
 
 static LIST_HEAD(listeners); // objects with patterns, object.of_listener
@@ -39,7 +39,6 @@ static bool matches(const struct pattern *pattern, const char *name)
 static bool listens_to(const struct object *object, const char *name)
 {
     struct pattern *pattern;
-
     avl_for_each_element(&object->patterns, pattern, by_text)
     {
         if (matches(pattern, name))
@@ -48,12 +47,7 @@ static bool listens_to(const struct object *object, const char *name)
     return false;
 }
 
-static size_t padding(size_t length)
-{
-    return -length & (BLOB_ATTR_ALIGN - 1);
-}
-
-// Nothing is copied until there is known to be room for it: there may be many listeners.
+// Nothing is copied before it is known that there is room: there may be many listeners.
 static void deliver(const struct object *object, const struct event *event)
 {
     static const uint8_t kZeros[BLOB_ATTR_ALIGN];
@@ -73,11 +67,9 @@ static void deliver(const struct object *object, const struct event *event)
 
     for (int i = 0; i < kCount; i++)
         length += parts[i].iov_len;
-    put_header(head, UBUS_MSG_INVOKE, ++seq, 0);
-    put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
-    put_attr(head + kMessageMinimum, UBUS_ATTR_OBJID, kWordLength);
-    put_be32(head + kMessageMinimum + kWordLength, object->id);
-    put_attr(head + kMessageMinimum + 2 * kWordLength, UBUS_ATTR_METHOD, event->name_size);
+    uint8_t *body = put_header(head, UBUS_MSG_INVOKE, ++seq, 0);
+    uint8_t *attrs = put_be32(body, (uint32_t)(length - kHeaderLength));
+    put_attr(put_u32(attrs, UBUS_ATTR_OBJID, object->id), UBUS_ATTR_METHOD, event->name_size);
     put_attr(data, UBUS_ATTR_DATA, event->length);
     output_send(object->owner, (struct origin){.from = event->cause}, parts, kCount);
 }
@@ -86,7 +78,6 @@ static void deliver(const struct object *object, const struct event *event)
 static void publish(const struct event *event)
 {
     struct object *object;
-
     list_for_each_entry(object, &listeners, of_listener)
     {
         if ((object->owner == event->cause && !event->is_daemons) || object->owner->broken)
@@ -102,7 +93,6 @@ static void publish(const struct event *event)
 static void publish_object(const char *event, const struct object *object)
 {
     static struct blob_buf fields;
-
     if (object->path == NULL || list_empty(&listeners))
         return;
     if (blob_buf_init(&fields, 0) != 0 || blobmsg_add_u32(&fields, "id", object->id) != 0 ||
@@ -131,7 +121,6 @@ void event_init_listener(struct object *object)
 void event_forget_listener(struct object *object)
 {
     struct pattern *pattern, *next;
-
     object->owner->kept.patterns -= object->patterns.count;
     avl_remove_all_elements(&object->patterns, pattern, by_text, next) free(pattern);
     list_del_init(&object->of_listener);
@@ -142,7 +131,7 @@ static bool add_pattern(struct object *object, const char *text)
     struct client *owner = object->owner;
     size_t size = strlen(text) + 1;
 
-    // The same pattern again changes nothing that anybody could see.
+    // Registering the same pattern again has no effect.
     if (avl_find(&object->patterns, text) != NULL)
         return true;
 

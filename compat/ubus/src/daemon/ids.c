@@ -1,5 +1,5 @@
-// Numbers for clients, objects and types. They are drawn at random so that an id remembered from
-// before a restart of the daemon meets nobody instead of somebody else.
+// Numbers for clients, objects and types. They are random, so that an id from before a restart of
+// the daemon fits nothing instead of something else.
 
 #include "ubusd.h"
 
@@ -13,28 +13,19 @@ static uint32_t draw(void)
 {
     static uint32_t fallback = kFirstOwnId;
     uint32_t id;
-
     if (getrandom(&id, sizeof(id), GRND_NONBLOCK) == (ssize_t)sizeof(id))
         return id;
-    // No entropy this early in the boot: any unique numbers do.
+    // No entropy this early in the boot: any unique number will do.
     return ++fallback;
-}
-
-static int compare(const void *left, const void *right, void *unused)
-{
-    uint32_t a = *(const uint32_t *)left;
-    uint32_t b = *(const uint32_t *)right;
-
-    (void)unused;
-    return (a > b) - (a < b);
 }
 
 void ids_init(struct avl_tree *tree)
 {
-    avl_init(tree, compare, false, NULL);
+    avl_init(tree, compare_ids, false, NULL);
 }
 
-// Gives the record an unused id and enters it into the tree. Fails only on a full house.
+// Gives the record an unused id and enters it into the tree. Fails only when many draws in a row
+// are taken.
 bool ids_insert(struct avl_tree *tree, struct avl_node *node, uint32_t *id)
 {
     node->key = id;

@@ -41,7 +41,6 @@ static void forget_last(struct client *client, struct lookup *lookup)
 static void remember_last(struct client *client, struct lookup *lookup, const char *path)
 {
     size_t size = strlen(path) + 1;
-
     forget_last(client, lookup);
     if (!client_stores(client, size))
         return;
@@ -53,7 +52,6 @@ static void remember_last(struct client *client, struct lookup *lookup, const ch
 static bool is_prefix_pattern(const char *pattern)
 {
     size_t length = strlen(pattern);
-
     return length > 0 && pattern[length - 1] == '*';
 }
 
@@ -61,7 +59,6 @@ static void send_object(struct client *client, const struct lookup *lookup,
                         const struct object *object)
 {
     struct blob_buf *answer = answer_begin();
-
     if (answer == NULL || blob_put_string(answer, UBUS_ATTR_OBJPATH, object->path) == NULL ||
         blob_put_u32(answer, UBUS_ATTR_OBJID, object->id) == NULL ||
         blob_put_u32(answer, UBUS_ATTR_OBJTYPE, object->type->id) == NULL ||
@@ -77,7 +74,6 @@ static struct object *next_object(const struct lookup *lookup, const char *prefi
 {
     const char *from = lookup->last != NULL ? lookup->last : prefix;
     struct avl_node *node = avl_find_greaterequal(&objects_by_path, from);
-
     if (node != NULL && lookup->last != NULL && strcmp(node->key, lookup->last) == 0) {
         if (avl_is_last(&objects_by_path, node))
             return NULL;
@@ -92,7 +88,6 @@ static bool list_prefix(struct client *client, struct lookup *lookup, const char
 {
     struct object *object = next_object(lookup, prefix);
     const char *sent = NULL;
-
     while (object != NULL && strncmp(object->path, prefix, length) == 0) {
         if (has_to_wait(client)) {
             if (sent != NULL)
@@ -127,7 +122,6 @@ static bool list_matching(struct client *client, struct lookup *lookup)
 static void list_one(struct client *client, struct lookup *lookup)
 {
     struct object *object;
-
     object = avl_find_element(&objects_by_path, lookup->pattern, object, by_path);
     if (object == NULL)
         return;
@@ -140,7 +134,6 @@ static void list_one(struct client *client, struct lookup *lookup)
 static bool run(struct client *client, struct lookup *lookup)
 {
     uint32_t status = UBUS_STATUS_OK;
-
     if (has_to_wait(client))
         return false;
     if (lookup->pattern == NULL) {
@@ -198,7 +191,6 @@ void request_lookup(struct client *client, const struct message *message)
 {
     struct blob_attr *path = message->attr[UBUS_ATTR_OBJPATH];
     struct lookup lookup = {.request = *message, .pattern = path != NULL ? blob_data(path) : NULL};
-
     if (lookup.pattern != NULL && lookup.pattern[0] == '\0') {
         send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
         return;
@@ -213,7 +205,6 @@ void lookups_resume(struct client *client)
 {
     while (!list_empty(&client->lookups) && !has_to_wait(client)) {
         struct lookup *lookup = list_first_entry(&client->lookups, struct lookup, list);
-
         if (!run(client, lookup))
             return;
         forget(client, lookup);

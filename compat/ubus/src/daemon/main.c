@@ -36,12 +36,11 @@ static bool catch_end(void)
     return signals.fd >= 0 && uloop_fd_add(&signals, ULOOP_READ | ULOOP_BLOCKING) == 0;
 }
 
-// With one of the first three closed, a client's socket would take its place, and error messages
-// would go to the client.
+// If a standard descriptor is closed, a client's socket would take its place and get the error
+// messages.
 static void fill_standard_descriptors(void)
 {
     int fd;
-
     do
         fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     while (fd >= 0 && fd <= STDERR_FILENO);
@@ -63,7 +62,6 @@ int main(int argc, char **argv)
 {
     const char *path = DEFAULT_SOCKET;
     int option;
-
     fill_standard_descriptors();
     while ((option = getopt(argc, argv, "s:A:")) != -1) {
         if (option == 's')

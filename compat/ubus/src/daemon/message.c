@@ -1,25 +1,10 @@
-// Taking messages apart and putting the daemon's own ones together.
+// Parses messages and builds the daemon's own.
 
 #include "ubusd.h"
 
 #include "../attributes.h"
 
 #include <string.h>
-
-void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer)
-{
-    to[0] = 0;
-    to[1] = type;
-    to[2] = (uint8_t)(seq >> 8);
-    to[3] = (uint8_t)seq;
-    put_be32(to + 4, peer);
-}
-
-// The first word of an attribute.
-void put_attr(uint8_t *to, uint32_t id, size_t payload)
-{
-    put_be32(to, id << BLOB_ATTR_ID_SHIFT | (uint32_t)(kWordLength + payload));
-}
 
 // `bytes` is one whole message. Attributes point into it.
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length)
@@ -30,11 +15,9 @@ bool message_parse(struct message *message, const uint8_t *bytes, size_t length)
     message->bytes = bytes;
     message->length = length;
     message->type = bytes[1];
-    message->seq = (uint16_t)(bytes[2] << 8 | bytes[3]);
+    message->seq = get_be16(bytes + 2);
     message->peer = get_be32(bytes + 4);
-    memset(message->attr, 0, sizeof(message->attr));
-    blob_parse_untrusted((struct blob_attr *)(uintptr_t)(bytes + kHeaderLength),
-                         length - kHeaderLength, message->attr, kAttributes, UBUS_ATTR_MAX);
+    parse_attrs(bytes + kHeaderLength, length - kHeaderLength, message->attr);
     return true;
 }
 
@@ -61,11 +44,8 @@ void send_status(struct client *to, const struct message *request, uint32_t stat
 {
     uint8_t bytes[kMessageMinimum + 2 * kWordLength];
     struct iovec part = {bytes, sizeof(bytes)};
-
-    put_header(bytes, UBUS_MSG_STATUS, request->seq, request->peer);
-    put_be32(bytes + 8, sizeof(bytes) - kHeaderLength);
-    put_attr(bytes + 12, UBUS_ATTR_STATUS, kWordLength);
-    put_be32(bytes + 16, status);
+    uint8_t *body = put_header(bytes, UBUS_MSG_STATUS, request->seq, request->peer);
+    put_u32(put_be32(body, sizeof(bytes) - kHeaderLength), UBUS_ATTR_STATUS, status);
     output_send(to, (struct origin){.from = NULL}, &part, 1);
 }
 
@@ -73,6 +53,5 @@ void send_status(struct client *to, const struct message *request, uint32_t stat
 struct blob_buf *answer_begin(void)
 {
     static struct blob_buf answer;
-
     return blob_buf_init(&answer, 0) == 0 ? &answer : NULL;
 }

@@ -25,11 +25,10 @@ void objects_init(void)
 struct object *object_find(uint32_t id)
 {
     struct object *object;
-
     return avl_find_element(&objects, &id, object, by_id);
 }
 
-// The daemon's own objects exist, though no record stands for them and nobody may touch them.
+// The daemon's own objects exist without a record, and no client may change them.
 bool is_system_object(uint32_t id)
 {
     return id >= UBUS_SYSTEM_OBJECT_EVENT && id <= UBUS_SYSTEM_OBJECT_MONITOR;
@@ -39,7 +38,6 @@ static bool signature_is_sound(const struct blob_attr *signature)
 {
     struct blob_attr *method;
     size_t rest;
-
     blob_for_each_attr(method, signature, rest)
     {
         if (!blobmsg_check_attr(method, true))
@@ -53,7 +51,6 @@ static struct object_type *type_create(const struct blob_attr *signature)
 {
     size_t length = blob_len(signature);
     struct object_type *type = calloc(1, sizeof(*type) + length);
-
     if (type == NULL)
         return NULL;
     type->length = (uint32_t)length;
@@ -65,12 +62,11 @@ static struct object_type *type_create(const struct blob_attr *signature)
     return type;
 }
 
-// Gives a new object the type it asks for. An unknown one and a signature that makes no sense are
-// not errors: the object then has no type.
+// Gives a new object the type it asks for. An unknown type or a malformed signature is not an
+// error: the object then has no type.
 static bool type_assign(struct object *object, const struct message *message)
 {
     struct blob_attr *signature = message->attr[UBUS_ATTR_SIGNATURE];
-
     if (message->attr[UBUS_ATTR_OBJTYPE] != NULL) {
         uint32_t id = message_u32(message, UBUS_ATTR_OBJTYPE);
         struct object_type *type;
@@ -96,7 +92,6 @@ static void type_release(struct object_type *type)
 static struct object *object_create(struct client *owner, const char *path)
 {
     struct object *object = calloc(1, sizeof(*object));
-
     if (object == NULL)
         return NULL;
     object->owner = owner;
@@ -127,7 +122,6 @@ static uint32_t object_admit(struct object *object)
 {
     struct client *owner = object->owner;
     size_t bytes = object->path != NULL ? strlen(object->path) + 1 : 0;
-
     if (object->type != NULL)
         bytes += object->type->length;
     if (object->path != NULL && bytes > UBUS_MAX_MSGLEN - kAroundObject)
@@ -152,7 +146,6 @@ static void answer_object(struct client *client, const struct message *message,
                           const struct object *object, bool with_type)
 {
     struct blob_buf *answer = answer_begin();
-
     if (answer == NULL || blob_put_u32(answer, UBUS_ATTR_OBJID, object->id) == NULL)
         return;
     if (with_type && blob_put_u32(answer, UBUS_ATTR_OBJTYPE, object->type->id) == NULL)
@@ -164,7 +157,6 @@ void request_add_object(struct client *client, const struct message *message)
 {
     struct blob_attr *path_attr = message->attr[UBUS_ATTR_OBJPATH];
     const char *path = path_attr != NULL ? blob_data(path_attr) : NULL;
-
     if (path != NULL && avl_find(&objects_by_path, path) != NULL) {
         send_status(client, message, UBUS_STATUS_INVALID_ARGUMENT);
         return;
@@ -225,7 +217,6 @@ struct object *object_of_request(struct client *client, const struct message *me
 void request_remove_object(struct client *client, const struct message *message)
 {
     struct object *object = object_of_request(client, message);
-
     if (object == NULL)
         return;
     answer_object(client, message, object, object->type != NULL && object->type->objects == 1);

@@ -1,6 +1,6 @@
-// Sending. Short messages to one client are collected while one batch of input is worked off and
-// leave in one write: an owner's answer and its status wake the caller once. What a socket does not
-// take waits in the client's queue; what has no room there is dropped as a whole, and the stream
+// Sending. Short messages to one client are collected while one batch of input is served and go out
+// in one write: an owner's answer and its status wake the caller once. What a socket does not take
+// waits in the client's queue; a message without room there is dropped as a whole, so the stream
 // stays in step.
 
 #include "ubusd.h"
@@ -35,7 +35,7 @@ static bool is_stalled(const struct client *client)
     return !list_empty(&client->queue.messages);
 }
 
-// Its stream cannot go on.
+// Ends a client whose stream cannot go on.
 static void give_up(struct client *client)
 {
     client->broken = true;
@@ -44,17 +44,17 @@ static void give_up(struct client *client)
     client_goes_on(client);
 }
 
-// Whether the socket has room matters only to what waits for it.
+// Watches for room in the socket only while something waits for it.
 void output_watch(struct client *client)
 {
-    // A client that waits for its next turn is not read before.
+    // Nothing is read from a client that waits for its next turn.
     unsigned int events = list_empty(&client->of_busy) ? ULOOP_READ : 0;
 
     if (is_stalled(client) || !list_empty(&client->lookups))
         events |= ULOOP_WRITE;
     if (events == client->events || client->ending)
         return;
-    // ULOOP_BLOCKING only says that the descriptor's mode is our own affair.
+    // ULOOP_BLOCKING only keeps the loop from changing the descriptor's mode.
     if (uloop_fd_add(&client->sock, events | ULOOP_BLOCKING) == 0)
         client->events = events;
     else
@@ -65,7 +65,6 @@ static void queue_message(struct client *client, struct origin origin, const str
                           int count, size_t sent, size_t total)
 {
     enum queue_result result = queue_add(&client->queue, origin, parts, count, sent, total);
-
     if (result == kQueueKept)
         output_watch(client);
     else if (sent > 0)
@@ -119,8 +118,7 @@ void output_flush(void)
     size_t sent = write_or_stall(client, &all, 1, length);
     const struct origin *origin = collected.origins;
     for (size_t at = 0; at < length && !client->broken; origin++) {
-        size_t size =
-            kHeaderLength + (get_be32(collected.bytes + at + kHeaderLength) & BLOB_ATTR_LEN_MASK);
+        size_t size = kHeaderLength + body_length(collected.bytes + at);
         struct iovec one = {collected.bytes + at, size};
         size_t done = sent > at ? sent - at : 0;
 
@@ -150,7 +148,6 @@ static void collect(struct client *to, struct origin origin, const struct iovec 
 void output_send(struct client *to, struct origin origin, const struct iovec *parts, int count)
 {
     size_t total = 0;
-
     if (to->broken)
         return;
     for (int i = 0; i < count; i++)

@@ -1,7 +1,7 @@
 // What a client has not read yet, message by message.
 //
-// A client that floods a busy one must not take the place of others, so every sender has a share of
-// the queue. Each caller may have a limited number of calls and of their bytes, but one call of any
+// A client that floods a busy one must not push out others, so every sender has a share of the
+// queue. Each caller may have a limited number of calls and of their bytes, but one call of any
 // size. Everything else (answers, events, notifications) shares the rest; when that is full every
 // sender may still have one message and a limited number of bytes more, such as the status after a
 // long answer. What exceeds this is dropped.
@@ -19,7 +19,7 @@ enum {
     kDaemonId = 0,          // in place of a client's id
 };
 
-// What one sender has in one queue. There while there is anything.
+// What one sender has in one queue. Exists while there is something.
 struct share {
     struct avl_node of_queue;   // key: sender
     struct list_head of_sender; // in client.sent; empty for the daemon and for those who left
@@ -77,14 +77,12 @@ static bool users_permit(const struct queue *queue, const struct client *from, s
 static struct share *share_find(const struct queue *queue, uint32_t sender)
 {
     struct share *share;
-
     return avl_find_element(&queue->shares, &sender, share, of_queue);
 }
 
 static struct share *share_create(struct queue *queue, struct client *from)
 {
     struct share *share = calloc(1, sizeof(*share));
-
     if (share == NULL)
         return NULL;
     share->queue = queue;
@@ -130,7 +128,6 @@ static void charge(struct share *share, struct waiting *message)
 static void drop(struct waiting *message)
 {
     struct share *share = message->share;
-
     if (message->is_call) {
         share->calls--;
         share->call_bytes -= message->cost;
@@ -151,8 +148,7 @@ static void drop(struct waiting *message)
     free(message);
 }
 
-// Keeps a message of which `sent` bytes are out already. One that is partly out is kept in any
-// case.
+// Keeps a message of which `sent` bytes are out already. One that is partly out is always kept.
 enum queue_result queue_add(struct queue *queue, struct origin origin, const struct iovec *parts,
                             int count, size_t sent, size_t total)
 {
@@ -191,7 +187,6 @@ int queue_parts(const struct queue *queue, struct iovec *parts, int count)
 {
     struct waiting *message;
     int used = 0;
-
     list_for_each_entry(message, &queue->messages, list)
     {
         if (used == count)
@@ -208,7 +203,6 @@ void queue_sent(struct queue *queue, size_t length)
     while (length > 0) {
         struct waiting *message = list_first_entry(&queue->messages, struct waiting, list);
         size_t rest = message->length - message->sent;
-
         if (length < rest) {
             message->sent += length;
             return;
@@ -252,11 +246,9 @@ static void drop_unsent(struct queue *queue, const struct share *share)
 void queue_sender_left(struct client *sender)
 {
     struct share *share, *next;
-
     list_for_each_entry_safe(share, next, &sender->sent, of_sender)
     {
         struct queue *queue = share->queue;
-
         list_del_init(&share->of_sender);
         share->user->waiting_from -= share->bytes;
         share->user = NULL;

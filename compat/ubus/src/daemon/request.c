@@ -1,4 +1,4 @@
-// What a client can ask for, and passing calls and answers on.
+// The requests of clients, and passing on calls and answers.
 
 #include "ubusd.h"
 
@@ -8,7 +8,6 @@ typedef void (*request_handler)(struct client *client, const struct message *mes
 static struct iovec whole_attr(struct blob_attr *attr)
 {
     struct iovec part = {attr, attr != NULL ? blob_pad_len(attr) : 0};
-
     return part;
 }
 
@@ -16,9 +15,7 @@ static struct iovec whole_attr(struct blob_attr *attr)
 // are refused: without the names a client would pass for one that has none.
 bool call_has_room_for_names(const struct client *from, const struct message *call)
 {
-    size_t padded = (call->length + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
-
-    return padded + from->accounts_length <= kHeaderLength + UBUS_MAX_MSGLEN;
+    return padded(call->length) + from->accounts_length <= kHeaderLength + UBUS_MAX_MSGLEN;
 }
 
 // Hands a call, which has room for the names, to the owner of an object. Beyond object, method and
@@ -42,10 +39,9 @@ void forward_call(struct client *to, uint32_t object_id, struct client *from,
 
     for (int i = 0; i < kCount; i++)
         length += parts[i].iov_len;
-    put_header(head, UBUS_MSG_INVOKE, call->seq, from->id);
-    put_be32(head + kHeaderLength, (uint32_t)(length - kHeaderLength));
-    put_attr(object, UBUS_ATTR_OBJID, kWordLength);
-    put_be32(object + kWordLength, object_id);
+    put_be32(put_header(head, UBUS_MSG_INVOKE, call->seq, from->id),
+             (uint32_t)(length - kHeaderLength));
+    put_u32(object, UBUS_ATTR_OBJID, object_id);
     output_send(to, (struct origin){from, call->type == UBUS_MSG_INVOKE}, parts, kCount);
 }
 
@@ -73,12 +69,11 @@ static void request_invoke(struct client *client, const struct message *message)
     forward_call(object->owner, id, client, message, false);
 }
 
-// DATA or STATUS of an owner, for the caller named in peer. There is no table of open calls: what
-// an owner says is passed on, and what fits nobody is dropped without a word.
+// DATA or STATUS of an owner, for the caller named in peer. There is no table of open calls: an
+// owner's answers are passed on, and those without a caller are dropped silently.
 static void forward_answer(struct client *client, const struct message *message)
 {
     int needed = message->type == UBUS_MSG_STATUS ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA;
-
     if (message->attr[needed] == NULL || message->attr[UBUS_ATTR_OBJID] == NULL)
         return;
     const struct object *object = object_find(message_u32(message, UBUS_ATTR_OBJID));
@@ -95,8 +90,8 @@ static void forward_answer(struct client *client, const struct message *message)
         {head, sizeof(head)},
         {(void *)(uintptr_t)(message->bytes + kMessageMinimum), message->length - kMessageMinimum},
     };
-    put_header(head, message->type, message->seq, object->id);
-    put_be32(head + kHeaderLength, (uint32_t)(message->length - kHeaderLength));
+    put_be32(put_header(head, message->type, message->seq, object->id),
+             (uint32_t)(message->length - kHeaderLength));
     output_send(caller, (struct origin){.from = client}, parts, 2);
 }
 

@@ -1,4 +1,4 @@
-// Watching objects: a client's object (the watcher) subscribes to somebody else's (the target) and
+// Watching objects: a client's object (the watcher) subscribes to another client's (the target) and
 // gets its notifications as calls.
 
 #include "ubusd.h"
@@ -20,18 +20,16 @@ struct subscription {
 static void tell_active(struct object *target, bool active, struct client *cause)
 {
     struct blob_buf *body = answer_begin();
-
     if (body == NULL || blob_put_u32(body, UBUS_ATTR_OBJID, target->id) == NULL ||
         blob_put_u8(body, UBUS_ATTR_ACTIVE, active) == NULL)
         return;
     send_blob(target->owner, cause, UBUS_MSG_NOTIFY, ++target->notify_seq, 0, body->head);
 }
 
-// Tells a watcher that its target is no more.
+// Tells a watcher that its target is gone.
 static void tell_gone(struct object *watcher, const struct object *target)
 {
     struct blob_buf *body = answer_begin();
-
     if (body == NULL || blob_put_u32(body, UBUS_ATTR_OBJID, watcher->id) == NULL ||
         blob_put_u32(body, UBUS_ATTR_TARGET, target->id) == NULL)
         return;
@@ -43,7 +41,6 @@ static void unsubscribe(struct subscription *subscription, struct client *cause)
 {
     struct object *target = subscription->target;
     struct object *watcher = subscription->watcher;
-
     list_del(&subscription->of_target);
     target->watcher_count--;
     avl_delete(&watcher->watched, &subscription->of_watcher);
@@ -53,11 +50,10 @@ static void unsubscribe(struct subscription *subscription, struct client *cause)
         tell_active(target, false, cause);
 }
 
-// The object goes: as a target and as a watcher.
+// Ends all subscriptions of an object, as target and as watcher.
 void subscriptions_forget(struct object *object)
 {
     struct subscription *subscription, *next;
-
     list_for_each_entry_safe(subscription, next, &object->watchers, of_target)
     {
         object->owner->work += kWorkSend;
@@ -88,7 +84,6 @@ static uint32_t find_pair(struct client *client, const struct message *message,
 static struct subscription *find_subscription(struct object *watcher, struct object *target)
 {
     struct subscription *subscription;
-
     return avl_find_element(&watcher->watched, &target->id, subscription, of_watcher);
 }
 
@@ -136,7 +131,6 @@ void request_unsubscribe(struct client *client, const struct message *message)
 
     if (status == UBUS_STATUS_OK) {
         struct subscription *subscription = find_subscription(watcher, target);
-
         if (subscription != NULL)
             unsubscribe(subscription, client);
         else
@@ -151,7 +145,6 @@ static void answer_watchers(struct client *client, const struct message *message
 {
     struct blob_buf *body = answer_begin();
     struct subscription *subscription;
-
     if (body == NULL || blob_put_u32(body, UBUS_ATTR_OBJID, object->id) == NULL)
         return;
     void *list = blob_nest_start(body, UBUS_ATTR_SUBSCRIBERS);

@@ -3,8 +3,8 @@
 // One thread, one event loop. Input is read into one buffer of the daemon and served message by
 // message straight from there; what a message causes is sent before the next read. A client whose
 // messages cause much work, such as events with many listeners, waits after each part of it until
-// others had their turn. Nothing closes a client but its own turn, so no message handler has to
-// expect a client or object to go away under it except by its own doing.
+// others had their turn. A client is closed only in its own turn, so clients and objects do not
+// disappear under a message handler unless it removes them itself.
 
 #ifndef UBUSD_H
 #define UBUSD_H
@@ -21,14 +21,9 @@
 
 #include "ubusmsg.h"
 
-#include "../bytes.h"
+#include "../wire.h"
 
-enum {
-    kHeaderLength = sizeof(struct ubus_msghdr),
-    kWordLength = 4, // of a body or attribute
-    kMessageMinimum = kHeaderLength + kWordLength,
-    kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX, // ids below are the daemon's
-};
+enum { kFirstOwnId = UBUS_SYSTEM_OBJECT_MAX }; // ids below are the daemon's
 
 // What waits until a client reads again; see queue.c.
 struct queue {
@@ -60,7 +55,7 @@ struct client {
     struct user *user;
     size_t work;              // done for it in this turn; see kWorkPerTurn
     struct list_head of_busy; // in the list of clients that go on without an event
-    bool ending;              // has hung up: what it still said is read
+    bool ending;              // has hung up; what it sent before is still read
     bool broken;              // takes no more output; its next turn closes it
     bool gone;                // closed, less its objects
     struct list_head objects; // object.of_owner
@@ -82,7 +77,7 @@ struct client {
         size_t size;
     } partial;
 
-    // Input that did not get its turn yet.
+    // Input that waits for its turn.
     struct {
         uint8_t *bytes;
         size_t length;
@@ -182,8 +177,6 @@ void queue_sender_left(struct client *sender);
 // message.c
 bool message_parse(struct message *message, const uint8_t *bytes, size_t length);
 uint32_t message_u32(const struct message *message, int attr);
-void put_attr(uint8_t *to, uint32_t id, size_t payload);
-void put_header(uint8_t *to, uint8_t type, uint16_t seq, uint32_t peer);
 void send_blob(struct client *to, struct client *from, uint8_t type, uint16_t seq, uint32_t peer,
                struct blob_attr *body);
 void send_status(struct client *to, const struct message *request, uint32_t status);

@@ -1,8 +1,8 @@
 // Calling methods of others.
 
-#include <string.h>
-
 #include "internal.h"
+
+#include <string.h>
 
 UBUS_EXPORT int ubus_invoke_fd(struct ubus_context *ctx, uint32_t obj, const char *method,
                                struct blob_attr *msg, ubus_data_handler_t cb, void *priv,

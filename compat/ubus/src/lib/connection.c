@@ -1,5 +1,7 @@
 // Making, losing and dropping the connection to the daemon.
 
+#include "internal.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -9,15 +11,12 @@
 
 #include <libubox/usock.h>
 
-#include "internal.h"
-
 static const char kDefaultPath[] = "/var/run/ubus/ubus.sock";
 
 static bool read_all(int fd, uint8_t *bytes, size_t size)
 {
     while (size > 0) {
         ssize_t length = read(fd, bytes, size);
-
         if (length < 0 && errno == EINTR)
             continue;
         if (length <= 0)
@@ -31,10 +30,8 @@ static bool read_all(int fd, uint8_t *bytes, size_t size)
 static bool skip(int fd, size_t size)
 {
     uint8_t bytes[256];
-
     while (size > 0) {
         size_t part = size < sizeof(bytes) ? size : sizeof(bytes);
-
         if (!read_all(fd, bytes, part))
             return false;
         size -= part;
@@ -47,7 +44,6 @@ static bool read_greeting(int fd, uint32_t *id)
 {
     uint8_t bytes[kMessageMinimum];
     struct ubus_msghdr header;
-
     if (!read_all(fd, bytes, sizeof(bytes)))
         return false;
     memcpy(&header, bytes, sizeof(header));
@@ -59,8 +55,8 @@ static bool read_greeting(int fd, uint32_t *id)
     return *id > UBUS_CLIENT_ID_CHANNEL && skip(fd, length - kWordLength);
 }
 
-// Where one of the first three is closed, the socket would get its number, and what the program
-// prints would go to the bus.
+// If a standard descriptor is closed, the socket would get its number, and what the program prints
+// would go to the bus.
 static int above_standard(int fd)
 {
     if (fd < 0 || fd > STDERR_FILENO)
@@ -75,7 +71,6 @@ static int above_standard(int fd)
 static int dial(const char *path, uint32_t *id)
 {
     int fd = above_standard(usock(USOCK_UNIX, path != NULL ? path : kDefaultPath, NULL));
-
     if (fd < 0)
         return -1;
     if (!read_greeting(fd, id) || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK) != 0) {
@@ -85,8 +80,8 @@ static int dial(const char *path, uint32_t *id)
     return fd;
 }
 
-// A connection that is not in the loop may be used on another thread than the loop's, as a plain
-// client's is in a process that also serves: it stays away from what the loop works with.
+// A connection outside the loop may belong to another thread, as a client's does in a process that
+// also serves, so it does not touch the loop.
 static void leave_loop(struct connection *connection)
 {
     if (connection->ctx.sock.registered)
@@ -120,7 +115,7 @@ void connection_release(struct connection *connection)
         destroy(connection);
 }
 
-// In between calls from others are put by; afterwards they are due.
+// Between the two, calls from others are postponed; afterwards they are due.
 void connection_enter(struct connection *connection)
 {
     connection_hold(connection);
@@ -134,7 +129,7 @@ void connection_leave(struct connection *connection)
     connection_release(connection);
 }
 
-// A program that does not care ends its loop, if the loop knew of the connection at all.
+// What programs get that do not set connection_lost: the loop ends if the connection was in it.
 static void end_loop(struct ubus_context *ctx)
 {
     if (ctx->sock.registered)
@@ -145,7 +140,6 @@ static void end_loop(struct ubus_context *ctx)
 void connection_end(struct connection *connection)
 {
     struct ubus_context *ctx = &connection->ctx;
-
     if (connection->lost || connection->freed)
         return;
     connection->lost = true;
@@ -169,7 +163,6 @@ void connection_break(struct connection *connection)
 UBUS_EXPORT struct ubus_context *ubus_connect(const char *path)
 {
     struct connection *connection;
-
     uloop_init();
     connection = calloc(1, sizeof(*connection));
     if (connection == NULL)
@@ -195,7 +188,6 @@ UBUS_EXPORT struct ubus_context *ubus_connect(const char *path)
 UBUS_EXPORT void ubus_free(struct ubus_context *ctx)
 {
     struct connection *connection = connection_of(ctx);
-
     if (ctx == NULL || connection->freed)
         return;
     hang_up(connection);
@@ -208,7 +200,6 @@ UBUS_EXPORT void ubus_free(struct ubus_context *ctx)
 UBUS_EXPORT int ubus_reconnect(struct ubus_context *ctx, const char *path)
 {
     struct connection *connection = connection_of(ctx);
-
     hang_up(connection);
     input_reset(connection);
     connection->generation++;
@@ -220,7 +211,7 @@ UBUS_EXPORT int ubus_reconnect(struct ubus_context *ctx, const char *path)
     connection->lost = false;
     ctx->sock.eof = false;
     ctx->sock.error = false;
-    // Calls that come for the objects published first wait until all are.
+    // Calls to the first objects wait until all are published.
     connection_enter(connection);
     objects_publish_again(connection);
     connection_leave(connection);

@@ -1,22 +1,22 @@
-// Calls from others: finding object and method, running the handler, sending its status. While
-// anything of the context is on the stack calls are put by; see the head of libubus.h.
+// Calls from others: finding object and method, running the handler, sending its status. While a
+// handler or call of the context is running, calls are postponed; see the head of libubus.h.
+
+#include "internal.h"
 
 #include <stdlib.h>
 #include <string.h>
 
-#include "internal.h"
-
 enum {
     kPendingDelayMs = 1,
-    // Calls that are put by share one room. When it is full every caller may still have a limited
-    // number of calls and bytes, and always one: a flood does not take the place of others. The
-    // rest is lost.
+    // Postponed calls share one room. When it is full, every caller may still have a limited number
+    // of calls and bytes, and always one, so that a flood does not push out others. The rest is
+    // lost.
     kPendingRoom = 1048576,
     kPendingCalls = 32,
     kPendingShare = 131072,
 };
 
-// A call put by: a copy of the whole message.
+// A postponed call: a copy of the whole message.
 struct pending {
     struct list_head list;
     size_t size;
@@ -28,7 +28,6 @@ static void send_status(struct connection *connection, const struct ubus_request
 {
     uint8_t attrs[4 * kWordLength];
     struct iovec parts[] = {{NULL, 0}, {attrs, sizeof(attrs)}};
-
     put_u32(put_u32(attrs, UBUS_ATTR_STATUS, (uint32_t)status), UBUS_ATTR_OBJID, call->object);
     message_send(connection, UBUS_MSG_STATUS, call->seq, call->peer, parts, 2, -1, kNever);
 }
@@ -84,7 +83,6 @@ static int run_method(struct connection *connection, struct ubus_object *object,
 {
     const char *name = blob_data(attrs[UBUS_ATTR_METHOD]);
     const struct ubus_method *method = find_method(object, name);
-
     if (method == NULL)
         return UBUS_STATUS_METHOD_NOT_FOUND;
     if (attrs[UBUS_ATTR_DATA] == NULL)
@@ -96,7 +94,7 @@ static int run_method(struct connection *connection, struct ubus_object *object,
 static void serve_invoke(struct connection *connection, const struct message *message,
                          struct blob_attr *const *attrs)
 {
-    // An answer without a call: nobody gets it, but daemons are used to it.
+    // An answer to no call. It reaches no client, but daemons are used to it.
     static const struct ubus_request_data kNobody;
     struct ubus_object *object = object_find(connection, blob_get_u32(attrs[UBUS_ATTR_OBJID]));
     struct blob_attr *no_reply = attrs[UBUS_ATTR_NO_REPLY];
@@ -121,7 +119,6 @@ static void serve_invoke(struct connection *connection, const struct message *me
 static void serve_notify(struct connection *connection, struct blob_attr *const *attrs)
 {
     struct ubus_object *object = object_find(connection, blob_get_u32(attrs[UBUS_ATTR_OBJID]));
-
     if (object == NULL || attrs[UBUS_ATTR_ACTIVE] == NULL)
         return;
     object->has_subscribers = blob_get_u8(attrs[UBUS_ATTR_ACTIVE]) != 0;
@@ -132,7 +129,6 @@ static void serve_notify(struct connection *connection, struct blob_attr *const 
 static void serve_call(struct connection *connection, const struct message *message)
 {
     struct blob_attr *attrs[UBUS_ATTR_MAX];
-
     message_attrs(message, attrs);
     if (attrs[UBUS_ATTR_OBJID] == NULL)
         return;
@@ -146,7 +142,7 @@ static void serve_call(struct connection *connection, const struct message *mess
     connection_release(connection);
 }
 
-// Ends at the caller's last call that may wait: one who floods has it near the front of the list.
+// Stops at the caller's limit, which a flooding caller reaches near the front of the list.
 static bool has_share_left(struct connection *connection, const struct message *message,
                            size_t size)
 {
@@ -165,8 +161,8 @@ static bool has_share_left(struct connection *connection, const struct message *
     return true;
 }
 
-static void put_by(struct connection *connection, const struct message *message,
-                   const uint8_t *bytes, size_t size)
+static void postpone(struct connection *connection, const struct message *message,
+                     const uint8_t *bytes, size_t size)
 {
     if (connection->pending_bytes + size > kPendingRoom &&
         !has_share_left(connection, message, size))
@@ -191,21 +187,19 @@ void call_arrived(struct connection *connection, const struct message *message,
                   const uint8_t *bytes, size_t size)
 {
     if (connection->ctx.stack_depth > 0 || !list_empty(&connection->ctx.pending))
-        put_by(connection, message, bytes, size);
+        postpone(connection, message, bytes, size);
     else
         serve_call(connection, message);
 }
 
-// Serves the calls put by, in order, those included that come while it does.
+// Serves the postponed calls in order, also those that arrive meanwhile.
 void pending_serve(struct connection *connection)
 {
     struct ubus_context *ctx = &connection->ctx;
-
     connection_hold(connection);
     while (!connection->freed && ctx->stack_depth == 0 && !list_empty(&ctx->pending)) {
         struct pending *pending = list_first_entry(&ctx->pending, struct pending, list);
         struct message message = message_read(pending->bytes, pending->size);
-
         take_out(connection, pending);
         serve_call(connection, &message);
         free(pending);
@@ -213,11 +207,10 @@ void pending_serve(struct connection *connection)
     connection_release(connection);
 }
 
-// Calls put by are due once nothing of the context is on the stack any more.
+// Postponed calls are due once no handler or call of the context is running any more.
 void pending_schedule(struct connection *connection)
 {
     struct ubus_context *ctx = &connection->ctx;
-
     if (connection->freed || ctx->stack_depth > 0 || list_empty(&ctx->pending))
         return;
     if (ctx->sock.registered)
@@ -229,7 +222,6 @@ void pending_schedule(struct connection *connection)
 void pending_forget(struct connection *connection)
 {
     struct pending *pending, *next;
-
     uloop_timeout_cancel(&connection->ctx.pending_timer);
     list_for_each_entry_safe(pending, next, &connection->ctx.pending, list)
     {
@@ -255,7 +247,7 @@ void sock_event(struct uloop_fd *sock, unsigned int events)
     if (connection->lost)
         return;
     connection_hold(connection);
-    // A closed socket is reported once: read it to its end.
+    // A closed socket is reported only once, so read it to its end.
     do {
         state = input_read(connection);
         input_serve(connection);

@@ -1,7 +1,7 @@
 // Shared by the files of the bus client library.
 //
 // Everything a context needs is in its connection: nothing is shared between contexts, so threads
-// with a context each do not meet.
+// with a context each do not interfere.
 
 #ifndef UBUS_LIB_INTERNAL_H
 #define UBUS_LIB_INTERNAL_H
@@ -10,18 +10,12 @@
 
 #include "libubus.h"
 
-#include "../bytes.h"
+#include "../wire.h"
 
 #define UBUS_EXPORT __attribute__((visibility("default")))
 
-enum {
-    kHeaderLength = sizeof(struct ubus_msghdr),
-    kWordLength = 4, // of a body or attribute
-    kMessageMinimum = kHeaderLength + kWordLength,
-};
-
-// Received bytes. Messages are handled where they lie; while a handler may still look at one the
-// buffer is pinned, which means that nothing in it moves.
+// Received bytes. Messages are handled in place; while a handler may still look at one, the buffer
+// is pinned: nothing in it moves.
 struct input {
     size_t start; // first byte not handled yet
     size_t end;
@@ -34,9 +28,9 @@ struct connection {
     struct ubus_context ctx; // first: what programs hold is a pointer to it
     struct input *input;
     struct blob_buf body;         // of the request being built
-    size_t pending_bytes;         // of the calls put by
+    size_t pending_bytes;         // of the postponed calls
     struct list_head unpublished; // objects a reconnection could not publish, by avl.list
-    unsigned int generation;      // counts reconnections: whoever waited on an older one fails
+    unsigned int generation;      // counts reconnections; requests from before the last one fail
     unsigned int busy;            // calls on the stack that still need the memory
     bool lost;
     bool freed; // by ubus_free(), while busy
@@ -73,10 +67,7 @@ bool deadline_poll(int fd, short events, int64_t deadline);
 enum { kSendExpired = -4, kSendCutShort = -3, kSendTooLong = -2, kSendFailed = -1 };
 int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint32_t peer,
                  struct iovec *parts, int count, int fd, int64_t deadline);
-uint8_t *put_attr(uint8_t *to, int id, size_t payload);
-uint8_t *put_u32(uint8_t *to, int id, uint32_t value);
-size_t padding(size_t length);
-extern const uint8_t kZeros[4];
+extern const uint8_t kZeros[BLOB_ATTR_ALIGN];
 
 // receive.c
 enum input_state { kInputMore, kInputNone, kInputEnd };

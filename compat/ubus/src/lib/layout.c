@@ -1,9 +1,9 @@
 // The records of the public headers are shared with programs and with other builds of this library:
 // their layout is fixed.
 
-#include <stddef.h>
+#include <libubus.h>
 
-#include "libubus.h"
+#include <stddef.h>
 
 _Static_assert(sizeof(struct ubus_msghdr) == 8, "wire header");
 _Static_assert(_Alignof(struct ubus_msghdr) == 4, "wire header");

@@ -1,18 +1,9 @@
 // Publishing, withdrawing and finding objects.
 
-#include <limits.h>
-#include <string.h>
-
 #include "internal.h"
 
-static int compare_ids(const void *left, const void *right, void *unused)
-{
-    uint32_t a = *(const uint32_t *)left;
-    uint32_t b = *(const uint32_t *)right;
-
-    (void)unused;
-    return (a > b) - (a < b);
-}
+#include <limits.h>
+#include <string.h>
 
 void objects_init(struct connection *connection)
 {
@@ -23,16 +14,14 @@ void objects_init(struct connection *connection)
 struct ubus_object *object_find(struct connection *connection, uint32_t id)
 {
     struct avl_node *node = avl_find(&connection->ctx.objects, &id);
-
     return node != NULL ? container_of(node, struct ubus_object, avl) : NULL;
 }
 
-// Records of programs keep stale links after ubus_free(): only the lists themselves tell whether
+// A program's records keep stale links after ubus_free(), so only the lists themselves tell whether
 // an object is in them.
 static void unlink_object(struct connection *connection, struct ubus_object *object)
 {
     struct list_head *entry;
-
     if (object_find(connection, object->id) == object) {
         avl_delete(&connection->ctx.objects, &object->avl);
         return;
@@ -49,7 +38,6 @@ static void unlink_object(struct connection *connection, struct ubus_object *obj
 static bool is_published_parameter(const struct ubus_method *method, int index)
 {
     const int bits = (int)(sizeof(method->mask) * CHAR_BIT);
-
     return method->mask == 0 || (index < bits && (method->mask >> index & 1) != 0);
 }
 
@@ -96,6 +84,13 @@ static bool put_object(struct blob_buf *body, const struct ubus_object *object)
            put_type(body, object->type);
 }
 
+// As message_attrs(), for a handler that gets the body only.
+static void body_attrs(struct blob_attr *body, struct blob_attr **attrs)
+{
+    struct message message = {.body = body, .body_size = blob_raw_len(body)};
+    message_attrs(&message, attrs);
+}
+
 struct added {
     uint32_t id;
     uint32_t type_id;
@@ -103,12 +98,11 @@ struct added {
 
 static void added(struct ubus_request *request, int type, struct blob_attr *body)
 {
-    struct message message = {.body = body, .body_size = blob_raw_len(body)};
     struct blob_attr *attrs[UBUS_ATTR_MAX];
     struct added *result = request->priv;
 
     (void)type;
-    message_attrs(&message, attrs);
+    body_attrs(body, attrs);
     if (attrs[UBUS_ATTR_OBJID] != NULL)
         result->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
     if (attrs[UBUS_ATTR_OBJTYPE] != NULL)
@@ -119,7 +113,6 @@ static int publish(struct connection *connection, struct ubus_object *object)
 {
     struct added result = {0, 0};
     struct ubus_request request = {.raw_data_cb = added, .priv = &result};
-
     if (!put_object(&connection->body, object))
         return UBUS_STATUS_NO_MEMORY;
     int status = request_body(connection, &request, UBUS_MSG_ADD_OBJECT);
@@ -141,7 +134,7 @@ UBUS_EXPORT int ubus_add_object(struct ubus_context *ctx, struct ubus_object *ob
 {
     struct connection *connection = connection_of(ctx);
 
-    // The first call may come with the very answer: nothing is served before the id is known.
+    // The first call may arrive together with the answer: none is served before the id is known.
     connection_enter(connection);
     int status = publish(connection, obj);
     connection_leave(connection);
@@ -170,8 +163,8 @@ UBUS_EXPORT int ubus_remove_object(struct ubus_context *ctx, struct ubus_object 
     return UBUS_STATUS_OK;
 }
 
-// After a reconnection the daemon knows nothing of us. Types first: objects that share one must
-// not take its old id for known.
+// After a reconnection the daemon knows none of our objects. All type ids are cleared first, so
+// that no object uses an old one.
 void objects_publish_again(struct connection *connection)
 {
     struct ubus_context *ctx = &connection->ctx;
@@ -204,12 +197,11 @@ struct lookup {
 
 static void found_object(struct ubus_request *request, int type, struct blob_attr *body)
 {
-    struct message message = {.body = body, .body_size = blob_raw_len(body)};
     struct blob_attr *attrs[UBUS_ATTR_MAX];
     const struct lookup *lookup = request->priv;
 
     (void)type;
-    message_attrs(&message, attrs);
+    body_attrs(body, attrs);
     if (attrs[UBUS_ATTR_OBJID] == NULL || attrs[UBUS_ATTR_OBJPATH] == NULL ||
         attrs[UBUS_ATTR_OBJTYPE] == NULL || lookup->cb == NULL)
         return;
@@ -225,11 +217,9 @@ static void found_object(struct ubus_request *request, int type, struct blob_att
 
 static void found_id(struct ubus_request *request, int type, struct blob_attr *body)
 {
-    struct message message = {.body = body, .body_size = blob_raw_len(body)};
     struct blob_attr *attrs[UBUS_ATTR_MAX];
-
     (void)type;
-    message_attrs(&message, attrs);
+    body_attrs(body, attrs);
     if (attrs[UBUS_ATTR_OBJID] != NULL)
         *(uint32_t *)request->priv = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
 }
@@ -248,13 +238,11 @@ UBUS_EXPORT int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_loo
 {
     struct lookup lookup = {.cb = cb, .priv = priv};
     struct ubus_request request = {.raw_data_cb = found_object, .priv = &lookup};
-
     return look_up(connection_of(ctx), path, &request);
 }
 
 UBUS_EXPORT int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id)
 {
     struct ubus_request request = {.raw_data_cb = found_id, .priv = id};
-
     return look_up(connection_of(ctx), path, &request);
 }

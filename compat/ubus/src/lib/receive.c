@@ -1,11 +1,11 @@
 // Receiving: as much as there is in one read, then message by message.
 
+#include "internal.h"
+
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-
-#include "internal.h"
 
 #include "../attributes.h"
 
@@ -15,39 +15,34 @@ enum {
     kReadsBeforeShrinking = 32,
 };
 
-// `attrs` has UBUS_ATTR_MAX entries; those absent or of the wrong shape become null.
 void message_attrs(const struct message *message, struct blob_attr **attrs)
 {
-    memset(attrs, 0, UBUS_ATTR_MAX * sizeof(*attrs));
-    blob_parse_untrusted(message->body, message->body_size, attrs, kAttributes, UBUS_ATTR_MAX);
+    parse_attrs((const uint8_t *)message->body, message->body_size, attrs);
 }
 
 struct input *input_create(size_t size)
 {
     struct input *input = malloc(sizeof(*input) + size);
-
     if (input == NULL)
         return NULL;
     *input = (struct input){.size = size};
     return input;
 }
 
-// Bytes of the message being received, as far as is known.
+// Size of the message being received, as far as it is known.
 static size_t wanted(const struct input *input)
 {
     const uint8_t *bytes = input->bytes + input->start;
-
     if (input->end - input->start < kMessageMinimum)
         return kMessageMinimum;
-    return kHeaderLength + (get_be32(bytes + kHeaderLength) & BLOB_ATTR_LEN_MASK);
+    return kHeaderLength + (body_length(bytes));
 }
 
-// Another buffer with what is not handled yet. A pinned one is left to those who pinned it.
+// Moves what is not handled yet to another buffer. A pinned one is left to those who pinned it.
 static bool input_replace(struct connection *connection, size_t size)
 {
     struct input *old = connection->input;
     struct input *input = input_create(size);
-
     if (input == NULL)
         return false;
     input->end = old->end - old->start;
@@ -62,7 +57,6 @@ static bool input_make_room(struct connection *connection)
 {
     struct input *input = connection->input;
     size_t size = wanted(input);
-
     if (size < UBUS_MSG_CHUNK_SIZE)
         size = UBUS_MSG_CHUNK_SIZE;
     else
@@ -74,7 +68,7 @@ static bool input_make_room(struct connection *connection)
         input->start = 0;
         if (input->size < size)
             return input_replace(connection, size);
-        // A buffer grown for one large message is given back after a while without another.
+        // A buffer that grew for a large message shrinks after a while without another.
         if (input->size > size &&
             connection->ctx.msgbuf_reduction_counter++ > kReadsBeforeShrinking)
             input_replace(connection, size);
@@ -89,7 +83,6 @@ static bool input_make_room(struct connection *connection)
 enum input_state input_read(struct connection *connection)
 {
     ssize_t length;
-
     if (!input_make_room(connection))
         return kInputEnd;
 
@@ -112,7 +105,6 @@ enum input_state input_read(struct connection *connection)
 void input_reset(struct connection *connection)
 {
     struct input *input = connection->input;
-
     input->start = input->end;
     if (input->pins == 0)
         input->start = input->end = 0;
@@ -129,7 +121,7 @@ struct message message_read(const uint8_t *bytes, size_t size)
 {
     return (struct message){
         .type = bytes[1],
-        .seq = (uint16_t)(bytes[2] << 8 | bytes[3]),
+        .seq = get_be16(bytes + 2),
         .peer = get_be32(bytes + 4),
         .body = (struct blob_attr *)(uintptr_t)(bytes + kHeaderLength),
         .body_size = size - kHeaderLength,
@@ -139,7 +131,6 @@ struct message message_read(const uint8_t *bytes, size_t size)
 static void serve(struct connection *connection, const uint8_t *bytes, size_t size)
 {
     struct message message = message_read(bytes, size);
-
     switch (message.type) {
     case UBUS_MSG_STATUS:
     case UBUS_MSG_DATA:
@@ -156,13 +147,12 @@ static void serve(struct connection *connection, const uint8_t *bytes, size_t si
 }
 
 // Handles every whole message. A stream out of step is closed: what follows could mean anything.
-// The version byte is not looked at: daemons pass on what the other service wrote there.
+// The version byte is not checked: daemons pass on what the other service wrote there.
 void input_serve(struct connection *connection)
 {
     for (;;) {
         struct input *input = connection->input;
         const uint8_t *bytes = input->bytes + input->start;
-
         if (connection->freed || input->end - input->start < kMessageMinimum)
             return;
         size_t size = wanted(input);

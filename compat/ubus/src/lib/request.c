@@ -1,16 +1,15 @@
 // Requests: numbering, waiting for the answer, and matching what arrives with who waits.
 
-#include <poll.h>
-
 #include "internal.h"
 
-// Of several open requests the answer's sequence number and peer tell which one is meant. What
-// fits none is a late answer, or the second status of a call: no harm.
+#include <poll.h>
+
+// Sequence number and peer tell which open request an answer belongs to. One that fits none is
+// late, or the second status of a call, and does no harm.
 static struct ubus_request *find_request(struct connection *connection,
                                          const struct message *message)
 {
     struct ubus_request *request;
-
     list_for_each_entry(request, &connection->ctx.requests, list)
     {
         if (request->seq == message->seq && request->peer == message->peer)
@@ -22,7 +21,6 @@ static struct ubus_request *find_request(struct connection *connection,
 static void take_status(struct ubus_request *request, const struct message *message)
 {
     struct blob_attr *attrs[UBUS_ATTR_MAX];
-
     message_attrs(message, attrs);
     request->status_code = UBUS_STATUS_INVALID_ARGUMENT;
     if (attrs[UBUS_ATTR_STATUS] != NULL)
@@ -34,7 +32,6 @@ static void take_status(struct ubus_request *request, const struct message *mess
 static void take_data(struct ubus_request *request, const struct message *message)
 {
     struct blob_attr *attrs[UBUS_ATTR_MAX];
-
     if (request->raw_data_cb != NULL) {
         request->raw_data_cb(request, message->type, message->body);
         return;
@@ -49,7 +46,6 @@ static void take_data(struct ubus_request *request, const struct message *messag
 void request_answered(struct connection *connection, const struct message *message)
 {
     struct ubus_request *request = find_request(connection, message);
-
     if (request == NULL)
         return;
     if (message->type == UBUS_MSG_STATUS)
@@ -62,7 +58,6 @@ static int wait_status(struct connection *connection, struct ubus_request *reque
                        int64_t deadline)
 {
     unsigned int generation = connection->generation;
-
     while (!request->status_msg) {
         if (connection->freed || connection->lost || generation != connection->generation)
             return UBUS_STATUS_CONNECTION_FAILED;
@@ -107,7 +102,7 @@ int request_run(struct connection *connection, struct ubus_request *request, uin
     list_add(&request->list, &ctx->requests);
     status = timeout >= 0 ? wait_status(connection, request, deadline) : UBUS_STATUS_TIMEOUT;
     list_del_init(&request->list);
-    // With nothing whole left in the buffer the socket alone tells when there is more.
+    // With no whole message left in the buffer, the socket alone tells when there is more.
     if (!connection->lost)
         input_serve(connection);
     connection_leave(connection);
@@ -119,6 +114,5 @@ int request_body(struct connection *connection, struct ubus_request *request, ui
 {
     struct blob_attr *body = connection->body.head;
     struct iovec parts[] = {{NULL, 0}, {blob_data(body), blob_len(body)}};
-
     return request_run(connection, request, type, parts, 2, -1, 0);
 }

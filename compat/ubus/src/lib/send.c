@@ -1,30 +1,13 @@
-// Sending: a message is put together from pieces where they lie and leaves in one call.
+// Sending: a message goes out in one call, gathered from its pieces.
+
+#include "internal.h"
 
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 
-#include "internal.h"
-
-const uint8_t kZeros[4];
-
-// First word of an attribute.
-uint8_t *put_attr(uint8_t *to, int id, size_t payload)
-{
-    return put_be32(to, (uint32_t)id << BLOB_ATTR_ID_SHIFT | (uint32_t)(kWordLength + payload));
-}
-
-uint8_t *put_u32(uint8_t *to, int id, uint32_t value)
-{
-    return put_be32(put_attr(to, id, sizeof(value)), value);
-}
-
-// Zero bytes after so many of payload.
-size_t padding(size_t length)
-{
-    return -length & (BLOB_ATTR_ALIGN - 1);
-}
+const uint8_t kZeros[BLOB_ATTR_ALIGN];
 
 // The descriptor goes with the first byte of the message.
 static void attach_fd(struct msghdr *header, void *control, size_t size, int fd)
@@ -56,10 +39,8 @@ static void skip_sent(struct msghdr *header, size_t sent)
 static int send_all(int sock, struct msghdr *header, int64_t deadline)
 {
     bool begun = false;
-
     while (header->msg_iovlen > 0) {
         ssize_t sent = sendmsg(sock, header, MSG_NOSIGNAL | MSG_DONTWAIT);
-
         if (sent >= 0) {
             skip_sent(header, (size_t)sent);
             begun = true;
@@ -75,7 +56,7 @@ static int send_all(int sock, struct msghdr *header, int64_t deadline)
     return 0;
 }
 
-// 0, or one of kSend...; only requests are held to the daemon's limit by their callers.
+// Returns 0 or one of kSend... The daemon's limit is checked by the callers, and only for requests.
 int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint32_t peer,
                  struct iovec *parts, int count, int fd, int64_t deadline)
 {
@@ -97,11 +78,7 @@ int message_send(struct connection *connection, uint8_t type, uint16_t seq, uint
     if (length > BLOB_ATTR_LEN_MASK)
         return kSendTooLong;
 
-    head[0] = 0;
-    head[1] = type;
-    head[2] = (uint8_t)(seq >> 8);
-    head[3] = (uint8_t)seq;
-    put_be32(put_be32(head + 4, peer), (uint32_t)length);
+    put_be32(put_header(head, type, seq, peer), (uint32_t)length);
     parts[0] = (struct iovec){head, sizeof(head)};
     if (fd >= 0)
         attach_fd(&header, control.bytes, sizeof(control.bytes), fd);

@@ -1,8 +1,8 @@
 // Names of the status numbers.
 
-#include <stdio.h>
-
 #include "internal.h"
+
+#include <stdio.h>
 
 UBUS_EXPORT const char *ubus_strerror(int error)
 {

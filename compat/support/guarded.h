@@ -1,8 +1,8 @@
-// Memory that ends exactly where an unmapped page begins, and starts right behind another: one
-// byte read or written too far kills the test.
+// Memory between two unmapped pages, ending exactly where the second begins: one byte read or
+// written too far kills the test.
 
-#ifndef TESTS_COMPAT_BOUNDSCHECK_GUARDED_H
-#define TESTS_COMPAT_BOUNDSCHECK_GUARDED_H
+#ifndef COMPAT_SUPPORT_GUARDED_H
+#define COMPAT_SUPPORT_GUARDED_H
 
 #include <cstddef>
 #include <cstdlib>
@@ -22,27 +22,37 @@ public:
         if (map == MAP_FAILED)
             abort();
         map_ = static_cast<char *>(map);
-        if (pages_ != 0 && mprotect(map_ + page_, pages_ * page_, PROT_READ | PROT_WRITE) != 0)
-            abort();
+        protect(PROT_READ | PROT_WRITE);
         memset(data(), fill, size);
     }
 
-    // The bytes of text, without its NUL.
-    explicit Guarded(const std::string &text) : Guarded(text.size())
+    Guarded(const void *bytes, size_t size) : Guarded(size)
     {
-        memcpy(data(), text.data(), text.size());
+        if (size != 0)
+            memcpy(data(), bytes, size);
     }
+
+    // The bytes of text, without its NUL.
+    explicit Guarded(const std::string &text) : Guarded(text.data(), text.size()) {}
 
     ~Guarded() { munmap(map_, (pages_ + 2) * page_); }
     Guarded(const Guarded &) = delete;
     Guarded &operator=(const Guarded &) = delete;
 
     // The last size bytes before the unmapped page.
-    char *data() { return map_ + (pages_ + 1) * page_ - size_; }
+    char *data() const { return map_ + (pages_ + 1) * page_ - size_; }
     size_t size() const { return size_; }
-    std::string bytes() { return std::string(data(), size_); }
+    std::string bytes() const { return std::string(data(), size_); }
+
+    void make_read_only() { protect(PROT_READ); }
 
 private:
+    void protect(int mode)
+    {
+        if (pages_ != 0 && mprotect(map_ + page_, pages_ * page_, mode) != 0)
+            abort();
+    }
+
     size_t size_;
     size_t page_;
     size_t pages_;
@@ -53,7 +63,7 @@ private:
 class GuardedString : public Guarded {
 public:
     explicit GuardedString(const std::string &text) : Guarded(text + '\0') {}
-    const char *c_str() { return data(); }
+    const char *c_str() const { return data(); }
 };
 
 #endif

@@ -1,6 +1,6 @@
-# What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, man pages,
-# the pages of docs/, examples; and, where stand-ins were built, those beside it, found through a run
-# path of $ORIGIN, so that a prefix works wherever it is unpacked.
+# What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, man pages
+# and the pages of docs/; tools/ and examples/ add theirs. Stand-ins that were built go beside the
+# library and are found through a run path of $ORIGIN, so that a prefix works wherever it is unpacked.
 
 include(CMakePackageConfigHelpers)
 
@@ -11,10 +11,6 @@ install(TARGETS bv LIBRARY
   DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT development)
 install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
   FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development
-  FILES_MATCHING PATTERN "*.c" PATTERN "*.h" PATTERN "*.json" PATTERN "README.md")
-install(PROGRAMS examples/debug-session
-  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
 install(FILES docs/man/libbv.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 install(FILES docs/man/bv-formats.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT development)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
@@ -28,7 +24,7 @@ if(BV_COMPAT_BUILT)
       COMPONENT development FILES_MATCHING PATTERN "*.h")
   endforeach()
   set_property(TARGET bv ${BV_COMPAT_BUILT} PROPERTY INSTALL_RPATH "$ORIGIN")
-  # By this file cmake/BvCompat.cmake knows them from the platform's own.
+  # By this file cmake/BvCompat.cmake tells them from the platform's own.
   list(JOIN BV_COMPAT_BUILT "\n" names)
   file(WRITE "${CMAKE_BINARY_DIR}/packaging/stand-ins" "${names}\n")
   install(FILES "${CMAKE_BINARY_DIR}/packaging/stand-ins"
@@ -41,7 +37,7 @@ if(TARGET ubusd)
 endif()
 
 string(REPLACE ";" " " BV_PC_DEFINES "${BV_CALLER_DEFINES}")
-# From the folder of bv.pc back to the prefix, however deep the library folder lies.
+# From the folder of bv.pc back to the prefix, however deep the library folder is.
 file(RELATIVE_PATH BV_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(packaging/bv.pc.in "${CMAKE_BINARY_DIR}/packaging/bv.pc" @ONLY)
 install(FILES "${CMAKE_BINARY_DIR}/packaging/bv.pc"

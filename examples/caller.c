@@ -19,7 +19,7 @@
 
 #include <bv/bv.h>
 
-#include "families.h"
+#include "messages.h"
 
 /* ---- the parameters of each family, as places in its packed image ---- */
 

@@ -12,7 +12,7 @@
 
 #include <bv/bv.h>
 
-#include "families.h"
+#include "messages.h"
 
 static volatile sig_atomic_t stop;
 

@@ -1,0 +1,33 @@
+# Definitions, warnings and hardening of every target of this tree.
+
+# 64-bit file offsets and times with every C library: musl, the target's, has nothing else, and a
+# 32-bit glibc build would otherwise disagree with its callers about struct stat and timeval. Where
+# a long has 64 bits the defines would only turn open() into open64() and so on, and a program that
+# interposes open() would no longer see the library's calls.
+add_compile_definitions(_GNU_SOURCE)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+add_compile_options(-Wall -Wextra -Wshadow -Wconversion)
+if(BV_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+# Against hostile input: the loader binds everything at once and makes its tables read-only, and
+# functions with buffers notice that their return address was overwritten. Binding at once also keeps
+# the loader from spilling registers, keys among them, on the stack at a first call.
+if(BV_STACK_PROTECTOR)
+  add_compile_options(-fstack-protector-strong)
+else()
+  add_compile_options(-fno-stack-protector)
+endif()
+add_link_options(-Wl,-z,relro -Wl,-z,now)
+
+# Nothing is fortified, whatever the surrounding build asks for: formats that the library lets
+# through, such as those with %n, would end the process. A definition given to the preprocessor alone
+# comes last and has to be taken back the same way.
+if("${CMAKE_C_FLAGS} ${CMAKE_CXX_FLAGS}" MATCHES "-Wp,[^ ]*_FORTIFY_SOURCE")
+  add_compile_options(-Wp,-U_FORTIFY_SOURCE)
+else()
+  add_compile_options(-U_FORTIFY_SOURCE)
+endif()

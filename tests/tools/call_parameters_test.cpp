@@ -147,7 +147,7 @@ TEST_F(CallParameters, AreRefusedWhenTheyWouldBeStoredAsSomethingElse)
     const std::pair<const char *, const char *> rows[] = {
         {"mtu=70000", "70000 does not fit type ushort (0 to 65535)"},
         {"mtu=", "'' is not a number"},
-        {"ipaddr=10.0.0", "'10.0.0' is no IPv4 address"},
+        {"ipaddr=10.0.0", "'10.0.0' is not an IPv4 address"},
         {"hostname=abcdefghijklmnopqrstuvwxyz012345",
          "text of 32 bytes is too long for len 32, which counts the zero byte at its end"},
         {"speed=1", "the template has no such parameter"},
@@ -178,7 +178,7 @@ TEST_F(CallParameters, NeedATemplateThatHasSome)
     Outcome outcome = run_tool({"-T", "wan.json", "lan_get"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors,
-              "bv-call: wan.json: there is no such template, nor one in /etc/template\n");
+              "bv-call: wan.json: no such template, neither here nor in /etc/template\n");
     write_file("/scratch/bad.json", "{");
     EXPECT_EQ(run_tool({"-T", "/scratch/bad.json", "lan_get"}).errors,
               "bv-call: /scratch/bad.json: cannot be read as a template\n");
@@ -214,7 +214,7 @@ TEST_F(CallParameters, OfAFaultyTemplateDoNoHarm)
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "bv-call: result 0x00000000, 3 bytes\n");
     EXPECT_EQ(run_tool({"-T", "/scratch/odd.json", "echo", "d=5"}).errors,
-              "bv-call: d=5: the template gives it a type that nothing converts to\n");
+              "bv-call: d=5: its type in the template is unknown\n");
 }
 
 } // namespace

@@ -313,7 +313,7 @@ TEST_F(Call, PrintsNoParametersOfAShortReply)
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.errors, result("0x00000000", 2) + "bv-call: " + lan +
-                                  ": less came back than the family's image\n");
+                                  ": the reply is shorter than the family's image\n");
 }
 
 // ---- the command line ----

@@ -264,7 +264,7 @@ TEST(Capture, ThatIsNoneIsRefused)
                 {"{\"lan.json\":[]}, which is another kind of file", "not a capture file"},
                 {file_head(0xa1b2c3d4, 228).substr(0, 23), "not a capture file"},
                 {"\x0a\x0d\x0d\x0a"s + Bytes(40, '\0'), "a pcapng file; save it as pcap"},
-                {file_head(0xa1b2c3d4, 105), "captured on a kind of network"}};
+                {file_head(0xa1b2c3d4, 105), "captured on an unknown kind of network"}};
     for (const auto &row : rows) {
         Outcome outcome = read_back(row.content);
         EXPECT_EQ(outcome.status, 1);

@@ -199,12 +199,12 @@ TEST(Collect, SaysWhatIsWrongWithAMalformedDatagramAndCountsIt)
     collector.send("\5\3\0\2\0\x0b\x12\x34\0\4x"s);
     collector.send("\5\3\0\2\0\x0b\x12\x34\0\5x"s);
     EXPECT_EQ(collector.lines(7),
-              (Lines{"malformed: 0 bytes, shorter than its head",
-                     "malformed: 1 byte, shorter than its head",
-                     "malformed: 9 bytes, shorter than its head",
+              (Lines{"malformed: 0 bytes, shorter than its header",
+                     "malformed: 1 byte, shorter than its header",
+                     "malformed: 9 bytes, shorter than its header",
                      "malformed: 10 bytes, a category above 31",
-                     "malformed: 10 bytes, a total length other than its size",
-                     "malformed: 11 bytes, an element length that does not fit its size",
+                     "malformed: 10 bytes, the total length does not match its size",
+                     "malformed: 11 bytes, the element length does not match its size",
                      "category=5 module=2 level=3 tag=0x1234 x"}));
     EXPECT_EQ(collector.end(), 0);
     EXPECT_NE(collector.errors().find("7 datagrams, 1 selected, 6 malformed\n"), std::string::npos);

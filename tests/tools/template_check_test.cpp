@@ -108,13 +108,13 @@ TEST(TemplateCheck, FindsValuesThatDoNotFit)
         {"int", "4", "\"-\"", "'-' is not a number"},
         {"int", "4", "\"12a\"", "'12a' is not a number"},
         {"int", "4", "1.5", "'1.5' is not a number"},
-        {"mac", "6", "\"02:00:00:00:00\"", "'02:00:00:00:00' is no MAC address"},
-        {"mac", "6", "\"02:00:00:00:00:01 \"", "'02:00:00:00:00:01 ' is no MAC address"},
-        {"mac", "6", "\"002:0:0:0:0:1\"", "'002:0:0:0:0:1' is no MAC address"},
-        {"mac", "6", "\"02:00:00:00:00:0g\"", "'02:00:00:00:00:0g' is no MAC address"},
-        {"mac", "6", "\"2::0:0:0:1\"", "'2::0:0:0:1' is no MAC address"},
-        {"ip", "4", "\"192.168.1\"", "'192.168.1' is no IPv4 address"},
-        {"ip", "4", "\"::1\"", "'::1' is no IPv4 address"}};
+        {"mac", "6", "\"02:00:00:00:00\"", "'02:00:00:00:00' is not a MAC address"},
+        {"mac", "6", "\"02:00:00:00:00:01 \"", "'02:00:00:00:00:01 ' is not a MAC address"},
+        {"mac", "6", "\"002:0:0:0:0:1\"", "'002:0:0:0:0:1' is not a MAC address"},
+        {"mac", "6", "\"02:00:00:00:00:0g\"", "'02:00:00:00:00:0g' is not a MAC address"},
+        {"mac", "6", "\"2::0:0:0:1\"", "'2::0:0:0:1' is not a MAC address"},
+        {"ip", "4", "\"192.168.1\"", "'192.168.1' is not an IPv4 address"},
+        {"ip", "4", "\"::1\"", "'::1' is not an IPv4 address"}};
     for (const auto &row : rows)
         EXPECT_EQ(faults_of(parameter(row[0], row[1], row[2])),
                   std::string("2: value of \"x\": ") + row[3] + "\n");
@@ -132,10 +132,10 @@ TEST(TemplateCheck, FindsLensThatDoNotFitTheType)
         {"string", "0", "len 0 has no room for anything"},
         {"string", "-4", "len -4 is negative: the image shrinks"},
         {"string", "1024", "len 1024 is above 1023: the parameter is skipped"},
-        {"string", "\"many\"", "len of \"x\" is no whole number"},
-        {"string", "4.5", "len of \"x\" is no whole number"},
-        {"string", "[4]", "len of \"x\" is no whole number"},
-        {"string", "4294967300", "len of \"x\" is beyond 32 bits"}};
+        {"string", "\"many\"", "len of \"x\" is not a whole number"},
+        {"string", "4.5", "len of \"x\" is not a whole number"},
+        {"string", "[4]", "len of \"x\" is not a whole number"},
+        {"string", "4294967300", "len of \"x\" does not fit 32 bits"}};
     for (const auto &row : rows)
         EXPECT_EQ(faults_of(parameter(row[0], row[1], "1")), std::string("2: ") + row[2] + "\n");
     EXPECT_EQ(faults_of(parameter("mac", "5", "\"0:0:0:0:0:0\"")),
@@ -168,7 +168,7 @@ TEST(TemplateCheck, FindsIncompleteElements)
               "4: len of \"c\" is missing: the parameter is skipped\n"
               "5: value of \"d\" is missing: the parameter is skipped\n"
               "6: type of \"e\" is missing: the parameter is skipped\n"
-              "7: an element of \"para\" is no object: it is skipped\n"
+              "7: an element of \"para\" is not an object: it is skipped\n"
               "8: name is missing: the parameter is skipped\n"
               "8: type is missing: the parameter is skipped\n"
               "8: len is missing: the parameter is skipped\n"
@@ -208,7 +208,7 @@ TEST(TemplateCheck, FindsNumbersThatTheLibraryChanges)
 
 TEST(TemplateCheck, FindsWhatWouldNotSurviveARewrite)
 {
-    const std::string tail = " in it does not survive a rewrite of the data file\n";
+    const std::string tail = " does not survive a rewrite of the data file\n";
     const char *const rows[][2] = {{R"(a\"b)", "a double quote"},
                                    {R"(a\\b)", "a backslash"},
                                    {R"(a\nb)", "a control character"},
@@ -225,7 +225,7 @@ TEST(TemplateCheck, FindsWhatWouldNotSurviveARewrite)
     // A line break in a value counts as a line.
     EXPECT_EQ(faults_of(parameter("string", "9", "\"a\nb\"") + ",17"),
               "2: value of \"x\": a control character" + tail +
-                  "3: an element of \"para\" is no object: it is skipped\n");
+                  "3: an element of \"para\" is not an object: it is skipped\n");
 }
 
 TEST(TemplateCheck, FindsTextsThatAreTooLong)
@@ -241,11 +241,12 @@ TEST(TemplateCheck, FindsTextsThatAreTooLong)
 
 TEST(TemplateCheck, FindsTextsThatAreNone)
 {
-    EXPECT_EQ(faults_of(R"({"name":true,"type":[],"len":4,"value":{}})"),
-              "2: name is no text\n2: type is no text\n2: value of \"\" is no text\n");
+    EXPECT_EQ(
+        faults_of(R"({"name":true,"type":[],"len":4,"value":{}})"),
+        "2: name is not a string\n2: type is not a string\n2: value of \"\" is not a string\n");
     EXPECT_EQ(faults_of(R"({"name":"","type":"int","len":4,"value":1})"), "2: name is empty\n");
     EXPECT_EQ(faults("{\"getfunc\": false,\n\"para\":[" + parameter("int", "4", "1") + "]}"),
-              "1: getfunc is no text\n");
+              "1: getfunc is not a string\n");
 }
 
 TEST(TemplateCheck, FindsMoreParametersThanTheLibraryTakes)
@@ -266,17 +267,17 @@ TEST(TemplateCheck, FindsTemplatesWithoutParameters)
 {
     EXPECT_EQ(faults("{}"), "1: \"para\" is missing\n");
     EXPECT_EQ(faults("\n{\"para\": null}"), "2: \"para\" is missing\n");
-    EXPECT_EQ(faults("{\n\"para\": {}}"), "2: \"para\" is no array\n");
+    EXPECT_EQ(faults("{\n\"para\": {}}"), "2: \"para\" is not an array\n");
     EXPECT_EQ(faults("{\n\"para\": []}"), "2: \"para\" is empty: the family holds nothing\n");
     EXPECT_EQ(faults("[]"), "1: a template is an object with \"para\"\n");
 }
 
 TEST(TemplateCheck, FindsWhatIsNoJson)
 {
-    EXPECT_EQ(faults(""), "1: no JSON: a value is expected\n");
+    EXPECT_EQ(faults(""), "1: not JSON: a value is expected\n");
     EXPECT_EQ(faults("{\"para\": [\n {\"name\": \"x\"\n  \"type\": \"int\"}]}"),
-              "3: no JSON: ',' or '}' is expected\n");
-    EXPECT_EQ(faults("{}\n\nx"), "3: no JSON: something follows the end\n");
+              "3: not JSON: ',' or '}' is expected\n");
+    EXPECT_EQ(faults("{}\n\nx"), "3: not JSON: something follows the end\n");
 }
 
 TEST(TemplateCheck, FindsFileNamesThatTheLibraryCannotUse)
@@ -305,7 +306,7 @@ TEST(TemplateCheck, ReportsEveryFaultOfEveryFile)
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "/scratch/a.json:1: len 2 does not fit type int, which takes 4\n"
                               "/scratch/a.json:1: value of \"x\": 'x' is not a number\n"
-                              "/scratch/b.json:1: no JSON: a value is expected\n");
+                              "/scratch/b.json:1: not JSON: a value is expected\n");
 }
 
 TEST(TemplateCheck, SaysWhichFileCannotBeRead)

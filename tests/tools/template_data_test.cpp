@@ -99,7 +99,7 @@ TEST_F(DataCheck, ReportsTheFaultsOfATemplateOnce)
     write_file("/etc/template/bad.json", "{\"para\":\n17}");
     EXPECT_EQ(faults("{\"bad.json\":[],\n\"bad.json\":[]}"),
               "2: duplicate name \"bad.json\", first in line 1\n"
-              "/etc/template/bad.json:2: \"para\" is no array\n"
+              "/etc/template/bad.json:2: \"para\" is not an array\n"
               "1: the template of \"bad.json\" has no usable parameters\n"
               "2: the template of \"bad.json\" has no usable parameters\n");
 }
@@ -147,39 +147,40 @@ TEST_F(DataCheck, FindsInstancesThatAreSkipped)
                      "},\n{\"inst\":\"3\"},\n{\"inst\":\"one\"," + para +
                      "},\n{\"inst\":\"2147483648\"," + para +
                      "},\n{\"inst\":\"5\",\"para\":[]},\n{\"inst\":\"-6\"," + para + "}]}"),
-              "2: an element is no object: it is skipped\n"
+              "2: an element is not an object: it is skipped\n"
               "3: \"inst\" is missing: the element is skipped\n"
               "4: \"para\" is missing: the element is skipped\n"
-              "5: \"inst\" is no whole number\n"
-              "6: \"inst\" is beyond 32 bits\n"
-              "7: \"para\" is no object\n");
+              "5: \"inst\" is not a whole number\n"
+              "6: \"inst\" does not fit 32 bits\n"
+              "7: \"para\" is not an object\n");
 }
 
 TEST_F(DataCheck, FindsValuesThatDoNotFit)
 {
     EXPECT_EQ(faults_of("\"ip\":\"10.0.0\",\n\"mtu\":\"70000\",\n\"host\":\"gateways\""),
-              "3: \"ip\": '10.0.0' is no IPv4 address\n"
+              "3: \"ip\": '10.0.0' is not an IPv4 address\n"
               "4: \"mtu\": 70000 does not fit type ushort (0 to 65535)\n"
               "5: \"host\": text of 8 bytes is too long for len 8, which counts the zero byte at "
               "its end\n");
     EXPECT_EQ(faults_of("\"ip\":[],\n\"mtu\":1400,\n\"host\":true"),
-              "3: \"ip\" is no text\n5: \"host\" is no text\n");
+              "3: \"ip\" is not a string\n5: \"host\" is not a string\n");
 }
 
 TEST_F(DataCheck, FindsWhatWouldNotSurviveARewrite)
 {
     EXPECT_EQ(faults_of(R"("ip":"10.0.0.1","mtu":"1400","host":"a\"b")"),
-              "3: \"host\": a double quote in it does not survive a rewrite of the data file\n");
+              "3: \"host\": a double quote does not survive a rewrite of the data file\n");
     EXPECT_EQ(faults("{\"a\\\\b\":[]}"),
-              "1: name of a family: a backslash in it does not survive a rewrite of the data file\n"
+              "1: name of a family: a backslash does not survive a rewrite of the data file\n"
               "1: unknown family \"a\\\\b\": there is no such template\n");
 }
 
 TEST_F(DataCheck, FindsWhatIsNoDataFile)
 {
     EXPECT_EQ(faults("\n[]"), "2: a data file is an object of families\n");
-    EXPECT_EQ(faults("{\"lan.json\":\n{}}"), "2: \"lan.json\" is no array: no instance is taken\n");
-    EXPECT_EQ(faults("{\"lan.json\":[\n"), "2: no JSON: a value is expected\n");
+    EXPECT_EQ(faults("{\"lan.json\":\n{}}"),
+              "2: \"lan.json\" is not an array: no instance is taken\n");
+    EXPECT_EQ(faults("{\"lan.json\":[\n"), "2: not JSON: a value is expected\n");
 }
 
 TEST_F(DataCheck, SaysWhatCannotBeRead)
@@ -197,7 +198,7 @@ TEST_F(DataCheck, DoesNotReadATemplateThatIsNoFile)
     write_file(kFile, "{\"pipe.json\":[],\n\"/etc/template/pipe.json\":[]}");
     Outcome outcome = run_tool({"data", kFile});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "bv-template: /etc/template/pipe.json: is no file\n");
+    EXPECT_EQ(outcome.errors, "bv-template: /etc/template/pipe.json: is not a file\n");
     EXPECT_EQ(outcome.output,
               std::string(kFile) + ":1: the template of \"pipe.json\" has no usable parameters\n" +
                   kFile +

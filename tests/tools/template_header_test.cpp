@@ -136,8 +136,9 @@ TEST(Header, ThatCannotBeWrittenIsReported)
     Outcome outcome = run_tool({"header", "-o", "/nowhere/lan.h", kExamples + "lan.json"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors, "bv-template: /nowhere/lan.h: No such file or directory\n");
-    EXPECT_EQ(
-        run({"/bin/sh", "-c", "'" BV_TOOL "' header '" + kExamples + "lan.json' > /dev/full"}).status, 2);
+    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' header '" + kExamples + "lan.json' > /dev/full"})
+                  .status,
+              2);
 }
 
 // Half a header would still be included by someone; but a device is nobody's to remove.

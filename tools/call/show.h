@@ -1,22 +1,26 @@
-/* What comes back from a call, for whoever made it. */
+// What comes back from a call, shown to the caller.
 #ifndef TOOLS_CALL_SHOW_H
 #define TOOLS_CALL_SHOW_H
 
-#include "call/bytes.h"
+#include "tools/call/bytes.h"
 
-enum form { FORM_DEFAULT, FORM_HEX, FORM_TEXT, FORM_PARAMETERS, FORM_NOTHING };
+namespace tools {
 
-struct showing {
-    enum form form;
-    const char *write; /* file that takes the bytes as they are, or NULL */
+enum class Form { Default, Hex, Text, Parameters, Nothing };
+
+struct Showing {
+    Form form;
+    const char *write; // file that takes the bytes as they are, or null
 };
 
-/* Says on the standard error output what the function returned, with the name of the library's
- * code of that number. */
-void show_result(uint32_t result, const struct bytes *bytes);
+// Prints on standard error what the function returned, with the name of the library's code of that
+// number.
+void show_result(uint32_t result, const Bytes &bytes);
 
-/* Prints and writes the bytes; a family's image in them begins at `offset`. False after having said
- * what could not be. */
-bool show_bytes(const struct showing *showing, const struct bytes *bytes, size_t offset);
+// Prints and writes the bytes; a family's image in them begins at `offset`. False after it said
+// what failed.
+bool show_bytes(const Showing &showing, const Bytes &bytes, size_t offset);
+
+} // namespace tools
 
 #endif

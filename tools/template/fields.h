@@ -1,29 +1,55 @@
-/* The members of objects in templates and data files, with the faults they have alike. */
+// Members of objects in templates and data files, with the faults that both can have.
 #ifndef TOOLS_TEMPLATE_FIELDS_H
 #define TOOLS_TEMPLATE_FIELDS_H
 
-#include <stdbool.h>
-#include <stddef.h>
-#include <stdint.h>
+#include "tools/template/json.h"
 
-#include "template/json.h"
+#include <cstdint>
+#include <cstdlib>
 
-/* How many members or elements there are. */
-size_t json_count(const struct json *value);
+namespace tools {
 
-/* Reports names that occur more than once in an object, at each but the first. */
-void check_names_once(const char *path, const struct json *object);
+// What was seen before, and in which line: finds duplicates without comparing all with all.
+class Seen {
+public:
+    // Makes room for `count` entries. Without memory, which is reported, nothing is ever a
+    // duplicate.
+    Seen(const char *path, size_t count);
+    ~Seen() { free(entries_); }
+    Seen(const Seen &) = delete;
+    Seen &operator=(const Seen &) = delete;
 
-/* The text of a value: a text, or a number as it stands, which the library takes as well. NULL
- * for anything else, and for a number that the library changes, after having reported it. */
-const char *take_text(const char *path, const struct json *value, const char *what);
+    // Notes an entry, whose bytes must stay, or a number; one object takes only one of the two. The
+    // line of the first one like it, 0 if it is new.
+    unsigned add(const char *bytes, size_t length, unsigned line);
+    unsigned add(int32_t number, unsigned line);
 
-/* Reads a whole number of 32 bits, in quotes or not. False after having reported what else it is.
- */
-bool take_number(const char *path, const struct json *value, const char *what, int32_t *number);
+private:
+    struct Entry {
+        const char *bytes; // null: free place
+        size_t length;     // or the number
+        unsigned line;
+    };
+    unsigned note(uint32_t hash, const Entry &entry);
 
-/* Reports a text that would not survive being written into a data file. */
-void check_survives(const char *path, const struct json *value, const char *what);
-void check_name_survives(const char *path, const struct json *member, const char *what);
+    size_t size_ = 8; // a power of two, at least twice the number of entries
+    Entry *entries_;
+};
+
+// Reports names that occur more than once in an object, at each but the first.
+void check_names_once(const char *path, const Json &object);
+
+// The text of a value: a string, or a number as it was written, which the library takes as well.
+// Null after it reported anything else, or a number that the library changes.
+const char *take_text(const char *path, const Json &value, const char *what);
+
+// Reads a whole number of 32 bits, in quotes or not. False after it reported anything else.
+bool take_number(const char *path, const Json &value, const char *what, int32_t &number);
+
+// Reports a text that would not survive being written into a data file.
+void check_survives(const char *path, const Json &value, const char *what);
+void check_name_survives(const char *path, const Json &member, const char *what);
+
+} // namespace tools
 
 #endif

@@ -1,15 +1,20 @@
-/* Names of parameters and families as identifiers of C and C++. */
+// Names of parameters and families as identifiers of C and C++.
 #ifndef TOOLS_TEMPLATE_IDENTIFIER_H
 #define TOOLS_TEMPLATE_IDENTIFIER_H
 
-#include <stddef.h>
+#include <cstddef>
 
-/* Turns a name into an identifier: other characters become '_', a leading digit or '_' gets a
- * letter in front, words that C, C++ or a compiler's predefined macros claim get a '_' behind. A
- * copy for the caller to free; NULL when memory is short. */
-char *identifier_make(const char *name, size_t length);
+namespace tools {
 
-/* Makes the last of `count` identifiers differ from the others, with a number behind it. */
-char *identifier_distinguish(char *const *identifiers, size_t count);
+// Turns a name into an identifier. Other characters become '_', a leading digit or '_' gets a
+// letter before it, and words that C, C++ or predefined macros claim get a '_' after them. The
+// caller frees it; null when memory is short.
+char *make_identifier(const char *name, size_t length);
+
+// Makes the last of `count` identifiers differ from the others by adding a number. The identifier
+// to use in its place; null when memory is short.
+char *distinguish_last(char *const *identifiers, size_t count);
+
+} // namespace tools
 
 #endif

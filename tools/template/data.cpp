@@ -1,0 +1,146 @@
+// Checks a data file.
+//
+//   {"FAMILY": [{"inst": "1", "para": {"NAME": "VALUE", ...}}, ...], ...}
+//
+// What the database skips when it loads the file, and what it fills in from elsewhere, is a fault.
+
+#include "tools/template/data.h"
+
+#include "tools/template/fault.h"
+#include "tools/template/fields.h"
+#include "tools/template/values.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+using namespace tools;
+
+// Checks the instances of one family.
+class Instances {
+public:
+    Instances(const char *path, const Family &family, const Json &array)
+        : path_(path), family_(family), array_(array), seen_(path, array.count())
+    {
+    }
+
+    void check()
+    {
+        bool first = true;
+        for (const Json &element : array_) {
+            if (!check_number(element))
+                continue;
+            check_para(*element.member("para"), first);
+            first = false;
+        }
+    }
+
+private:
+    // Checks the number of an element. False when the database would skip the element.
+    bool check_number(const Json &element)
+    {
+        if (element.kind != Json::Kind::Object) {
+            fault(path_, element.line, "an element is not an object: it is skipped");
+            return false;
+        }
+        check_names_once(path_, element);
+        const Json *inst = element.member("inst");
+        if (inst == nullptr || element.member("para") == nullptr) {
+            fault(path_, element.line, "\"%s\" is missing: the element is skipped",
+                  inst == nullptr ? "inst" : "para");
+            return false;
+        }
+        int32_t number;
+        if (!take_number(path_, *inst, "\"inst\"", number))
+            return false;
+        const unsigned line = seen_.add(number, element.line);
+        if (line != 0)
+            fault(path_, element.line,
+                  "duplicate instance %" PRId32 ", first in line %u, which it replaces", number,
+                  line);
+        return true;
+    }
+
+    void check_value(const Json &member) const
+    {
+        const Parameter *parameter = family_.find(member.name);
+        if (parameter == nullptr) {
+            fault(path_, member.name_line, "%.60s has no parameter \"%.60s\"", family_.name,
+                  member.name);
+            return;
+        }
+        char label[96];
+        snprintf(label, sizeof(label), "\"%.60s\"", member.name);
+        if (take_text(path_, member, label) == nullptr)
+            return;
+        check_survives(path_, member, label);
+        Reason why;
+        if (parameter->type != nullptr && parameter->len > 0 &&
+            !value_fits(*parameter->type, parameter->len, member.text, why))
+            fault(path_, member.line, "%s: %s", label, why.text);
+    }
+
+    void check_para(const Json &para, bool first) const
+    {
+        if (para.kind != Json::Kind::Object) {
+            fault(path_, para.line, "\"para\" is not an object");
+            return;
+        }
+        check_names_once(path_, para);
+        for (const Json &member : para)
+            check_value(member);
+
+        // A missing value is not the default: the database goes on with the text it had last.
+        for (size_t i = 0; i < family_.count; ++i) {
+            const char *name = family_.parameters[i].name;
+            if (para.member(name) == nullptr)
+                fault(path_, para.line, "\"%.60s\" is missing: it takes %s", name,
+                      first ? "the template's default" : "the value of the element before");
+        }
+    }
+
+    const char *path_;
+    const Family &family_;
+    const Json &array_;
+    Seen seen_;
+};
+
+void check_family(const char *path, const Json &member, Library &templates)
+{
+    check_name_survives(path, member, "name of a family");
+    const Family *family = nullptr;
+    switch (templates.find(member.name, family)) {
+    case Library::Result::None:
+        return fault(path, member.name_line, "unknown family \"%.80s\": there is no such template",
+                     member.name);
+    case Library::Result::Several:
+        return fault(path, member.name_line,
+                     "several templates are called \"%.80s\": none is taken", member.name);
+    case Library::Result::Unusable:
+        return fault(path, member.name_line, "the template of \"%.80s\" has no usable parameters",
+                     member.name);
+    case Library::Result::Found:
+        break;
+    }
+    if (member.kind == Json::Kind::Array)
+        Instances(path, *family, member).check();
+    else
+        fault(path, member.line, "\"%.80s\" is not an array: no instance is taken", member.name);
+}
+
+} // namespace
+
+void tools::check_data(const char *path, Library &templates)
+{
+    JsonDocument document;
+    if (!read_json(path, document))
+        return;
+    const Json &root = *document.root();
+    if (root.kind != Json::Kind::Object)
+        return fault(path, root.line, "a data file is an object of families");
+    check_names_once(path, root);
+    for (const Json &member : root)
+        check_family(path, member, templates);
+}

@@ -1,5 +1,5 @@
-// The header of a blob attribute, read byte by byte: received attributes lie at any address, and
-// the order is the wire's, not the machine's.
+// The header of a blob attribute, read byte by byte: a received attribute may be at any address,
+// and the byte order is the wire's, not the machine's.
 #ifndef BV_BUS_ATTR_H
 #define BV_BUS_ATTR_H
 
@@ -34,7 +34,7 @@ inline size_t attr_raw_length(const blob_attr *attr)
     return get_be32(attr_bytes(attr)) & kAttrLengthMask;
 }
 
-// A raw length below the header's own 4 bytes wraps, as it does in the library underneath.
+// A raw length below the header's 4 bytes wraps, as it does in the library underneath.
 inline size_t attr_length(const blob_attr *attr)
 {
     return attr_raw_length(attr) - kAttrHeader;
@@ -45,7 +45,7 @@ inline const uint8_t *attr_payload(const blob_attr *attr)
     return attr_bytes(attr) + kAttrHeader;
 }
 
-// Getters hand out writable addresses into attributes that they only read themselves.
+// Getters take an attribute as const and return a writable address inside it.
 inline void *writable(const uint8_t *bytes)
 {
     return const_cast<uint8_t *>(bytes);

@@ -1,5 +1,5 @@
-// Blob wrappers. The library's readers are inline functions; here they are real ones. Its puts of
-// integers are too, so the value is laid out here and goes through the general put.
+// Blob wrappers. The library underneath has inline functions for reading attributes and for putting
+// integers. So attributes are read here, and integers are laid out here and put as bytes.
 
 #include <bv/ubus.h>
 

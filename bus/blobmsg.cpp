@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t kNameOffset = 6; // attribute header and the name's length
 
-// Length of the name with what surrounds it: its own length, its terminator, the padding.
+// Bytes of the name with its length field, its terminator and the padding.
 size_t name_header_length(const blob_attr *attr)
 {
     const size_t name_length = bv::get_be16(bv::attr_payload(attr));
@@ -96,8 +96,7 @@ int bv_blobmsg_add_u32(blob_buf *buf, const char *name, uint32_t value)
     return blobmsg_add_field(buf, BLOBMSG_TYPE_INT32, name, bytes, sizeof(bytes));
 }
 
-// The integer readers take the attribute as it is: a null one faults on purpose, since there is
-// no value that could stand for "none".
+// The integer readers do not test for null, on purpose: no value could mean "none".
 uint8_t bv_blobmsg_get_u8(blob_attr *attr)
 {
     return field_data(attr)[0];

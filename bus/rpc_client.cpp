@@ -14,15 +14,16 @@ namespace {
 constexpr int kCallTimeoutMs = 3000;
 
 ubus_context *g_connection; // null while not connected
-uint32_t g_object_id;       // 0, which no object has, until it was looked up
+uint32_t g_object_id;       // 0, which no object has, until it is looked up
 blob_buf g_request;         // reused for every call
 
-// Result of the newest reply. Not reset before a call: services rely on a call that is completed
-// without a reply returning what the call before it did.
+// Result of the newest reply. It is not reset before a call: services rely on a call that ends
+// without a reply returning the result of the call before it.
 uint32_t g_last_result;
 
-// As many bytes as the reply says and really has. How many the caller sent does not matter: a short
-// request may ask for a long answer, and the buffer must hold whatever the owner sends back.
+// Copies as many bytes as the reply declares and really has. The request's length does not matter:
+// a short request may ask for a long answer, and the buffer must hold whatever the owner sends
+// back.
 void copy_reply(void *data, const bv::RpcReply &reply)
 {
     const uint32_t length = std::min(reply.length, reply.available);
@@ -50,7 +51,7 @@ int32_t bv_ubus_client_init(const char *object_name)
     g_connection = bv_ubus_connect(nullptr);
     if (g_connection == nullptr)
         return BV_ERR_FAILED;
-    // An owner that is not there yet is no failure here: calls then say so.
+    // An owner that is missing so far is not a failure here: calls report it.
     bv_ubus_lookup_id(g_connection, object_name != nullptr ? object_name : bv::kDefaultObjectName,
                       &g_object_id);
     return BV_OK;

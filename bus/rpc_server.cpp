@@ -1,13 +1,15 @@
-// The owner's side of remote calls: a registry of functions by name and one bus object whose only
+// The owner's side of remote calls: a registry of functions by name, and one bus object whose only
 // method runs them.
 //
-// A loop that has ended leaves its connection and its object behind; nothing is torn down on the
-// way out, since most services exit then. The next start tidies up after it, because the object
-// left behind would make the new one a duplicate.
+// When the loop ends, the connection and the object stay, since most services exit then. The next
+// start frees them first: the old object would make the new one a duplicate.
 
 #include <bv/ubus.h>
 
 #include "bus/rpc_message.h"
+#include "os/alloc.h"
+#include "os/key.h"
+#include "os/owned.h"
 
 #include <bv/hash.h>
 #include <bv/os.h>
@@ -15,15 +17,15 @@
 
 namespace {
 
-// Not 8192: with this count the table's mask spreads names over eight buckets only, which a
-// gateway's few dozen functions never notice.
+// Not 8192: with this count the table's mask uses only eight buckets, which is enough for the few
+// dozen functions of a service. The count is also how many names the registry takes.
 constexpr uint32_t kRegistrySize = 8196;
 constexpr uint32_t kKeySize = 256;
 constexpr uint32_t kObjectNameSize = 128;
 
 static_assert(sizeof(void *) != 4 || sizeof(bv_ubus_handler) == 4, "the registry's record");
 
-bv_hash *g_registry;        // name, zero-filled to kKeySize -> bv_ubus_handler
+bv_hash *g_registry;        // from a Key to a bv_ubus_handler
 ubus_context *g_connection; // of the run that serves, or of the last one that ended
 blob_buf g_reply;           // reused for every reply
 char g_object_name[kObjectNameSize];
@@ -38,27 +40,11 @@ constexpr int kMethodCount = 1;
 ubus_object_type g_object_type = {"obj", 0, kMethods, kMethodCount};
 ubus_object g_object;
 
-struct Key {
-    char bytes[kKeySize];
-};
+using Key = bv::Key<kKeySize>;
 
-const uint8_t *key_bytes(const Key &key)
-{
-    return reinterpret_cast<const uint8_t *>(key.bytes);
-}
-
-// A name that does not fit means the empty name. The print that refuses it leaves text behind the
-// terminator, so the key, which is compared whole, is cleared again.
-void make_key(Key &key, const char *name)
-{
-    key = Key{};
-    if (bv_os_sprintf(key.bytes, sizeof(key.bytes), "%s", name) < 0)
-        key = Key{};
-}
-
-// The function called last. Callers repeat themselves (a page that polls), and making and hashing
-// a whole key is the dearest step of a small call. Any change of the registry empties it. A name
-// that does not fit equals no key's text, so it never hits by mistake.
+// The function called last. Callers often repeat a call (a page that polls), and making and hashing
+// a key is the most expensive step of a small call. Any change of the registry empties this. A name
+// that does not fit in a key equals no key's text, so it never matches by mistake.
 struct LastCalled {
     Key key;
     bv_ubus_handler handler;
@@ -72,12 +58,11 @@ void forget_last_called()
 
 bv_ubus_handler find_handler(const char *name)
 {
-    if (g_last_called.handler != nullptr && bv_os_strcmp(name, g_last_called.key.bytes) == 0)
+    if (g_last_called.handler != nullptr && bv_os_strcmp(name, g_last_called.key.text()) == 0)
         return g_last_called.handler;
 
-    Key key;
-    make_key(key, name);
-    const void *found = bv_hash_find(g_registry, key_bytes(key));
+    const Key key(name);
+    const void *found = bv_hash_find(g_registry, key.bytes());
     if (found == nullptr)
         return nullptr;
     bv_os_memcpy(&g_last_called.handler, sizeof(g_last_called.handler), found,
@@ -86,81 +71,65 @@ bv_ubus_handler find_handler(const char *name)
     return g_last_called.handler;
 }
 
-// The bytes that a handler works on: the message's own, or, when the caller declared more than it
-// sent, a block that starts with them and goes on with zeros. Handlers trust the length they get.
-class HandlerBytes {
-public:
-    explicit HandlerBytes(const bv::RpcRequest &request) : data_(request.data)
-    {
-        if (request.length > request.available)
-            data_ = block_ = make_block(request);
-    }
-    ~HandlerBytes()
-    {
-        if (block_ != nullptr)
-            bv_os_free(block_);
-    }
-    HandlerBytes(const HandlerBytes &) = delete;
-    HandlerBytes &operator=(const HandlerBytes &) = delete;
+// A request's bytes in a block of the declared length, with zeros after them; null if memory is
+// short.
+uint8_t *extend_bytes(const bv::RpcRequest &request)
+{
+    auto *block = bv::allocate<uint8_t>(request.length);
+    if (block == nullptr)
+        return nullptr;
+    const uint32_t missing = request.length - request.available;
+    if (request.available != 0)
+        bv_os_memcpy(block, request.length, request.data, request.available);
+    bv_os_memset(block + request.available, missing, 0, missing);
+    return block;
+}
 
-    uint8_t *get() const { return data_; } // null when there was no memory for a block
+// Runs a handler over `data` and returns the reply; null if that cannot be built.
+blob_attr *run(bv_ubus_handler handler, uint8_t *data, uint32_t length)
+{
+    const uint32_t result = handler(data, length);
+    return bv::rpc_build_reply(g_reply, result, data, length) ? g_reply.head : nullptr;
+}
 
-private:
-    static uint8_t *make_block(const bv::RpcRequest &request)
-    {
-        uint8_t *block = static_cast<uint8_t *>(bv_os_malloc(request.length));
-        if (block == nullptr)
-            return nullptr;
-        const uint32_t missing = request.length - request.available;
-        if (request.available != 0)
-            bv_os_memcpy(block, request.length, request.data, request.available);
-        bv_os_memset(block + request.available, missing, 0, missing);
-        return block;
-    }
-
-    uint8_t *data_;
-    uint8_t *block_ = nullptr;
-};
-
-// Runs the function that a request names and fills the reply buffer; false when the request is
-// not one that can be answered.
-bool serve(blob_attr *message)
+// Runs the function that a request names and returns the reply; null when the request cannot be
+// answered.
+blob_attr *serve(blob_attr *message)
 {
     bv::RpcRequest request;
     if (!bv::rpc_parse_request(message, request))
-        return false;
+        return nullptr;
     const bv_ubus_handler handler = find_handler(request.func);
     if (handler == nullptr)
-        return false;
+        return nullptr;
 
-    // A handler changes the owner's state, so whatever could keep its reply back is found before.
+    // A handler changes the owner's state, so the room for its reply is reserved first.
     if (!bv::rpc_reserve_reply(g_reply, request.length))
-        return false;
-    const HandlerBytes bytes(request);
-    if (bytes.get() == nullptr)
-        return false;
+        return nullptr;
+    if (request.length <= request.available)
+        return run(handler, request.data, request.length);
 
-    const uint32_t result = handler(bytes.get(), request.length);
-    return bv::rpc_build_reply(g_reply, result, bytes.get(), request.length);
+    // Handlers trust the length they get, also when the caller declared more than it sent.
+    const bv::Block<uint8_t> bytes(extend_bytes(request));
+    return bytes ? run(handler, bytes.get(), request.length) : nullptr;
 }
 
-// Every request is completed here. The mark keeps the bus library from making a second status out
-// of what this returns.
+// Every request is completed here. The mark keeps the bus library from sending the result of this
+// function as a second status.
 int dispatch(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
              blob_attr *message)
 {
     req->deferred = true;
-    if (!serve(message)) {
-        bv_ubus_complete_deferred_request(ctx, req, UBUS_STATUS_INVALID_ARGUMENT);
-        return UBUS_STATUS_OK;
-    }
-    bv_ubus_send_reply(ctx, req, g_reply.head);
-    bv_ubus_complete_deferred_request(ctx, req, UBUS_STATUS_OK);
+    blob_attr *reply = serve(message);
+    if (reply != nullptr)
+        bv_ubus_send_reply(ctx, req, reply);
+    bv_ubus_complete_deferred_request(
+        ctx, req, reply != nullptr ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT);
     return UBUS_STATUS_OK;
 }
 
-// The loop drops a socket that was hung up before the library gets to see it, and would sleep on
-// without a bus for ever.
+// The loop drops a socket that was hung up before the bus library sees it, and would then wait for
+// ever without a bus.
 void end_loop(ubus_context *)
 {
     uloop_end();
@@ -196,8 +165,8 @@ bool connect_to_bus()
 int publish(const char *object_name)
 {
     bv_os_strcpy(g_object_name, sizeof(g_object_name), object_name);
-    // Fresh records: with the ids of an earlier connection in them the bus would take the object
-    // and show it to nobody.
+    // New records: with the ids of an earlier connection in them, the bus would accept the object
+    // but no caller could find it.
     g_object_type.id = 0;
     g_object = ubus_object{};
     g_object.name = g_object_name;
@@ -214,9 +183,7 @@ int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler)
     if (g_registry == nullptr || name == nullptr || handler == nullptr)
         return BV_ERR_FAILED;
     forget_last_called();
-    Key key;
-    make_key(key, name);
-    return bv_hash_insert(g_registry, key_bytes(key), &handler);
+    return bv_hash_insert(g_registry, Key(name).bytes(), &handler);
 }
 
 int32_t bv_ubus_server_init(const char *object_name, int (*register_callback)(void))

@@ -37,8 +37,8 @@ int bv_uloop_timeout_cancel(uloop_timeout *timeout)
     return uloop_timeout_cancel(timeout);
 }
 
-// The library would rather see its 64-bit form used, which old versions of it do not have. Our
-// result is an int whatever the version underneath declares.
+// The library marks this function as deprecated in favour of a 64-bit one, which its old versions
+// lack. Our result is an int whatever the version underneath returns.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 int bv_uloop_timeout_remaining(uloop_timeout *timeout)

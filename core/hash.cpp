@@ -1,8 +1,8 @@
-// Hash table with chains. Geometry is fixed and keys have one size, so that a look-up is one hash
-// over the whole key, padding included, and one comparison per entry of a chain.
+// Hash table with chains. The geometry is fixed and all keys have one size, so a look-up is one
+// hash over the whole key, padding included, and one comparison for each entry of a chain.
 //
-// Node, key and record of an entry are allocations of their own: a record may then be as large as
-// an allocation gets, and its address, which callers keep, is aligned for any type.
+// Entry, key and record are separate allocations: a record may then be as large as an allocation
+// can be, and its address, which callers keep, is aligned for any type.
 
 #include <bv/hash.h>
 
@@ -10,6 +10,7 @@
 #include "core/list.h"
 #include "os/alloc.h"
 #include "os/checked.h"
+#include "os/owned.h"
 
 #include <bv/status.h>
 
@@ -33,26 +34,20 @@ static_assert(sizeof(void *) != 4 ||
               "four pointers");
 static_assert(sizeof(void *) != 4 || sizeof(bv_list_head) == 8, "two pointers");
 
-Entry *entry_of(bv_list_head *link)
-{
-    return bv::list_record<Entry>(link, offsetof(Entry, link));
-}
-
 bool is_table(const bv_hash *table)
 {
     return table != nullptr && table->magic == kMagic;
 }
 
-// The mask is applied to sizes that are no power of two as well. Rounding the size would move
+// The mask is also applied to sizes that are not a power of two. Rounding the size would move
 // entries to other buckets and change what a dump shows.
 bv_list_head &bucket_of(const bv_hash &table, const uint8_t *key)
 {
     return table.buckets[bv_os_jhash(key, table.keysize, 0) & (table.hashsize - 1)];
 }
 
-// A small C library compares a byte at a time, which for the database's keys takes longer than
-// hashing them; a large one does it in vector registers. So on 32-bit machines keys are compared
-// here, by words, two a step.
+// A small C library compares byte by byte, which takes longer than hashing the database's keys; a
+// large one uses vector registers. So 32-bit machines compare here, two words at a time.
 bool same_key(const uint8_t *a, const uint8_t *b, uint32_t size)
 {
     if constexpr (sizeof(void *) == 4) {
@@ -70,13 +65,11 @@ bool same_key(const uint8_t *a, const uint8_t *b, uint32_t size)
     return bv_os_memcmp(a, b, size) == 0;
 }
 
-Entry *find_entry(const bv_hash &table, bv_list_head &bucket, const uint8_t *key)
+Entry *find_entry(const bv_hash &table, const bv_list_head &bucket, const uint8_t *key)
 {
-    for (bv_list_head *link = bucket.next; link != &bucket; link = link->next) {
-        Entry *entry = entry_of(link);
-        if (same_key(entry->key, key, table.keysize))
-            return entry;
-    }
+    for (Entry &entry : bv::each<Entry>(bucket))
+        if (same_key(entry.key, key, table.keysize))
+            return &entry;
     return nullptr;
 }
 
@@ -92,14 +85,14 @@ void copy_record(const bv_hash &table, Entry &entry, const void *data)
     bv_os_memcpy(entry.data, table.datasize, data, table.datasize);
 }
 
-// An entry with its own copies, not linked yet; null if memory is short.
+// An entry with copies of key and record, not linked yet; null if memory is short.
 Entry *make_entry(const bv_hash &table, const uint8_t *key, const void *data)
 {
-    Entry *entry = static_cast<Entry *>(bv_os_malloc(sizeof(Entry)));
+    auto *entry = bv::allocate<Entry>();
     if (entry == nullptr)
         return nullptr;
 
-    entry->key = static_cast<uint8_t *>(bv_os_malloc(table.keysize));
+    entry->key = bv::allocate<uint8_t>(table.keysize);
     entry->data = bv_os_malloc(table.datasize);
     if (entry->key == nullptr || entry->data == nullptr) {
         free_entry(entry);
@@ -111,7 +104,7 @@ Entry *make_entry(const bv_hash &table, const uint8_t *key, const void *data)
     return entry;
 }
 
-// Links a new entry for a key that is not there yet; null if memory is short.
+// Links a new entry for a key that the table lacks; null if memory is short.
 Entry *append_entry(bv_hash &table, bv_list_head &bucket, const uint8_t *key, const void *data)
 {
     Entry *entry = make_entry(table, key, data);
@@ -129,28 +122,19 @@ void remove_entry(bv_hash &table, Entry *entry)
     free_entry(entry);
 }
 
-void free_bucket(bv_list_head &bucket)
-{
-    for (bv_list_head *link = bucket.next; link != &bucket;) {
-        bv_list_head *next = link->next;
-        free_entry(entry_of(link));
-        link = next;
-    }
-}
-
-// The address as the eight digits that a dump has room for.
+// The part of an address that a dump's eight digits show.
 unsigned int low_address(const void *pointer)
 {
     return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
 }
 
-void dump_bucket(uint32_t number, bv_list_head &bucket)
+void dump_bucket(uint32_t number, const bv_list_head &bucket)
 {
     uint32_t position = 0;
-    for (bv_list_head *link = bucket.next; link != &bucket; link = link->next) {
-        const Entry *entry = entry_of(link);
-        bv_os_printf("\r\n[%04u-%04u]keyobject:%08x dataobject:%08x", number, position++,
-                     low_address(entry->key), low_address(entry->data));
+    for (const Entry &entry : bv::each<Entry>(bucket)) {
+        bv_os_printf("\r\n[%04u-%04u]keyobject:%08x dataobject:%08x", number, position,
+                     low_address(entry.key), low_address(entry.data));
+        ++position;
     }
 }
 
@@ -161,20 +145,18 @@ bv_hash *bv_hash_init(uint32_t hashsize, uint32_t keysize, uint32_t datasize)
     if (hashsize == 0 || keysize == 0 || datasize == 0)
         return nullptr;
 
-    bv_hash *table = static_cast<bv_hash *>(bv_os_malloc(sizeof(bv_hash)));
-    if (table == nullptr)
+    bv::Block<bv_hash> table(bv::allocate<bv_hash>());
+    if (!table)
         return nullptr;
 
-    void *buckets = bv::allocate(uint64_t{hashsize} * sizeof(bv_list_head));
-    if (buckets == nullptr) {
-        bv_os_free(table);
+    auto *buckets = bv::allocate<bv_list_head>(uint64_t{hashsize} * sizeof(bv_list_head));
+    if (buckets == nullptr)
         return nullptr;
-    }
+    for (uint32_t i = 0; i < hashsize; ++i)
+        bv::list_init(buckets[i]);
 
-    *table = {kMagic, hashsize, keysize, datasize, 0, static_cast<bv_list_head *>(buckets)};
-    for (uint32_t i = 0; i < hashsize; i++)
-        bv::list_init(table->buckets[i]);
-    return table;
+    *table.get() = {kMagic, hashsize, keysize, datasize, 0, buckets};
+    return table.release();
 }
 
 int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *data)
@@ -182,8 +164,8 @@ int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *data)
     if (!is_table(table) || key == nullptr)
         return BV_ERR_FAILED;
 
-    // Before the look-up on purpose: a full table refuses every insert at once, also that of a
-    // key which it holds.
+    // Before the look-up on purpose: a full table refuses every insert, even of a key that it
+    // holds.
     if (table->currnum >= table->hashsize)
         return BV_ERR_FULL;
 
@@ -221,8 +203,9 @@ void bv_hash_exit(bv_hash *table)
     if (!is_table(table))
         return;
 
-    for (uint32_t i = 0; i < table->hashsize; i++)
-        free_bucket(table->buckets[i]);
+    for (uint32_t i = 0; i < table->hashsize; ++i)
+        for (Entry &entry : bv::each_removable<Entry>(table->buckets[i]))
+            free_entry(&entry);
     bv_os_free(table->buckets);
     bv_os_free(table);
 }
@@ -236,7 +219,7 @@ void bv_hash_dump(bv_hash *table)
     bv_os_printf("\r\nhashsize:%u keysize:%u datasize:%u currnum:%u ", table->hashsize,
                  table->keysize, table->datasize, table->currnum);
     bv_os_printf("\r\n-----------------------------------------------");
-    for (uint32_t i = 0; i < table->hashsize; i++)
+    for (uint32_t i = 0; i < table->hashsize; ++i)
         dump_bucket(i, table->buckets[i]);
     bv_os_printf("\r\n===============================================\r\n");
 }

@@ -1,5 +1,5 @@
 // What the database does with a table beyond the public calls. Hashing a key of 1024 bytes costs
-// more than everything else about an entry, so adding one and finding it again is one step.
+// more than all other work on an entry, so adding one and finding it again is one step.
 #ifndef BV_CORE_HASH_H
 #define BV_CORE_HASH_H
 

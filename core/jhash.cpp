@@ -1,7 +1,7 @@
-// Bob Jenkins' hash "lookup2" (1996). The configuration database hashes 1024 bytes on every
-// access, so the words of the key are loaded whole where the machine's order is that of the hash,
-// and nothing of a step may become a call: optimised for size, as the gateway's packages are, a
-// compiler would otherwise call memcpy for every word and keep the state in memory.
+// Bob Jenkins' hash "lookup2" (1996). The configuration database hashes 1024 bytes on every access.
+// So a little-endian machine loads the key's words whole, and no part of a step may become a call:
+// the gateway's packages are optimised for size, and the compiler would then call memcpy for every
+// word and keep the state in memory.
 
 #include <bv/hash.h>
 
@@ -61,12 +61,12 @@ inline uint32_t get_le32(const uint8_t *from)
 #endif
 }
 
-// Adds the last 0 to 11 bytes, each at its place in its word. The low byte of c is left to the
-// length, so the bytes 8 to 10 lie one place higher than in a whole block.
+// Adds the last 0 to 11 bytes, each at its place in its word. The low byte of c is for the length,
+// so bytes 8 to 10 are one place higher than in a whole block.
 void add_rest(State &s, const uint8_t *rest, uint32_t length)
 {
     uint32_t words[3] = {};
-    for (uint32_t i = 0; i < length; i++) {
+    for (uint32_t i = 0; i < length; ++i) {
         const uint32_t place = i < 8 ? i % 4 : i % 4 + 1;
         words[i / 4] += static_cast<uint32_t>(rest[i]) << (8 * place);
     }

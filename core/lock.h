@@ -1,4 +1,4 @@
-// A lock held for a scope.
+// A lock that is held to the end of a scope.
 #ifndef BV_CORE_LOCK_H
 #define BV_CORE_LOCK_H
 

@@ -1,16 +1,16 @@
-// Numbered events from any thread to registered callbacks, through one dispatch thread.
+// Numbered events from any thread to registered callbacks, through one dispatch thread; and the
+// translation of the driver's messages into such events.
 //
-// The lock guards the list of events and their number, and is never held while a callback runs:
-// callbacks post events themselves. An event stays linked and counted until its callbacks are
-// done. Only the dispatch thread unlinks, so what it knows about the list stays true meanwhile.
+// The lock guards the list of events and their count. It is never held while a callback runs:
+// callbacks post events themselves. An event stays linked and counted until its callbacks have
+// returned. Only the dispatch thread unlinks, so its position in the list stays valid.
 //
-// The table of callbacks has no lock: registrations are made during start-up, from one thread at
-// a time. The driver may talk already then, so a new callback is linked in such a way that the
-// dispatch thread may walk past it at the same moment.
+// The table of callbacks has no lock: services register during start-up, from one thread at a time.
+// The driver may already send then, so a callback is linked in a way that lets the dispatch thread
+// walk the list at the same moment.
 //
-// A forked child inherits all of this but the threads, and perhaps a lock that one of them held.
-// It starts from nothing: a handler of the fork makes the state anew, so that no call has to ask
-// which process it is in.
+// A forked child inherits all of this except the threads, and perhaps a lock that one of them held.
+// A fork handler resets the child's state, so that no call has to ask which process it is in.
 
 #include <bv/notifier.h>
 
@@ -20,8 +20,11 @@
 #include "os/alloc.h"
 #include "os/atomic.h"
 #include "os/checked.h"
+#include "os/owned.h"
 
 #include <bv/status.h>
+
+#include <algorithm>
 
 sem_t g_st_notifier_sem;
 
@@ -64,15 +67,10 @@ bool started()
     return bv::load_acquire(g_notifier.started) != 0;
 }
 
-Event *event_of(bv_list_head *link)
-{
-    return bv::list_record<Event>(link, offsetof(Event, link));
-}
-
 // An event with a copy of data, not linked yet; null if memory is short.
 Event *make_event(uint32_t type, const void *data, uint32_t length)
 {
-    Event *event = static_cast<Event *>(bv::allocate(sizeof(Event) + uint64_t{length} + 1));
+    auto *event = bv::allocate<Event>(sizeof(Event) + uint64_t{length} + 1);
     if (event == nullptr)
         return nullptr;
 
@@ -82,32 +80,28 @@ Event *make_event(uint32_t type, const void *data, uint32_t length)
         bv_os_memcpy(event->payload(), length, data, length);
     else
         bv_os_memset(event->payload(), length + 1, 0, length + 1);
-    event->payload()[length] = 0; // text arrives terminated
+    event->payload()[length] = 0; // callbacks get terminated text
     return event;
 }
 
 void append_event(Event &event)
 {
-    bv::MutexGuard guard(g_notifier.lock);
+    const bv::MutexGuard guard(g_notifier.lock);
     bv::list_append(g_notifier.events, event.link);
     g_notifier.count = bv::checked_add(g_notifier.count, 1);
 }
 
-// Calls every callback of the event's type. Events of other types are nobody's.
+// Calls every callback of the event's type. An event of an unknown type has none.
 void deliver(Event &event)
 {
     if (event.type >= kTypes)
         return;
-
-    bv_list_head &callbacks = g_notifier.callbacks[event.type];
-    for (bv_list_head *link = bv::list_next(callbacks); link != &callbacks;
-         link = bv::list_next(*link))
-        bv::list_record<Callback>(link, offsetof(Callback, link))
-            ->function(event.payload(), event.length);
+    for (const Callback &callback : bv::each_published<Callback>(g_notifier.callbacks[event.type]))
+        callback.function(event.payload(), event.length);
 }
 
-// Where the dispatch thread stands: the event at hand, and what followed it before its callbacks
-// ran. Either may be the list's head, which ends the round.
+// The dispatch thread's position: the event at hand, and the one that followed it before its
+// callbacks ran. Either may be the list's head, which ends the round.
 struct Round {
     bv_list_head *link;
     bv_list_head *next;
@@ -115,35 +109,32 @@ struct Round {
 
 Round begin_round()
 {
-    bv::MutexGuard guard(g_notifier.lock);
+    const bv::MutexGuard guard(g_notifier.lock);
     bv_list_head *first = g_notifier.events.next;
     return {first, first->next};
 }
 
-// Takes the event at hand out and goes to the next one, all in one turn of the lock.
+// Takes the event at hand out and moves to the next one, under one hold of the lock.
 void finish_event(Round &round)
 {
-    Event *event = event_of(round.link);
-    {
-        bv::MutexGuard guard(g_notifier.lock);
-        bv::list_unlink(event->link);
-        g_notifier.count = bv::checked_sub(g_notifier.count, 1);
-        round = {round.next, round.next->next};
-    }
-    bv_os_free(event);
+    const bv::Block<Event> event(&bv::record_of<Event>(round.link));
+    const bv::MutexGuard guard(g_notifier.lock);
+    bv::list_unlink(event->link);
+    g_notifier.count = bv::checked_sub(g_notifier.count, 1);
+    round = {round.next, round.next->next};
 }
 
-// Handles the events from the first to the present last one. What callbacks post during the last
-// event waits for its own post, so that a callback that always posts another event leaves the
-// loop in between.
+// Handles the events from the first to the last one of this moment. Events that callbacks post
+// during the last one wait for their own post, so a callback that always posts another event still
+// leaves the loop in between.
 void dispatch_pending()
 {
     for (Round round = begin_round(); round.link != &g_notifier.events; finish_event(round))
-        deliver(*event_of(round.link));
+        deliver(bv::record_of<Event>(round.link));
 }
 
-// A wait that a signal ended looks at the list as well, and a post whose event went with an
-// earlier round finds it empty: both are harmless.
+// A wait that a signal ended looks at the list too, and the post of an event that an earlier round
+// handled finds it empty: both are harmless.
 void *dispatch_forever(void *)
 {
     for (;;) {
@@ -162,8 +153,8 @@ void reset()
     bv_os_sem_init(&g_st_notifier_sem, 0, 0);
 }
 
-// What the parent had registered and posted is left where it is: the lists may be half changed,
-// and a child of a process with threads had better not give back memory.
+// The parent's registrations and events are not freed: the lists may be half changed, and the child
+// of a process with threads should not free memory.
 void after_fork_in_child()
 {
     bv::store_release(g_notifier.started, uint32_t{0});
@@ -178,23 +169,51 @@ void handle_forks()
         handled = pthread_atfork(nullptr, nullptr, after_fork_in_child) == 0;
 }
 
-// The mark comes last: while it is missing the next bv_notifier_init() tries again, and nothing is
-// posted that no one would fetch.
+// The mark is set last: until then no event is posted, since no thread would fetch it, and the next
+// bv_notifier_init() tries again.
 void start_dispatcher()
 {
     pthread_t thread;
     if (bv_os_pthread_create(&thread, nullptr, dispatch_forever, nullptr) != 0)
         return;
-    bv_os_pthread_detach(thread); // it never ends, so no one waits for it
+    bv_os_pthread_detach(thread); // it never ends, so no thread waits for it
     bv::store_release(g_notifier.started, uint32_t{1});
+}
+
+// Driver message types and the event type that each one becomes.
+struct EventMapping {
+    uint16_t driver_type;
+    uint8_t event_type;
+};
+constexpr EventMapping kEventMap[] = {{2, 4}, {4, 5}, {5, 6}, {6, 8}, {7, 11}, {8, 12}, {9, 13}};
+constexpr uint32_t kIgnoredType = 1; // of no use to any service
+
+// People search a gateway's console for this origin, so it does not follow the lines of this file.
+constexpr char kPrintedFunction[] = "bv_notifier_kernel";
+constexpr int kPrintedLine = 139;
+
+const EventMapping *find_mapping(uint32_t driver_type)
+{
+    for (const EventMapping &mapping : kEventMap)
+        if (mapping.driver_type == driver_type)
+            return &mapping;
+    return nullptr;
+}
+
+// A payload straight from a caller is not terminated, so the precision bounds it.
+void print_unknown(uint32_t driver_type, const void *data, uint32_t length)
+{
+    const char *text = data == nullptr ? "" : static_cast<const char *>(data);
+    const int limit = static_cast<int>(std::min<uint32_t>(length, INT32_MAX));
+    bv_os_printf("[%s:%04d]type(%d)-len(%d)-data(%.*s)\r\n", kPrintedFunction, kPrintedLine,
+                 static_cast<int>(driver_type), static_cast<int>(length), limit, text);
 }
 
 } // namespace
 
 int32_t bv_notifier_init(void)
 {
-    // Registrations are permanent, and a second dispatch thread would tear events out of the
-    // first one's hands.
+    // Registrations are permanent, and two dispatch threads would take events from each other.
     if (started()) {
         if (!bv::netlink_runs()) // the driver may have been loaded since
             bv_netlink_init();
@@ -213,7 +232,7 @@ int32_t bv_notifier_reg(uint32_t type, bv_notifier_cb callback)
     if (!started() || type >= kTypes || callback == nullptr)
         return BV_OK;
 
-    Callback *node = static_cast<Callback *>(bv_os_malloc(sizeof(Callback)));
+    auto *node = bv::allocate<Callback>();
     if (node == nullptr)
         return BV_OK;
     node->function = callback;
@@ -231,4 +250,16 @@ int32_t bv_notifier_send(uint32_t type, const void *data, uint32_t length)
         return BV_ERR_FAILED;
     append_event(*event);
     return bv_os_sem_post(&g_st_notifier_sem);
+}
+
+void bv_notifier_kernel(uint32_t kernel_type, void *data, uint32_t length)
+{
+    if (kernel_type == kIgnoredType)
+        return;
+
+    const EventMapping *mapping = find_mapping(kernel_type);
+    if (mapping != nullptr)
+        bv_notifier_send(mapping->event_type, data, length);
+    else
+        print_unknown(kernel_type, data, length);
 }

@@ -1,5 +1,5 @@
-// Time ticks, which have no behaviour yet, and the millisecond delay. Services call the tick
-// functions, and start-up adds their result in, so that they keep linking and running.
+// Time ticks, which do nothing yet, and the millisecond delay. Services and the start-up call the
+// tick functions, so they stay.
 
 #include <bv/notifier.h>
 
@@ -17,8 +17,8 @@ void bv_time_tick_set(bv_time_tick_cb, uint32_t) {}
 
 void bv_timer_set(uint32_t ms)
 {
-    // The product wraps above 4294967 ms and takes the part below one second with it. Services
-    // have lived with these delays for long; see the header.
+    // The product wraps above 4294967 ms, which changes the part below one second. Services rely on
+    // the delays that they have always had.
     timeval interval = {};
     interval.tv_sec = static_cast<time_t>(ms / 1000);
     interval.tv_usec = static_cast<suseconds_t>(ms * 1000 % 1000000);

@@ -1,7 +1,6 @@
 // The calls that services use: instances by the name of their family.
 //
-// What a copy makes of a buffer of the wrong size is not reported here: services give buffers of
-// any size and count on 0.
+// A failed copy is not reported here: services pass buffers of any size and expect 0.
 
 #include <bv/db.h>
 
@@ -10,14 +9,15 @@
 
 namespace {
 
-// Finds the named family and its instance for the calls below.
-int32_t find_instance(const char *name, uint32_t inst, bv_db_family **family, bv_db_inst **instance)
+// Copies an instance that a walk has found, and its number; null is the end of the walk.
+int32_t read_found(const bv_db_family &family, const bv_db_inst *instance, bv::MutableBytes buf,
+                   uint32_t &number)
 {
-    *family = bv_db_hash_find(name);
-    if (*family == nullptr)
-        return BV_ERR_NO_FAMILY;
-    *instance = bv_db_data_get_inst(*family, static_cast<int32_t>(inst));
-    return *instance == nullptr ? BV_ERR_NO_INSTANCE : BV_OK;
+    if (instance == nullptr)
+        return BV_ERR_NO_INSTANCE;
+    number = static_cast<uint32_t>(instance->number);
+    bv::copy_image_out(family, instance->image, buf);
+    return BV_OK;
 }
 
 } // namespace
@@ -27,22 +27,27 @@ int32_t bv_db_inst_add(const char *name, const void *buf, uint32_t buflen, uint3
     bv_db_family *family = bv_db_hash_find(name);
     if (family == nullptr)
         return BV_ERR_NO_FAMILY;
-    if (bv_db_data_get_inst(family, static_cast<int32_t>(inst)) != nullptr)
+    const auto number = static_cast<int32_t>(inst);
+    if (bv::find_instance(*family, number) != nullptr)
         return BV_ERR_EXISTS;
-    return bv_db_data_add_inst(family, buf, buflen, static_cast<int32_t>(inst));
+    return bv::add_instance(*family, bv::bytes_of(buf, buflen), number);
 }
 
 int32_t bv_db_inst_del(const char *name, uint32_t inst)
 {
-    bv_db_family *family;
-    bv_db_inst *instance;
-    int32_t status = find_instance(name, inst, &family, &instance);
-    return status == BV_OK ? bv_db_data_del_inst(family, instance) : status;
+    bv_db_family *family = bv_db_hash_find(name);
+    if (family == nullptr)
+        return BV_ERR_NO_FAMILY;
+    bv_db_inst *instance = bv::find_instance(*family, static_cast<int32_t>(inst));
+    if (instance == nullptr)
+        return BV_ERR_NO_INSTANCE;
+    bv::remove_instance(*family, *instance);
+    return BV_OK;
 }
 
 int32_t bv_db_inst_getnew(const char *name, uint32_t *out)
 {
-    bv_db_family *family = bv_db_hash_find(name);
+    const bv_db_family *family = bv_db_hash_find(name);
     if (family == nullptr || out == nullptr)
         return BV_ERR_NO_FAMILY;
     *out = static_cast<uint32_t>(bv::checked_add(family->inst_max, 1));
@@ -51,23 +56,27 @@ int32_t bv_db_inst_getnew(const char *name, uint32_t *out)
 
 int32_t bv_db_inst_getnum(const char *name)
 {
-    bv_db_family *family = bv_db_hash_find(name);
+    const bv_db_family *family = bv_db_hash_find(name);
     return family == nullptr ? 0 : family->inst_count;
 }
 
 int32_t bv_db_read(const char *name, void *buf, uint32_t buflen, uint32_t inst)
 {
-    bv_db_family *family;
-    bv_db_inst *instance;
-    int32_t status = find_instance(name, inst, &family, &instance);
-    // A family that was never stored still has its settings: the template's.
-    if (status == BV_ERR_NO_INSTANCE && inst == 1) {
-        bv::copy_image_out(*family, family->default_image, buf, buflen);
-        return BV_OK;
-    }
-    if (status == BV_OK)
-        bv_db_data_get_context(family, instance, buf, buflen);
-    return status;
+    bv_db_family *family = bv_db_hash_find(name);
+    if (family == nullptr)
+        return BV_ERR_NO_FAMILY;
+
+    const uint8_t *image;
+    const bv_db_inst *instance = bv::find_instance(*family, static_cast<int32_t>(inst));
+    if (instance != nullptr)
+        image = instance->image;
+    else if (inst == 1) // a family that was never stored still has the template's settings
+        image = family->default_image;
+    else
+        return BV_ERR_NO_INSTANCE;
+
+    bv::copy_image_out(*family, image, bv::bytes_of(buf, buflen));
+    return BV_OK;
 }
 
 int32_t bv_db_read_first(const char *name, void *buf, uint32_t buflen, uint32_t *inst)
@@ -75,12 +84,9 @@ int32_t bv_db_read_first(const char *name, void *buf, uint32_t buflen, uint32_t 
     bv_db_family *family = bv_db_hash_find(name);
     if (family == nullptr)
         return BV_ERR_NO_FAMILY;
-    auto *number = reinterpret_cast<int32_t *>(inst);
-    bv_db_inst *instance = bv_db_data_get_inst_first(family, number);
-    if (instance == nullptr)
+    if (inst == nullptr)
         return BV_ERR_NO_INSTANCE;
-    bv_db_data_get_context(family, instance, buf, buflen);
-    return BV_OK;
+    return read_found(*family, bv::first_instance(*family), bv::bytes_of(buf, buflen), *inst);
 }
 
 int32_t bv_db_read_next(const char *name, void *buf, uint32_t buflen, uint32_t prev, uint32_t *inst)
@@ -88,20 +94,20 @@ int32_t bv_db_read_next(const char *name, void *buf, uint32_t buflen, uint32_t p
     bv_db_family *family = bv_db_hash_find(name);
     if (family == nullptr)
         return BV_ERR_NO_FAMILY;
-    auto *number = reinterpret_cast<int32_t *>(inst);
-    bv_db_inst *instance = bv_db_data_get_inst_next(family, static_cast<int32_t>(prev), number);
-    if (instance == nullptr)
+    if (inst == nullptr)
         return BV_ERR_NO_INSTANCE;
-    bv_db_data_get_context(family, instance, buf, buflen);
-    return BV_OK;
+    return read_found(*family, bv::instance_after(*family, static_cast<int32_t>(prev)),
+                      bv::bytes_of(buf, buflen), *inst);
 }
 
 int32_t bv_db_write(const char *name, const void *buf, uint32_t buflen, uint32_t inst)
 {
-    bv_db_family *family;
-    bv_db_inst *instance;
-    int32_t status = find_instance(name, inst, &family, &instance);
-    if (status == BV_OK)
-        bv_db_data_set_context(family, instance, buf, buflen);
-    return status;
+    bv_db_family *family = bv_db_hash_find(name);
+    if (family == nullptr)
+        return BV_ERR_NO_FAMILY;
+    const bv_db_inst *instance = bv::find_instance(*family, static_cast<int32_t>(inst));
+    if (instance == nullptr)
+        return BV_ERR_NO_INSTANCE;
+    bv::copy_image_in(*family, instance->image, bv::bytes_of(buf, buflen));
+    return BV_OK;
 }

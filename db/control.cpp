@@ -1,5 +1,5 @@
-// The whole database between memory and files: start, reset, restore, commit with the flag that
-// lets it write, and the command word by which a message asks for one of them.
+// The whole database between memory and files: start, reset, restore, commit and the flag that lets
+// it write, and the command word by which a message asks for one of them.
 
 #include <bv/db.h>
 
@@ -7,6 +7,8 @@
 #include "db/internal.h"
 
 #include <bv/os.h>
+
+#include <iterator>
 
 namespace {
 
@@ -18,9 +20,8 @@ void dump_family(bv_db_family &family)
 {
     bv_os_printf("\nname=%.1023s cnt=%d memsize=%d instnum=%d instance=%d", family.name,
                  family.para_count, family.image_size, family.inst_count, family.inst_max);
-    bv_list_head &list = bv::instances_of(family);
-    for (bv_list_head *link = list.next; link != &list; link = link->next)
-        bv_os_printb(bv::instance_of(link)->image, family.image_size);
+    for (const bv_db_inst &instance : bv::instances_of(family))
+        bv_os_printb(instance.image, family.image_size);
 }
 
 int32_t dump(bv_list_head &list)
@@ -102,8 +103,8 @@ int32_t bv_db_restore(void)
     return BV_OK;
 }
 
-// Factory families first: a name that stands in several lists then belongs to the first of
-// factory, user and private that has it.
+// Factory families first: a name in several lists then belongs to the first of factory, user and
+// private that has it.
 int32_t bv_db_start(void)
 {
     bv_db_hash_free();
@@ -121,8 +122,6 @@ int32_t bv_db_trigger(const uint32_t *msg)
     if (msg == nullptr)
         return BV_OK;
     uint32_t command = 0; // copied: a message on the wire need not be aligned
-    bv_os_memcpy(&command, sizeof command, msg, sizeof command);
-    if (command >= sizeof kCommands / sizeof kCommands[0])
-        return BV_OK;
-    return kCommands[command]();
+    bv_os_memcpy(&command, sizeof(command), msg, sizeof(command));
+    return command < std::size(kCommands) ? kCommands[command]() : BV_OK;
 }

@@ -1,8 +1,8 @@
 // Parameters between text (a descriptor's value) and bytes (an image).
 //
-// Templates come from outside and may claim anything: lengths that disagree with their types or
-// are negative move the cursor anywhere. So integers go byte by byte through a window that reads
-// zero and drops stores outside the image; a position is 64 bits wide and cannot wrap.
+// Templates come from outside and may claim anything: lengths that do not fit their types, or are
+// negative, move the position anywhere. So integers pass byte by byte through a window, which reads
+// zeros and drops stores outside the image. A position has 64 bits and cannot wrap.
 
 #include <bv/db.h>
 
@@ -10,6 +10,8 @@
 #include "db/types.h"
 
 #include <bv/os.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -30,9 +32,9 @@ template <typename Visit>
 void walk(bv_db_para *table, int32_t count, Visit visit)
 {
     int64_t position = 0;
-    for (int32_t i = 0; i < count && table[i].valid != 0; ++i) {
-        visit(table[i], position);
-        position += table[i].len;
+    for (bv_db_para &para : bv::Parameters(table, count)) {
+        visit(para, position);
+        position += para.len;
     }
 }
 
@@ -93,7 +95,7 @@ struct Target {
     }
 };
 
-// Written in place: a bounded print or copy per number would be most of a commit.
+// Written in place: printing or copying each number with a call would take most of a commit.
 void put_decimal(char *value, uint32_t magnitude, bool negative)
 {
     uint32_t end = negative ? 2 : 1;
@@ -119,8 +121,8 @@ void put_signed(char *value, int32_t number)
     put_decimal(value, number < 0 ? 0 - bits : bits, number < 0);
 }
 
-// The text up to its NUL or to the end of the image, however far that is after the parameter's
-// own bytes. One that does not fit a value is dropped, not cut.
+// The text up to its NUL or to the end of the image, even if that is far beyond the parameter's own
+// bytes. A text that does not fit a value is dropped, not cut.
 void string_to_text(const Source &image, int64_t position, char *value)
 {
     for (uint32_t i = 0; i < kValueSize; ++i) {
@@ -156,15 +158,15 @@ void parameter_to_text(const Source &image, int64_t position, bv_db_para &para)
     }
 }
 
-// As atoi() reads a number, but modulo 2^32 on every C library: some clamp what does not fit an
-// int, and a large unsigned value would come back from its own file as 2147483647.
+// As atoi(), but modulo 2^32 with every C library: some clamp a number that does not fit an int,
+// and a large unsigned value would come back from its own file as 2147483647.
 uint32_t number_of(const char (&value)[kValueSize])
 {
     const char *text = value;
-    const char *const end = value + kValueSize - 1; // a service may have filled the field whole
+    const char *const end = value + kValueSize - 1; // a service may have filled the whole field
     while (text != end && bv_os_isspace(static_cast<unsigned char>(*text)) != 0)
         ++text;
-    bool negative = *text == '-';
+    const bool negative = *text == '-';
     if (*text == '-' || *text == '+')
         ++text;
 
@@ -180,14 +182,12 @@ void text_to_string(const Target &image, int64_t position, int32_t len, const ch
 {
     if (position < 0)
         return;
-    int64_t room = image.size - position;
-    if (room > len)
-        room = len;
+    const int64_t room = std::min<int64_t>(image.size - position, len);
     if (room < 1)
         return;
 
-    auto capacity = static_cast<uint32_t>(room);
-    const uint32_t count = capacity < kValueSize ? capacity - 1 : kValueSize - 1;
+    const auto capacity = static_cast<uint32_t>(room);
+    const uint32_t count = std::min(capacity, kValueSize) - 1;
     bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, count);
 }
 
@@ -219,8 +219,8 @@ void parameter_to_image(const Target &image, int64_t position, bv_db_para &para)
     }
 }
 
-// What the working image has room for. A record that a service made may have an image without a
-// size: its descriptors then say how long it is.
+// The room in the working image. A record that a service made may have an image but no size: its
+// descriptors then say how long it is.
 int64_t working_size(const bv_db_family &family)
 {
     if (family.image_size != 0)
@@ -236,7 +236,7 @@ void bv::image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, in
 {
     if (image == nullptr || table == nullptr)
         return;
-    Source source{image, size};
+    const Source source{image, size};
     walk(table, count,
          [&](bv_db_para &para, int64_t position) { parameter_to_text(source, position, para); });
 }
@@ -257,7 +257,7 @@ int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode)
     if (family == nullptr || family->working_image == nullptr || family->para == nullptr)
         return BV_OK;
 
-    Target target{family->working_image, working_size(*family)};
+    const Target target{family->working_image, working_size(*family)};
     walk(family->para, family->para_count, [&](bv_db_para &para, int64_t position) {
         if (mode == 1 && para.selected != 1)
             return;

@@ -1,12 +1,12 @@
-// Data files, read.
+// Reading data files.
 //
-// Elements go through the family's descriptors and working image one after the other, and
-// neither is reset in between. That is meant: a parameter that an element lacks has the value of
-// the element before it, so a file may name only what differs.
+// Elements pass through the family's descriptors and working image one after the other, and neither
+// is reset in between. That is meant: a parameter that an element lacks keeps the value of the
+// element before it, so a file may name only what differs.
 
 #include <bv/db.h>
 
-#include "core/list.h"
+#include "bus/json_tree.h"
 #include "db/instance_index.h"
 #include "db/internal.h"
 #include "db/json_members.h"
@@ -20,36 +20,36 @@ namespace {
 
 constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
 
-// Takes the values that an element's "para" holds. One that is no object holds none.
+// Takes the values that an element's "para" holds. A "para" that is not an object holds none.
 void take_values(bv::JsonMembers values, bv_db_family &family)
 {
-    if (family.para == nullptr)
-        return;
-    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
-        bv_db_para &para = family.para[i];
+    for (bv_db_para &para : bv::Parameters(family)) {
         const char *text = bv_json_object_get_string(values.get(para.name));
         if (text != nullptr)
             bv_os_strncpy(para.value, kValueSize, text, kValueSize - 1);
     }
 }
 
-// Overwrites the instance that has the number with the working image, or makes it.
+bv::Bytes working_image(const bv_db_family &family)
+{
+    return {family.working_image, static_cast<uint32_t>(family.image_size)};
+}
+
+// Overwrites the instance of this number with the working image, or makes it.
 void store_instance(bv::InstanceIndex &index, bv_db_family &family, int32_t number)
 {
-    const auto size = static_cast<uint32_t>(family.image_size);
-    bv_db_inst *instance = index.find(number);
+    const bv_db_inst *instance = index.find(number);
     if (instance != nullptr)
-        bv_db_data_set_context(&family, instance, family.working_image, size);
-    else if (bv::append_instance(family, family.working_image, size, number) == BV_OK)
+        bv::copy_image_in(family, instance->image, working_image(family));
+    else if (bv::append_instance(family, working_image(family), number) == BV_OK)
         family.inst_max = index.highest();
 }
 
-// A file without the family leaves what is there, but there is always an instance 1 afterwards.
+// A family that the file lacks keeps its instances, and gets an instance 1 if it has none.
 void add_first_instance(bv_db_family &family)
 {
-    if (bv_db_data_get_inst(&family, 1) == nullptr)
-        bv_db_data_add_inst(&family, family.working_image, static_cast<uint32_t>(family.image_size),
-                            1);
+    if (bv::find_instance(family, 1) == nullptr)
+        bv::add_instance(family, working_image(family), 1);
 }
 
 void read_element(json_object *element, bv_db_family &family, bv::InstanceIndex &index)
@@ -76,7 +76,7 @@ void read_family(bv::JsonMembers &tree, bv_db_family &family)
     if (bv_json_object_is_type(elements, json_type_array) == 0)
         return;
 
-    size_t count = bv_json_object_array_length(elements);
+    const size_t count = bv_json_object_array_length(elements);
     bv::InstanceIndex index(family);
     for (size_t i = 0; i < count; ++i)
         read_element(bv_json_object_array_get_idx(elements, i), family, index);
@@ -88,15 +88,14 @@ int32_t bv_db_user_read(bv_list_head *list, const char *path)
 {
     if (list == nullptr || path == nullptr)
         return BV_ERR_FAILED;
-    int32_t status = bv_os_access(path, F_OK);
+    const int32_t status = bv_os_access(path, F_OK);
     if (status != 0)
         return status;
 
-    json_object *tree = bv_json_object_from_file(path);
-    if (tree == nullptr)
+    const bv::JsonTree tree(bv_json_object_from_file(path));
+    if (!tree)
         return BV_ERR_FAILED;
-    bv::JsonMembers members(tree);
+    bv::JsonMembers members(tree.get());
     bv::for_each_family(*list, [&](bv_db_family &family) { read_family(members, family); });
-    bv_json_object_put(tree);
     return BV_OK;
 }

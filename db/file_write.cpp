@@ -1,15 +1,16 @@
-// Data files, written.
+// Writing data files.
 //
-// The text is built in one buffer and leaves in large pieces: one print call per line made a
-// commit several times slower. The buffer is on the stack, so that settings can still be saved
-// when memory is short. The file is rewritten in place, so its owner, mode and links stay as the
-// deployment set them; the price is a cut-off file when the power or the disk fails half-way.
+// The text is built in one buffer and written in large pieces: a print call for every line made a
+// commit several times slower. The buffer is on the stack, so that settings can be saved when
+// memory is short. The file is rewritten in place, so its owner, mode and links stay as the
+// deployment set them; the price is a cut file when the power or the disk fails half-way.
 
 #include <bv/db.h>
 
 #include "core/list.h"
 #include "db/internal.h"
 #include "os/descriptor.h"
+#include "os/owned.h"
 
 #include <bv/os.h>
 
@@ -27,7 +28,7 @@ struct Output {
 
     FILE *stream;
     uint32_t length = 0;
-    bool failed = false; // the disk is full: what follows would only leave a hole in the text
+    bool failed = false; // the disk is full: writing on would only leave a hole in the text
     char buffer[kBufferSize];
 };
 
@@ -38,8 +39,8 @@ void flush(Output &out)
     out.length = 0;
 }
 
-// Byte by byte: names and values are a few characters long, and measuring and copying each one
-// by calls took longer than the characters themselves.
+// Byte by byte: names and values have a few characters, and measuring and copying each one with
+// calls took longer.
 void put(Output &out, const char *text)
 {
     char *buffer = out.buffer;
@@ -55,7 +56,7 @@ void put(Output &out, const char *text)
     out.length = length;
 }
 
-// The fixed texts between them: the size is known, so the compiler copies one in a few words.
+// The fixed texts between them: their size is known, so the compiler copies them as a few words.
 template <uint32_t Size>
 void put_literal(Output &out, const char (&text)[Size])
 {
@@ -67,20 +68,20 @@ void put_literal(Output &out, const char (&text)[Size])
 
 void put_parameters(Output &out, const bv_db_family &family)
 {
-    if (family.para == nullptr)
-        return;
-    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
-        if (i > 0)
+    bool first = true;
+    for (const bv_db_para &para : bv::Parameters(family)) {
+        if (!first)
             put_literal(out, ",\n");
+        first = false;
         put_literal(out, "\t\t\t\t\"");
-        put(out, family.para[i].name);
+        put(out, para.name);
         put_literal(out, "\":\"");
-        put(out, family.para[i].value);
+        put(out, para.value);
         put_literal(out, "\"");
     }
 }
 
-// One instance, from the descriptors' values: its image goes through them.
+// One instance. Its image is converted into the descriptors' values, which are written.
 void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32_t number)
 {
     bv::image_to_text(image, bv::image_allocation(family.image_size), family.para,
@@ -97,14 +98,15 @@ void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32
 
 void put_instances(Output &out, bv_db_family &family)
 {
-    bv_list_head &list = bv::instances_of(family);
-    if (bv::list_empty(list) && family.para_count != 0)
+    if (bv::list_empty(bv::instance_list(family)) && family.para_count != 0)
         put_instance(out, family, family.default_image, 1);
 
-    for (bv_list_head *link = list.next; link != &list; link = link->next) {
-        if (link != list.next)
+    bool first = true;
+    for (const bv_db_inst &instance : bv::instances_of(family)) {
+        if (!first)
             put_literal(out, ",\n");
-        put_instance(out, family, bv::instance_of(link)->image, bv::instance_of(link)->number);
+        first = false;
+        put_instance(out, family, instance.image, instance.number);
     }
 }
 
@@ -124,15 +126,12 @@ void put_families(Output &out, bv_list_head &list)
     });
 }
 
-// Opens the file for rewriting. A new one is made beforehand, since fopen() would make it
-// readable for everyone, and there are passwords in it.
+// Opens the file for rewriting. A missing one is made first: fopen() would make it readable for
+// every user, and it holds passwords.
 FILE *open_for_rewriting(const char *path)
 {
-    if (bv_os_access(path, F_OK) != 0) {
-        int fd = bv::close_on_exec(bv_os_open(path, O_CREAT, kFileMode));
-        if (fd >= 0)
-            bv_os_close(fd);
-    }
+    if (bv_os_access(path, F_OK) != 0)
+        const bv::Descriptor made(bv::close_on_exec(bv_os_open(path, O_CREAT, kFileMode)));
     return bv::close_on_exec(bv_os_fopen(path, "w"));
 }
 
@@ -142,15 +141,14 @@ int32_t bv_db_user_write(bv_list_head *list, const char *path)
 {
     if (list == nullptr || path == nullptr)
         return BV_ERR_WRITE_OPEN;
-    FILE *stream = open_for_rewriting(path);
-    if (stream == nullptr)
+    const bv::Stream stream(open_for_rewriting(path));
+    if (!stream)
         return BV_ERR_WRITE_OPEN;
 
-    Output out(stream);
+    Output out(stream.get());
     put_literal(out, "{\n");
     put_families(out, *list);
     put_literal(out, "\n}\n");
     flush(out);
-    bv_os_fclose(stream); // a full disk is not an error here: memory still has everything
-    return BV_OK;
+    return BV_OK; // also with a full disk: memory still holds everything
 }

@@ -1,4 +1,5 @@
-// What the files of the database share: from links to records, images, walks over registrations.
+// What the files of the database share: images, walks over instances, parameters and registrations,
+// and the steps that the exported functions take once they have checked their arguments.
 #ifndef BV_DB_INTERNAL_H
 #define BV_DB_INTERNAL_H
 
@@ -6,13 +7,15 @@
 #include <bv/os.h>
 
 #include "core/list.h"
+#include "os/alloc.h"
+#include "os/span.h"
 
 #include <cstddef>
 
 namespace bv {
 
-// Images are allocated in whole steps of 32 bytes. A size that is 0 or negative (a template may
-// claim negative lengths) has no image at all.
+// Images are allocated in steps of 32 bytes. A size that is 0 or negative (a template may claim
+// negative lengths) has no image.
 inline uint32_t image_allocation(int32_t image_size)
 {
     if (image_size <= 0)
@@ -20,72 +23,87 @@ inline uint32_t image_allocation(int32_t image_size)
     return (static_cast<uint32_t>(image_size) + 31) & ~uint32_t{31};
 }
 
-// A zeroed image for a family, or null: no room, or nothing to keep.
+// A zeroed image for a family; null if memory is short or there is nothing to hold.
 inline uint8_t *make_image(int32_t image_size)
 {
-    uint32_t allocation = image_allocation(image_size);
-    if (allocation == 0)
-        return nullptr;
-    auto *image = static_cast<uint8_t *>(bv_os_malloc(allocation));
-    if (image != nullptr)
-        bv_os_memset(image, allocation, 0, allocation);
-    return image;
+    const uint32_t allocation = image_allocation(image_size);
+    return allocation == 0 ? nullptr : allocate_zeroed<uint8_t>(allocation);
 }
 
-// The instances of a family. A record that a service made has zeros for links where ours have an
-// empty ring.
-inline bv_list_head &instances_of(bv_db_family &family)
+// The list of a family's instances. A record that a service made has zeros for links where ours
+// have an empty ring.
+inline bv_list_head &instance_list(bv_db_family &family)
 {
     if (family.inst_list.next == nullptr)
         list_init(family.inst_list);
     return family.inst_list;
 }
 
-// Ends the text of a descriptor's or family's field, which a service may have filled whole.
+inline auto instances_of(bv_db_family &family)
+{
+    return each<bv_db_inst>(instance_list(family));
+}
+
+// The descriptors of a table up to the first invalid one, for a range-for loop.
+class Parameters {
+public:
+    struct End {};
+    class Iterator {
+    public:
+        Iterator(bv_db_para *para, bv_db_para *last) : para_(para), last_(last) {}
+        bv_db_para &operator*() const { return *para_; }
+        void operator++() { ++para_; }
+        bool operator!=(End) const { return para_ != last_ && para_->valid != 0; }
+
+    private:
+        bv_db_para *para_;
+        bv_db_para *last_;
+    };
+
+    Parameters(bv_db_para *table, int32_t count)
+        : first_(table), last_(table == nullptr || count < 0 ? table : table + count)
+    {
+    }
+    explicit Parameters(const bv_db_family &family) : Parameters(family.para, family.para_count) {}
+    Iterator begin() const { return Iterator(first_, last_); }
+    End end() const { return End(); }
+
+private:
+    bv_db_para *first_;
+    bv_db_para *last_;
+};
+
+// Ends the text of a descriptor's or family's field: a service may have filled it to the last byte.
 template <size_t Size>
 inline void terminate(char (&field)[Size])
 {
     field[Size - 1] = '\0';
 }
 
-// As above, for all that a data file has of a family.
+// As above, for every text of a family that a data file holds.
 inline void terminate_texts(bv_db_family &family)
 {
     terminate(family.name);
-    if (family.para == nullptr)
-        return;
-    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i) {
-        terminate(family.para[i].name);
-        terminate(family.para[i].value);
+    for (bv_db_para &para : Parameters(family)) {
+        terminate(para.name);
+        terminate(para.value);
     }
 }
 
-inline bv_db_reg *registration_of(bv_list_head *link)
-{
-    return list_record<bv_db_reg>(link, offsetof(bv_db_reg, link));
-}
+// Finds the family of a name, which must not be null; registry.cpp.
+bv_db_family *find_family(const char *name);
 
-inline bv_db_family *family_of(bv_list_head *link)
-{
-    return list_record<bv_db_family>(link, offsetof(bv_db_family, link));
-}
-
-inline bv_db_inst *instance_of(bv_list_head *link)
-{
-    return list_record<bv_db_inst>(link, offsetof(bv_db_inst, link));
-}
-
-// Finds families one after the other. They are mostly created in the order of registration, so
-// the one after the last one found is tried first: a comparison of names instead of a hash over
-// the padded key, which would take a quarter of a commit. A record that a service put into the
-// table itself is in no list, and ends what is linked.
+// Finds families one after the other. Most are created in the order of registration, so it first
+// tries the one after the last one found: comparing names is cheaper than hashing the padded key,
+// which would take a quarter of a commit. A record that a service put into the table itself is in
+// no list, so the walk starts over with the hash after it.
 class FamilyCursor {
 public:
     bv_db_family *find(const char *name)
     {
-        bv_db_family *family = next_ == &g_st_db_mng.family_list ? nullptr : family_of(next_);
-        if (family == nullptr || bv_os_strcmp(family->name, name) != 0)
-            family = bv_db_hash_find(name);
+        bv_db_family *family = &record_of<bv_db_family>(next_);
+        if (next_ == &g_st_db_mng.family_list || bv_os_strcmp(family->name, name) != 0)
+            family = find_family(name);
         if (family != nullptr)
             next_ = family->link.next != nullptr ? family->link.next : &g_st_db_mng.family_list;
         return family;
@@ -100,28 +118,38 @@ template <typename Visit>
 inline void for_each_family(bv_list_head &list, Visit visit)
 {
     FamilyCursor families;
-    for (bv_list_head *link = list.next; link != &list; link = link->next) {
-        bv_db_family *family = families.find(registration_of(link)->name);
+    for (const bv_db_reg &registration : each<bv_db_reg>(list)) {
+        bv_db_family *family = families.find(registration.name);
         if (family != nullptr)
             visit(*family);
     }
 }
 
-// As bv_db_user_fill_frommem(), but reads nothing outside the image's `size` bytes; convert.cpp.
+// As bv_db_user_fill_frommem(), but reads only the image's `size` bytes; convert.cpp.
 void image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, int32_t count);
 
 // Decimal text of a number: up to 11 characters and the NUL.
 void number_to_text(int32_t number, char *text);
 
-// As bv_db_data_add_inst(), but leaves the highest number to the caller: a load adds many, and
+// The first instance of a number, the first in the list, and the one after that of a number; null
+// if there is none. These and the next five are in instance.cpp.
+bv_db_inst *find_instance(bv_db_family &family, int32_t number);
+bv_db_inst *first_instance(bv_db_family &family);
+bv_db_inst *instance_after(bv_db_family &family, int32_t number);
+
+// As bv_db_data_get_context() and bv_db_data_set_context().
+int32_t copy_image_out(const bv_db_family &family, const uint8_t *image, MutableBytes buf);
+int32_t copy_image_in(const bv_db_family &family, uint8_t *image, Bytes buf);
+
+// As bv_db_data_add_inst() and bv_db_data_del_inst().
+int32_t add_instance(bv_db_family &family, Bytes buf, int32_t number);
+void remove_instance(bv_db_family &family, bv_db_inst &instance);
+
+// As add_instance(), but leaves the highest number to the caller: a load adds many instances, and
 // walking the list after each would take too long.
-int32_t append_instance(bv_db_family &family, const void *buf, uint32_t buflen, int32_t number);
+int32_t append_instance(bv_db_family &family, Bytes buf, int32_t number);
 
-// Copies an image of the family out, as bv_db_data_get_context() does; nothing when it has none.
-int32_t copy_image_out(const bv_db_family &family, const uint8_t *image, void *buf,
-                       uint32_t buflen);
-
-// Releases what a template gave a family; the default image is left to leak.
+// Releases what a template gave a family, except the default image, which leaks; registry.cpp.
 void release_parameters(bv_db_family &family);
 
 // Releases a family's instances. A record that never had any keeps its highest number of 0.

@@ -1,9 +1,9 @@
-// Members of a JSON object, looked up in the order in which they usually stand.
+// Members of a JSON object, looked up in their usual order.
 //
-// Files of ours name parameters in template order, and templates their keys in one order. One
-// comparison with the next member then replaces hashing the key, which would cost as much as
-// parsing the member did: without it a start of the database takes 4 % more instructions. Any
-// other order works too, at the price of the look-up.
+// Data files name parameters in template order, and templates have one order of keys. So one
+// comparison with the next member usually replaces hashing the key, which costs as much as parsing
+// the member did: without this, starting the database takes 4 % more instructions. Any other order
+// works too, at the price of the look-up.
 #ifndef BV_DB_JSON_MEMBERS_H
 #define BV_DB_JSON_MEMBERS_H
 
@@ -14,7 +14,7 @@ namespace bv {
 
 class JsonMembers {
 public:
-    // What is no object has no members.
+    // A value that is not an object has no members.
     explicit JsonMembers(json_object *object)
         : object_(object), next_(json_object_iter_init_default()), left_(0)
     {

@@ -1,18 +1,18 @@
 // The manager record, the three registration lists and the table of families.
 //
-// Families live in the hash table, as copies of a zeroed record that are filled in place: what
-// bv_hash_find() returns is the family itself and stays put until it is removed. Their embedded
-// links make the list in creation order that a reload walks.
+// Families are in the hash table, as copies of a zeroed record that are filled in place:
+// bv_hash_find() returns the family itself, which stays where it is until it is removed. Their
+// links form the list in creation order.
 
 #include <bv/db.h>
 
 #include "core/hash.h"
 #include "core/list.h"
 #include "db/internal.h"
+#include "os/alloc.h"
+#include "os/key.h"
 
 #include <bv/os.h>
-
-#include <cstring>
 
 namespace {
 
@@ -41,24 +41,12 @@ static_assert(sizeof(void *) != 4 ||
               (offsetof(bv_db_reg, name) == 8 && offsetof(bv_db_inst, number) == 8 &&
                offsetof(bv_db_inst, image) == 12));
 
-// A family name as the table wants it: 1024 bytes, zeros behind the name.
-struct FamilyKey {
-    char bytes[kNameSize];
-
-    // A name that does not fit leaves the key empty, so all overlong names are one family.
-    explicit FamilyKey(const char *name)
-    {
-        memset(bytes, 0, sizeof bytes);
-        bv_os_strncpy(bytes, sizeof bytes, name, sizeof bytes);
-    }
-
-    const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(bytes); }
-};
+using FamilyKey = bv::Key<kNameSize>;
 
 bool is_registered(const bv_list_head &list, const char *name)
 {
-    for (bv_list_head *link = list.next; link != &list; link = link->next)
-        if (bv_os_strcmp(bv::registration_of(link)->name, name) == 0)
+    for (const bv_db_reg &registration : bv::each<bv_db_reg>(list))
+        if (bv_os_strcmp(registration.name, name) == 0)
             return true;
     return false;
 }
@@ -70,19 +58,18 @@ int32_t register_name(bv_list_head &list, const char *name)
     if (is_registered(list, name))
         return BV_ERR_EXISTS;
 
-    auto *record = static_cast<bv_db_reg *>(bv_os_malloc(sizeof(bv_db_reg)));
-    if (record == nullptr)
+    auto *registration = bv::allocate_zeroed<bv_db_reg>();
+    if (registration == nullptr)
         return BV_ERR_MEMORY;
-    bv_os_memset(record, sizeof *record, 0, sizeof *record);
-    bv_os_strcpy(record->name, sizeof record->name, name);
-    bv::list_append(list, record->link);
+    bv_os_strcpy(registration->name, sizeof(registration->name), name);
+    bv::list_append(list, registration->link);
     return BV_OK;
 }
 
 } // namespace
 
-// The lists are empty rings from the start, so that a call before bv_db_init() finds nothing
-// instead of walking through null.
+// The lists are empty rings from the start, so that a call before bv_db_init() finds nothing and
+// does not fault.
 bv_db_mng g_st_db_mng = {{&g_st_db_mng.user_list, &g_st_db_mng.user_list},
                          {&g_st_db_mng.private_list, &g_st_db_mng.private_list},
                          {&g_st_db_mng.factory_list, &g_st_db_mng.factory_list},
@@ -92,7 +79,7 @@ bv_db_mng g_st_db_mng = {{&g_st_db_mng.user_list, &g_st_db_mng.user_list},
 
 int32_t bv_db_init(void)
 {
-    bv_os_memset(&g_st_db_mng, sizeof g_st_db_mng, 0, sizeof g_st_db_mng);
+    g_st_db_mng = {};
     bv::list_init(g_st_db_mng.user_list);
     bv::list_init(g_st_db_mng.private_list);
     bv::list_init(g_st_db_mng.factory_list);
@@ -119,7 +106,7 @@ int32_t bv_db_reg_factory(const char *name)
 
 void bv::release_instances(bv_db_family &family)
 {
-    if (!list_empty(instances_of(family)))
+    if (!list_empty(instance_list(family)))
         bv_db_data_free(&family);
 }
 
@@ -131,31 +118,31 @@ void bv::release_parameters(bv_db_family &family)
     family.para_count = 0;
     family.para = nullptr;
     family.working_image = nullptr;
-    family.default_image = nullptr; // not freed: the leak of a reload is known and kept
+    family.default_image = nullptr; // not freed: see bv_db_hash_free()
 }
 
-// Each record goes by its own name, so that what a service keeps in the table beside the families
-// stays there. One that a service renamed must not take the family of the new name with it, which
-// is still linked.
+// Each record is removed by its own name, so records that a service keeps in the table beside the
+// families stay there. A record that a service renamed must not remove the family that has the new
+// name, which is still linked.
 int32_t bv_db_hash_free(void)
 {
-    bv_list_head &families = g_st_db_mng.family_list;
-    while (!bv::list_empty(families)) {
-        bv_db_family *family = bv::family_of(families.next);
-        bv::release_instances(*family);
-        bv::release_parameters(*family);
-        bv::list_unlink(family->link);
-        FamilyKey key(family->name);
-        bv::hash_remove(g_st_db_mng.table, key.data(), family);
+    for (bv_db_family &family : bv::each_removable<bv_db_family>(g_st_db_mng.family_list)) {
+        bv::release_instances(family);
+        bv::release_parameters(family);
+        bv::list_unlink(family.link);
+        bv::hash_remove(g_st_db_mng.table, FamilyKey(family.name).bytes(), &family);
     }
     return BV_OK;
 }
 
+bv_db_family *bv::find_family(const char *name)
+{
+    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, FamilyKey(name).bytes()));
+}
+
 bv_db_family *bv_db_hash_find(const char *name)
 {
-    if (name == nullptr)
-        return nullptr;
-    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, FamilyKey(name).data()));
+    return name == nullptr ? nullptr : bv::find_family(name);
 }
 
 bv_db_family *bv_db_hash_add(const char *name)
@@ -163,14 +150,13 @@ bv_db_family *bv_db_hash_add(const char *name)
     if (name == nullptr)
         return nullptr;
 
-    bv_db_family blank;
-    memset(&blank, 0, sizeof blank);
+    const bv_db_family blank = {};
     auto *family = static_cast<bv_db_family *>(
-        bv::hash_add(g_st_db_mng.table, FamilyKey(name).data(), &blank));
+        bv::hash_add(g_st_db_mng.table, FamilyKey(name).bytes(), &blank));
     if (family == nullptr)
         return nullptr;
 
-    bv_os_strcpy(family->name, sizeof family->name, name);
+    bv_os_strcpy(family->name, sizeof(family->name), name);
     bv::list_init(family->inst_list);
     bv::list_append(g_st_db_mng.family_list, family->link);
     return family;

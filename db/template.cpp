@@ -1,11 +1,12 @@
 // Templates: JSON files that define a family's parameters.
 //
-// A template is outside input. Elements that lack something are skipped, lengths are taken as
-// they are (a negative one shrinks the image), and what the conversions may touch is decided by
-// the image's allocation alone.
+// A template comes from outside. Elements that lack something are skipped. Lengths are taken as
+// they are (a negative one shrinks the image): only the image's allocation limits what the
+// conversions read and write.
 
 #include <bv/db.h>
 
+#include "bus/json_tree.h"
 #include "core/list.h"
 #include "db/internal.h"
 #include "db/json_members.h"
@@ -25,8 +26,8 @@ constexpr uint32_t kPathSize = 1024;
 constexpr uint32_t kTextSize = bv::kParameterTextSize;
 static_assert(bv::kMaxParameters == 1310720 / sizeof(bv_db_para), "what one allocation may hold");
 
-// Looks for a template's file by its name. Several matches come as several lines, which are no
-// path and fail to open.
+// Looks for a template's file by its name. Several matches give several lines, which are not a path
+// and fail to open.
 int32_t search(const char *name, char *path)
 {
     return bv_os_systemex(path, kPathSize, "find %s -name \"%s\"", kTemplateDir, name);
@@ -42,14 +43,14 @@ bool take_text(bv::JsonMembers &members, const char *key, char *field)
     return true;
 }
 
-// Fills a slot from one element. False if the element lacks something or is too long: what it
-// had stays in the slot, invalid, for the next element to overwrite.
+// Fills a slot from one element. False if the element lacks something or is too long: the slot then
+// keeps its parts, invalid, until the next element overwrites them.
 bool take_parameter(json_object *element, bv_db_para &slot)
 {
     bv::JsonMembers members(element);
-    bool named = take_text(members, "name", slot.name);
-    bool typed = take_text(members, "type", slot.type);
-    json_object *len = members.get("len");
+    const bool named = take_text(members, "name", slot.name);
+    const bool typed = take_text(members, "type", slot.type);
+    const json_object *len = members.get("len");
     if (len == nullptr)
         return false;
     slot.len = bv_json_object_get_int(len);
@@ -61,7 +62,7 @@ bool take_parameter(json_object *element, bv_db_para &slot)
 void take_parameters(json_object *para, bv_db_family &family)
 {
     bv_db_para *slot = family.para;
-    auto count = static_cast<size_t>(family.para_count);
+    const auto count = static_cast<size_t>(family.para_count);
     for (size_t i = 0; i < count; ++i) {
         if (take_parameter(bv_json_object_array_get_idx(para, i), *slot)) {
             slot->valid = 1;
@@ -70,7 +71,7 @@ void take_parameters(json_object *para, bv_db_family &family)
     }
 }
 
-// Reads the parsed template into descriptors. The tree is the caller's.
+// Reads a parsed template into descriptors.
 int32_t read_parameters(json_object *tree, bv_db_family &family)
 {
     bv::JsonMembers members(tree);
@@ -82,17 +83,15 @@ int32_t read_parameters(json_object *tree, bv_db_family &family)
         return BV_ERR_FAILED;
 
     bv::release_parameters(family);
-    size_t count = bv_json_object_array_length(para);
+    const size_t count = bv_json_object_array_length(para);
     if (count == 0)
         return BV_OK;
     if (count > bv::kMaxParameters)
         return BV_ERR_FAILED;
 
-    uint64_t size = uint64_t{count} * sizeof(bv_db_para);
-    family.para = static_cast<bv_db_para *>(bv::allocate(size));
+    family.para = bv::allocate_zeroed<bv_db_para>(uint64_t{count} * sizeof(bv_db_para));
     if (family.para == nullptr)
         return BV_ERR_MEMORY;
-    bv_os_memset(family.para, static_cast<uint32_t>(size), 0, static_cast<uint32_t>(size));
     family.para_count = static_cast<int32_t>(count);
     take_parameters(para, family);
     return BV_OK;
@@ -101,13 +100,13 @@ int32_t read_parameters(json_object *tree, bv_db_family &family)
 int32_t sum_of_lengths(const bv_db_family &family)
 {
     int32_t sum = 0;
-    for (int32_t i = 0; i < family.para_count && family.para[i].valid != 0; ++i)
-        sum = bv::checked_add(sum, family.para[i].len);
+    for (const bv_db_para &para : bv::Parameters(family))
+        sum = bv::checked_add(sum, para.len);
     return sum;
 }
 
-// A copy of the working image that holds the defaults for the rest of the family's life, and
-// beyond: no one frees it.
+// A copy of the working image, which holds the defaults for as long as the family exists. It is
+// never freed: see bv_db_hash_free().
 uint8_t *make_default_image(const bv_db_family &family)
 {
     uint8_t *image = bv::make_image(family.image_size);
@@ -117,8 +116,8 @@ uint8_t *make_default_image(const bv_db_family &family)
     return image;
 }
 
-// Both images, holding the defaults; none where there is nothing to hold. Without memory for both
-// the family ends up without parameters.
+// Makes both images, with the defaults in them; none when there is nothing to hold. Without memory
+// for both the family has no parameters afterwards.
 int32_t make_images(bv_db_family &family)
 {
     family.image_size = sum_of_lengths(family);
@@ -137,17 +136,36 @@ int32_t make_images(bv_db_family &family)
     return BV_OK;
 }
 
+int32_t read_file(const char *path, bv_db_family &family)
+{
+    const bv::JsonTree tree(bv_json_object_from_file(path));
+    return tree ? read_parameters(tree.get(), family) : BV_ERR_FAILED;
+}
+
+int32_t read_template(const char *path, bv_db_family &family)
+{
+    const int32_t size_before = family.image_size;
+    int32_t status = read_file(path, family);
+    if (status == BV_OK)
+        status = make_images(family);
+
+    // Instances may hold settings that are stored nowhere else. They go only when their images no
+    // longer fit.
+    if (family.image_size != size_before)
+        bv::release_instances(family);
+    return status;
+}
+
 } // namespace
 
 int32_t bv_db_template_read(bv_list_head *list)
 {
     if (list == nullptr)
         return BV_OK;
-    for (bv_list_head *link = list->next; link != list; link = link->next) {
-        const char *name = bv::registration_of(link)->name;
-        bv_db_family *family = bv_db_hash_add(name);
+    for (const bv_db_reg &registration : bv::each<bv_db_reg>(*list)) {
+        bv_db_family *family = bv_db_hash_add(registration.name);
         if (family != nullptr)
-            bv_db_template_read_single(name, family);
+            bv_db_template_read_single(registration.name, family);
     }
     return BV_OK;
 }
@@ -160,23 +178,10 @@ int32_t bv_db_template_read_single(const char *name, bv_db_family *family)
     char found[kPathSize];
     const char *path = name;
     if (bv_os_access(name, F_OK) != 0) {
-        int32_t status = search(name, found);
+        const int32_t status = search(name, found);
         if (status != BV_OK)
             return status;
         path = found;
     }
-
-    json_object *tree = bv_json_object_from_file(path);
-    if (tree == nullptr)
-        return BV_ERR_FAILED;
-    const int32_t size_before = family->image_size;
-    int32_t status = read_parameters(tree, *family);
-    bv_json_object_put(tree);
-    if (status == BV_OK)
-        status = make_images(*family);
-
-    // Instances hold settings that may be nowhere else: only those whose images do not fit go.
-    if (family->image_size != size_before)
-        bv::release_instances(*family);
-    return status;
+    return read_template(path, *family);
 }

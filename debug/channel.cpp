@@ -1,28 +1,30 @@
-// The debug channel: messages whose switch is on leave as UDP datagrams, one each. The socket is
-// neither bound nor connected and nothing is ever read from it, so a collector that is not there
-// costs a service nothing.
+// The debug channel: each message whose switch is on is sent as one UDP datagram. The socket is not
+// bound or connected and never read, so a missing collector costs a service nothing.
 
 #include <bv/debug.h>
 
 #include "debug/switches.h"
+#include "os/alloc.h"
 #include "os/bytes.h"
 #include "os/descriptor.h"
+#include "os/owned.h"
+#include "os/span.h"
 
 #include <bv/os.h>
 
 #include <securec.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdarg>
-#include <cstring>
 #include <netinet/in.h>
 
 static_assert(sizeof(bv_debug_cfg) == 8 && offsetof(bv_debug_cfg, port) == 4 &&
                   offsetof(bv_debug_cfg, second_port) == 6,
-              "the destination record is exchanged as 8 bytes");
+              "callers copy the destination record as 8 bytes");
 static_assert(sizeof(bv_debug_switch) == 4 && offsetof(bv_debug_switch, level) == 1 &&
                   offsetof(bv_debug_switch, module) == 2,
-              "the switch record is exchanged as 4 bytes");
+              "callers copy the switch record as 4 bytes");
 static_assert(sizeof(bv_debug_header) == 10 && offsetof(bv_debug_header, level) == 1 &&
                   offsetof(bv_debug_header, module) == 2 &&
                   offsetof(bv_debug_header, category) == 4 && offsetof(bv_debug_header, tag) == 6,
@@ -30,15 +32,29 @@ static_assert(sizeof(bv_debug_header) == 10 && offsetof(bv_debug_header, level) 
 
 namespace {
 
-// Stored and used as it is, without conversion: on the little-endian gateway the collector is at
-// 10.10.168.192, and collectors in the field listen there.
+// Stored and used without conversion: on the little-endian gateway this is 10.10.168.192, and
+// collectors in the field listen there.
 constexpr uint32_t kDefaultAddress = 0xC0A80A0A;
 constexpr uint16_t kDefaultPort = 5344;
 constexpr uint16_t kDefaultSecondPort = 7364;
 
 constexpr uint32_t kTextSize = 256;
-constexpr uint32_t kHeadLength = 10;       // in front of the text in every datagram
-constexpr uint32_t kElementHeadLength = 4; // tag and length of the element around the text
+
+// Where the fields of a datagram start. The tag and the element's length are the head of the
+// element around the text, and the element's length counts this head too.
+enum Offset : uint32_t {
+    kCategoryAt = 0,
+    kLevelAt = 1,
+    kModuleAt = 2,
+    kTotalLengthAt = 4,
+    kTagAt = 6,
+    kElementLengthAt = 8,
+    kTextAt = 10
+};
+constexpr uint8_t kCategoryMask = 0x1F;
+
+// Blocks are never smaller than this, which is more than any message of bv_debug_remote() needs. So
+// a service's messages take and return blocks of one size and do not fragment its heap.
 constexpr uint32_t kSmallestBlock = 2048;
 
 bv_debug_cfg g_destination;
@@ -50,21 +66,37 @@ void reopen_socket()
     if (g_socket != -1)
         bv_os_close(g_socket);
 
-    memset(&g_address, 0, sizeof g_address);
+    g_address = {};
     g_address.sin_family = AF_INET;
     g_address.sin_addr.s_addr = g_destination.address;
     g_address.sin_port = htons(g_destination.port);
     g_socket = bv::keep_descriptor(bv_os_socket(AF_INET, SOCK_DGRAM, 0));
 }
 
-// Out of line, so that a message that is off pays for none of these buffers.
+// Not inline, so that a message that is off does not pay for the buffer.
 __attribute__((noinline)) void send_formatted(bv_debug_header header, const char *format,
                                               va_list args)
 {
-    char text[kTextSize];
-    memset(text, 0, sizeof text);
-    vsprintf_s(text, sizeof text, format, args);
+    char text[kTextSize] = {};
+    vsprintf_s(text, sizeof(text), format, args);
     bv_debug_sendmsg(&header, text, static_cast<uint16_t>(bv_os_strlen(text)));
+}
+
+// Writes a datagram into a zeroed block, of which `total` bytes will be sent. Both lengths in it
+// wrap at 65536, and a wrapped total is shorter than the text, so the block limits what is copied.
+void write_datagram(bv::MutableBytes block, const bv_debug_header &header, bv::Bytes text,
+                    uint16_t total)
+{
+    const auto element = static_cast<uint16_t>(kTextAt - kTagAt + text.length);
+    block.data[kCategoryAt] = header.category & kCategoryMask;
+    block.data[kLevelAt] = header.level;
+    bv::put_be16(block.data + kModuleAt, header.module);
+    bv::put_be16(block.data + kTotalLengthAt, total);
+    bv::put_be16(block.data + kTagAt, header.tag);
+    bv::put_be16(block.data + kElementLengthAt, element);
+
+    const uint32_t copied = std::min(text.length, block.length - kTextAt);
+    bv_os_memcpy(block.data + kTextAt, copied, text.data, copied);
 }
 
 } // namespace
@@ -80,22 +112,22 @@ int32_t bv_debug_init(void)
 
 int32_t bv_debug_set_cfg(const void *record)
 {
-    bv_os_memcpy(&g_destination, sizeof g_destination, record, sizeof g_destination);
+    bv_os_memcpy(&g_destination, sizeof(g_destination), record, sizeof(g_destination));
     reopen_socket();
     return BV_OK;
 }
 
 int32_t bv_debug_get_cfg(void *out, uint32_t outsize)
 {
-    bv_os_memcpy(out, outsize, &g_destination, sizeof g_destination);
+    bv_os_memcpy(out, outsize, &g_destination, sizeof(g_destination));
     return BV_OK;
 }
 
 void bv_debug_remote(uint32_t category, uint32_t tag, uint32_t module, uint32_t level,
                      const char *format, ...)
 {
-    auto sent_module = static_cast<uint16_t>(module);
-    auto sent_level = static_cast<uint8_t>(level);
+    const auto sent_module = static_cast<uint16_t>(module);
+    const auto sent_level = static_cast<uint8_t>(level);
     if (bv::debug_switch(0, sent_level) == 0 && bv::debug_switch(sent_module, sent_level) == 0)
         return;
 
@@ -116,27 +148,15 @@ int32_t bv_debug_sendmsg(const bv_debug_header *header, const void *text, uint16
     if (header == nullptr)
         return BV_ERR_FAILED;
 
-    // Both lengths wrap at 65536. A total that has wrapped is shorter than the text, of which the
-    // block then takes only what it has room for.
-    auto total = static_cast<uint16_t>(kHeadLength + length);
-    uint32_t size = total > kSmallestBlock ? total : kSmallestBlock;
-    uint8_t *block = static_cast<uint8_t *>(bv_os_malloc(size));
-    if (block == nullptr)
+    const auto total = static_cast<uint16_t>(kTextAt + length);
+    const uint32_t size = std::max<uint32_t>(total, kSmallestBlock);
+    const bv::Block<uint8_t> block(bv::allocate_zeroed<uint8_t>(size));
+    if (!block)
         return BV_ERR_FAILED;
-    bv_os_memset(block, size, 0, size);
 
-    uint32_t room = size - kHeadLength;
-    uint32_t copied = length < room ? length : room;
-    bv_os_memcpy(block + kHeadLength, copied, text, copied);
-    bv::put_be16(block + 8, static_cast<uint16_t>(kElementHeadLength + length));
-    bv::put_be16(block + 6, header->tag);
-    bv::put_be16(block + 4, total);
-    bv::put_be16(block + 2, header->module);
-    block[1] = header->level;
-    block[0] = header->category & 0x1F;
-
-    ssize_t sent = bv_os_sendto(g_socket, block, total, 0,
-                                reinterpret_cast<const sockaddr *>(&g_address), sizeof g_address);
-    bv_os_free(block);
+    write_datagram({block.get(), size}, *header, bv::bytes_of(text, length), total);
+    const ssize_t sent =
+        bv_os_sendto(g_socket, block.get(), total, 0,
+                     reinterpret_cast<const sockaddr *>(&g_address), sizeof(g_address));
     return static_cast<int32_t>(sent);
 }

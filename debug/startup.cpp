@@ -1,4 +1,4 @@
-// Start-up of a service's library.
+// The start of a service: brings up every facility that needs it.
 
 #include <bv/debug.h>
 
@@ -7,8 +7,8 @@
 #include <bv/db.h>
 #include <bv/notifier.h>
 
-// Every facility is started whatever became of the ones before it: a service without its database
-// can still report that over the debug channel.
+// A failure does not stop the rest: a service without its database can still report that over the
+// debug channel.
 int32_t bv_libraries_init(void)
 {
     int32_t sum = bv_debug_init();

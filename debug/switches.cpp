@@ -3,6 +3,7 @@
 #include <bv/debug.h>
 
 #include "debug/switches.h"
+#include "os/alloc.h"
 
 #include <bv/os.h>
 
@@ -10,10 +11,7 @@ uint8_t *bv::g_debug_switches = nullptr;
 
 void bv::debug_switches_init()
 {
-    uint8_t *table = static_cast<uint8_t *>(bv_os_malloc(kDebugSwitches));
-    if (table != nullptr)
-        bv_os_memset(table, kDebugSwitches, 0, kDebugSwitches);
-    store_release(g_debug_switches, table);
+    store_relaxed(g_debug_switches, allocate_zeroed<uint8_t>(kDebugSwitches));
 }
 
 uint8_t bv_debug_get_switch(uint32_t module, uint32_t level)
@@ -24,7 +22,7 @@ uint8_t bv_debug_get_switch(uint32_t module, uint32_t level)
 void bv_debug_set_switch(uint32_t module, uint32_t level, uint8_t value)
 {
     uint8_t *table = bv::load_relaxed(bv::g_debug_switches);
-    uint64_t index = uint64_t{module} * bv::kDebugLevels + level;
+    const uint64_t index = bv::debug_switch_index(module, level);
     if (table != nullptr && index < bv::kDebugSwitches)
         bv::store_relaxed(table[index], value);
 }

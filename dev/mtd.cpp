@@ -1,14 +1,16 @@
-// Flash partitions by name. The kernel numbers its flash devices in the order in which they were
-// found, which changes with the board's layout, so services name partitions and every call looks
-// the number up.
+// Flash partitions by name. The kernel numbers flash devices in the order in which it finds them,
+// which depends on the board. So services use names, and every call looks up the number.
 
 #include <bv/mtd.h>
 
-#include <bv/os.h>
-
 #include "os/alloc.h"
 #include "os/descriptor.h"
+#include "os/owned.h"
+#include "os/span.h"
 
+#include <bv/os.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -29,11 +31,11 @@ static_assert(sizeof(erase_info_user) == 8 && offsetof(erase_info_user, length) 
               "the kernel reads this record");
 #ifdef __mips__
 static_assert(MEMGETINFO == 0x40204D01 && MEMERASE == 0x80084D02,
-              "on MIPS the direction bits of a request differ from other machines'");
+              "the direction bits of a request on MIPS differ from those on other machines");
 #endif
 
-// The path of a partition's device; empty when the name matches no line of /proc/mtd, and
-// unusable when it matches several. Either way it is opening it that fails.
+// The path of a partition's device: empty when the name matches no line of /proc/mtd, and unusable
+// when it matches several. Either way opening it fails.
 struct DevicePath {
     char text[kPathSize];
 };
@@ -51,52 +53,62 @@ int open_device(const DevicePath &path, int flags)
     return bv::close_on_exec(bv_os_dev_open(path.text, flags, kMode));
 }
 
-// The sum is formed in 64 bits: a range that runs past the end of 32 is past the partition too.
+// The sum has 64 bits: a range that ends beyond 32 bits is beyond the partition too.
 bool beyond_end(const mtd_info_user &info, uint32_t offset, uint32_t len)
 {
-    return info.size < static_cast<uint64_t>(offset) + len;
+    return info.size < uint64_t{offset} + len;
 }
 
-// Moves a range piece by piece. move(fd, position, count) is read or write; a piece that moved
-// less than asked ends it with `shortfall`.
-template <typename Byte, typename Move>
-int32_t move_range(int fd, Byte *buf, uint32_t offset, uint32_t len, Move move, int32_t shortfall)
+// How reading and writing differ: the flags that open the device, what moves a piece, and the code
+// for a piece that was moved in part or not at all.
+struct Direction {
+    int flags;
+    ssize_t (*move)(int fd, uint8_t *piece, size_t count);
+    int32_t shortfall;
+};
+
+constexpr Direction kRead = {
+    O_RDONLY, [](int fd, uint8_t *piece, size_t count) { return bv_os_read(fd, piece, count); },
+    BV_ERR_SHORT_READ};
+constexpr Direction kWrite = {
+    kForWriting, [](int fd, uint8_t *piece, size_t count) { return bv_os_write(fd, piece, count); },
+    BV_ERR_SHORT_WRITE};
+
+int32_t move_range(int fd, bv::MutableBytes buf, uint32_t offset, const Direction &direction)
 {
     if (bv_os_lseek(fd, static_cast<int32_t>(offset), SEEK_SET) == -1)
         return BV_ERR_FAILED;
 
-    for (uint32_t done = 0; done < len;) {
-        uint32_t count = len - done < kChunkSize ? len - done : kChunkSize;
-        if (move(fd, buf + done, count) != static_cast<ssize_t>(count))
-            return shortfall;
+    for (uint32_t done = 0; done < buf.length;) {
+        const uint32_t count = std::min(buf.length - done, kChunkSize);
+        if (direction.move(fd, buf.data + done, count) != static_cast<ssize_t>(count))
+            return direction.shortfall;
         done += count;
     }
     return BV_OK;
 }
 
-// Whether a block already reads as erased. Anything that keeps us from finding out, be it memory
-// or the device, counts as no: erasing once too often is the safe side.
+// Whether a block already reads as erased. If that cannot be found out, for want of memory or
+// because of the device, the answer is no: erasing once too often is safe.
 bool block_is_blank(const char *name, uint32_t start, uint32_t size)
 {
-    uint64_t both = 2 * static_cast<uint64_t>(size);
-    auto *buffer = static_cast<uint8_t *>(bv::allocate(both));
-    if (buffer == nullptr)
+    const bv::Block<uint8_t> buffer(bv::allocate<uint8_t>(2 * uint64_t{size}));
+    if (!buffer)
         return false;
 
-    bv_os_memset(buffer, 2 * size, kBlank, 2 * size);
-    bool blank = bv_mtd_read(name, buffer, start, size) == BV_OK &&
-                 bv_os_memcmp(buffer, buffer + size, size) == 0;
-    bv_os_free(buffer);
-    return blank;
+    uint8_t *read = buffer.get();
+    uint8_t *blank = read + size;
+    bv_os_memset(read, 2 * size, kBlank, 2 * size);
+    return bv_mtd_read(name, read, start, size) == BV_OK && bv_os_memcmp(read, blank, size) == 0;
 }
 
-// One round per block. A block that fails to erase is met again in the next round, and the round
-// still counts: a worn block may yield at the second try, and the number of requests stays
-// bounded by the number of blocks.
+// One round for each block. A block that fails to erase is tried again in the next round, and the
+// round still counts: a worn block may erase at the second try, and the number of requests stays
+// limited by the number of blocks.
 void erase_blocks(int fd, const char *name, uint32_t offset, uint32_t len, uint32_t size)
 {
     uint32_t start = offset;
-    for (uint32_t round = 0; round < len / size; round++) {
+    for (uint32_t round = 0; round < len / size; ++round) {
         if (!block_is_blank(name, start, size)) {
             erase_info_user request = {start, size};
             if (bv_os_ioctl(fd, MEMERASE, &request) != 0)
@@ -106,38 +118,35 @@ void erase_blocks(int fd, const char *name, uint32_t offset, uint32_t len, uint3
     }
 }
 
-// What every use of a range starts with: the partition's device and geometry, and whether the range
-// lies within it. The status is what the caller returns when it is not BV_OK.
+// Every use of a range starts here: finds the partition's device and checks the range against its
+// geometry. The caller returns any status but BV_OK.
+//
+// bv_mtd_get_info() takes a name and looks it up again. One look-up would do, but would change the
+// commands that a call is seen to run and the numbers of its capture files.
 int32_t find_range(const char *name, uint32_t offset, uint32_t len, DevicePath &path,
                    mtd_info_user &info)
 {
     path = find_device(name);
-    int32_t status = bv_mtd_get_info(name, &info);
+    const int32_t status = bv_mtd_get_info(name, &info);
     if (status != BV_OK)
         return status;
     return beyond_end(info, offset, len) ? BV_ERR_RANGE : BV_OK;
 }
 
-// Reading and writing are the same but for how the device is opened and what moves the bytes.
-template <typename Byte, typename Move>
-int32_t transfer(const char *name, Byte *buf, uint32_t offset, uint32_t len, int flags, Move move,
-                 int32_t shortfall)
+int32_t transfer(const char *name, bv::MutableBytes buf, uint32_t offset,
+                 const Direction &direction)
 {
-    if (name == nullptr || buf == nullptr || len == 0)
+    if (name == nullptr || buf.data == nullptr || buf.length == 0)
         return BV_ERR_INVALID;
 
     DevicePath path;
     mtd_info_user info;
-    int32_t status = find_range(name, offset, len, path, info);
+    const int32_t status = find_range(name, offset, buf.length, path, info);
     if (status != BV_OK)
         return status;
 
-    int fd = open_device(path, flags);
-    if (fd < 0)
-        return BV_ERR_OPEN;
-    status = move_range(fd, buf, offset, len, move, shortfall);
-    bv_os_close(fd);
-    return status;
+    const bv::Descriptor fd(open_device(path, direction.flags));
+    return fd ? move_range(fd.get(), buf, offset, direction) : BV_ERR_OPEN;
 }
 
 } // namespace
@@ -147,26 +156,20 @@ int32_t bv_mtd_get_info(const char *name, mtd_info_user *info)
     if (name == nullptr || info == nullptr)
         return BV_ERR_INVALID;
 
-    DevicePath path = find_device(name);
-    int fd = open_device(path, kForWriting);
-    if (fd < 0)
+    const bv::Descriptor fd(open_device(find_device(name), kForWriting));
+    if (!fd)
         return BV_ERR_FAILED;
-
-    int32_t status = bv_os_ioctl(fd, MEMGETINFO, info) < 0 ? BV_ERR_FAILED : BV_OK;
-    bv_os_close(fd);
-    return status;
+    return bv_os_ioctl(fd.get(), MEMGETINFO, info) < 0 ? BV_ERR_FAILED : BV_OK;
 }
 
 int32_t bv_mtd_read(const char *name, void *buf, uint32_t offset, uint32_t len)
 {
-    return transfer(name, static_cast<uint8_t *>(buf), offset, len, O_RDONLY, bv_os_read,
-                    BV_ERR_SHORT_READ);
+    return transfer(name, bv::bytes_of(buf, len), offset, kRead);
 }
 
 int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, uint32_t len)
 {
-    return transfer(name, static_cast<const uint8_t *>(buf), offset, len, kForWriting, bv_os_write,
-                    BV_ERR_SHORT_WRITE);
+    return transfer(name, bv::bytes_of(const_cast<void *>(buf), len), offset, kWrite); // only read
 }
 
 int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len)
@@ -176,16 +179,16 @@ int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len)
 
     DevicePath path;
     mtd_info_user info;
-    int32_t status = find_range(name, offset, len, path, info);
+    const int32_t status = find_range(name, offset, len, path, info);
     if (status != BV_OK)
         return status;
-    // Erase sizes are powers of two. One of 0 makes the mask all ones and is refused here too.
+    // Erase sizes are powers of two. A size of 0 makes the mask all ones and is refused here too.
     if (((info.erasesize - 1) & (offset | len)) != 0)
         return BV_ERR_INVALID;
 
-    int fd = open_device(path, kForWriting);
-    if (fd < 0)
+    bv::Descriptor fd(open_device(path, kForWriting));
+    if (!fd)
         return BV_ERR_OPEN;
-    erase_blocks(fd, name, offset, len, info.erasesize);
-    return bv_os_close(fd);
+    erase_blocks(fd.get(), name, offset, len, info.erasesize);
+    return bv_os_close(fd.release()); // a device that cannot be closed may not have erased
 }

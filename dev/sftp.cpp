@@ -1,5 +1,5 @@
-// File transfer. The script knows the transfer client and its options; what is decided here is
-// only the command line, whose words and quoting scripts in the field rely on.
+// File transfer. The script knows the transfer client and its options. Only its command line is
+// made here, and scripts in the field rely on these words and quotes.
 
 #include <bv/sftp.h>
 

@@ -2,11 +2,12 @@
 
 #include <bv/os.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-// Scanned and not parsed by hand: configurations in the field hold what this scan accepts,
-// one-digit groups among them.
+// Scanned, not parsed by hand: configurations in the field hold whatever this scan accepts, such
+// as groups of one digit.
 void bv_os_mac_pton(const char *text, void *out)
 {
     unsigned groups[6] = {0, 0, 0, 0, 0, 0};
@@ -16,7 +17,7 @@ void bv_os_mac_pton(const char *text, void *out)
     uint8_t mac[6];
     for (int i = 0; i < 6; ++i)
         mac[i] = static_cast<uint8_t>(groups[i]);
-    bv_os_memcpy(out, sizeof mac, mac, sizeof mac);
+    bv_os_memcpy(out, sizeof(mac), mac, sizeof(mac));
 }
 
 void bv_os_mac_ntop(const void *mac, char *out, uint32_t outsize)
@@ -26,27 +27,26 @@ void bv_os_mac_ntop(const void *mac, char *out, uint32_t outsize)
         return;
     }
 
-    const uint8_t *bytes = static_cast<const uint8_t *>(mac);
+    const auto *bytes = static_cast<const uint8_t *>(mac);
     bv_os_sprintf(out, outsize, "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2],
                   bytes[3], bytes[4], bytes[5]);
 }
 
-// The gateway's C library writes as it reads: of a text that turns out to be no address, and of one
-// that turns out not to fit, the beginning would stand in the caller's memory. So both conversions
-// are made beside it.
+// The gateway's C library writes while it reads: a text that turns out not to be an address, or not
+// to fit, would leave its beginning in the caller's memory. So both functions convert into a copy.
 int bv_os_inet_pton(const char *text, void *out)
 {
     uint8_t address[4];
-    int converted = inet_pton(AF_INET, text, address);
+    const int converted = inet_pton(AF_INET, text, address);
     if (converted == 1)
-        bv_os_memcpy(out, sizeof address, address, sizeof address);
+        bv_os_memcpy(out, sizeof(address), address, sizeof(address));
     return converted;
 }
 
 const char *bv_os_inet_ntop(const void *address, char *out, uint32_t outsize)
 {
     char text[INET_ADDRSTRLEN];
-    uint32_t size = outsize < sizeof text ? outsize : sizeof text;
+    const uint32_t size = std::min<uint32_t>(outsize, sizeof(text));
     if (inet_ntop(AF_INET, address, text, size) == nullptr)
         return nullptr;
     bv_os_strcpy(out, size, text);

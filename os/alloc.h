@@ -1,4 +1,4 @@
-// Allocation of a size that was formed in 64 bits from a length of the caller's or of a message.
+// Typed memory of bv_os_malloc().
 #ifndef BV_OS_ALLOC_H
 #define BV_OS_ALLOC_H
 
@@ -6,11 +6,22 @@
 
 namespace bv {
 
-// As bv_os_malloc(), without ever cutting the size: what does not fit 32 bits is refused, and
-// reported, like every other size above the limit.
-inline void *allocate(uint64_t size)
+// Sizes are 64 bits wide: a sum with a length from a caller or a message never wraps. One that
+// does not fit in 32 bits is refused, and reported, like every other size above the limit.
+template <typename T>
+inline T *allocate(uint64_t size = sizeof(T))
 {
-    return bv_os_malloc(size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size));
+    return static_cast<T *>(
+        bv_os_malloc(size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size)));
+}
+
+template <typename T>
+inline T *allocate_zeroed(uint64_t size = sizeof(T))
+{
+    T *block = allocate<T>(size);
+    if (block != nullptr)
+        bv_os_memset(block, static_cast<uint32_t>(size), 0, static_cast<uint32_t>(size));
+    return block;
 }
 
 } // namespace bv

@@ -1,8 +1,7 @@
-// Accesses that are made without a lock on purpose.
+// Accesses without a lock, on purpose.
 //
-// What several threads touch without a lock is read and written through the functions here and
-// nowhere else, so that each such place can be found, and ThreadSanitizer can tell it from a
-// mistake.
+// What several threads share without a lock is read and written through these functions only. So
+// every such place can be found, and ThreadSanitizer can tell it from a mistake.
 #ifndef BV_OS_ATOMIC_H
 #define BV_OS_ATOMIC_H
 
@@ -21,8 +20,8 @@ inline void store_relaxed(T &to, T value)
     __atomic_store_n(&to, value, __ATOMIC_RELAXED);
 }
 
-// Replaces a value if it is still the one seen; otherwise, or for no reason, false and the present
-// one in `seen`.
+// Replaces a value if it is still the one in `seen`. Otherwise, and sometimes for no reason,
+// returns false with the present value in `seen`.
 template <typename T>
 inline bool try_swap_relaxed(T &value, T &seen, T replacement)
 {

@@ -1,5 +1,5 @@
-// Integers as bytes. Wire formats are big-endian and put byte by byte, so that neither the
-// machine's order nor a field's alignment matters.
+// Integers as bytes. Wire formats are big-endian and written byte by byte, so neither the machine's
+// order nor a field's alignment matters.
 #ifndef BV_OS_BYTES_H
 #define BV_OS_BYTES_H
 

@@ -1,9 +1,9 @@
 // Checked arithmetic for counters and sums that have no failure code of their own.
 //
-// A counter that wrapped would silently corrupt sizes and numbers for the rest of a service's
-// life, and services here run for years: stopping at once is the smaller harm, since the
-// supervisor restarts the service. Lengths that come from callers or from outside never get
-// here; they are widened to 64 bits where they arrive and end in an ordinary error code.
+// A counter that wrapped would silently corrupt sizes and numbers for as long as the service runs,
+// which may be years. Stopping at once does less harm: the supervisor restarts the service. Lengths
+// from callers or from outside never get here. They are widened to 64 bits where they arrive, and
+// end in an ordinary error code.
 #ifndef BV_OS_CHECKED_H
 #define BV_OS_CHECKED_H
 

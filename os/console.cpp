@@ -7,17 +7,17 @@ int32_t bv_os_printb(const void *address, int32_t length)
     if (address == nullptr || length < 1)
         return bv_os_printf("\r\n");
 
-    // Not cleared, and moved rather than copied: a dump of the stack may run over it, where a copy
-    // would be refused as overlapping, and zeros be shown that are not there.
+    // A dump of the stack may run over this word. So it is not cleared, which would show zeros that
+    // are not there, and it is filled by a move: a copy would be refused as overlapping.
     uint32_t word;
-    const uint8_t *bytes = static_cast<const uint8_t *>(address);
+    const auto *bytes = static_cast<const uint8_t *>(address);
     for (int64_t offset = 0; offset < length; offset += 4) {
         const uint8_t *at = bytes + offset;
         if (offset % 16 == 0)
             bv_os_printf("\r\n[0x%08x] : ", static_cast<uint32_t>(reinterpret_cast<uintptr_t>(at)));
 
-        // Whole words, the last one too: images are allocated in multiples of 32 bytes.
-        bv_os_memmove(&word, sizeof word, at, sizeof word);
+        // Whole words, the last one too: callers know that up to three more bytes are read.
+        bv_os_memmove(&word, sizeof(word), at, sizeof(word));
         bv_os_printf("%08x ", __builtin_bswap32(word));
     }
     return bv_os_printf("\r\n");

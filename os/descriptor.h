@@ -1,12 +1,14 @@
-// Descriptors that the library holds for itself.
+// Descriptors that the library opens for itself.
 //
-// Services start programs, through the library's shell functions among others, and those are not
-// to find the library's sockets and files among their own descriptors. The mark is set after the
-// call that made the descriptor, whose arguments stay as simple as they are.
+// Services start programs, through the library's shell functions among others. Those programs must
+// not inherit the library's sockets and files. The mark is set after the call that made the
+// descriptor, so that the call's arguments stay simple.
 #ifndef BV_OS_DESCRIPTOR_H
 #define BV_OS_DESCRIPTOR_H
 
 #include <bv/os.h>
+
+#include "os/owned.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -16,7 +18,7 @@
 namespace bv {
 
 // Keeps a descriptor out of the programs that the service starts, and returns it. -1 is ignored;
-// errno stays.
+// errno does not change.
 inline int close_on_exec(int fd)
 {
     const int error = errno;
@@ -33,22 +35,18 @@ inline FILE *close_on_exec(FILE *stream)
     return stream;
 }
 
-// As close_on_exec(), for a descriptor that is kept. In a service that was started without standard
-// input, output or error, the descriptor may get one of these numbers, and would then receive what
-// the service prints: 0 to 2 are exchanged for a higher one. Returns the descriptor to use. Returns
-// -1 for -1, and when no higher one is free (errno is set, nothing stays open).
+// As close_on_exec(), for a descriptor that stays open. A service started without standard input,
+// output or error would get one of these numbers here, and the descriptor would then receive what
+// the service prints. So 0 to 2 are exchanged for a higher number. Returns the descriptor to use,
+// or -1 for -1 and when no higher one is free (errno is set, nothing stays open).
 inline int keep_descriptor(int fd)
 {
     constexpr int kFirstAboveStandard = STDERR_FILENO + 1;
-    if (fd < 0 || fd >= kFirstAboveStandard) {
-        close_on_exec(fd);
-        return fd;
-    }
+    if (fd < 0 || fd >= kFirstAboveStandard)
+        return close_on_exec(fd);
 
     const int higher = fcntl(fd, F_DUPFD_CLOEXEC, kFirstAboveStandard);
-    const int error = errno;
-    bv_os_close(fd);
-    errno = error;
+    close_keeping_errno(fd);
     return higher;
 }
 

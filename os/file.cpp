@@ -1,4 +1,4 @@
-// System calls: streams, files, descriptors and the process itself.
+// System calls: streams, files, descriptors and the process itself; and a file's size.
 
 #include <bv/os.h>
 
@@ -54,24 +54,17 @@ int bv_os_pclose(FILE *stream)
     return pclose(stream);
 }
 
-// The platform knows which flags come with a mode; the others make it ignore what is fetched here.
+// The mode is always fetched: the platform knows which flags need one, and ignores it otherwise.
 int bv_os_open(const char *path, int flags, ...)
 {
     va_list args;
     va_start(args, flags);
-    mode_t mode = va_arg(args, mode_t);
+    const mode_t mode = va_arg(args, mode_t);
     va_end(args);
     return open(path, flags, mode);
 }
 
-int bv_os_dev_open(const char *path, int flags, ...)
-{
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = va_arg(args, mode_t);
-    va_end(args);
-    return open(path, flags, mode);
-}
+int bv_os_dev_open(const char *path, int flags, ...) __attribute__((alias("bv_os_open")));
 
 int bv_os_creat(const char *path, mode_t mode)
 {
@@ -146,4 +139,12 @@ int bv_os_fstat(int fd, struct stat *st)
 pid_t bv_os_getpid(void)
 {
     return getpid();
+}
+
+int32_t bv_get_filesize(const char *path)
+{
+    struct stat st;
+    if (path == nullptr || bv_os_stat(path, &st) != 0)
+        return BV_ERR_FAILED;
+    return static_cast<int32_t>(st.st_size);
 }

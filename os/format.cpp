@@ -10,7 +10,7 @@ int bv_os_printf(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    int printed = vprintf(format, args);
+    const int printed = vprintf(format, args);
     va_end(args);
     return printed;
 }
@@ -19,7 +19,7 @@ int bv_os_fprintf(FILE *stream, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    int printed = vfprintf(stream, format, args);
+    const int printed = vfprintf(stream, format, args);
     va_end(args);
     return printed;
 }
@@ -28,26 +28,20 @@ int bv_os_sprintf(char *dst, uint32_t dstsize, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    int printed = vsprintf_s(dst, dstsize, format, args);
+    const int printed = vsprintf_s(dst, dstsize, format, args);
     va_end(args);
     return printed;
 }
 
-// A name of its own for callers that think in snprintf(); the bound is dstsize either way.
+// For callers who are used to snprintf(): the bound is dstsize either way.
 int bv_os_snprintf(char *dst, uint32_t dstsize, const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    int printed = vsprintf_s(dst, dstsize, format, args);
-    va_end(args);
-    return printed;
-}
+    __attribute__((alias("bv_os_sprintf")));
 
 int bv_os_sscanf(const char *str, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    int stored = vsscanf_s(str, format, args);
+    const int stored = vsscanf_s(str, format, args);
     va_end(args);
     return stored;
 }

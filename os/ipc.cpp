@@ -8,7 +8,8 @@
 
 namespace {
 
-// What semctl() takes fourth. Callers define their own, so this one has a name of its own.
+// The fourth argument of semctl(). Programs define a union semun themselves, so this one has
+// another name.
 union SemaphoreArgument {
     int val;
     struct semid_ds *buf;
@@ -23,14 +24,14 @@ int bv_os_sem_init(sem_t *sem, int pshared, unsigned int value)
     return sem_init(sem, pshared, value);
 }
 
-// What the platform takes only with some flags or commands is always fetched and passed on, here
-// and in bv_os_semctl(): it knows them all, and ignores what it does not need.
+// The optional arguments are always fetched and passed on, here and in bv_os_semctl(): the platform
+// ignores what it does not need.
 sem_t *bv_os_sem_open(const char *name, int oflag, ...)
 {
     va_list args;
     va_start(args, oflag);
-    mode_t mode = va_arg(args, mode_t);
-    unsigned int value = va_arg(args, unsigned int);
+    const mode_t mode = va_arg(args, mode_t);
+    const unsigned int value = va_arg(args, unsigned int);
     va_end(args);
     return sem_open(name, oflag, mode, value);
 }
@@ -79,7 +80,7 @@ int bv_os_semctl(int semid, int semnum, int cmd, ...)
 {
     va_list args;
     va_start(args, cmd);
-    SemaphoreArgument argument = va_arg(args, SemaphoreArgument);
+    const SemaphoreArgument argument = va_arg(args, SemaphoreArgument);
     va_end(args);
     return semctl(semid, semnum, cmd, argument);
 }

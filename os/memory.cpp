@@ -1,5 +1,4 @@
-// Memory. One limit for every single allocation of a service, and copies that know the size of
-// what they write to.
+// Memory: one limit for every allocation, and copies that know the size of their destination.
 
 #include <bv/os.h>
 
@@ -16,7 +15,7 @@ constexpr uint32_t kLargestAllocation = 0x140000;
 
 void *bv_os_malloc(uint32_t size)
 {
-    // One comparison for both ends: 0 wraps to the largest number there is.
+    // One comparison for both ends: 0 - 1 wraps to the largest number.
     if (size - 1 >= kLargestAllocation) {
         bv_os_printf("data size out of rang ui_size = %d malloc fail\n", static_cast<int>(size));
         return nullptr;

@@ -1,8 +1,8 @@
-// Shell commands. Every line that the shell gets is built in a buffer of 256 bytes; what does not
-// fit becomes an empty line, never a cut one, so that half a command is never run.
+// Shell commands. Every line for the shell is built in a buffer of 256 bytes. A line that does not
+// fit becomes empty, never cut, so that half a command is never run.
 //
-// Output is captured through a file, not a pipe: the shell line with its redirection is what
-// people at the device see in the process list and can repeat by hand.
+// Output is captured through a file, not a pipe: people at the device see the line with its
+// redirection in the process list and can repeat it by hand.
 
 #include <bv/os.h>
 
@@ -11,6 +11,7 @@
 
 #include <securec.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -27,17 +28,19 @@ constexpr uint32_t kFileNameSize = 64;
 constexpr uint32_t kFileNameLimit = 32;
 using FileName = char[kFileNameSize];
 
-// The next capture's number, shared by both capturing functions. Not locked: callers serialise
-// captures. The accesses are atomic only so that a race stays a wrong name and nothing worse.
+using Pipe = bv::Owned<FILE *, nullptr, bv_os_pclose>;
+
+// The number of the next capture, for both capturing functions. There is no lock: callers serialise
+// captures. The accesses are atomic so that a race gives a wrong name and nothing worse.
 uint8_t g_capture_sequence = 1;
 
 void format_line(Line &line, const char *format, va_list args)
 {
-    memset(line, 0, sizeof line);
-    vsprintf_s(line, sizeof line, format, args);
+    memset(line, 0, sizeof(line));
+    vsprintf_s(line, sizeof(line), format, args);
 }
 
-// Wraps a command into the line that the shell gets, and runs that.
+// Puts a command into the line for the shell, and runs that.
 BV_PRINTF(1, 2) int run_wrapped(const char *format, ...)
 {
     Line line;
@@ -48,35 +51,47 @@ BV_PRINTF(1, 2) int run_wrapped(const char *format, ...)
     return system(line);
 }
 
+// Runs a command inside a line with one %s for it.
+int run_inside(const char *line, const char *format, va_list args)
+{
+    Line command;
+    format_line(command, format, args);
+    return run_wrapped(line, command);
+}
+
 void name_capture_file(FileName &name, const char *format)
 {
-    memset(name, 0, sizeof name);
-    unsigned pid = static_cast<unsigned>(bv_os_getpid()) & 0xFFFF;
-    uint8_t sequence = bv::load_relaxed(g_capture_sequence);
+    memset(name, 0, sizeof(name));
+    const unsigned pid = static_cast<unsigned>(bv_os_getpid()) & 0xFFFF;
+    const uint8_t sequence = bv::load_relaxed(g_capture_sequence);
     bv::store_relaxed(g_capture_sequence, static_cast<uint8_t>(sequence + 1));
     bv_os_snprintf(name, kFileNameLimit, format, "/tmp/system", pid, sequence);
+}
+
+bool read_capture(const FileName &name, char (&text)[kLineSize + 1])
+{
+    const bv::Descriptor file(bv::close_on_exec(bv_os_open(name, O_RDONLY, 0666)));
+    if (!file)
+        return false;
+    bv_os_lseek(file.get(), 0, SEEK_SET);
+    bv_os_read(file.get(), text, kLineSize);
+    return true;
 }
 
 // Hands the capture file's trimmed text to the caller and removes the file.
 int32_t take_capture(const FileName &name, char *out, uint32_t outsize)
 {
-    int fd = bv::close_on_exec(bv_os_open(name, O_RDONLY, 0666));
-    if (fd == -1)
+    char text[kLineSize + 1] = {}; // one byte is never written: the text is terminated
+    if (!read_capture(name, text))
         return BV_ERR_NO_FILE;
-
-    char text[kLineSize + 1]; // one more than is read: always terminated
-    memset(text, 0, sizeof text);
-    bv_os_lseek(fd, 0, SEEK_SET);
-    bv_os_read(fd, text, kLineSize);
-    bv_os_close(fd);
     bv_os_systemnull("rm -f %s", name);
 
-    int printed = bv_os_snprintf(out, outsize, "%s", bv_os_trim(text));
+    const int printed = bv_os_snprintf(out, outsize, "%s", bv_os_trim(text));
     return printed > 0 ? BV_OK : BV_ERR_FAILED;
 }
 
-// Like fgets(), but a signal does not end the line. C libraries lose what they had read of it then,
-// so it is read a character at a time: a read that a signal interrupted has taken none.
+// Like fgets(), but a signal does not end the line. C libraries then lose what they had read of it,
+// so this reads a character at a time: an interrupted read has taken none.
 void read_line(char *out, int outsize, FILE *stream)
 {
     if (outsize == 1)
@@ -108,35 +123,29 @@ int bv_os_system(const char *format, ...)
 
 int bv_os_systemnull(const char *format, ...)
 {
-    Line command;
     va_list args;
     va_start(args, format);
-    format_line(command, format, args);
+    const int result = run_inside("%s >/dev/null 2>&1", format, args);
     va_end(args);
-
-    return run_wrapped("%s >/dev/null 2>&1", command);
+    return result;
 }
 
 int bv_os_systembk(const char *format, ...)
 {
-    Line command;
     va_list args;
     va_start(args, format);
-    format_line(command, format, args);
+    const int result = run_inside("%s >/dev/null 2>&1 &", format, args);
     va_end(args);
-
-    return run_wrapped("%s >/dev/null 2>&1 &", command);
+    return result;
 }
 
 int bv_os_sysprocess(const char *format, ...)
 {
-    Line command;
     va_list args;
     va_start(args, format);
-    format_line(command, format, args);
+    const int result = run_inside("su -p BROVAN -c \"%s\"", format, args);
     va_end(args);
-
-    return run_wrapped("su -p %s -c \"%s\"", "BROVAN", command);
+    return result;
 }
 
 int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...)
@@ -154,8 +163,8 @@ int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...)
     return take_capture(name, out, outsize);
 }
 
-// The process id is at least two digits wide here and four above. That is meant: whoever looks for
-// a service's capture files under /tmp goes by both forms.
+// The process id has at least two digits here and four above. That is meant: people who look for a
+// service's capture files under /tmp know both forms.
 int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern, const char *delimiter,
                        const char *format, ...)
 {
@@ -177,11 +186,7 @@ void bv_get_pipe(const char *command, char *out, uint32_t outsize)
 {
     if (command == nullptr)
         return;
-    FILE *stream = bv::close_on_exec(bv_os_popen(command, "r"));
-    if (stream == nullptr)
-        return;
-
-    if (out != nullptr && outsize > 0)
-        read_line(out, outsize > INT_MAX ? INT_MAX : static_cast<int>(outsize), stream);
-    bv_os_pclose(stream);
+    const Pipe pipe(bv::close_on_exec(bv_os_popen(command, "r")));
+    if (pipe && out != nullptr && outsize > 0)
+        read_line(out, static_cast<int>(std::min<uint32_t>(outsize, INT_MAX)), pipe.get());
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-// C libraries differ over the type of ioctl()'s request: unsigned long here, int on the gateway.
+// C libraries differ in the type of ioctl()'s request: unsigned long with glibc, int with musl.
 template <typename Request>
 Request ioctl_request(int (*)(int, Request, ...));
 using IoctlRequest = decltype(ioctl_request(ioctl));

@@ -1,4 +1,4 @@
-// Strings: the bounded ones are one call into the bounded-check library each, the others one call
+// Strings: each function is one call, the bounded ones into the bounded-check library, the others
 // into the C library.
 
 #include <bv/os.h>
@@ -49,7 +49,8 @@ char *bv_os_strsep(char **stringp, const char *delimiters)
     return strsep(stringp, delimiters);
 }
 
-// C's strrchr() and strstr() take const and give it away; C++ has an overload for either side.
+// C's strrchr() and strstr() take a const text and return a writable one; C++ has an overload for
+// each.
 char *bv_os_strrchr(const char *str, int ch)
 {
     return const_cast<char *>(strrchr(str, ch));
@@ -80,7 +81,7 @@ int bv_os_tolower(int ch)
     return tolower(ch);
 }
 
-// Not isspace(): what a trimmed command output is must not depend on a service's locale.
+// Not isspace(): the result must not depend on a service's locale.
 int32_t bv_os_isspace(uint32_t ch)
 {
     return ch == ' ' || ch - '\t' < 5 ? 1 : 0;

@@ -1,22 +1,22 @@
-// Text that services exchange with users, scripts and the configuration: matching, trimming and
-// hexadecimal rendering.
+// Texts from users, scripts and the configuration: matching, trimming, hexadecimal digits.
 
 #include <bv/os.h>
 
+#include <algorithm>
 #include <cstring>
 #include <regex.h>
 
 namespace {
 
-// Not ispunct(): what is accepted as input must not depend on a service's locale.
+// Not ispunct(): which input is accepted must not depend on a service's locale.
 bool is_special(unsigned char ch)
 {
-    bool punctuation = (ch >= '!' && ch <= '/') || (ch >= ':' && ch <= '@') ||
-                       (ch >= '[' && ch <= '`') || (ch >= '{' && ch <= '~');
+    const bool punctuation = (ch >= '!' && ch <= '/') || (ch >= ':' && ch <= '@') ||
+                             (ch >= '[' && ch <= '`') || (ch >= '{' && ch <= '~');
     return punctuation || bv_os_isspace(ch) == 1;
 }
 
-// The text is built in a buffer of this size, which every restart clears.
+// The text is built in a buffer of this size. Every restart clears it.
 constexpr uint32_t kHexBufferSize = 512;
 constexpr uint32_t kHexRestart = kHexBufferSize / 2;
 
@@ -29,7 +29,7 @@ int32_t bv_os_match(const char *text, const char *pattern)
         return BV_ERR_FAILED;
 
     regmatch_t match;
-    int result = regexec(&expression, text, 1, &match, 0);
+    const int result = regexec(&expression, text, 1, &match, 0);
     regfree(&expression);
     return result == 0 ? BV_OK : BV_ERR_FAILED;
 }
@@ -58,16 +58,15 @@ char *bv_os_trim(char *text)
     return text;
 }
 
-// Callers know the restart: what is rendered here, digests and short ciphertexts, stays below it,
-// and what is longer has always come out as the hex of its last bytes.
+// Callers know about the restart. Digests and short ciphertexts stay below it; longer data has
+// always come out as the digits of its last bytes.
 int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint32_t outsize)
 {
     static const char kDigits[] = "0123456789abcdef";
-    char text[kHexBufferSize];
-    memset(text, 0, sizeof text);
+    char text[kHexBufferSize] = {};
 
-    uint32_t count = data == nullptr ? 0 : length % kHexRestart;
-    const uint8_t *bytes = static_cast<const uint8_t *>(data);
+    const uint32_t count = data == nullptr ? 0 : length % kHexRestart;
+    const auto *bytes = static_cast<const uint8_t *>(data);
     if (count > 0)
         bytes += length - count;
     for (uint32_t i = 0; i < count; ++i) {
@@ -75,6 +74,6 @@ int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint32_t ou
         text[2 * i + 1] = kDigits[bytes[i] & 15];
     }
 
-    bv_os_memcpy(out, outsize, text, outsize < sizeof text ? outsize : sizeof text);
+    bv_os_memcpy(out, outsize, text, std::min(outsize, kHexBufferSize));
     return BV_OK;
 }

@@ -44,7 +44,7 @@ unsigned int bv_os_sleep(unsigned int seconds)
     return sleep(seconds);
 }
 
-// The product wraps on purpose: services on the gateway have always seen it do so.
+// The product wraps on purpose: services rely on the delays that they have always had.
 int bv_os_msleep(uint32_t ms)
 {
     return usleep(ms * 1000u);

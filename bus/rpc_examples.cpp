@@ -1,4 +1,4 @@
-// Two handlers that show the shape of one, over a record that the library holds.
+// Two example handlers, which read and write a record of the library.
 
 #include <bv/ubus.h>
 
@@ -19,8 +19,8 @@ uint32_t bv_example_get(void *data, uint32_t len)
     return 0;
 }
 
-// The caller's length bounds the record, so that a short one is refused instead of read past. A
-// long one must not unbound it: the copy clears that much when it refuses for another reason.
+// The caller's length limits the copy, so that short data is refused and not read past its end. It
+// must not raise the limit: a copy that is refused for another reason clears as many bytes.
 uint32_t bv_example_set(void *data, uint32_t len)
 {
     bv_os_memcpy(g_record, std::min(len, kRecordSize), data, kRecordSize);

@@ -5,7 +5,7 @@
 
 #include "db/database.h"
 
-#include "support/heap.h"
+#include "support/faults.h"
 
 #include <json-c/json.h>
 

@@ -36,7 +36,7 @@ std::string fault_in(const std::string &text)
     return parsed.good ? "none" : std::to_string(parsed.fault.line) + ": " + parsed.fault.what;
 }
 
-TEST(Json, KnowsTheLineOfEveryValueAndName)
+TEST(Json, KnowsLineOfEveryValueAndName)
 {
     const Parsed tree("\n{ \"a\" :\n 1,\r\n\"b\": [ true,\n\n\"x\\ny\n\", null\n] }\n");
     ASSERT_TRUE(tree.good);
@@ -65,7 +65,7 @@ TEST(Json, DecodesEscapes)
     EXPECT_EQ(std::string(zero->text, zero->length), std::string("a\0b", 3));
 }
 
-TEST(Json, KeepsNumbersAsTheyStand)
+TEST(Json, KeepsNumbersAsWritten)
 {
     for (const char *number : {"0", "-0", "17", "-1.50", "1e9", "2E-3", "3.0e+7"}) {
         const Parsed tree(number);
@@ -77,7 +77,7 @@ TEST(Json, KeepsNumbersAsTheyStand)
         EXPECT_NE(fault_in(bad), "none") << bad;
 }
 
-TEST(Json, TakesTheLastOfTwoMembersOfOneName)
+TEST(Json, TakesLastOfTwoMembersWithSameName)
 {
     const Parsed tree(R"({"a":1,"b":null,"a":2})");
     ASSERT_TRUE(tree.good);
@@ -87,26 +87,29 @@ TEST(Json, TakesTheLastOfTwoMembersOfOneName)
     EXPECT_EQ(tree->first->member("a"), nullptr);
 }
 
-TEST(Json, SaysWhereItEnds)
+TEST(Json, SaysInWhichLineTheFirstFaultIs)
 {
     using namespace std::string_literals;
-    EXPECT_EQ(fault_in(""), "1: a value is expected");
-    EXPECT_EQ(fault_in("{\n\"a\"}"), "2: ':' is expected");
-    EXPECT_EQ(fault_in("{\n\n,}"), "3: a string in double quotes is expected");
-    EXPECT_EQ(fault_in("{\"a\":1,\n}"), "2: a string in double quotes is expected");
-    EXPECT_EQ(fault_in("[1\n2]"), "2: ',' or ']' is expected");
-    EXPECT_EQ(fault_in("{\"a\":1\n\"b\":2}"), "2: ',' or '}' is expected");
-    EXPECT_EQ(fault_in("[1,]"), "1: a value is expected");
-    EXPECT_EQ(fault_in("\"a\nb"), "2: a string has no end");
-    EXPECT_EQ(fault_in("\"a\\"), "1: a backslash before something that cannot be escaped");
-    EXPECT_EQ(fault_in("\"\\x\""), "1: a backslash before something that cannot be escaped");
-    EXPECT_EQ(fault_in("\"\\u12g4\""), "1: \\u needs four hexadecimal digits");
-    EXPECT_EQ(fault_in("\"a\0b\""s), "1: a zero byte");
-    EXPECT_EQ(fault_in("{}\n}"), "2: something follows the end");
-    EXPECT_EQ(fault_in("{}\0"s), "1: something follows the end");
+    const std::pair<std::string, const char *> rows[] = {
+        {"", "1: a value is expected"},
+        {"{\n\"a\"}", "2: ':' is expected"},
+        {"{\n\n,}", "3: a string in double quotes is expected"},
+        {"{\"a\":1,\n}", "2: a string in double quotes is expected"},
+        {"[1\n2]", "2: ',' or ']' is expected"},
+        {"{\"a\":1\n\"b\":2}", "2: ',' or '}' is expected"},
+        {"[1,]", "1: a value is expected"},
+        {"\"a\nb", "2: a string has no end"},
+        {"\"a\\", "1: a backslash before something that cannot be escaped"},
+        {"\"\\x\"", "1: a backslash before something that cannot be escaped"},
+        {"\"\\u12g4\"", "1: \\u needs four hexadecimal digits"},
+        {"\"a\0b\""s, "1: a zero byte"},
+        {"{}\n}", "2: something follows the end"},
+        {"{}\0"s, "1: something follows the end"}};
+    for (const auto &[text, fault] : rows)
+        EXPECT_EQ(fault_in(text), fault);
 }
 
-TEST(Json, StopsWhereTheLibraryStopsNesting)
+TEST(Json, StopsNestingWhereTheLibraryStops)
 {
     for (const char *inside : {"", "1", "{}"}) {
         for (size_t depth = 30; depth < 34; ++depth) {

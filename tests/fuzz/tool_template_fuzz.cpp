@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <sys/stat.h>
 
+#include "tools/template/checked_file.h"
 #include "tools/template/data.h"
-#include "tools/template/fault.h"
 #include "tools/template/header.h"
 #include "tools/template/library.h"
 

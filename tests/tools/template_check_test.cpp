@@ -131,7 +131,7 @@ TEST(TemplateCheck, FindsUnknownTypes)
     for (const char *type : {"uint32", "String", "int ", ""})
         EXPECT_EQ(faults_of(parameter(type, "4", "1")),
                   "2: unknown type '"s + type +
-                      "' (there are string, char, uchar, short, ushort, int, uint, mac and ip)\n");
+                      "', not one of string char uchar short ushort int uint mac ip\n");
 }
 
 TEST(TemplateCheck, FindsNumbersThatTheLibraryChanges)

@@ -6,14 +6,16 @@
 #include "bus/rpc_message.h"
 #include "tools/call/parameters.h"
 #include "tools/call/remote.h"
-#include "tools/call/show.h"
 #include "tools/common/command_line.h"
 #include "tools/common/file.h"
 #include "tools/common/numbers.h"
+#include "tools/common/visible.h"
 
 #include <cerrno>
+#include <cinttypes>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <unistd.h>
 
 namespace {
@@ -53,19 +55,99 @@ constexpr char kUsage[] =
     "Exit status: 0 the function returned 0, 1 no answer, 2 wrong usage, 3 it returned something\n"
     "else.\n";
 
+enum class Form { Default, Hex, Text, Parameters, Nothing };
+
 struct {
-    unsigned size;
-    unsigned offset;
-    const char *template_name;
-    Showing showing;
-    Remote remote;
-} g_options = {0,
-               0,
-               nullptr,
-               {Form::Default, nullptr},
-               {nullptr, bv::kDefaultObjectName, nullptr, kTimeoutMs}};
+    unsigned size = 0;
+    unsigned offset = 0;
+    const char *template_name = nullptr;
+    Form form = Form::Default;
+    const char *write = nullptr; // file that takes the bytes as they are
+    Remote remote = {nullptr, bv::kDefaultObjectName, nullptr, kTimeoutMs};
+} g_options;
 
 Bytes g_bytes;
+
+// ---- what came back ----
+
+// The library's code of a number, in parentheses; empty if there is none.
+const char *code_of(uint32_t result)
+{
+#define CODE(name)                                                                                 \
+    case static_cast<uint32_t>(name):                                                              \
+        return " (" #name ")"
+    switch (result) {
+        CODE(BV_ERR_FAILED);
+        CODE(BV_ERR_RANGE);
+        CODE(BV_ERR_WRITE_OPEN);
+        CODE(BV_ERR_NO_FAMILY);
+        CODE(BV_ERR_INVALID);
+        CODE(BV_ERR_NULL);
+        CODE(BV_ERR_NO_INSTANCE);
+        CODE(BV_ERR_EXISTS);
+        CODE(BV_ERR_FULL);
+        CODE(BV_ERR_OPEN);
+        CODE(BV_ERR_SHORT_READ);
+        CODE(BV_ERR_SHORT_WRITE);
+        CODE(BV_ERR_NO_FILE);
+        CODE(BV_ERR_RECORD);
+        CODE(BV_ERR_CHANNEL);
+        CODE(BV_ERR_EMPTY);
+        CODE(BV_ERR_MEMORY);
+        CODE(BV_ERR_TOO_LONG);
+    default:
+        return "";
+    }
+#undef CODE
+}
+
+bool write_raw(const char *path, const Bytes &bytes)
+{
+    File file(open_or_standard(path, "wb"));
+    if (file.get() == nullptr)
+        return complain(path, strerror(errno));
+    const bool written =
+        fwrite(bytes.data, 1, bytes.length, file.get()) == bytes.length && fflush(file.get()) == 0;
+    return (file.close() && written) || complain(path, "cannot be written");
+}
+
+bool print_form(const Bytes &bytes, size_t offset)
+{
+    switch (g_options.form) {
+    case Form::Hex:
+        print_hex(stdout, bytes.data, bytes.length);
+        return true;
+    case Form::Text:
+        print_visible(stdout, bytes.data,
+                      strnlen(reinterpret_cast<const char *>(bytes.data), bytes.length));
+        putchar('\n');
+        return true;
+    case Form::Parameters:
+        // What comes before the image, a status perhaps, is shown as bytes.
+        if (bytes.length >= offset)
+            print_hex(stdout, bytes.data, offset);
+        return print_parameters(bytes, offset);
+    default:
+        return true;
+    }
+}
+
+// Prints what the function returned on standard error, since the bytes may go to standard output.
+void show_result(uint32_t result)
+{
+    fprintf(stderr, "bv-call: result 0x%08" PRIx32 "%s, %zu byte%s\n", result, code_of(result),
+            g_bytes.length, g_bytes.length == 1 ? "" : "s");
+}
+
+// False after it said what failed.
+bool show_bytes()
+{
+    const bool written = g_options.write == nullptr || write_raw(g_options.write, g_bytes);
+    const bool printed = print_form(g_bytes, g_options.offset);
+    if (fflush(stdout) != 0 || ferror(stdout) != 0)
+        return complain("standard output", "cannot be written");
+    return written && printed;
+}
 
 // ---- the call ----
 
@@ -111,8 +193,8 @@ int call(char **assignments)
         fprintf(stderr, "bv-call: %s on %s: %s\n", remote.function, remote.object, why);
         return kExitNoAnswer;
     }
-    show_result(result, g_bytes);
-    if (!show_bytes(g_options.showing, g_bytes, g_options.offset))
+    show_result(result);
+    if (!show_bytes())
         return kExitNoAnswer;
     return result == BV_OK ? 0 : kExitResult;
 }
@@ -138,8 +220,8 @@ bool take_form(const char *text)
                   {"nothing", Form::Nothing}};
     for (const auto &row : kForms)
         if (strcmp(row.name, text) == 0)
-            g_options.showing.form = row.form;
-    return g_options.showing.form != Form::Default;
+            g_options.form = row.form;
+    return g_options.form != Form::Default;
 }
 
 bool take_timeout(const char *text)
@@ -149,40 +231,6 @@ bool take_timeout(const char *text)
         return false;
     g_options.remote.timeout_ms = static_cast<int>(timeout_ms);
     return true;
-}
-
-bool take_option(int option, const char *argument)
-{
-    switch (option) {
-    case 'x':
-        return g_bytes.add_hex(argument);
-    case 't':
-        return g_bytes.add(argument, strlen(argument));
-    case 'f':
-        return add_file(argument);
-    case 'n':
-        return parse_number(argument, kMaxBytes, g_options.size);
-    case 'T':
-        g_options.template_name = argument;
-        return true;
-    case 'O':
-        return parse_number(argument, kMaxBytes, g_options.offset);
-    case 'p':
-        return take_form(argument);
-    case 'w':
-        g_options.showing.write = argument;
-        return true;
-    case 'o':
-        g_options.remote.object = argument;
-        return true;
-    case 's':
-        g_options.remote.socket = argument;
-        return true;
-    case 'm':
-        return take_timeout(argument);
-    default:
-        return false;
-    }
 }
 
 // What is wrong with the arguments as a whole, or null.
@@ -196,45 +244,46 @@ const char *combination_fault(char **arguments)
         return nullptr;
     if (arguments[1] != nullptr)
         return "NAME=VALUE needs a template";
-    if (g_options.showing.form == Form::Parameters)
+    if (g_options.form == Form::Parameters)
         return "--print=parameters needs a template";
     return g_options.offset != 0 ? "--offset needs a template" : nullptr;
 }
 
-void set_default_form(Showing &showing)
+Form default_form()
 {
-    if (showing.form == Form::Default && showing.write != nullptr)
-        showing.form = Form::Nothing;
-    if (showing.form == Form::Default)
-        showing.form = g_options.template_name != nullptr ? Form::Parameters : Form::Hex;
+    if (g_options.write != nullptr)
+        return Form::Nothing;
+    return g_options.template_name != nullptr ? Form::Parameters : Form::Hex;
 }
 
-constexpr option kOptions[] = {{"hex", required_argument, nullptr, 'x'},
-                               {"text", required_argument, nullptr, 't'},
-                               {"file", required_argument, nullptr, 'f'},
-                               {"size", required_argument, nullptr, 'n'},
-                               {"template", required_argument, nullptr, 'T'},
-                               {"offset", required_argument, nullptr, 'O'},
-                               {"print", required_argument, nullptr, 'p'},
-                               {"write", required_argument, nullptr, 'w'},
-                               {"object", required_argument, nullptr, 'o'},
-                               {"socket", required_argument, nullptr, 's'},
-                               {"timeout", required_argument, nullptr, 'm'},
-                               {"help", no_argument, nullptr, 'h'},
-                               {}};
+constexpr Option kOptions[] = {
+    {"hex", 'x', nullptr, [](const char *text) { return g_bytes.add_hex(text); }},
+    {"text", 't', nullptr, [](const char *text) { return g_bytes.add(text, strlen(text)); }},
+    {"file", 'f', nullptr, add_file},
+    {"size", 'n', nullptr,
+     [](const char *text) { return parse_number(text, kMaxBytes, g_options.size); }},
+    {"template", 'T', &g_options.template_name, nullptr},
+    {"offset", 'O', nullptr,
+     [](const char *text) { return parse_number(text, kMaxBytes, g_options.offset); }},
+    {"print", 'p', nullptr, take_form},
+    {"write", 'w', &g_options.write, nullptr},
+    {"object", 'o', &g_options.remote.object, nullptr},
+    {"socket", 's', &g_options.remote.socket, nullptr},
+    {"timeout", 'm', nullptr, take_timeout}};
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const CommandLine line = {"bv-call", kUsage, kOptions, take_option, kExitNoAnswer};
+    const CommandLine line = {"bv-call", kUsage, kExitNoAnswer, kOptions, std::size(kOptions)};
     int status;
     if (!take_options(line, argc, argv, status))
         return status;
     const char *fault = combination_fault(argv + optind);
     if (fault != nullptr)
         return wrong_usage(line, fault);
-    set_default_form(g_options.showing);
+    if (g_options.form == Form::Default)
+        g_options.form = default_form();
     g_options.remote.function = argv[optind];
     return call(argv + optind + 1);
 }

@@ -30,13 +30,13 @@ size_t image_size()
     return static_cast<size_t>(g_family.image_size);
 }
 
-// Calls visit(parameter) for the valid ones until it returns true.
-template <typename Visit>
-void for_each_parameter(Visit visit)
+// After the last valid one.
+bv_db_para *end_of_parameters()
 {
-    for (int32_t i = 0; i < g_family.para_count && g_family.para[i].valid != 0; ++i)
-        if (visit(g_family.para[i]))
-            return;
+    bv_db_para *end = g_family.para;
+    while (end < g_family.para + g_family.para_count && end->valid != 0)
+        ++end;
+    return end;
 }
 
 // The library adds up the lengths and ends the process when the sum leaves 32 bits.
@@ -65,13 +65,10 @@ bool read_template(const char *path)
 // The parameter whose name is the first `length` bytes of a text.
 bv_db_para *find(const char *name, size_t length)
 {
-    bv_db_para *found = nullptr;
-    for_each_parameter([&](bv_db_para &para) {
-        const bool same = strlen(para.name) == length && memcmp(para.name, name, length) == 0;
-        found = same ? &para : nullptr;
-        return same;
-    });
-    return found;
+    for (bv_db_para *para = g_family.para; para < end_of_parameters(); ++para)
+        if (strlen(para->name) == length && memcmp(para->name, name, length) == 0)
+            return para;
+    return nullptr;
 }
 
 // The library would store something else instead; here it is a typing mistake.
@@ -146,13 +143,12 @@ bool print_parameters(const Bytes &bytes, size_t offset)
         return complain(g_template_name, "the reply is shorter than the family's image");
     memcpy(image, bytes.data + offset, image_size());
     bv_db_user_fill_frommem(image, g_family.para_count, g_family.para);
-    for_each_parameter([](const bv_db_para &para) {
-        print_visible(stdout, para.name);
+    for (const bv_db_para *para = g_family.para; para < end_of_parameters(); ++para) {
+        print_visible(stdout, para->name);
         putchar('=');
-        print_visible(stdout, para.value);
+        print_visible(stdout, para->value);
         putchar('\n');
-        return false;
-    });
+    }
     return true;
 }
 

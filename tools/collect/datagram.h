@@ -6,10 +6,16 @@
 #ifndef TOOLS_COLLECT_DATAGRAM_H
 #define TOOLS_COLLECT_DATAGRAM_H
 
+#include "os/bytes.h"
+
 #include <cstddef>
 #include <cstdint>
 
 namespace tools {
+
+constexpr size_t kDatagramHeader = 10;
+constexpr size_t kBeforeElement = 6; // bytes that the element length does not count
+constexpr unsigned kCategoryBits = 5;
 
 struct Datagram {
     unsigned category;
@@ -22,7 +28,25 @@ struct Datagram {
 
 // Reads strictly: what the library would not have sent is malformed. What is wrong with it, or
 // null.
-const char *read_datagram(Datagram &datagram, const uint8_t *bytes, size_t length);
+inline const char *read_datagram(Datagram &datagram, const uint8_t *bytes, size_t length)
+{
+    if (length < kDatagramHeader)
+        return "shorter than its header";
+    if (bytes[0] >> kCategoryBits != 0)
+        return "a category above 31";
+    if (bv::get_be16(bytes + 4) != length)
+        return "the total length does not match its size";
+    if (bv::get_be16(bytes + 8) != length - kBeforeElement)
+        return "the element length does not match its size";
+
+    datagram.category = bytes[0];
+    datagram.level = bytes[1];
+    datagram.module = bv::get_be16(bytes + 2);
+    datagram.tag = bv::get_be16(bytes + 6);
+    datagram.text = bytes + kDatagramHeader;
+    datagram.length = length - kDatagramHeader;
+    return nullptr;
+}
 
 } // namespace tools
 

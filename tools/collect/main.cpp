@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <poll.h>
 
 namespace {
@@ -231,46 +232,36 @@ int collect()
 
 // ---- the command line ----
 
-bool take_option(int option, const char *argument)
+bool take_address(const char *text)
 {
-    switch (option) {
-    case 'a':
-        return inet_pton(AF_INET, argument, &g_options.address) == 1;
-    case 'p':
-        g_options.port_given = true;
-        return parse_number(argument, 65535, g_options.port);
-    case 'm':
-        return g_options.modules.add(argument, 65535);
-    case 'l':
-        return g_options.levels.add(argument, 255);
-    case 'w':
-        g_options.write = argument;
-        return true;
-    case 'r':
-        g_options.read = argument;
-        return true;
-    case 'c':
-        return parse_number(argument, 1000000000, g_options.count) && g_options.count != 0;
-    default:
-        return false;
-    }
+    return inet_pton(AF_INET, text, &g_options.address) == 1;
 }
 
-constexpr option kOptions[] = {{"address", required_argument, nullptr, 'a'},
-                               {"port", required_argument, nullptr, 'p'},
-                               {"module", required_argument, nullptr, 'm'},
-                               {"level", required_argument, nullptr, 'l'},
-                               {"write", required_argument, nullptr, 'w'},
-                               {"read", required_argument, nullptr, 'r'},
-                               {"count", required_argument, nullptr, 'c'},
-                               {"help", no_argument, nullptr, 'h'},
-                               {}};
+bool take_port(const char *text)
+{
+    g_options.port_given = true;
+    return parse_number(text, 65535, g_options.port);
+}
+
+bool take_count(const char *text)
+{
+    return parse_number(text, 1000000000, g_options.count) && g_options.count != 0;
+}
+
+constexpr Option kOptions[] = {
+    {"address", 'a', nullptr, take_address},
+    {"port", 'p', nullptr, take_port},
+    {"module", 'm', nullptr, [](const char *text) { return g_options.modules.add(text, 65535); }},
+    {"level", 'l', nullptr, [](const char *text) { return g_options.levels.add(text, 255); }},
+    {"write", 'w', &g_options.write, nullptr},
+    {"read", 'r', &g_options.read, nullptr},
+    {"count", 'c', nullptr, take_count}};
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const CommandLine line = {"bv-collect", kUsage, kOptions, take_option, kExitFailed};
+    const CommandLine line = {"bv-collect", kUsage, kExitFailed, kOptions, std::size(kOptions)};
     int status;
     if (!take_options(line, argc, argv, status))
         return status;

@@ -2,18 +2,27 @@
 #ifndef TOOLS_COMMON_COMMAND_LINE_H
 #define TOOLS_COMMON_COMMAND_LINE_H
 
+#include <cstddef>
 #include <getopt.h>
 
 namespace tools {
 
 constexpr int kExitUsage = 2;
 
+// An option with an argument; --help needs no row.
+struct Option {
+    const char *name;
+    char letter;
+    const char **text;                  // keeps the argument as it is
+    bool (*take)(const char *argument); // or null, and this reads it; false: it is invalid
+};
+
 struct CommandLine {
     const char *program;
     const char *usage;
-    const option *options;                          // as getopt_long() takes them; h is --help
-    bool (*take)(int option, const char *argument); // false: the argument is invalid
-    int failed;                                     // exit status when the usage cannot be printed
+    int failed; // exit status when the usage cannot be printed
+    const Option *options;
+    size_t count; // at most 15
 };
 
 // Takes all options, up to `optind`. False when the program ends with `status` instead: it printed

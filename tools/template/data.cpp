@@ -6,8 +6,7 @@
 
 #include "tools/template/data.h"
 
-#include "tools/template/fault.h"
-#include "tools/template/fields.h"
+#include "tools/template/checked_file.h"
 #include "tools/template/values.h"
 
 #include <cinttypes>
@@ -21,8 +20,8 @@ using namespace tools;
 // Checks the instances of one family.
 class Instances {
 public:
-    Instances(const char *path, const Family &family, const Json &array)
-        : path_(path), family_(family), array_(array), seen_(path, array.count())
+    Instances(const CheckedFile &file, const Family &family, const Json &array)
+        : file_(file), family_(family), array_(array), seen_(file, array.count())
     {
     }
 
@@ -42,24 +41,24 @@ private:
     bool check_number(const Json &element)
     {
         if (element.kind != Json::Kind::Object) {
-            fault(path_, element.line, "an element is not an object: it is skipped");
+            file_.fault(element.line, "an element is not an object: it is skipped");
             return false;
         }
-        check_names_once(path_, element);
+        file_.check_names_once(element);
         const Json *inst = element.member("inst");
         if (inst == nullptr || element.member("para") == nullptr) {
-            fault(path_, element.line, "\"%s\" is missing: the element is skipped",
-                  inst == nullptr ? "inst" : "para");
+            file_.fault(element.line, "\"%s\" is missing: the element is skipped",
+                        inst == nullptr ? "inst" : "para");
             return false;
         }
         int32_t number;
-        if (!take_number(path_, *inst, "\"inst\"", number))
+        if (!file_.take_number(*inst, "\"inst\"", number))
             return false;
         const unsigned line = seen_.add(number, element.line);
         if (line != 0)
-            fault(path_, element.line,
-                  "duplicate instance %" PRId32 ", first in line %u, which it replaces", number,
-                  line);
+            file_.fault(element.line,
+                        "duplicate instance %" PRId32 ", first in line %u, which it replaces",
+                        number, line);
         return true;
     }
 
@@ -67,28 +66,28 @@ private:
     {
         const Parameter *parameter = family_.find(member.name);
         if (parameter == nullptr) {
-            fault(path_, member.name_line, "%.60s has no parameter \"%.60s\"", family_.name,
-                  member.name);
+            file_.fault(member.name_line, "%.60s has no parameter \"%.60s\"", family_.name,
+                        member.name);
             return;
         }
         char label[96];
         snprintf(label, sizeof(label), "\"%.60s\"", member.name);
-        if (take_text(path_, member, label) == nullptr)
+        if (file_.take_text(member, label) == nullptr)
             return;
-        check_survives(path_, member, label);
+        file_.check_survives(member.text, member.length, member.line, label);
         Reason why;
         if (parameter->type != nullptr && parameter->len > 0 &&
             !value_fits(*parameter->type, parameter->len, member.text, why))
-            fault(path_, member.line, "%s: %s", label, why.text);
+            file_.fault(member.line, "%s: %s", label, why.text);
     }
 
     void check_para(const Json &para, bool first) const
     {
         if (para.kind != Json::Kind::Object) {
-            fault(path_, para.line, "\"para\" is not an object");
+            file_.fault(para.line, "\"para\" is not an object");
             return;
         }
-        check_names_once(path_, para);
+        file_.check_names_once(para);
         for (const Json &member : para)
             check_value(member);
 
@@ -96,51 +95,53 @@ private:
         for (size_t i = 0; i < family_.count; ++i) {
             const char *name = family_.parameters[i].name;
             if (para.member(name) == nullptr)
-                fault(path_, para.line, "\"%.60s\" is missing: it takes %s", name,
-                      first ? "the template's default" : "the value of the element before");
+                file_.fault(para.line, "\"%.60s\" is missing: it takes %s", name,
+                            first ? "the template's default" : "the value of the element before");
         }
     }
 
-    const char *path_;
+    const CheckedFile &file_;
     const Family &family_;
     const Json &array_;
     Seen seen_;
 };
 
-void check_family(const char *path, const Json &member, Library &templates)
+void check_family(const CheckedFile &file, const Json &member, Library &templates)
 {
-    check_name_survives(path, member, "name of a family");
+    const char *name = member.name;
+    file.check_survives(name, member.name_length, member.name_line, "name of a family");
     const Family *family = nullptr;
-    switch (templates.find(member.name, family)) {
+    switch (templates.find(name, family)) {
     case Library::Result::None:
-        return fault(path, member.name_line, "unknown family \"%.80s\": there is no such template",
-                     member.name);
+        return file.fault(member.name_line, "unknown family \"%.80s\": there is no such template",
+                          name);
     case Library::Result::Several:
-        return fault(path, member.name_line,
-                     "several templates are called \"%.80s\": none is taken", member.name);
+        return file.fault(member.name_line, "several templates are called \"%.80s\": none is taken",
+                          name);
     case Library::Result::Unusable:
-        return fault(path, member.name_line, "the template of \"%.80s\" has no usable parameters",
-                     member.name);
+        return file.fault(member.name_line, "the template of \"%.80s\" has no usable parameters",
+                          name);
     case Library::Result::Found:
         break;
     }
     if (member.kind == Json::Kind::Array)
-        Instances(path, *family, member).check();
+        Instances(file, *family, member).check();
     else
-        fault(path, member.line, "\"%.80s\" is not an array: no instance is taken", member.name);
+        file.fault(member.line, "\"%.80s\" is not an array: no instance is taken", name);
 }
 
 } // namespace
 
 void tools::check_data(const char *path, Library &templates)
 {
+    const CheckedFile file = {path};
     JsonDocument document;
-    if (!read_json(path, document))
+    if (!file.read(document))
         return;
     const Json &root = *document.root();
     if (root.kind != Json::Kind::Object)
-        return fault(path, root.line, "a data file is an object of families");
-    check_names_once(path, root);
+        return file.fault(root.line, "a data file is an object of families");
+    file.check_names_once(root);
     for (const Json &member : root)
-        check_family(path, member, templates);
+        check_family(file, member, templates);
 }

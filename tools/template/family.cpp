@@ -6,8 +6,7 @@
 
 #include "tools/template/family.h"
 
-#include "tools/template/fault.h"
-#include "tools/template/fields.h"
+#include "tools/template/checked_file.h"
 #include "tools/template/values.h"
 
 #include <cinttypes>
@@ -16,55 +15,34 @@
 
 namespace {
 
-using tools::Family;
-using tools::fault;
-using tools::Json;
-using tools::Parameter;
-using tools::Reason;
-using tools::Seen;
+using namespace tools;
 
 // The command that finds a template has 255 characters at most, and its output is trimmed.
 constexpr size_t kMaxFoundName = 204;
 
 // The family is found by its name with a shell command, and the name is a key of the data file.
-void check_family_name(const Family &family)
+void check_family_name(const CheckedFile &file, const char *name)
 {
-    const size_t length = strlen(family.name);
+    const size_t length = strlen(name);
     Reason why;
-    if (!tools::text_survives(family.name, length, why))
-        fault(family.path, 1, "the file's name: %s", why.text);
-    else if (strpbrk(family.name, "$`*?[") != nullptr)
-        fault(family.path, 1, "the file's name: the library does not find names with $ ` * ? [");
+    if (!text_survives(name, length, why))
+        file.fault(1, "the file's name: %s", why.text);
+    else if (strpbrk(name, "$`*?[") != nullptr)
+        file.fault(1, "the file's name: the library does not find names with $ ` * ? [");
     else if (length > kMaxFoundName)
-        fault(family.path, 1, "the file's name: the library does not find more than %zu bytes",
-              kMaxFoundName);
-    else if (length != 0 && family.name[length - 1] == ' ')
-        fault(family.path, 1, "the file's name: the library does not find a blank at the end");
+        file.fault(1, "the file's name: the library does not find more than %zu bytes",
+                   kMaxFoundName);
+    else if (length != 0 && name[length - 1] == ' ')
+        file.fault(1, "the file's name: the library does not find a blank at the end");
 }
 
 // ---- one element ----
 
-// string, char, ... and ip
-struct TypeList {
-    char text[8 * sizeof(bv::kParameterTypes) / sizeof(bv::kParameterTypes[0]) + 8] = "";
-
-    TypeList()
-    {
-        size_t left = sizeof(bv::kParameterTypes) / sizeof(bv::kParameterTypes[0]);
-        char *to = text;
-        for (const bv::ParameterType &type : bv::kParameterTypes) {
-            const char *after = --left > 1 ? ", " : left == 1 ? " and " : "";
-            to += snprintf(to, sizeof(text) - static_cast<size_t>(to - text), "%s%s", type.name,
-                           after);
-        }
-    }
-};
-
 // An element of "para", of which the library needs all four members.
 class Element {
 public:
-    Element(const char *path, const Json &object)
-        : path_(path), object_(object), name_(object.member("name")), type_(object.member("type")),
+    Element(const CheckedFile &file, const Json &object)
+        : file_(file), object_(object), name_(object.member("name")), type_(object.member("type")),
           len_(object.member("len")), value_(object.member("value"))
     {
     }
@@ -73,15 +51,15 @@ public:
     bool read(Parameter &parameter, Seen &names) const
     {
         if (object_.kind != Json::Kind::Object) {
-            fault(path_, object_.line, "an element of \"para\" is not an object: it is skipped");
+            file_.fault(object_.line, "an element of \"para\" is not an object: it is skipped");
             return false;
         }
-        tools::check_names_once(path_, object_);
+        file_.check_names_once(object_);
         if (!is_complete())
             return false;
         check_name(names);
         parameter = {name_->text, find_type(), 0};
-        const bool has_len = take_number(path_, *len_, Label(*this, "len").text, parameter.len);
+        const bool has_len = file_.take_number(*len_, Label(*this, "len").text, parameter.len);
         if (has_len)
             check_len(parameter);
         check_value(parameter);
@@ -110,8 +88,8 @@ private:
         for (const auto &member : members) {
             if (member.value != nullptr)
                 continue;
-            fault(path_, object_.line, "%s is missing: the parameter is skipped",
-                  name_ == nullptr ? member.what : Label(*this, member.what).text);
+            file_.fault(object_.line, "%s is missing: the parameter is skipped",
+                        name_ == nullptr ? member.what : Label(*this, member.what).text);
             complete = false;
         }
         return complete;
@@ -119,26 +97,31 @@ private:
 
     void check_name(Seen &names) const
     {
-        if (tools::take_text(path_, *name_, "name") == nullptr)
+        if (file_.take_text(*name_, "name") == nullptr)
             return;
         if (name_->length == 0)
-            fault(path_, name_->line, "name is empty");
-        tools::check_survives(path_, *name_, "name");
+            file_.fault(name_->line, "name is empty");
+        file_.check_survives(name_->text, name_->length, name_->line, "name");
         const unsigned first = names.add(name_->text, name_->length, name_->line);
         if (first != 0)
-            fault(path_, name_->line, "duplicate parameter \"%.80s\", first in line %u",
-                  name_->text, first);
+            file_.fault(name_->line, "duplicate parameter \"%.80s\", first in line %u", name_->text,
+                        first);
     }
 
     const bv::ParameterType *find_type() const
     {
-        const char *text = tools::take_text(path_, *type_, "type");
+        const char *text = file_.take_text(*type_, "type");
         if (text == nullptr)
             return nullptr;
         const bv::ParameterType *type = bv::find_type(text);
-        if (type == nullptr)
-            fault(path_, type_->line, "unknown type '%.60s' (there are %s)", text, TypeList().text);
-        return type;
+        if (type != nullptr)
+            return type;
+        char known[96] = "";
+        size_t at = 0;
+        for (const bv::ParameterType &row : bv::kParameterTypes)
+            at += static_cast<size_t>(snprintf(known + at, sizeof(known) - at, " %s", row.name));
+        file_.fault(type_->line, "unknown type '%.60s', not one of%s", text, known);
+        return nullptr;
     }
 
     void check_len(const Parameter &parameter) const
@@ -146,32 +129,32 @@ private:
         const int32_t len = parameter.len;
         const int32_t size = parameter.type != nullptr ? parameter.type->size : 0;
         if (len > bv::kMaxParameterLength)
-            fault(path_, len_->line,
-                  "len %" PRId32 " is above %" PRId32 ": the parameter is skipped", len,
-                  bv::kMaxParameterLength);
+            file_.fault(len_->line,
+                        "len %" PRId32 " is above %" PRId32 ": the parameter is skipped", len,
+                        bv::kMaxParameterLength);
         else if (len < 0)
-            fault(path_, len_->line, "len %" PRId32 " is negative: the image shrinks", len);
+            file_.fault(len_->line, "len %" PRId32 " is negative: the image shrinks", len);
         else if (size != 0 && len != size)
-            fault(path_, len_->line, "len %" PRId32 " does not fit type %s, which takes %" PRId32,
-                  len, parameter.type->name, size);
+            file_.fault(len_->line, "len %" PRId32 " does not fit type %s, which takes %" PRId32,
+                        len, parameter.type->name, size);
         else if (len == 0)
-            fault(path_, len_->line, "len 0 has no room for anything");
+            file_.fault(len_->line, "len 0 has no room for anything");
     }
 
     void check_value(const Parameter &parameter) const
     {
         const Label label(*this, "value");
-        if (tools::take_text(path_, *value_, label.text) == nullptr)
+        if (file_.take_text(*value_, label.text) == nullptr)
             return;
-        tools::check_survives(path_, *value_, label.text);
+        file_.check_survives(value_->text, value_->length, value_->line, label.text);
         const bool has_room = parameter.len > 0 && parameter.len <= bv::kMaxParameterLength;
         Reason why;
         if (parameter.type != nullptr && has_room &&
-            !tools::value_fits(*parameter.type, parameter.len, value_->text, why))
-            fault(path_, value_->line, "%s: %s", label.text, why.text);
+            !value_fits(*parameter.type, parameter.len, value_->text, why))
+            file_.fault(value_->line, "%s: %s", label.text, why.text);
     }
 
-    const char *path_;
+    const CheckedFile &file_;
     const Json &object_;
     const Json *name_;
     const Json *type_;
@@ -181,21 +164,21 @@ private:
 
 // ---- the whole ----
 
-bool read_para(const Json &para, Family &family)
+bool read_para(const CheckedFile &file, const Json &para, Family &family)
 {
     const size_t count = para.count();
     if (count == 0)
-        fault(family.path, para.line, "\"para\" is empty: the family holds nothing");
+        file.fault(para.line, "\"para\" is empty: the family holds nothing");
     if (count > bv::kMaxParameters)
-        fault(family.path, para.line,
-              "%zu parameters are more than the %" PRIu32 " that the library takes: it takes none",
-              count, bv::kMaxParameters);
+        file.fault(para.line,
+                   "%zu parameters are more than the %" PRIu32
+                   " that the library takes: it takes none",
+                   count, bv::kMaxParameters);
 
-    Seen names(family.path, count);
+    Seen names(file, count);
     for (const Json &object : para) {
         Parameter parameter;
-        if (!Element(family.path, object).read(parameter, names) ||
-            family.count == bv::kMaxParameters)
+        if (!Element(file, object).read(parameter, names) || family.count == bv::kMaxParameters)
             continue;
         family.parameters[family.count++] = parameter;
         family.size += parameter.len;
@@ -204,44 +187,43 @@ bool read_para(const Json &para, Family &family)
 }
 
 // The names of the two functions are optional.
-void check_function(const char *path, const Json &root, const char *member)
+void check_function(const CheckedFile &file, const Json &root, const char *member)
 {
     const Json *value = root.member(member);
-    if (value != nullptr && tools::take_text(path, *value, member) != nullptr &&
-        value->length > tools::kMaxText)
-        fault(path, value->line, "%s: its %zu bytes are more than %zu", member, value->length,
-              tools::kMaxText);
+    if (value != nullptr && file.take_text(*value, member) != nullptr && value->length > kMaxText)
+        file.fault(value->line, "%s: its %zu bytes are more than %zu", member, value->length,
+                   kMaxText);
 }
 
 } // namespace
 
 bool tools::read_family(const char *path, Family &family)
 {
+    const CheckedFile file = {path};
     const char *slash = strrchr(path, '/');
-    family.path = path;
     family.name = slash == nullptr ? path : slash + 1;
     family.count = 0;
     family.size = 0;
-    check_family_name(family);
-    if (!read_json(path, family.document))
+    check_family_name(file, family.name);
+    if (!file.read(family.document))
         return false;
     const Json &root = *family.document.root();
     if (root.kind != Json::Kind::Object) {
-        fault(path, root.line, "a template is an object with \"para\"");
+        file.fault(root.line, "a template is an object with \"para\"");
         return false;
     }
-    check_names_once(path, root);
-    check_function(path, root, "getfunc");
-    check_function(path, root, "setfunc");
+    file.check_names_once(root);
+    check_function(file, root, "getfunc");
+    check_function(file, root, "setfunc");
     const Json *para = root.member("para");
     if (para != nullptr && para->kind == Json::Kind::Array)
-        return read_para(*para, family);
-    fault(path, para == nullptr ? root.line : para->line, "\"para\" is %s",
-          para == nullptr ? "missing" : "not an array");
+        return read_para(file, *para, family);
+    file.fault(para == nullptr ? root.line : para->line, "\"para\" is %s",
+               para == nullptr ? "missing" : "not an array");
     return false;
 }
 
-const tools::Parameter *tools::Family::find(const char *wanted) const
+const Parameter *Family::find(const char *wanted) const
 {
     for (size_t i = 0; i < count; ++i)
         if (strcmp(parameters[i].name, wanted) == 0)

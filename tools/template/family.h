@@ -14,8 +14,7 @@ struct Parameter {
 };
 
 struct Family {
-    const char *path; // the caller's
-    const char *name; // in path: the file's name, which is the family's
+    const char *name; // the file's name, in the caller's path
     JsonDocument document;
     Parameter parameters[bv::kMaxParameters]; // those that the library takes
     size_t count;

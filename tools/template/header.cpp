@@ -5,11 +5,11 @@
 
 #include "tools/template/header.h"
 
-#include "tools/template/identifier.h"
 #include "tools/template/values.h"
 
 #include <cctype>
 #include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -17,6 +17,105 @@ namespace {
 
 using tools::Family;
 using tools::Parameter;
+
+// ---- identifiers ----
+
+// Keywords of both languages, types that the header itself uses, and what compilers define as
+// macros without being asked. Blanks around each word.
+constexpr char kClaimed[] =
+    " EOF LANGUAGE_C MIPSEB MIPSEL NULL R3000 alignas alignof and and_eq asm assert auto "
+    "bitand bitor bool break case catch char char16_t char32_t char8_t class co_await "
+    "co_return co_yield compl concept const const_cast consteval constexpr constinit continue "
+    "decltype default delete do double dynamic_cast else enum errno explicit export extern "
+    "false float for friend goto i386 if inline int int16_t int32_t int8_t linux long mips "
+    "mutable namespace new noexcept not not_eq nullptr offsetof operator or or_eq private "
+    "protected public register reinterpret_cast requires restrict return short signed sizeof "
+    "static static_assert static_cast stderr stdin stdout struct switch template this "
+    "thread_local throw true try typedef typeid typename typeof typeof_unqual uint16_t "
+    "uint32_t uint8_t union unix unsigned using virtual void volatile wchar_t while xor "
+    "xor_eq ";
+
+// Whether a list holds the word that is the first `length` bytes of a text.
+bool is_listed(const char *list, const char *word, size_t length)
+{
+    for (const char *at = list; (at = strchr(at, ' ')) != nullptr; ++at)
+        if (strncmp(at + 1, word, length) == 0 && at[1 + length] == ' ')
+            return true;
+    return false;
+}
+
+// The limits that <stdint.h> defines, which the header includes: INT8_MAX, INT_FAST8_MIN, ...
+bool is_limit(const char *name)
+{
+    static constexpr char kTypes[][12] = {
+        "INT8_",       "INT16_",   "INT32_",  "INT64_",  "INT_",  "INTPTR_",  "INTMAX_",
+        "UINT8_",      "UINT16_",  "UINT32_", "UINT64_", "UINT_", "UINTPTR_", "UINTMAX_",
+        "SIG_ATOMIC_", "PTRDIFF_", "SIZE_",   "WCHAR_",  "WINT_"};
+    const char *end = strrchr(name, '_');
+    if (end == nullptr || !is_listed(" _MAX _MIN _WIDTH ", end, strlen(end)))
+        return false;
+    for (const char *type : kTypes)
+        if (strncmp(name, type, strlen(type)) == 0)
+            return true;
+    return false;
+}
+
+// ASCII only, whatever the locale.
+bool is_letter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+bool is_taken(char *const *identifiers, size_t count, const char *candidate)
+{
+    for (size_t i = 0; i < count; ++i)
+        if (strcmp(identifiers[i], candidate) == 0)
+            return true;
+    return false;
+}
+
+// Turns a name into an identifier that compiles wherever the header is included. Other characters
+// become '_', a leading digit or '_' gets a letter before it, and claimed words get a '_' after
+// them. The caller frees it; null when memory is short.
+char *make_identifier(const char *name, size_t length)
+{
+    auto *identifier = static_cast<char *>(malloc(length + 3)); // a letter, '_', terminator
+    if (identifier == nullptr)
+        return nullptr;
+    char *to = identifier;
+    if (length == 0 || !is_letter(name[0]))
+        *to++ = 'p';
+    for (size_t i = 0; i < length; ++i)
+        *to++ = is_letter(name[i]) || is_digit(name[i]) ? name[i] : '_';
+    *to = '\0';
+    if (is_listed(kClaimed, identifier, strlen(identifier)) || is_limit(identifier))
+        memcpy(to, "_", 2);
+    return identifier;
+}
+
+// Makes the last of `count` identifiers differ from the others by adding a number. The identifier
+// to use in its place; null when memory is short.
+char *distinguish_last(char *const *identifiers, size_t count)
+{
+    char *last = identifiers[count - 1];
+    if (!is_taken(identifiers, count - 1, last))
+        return last;
+    const size_t size = strlen(last) + 16;
+    auto *candidate = static_cast<char *>(malloc(size));
+    if (candidate == nullptr)
+        return nullptr;
+    unsigned number = 2;
+    do
+        snprintf(candidate, size, "%s_%u", last, number++);
+    while (is_taken(identifiers, count - 1, candidate));
+    free(last);
+    return candidate;
+}
 
 // A family's file name without ".json".
 size_t stem_length(const char *name)
@@ -60,11 +159,11 @@ public:
 private:
     bool add(const char *name, size_t length)
     {
-        char *identifier = tools::make_identifier(name, length);
+        char *identifier = make_identifier(name, length);
         if (identifier == nullptr)
             return false;
         identifiers_[count_++] = identifier;
-        identifier = tools::distinguish_last(identifiers_, count_);
+        identifier = distinguish_last(identifiers_, count_);
         if (identifier != nullptr)
             identifiers_[count_ - 1] = identifier;
         return identifier != nullptr;
@@ -86,6 +185,8 @@ private:
     char *identifiers_[kFirstMember + bv::kMaxParameters];
     size_t count_ = 0;
 };
+
+// ---- the text ----
 
 void write_top(FILE *to, const Family &family, const Names &names)
 {

@@ -3,7 +3,7 @@
 
 #include "tools/template/library.h"
 
-#include "tools/template/fault.h"
+#include "tools/template/checked_file.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -2,13 +2,14 @@
 
 #include "tools/common/command_line.h"
 #include "tools/common/file.h"
+#include "tools/template/checked_file.h"
 #include "tools/template/data.h"
 #include "tools/template/family.h"
-#include "tools/template/fault.h"
 #include "tools/template/header.h"
 #include "tools/template/library.h"
 
 #include <cerrno>
+#include <iterator>
 #include <sys/stat.h>
 
 namespace {
@@ -111,34 +112,15 @@ int header(const char *path)
     return result();
 }
 
-bool take_option(int option, const char *argument)
-{
-    switch (option) {
-    case 't':
-        g_options.templates = argument;
-        return true;
-    case 'n':
-        g_options.name = argument;
-        return true;
-    case 'o':
-        g_options.output = argument;
-        return true;
-    default:
-        return false;
-    }
-}
-
-constexpr option kOptions[] = {{"templates", required_argument, nullptr, 't'},
-                               {"name", required_argument, nullptr, 'n'},
-                               {"output", required_argument, nullptr, 'o'},
-                               {"help", no_argument, nullptr, 'h'},
-                               {}};
+constexpr Option kOptions[] = {{"templates", 't', &g_options.templates, nullptr},
+                               {"name", 'n', &g_options.name, nullptr},
+                               {"output", 'o', &g_options.output, nullptr}};
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const CommandLine line = {"bv-template", kUsage, kOptions, take_option, kExitTrouble};
+    const CommandLine line = {"bv-template", kUsage, kExitTrouble, kOptions, std::size(kOptions)};
     int status;
     if (!take_options(line, argc, argv, status))
         return status;

@@ -250,13 +250,13 @@ TEST(Collect, ListensOnPort5344UnlessToldOtherwise)
 TEST(Collect, PrintsHelpAndRefusesWhatItDoesNotUnderstand)
 {
     expect_help("bv-collect", 1);
-    std::vector<Words> wrong = {{"-p", ""}, {"-m", ""}, {"-l", "1 2"}};
+    for (const Words &line : {Words{"-p", ""}, Words{"-m", ""}, Words{"-l", "1 2"}})
+        expect_refused(line);
     for (const char *line :
          {"-p 65536", "-p 1x", "-p -1", "-a host", "-m 1,", "-m 4-2", "-m 1-", "-m 65536", "-l 256",
           "-c 0", "-c x", "--nonsense", "argument", "-w", "-r a -w b",
           "-m 1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1"})
-        wrong.push_back(words(line));
-    expect_refused(wrong);
+        expect_refused(words(line));
 }
 
 } // namespace

@@ -48,24 +48,14 @@ TEST(TemplateCheck, ReportsFaultsWithTheirLines)
 
 TEST(TemplateCheck, PassesBothEndsOfEveryType)
 {
-    const char *const rows[][3] = {{"string", "1", "\"\""},
-                                   {"string", "1023", "\"x\""},
-                                   {"string", "4", "\"abc\""},
-                                   {"char", "1", "\"-128\""},
-                                   {"char", "1", "127"},
-                                   {"uchar", "1", "255"},
-                                   {"short", "2", "-32768"},
-                                   {"short", "\"2\"", "32767"},
-                                   {"ushort", "2", "65535"},
-                                   {"int", "4", "-2147483648"},
-                                   {"int", "4", "\"+2147483647\""},
-                                   {"uint", "4", "4294967295"},
-                                   {"mac", "6", "\"2:0:0:0:A:f\""},
-                                   {"mac", "6", "\"02:00:00:00:00:01\""},
-                                   {"ip", "4", "\"255.255.255.255\""},
-                                   {"string", "9", "\"caf\\u00e9\""}};
-    for (const auto &row : rows)
-        EXPECT_EQ(faults_of(parameter(row[0], row[1], row[2])), "") << row[0] << " " << row[2];
+    for (const char *row :
+         {R"(string 1 "")", R"(string 1023 "x")", R"(string 4 "abc")", R"(string 9 "caf\u00e9")",
+          R"(char 1 "-128")", "char 1 127", "uchar 1 255", "short 2 -32768", R"(short "2" 32767)",
+          "ushort 2 65535", "int 4 -2147483648", R"(int 4 "+2147483647")", "uint 4 4294967295",
+          R"(mac 6 "2:0:0:0:A:f")", R"(mac 6 "02:00:00:00:00:01")", R"(ip 4 "255.255.255.255")"}) {
+        const Words parts = words(row);
+        EXPECT_EQ(faults_of(parameter(parts[0], parts[1], parts[2])), "") << row;
+    }
 }
 
 TEST(TemplateCheck, FindsValuesThatDoNotFit)
@@ -87,21 +77,20 @@ TEST(TemplateCheck, FindsValuesThatDoNotFit)
         EXPECT_EQ(faults_of(parameter(type, len, '"' + std::string(value) + '"')),
                   "2: value of \"x\": "s + why + "\n");
 
-    const char *const kinds[][4] = {{"uint", "4", "a number", "99999999999999999999"},
-                                    {"int", "4", "a number", ""},
-                                    {"int", "4", "a number", "-"},
-                                    {"int", "4", "a number", "12a"},
-                                    {"int", "4", "a number", "1.5"},
-                                    {"mac", "6", "a MAC address", "02:00:00:00:00"},
-                                    {"mac", "6", "a MAC address", "02:00:00:00:00:01 "},
-                                    {"mac", "6", "a MAC address", "002:0:0:0:0:1"},
-                                    {"mac", "6", "a MAC address", "02:00:00:00:00:0g"},
-                                    {"mac", "6", "a MAC address", "2::0:0:0:1"},
-                                    {"ip", "4", "an IPv4 address", "192.168.1"},
-                                    {"ip", "4", "an IPv4 address", "::1"}};
-    for (const auto &[type, len, kind, value] : kinds)
-        EXPECT_EQ(faults_of(parameter(type, len, '"' + std::string(value) + '"')),
-                  "2: value of \"x\": '"s + value + "' is not " + kind + "\n");
+    const struct {
+        const char *type, *len, *kind;
+        Words values;
+    } kinds[] = {{"int", "4", "a number", {"99999999999999999999", "", "-", "12a", "1.5"}},
+                 {"mac",
+                  "6",
+                  "a MAC address",
+                  {"02:00:00:00:00", "02:00:00:00:00:01 ", "002:0:0:0:0:1", "02:00:00:00:00:0g",
+                   "2::0:0:0:1"}},
+                 {"ip", "4", "an IPv4 address", {"192.168.1", "::1"}}};
+    for (const auto &row : kinds)
+        for (const std::string &value : row.values)
+            EXPECT_EQ(faults_of(parameter(row.type, row.len, '"' + value + '"')),
+                      "2: value of \"x\": '" + value + "' is not " + row.kind + "\n");
 }
 
 TEST(TemplateCheck, FindsLensThatDoNotFitTheType)
@@ -231,13 +220,9 @@ TEST(TemplateCheck, SaysWhichFileCannotBeRead)
 TEST(TemplateUsage, PrintsHelpAndRefusesTheRest)
 {
     expect_help("bv-template", 2);
-    expect_refused({{},
-                    {"check"},
-                    {"data"},
-                    {"header"},
-                    {"header", "a", "b"},
-                    {"nonsense", "a"},
-                    {"--nonsense"}});
+    for (const char *line :
+         {"", "check", "data", "header", "header a b", "nonsense a", "--nonsense"})
+        expect_refused(words(line));
 }
 
 } // namespace

@@ -46,16 +46,14 @@ inline bool contains(const std::string &text, const std::string &part)
     return text.find(part) != std::string::npos;
 }
 
-// Each command line is wrong usage, which the tool says before it does anything.
-inline void expect_refused(const std::vector<Words> &lines)
+// A command line is wrong usage, which the tool says before it does anything.
+inline void expect_refused(const Words &line)
 {
-    for (const Words &line : lines) {
-        const Outcome outcome = run_tool(line);
-        SCOPED_TRACE(testing::PrintToString(line));
-        EXPECT_EQ(outcome.status, 2);
-        EXPECT_EQ(outcome.output, "");
-        EXPECT_TRUE(contains(outcome.errors, "--help")) << outcome.errors;
-    }
+    const Outcome outcome = run_tool(line);
+    SCOPED_TRACE(testing::PrintToString(line));
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_TRUE(contains(outcome.errors, "--help")) << outcome.errors;
 }
 
 // --help goes to standard output; a full disk there is a failure with this status.

@@ -60,63 +60,6 @@ bool is_limit(const char *name)
     return false;
 }
 
-// ASCII only, whatever the locale.
-bool is_letter(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
-bool is_taken(char *const *identifiers, size_t count, const char *candidate)
-{
-    for (size_t i = 0; i < count; ++i)
-        if (strcmp(identifiers[i], candidate) == 0)
-            return true;
-    return false;
-}
-
-// Turns a name into an identifier that compiles wherever the header is included. Other characters
-// become '_', a leading digit or '_' gets a letter before it, and claimed words get a '_' after
-// them. The caller frees it; null when memory is short.
-char *make_identifier(const char *name, size_t length)
-{
-    auto *identifier = static_cast<char *>(malloc(length + 3)); // a letter, '_', terminator
-    if (identifier == nullptr)
-        return nullptr;
-    char *to = identifier;
-    if (length == 0 || !is_letter(name[0]))
-        *to++ = 'p';
-    for (size_t i = 0; i < length; ++i)
-        *to++ = is_letter(name[i]) || is_digit(name[i]) ? name[i] : '_';
-    *to = '\0';
-    if (is_listed(kClaimed, identifier, strlen(identifier)) || is_limit(identifier))
-        memcpy(to, "_", 2);
-    return identifier;
-}
-
-// Makes the last of `count` identifiers differ from the others by adding a number. The identifier
-// to use in its place; null when memory is short.
-char *distinguish_last(char *const *identifiers, size_t count)
-{
-    char *last = identifiers[count - 1];
-    if (!is_taken(identifiers, count - 1, last))
-        return last;
-    const size_t size = strlen(last) + 16;
-    auto *candidate = static_cast<char *>(malloc(size));
-    if (candidate == nullptr)
-        return nullptr;
-    unsigned number = 2;
-    do
-        snprintf(candidate, size, "%s_%u", last, number++);
-    while (is_taken(identifiers, count - 1, candidate));
-    free(last);
-    return candidate;
-}
-
 // A family's file name without ".json".
 size_t stem_length(const char *name)
 {
@@ -157,16 +100,34 @@ public:
     }
 
 private:
+    // Turns a name into an identifier that compiles wherever the header is included. Other
+    // characters become '_', a leading digit or '_' gets a letter before it, and claimed words get
+    // a '_' after them. A number makes it differ from the others.
     bool add(const char *name, size_t length)
     {
-        char *identifier = make_identifier(name, length);
+        auto *identifier = static_cast<char *>(malloc(length + 16));
         if (identifier == nullptr)
             return false;
+        char *to = identifier;
+        if (length == 0 || isalpha(static_cast<unsigned char>(name[0])) == 0)
+            *to++ = 'p';
+        for (size_t i = 0; i < length; ++i)
+            *to++ = isalnum(static_cast<unsigned char>(name[i])) != 0 ? name[i] : '_';
+        *to = '\0';
+        if (is_listed(kClaimed, identifier, strlen(identifier)) || is_limit(identifier))
+            memcpy(to++, "_", 2);
+        for (unsigned number = 2; is_taken(identifier); ++number)
+            snprintf(to, 12, "_%u", number);
         identifiers_[count_++] = identifier;
-        identifier = distinguish_last(identifiers_, count_);
-        if (identifier != nullptr)
-            identifiers_[count_ - 1] = identifier;
-        return identifier != nullptr;
+        return true;
+    }
+
+    bool is_taken(const char *candidate) const
+    {
+        for (size_t i = 0; i < count_; ++i)
+            if (strcmp(identifiers_[i], candidate) == 0)
+                return true;
+        return false;
     }
 
     // A macro's name: the structure's in capitals, with something before and after it.

@@ -1,4 +1,4 @@
-// The scanner behind bv-template, on good texts and on garbage.
+// The JSON reader of bv-template, on good texts and on garbage.
 
 #include "tools/template/json.h"
 
@@ -14,7 +14,7 @@ namespace {
 using tools::Json;
 using Kind = Json::Kind;
 
-// A document in memory that ends where the text ends, so that the sanitizer sees a step beyond.
+// A document in memory that ends where the text ends, so that the sanitizer sees a step past it.
 struct Parsed {
     explicit Parsed(const std::string &text)
     {

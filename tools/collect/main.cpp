@@ -38,7 +38,7 @@ constexpr char kUsage[] =
     "arrives;\n"
     "                         - is the standard output, which then has no lines\n"
     "  -r, --read=FILE        read a capture file instead; - is the standard input\n"
-    "  -c, --count=COUNT      end after as many datagrams\n"
+    "  -c, --count=COUNT      end after this many datagrams\n"
     "  -h, --help             print this\n"
     "\n"
     "SIGINT and SIGTERM end it. Exit status: 0 ended as asked, 1 a socket or file failed,\n"

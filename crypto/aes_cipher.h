@@ -1,4 +1,4 @@
-// AES-128-CBC by libcrypto, set up once.
+// AES-128-CBC with libcrypto.
 #ifndef BV_CRYPTO_AES_CIPHER_H
 #define BV_CRYPTO_AES_CIPHER_H
 
@@ -11,15 +11,15 @@ namespace bv {
 constexpr size_t kAesBlockSize = 16;
 constexpr size_t kAesKeySize = 16;
 
-// Owns a cipher context that starts from an all-zero initialisation vector. valid() is false when
-// libcrypto could not give one; nothing else may be called then.
+// Owns a cipher context that starts from a zero initialisation vector. valid() is false when
+// libcrypto could not make one; then nothing else may be called.
 class AesCipher {
 public:
     enum Direction { kDecrypt = 0, kEncrypt = 1 };
 
     AesCipher(const uint8_t *key, Direction direction) : ctx_(EVP_CIPHER_CTX_new())
     {
-        // Passed explicitly: a null vector means "as it was", which is not zero everywhere.
+        // Passed explicitly: a null vector means "unchanged", which is not zero in every libcrypto.
         static constexpr uint8_t kZero[kAesBlockSize] = {};
         valid_ = ctx_ != nullptr &&
                  EVP_CipherInit_ex(ctx_, EVP_aes_128_cbc(), nullptr, key, kZero, direction) == 1;
@@ -30,10 +30,10 @@ public:
 
     bool valid() const { return valid_; }
 
-    // Whole blocks stand for themselves from here on: nothing is padded or held back.
+    // From here on every whole block comes out at once: nothing is padded or held back.
     void disable_padding() { EVP_CIPHER_CTX_set_padding(ctx_, 0); }
 
-    // Results are the bytes produced; 0 after a failure.
+    // Both return the bytes produced, 0 after a failure.
     size_t update(uint8_t *out, const uint8_t *in, size_t length)
     {
         int produced = 0;

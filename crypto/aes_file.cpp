@@ -1,23 +1,26 @@
 // AES-128-CBC of files.
 //
 // An encrypted file is a row of independent messages: 32 bytes of plaintext padded to 48 of
-// ciphertext, each from a zero vector, the last one shorter. Done one by one that is a cipher
-// set-up and two system calls for 32 bytes. Here one context runs through the whole file in one
-// unbroken chain, and many messages go with each system call.
+// ciphertext, each from a zero vector, the last one shorter. One by one, that would take a cipher
+// set-up and two system calls for every 32 bytes. Here one context runs through the whole file in
+// one chain, and each system call moves many messages.
 //
-// In a chain the cipher mixes (XOR) the ciphertext block before into every plaintext block, where
-// the first block of a message wants the zero vector, that is nothing, mixed in. So at each start
-// of a message we mix the last ciphertext block of the message before into the plaintext ourselves,
-// and mixing it in twice takes it out: ahead of the cipher when encrypting, E((P ^ C) ^ C) = E(P),
-// and behind it when decrypting, (D(X) ^ C) ^ C = D(X).
+// In a chain the cipher mixes (XOR) the previous ciphertext block C into every plaintext block P.
+// The first block of a message needs the zero vector instead, which means nothing mixed in. So at
+// the start of each message we mix C in ourselves, and mixing it in twice removes it: before the
+// cipher when encrypting, E((P ^ C) ^ C) = E(P), and after it when decrypting, (D(X) ^ C) ^ C =
+// D(X).
 
 #include <bv/aes.h>
-#include <bv/os.h>
 
 #include "crypto/aes_cipher.h"
 #include "crypto/wipe.h"
 #include "os/descriptor.h"
+#include "os/owned.h"
 
+#include <bv/os.h>
+
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -30,15 +33,15 @@ using bv::kAesBlockSize;
 constexpr size_t kPlainChunk = 32;
 constexpr size_t kCipherChunk = 48;
 
-// Messages a system call. Both buffers are on the stack, 10 KiB for encrypting and 12 KiB for
-// decrypting, so that a gateway short of memory still does it.
+// Messages for each system call. Both buffers are on the stack, 10 KiB for encrypting and 12 KiB
+// for decrypting, so that it works when memory is short.
 constexpr size_t kBatch = 128;
 constexpr size_t kPlainBatch = kBatch * kPlainChunk;
 constexpr size_t kCipherBatch = kBatch * kCipherChunk;
 
 void mix_block(uint8_t *block, const uint8_t *with)
 {
-    for (size_t i = 0; i < kAesBlockSize; i++)
+    for (size_t i = 0; i < kAesBlockSize; ++i)
         block[i] = static_cast<uint8_t>(block[i] ^ with[i]);
 }
 
@@ -46,7 +49,8 @@ void mix_block(uint8_t *block, const uint8_t *with)
 class ChainEnd {
 public:
     const uint8_t *block() const { return block_; }
-    // Any run of whole ciphertext blocks.
+
+    // Takes any run of whole ciphertext blocks.
     void move_to_end_of(const uint8_t *cipher, size_t length)
     {
         bv_os_memcpy(block_, sizeof(block_), cipher + length - kAesBlockSize, kAesBlockSize);
@@ -56,12 +60,7 @@ private:
     uint8_t block_[kAesBlockSize] = {};
 };
 
-size_t smaller(size_t a, size_t b)
-{
-    return a < b ? a : b;
-}
-
-// Encrypts a batch of messages a call; only the last call's batch may end in a short one.
+// Encrypts a batch of messages with each call; only the last batch may end in a short message.
 class FileEncryptor {
 public:
     static constexpr AesCipher::Direction kDirection = AesCipher::kEncrypt;
@@ -75,7 +74,7 @@ public:
     {
         size_t written = 0;
         for (size_t at = 0; at < length; at += kPlainChunk)
-            written += encrypt(in + at, smaller(length - at, kPlainChunk), out + written);
+            written += encrypt(in + at, std::min(length - at, kPlainChunk), out + written);
         return written;
     }
 
@@ -99,21 +98,20 @@ private:
     uint8_t padded_[kCipherChunk];
 };
 
-// Bytes of a decrypted message without its padding; a wrong padding costs the whole last block.
+// Bytes of a decrypted message without its padding. With a wrong padding the last block is dropped.
 size_t unpadded_length(const uint8_t *plain, size_t length)
 {
     const size_t padding = plain[length - 1];
     if (padding < 1 || padding > kAesBlockSize)
         return length - kAesBlockSize;
-    for (size_t i = 2; i <= padding; i++) {
+    for (size_t i = 2; i <= padding; ++i)
         if (plain[length - i] != padding)
             return length - kAesBlockSize;
-    }
     return length - padding;
 }
 
-// Decrypts a batch of messages a call, the same way. Decrypting a block does not wait for the one
-// before, so the whole batch is one call of the cipher.
+// Decrypts a batch of messages with each call. Decrypting a block does not wait for the previous
+// one, so the cipher is called once for the whole batch.
 class FileDecryptor {
 public:
     static constexpr AesCipher::Direction kDirection = AesCipher::kDecrypt;
@@ -132,7 +130,7 @@ public:
         for (size_t at = 0; at < whole; at += kCipherChunk) {
             mix_block(out + at, chain_.block());
             const size_t left = length - at;
-            const size_t count = message_length(out + at, smaller(left, kCipherChunk));
+            const size_t count = message_length(out + at, std::min(left, kCipherChunk));
             bv_os_memmove(out + written, static_cast<uint32_t>(kOutSize - written), out + at,
                           static_cast<uint32_t>(count));
             written += count;
@@ -143,7 +141,7 @@ public:
     }
 
 private:
-    // A message cut within a block has lost its padding: what there is of whole blocks counts.
+    // A message that is cut within a block has lost its padding: only its whole blocks count.
     static size_t message_length(const uint8_t *plain, size_t length)
     {
         const size_t cut = length % kAesBlockSize;
@@ -154,8 +152,8 @@ private:
     ChainEnd chain_;
 };
 
-// Reads until the batch is full, the file ends or a read fails: all batches but the last must be
-// full, and a read may give less than it was asked for in the middle of a file.
+// Reads until the batch is full, the file ends or a read fails. All batches but the last must be
+// full, and a read may return less than it was asked for in the middle of a file.
 size_t read_batch(int fd, uint8_t *data, size_t wanted)
 {
     size_t length = 0;
@@ -168,7 +166,7 @@ size_t read_batch(int fd, uint8_t *data, size_t wanted)
     return length;
 }
 
-// False when nothing more goes into the file.
+// False when the file takes no more.
 bool write_all(int fd, const uint8_t *data, size_t length)
 {
     while (length > 0) {
@@ -193,8 +191,7 @@ void transform(int in, int out, Worker &worker)
     uint8_t from[Worker::kInSize];
     uint8_t to[Worker::kOutSize];
     while (left > 0) {
-        const size_t wanted =
-            left < static_cast<off_t>(sizeof(from)) ? static_cast<size_t>(left) : sizeof(from);
+        const auto wanted = static_cast<size_t>(std::min<off_t>(left, sizeof(from)));
         const size_t length = read_batch(in, from, wanted);
         left = length == wanted ? left - static_cast<off_t>(length) : 0;
         if (!write_all(out, to, worker.run(from, length, to)))
@@ -210,18 +207,14 @@ int32_t transform_file(const char *in_path, const char *out_path, const uint8_t 
     if (in_path == nullptr || out_path == nullptr || key == nullptr)
         return BV_OK;
 
-    const int in = bv::close_on_exec(bv_os_open(in_path, O_RDONLY | O_SYNC, 0666));
-    const int out = bv::close_on_exec(bv_os_open(out_path, O_RDWR | O_CREAT, 0666));
+    const bv::Descriptor in(bv::close_on_exec(bv_os_open(in_path, O_RDONLY | O_SYNC, 0666)));
+    const bv::Descriptor out(bv::close_on_exec(bv_os_open(out_path, O_RDWR | O_CREAT, 0666)));
     AesCipher cipher(key, Worker::kDirection);
     if (cipher.valid()) {
         cipher.disable_padding();
         Worker worker(cipher);
-        transform(in, out, worker);
+        transform(in.get(), out.get(), worker);
     }
-    if (in != -1)
-        bv_os_close(in);
-    if (out != -1)
-        bv_os_close(out);
     return BV_OK;
 }
 

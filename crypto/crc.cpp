@@ -1,5 +1,5 @@
-// CRC-32 and CRC-16. The tables are computed by the compiler and lie in read-only data, shared by
-// all processes that load the library.
+// CRC-32 and CRC-16. The compiler makes the tables. They are read-only data, which all processes
+// that load the library share.
 
 #include <bv/os.h>
 
@@ -21,7 +21,7 @@ uint32_t bv_os_crc32(uint32_t crc, const uint8_t *buf, uint32_t len)
 
 uint16_t bv_os_crc16(uint16_t crc, const uint8_t *buf, uint32_t len)
 {
-    // As an address: pointers past the end of their object may not be formed, let alone compared.
+    // As an integer: a pointer beyond the end of its object may not even be formed.
     const auto address = reinterpret_cast<uintptr_t>(buf);
     if (buf == nullptr || address + len < address)
         return crc;

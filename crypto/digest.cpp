@@ -1,11 +1,13 @@
-// Digests as hexadecimal text: SHA-256 by our own code, SM3 by libcrypto.
+// Digests as hexadecimal text: SHA-256 with our own code, SM3 with libcrypto.
 
 #include <bv/os.h>
 
 #include "crypto/sha256_block.h"
 #include "crypto/wipe.h"
+#include "os/alloc.h"
 #include "os/bytes.h"
 #include "os/descriptor.h"
+#include "os/owned.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -16,23 +18,20 @@ namespace {
 constexpr size_t kDigestSize = 32; // of both
 constexpr uint32_t kPieceSize = 65536;
 
-// More than libcrypto's own functions take of the stack to finish a digest: theirs keep it in
+// More than libcrypto's functions use of the stack to finish a digest, which they hold there as
 // words.
 constexpr size_t kLibcryptoDepth = 1024;
 
-// Straight into the caller's buffer: what prints or converts elsewhere would leave the text on the
+// Straight into the caller's buffer: printing or converting elsewhere would leave the text on the
 // stack, and a password's digest may be as good as the password.
 void put_digits(char *out, const uint8_t (&digest)[kDigestSize])
 {
-    static const char kDigits[] = "0123456789abcdef";
-    for (uint8_t byte : digest) {
-        *out++ = kDigits[byte >> 4];
-        *out++ = kDigits[byte & 15];
-    }
+    for (size_t i = 0; i < kDigestSize; ++i)
+        bv::put_hex(out + 2 * i, digest[i]);
 }
 
-// One SM3 digest under way. A libcrypto that was built without SM3, or that has no memory for it,
-// makes it invalid; what is fed to it then is ignored.
+// An SM3 digest. It is invalid when libcrypto was built without SM3 or has no memory for it, and
+// then ignores its input.
 class Sm3 {
 public:
     Sm3() : ctx_(EVP_MD_CTX_new())
@@ -50,8 +49,8 @@ public:
         valid_ = valid_ && EVP_DigestUpdate(ctx_, data, length) == 1;
     }
 
-    // 64 digits and no terminator: callers bring a zeroed buffer of 65 bytes. BV_ERR_MEMORY
-    // leaves out as it was.
+    // 64 digits and no terminator: callers pass a zeroed buffer of 65 bytes. BV_ERR_MEMORY leaves
+    // out unchanged.
     uint32_t finish(char *out)
     {
         uint8_t digest[kDigestSize];
@@ -68,8 +67,8 @@ private:
     bool valid_;
 };
 
-// Reads on rather than seeking: the offsets of bv_os_lseek() end at 2 GiB. A read error, such as
-// that of a directory, ends the file like its end does.
+// Only reads, never seeks: the offsets of bv_os_lseek() end at 2 GiB. A read error, such as that of
+// a directory, counts as the end of the file.
 uint32_t sm3_descriptor(int fd, uint8_t *piece, char *out)
 {
     Sm3 sm3;
@@ -96,19 +95,19 @@ void bv_os_sha256(char *out, const char *text)
     uint8_t tail[2 * bv::kSha256BlockSize] = {};
     bv_os_memcpy(tail, sizeof(tail), text + length - rest, static_cast<uint32_t>(rest));
     tail[rest] = 0x80;
-    // Only the low word of the length in bits: a text of 2^29 bytes or more has another digest
-    // here than elsewhere, and the services compare these with each other.
+    // Only the low word of the length in bits: a text of 2^29 bytes or more has another digest here
+    // than elsewhere, and services compare such digests with each other.
     bv::put_be32(tail + tail_blocks * bv::kSha256BlockSize - 4, static_cast<uint32_t>(length) << 3);
 
     uint32_t h[8];
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i)
         h[i] = bv::kSha256Initial[i];
     bv::sha256_blocks(h, reinterpret_cast<const uint8_t *>(text), whole);
     bv::sha256_blocks(h, tail, tail_blocks);
     bv::wipe(tail);
 
     uint8_t digest[kDigestSize];
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i)
         bv::put_be32(digest + 4 * i, h[i]);
     put_digits(out, digest);
     out[2 * kDigestSize] = '\0';
@@ -131,15 +130,9 @@ uint32_t bv_os_sm3_file(const char *path, char *out)
     if (path == nullptr || out == nullptr || bv_os_access(path, F_OK) != 0)
         return BV_ERR_NO_FILE;
 
-    const int fd = bv::close_on_exec(bv_os_open(path, O_RDONLY, 0666));
-    if (fd == -1)
+    const bv::Descriptor fd(bv::close_on_exec(bv_os_open(path, O_RDONLY, 0666)));
+    if (!fd)
         return BV_ERR_OPEN;
-
-    uint32_t status = BV_ERR_MEMORY;
-    auto *piece = static_cast<uint8_t *>(bv_os_malloc(kPieceSize));
-    if (piece != nullptr)
-        status = sm3_descriptor(fd, piece, out);
-    bv_os_free(piece);
-    bv_os_close(fd);
-    return status;
+    const bv::Block<uint8_t> piece(bv::allocate<uint8_t>(kPieceSize));
+    return piece ? sm3_descriptor(fd.get(), piece.get(), out) : BV_ERR_MEMORY;
 }

@@ -2,6 +2,8 @@
 
 #include <bv/os.h>
 
+#include "os/bytes.h"
+
 #include <openssl/rand.h>
 
 namespace {
@@ -9,14 +11,13 @@ namespace {
 constexpr int32_t kMaxDigits = 256;
 
 // Turns the bytes at the front of buf into count digits, the high one of each byte first. In place
-// and from the end, so that no copy of what may become a password stays anywhere: each byte is read
-// for the last time just before its place is taken.
+// and from the end, so that no copy of a possible password stays anywhere: each byte is read for
+// the last time just before it is overwritten.
 void expand_to_digits(uint8_t *buf, int32_t count)
 {
-    static const char kDigits[] = "0123456789abcdef";
-    for (int32_t i = count - 1; i >= 0; i--) {
+    for (int32_t i = count - 1; i >= 0; --i) {
         const uint8_t byte = buf[i / 2];
-        buf[i] = static_cast<uint8_t>(kDigits[i % 2 == 0 ? byte >> 4 : byte & 15]);
+        buf[i] = static_cast<uint8_t>(bv::kHexDigits[i % 2 == 0 ? byte >> 4 : byte & 15]);
     }
 }
 
@@ -26,7 +27,7 @@ uint32_t bv_os_random(uint8_t *buf, int32_t num)
 {
     if (num > kMaxDigits)
         return BV_ERR_TOO_LONG;
-    // A negative number is refused here because the generator of OpenSSL 1.1 crashes on it.
+    // A negative number is refused here: the generator of OpenSSL 1.1 crashes on it.
     if (num < 0 || (buf == nullptr && num != 0))
         return 0;
 

@@ -2,16 +2,17 @@
 
 #include <bv/sha2.h>
 
-#include <bv/os.h>
-
 #include "crypto/sha256_block.h"
 #include "crypto/wipe.h"
 #include "os/bytes.h"
 
+#include <bv/os.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
-// Contexts lie in the services' own records: their layout is fixed on every machine.
+// Services have contexts in their own records, so the layout is fixed on every machine.
 static_assert(sizeof(sha2_context) == 236);
 static_assert(offsetof(sha2_context, state) == 8 && offsetof(sha2_context, buffer) == 40);
 static_assert(offsetof(sha2_context, ipad) == 104 && offsetof(sha2_context, opad) == 168);
@@ -32,11 +33,11 @@ void compress_buffer(sha2_context *ctx)
     bv::sha256_blocks(ctx->state, ctx->buffer, 1);
 }
 
-// Takes as much of the input as the partial block has room for; returns how much that was.
+// Adds to the partial block as much of the input as fits; returns how much that was.
 uint32_t fill_buffer(sha2_context *ctx, uint32_t used, const uint8_t *input, uint32_t ilen)
 {
     const uint32_t room = kBlock - used;
-    const uint32_t count = ilen < room ? ilen : room;
+    const uint32_t count = std::min(ilen, room);
 
     bv_os_memcpy(ctx->buffer + used, room, input, count);
     if (count == room)
@@ -48,7 +49,7 @@ void count_bytes(sha2_context *ctx, uint32_t ilen)
 {
     ctx->total[0] += ilen;
     if (ctx->total[0] < ilen)
-        ctx->total[1]++;
+        ++ctx->total[1];
 }
 
 } // namespace
@@ -60,7 +61,7 @@ void sha2_starts(sha2_context *ctx, int32_t is224)
     ctx->total[0] = 0;
     ctx->total[1] = 0;
     const auto &initial = is224 != 0 ? bv::kSha224Initial : bv::kSha256Initial;
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i)
         ctx->state[i] = initial[i];
     ctx->is224 = is224;
 }
@@ -106,7 +107,7 @@ void sha2_finish(sha2_context *ctx, uint8_t *output)
     bv::put_be32(ctx->buffer + kLengthAt + 4, bits_low);
     compress_buffer(ctx);
 
-    for (uint32_t i = 0; i < digest_size(ctx->is224) / 4; i++)
+    for (uint32_t i = 0; i < digest_size(ctx->is224) / 4; ++i)
         bv::put_be32(output + 4 * i, ctx->state[i]);
 }
 
@@ -137,7 +138,7 @@ void sha2_hmac_starts(sha2_context *ctx, const uint8_t *key, uint32_t keylen, in
 
     memset(ctx->ipad, 0x36, sizeof(ctx->ipad));
     memset(ctx->opad, 0x5c, sizeof(ctx->opad));
-    for (uint32_t i = 0; i < keylen; i++) {
+    for (uint32_t i = 0; i < keylen; ++i) {
         ctx->ipad[i] ^= key[i];
         ctx->opad[i] ^= key[i];
     }

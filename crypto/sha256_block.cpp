@@ -1,10 +1,10 @@
 // SHA-256 compression (FIPS 180-4, 6.2.2), unrolled by templates: one round and one step of the
-// message schedule are written out, the compiler makes the 64 of them.
+// message schedule are written here, and the compiler makes 64 of them.
 //
-// Two things keep it fast on a machine with few registers and no vector unit, as on the gateway.
-// The working variables never move: round t simply starts one place further back in the array of
-// eight, an index known at compile time, so every variable lives in a register. And only the last
-// sixteen schedule words are kept, each computed in the round that needs it.
+// Two things make it fast on a machine with few registers and no vector unit, such as the gateway.
+// The working variables never move: round t starts one place further back in the array of eight, an
+// index known at compile time, so every variable is in a register. And only the last sixteen
+// schedule words are stored, each computed in the round that needs it.
 
 #include "crypto/sha256_block.h"
 
@@ -17,7 +17,7 @@
 
 namespace {
 
-// Round constants, 4.2.2.
+// Round constants, FIPS 180-4, 4.2.2.
 constexpr uint32_t kRound[64] = {
     0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
     0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
@@ -34,14 +34,14 @@ BV_INLINE uint32_t rotr(uint32_t x)
     return x >> N | x << (32 - N);
 }
 
-// The functions of 4.1.2. The rotations are nested, ROTR(a) ^ ROTR(b) being ROTR a of
-// x ^ ROTR(b - a), which saves a copy of x each on a two-operand machine.
+// The functions of FIPS 180-4, 4.1.2. The rotations are nested: ROTR a (x) ^ ROTR b (x) is
+// ROTR a (x ^ ROTR b - a (x)), which saves a copy of x on a two-operand machine.
 BV_INLINE uint32_t choose(uint32_t x, uint32_t y, uint32_t z)
 {
     return z ^ (x & (y ^ z));
 }
 
-// x ^ y is the next round's y ^ z, which the compiler sees.
+// x ^ y is y ^ z of the next round; the compiler computes it once.
 BV_INLINE uint32_t majority(uint32_t x, uint32_t y, uint32_t z)
 {
     return y ^ ((x ^ y) & (y ^ z));
@@ -78,7 +78,7 @@ BV_INLINE uint32_t schedule(uint32_t *w, const uint8_t *block)
                small_sigma1(w[(T - 2) % 16]) + w[(T - 7) % 16] + small_sigma0(w[(T - 15) % 16]);
 }
 
-// One round. v[(I - T) modulo 8] is the I-th of the working variables a to h.
+// One round. Working variable I, counted from a, is v[(I - T) modulo 8].
 template <unsigned T>
 BV_INLINE void round(uint32_t *v, uint32_t *w, const uint8_t *block)
 {
@@ -103,7 +103,7 @@ __attribute__((noinline)) void compress(uint32_t *state, const uint8_t *data, si
 {
     uint32_t w[16];
 
-    for (; count > 0; count--, data += bv::kSha256BlockSize) {
+    for (; count > 0; --count, data += bv::kSha256BlockSize) {
         uint32_t v[8] = {state[0], state[1], state[2], state[3],
                          state[4], state[5], state[6], state[7]};
         all_rounds(v, w, data, std::make_integer_sequence<unsigned, 64>());

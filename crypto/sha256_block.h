@@ -17,8 +17,8 @@ constexpr uint32_t kSha256Initial[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa5
 constexpr uint32_t kSha224Initial[8] = {0xc1059ed8, 0x367cd507, 0x3070dd17, 0xf70e5939,
                                         0xffc00b31, 0x68581511, 0x64f98fa7, 0xbefa4fa4};
 
-// Feeds `count` whole blocks to the hash value. What that leaves on the stack is wiped: for HMAC
-// the message words are the key.
+// Adds `count` whole blocks to the hash value. Its copies on the stack are wiped: the message words
+// of an HMAC are the key.
 void sha256_blocks(uint32_t (&state)[8], const uint8_t *data, size_t count);
 
 } // namespace bv

@@ -1,7 +1,7 @@
 // Clearing secrets.
 //
-// A plain memset of an object that nobody reads again is a dead store, which the compiler removes;
-// keys and intermediate digests would then stay on the stack for whatever reads it next.
+// The compiler removes a plain memset of an object that is not read again. Keys and intermediate
+// digests would then stay on the stack for whatever reads it next.
 #ifndef BV_CRYPTO_WIPE_H
 #define BV_CRYPTO_WIPE_H
 
@@ -11,7 +11,7 @@
 namespace bv {
 
 // In pieces that compilers clear with a few plain stores: one memset() of the whole often becomes a
-// string instruction, which takes longer to start than clearing a hash context takes.
+// string instruction, which is slower to start than a hash context takes to clear.
 inline void wipe(void *object, size_t size)
 {
     constexpr size_t kPiece = 64;
@@ -31,8 +31,8 @@ inline void wipe(T &object)
     wipe(&object, sizeof(object));
 }
 
-// Clears what functions called before by the same caller left on the stack: values that the
-// compiler put there for want of registers, which no wipe() of an object reaches.
+// Clears what earlier calls of the same caller left on the stack: values for which the compiler had
+// no register, which no wipe() of an object reaches.
 template <size_t Size>
 __attribute__((noinline)) void wipe_stack()
 {

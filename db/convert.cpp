@@ -24,7 +24,7 @@ constexpr uint32_t kIpSize = 4;
 uint8_t *low_bytes(uint32_t &number, uint32_t size)
 {
     constexpr bool kLittleEndian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
-    return reinterpret_cast<uint8_t *>(&number) + (kLittleEndian ? 0 : sizeof number - size);
+    return reinterpret_cast<uint8_t *>(&number) + (kLittleEndian ? 0 : sizeof(number) - size);
 }
 
 // Calls visit(parameter, position in the image) for each descriptor up to the first invalid one.
@@ -117,7 +117,7 @@ void put_unsigned(char *value, uint32_t number)
 
 void put_signed(char *value, int32_t number)
 {
-    auto bits = static_cast<uint32_t>(number);
+    const auto bits = static_cast<uint32_t>(number);
     put_decimal(value, number < 0 ? 0 - bits : bits, number < 0);
 }
 

@@ -66,7 +66,7 @@ public:
     }
     explicit Parameters(const bv_db_family &family) : Parameters(family.para, family.para_count) {}
     Iterator begin() const { return Iterator(first_, last_); }
-    End end() const { return End(); }
+    static End end() { return End(); }
 
 private:
     bv_db_para *first_;

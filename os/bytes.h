@@ -1,5 +1,5 @@
-// Integers as bytes. Wire formats are big-endian and written byte by byte, so neither the machine's
-// order nor a field's alignment matters.
+// Integers as bytes, and bytes as digits. Wire formats are big-endian and written byte by byte, so
+// neither the machine's order nor a field's alignment matters.
 #ifndef BV_OS_BYTES_H
 #define BV_OS_BYTES_H
 
@@ -27,6 +27,14 @@ inline uint16_t get_be16(const uint8_t *from)
 inline uint32_t get_be32(const uint8_t *from)
 {
     return static_cast<uint32_t>(get_be16(from)) << 16 | get_be16(from + 2);
+}
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+inline void put_hex(char *to, uint8_t byte)
+{
+    to[0] = kHexDigits[byte >> 4];
+    to[1] = kHexDigits[byte & 15];
 }
 
 } // namespace bv

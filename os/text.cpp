@@ -2,6 +2,8 @@
 
 #include <bv/os.h>
 
+#include "os/bytes.h"
+
 #include <algorithm>
 #include <cstring>
 #include <regex.h>
@@ -62,17 +64,14 @@ char *bv_os_trim(char *text)
 // always come out as the digits of its last bytes.
 int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint32_t outsize)
 {
-    static const char kDigits[] = "0123456789abcdef";
     char text[kHexBufferSize] = {};
 
     const uint32_t count = data == nullptr ? 0 : length % kHexRestart;
     const auto *bytes = static_cast<const uint8_t *>(data);
     if (count > 0)
         bytes += length - count;
-    for (uint32_t i = 0; i < count; ++i) {
-        text[2 * i] = kDigits[bytes[i] >> 4];
-        text[2 * i + 1] = kDigits[bytes[i] & 15];
-    }
+    for (uint32_t i = 0; i < count; ++i)
+        bv::put_hex(text + 2 * i, bytes[i]);
 
     bv_os_memcpy(out, outsize, text, std::min(outsize, kHexBufferSize));
     return BV_OK;

@@ -1,7 +1,6 @@
 /**
  * @file base.h
- * What every other header of the library needs: the export mark, the format check and the list
- * link that several public records hold.
+ * What every other header needs: the export mark, the format check and the list link.
  */
 #ifndef BV_BASE_H
 #define BV_BASE_H
@@ -9,7 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/** Marks a name of the interface: visible in the shared object, everything else is hidden. */
+/** Marks a name of the interface. All other names are hidden in the shared object. */
 #if defined(__GNUC__)
 #define BV_API __attribute__((visibility("default")))
 #else
@@ -20,7 +19,7 @@
  * Lets the compiler check a printf-style format against its arguments.
  *
  * @param format_index   position of the format among the parameters, counted from 1
- * @param first_argument position of the first argument behind it (the "...")
+ * @param first_argument position of the first argument after it (the "...")
  */
 #if defined(__GNUC__)
 #define BV_PRINTF(format_index, first_argument)                                                    \
@@ -34,12 +33,12 @@ extern "C" {
 #endif
 
 /**
- * The link of a circular doubly linked list, embedded in the records that it joins. A list is a
- * head of the same type; the head of an empty list points to itself both ways.
+ * The link of a circular doubly linked list, embedded in each of its records. The list's head has
+ * the same type; the head of an empty list points to itself both ways.
  */
 typedef struct bv_list_head {
-    struct bv_list_head *next; /**< the element behind this one; the head when this is the last */
-    struct bv_list_head *prev; /**< the element before this one; the head when this is the first */
+    struct bv_list_head *next; /**< the element after this one; the head after the last */
+    struct bv_list_head *prev; /**< the element before this one; the head before the first */
 } bv_list_head;
 
 #ifdef __cplusplus

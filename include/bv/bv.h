@@ -1,6 +1,10 @@
 /**
  * @file bv.h
  * Every header of the library, and its version.
+ *
+ * A service calls bv_libraries_init() (debug.h) once at its start, before anything else here. It
+ * starts the debug channel, the database, the notifier and the time ticks; debug/startup.cpp is its
+ * source.
  */
 #ifndef BV_BV_H
 #define BV_BV_H
@@ -23,12 +27,12 @@
 
 /**
  * @name Version of the interface
- * The major number is also the shared object's: it changes when programs must be built anew.
+ * The major number is also the shared object's: it changes when programs must be rebuilt.
  * @{
  */
-#define BV_VERSION_MAJOR 1 /**< counts breaks */
+#define BV_VERSION_MAJOR 1 /**< counts incompatible changes */
 #define BV_VERSION_MINOR 0 /**< counts additions */
-#define BV_VERSION_PATCH 0 /**< counts mends */
+#define BV_VERSION_PATCH 0 /**< counts fixes */
 /** @} */
 
 #endif

@@ -7,15 +7,14 @@
  * shorter than the key is padded: clear a buffer of keysize bytes, then put the name in.
  *
  * True of every function here:
- * - every key argument points at keysize readable bytes and stays the caller's; data argument
- *   likewise with datasize bytes;
- * - a null table, a table whose magic is wrong, or a null key ends in the function's failure
- *   value (or in nothing, for those without a result);
- * - nothing is printed but by bv_hash_dump(), and by the allocator, whose line comes with each
- *   refusal for want of memory;
- * - tables have no lock: callers that share one between threads serialise all their calls on it,
- *   and the use of records found in it. Different tables are independent. bv_os_jhash() is
- *   thread-safe.
+ * - a key argument points to keysize readable bytes, a data argument to datasize bytes; both stay
+ *   the caller's;
+ * - with a null table, a table whose magic is wrong, or a null key the function fails, or does
+ *   nothing if it has no result;
+ * - only bv_hash_dump() prints, and the allocator, whose line comes with each failure for lack of
+ *   memory;
+ * - tables have no lock: threads that share one serialise all their calls on it, and the use of
+ *   records found in it. Different tables are independent. bv_os_jhash() is thread-safe.
  */
 #ifndef BV_HASH_H
 #define BV_HASH_H
@@ -26,7 +25,7 @@
 extern "C" {
 #endif
 
-/** A table, as bv_hash_init() makes it. Read it as you like; only the functions change it. */
+/** A table, made by bv_hash_init(). Callers may read it; only the functions change it. */
 typedef struct bv_hash {
     uint32_t magic;        /**< 0x42524F56 in a valid table */
     uint32_t hashsize;     /**< number of buckets, and the most entries that the table takes */
@@ -40,12 +39,11 @@ typedef struct bv_hash {
  * Makes an empty table.
  *
  * An entry's bucket is its key's hash masked with hashsize - 1. Choose a power of two: any other
- * size works, but leaves the buckets unused whose number the mask cannot reach (8196, for
- * example, spreads over eight buckets only).
+ * size works, but the mask does not reach all buckets (of 8196, for example, it uses only eight).
  *
- * @param hashsize  number of buckets and of entries at most, at least 1. The bucket array is one
- *                  allocation, which allows 163840 buckets on a 32-bit machine and half as many
- *                  on a 64-bit one
+ * @param hashsize  number of buckets, and most entries, at least 1. The bucket array is one
+ *                  allocation: at most 163840 buckets on a 32-bit machine and half as many on a
+ *                  64-bit one
  * @param keysize   size of every key in bytes, at least 1
  * @param datasize  size of every record in bytes, at least 1
  *
@@ -55,17 +53,17 @@ typedef struct bv_hash {
 BV_API bv_hash *bv_hash_init(uint32_t hashsize, uint32_t keysize, uint32_t datasize);
 
 /**
- * Stores a copy of a record under a key, or overwrites the record of a key that is there already
- * (its address does not change then).
+ * Stores a copy of a record under a key. If the table holds the key already, its record is
+ * overwritten and keeps its address.
  *
  * @param table  the table
  * @param key    keysize bytes, copied
  * @param data   datasize bytes, copied; must not be null
  *
  * @retval BV_OK          stored
- * @retval BV_ERR_FAILED  table or key is null, or the table is not one
- * @retval BV_ERR_FULL    hashsize entries are stored. That is tested first: a full table refuses
- *                        an overwrite, too
+ * @retval BV_ERR_FAILED  table or key is null, or the magic is wrong
+ * @retval BV_ERR_FULL    hashsize entries are stored. This is tested first: a full table also
+ *                        refuses to overwrite
  * @retval BV_ERR_MEMORY  no memory for the entry, or its key or record is larger than the 1310720
  *                        bytes of one allocation; the table is as before
  */
@@ -78,7 +76,7 @@ BV_API int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *da
  * @param key    keysize bytes
  *
  * @return the stored record itself (datasize bytes, which the caller may change), valid until it
- *         is removed or the table destroyed; null when there is none
+ *         is removed or the table is destroyed; null when there is none
  */
 BV_API void *bv_hash_find(bv_hash *table, const uint8_t *key);
 
@@ -86,8 +84,8 @@ BV_API void *bv_hash_find(bv_hash *table, const uint8_t *key);
  * Removes the entry of a key, if there is one, and frees its copies.
  *
  * @param table  the table
- * @param key    keysize bytes. They may be part of the entry itself: they are not looked at
- *               after the entry was found
+ * @param key    keysize bytes. They may be part of the entry itself: they are not read after the
+ *               entry was found
  */
 BV_API void bv_hash_remove(bv_hash *table, const uint8_t *key);
 
@@ -113,8 +111,7 @@ BV_API void bv_hash_dump(bv_hash *table);
  *
  * @param key      length bytes; not read when length is 0
  * @param length   size of the key in bytes
- * @param initval  any value; different ones give independent hashes of the same key. The tables
- *                 use 0
+ * @param initval  any value; different values give independent hashes of one key. Tables use 0
  *
  * @return the hash
  */

@@ -2,18 +2,18 @@
  * @file mtd.h
  * Raw flash partitions by name, as "/proc/mtd" lists them.
  *
- * True of every function here: a partition is found anew at each call by a shell pipeline (about
- * as costly as starting four programs), its device is opened and closed by the call, and nothing
- * is kept in between. Offsets and lengths are bytes within the partition. Bits of flash can only
- * be cleared by a write; bv_mtd_erase() sets them.
+ * True of every function here: each call looks the partition up with a shell pipeline (about as
+ * costly as starting four programs), opens and closes its device, and keeps nothing. Offsets and
+ * lengths are bytes within the partition. A write can only clear bits of flash; bv_mtd_erase() sets
+ * them.
  *
- * The name goes into the shell command as it stands and is matched as a substring and regular
- * expression: pass plain partition names from trusted sources. A name that occurs in several
- * lines of "/proc/mtd" finds none of them.
+ * The name goes into the shell command unquoted, and matches as a substring and a regular
+ * expression: pass plain partition names from trusted sources. A name that matches several lines of
+ * "/proc/mtd" finds none of them.
  *
- * The pipeline's output is captured as bv_os_systemex() does it, so one thread at a time may be in
- * any of these functions or of those that capture: two at once may be handed each other's device.
- * Writes and erases of one partition by several processes are not serialised either.
+ * The pipeline's output is captured with bv_os_systemex(). So only one thread at a time may be in
+ * one of these functions or in one that captures: two at once may get each other's device. Writes
+ * and erases of one partition by several processes are not serialised either.
  */
 #ifndef BV_MTD_H
 #define BV_MTD_H
@@ -28,11 +28,11 @@ extern "C" {
 #endif
 
 /**
- * Asks the kernel for a partition's geometry. The device is opened for writing, so a partition
- * that refuses that cannot be asked.
+ * Asks the kernel for a partition's geometry. The device is opened for writing, so this fails for a
+ * partition that is read-only.
  *
  * @param name  the partition's name
- * @param info  receives the kernel's record; the caller's; untouched where opening fails
+ * @param info  the caller's; gets the kernel's record. Unchanged when the device cannot be opened
  *
  * @retval BV_OK           info is filled
  * @retval BV_ERR_INVALID  name or info is null
@@ -41,10 +41,10 @@ extern "C" {
 BV_API int32_t bv_mtd_get_info(const char *name, struct mtd_info_user *info);
 
 /**
- * Reads a range, at most 8192 bytes a system call.
+ * Reads a range, at most 8192 bytes with each system call.
  *
  * @param name    the partition's name
- * @param buf     receives len bytes; on a failure what came before it is in there
+ * @param buf     gets len bytes; after a failure, the bytes read before it
  * @param offset  first byte, in bytes from the partition's start; below 2 GiB
  * @param len     bytes to read, at least 1; the range may end exactly at the partition's end
  *
@@ -58,7 +58,7 @@ BV_API int32_t bv_mtd_get_info(const char *name, struct mtd_info_user *info);
 BV_API int32_t bv_mtd_read(const char *name, void *buf, uint32_t offset, uint32_t len);
 
 /**
- * Writes a range, at most 8192 bytes a system call, synchronously. Nothing is erased first.
+ * Writes a range synchronously, at most 8192 bytes with each system call. Nothing is erased first.
  *
  * @param name    the partition's name
  * @param buf     len bytes to write; the caller keeps it
@@ -76,12 +76,12 @@ BV_API int32_t bv_mtd_write(const char *name, const void *buf, uint32_t offset, 
 
 /**
  * Erases whole blocks, one request each. A block that already reads all 0xFF is left alone, to
- * spare it wear. The look takes an allocation of two blocks: blocks of more than 655360 bytes are
- * erased without it, and for each of them the allocator prints its refusal on standard output.
+ * spare it wear. The check allocates two blocks: blocks of more than 655360 bytes are erased
+ * without it, and for each of them the allocator prints its line on standard output.
  *
- * A block that fails to erase is not reported. It is tried again in the next block's round, so
- * as many blocks at the end of the range stay as they were as there were failures: read the
- * range back where that matters.
+ * A block that fails to erase is not reported. It is tried again in the next block's round, so each
+ * failure leaves one more block at the end of the range as it was: read the range back where that
+ * matters.
  *
  * @param name    the partition's name
  * @param offset  first byte; a multiple of the erase size

@@ -5,22 +5,21 @@
  * checksums, and one wrapper for each system call that the library and its services use.
  *
  * True of every function here unless its own comment says otherwise:
- *  - nothing is kept after the call: no caller's pointer, no descriptor, no lock;
- *  - sizes and capacities are in bytes, and a destination's capacity is the size of the whole
- *    object, its terminating zero included; it comes right after the destination;
+ *  - nothing is kept after the call: no pointer of the caller, no descriptor, no lock;
+ *  - sizes and capacities are in bytes. The capacity of a destination is the size of the whole
+ *    object, with its terminating zero, and is the argument after it;
  *  - texts are zero-terminated;
- *  - a null pointer is looked for: the function fails, with the result that its comment gives, or
- *    does nothing. The plain string functions, bv_os_memcmp(), bv_os_printf(), bv_os_fprintf(), the
- *    conversions of IPv4 addresses and all system calls do not look: what they are given goes
- *    straight to the platform, which may crash on it;
- *  - it may be called from any thread, on buffers of that thread's own.
+ *  - with a null pointer the function fails as its comment says, or does nothing. The plain string
+ *    functions, bv_os_memcmp(), bv_os_printf(), bv_os_fprintf(), the conversions of IPv4 addresses
+ *    and all system calls do not test for null: they pass it to the platform, which may crash;
+ *  - any thread may call it, on its own buffers.
  *
- * Include this header before the C library's own ones where a program is compiled under strict
- * -std=c11: it then asks for the full set of platform types. When it comes late, it leaves out
- * bv_os_sigwaitinfo() and bv_os_sigtimedwait(), whose siginfo_t does not exist there.
- * `pkg-config --cflags bv` passes -D_GNU_SOURCE, which settles the matter for any order, and on
- * 32-bit glibc also -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64: the library is built with 64-bit
- * offsets and times, and struct stat and struct timeval must have the same shape on both sides.
+ * A program that is compiled with strict -std=c11 includes this header before those of the C
+ * library: it then asks for all platform types. Included later, it leaves out bv_os_sigwaitinfo()
+ * and bv_os_sigtimedwait(), whose siginfo_t does not exist there. `pkg-config --cflags bv` passes
+ * -D_GNU_SOURCE, with which any order works. On 32-bit glibc it also passes -D_FILE_OFFSET_BITS=64
+ * -D_TIME_BITS=64: the library is built with 64-bit offsets and times, and struct stat and struct
+ * timeval must have the same layout on both sides.
  */
 #ifndef BV_OS_H
 #define BV_OS_H
@@ -59,15 +58,15 @@ struct sigaction;
 /**
  * @name Memory
  *
- * The bounded calls (memcpy, memmove, memset here, strcpy, strncpy, strcat below) are one call
- * into the bounded-check library each. They return 0, or one of that library's codes, of which
- * only "not 0" should matter to a caller:
- *  - nothing is ever written past dstsize;
- *  - a dstsize of 0 or above 0x7fffffff, and a null dst, leave everything as it was;
+ * The bounded calls (memcpy, memmove, memset here, strcpy, strncpy, strcat below) are one call each
+ * into the bounded-check library. They return 0, or a code of that library; callers should only
+ * test for 0:
+ *  - nothing is ever written beyond dstsize;
+ *  - with a dstsize of 0 or above 0x7fffffff, or a null dst, nothing changes;
  *  - any other failure leaves dst in a known state: the copies clear all dstsize bytes, the fill
  *    fills all dstsize bytes with its value, the string calls set the first byte to 0;
- *  - a null source is such a failure even when there is nothing to copy, and so are ranges that
- *    overlap, but for bv_os_memmove(). Copying an object to itself is fine; a text cannot be
+ *  - a null source is such a failure, even when there is nothing to copy. So are ranges that
+ *    overlap, except for bv_os_memmove(). An object may be copied to itself; a text cannot be
  *    appended to itself.
  * @{
  */
@@ -76,22 +75,22 @@ struct sigaction;
  * Allocates memory, not cleared.
  *
  * @param size  1 to 1310720 (0x140000) bytes; no single allocation of a service may be larger
- * @return the block, which the caller gives back with bv_os_free(), or null. A refusal prints a
- *         line on standard output: "malloc fail" when the system has no memory, "data size out of
- *         rang ui_size = N malloc fail" for a size outside the limits, where N is the size as a
- *         signed number
+ * @return the block, which the caller returns with bv_os_free(), or null. A failure prints a line
+ *         on standard output: "malloc fail" when the system has no memory, "data size out of rang
+ *         ui_size = N malloc fail" for a size outside the limits, where N is the size as a signed
+ *         number
  */
 BV_API void *bv_os_malloc(uint32_t size);
 
-/** Gives back a block of bv_os_malloc(). @param ptr  the block; null is allowed and ignored */
+/** Frees a block. @param ptr  from bv_os_malloc(); null is ignored */
 BV_API void bv_os_free(void *ptr);
 
 /**
  * Copies bytes between objects that do not overlap.
  *
- * @param dst      where to; overlapping src is a failure that clears dst
+ * @param dst      the destination; when it overlaps src the call fails and clears it
  * @param dstsize  capacity of dst
- * @param src      where from
+ * @param src      the source
  * @param count    bytes to copy, at most dstsize
  * @return 0, or not 0 as described above
  */
@@ -100,9 +99,9 @@ BV_API int32_t bv_os_memcpy(void *dst, uint32_t dstsize, const void *src, uint32
 /**
  * Copies bytes; the two ranges may overlap.
  *
- * @param dst      where to
+ * @param dst      the destination
  * @param dstsize  capacity of dst
- * @param src      where from
+ * @param src      the source
  * @param count    bytes to copy, at most dstsize
  * @return 0, or not 0 as described above
  */
@@ -114,7 +113,8 @@ BV_API int32_t bv_os_memmove(void *dst, uint32_t dstsize, const void *src, uint3
  * @param dst      what to fill
  * @param dstsize  capacity of dst
  * @param value    only its low 8 bits are used
- * @param count    bytes to fill; above dstsize only dstsize bytes are filled and the call fails
+ * @param count    bytes to fill; with more than dstsize, only dstsize bytes are filled and the
+ *                 call fails
  * @return 0, or not 0 as described above
  */
 BV_API int32_t bv_os_memset(void *dst, uint32_t dstsize, int value, uint32_t count);
@@ -126,8 +126,8 @@ BV_API int bv_os_memcmp(const void *a, const void *b, uint32_t n);
 /**
  * @name Strings
  *
- * What the plain ones (all but strcpy, strncpy and strcat) get, they pass to the C function of
- * the same name; a null pointer is the caller's fault.
+ * All but strcpy, strncpy and strcat pass their arguments to the C function of the same name, and
+ * do not test for null.
  * @{
  */
 
@@ -137,9 +137,9 @@ BV_API uint32_t bv_os_strlen(const char *str);
 /**
  * Copies a text with its terminator.
  *
- * @param dst      where to
+ * @param dst      the destination
  * @param dstsize  capacity of dst
- * @param src      the text; one of dstsize characters or more does not fit
+ * @param src      the text; with dstsize characters or more it does not fit
  * @return 0, or not 0 as described under Memory
  */
 BV_API int32_t bv_os_strcpy(char *dst, uint32_t dstsize, const char *src);
@@ -147,11 +147,11 @@ BV_API int32_t bv_os_strcpy(char *dst, uint32_t dstsize, const char *src);
 /**
  * Copies at most count characters of a text and terminates the copy.
  *
- * @param dst      where to; nothing is padded after the terminator
+ * @param dst      the destination; bytes after the terminator do not change
  * @param dstsize  capacity of dst
  * @param src      the text; needs no terminator when it has count characters
- * @param count    most characters to take; dstsize - 1 cuts a text to what fits, dstsize or more
- *                 fails with a text that does not fit, and above 0x7fffffff with any
+ * @param count    most characters to copy. dstsize - 1 cuts a text to what fits; with dstsize or
+ *                 more a text that does not fit is a failure, and above 0x7fffffff any text is
  * @return 0, or not 0 as described under Memory
  */
 BV_API int32_t bv_os_strncpy(char *dst, uint32_t dstsize, const char *src, uint32_t count);
@@ -160,8 +160,8 @@ BV_API int32_t bv_os_strncpy(char *dst, uint32_t dstsize, const char *src, uint3
  * Appends a text.
  *
  * @param dst      a terminated text to append to
- * @param dstsize  capacity of dst, the present text included
- * @param src      the text to append; when both do not fit together, dst is emptied
+ * @param dstsize  capacity of dst, including its present text
+ * @param src      the text to append; when both do not fit, dst becomes empty
  * @return 0, or not 0 as described under Memory
  */
 BV_API int32_t bv_os_strcat(char *dst, uint32_t dstsize, const char *src);
@@ -172,7 +172,7 @@ BV_API int bv_os_strcmp(const char *a, const char *b);
 BV_API int bv_os_strncmp(const char *a, const char *b, uint32_t n);
 /** strtok(3). Not thread-safe: the position between calls is the C library's, one per process. */
 BV_API char *bv_os_strtok(char *str, const char *delimiters);
-/** strsep(3): cuts the next field out of *stringp and moves it on, to null behind the last one. */
+/** strsep(3): cuts off the next field and moves *stringp on, to null after the last field. */
 BV_API char *bv_os_strsep(char **stringp, const char *delimiters);
 /** strrchr(3): the last ch in str, or null. */
 BV_API char *bv_os_strrchr(const char *str, int ch);
@@ -188,11 +188,11 @@ BV_API int bv_os_toupper(int ch);
 BV_API int bv_os_tolower(int ch);
 
 /**
- * Tells whether a character is white space, in the same way in every locale.
+ * Tests whether a character is white space, in the same way in every locale.
  *
  * @param ch  the character; pass a char as (unsigned char)
  * @return 1 for space, tab, line feed, vertical tab, form feed and carriage return; 0 for every
- *         other value, those above 255 included
+ *         other value, also above 255
  */
 BV_API int32_t bv_os_isspace(uint32_t ch);
 
@@ -203,29 +203,29 @@ BV_API int32_t bv_os_isspace(uint32_t ch);
  */
 
 /**
- * printf(3) on standard output, with all that the C library knows. Format and texts must not be
+ * printf(3) on standard output, with every directive of the C library. Format and texts must not be
  * null.
  * @return characters printed, or a negative number
  */
 BV_API int bv_os_printf(const char *format, ...) BV_PRINTF(1, 2);
 
-/** fprintf(3), as bv_os_printf(); nor must stream be null. */
+/** fprintf(3); as bv_os_printf(), and stream must not be null. */
 BV_API int bv_os_fprintf(FILE *stream, const char *format, ...) BV_PRINTF(2, 3);
 
 /**
- * Prints into a buffer. There is no cut text: it fits whole or the buffer is emptied.
+ * Prints into a buffer. A text is never cut: one that does not fit leaves the buffer empty.
  *
  * Rely on these directives only: flags - + space # 0, width and precision (also as *), lengths
  * hh h l ll q L j z t, conversions d i u o x X c s p e E f F g G, their wide forms lc and ls, and
  * %%. The bounded-check library refuses %n in every form, %a %A, %m, %b, positional arguments, the
- * ' flag, letters that it does not know, a format that ends within a directive, widths and
- * precisions above 214748360, and wide characters that the locale cannot express. A null text
- * prints as (null), an integer with at most 512 digits whatever its precision, a pointer without
- * sign and precision.
+ * ' flag, unknown letters, a format that ends within a directive, widths and precisions above
+ * 214748360, and wide characters that the locale cannot express. A null text prints as (null), an
+ * integer with at most 512 digits even with a larger precision, a pointer without sign and
+ * precision.
  *
- * @param dst      the buffer; on failure its first byte is 0, and what had been printed so far may
- *                 follow that byte
- * @param dstsize  capacity of dst, 1 to 0x7fffffff; any other leaves dst as it was
+ * @param dst      the buffer; after a failure its first byte is 0, and the beginning of the text
+ *                 may follow that byte
+ * @param dstsize  capacity of dst, 1 to 0x7fffffff; any other leaves dst unchanged
  * @param format   what to print
  * @return characters printed without the terminator; -1 when the text does not fit, a directive is
  *         refused, dst or format is null, or dstsize is out of range
@@ -233,33 +233,33 @@ BV_API int bv_os_fprintf(FILE *stream, const char *format, ...) BV_PRINTF(2, 3);
 BV_API int bv_os_sprintf(char *dst, uint32_t dstsize, const char *format, ...) BV_PRINTF(3, 4);
 
 /**
- * The same call as bv_os_sprintf(), argument for argument. Unlike snprintf(3) it neither cuts the
- * text nor tells the length that would have been needed.
+ * The same as bv_os_sprintf(). Unlike snprintf(3) it does not cut the text or return the length
+ * that would have been needed.
  */
 BV_API int bv_os_snprintf(char *dst, uint32_t dstsize, const char *format, ...) BV_PRINTF(3, 4);
 
 /**
- * Scans a text. Each buffer pointer of %s, %c and %[ is followed by one more argument, the
- * buffer's size in bytes as a size_t, so compilers cannot check these formats as they do scanf's:
+ * Scans a text. After each buffer of %s, %c and %[ comes one more argument, its size in bytes as a
+ * size_t, so compilers cannot check these formats like scanf's:
  * @code
  * bv_os_sscanf(line, "%15s %d", name, sizeof name, &number);
  * @endcode
  *
  * Rely on these directives only: conversions d i u o x X p e E f g G s c [ n and %%, a width,
- * lengths hh h l ll q L j z t, and * to store nothing (which takes no arguments, no size either).
- * The bounded-check library refuses %a %A, %m, positional arguments, flags, precisions and letters
- * that it does not know. Unlike scanf(3) it reads neither inf, nan and hexadecimal floats nor a 0x
- * before %p, needs digits after the 0x of %x and %i, and stores some other number for one that is
- * too large for its type.
+ * lengths hh h l ll q L j z t, and * to store nothing (which takes no argument, not even a size).
+ * The bounded-check library refuses %a %A, %m, positional arguments, flags, precisions and unknown
+ * letters. Unlike scanf(3) it does not read inf, nan, hexadecimal floats or a 0x before %p, needs
+ * digits after the 0x of %x and %i, and stores another number for one that is too large for its
+ * type.
  *
  * @param str     the text
  * @param format  what to look for
- * @return conversions stored. A field too long for its buffer ends the scan and empties that
- *         buffer; a buffer size of 0 or above 0x7fffffff ends it too, with the buffer as it was.
- *         -1 when str or format is null, when str is empty (the first buffer is then emptied, if
- *         the format starts with one), when the text ends before the first conversion, and,
- *         however much was stored before, when a directive is refused or a pointer is null while
- *         some of the text is left
+ * @return conversions stored. A field too long for its buffer ends the scan and empties the buffer;
+ *         a buffer size of 0 or above 0x7fffffff ends the scan and leaves the buffer unchanged. -1
+ *         when str or format is null, when str is empty (if the format starts with a buffer, that
+ *         becomes empty), when the text ends before the first conversion, and, even if something
+ *         was stored before, when a directive is refused or a pointer is null before the end of the
+ *         text
  */
 BV_API int bv_os_sscanf(const char *str, const char *format, ...);
 
@@ -267,93 +267,94 @@ BV_API int bv_os_sscanf(const char *str, const char *format, ...);
 /**
  * @name Shell commands
  *
- * Each takes a printf-style command, as for bv_os_sprintf(), and runs it in a shell, waiting for it
- * to end. The formatted command and the line that is made of it must fit in 255 characters each.
- * What does not fit, a directive that is refused and a null format are not cut but become empty,
- * and nothing of the command runs:
- *  - an empty command has result 0 from bv_os_system(), bv_os_systemnull() and bv_os_systembk().
- *    bv_os_sysprocess() still runs su(1), whose result it is;
- *  - an empty line has result 0 from all four;
- *  - what the capturing ones return is said there.
+ * Each function takes a printf-style command, as bv_os_sprintf() does, runs it in a shell and waits
+ * until it ends. The formatted command, and the line that is made of it, must fit in 255 characters
+ * each. If one does not fit, or the format is null or has a refused directive, it becomes empty,
+ * and no part of the command runs:
+ *  - with an empty command bv_os_system(), bv_os_systemnull() and bv_os_systembk() return 0;
+ *    bv_os_sysprocess() still runs su(1) and returns its result;
+ *  - with an empty line all four return 0;
+ *  - the capturing functions say what they return.
  *
  * So keep commands short: a result of 0 does not prove that anything was done.
  *
- * The line is the command with something after it. Where that is a redirection, a pipe or an &, it
- * applies to the last of several commands (a; b) only; parentheses make them one.
+ * The line is the command with something after it. A redirection, pipe or & there applies only to
+ * the last of several commands (a; b); use parentheses to make them one.
  *
- * Nothing is quoted or escaped, and the capture files have names that can be guessed: pass only
- * text that the service itself made or has checked, never text from a user or the network.
+ * Nothing is quoted or escaped, and the names of the capture files can be guessed: pass only text
+ * that the service made or checked itself, never text from a user or the network.
  *
- * Each call starts a shell, the capturing ones also rm(1): for configuration work, not for hot
- * paths. The result of the plain ones is that of system(3): the wait status, or -1.
+ * Each call starts a shell, the capturing functions also rm(1): use them for configuration, not on
+ * hot paths. The result of the others is that of system(3): the wait status, or -1.
  *
- * The capturing ones go through a file under /tmp named for the process (the low 16 bits of its
- * id) and an 8-bit sequence number that both share. The number is not locked: threads that
- * capture at the same moment may take each other's output, so callers serialise them.
+ * The capturing functions use a file under /tmp, named after the process (the low 16 bits of its
+ * id) and an 8-bit sequence number that both share. There is no lock: threads that capture at the
+ * same moment may get each other's output, so callers serialise them.
  * @{
  */
 
-/** Runs a command as it is. @return the wait status */
+/** Runs a command unchanged. @return the wait status */
 BV_API int bv_os_system(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
- * Runs a command with its output and errors thrown away. That takes 16 characters of the line.
+ * Runs a command and discards its output and errors. That takes 16 characters of the line.
  * @return the wait status
  */
 BV_API int bv_os_systemnull(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
- * Starts a command in the background, its output and errors thrown away, and does not wait for
- * it. The shell that started it has ended, so it never becomes a zombie of the caller. That takes
- * 18 characters of the line.
+ * Starts a command in the background, discards its output and errors, and does not wait for it. It
+ * is not a child of the caller, so it never becomes its zombie. That takes 18 characters of the
+ * line.
  * @return the wait status of that shell, not of the command
  */
 BV_API int bv_os_systembk(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Runs a command as the user BROVAN, with the caller's environment:
- * su -p BROVAN -c "COMMAND". The command is put between double quotes as it is, so the shell that
- * runs su already expands $ and ` in it. The line takes 18 characters besides the command.
- * @return the wait status of su, which also fails when the user does not exist
+ * su -p BROVAN -c "COMMAND". The command is between double quotes, so the shell that runs su
+ * already expands $ and ` in it. The line takes 18 characters besides the command.
+ * @return the wait status of su, which also fails when there is no such user
  */
 BV_API int bv_os_sysprocess(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
  * Runs a command and captures what it prints on standard output: the first 256 bytes, up to the
- * first zero byte, without leading and trailing white space; newlines between lines stay.
+ * first zero byte, without white space at both ends.
  *
  * @param out      gets the text
- * @param outsize  capacity of out. A text that does not fit is not cut: 257 bytes hold any
+ * @param outsize  capacity of out. A text that does not fit is not cut; every text fits in 257
+ *                 bytes
  * @param format   the command
  *
- * @retval 0               out holds the text; the command's own exit status is not looked at
- * @retval BV_ERR_FAILED   nothing was printed but white space (nor by an empty command, see above),
- *                         it cannot be read, or it does not fit: out is empty. Also, always, with a
- *                         null out or an outsize of 0 or above 0x7fffffff, though the command ran:
- *                         out is as it was
- * @retval BV_ERR_NO_FILE  the capture file could not be opened, or the command fits in 255
- *                         characters but not with its redirection, which takes 22 to 24 of them:
- *                         out is as it was
+ * @retval 0               out holds the text, whatever the command's exit status
+ * @retval BV_ERR_FAILED   the command printed only white space or nothing (or was empty, see
+ *                         above), the file cannot be read, or the text does not fit: out is empty.
+ *                         Also for a null out or an outsize of 0 or above 0x7fffffff, after the
+ *                         command ran: out is unchanged
+ * @retval BV_ERR_NO_FILE  the capture file cannot be opened, or the command fits in 255 characters
+ *                         but not with its redirection, which takes 22 to 24 of them: out is
+ *                         unchanged
  */
 BV_API int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...) BV_PRINTF(3, 4);
 
 /**
- * Runs a command and captures one field of its output: of every line that holds the pattern, the
- * second field. The text is then treated as in bv_os_systemex().
+ * Runs a command and captures the second field of every line of its output that matches the
+ * pattern. The text is then treated as by bv_os_systemex().
  *
- * @param out        gets the fields, one a line
- * @param outsize    capacity of out; 257 bytes hold any text
+ * @param out        gets the fields, one on each line
+ * @param outsize    capacity of out; every text fits in 257 bytes
  * @param pattern    a grep(1) pattern, without single quotes; null is the text (null)
  * @param delimiter  an awk(1) field separator, without single quotes; null as above
  * @param format     the command
  *
  * @retval 0               out holds the text
  * @retval BV_ERR_FAILED   no line matched or had a second field, or the text does not fit: out is
- *                         empty. Also as in bv_os_systemex() for the sake of out and outsize
- * @retval BV_ERR_NO_FILE  the capture file could not be opened; the command did not fit in 255
- *                         characters (an empty one before a pipe is a syntax error, and the shell
- *                         says so), or not with the filter, which takes 55 to 59 of them besides
- *                         pattern and delimiter: out is as it was
+ *                         empty. Also for a wrong out or outsize, as from bv_os_systemex()
+ * @retval BV_ERR_NO_FILE  the capture file cannot be opened; the command does not fit in 255
+ *                         characters (it is then empty, and the shell prints a syntax error for the
+ *                         pipe), or not with the filter, which takes 55 to 59 of them besides
+ *                         pattern and delimiter: out is unchanged
  */
 BV_API int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern,
                               const char *delimiter, const char *format, ...) BV_PRINTF(5, 6);
@@ -361,11 +362,11 @@ BV_API int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern,
 /**
  * Runs a command and reads the first line of its output through a pipe.
  *
- * @param command  the shell command as it is, of any length; null runs nothing
- * @param out      gets the line with its newline, or as much of it as fits; keeps what it held
- *                 when the command cannot be started or prints nothing (with an outsize of 1 it is
- *                 empty then, too). Signals that the process handles meanwhile do not cut it
- * @param outsize  capacity of out; 0 leaves it alone, more than INT_MAX counts as INT_MAX
+ * @param command  the shell command, run unchanged, of any length; null runs nothing
+ * @param out      gets the line with its newline, or as much of it as fits. It is unchanged when
+ *                 the command cannot be started or prints nothing (but with an outsize of 1 it is
+ *                 empty). Signals that the process handles do not cut the line
+ * @param outsize  capacity of out; 0 leaves it unchanged, more than INT_MAX counts as INT_MAX
  */
 BV_API void bv_get_pipe(const char *command, char *out, uint32_t outsize);
 
@@ -373,62 +374,53 @@ BV_API void bv_get_pipe(const char *command, char *out, uint32_t outsize);
 /**
  * @name Console and record file
  *
- * Help for a person at the device: dumps on standard output, and a record file,
- * /tmp/remoteprint, to which a background service appends text that can later be copied to the
- * terminal named in /tmp/tty.
+ * For a person at the device: dumps on standard output, and the record file /tmp/remoteprint.
+ * Background services append text to it, which can later be copied to the terminal that is named in
+ * /tmp/tty.
  * @{
  */
 
 /**
- * Dumps memory on standard output in lines of four words, each line headed by the address (its
- * low 32 bits) and each word showing its four bytes in the order in which they lie in memory on a
- * little-endian machine.
+ * Dumps memory on standard output in lines of four words. Each line starts with the address (its
+ * low 32 bits). On a little-endian machine each word shows its four bytes in the order of memory.
  *
- * @param address  what to dump, normally 4-byte aligned; null prints as an empty line
- * @param length   bytes; rounded up to whole words, so that up to 3 bytes behind it are read too;
- *                 below 1 an empty line is printed
+ * @param address  what to dump, normally 4-byte aligned; null prints an empty line
+ * @param length   bytes, rounded up to whole words: up to 3 bytes after them are read too. Below 1
+ *                 an empty line is printed
  * @return result of the last print, 2
  */
 BV_API int32_t bv_os_printb(const void *address, int32_t length);
 
 /**
- * Prints a text on standard output and blanks behind it up to a width; no newline.
+ * Prints a text on standard output, and blanks after it up to a width, without a newline.
  *
- * @param text   printed whole, even when it is longer; null prints nothing, blanks neither
- * @param width  columns; a negative one pads nothing
+ * @param text   printed whole, even when it is longer than width; null prints nothing, not even
+ *               blanks
+ * @param width  columns; nothing is padded when it is negative
  */
 BV_API void bv_os_printa(const char *text, int32_t width);
 
-/** Deletes the record file. @return the wait status of the shell, 0 also when there was none */
+/** Deletes the record file. @return the wait status of the shell; 0 also without such a file */
 BV_API int32_t bv_os_record_init(void);
 
 /**
- * Appends formatted text to the record file; no newline is added. The file is opened and closed
- * by each call, in append mode, so records of several processes and threads stay whole as long as
- * they fit in the C library's stream buffer (1 KiB with musl).
+ * Appends formatted text to the record file, without a newline. Each call opens and closes the
+ * file, in append mode, so records of several processes and threads do not mix as long as each fits
+ * in the C library's stream buffer (1 KiB with musl).
  *
  * @param format  as for printf(3); null writes nothing
- * @return characters written, a negative number when they could not be formatted, or
- *         BV_ERR_RECORD when the file cannot be opened. A full /tmp may go unnoticed
+ * @return characters written; BV_ERR_RECORD when the file cannot be opened; another negative number
+ *         when format is null (-1) or the text cannot be formatted. A full /tmp may not be reported
  */
 BV_API int32_t bv_os_record(const char *format, ...) BV_PRINTF(1, 2);
 
 /**
- * Copies the record file, when there is one, to the terminal named in /tmp/tty (31 characters at
- * most). The record file stays. The name is not checked: with no /tmp/tty, or a longer name in it,
- * the shell complains about an empty redirection, and nothing else happens. The name is read with
- * bv_os_systemex(), whose word on threads holds here too.
+ * Copies the record file, if there is one, to the terminal that is named in /tmp/tty (at most 31
+ * characters). The record file stays. The name is not checked: without /tmp/tty, or with a longer
+ * name in it, the shell complains about an empty redirection and nothing else happens. The name is
+ * read with bv_os_systemex(), so threads must be serialised in the same way.
  */
 BV_API void bv_os_record_output(void);
-
-/**
- * Tells a file's size.
- *
- * @param path  the file
- * @return its size cut to a signed 32-bit number (a file of 4 GiB has 0), or -1 when it cannot be
- *         looked at
- */
-BV_API int32_t bv_get_filesize(const char *path);
 
 /** @} */
 /**
@@ -440,37 +432,37 @@ BV_API int32_t bv_get_filesize(const char *path);
  * Looks for a POSIX extended regular expression in a text.
  *
  * @param text     the text to search
- * @param pattern  the expression; it may match anywhere unless it has anchors of its own
+ * @param pattern  the expression; without anchors it may match anywhere
  * @retval  0  found
- * @retval -1  not found, an argument is null, or the pattern is no valid expression
+ * @retval -1  not found, an argument is null, or the pattern is not a valid expression
  */
 BV_API int32_t bv_os_match(const char *text, const char *pattern);
 
 /**
- * Looks for a character that is neither letter nor digit: ASCII punctuation, space, or one of the
- * characters 9 to 13. Other control characters and bytes above 127 do not count, in any locale.
+ * Looks for ASCII punctuation, a space, or one of the characters 9 to 13. Other control characters
+ * and bytes above 127 do not count, in any locale.
  *
- * @retval  0  text holds one
- * @retval -1  text holds none, is empty or null
+ * @param text  the text to search
+ * @retval  0  found
+ * @retval -1  not found, or text is null
  */
 BV_API int32_t bv_os_match_special_char(const char *text);
 
 /**
- * Cuts white space (see bv_os_isspace()) off both ends of a text, in place: zeros are written over
- * what trails, what leads is skipped.
+ * Trims white space (see bv_os_isspace()) from both ends of a text, in place: it skips leading
+ * white space and overwrites trailing white space with zeros.
  *
- * @param text  changed only behind its last other character
- * @return the first other character inside text, or its terminator when there is none; null for
- *         null
+ * @param text  changed only after its last other character
+ * @return the first other character in text, or its terminator when there is none; null for null
  */
 BV_API char *bv_os_trim(char *text);
 
 /**
  * Converts a MAC address from text. Groups are read as "%02x" reads them: a group may have one
- * digit, a sign or blanks before it, and what follows the sixth is ignored.
+ * digit, or a sign or blanks before it, and anything after the sixth is ignored.
  *
- * @param text  six groups of hexadecimal digits with colons between; from the first group that is
- *              missing or malformed on, the bytes are 0, and of a null text all of them
+ * @param text  six groups of hexadecimal digits separated by colons. From the first missing or
+ *              malformed group on the bytes are 0; with a null text all are
  * @param out   gets 6 bytes
  */
 BV_API void bv_os_mac_pton(const char *text, void *out);
@@ -480,16 +472,16 @@ BV_API void bv_os_mac_pton(const char *text, void *out);
  *
  * @param mac      6 bytes
  * @param out      gets the text; empty when it does not fit or mac is null
- * @param outsize  capacity of out, 18 to 0x7fffffff; with 0 or a larger one out is as it was
+ * @param outsize  capacity of out, 18 to 0x7fffffff; 0 or a larger one leaves out unchanged
  */
 BV_API void bv_os_mac_ntop(const void *mac, char *out, uint32_t outsize);
 
 /**
  * inet_pton(3) of an IPv4 address.
  *
- * @param text  four decimal numbers with dots between
- * @param out   gets 4 bytes in network order; as it was on failure
- * @return 1, or 0 when text is no address
+ * @param text  four decimal numbers separated by dots
+ * @param out   gets 4 bytes in network order; unchanged after a failure
+ * @return 1, or 0 when text is not an address
  */
 BV_API int bv_os_inet_pton(const char *text, void *out);
 
@@ -498,26 +490,26 @@ BV_API int bv_os_inet_pton(const char *text, void *out);
  *
  * @param address  4 bytes in network order
  * @param out      gets the text
- * @param outsize  capacity of out; 16 holds every address
- * @return out, or null with errno ENOSPC when the text does not fit: out is as it was
+ * @param outsize  capacity of out; every address fits in 16
+ * @return out, or null with errno ENOSPC when the text does not fit: out is unchanged
  */
 BV_API const char *bv_os_inet_ntop(const void *address, char *out, uint32_t outsize);
 
-/** inet_addr(3): the IPv4 address in network order, or 0xffffffff when text is none. */
+/** inet_addr(3): the IPv4 address in network order, or 0xffffffff when text is not an address. */
 BV_API uint32_t bv_os_inet_addr(const char *text);
 
 /**
- * Renders bytes as lower-case hexadecimal text, for up to 255 of them.
+ * Writes up to 255 bytes as lower-case hexadecimal text.
  *
- * The text restarts from empty at every 256th byte: of 256 bytes nothing is left, of 300 the last
- * 44. Whoever renders more does it in pieces.
+ * The text starts again at every 256th byte: 256 bytes give an empty text, 300 bytes the digits of
+ * the last 44. Write longer data in pieces.
  *
  * @param data     the bytes; null counts as none
  * @param length   how many
- * @param out      gets the text and zeros after it, in all min(outsize, 512) bytes; a smaller
- *                 outsize cuts the text without a terminator
- * @param outsize  capacity of out; 0 or above 0x7fffffff leaves out as it was
- * @return 0, always
+ * @param out      gets the text and zeros after it, min(outsize, 512) bytes in all; a small outsize
+ *                 cuts the text without a terminator
+ * @param outsize  capacity of out; 0 or above 0x7fffffff leaves out unchanged
+ * @return 0
  */
 BV_API int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint32_t outsize);
 
@@ -531,8 +523,8 @@ BV_API int32_t bv_os_tohexstr(const void *data, uint32_t length, char *out, uint
  * SHA-256 (FIPS 180-4) of a text, as text. Nothing happens when an argument is null.
  *
  * @param out   gets 64 lower-case hexadecimal digits and a terminator: at least 65 bytes
- * @param text  its terminator does not count; the digest is the standard's for texts below 2^29
- *              bytes. Of longer ones only the low 32 bits of the length in bits are hashed
+ * @param text  hashed without its terminator. Below 2^29 bytes the digest is the standard one; of a
+ *              longer text only the low 32 bits of the length in bits are hashed
  */
 BV_API void bv_os_sha256(char *out, const char *text);
 
@@ -542,38 +534,37 @@ BV_API void bv_os_sha256(char *out, const char *text);
  * @param data    the bytes
  * @param length  how many, at least 1
  * @param out     gets 64 lower-case hexadecimal digits and no terminator: pass 65 zeroed bytes to
- *                have a text
+ *                get a text
  *
  * @retval BV_OK           out holds the digest
- * @retval BV_ERR_INVALID  data or out is null, or length is 0: out is as it was
- * @retval BV_ERR_MEMORY   libcrypto has no memory, or was built without SM3: out is as it was
+ * @retval BV_ERR_INVALID  data or out is null, or length is 0: out is unchanged
+ * @retval BV_ERR_MEMORY   libcrypto has no memory, or was built without SM3: out is unchanged
  */
 BV_API uint32_t bv_os_sm3_str(const uint8_t *data, uint32_t length, char *out);
 
 /**
  * SM3 (GB/T 32905) of a file of any size, as text.
  *
- * @param path  the file; a read error counts as its end, so that a directory has the digest of
- *              nothing
- * @param out   gets 64 lower-case hexadecimal digits and no terminator, as in bv_os_sm3_str()
+ * @param path  the file; a read error counts as its end, so a directory has the digest of no bytes
+ * @param out   gets 64 lower-case hexadecimal digits and no terminator, as from bv_os_sm3_str()
  *
  * @retval BV_OK           out holds the digest
  * @retval BV_ERR_NO_FILE  the file does not exist, a folder on its path may not be searched, or an
  *                         argument is null
  * @retval BV_ERR_OPEN     the file cannot be opened
- * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB (the allocator prints that on
- *                         standard output); or as in bv_os_sm3_str()
+ * @retval BV_ERR_MEMORY   no memory for the read buffer of 64 KiB (the allocator prints its line on
+ *                         standard output); or as from bv_os_sm3_str()
  *
- * A failure leaves out as it was.
+ * A failure leaves out unchanged.
  */
 BV_API uint32_t bv_os_sm3_file(const char *path, char *out);
 
 /**
  * CRC-32 (IEEE 802.3, as in zlib), whole or in pieces.
  *
- * @param crc  0 to start, or the result for the piece before this one; comes back unchanged when
- *             there is nothing to add
- * @param buf  the bytes; not looked at when len is 0. Null counts as none
+ * @param crc  0 to start, or the result for the piece before this one; the result when there is
+ *             nothing to add
+ * @param buf  the bytes; not read when len is 0. Null counts as no bytes
  * @param len  how many
  * @return the checksum so far
  */
@@ -582,10 +573,10 @@ BV_API uint32_t bv_os_crc32(uint32_t crc, const uint8_t *buf, uint32_t len);
 /**
  * CRC-16/ARC, whole or in pieces.
  *
- * @param crc  0 to start, or the result for the piece before this one; comes back unchanged when
- *             there is nothing to add
- * @param buf  the bytes; not looked at when len is 0. Null counts as none
- * @param len  how many; crc comes back unchanged when buf + len wraps around the address space
+ * @param crc  0 to start, or the result for the piece before this one; the result when there is
+ *             nothing to add
+ * @param buf  the bytes; not read when len is 0. Null counts as no bytes
+ * @param len  how many; when buf + len wraps around the address space, crc is the result
  * @return the checksum so far
  */
 BV_API uint16_t bv_os_crc16(uint16_t crc, const uint8_t *buf, uint32_t len);
@@ -595,15 +586,14 @@ BV_API uint16_t bv_os_crc16(uint16_t crc, const uint8_t *buf, uint32_t len);
  * random bits.
  *
  * @param buf  gets num characters and no terminator
- * @param num  0 to 256; 0 leaves buf, which may then be null, as it was, and the generator is
- *             asked all the same
+ * @param num  0 to 256. With 0 buf is unchanged and may be null, but the generator is still called
  *
  * @retval 1                buf holds random text
- * @retval 0                num is negative, or buf is null and num is 1 to 256: buf is as it was
- * @retval BV_ERR_TOO_LONG  num is above 256: buf is as it was
+ * @retval 0                num is negative, or buf is null and num is 1 to 256: buf is unchanged
+ * @retval BV_ERR_TOO_LONG  num is above 256: buf is unchanged
  *
- * 0 or anything else is also what the random generator, libcrypto's RAND_bytes(), returns when it
- * fails. After that buf holds num digits that are not random.
+ * When the random generator, libcrypto's RAND_bytes(), fails, the result is what it returned, 0 or
+ * another number but 1, and buf holds num digits that are not random.
  */
 BV_API uint32_t bv_os_random(uint8_t *buf, int32_t num);
 
@@ -611,11 +601,11 @@ BV_API uint32_t bv_os_random(uint8_t *buf, int32_t num);
 /**
  * @name System calls
  *
- * Each wrapper passes its arguments on to the platform function that it is named after and
- * returns that function's result unchanged, with errno as the platform set it: no check (null
- * pointers go to the platform too), no retry, no message. What the platform's manual page says of
- * the function holds for the wrapper, thread safety and ownership included. Only four differ:
- * bv_os_msleep(), bv_os_shutdown(), bv_os_lseek() and bv_os_dev_open() say how.
+ * Each wrapper passes its arguments to the platform function that it is named after and returns its
+ * result, with errno as the platform set it: no check (also for null), no retry, no message. The
+ * platform's manual page is true of the wrapper too, also about threads and ownership. Five differ
+ * and say how: bv_os_msleep(), bv_os_shutdown(), bv_os_lseek(), bv_os_dev_open() and
+ * bv_get_filesize().
  * @{
  */
 
@@ -639,8 +629,8 @@ BV_API unsigned int bv_os_sleep(unsigned int seconds);
 /**
  * Waits milliseconds, through usleep(3).
  *
- * @param ms  milliseconds; ms * 1000 is taken modulo 2^32, so 4294967 is the longest exact wait
- *            and 4294968 waits 704 microseconds
+ * @param ms  milliseconds. ms * 1000 is modulo 2^32, so 4294967 is the longest exact wait and
+ *            4294968 waits 704 microseconds
  * @return 0, or -1 with errno
  */
 BV_API int bv_os_msleep(uint32_t ms);
@@ -679,7 +669,7 @@ BV_API ssize_t bv_os_recvfrom(int fd, void *buf, size_t len, int flags, struct s
 BV_API ssize_t bv_os_recvmsg(int fd, struct msghdr *msg, int flags);
 /** setsockopt(2). */
 BV_API int bv_os_setsockopt(int fd, int level, int option, const void *value, socklen_t len);
-/** ioctl(2). The one argument after request is always fetched, as a pointer-sized one. */
+/** ioctl(2). One argument after request is always fetched, with the size of a pointer. */
 BV_API int bv_os_ioctl(int fd, unsigned long request, ...);
 /** select(2). */
 BV_API int bv_os_select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
@@ -710,9 +700,9 @@ BV_API FILE *bv_os_popen(const char *command, const char *type);
 /** pclose(3): the command's wait status. */
 BV_API int bv_os_pclose(FILE *stream);
 
-/** open(2). The mode, a mode_t, is always fetched and passed on; flags that need none ignore it. */
+/** open(2). The mode, a mode_t, is always fetched and passed on, also with flags that need none. */
 BV_API int bv_os_open(const char *path, int flags, ...);
-/** The same as bv_os_open(), under the name that is used for device nodes. */
+/** The same as bv_os_open(), under the name that services use for device nodes. */
 BV_API int bv_os_dev_open(const char *path, int flags, ...);
 /** creat(2): a descriptor that the caller closes. */
 BV_API int bv_os_creat(const char *path, mode_t mode);
@@ -727,10 +717,10 @@ BV_API ssize_t bv_os_write(int fd, const void *buf, size_t count);
  * lseek(2) for files that fit in 31 bits.
  *
  * @param fd      the descriptor
- * @param offset  bytes, may be negative: it is widened with its sign
+ * @param offset  bytes, may be negative
  * @param whence  SEEK_SET, SEEK_CUR, SEEK_END
- * @return the new position cut to a signed 32-bit number. Exactly -1 is failure; past 2 GiB other
- *         negative numbers are positions that were cut
+ * @return the low 32 bits of the new position, as a signed number; -1 is a failure. Other negative
+ *         numbers are positions above 2 GiB
  */
 BV_API int32_t bv_os_lseek(int fd, int32_t offset, int whence);
 
@@ -752,6 +742,16 @@ BV_API int bv_os_rename(const char *from, const char *to);
 BV_API int bv_os_stat(const char *path, struct stat *st);
 /** fstat(2). */
 BV_API int bv_os_fstat(int fd, struct stat *st);
+
+/**
+ * Returns a file's size.
+ *
+ * @param path  the file
+ * @return the low 32 bits of its size in bytes, as a signed number (0 for a file of 4 GiB), or -1
+ *         when path is null or stat(2) fails
+ */
+BV_API int32_t bv_get_filesize(const char *path);
+
 /** getpid(2). */
 BV_API pid_t bv_os_getpid(void);
 
@@ -763,7 +763,7 @@ BV_API int bv_os_sigfillset(sigset_t *set);
 BV_API int bv_os_sigaddset(sigset_t *set, int sig);
 /** sigdelset(3). */
 BV_API int bv_os_sigdelset(sigset_t *set, int sig);
-/** sigismember(3): 1 or 0; for no such signal -1, but 0 with musl. */
+/** sigismember(3): 1 or 0; -1 for an unknown signal, but 0 with musl. */
 BV_API int bv_os_sigismember(const sigset_t *set, int sig);
 /** sigaction(2). */
 BV_API int bv_os_sigaction(int sig, const struct sigaction *act, struct sigaction *old);
@@ -775,13 +775,13 @@ BV_API int bv_os_sigpending(sigset_t *set);
 BV_API int bv_os_sigsuspend(const sigset_t *mask);
 /** sigwait(3): 0, or an error number. */
 BV_API int bv_os_sigwait(const sigset_t *set, int *sig);
-#ifdef SI_USER /* the C library has given us siginfo_t: see the top */
+#ifdef SI_USER /* siginfo_t exists: see the top */
 /** sigwaitinfo(2): the signal, or -1. */
 BV_API int bv_os_sigwaitinfo(const sigset_t *set, siginfo_t *info);
 /** sigtimedwait(2): the signal, or -1 with EAGAIN when none came in time. */
 BV_API int bv_os_sigtimedwait(const sigset_t *set, siginfo_t *info, const struct timespec *timeout);
 #endif
-/** signal(2): the handler before, or SIG_ERR. */
+/** signal(2): the previous handler, or SIG_ERR. */
 BV_API void (*bv_os_signal(int sig, void (*handler)(int)))(int);
 
 /** sem_init(3). */
@@ -807,7 +807,7 @@ BV_API int bv_os_semget(key_t key, int nsems, int flags);
 BV_API int bv_os_semop(int semid, struct sembuf *ops, size_t nops);
 /**
  * semctl(2). The fourth argument, a union semun or one of its members, is always fetched and passed
- * on; commands that use none ignore it.
+ * on, also with commands that need none.
  */
 BV_API int bv_os_semctl(int semid, int semnum, int cmd, ...);
 /** shmat(2): the address, or (void *)-1. There is no wrapper for shmget(2). */

@@ -8,12 +8,11 @@
  *  - lengths are in bytes; is224 is 0 for SHA-256 (32 bytes of output), anything else for SHA-224
  *    (28 bytes of output);
  *  - the caller owns every buffer and context, nothing is allocated and nothing is kept;
- *  - a null pointer is fine where the length beside it is 0; any other null argument makes the
- *    call do nothing;
- *  - output is written last, so it may be the place of the input or the key;
- *  - copies that the library makes of keys, passwords and intermediate results are cleared before
- *    it returns. The caller's context is the caller's to clear: during an HMAC it holds the key;
- *  - any number of threads may call at once, on contexts of their own.
+ *  - a pointer may be null if its length is 0; with any other null argument the call does nothing;
+ *  - output is written last, so it may overlap the input or the key;
+ *  - the library clears its copies of keys, passwords and intermediate results before it returns.
+ *    It does not clear the caller's context, which holds the key during an HMAC;
+ *  - any number of threads may call at once, each on its own contexts.
  *
  * Calling order: sha2_starts(), sha2_update() as often as needed, sha2_finish(). With a key:
  * sha2_hmac_starts(), sha2_hmac_update() as often as needed, sha2_hmac_finish(); then
@@ -28,7 +27,7 @@
 extern "C" {
 #endif
 
-/** A hash or HMAC under way. Its fields are the library's to change. */
+/** A hash or HMAC that is being computed. Only the library changes its fields. */
 typedef struct sha2_context {
     uint32_t total[2];  /**< bytes hashed so far: low word, high word */
     uint32_t state[8];  /**< intermediate hash value */
@@ -47,8 +46,8 @@ typedef struct sha2_context {
 BV_API void sha2_starts(sha2_context *ctx, int32_t is224);
 
 /**
- * Adds to the message. Where the pieces are cut does not matter to the digest; whole blocks of 64
- * bytes are hashed where they lie, only the rest is copied.
+ * Adds to the message. It does not matter to the digest where the pieces are cut. Whole blocks of
+ * 64 bytes are hashed in place, only the rest is copied.
  *
  * @param ctx    from sha2_starts()
  * @param input  ilen bytes
@@ -77,15 +76,14 @@ BV_API void sha2(const uint8_t *input, uint32_t ilen, uint8_t *output, int32_t i
 /**
  * Begins a message under a key.
  *
- * @param ctx     need not be initialised; afterwards it holds the key, in a form as good as the
- *                key itself
+ * @param ctx     need not be initialised; afterwards it is as secret as the key
  * @param key     keylen bytes; not needed after the call
- * @param keylen  any; a key of more than 64 bytes stands for its own digest
+ * @param keylen  any; a key of more than 64 bytes is replaced by its digest
  * @param is224   which hash
  */
 BV_API void sha2_hmac_starts(sha2_context *ctx, const uint8_t *key, uint32_t keylen, int32_t is224);
 
-/** Adds to the message, as sha2_update(). */
+/** Adds to the message; as sha2_update(). */
 BV_API void sha2_hmac_update(sha2_context *ctx, const uint8_t *input, uint32_t ilen);
 
 /**
@@ -97,8 +95,8 @@ BV_API void sha2_hmac_update(sha2_context *ctx, const uint8_t *input, uint32_t i
 BV_API void sha2_hmac_finish(sha2_context *ctx, uint8_t *output);
 
 /**
- * Begins another message under the key that sha2_hmac_starts() was given. A message under way is
- * dropped.
+ * Begins another message under the key that was passed to sha2_hmac_starts(). An unfinished message
+ * is dropped.
  *
  * @param ctx  the context; keeps the key
  */
@@ -108,7 +106,7 @@ BV_API void sha2_hmac_reset(sha2_context *ctx);
  * The HMAC of one message in memory.
  *
  * @param key     keylen bytes
- * @param keylen  any; a key of more than 64 bytes stands for its own digest
+ * @param keylen  any; a key of more than 64 bytes is replaced by its digest
  * @param input   ilen bytes
  * @param ilen    its length
  * @param output  gets 32 bytes, or 28 for SHA-224
@@ -120,8 +118,7 @@ BV_API void sha2_hmac(const uint8_t *key, uint32_t keylen, const uint8_t *input,
 /**
  * Derives a key from a password: PBKDF2 with HMAC-SHA-256.
  *
- * It takes about 4 * iterations * ((key_length + 31) / 32) hash blocks of time and cannot be
- * interrupted.
+ * It hashes about 4 * iterations * ((key_length + 31) / 32) blocks and cannot be interrupted.
  *
  * @param password    plen bytes
  * @param plen        its length, may be 0

@@ -1,11 +1,11 @@
 /**
  * @file status.h
- * The status codes of the library: 0 is success, specific failures have the form 0x100000xx,
- * one table for all families, and -1 is a failure without a code of its own (a system call
- * failed, a file could not be parsed). Functions that return a pointer return null instead.
+ * The status codes of all families: 0 is success, specific failures have the form 0x100000xx, and
+ * -1 is any other failure (a system call failed, a file could not be parsed). Functions that return
+ * a pointer return null instead.
  *
- * The codes fit both int32_t and uint32_t, so either kind of result compares with them directly;
- * -1 is 0xFFFFFFFF in the unsigned ones.
+ * The codes fit both int32_t and uint32_t, so results of both types compare with them directly; -1
+ * is 0xFFFFFFFF as an unsigned result.
  */
 #ifndef BV_STATUS_H
 #define BV_STATUS_H

@@ -43,7 +43,7 @@ bool Library::add(const char *path)
     auto *entry = static_cast<Entry *>(calloc(1, sizeof(Entry) + length));
     if (entry == nullptr)
         return false;
-    memcpy(entry->path, path, length);
+    memcpy(entry->path, path, length + 1);
     entry->next = entries_;
     entries_ = entry;
     return true;

@@ -12,6 +12,10 @@ enum Field { kFuncOrReturn, kLen, kData };
 constexpr blobmsg_policy kReplyPolicy[bv::kRpcFields] = {
     {"return", BLOBMSG_TYPE_INT32}, {"len", BLOBMSG_TYPE_INT32}, {"data", BLOBMSG_TYPE_UNSPEC}};
 
+constexpr uint32_t kWord = 4;      // an attribute's header, an integer
+constexpr uint32_t kObjectId = 8;  // as an attribute
+constexpr uint32_t kArguments = 4; // header of the attribute that holds the fields
+
 constexpr uint64_t padded(uint64_t length)
 {
     return (length + 3) & ~uint64_t{3};
@@ -22,33 +26,33 @@ constexpr uint64_t padded(uint64_t length)
 template <size_t Size>
 constexpr uint32_t header_of(const char (&)[Size])
 {
-    return static_cast<uint32_t>(sizeof(blob_attr) + padded(2 + Size));
+    return static_cast<uint32_t>(kWord + padded(sizeof(uint16_t) + Size));
 }
 
-constexpr uint32_t kLenField = header_of("len") + 4;
+constexpr uint32_t kLenField = header_of("len") + kWord;
 
-// Fields of a reply around its bytes.
-constexpr uint32_t kReplyFieldsLength = header_of("return") + 4 + kLenField + header_of("data");
-// The body around them: its own word, the object's id, the header of the arguments.
-constexpr uint32_t kReplyBodyOverhead = 4 + 8 + 4 + kReplyFieldsLength;
+// Fields of a reply without its data, and the body without it.
+constexpr uint32_t kReplyFields = header_of("return") + kWord + kLenField + header_of("data");
+constexpr uint32_t kReplyBody = kWord + kObjectId + kArguments + kReplyFields;
 
-// The same of a request without the function's name; the method's name comes before the arguments.
-constexpr uint64_t kRequestBodyOverhead = 4 + 8 + 4 + padded(sizeof(bv::kMethodName)) + 4 +
-                                          header_of("func") + kLenField + header_of("data");
+// The body of a request without its data and the function's name. The method's name comes before
+// the arguments.
+constexpr uint64_t kRequestBody = kWord + kObjectId + kWord + padded(sizeof(bv::kMethodName)) +
+                                  kArguments + header_of("func") + kLenField + header_of("data");
 
 // The daemon adds up to two account names to a call that it passes on, and does not look at the
 // limit again. An owner that receives a message above the limit loses its place in the stream for
 // good.
 constexpr uint64_t kAccountNames = 128;
 
-// Beyond the fields in a buffer: the table's header and the padding.
-constexpr uint32_t kReserveMargin = 4 + 3;
+// A buffer also holds the header of its table, and padding.
+constexpr uint32_t kReserveMargin = kWord + 3;
 
-constexpr uint32_t kLongestReply = bv::kBusBodyLimit - kReplyBodyOverhead;
+constexpr uint32_t kLongestReply = bv::kBusBodyLimit - kReplyBody;
 static_assert(kLongestReply % 4 == 0, "padding cannot lift a reply over the limit");
 
-// The slots decide and not the parser's result: it stops at a malformed field, but those before
-// it are good, and it takes a message without any for an error.
+// The slots decide, not the parser's result: it stops at a malformed field, but those before it are
+// good, and it calls a message without fields an error.
 bool parse_fields(const blobmsg_policy *policy, blob_attr *message,
                   blob_attr *(&fields)[bv::kRpcFields])
 {
@@ -59,14 +63,14 @@ bool parse_fields(const blobmsg_policy *policy, blob_attr *message,
     return fields[kFuncOrReturn] != nullptr && fields[kLen] != nullptr && fields[kData] != nullptr;
 }
 
-// Fields are found by their whole name, so the length of their header is known. The parser has
-// checked that their data is as long as their type needs.
+// A field was found by its whole name, so the length of its header is known. The parser has checked
+// that its data is as long as its type needs.
 const uint8_t *data_of(const blob_attr *field, uint32_t header)
 {
     return bv::attr_bytes(field) + header;
 }
 
-// As bv_blobmsg_add_u32(), but inline: a reply has two of them.
+// Like bv_blobmsg_add_u32(), but inline: a reply has two of these.
 inline bool add_word(blob_buf &buf, const char *name, uint32_t value)
 {
     uint8_t bytes[sizeof(value)];
@@ -109,8 +113,8 @@ bool rpc_parse_reply(blob_attr *message, RpcReply &reply)
 bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length)
 {
     const uint64_t func_size = uint64_t{bv_os_strlen(func)} + 1;
-    const uint64_t body = kRequestBodyOverhead + padded(func_size) + padded(length);
-    // What exceeds a message is not built at all: the buffer would keep that size for ever.
+    const uint64_t body = kRequestBody + padded(func_size) + padded(length);
+    // Checked before anything is built: the buffer would keep the size for ever.
     return body + kAccountNames <= kBusBodyLimit && bv_blobmsg_buf_init(&buf) == 0 &&
            bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_STRING, "func", func,
                                 static_cast<unsigned int>(func_size)) == 0 &&
@@ -129,10 +133,10 @@ bool rpc_reserve_reply(blob_buf &buf, uint32_t length)
 {
     if (length > kLongestReply)
         return false;
-    const uint32_t needed = kReplyFieldsLength + length;
+    const uint32_t needed = kReplyFields + length;
     if (buf.head != nullptr && static_cast<uint32_t>(buf.buflen) >= needed + kReserveMargin)
         return true;
-    // One unwritten attribute as long as all fields together: the buffer keeps its size when it is
+    // One unwritten attribute as long as all fields together. The buffer keeps its size when it is
     // initialised again.
     return bv_blobmsg_buf_init(&buf) == 0 && bv_blob_put(&buf, 0, nullptr, needed) != nullptr;
 }

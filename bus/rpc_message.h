@@ -1,10 +1,11 @@
-// The two messages of a remote call, as the arguments and the answer of the bus method "method".
+// The two messages of a remote call: the arguments and the answer of the bus method "method". The
+// library and bv-call compile this codec.
 //
 //   request   "func" string, "len" 32 bits, "data" raw bytes
 //   reply     "return" 32 bits, "len" 32 bits, "data" raw bytes
 //
-// Both come from another process: what a parse function hands out lies inside the message, with
-// the number of bytes that are really there.
+// Both come from another process. What a parse function hands out is inside the message, with the
+// number of bytes that are really there.
 #ifndef BV_BUS_RPC_MESSAGE_H
 #define BV_BUS_RPC_MESSAGE_H
 
@@ -15,7 +16,7 @@ namespace bv {
 constexpr char kDefaultObjectName[] = "brovan.gateway.server";
 constexpr char kMethodName[] = "method";
 
-// The longest body that the bus carries; it drops the connection of whoever sends a longer reply.
+// The longest body that the bus carries. It disconnects whoever sends a longer reply.
 constexpr uint32_t kBusBodyLimit = 1024 * 1024;
 
 constexpr int kRpcFields = 3;
@@ -39,13 +40,13 @@ struct RpcReply {
 bool rpc_parse_request(blob_attr *message, RpcRequest &request);
 bool rpc_parse_reply(blob_attr *message, RpcReply &reply);
 
-// Fills buf with a message; false when memory is short or the message is too long: a request for
-// the bus, with the account names that the daemon adds; a reply for buf.
+// Fills buf with a message. False when memory is short or the message is too long: a request for
+// the bus, counting the account names that the daemon adds; a reply for buf.
 bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length);
 bool rpc_build_reply(blob_buf &buf, uint32_t result, const void *data, uint32_t length);
 
-// Makes sure, before a handler runs, that its reply will fit both buf and the bus. Discards what
-// buf holds.
+// Makes sure, before a handler runs, that its reply will fit both buf and the bus. What buf holds
+// is lost.
 bool rpc_reserve_reply(blob_buf &buf, uint32_t length);
 
 } // namespace bv

@@ -1,4 +1,4 @@
-# Definitions, warnings and hardening of every target of this tree.
+# Definitions, warnings and hardening of every target of this tree, and C++ without its run-time library.
 
 # 64-bit file offsets and times with every C library: musl, the target's, has nothing else, and a
 # 32-bit glibc build would otherwise disagree with its callers about struct stat and timeval. Where
@@ -31,3 +31,16 @@ if("${CMAKE_C_FLAGS} ${CMAKE_CXX_FLAGS}" MATCHES "-Wp,[^ ]*_FORTIFY_SOURCE")
 else()
   add_compile_options(-U_FORTIFY_SOURCE)
 endif()
+
+# C++ that needs no C++ run-time library, which the gateway does not ship.
+#
+# CMake must not add that library by itself; C++ programs (the tests) get it from their own driver.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+
+# bv_without_cxx_runtime(TARGET): has the C driver link the target. Nothing is initialised at run
+# time, so -fno-threadsafe-statics leaves out no guard that is needed.
+function(bv_without_cxx_runtime target)
+  set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
+  target_compile_options(${target} PRIVATE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+endfunction()

@@ -5,37 +5,38 @@
 #include <cstdio>
 #include <vector>
 
-extern "C" {
 #include "tools/collect/capture.h"
 #include "tools/collect/datagram.h"
 #include "tools/common/visible.h"
-}
 
 namespace {
 
-capture g_reader; // of 64 KiB
+using tools::Capture;
+using tools::Packet;
+
+Capture g_reader; // of 64 KiB
 
 struct Seen {
-    packet head;
+    Packet head;
     std::string carried;
 };
 
-void show(const packet &found, FILE *to)
+void show(const Packet &found, FILE *to)
 {
-    datagram message;
-    if (datagram_read(&message, found.data, found.length) == nullptr)
-        print_visible(to, message.text, message.length);
+    tools::Datagram message;
+    if (tools::read_datagram(message, found.data, found.length) == nullptr)
+        tools::print_visible(to, message.text, message.length);
 }
 
 // Each datagram lies in memory of its own, so that the sanitizer sees where it ends.
-std::vector<Seen> read_all(FILE *file, capture_result *end)
+std::vector<Seen> read_all(FILE *file, Capture::Result &end)
 {
     std::vector<Seen> all;
-    *end = CAPTURE_END;
-    if (capture_open(&g_reader, file) != nullptr)
+    end = Capture::Result::End;
+    if (g_reader.open(file) != nullptr)
         return all;
-    packet found;
-    while ((*end = capture_next(&g_reader, &found)) == CAPTURE_PACKET) {
+    Packet found;
+    while ((end = g_reader.next(found)) == Capture::Result::Packet) {
         Seen seen{found, {reinterpret_cast<const char *>(found.data), found.length}};
         fuzz::Block exact(seen.carried);
         found.data = exact.bytes();
@@ -61,21 +62,21 @@ void check_written(const std::vector<Seen> &all)
     char *bytes = nullptr;
     size_t length = 0;
     FILE *file = open_memstream(&bytes, &length);
-    FUZZ_CHECK(file != nullptr && capture_begin(file));
+    FUZZ_CHECK(file != nullptr && tools::begin_capture(file));
     for (const Seen &seen : all) {
-        packet again = seen.head;
+        Packet again = seen.head;
         again.data = reinterpret_cast<const uint8_t *>(seen.carried.data());
-        FUZZ_CHECK(capture_append(file, &again));
+        FUZZ_CHECK(tools::append_packet(file, again));
     }
     FUZZ_CHECK(fclose(file) == 0);
 
     file = fmemopen(bytes, length, "r");
     FUZZ_CHECK(file != nullptr);
-    capture_result end;
-    const std::vector<Seen> read = read_all(file, &end);
+    Capture::Result end;
+    const std::vector<Seen> read = read_all(file, end);
     fclose(file);
     free(bytes);
-    FUZZ_CHECK(end == CAPTURE_END && read.size() == all.size() && g_reader.skipped == 0);
+    FUZZ_CHECK(end == Capture::Result::End && read.size() == all.size() && g_reader.skipped == 0);
     for (size_t i = 0; i < all.size(); ++i)
         check_same(all[i], read[i]);
 }
@@ -96,8 +97,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FILE *file = fmemopen(copy.bytes(), size, "r");
     if (file == nullptr)
         return 0;
-    capture_result end;
-    const std::vector<Seen> all = read_all(file, &end);
+    Capture::Result end;
+    const std::vector<Seen> all = read_all(file, end);
     fclose(file);
     check_written(all);
     return 0;

@@ -5,12 +5,10 @@
 #include <cstdio>
 #include <sys/stat.h>
 
-extern "C" {
+#include "tools/template/checked_file.h"
 #include "tools/template/data.h"
-#include "tools/template/fault.h"
 #include "tools/template/header.h"
 #include "tools/template/library.h"
-}
 
 namespace {
 
@@ -28,28 +26,27 @@ bool make_ready()
 // Where the template has no fault, its header must come out.
 void check_template()
 {
-    static family read;
-    const unsigned faults = fault_count();
-    const bool usable = family_read(&read, kTemplate);
-    FUZZ_CHECK(usable || fault_count() > faults || had_file_trouble());
-    FUZZ_CHECK(read.count <= PARAMETERS_MAX);
-    if (usable && fault_count() == faults) {
-        char *text = nullptr;
-        size_t length = 0;
-        FILE *to = open_memstream(&text, &length);
-        FUZZ_CHECK(to != nullptr);
-        FUZZ_CHECK(header_write(to, &read, nullptr));
-        FUZZ_CHECK(fclose(to) == 0 && length > 0);
-        free(text);
-    }
-    family_free(&read);
+    tools::Family family;
+    const unsigned faults = tools::fault_count();
+    const bool usable = tools::read_family(kTemplate, family);
+    FUZZ_CHECK(usable || tools::fault_count() > faults || tools::had_file_trouble());
+    FUZZ_CHECK(family.count <= bv::kMaxParameters);
+    if (!usable || tools::fault_count() > faults)
+        return;
+    char *text = nullptr;
+    size_t length = 0;
+    FILE *to = open_memstream(&text, &length);
+    FUZZ_CHECK(to != nullptr);
+    FUZZ_CHECK(tools::write_header(to, family, nullptr));
+    FUZZ_CHECK(fclose(to) == 0 && length > 0);
+    free(text);
 }
 
 void check_data()
 {
-    FUZZ_CHECK(library_open(kFolder));
-    data_check(kData);
-    library_close();
+    tools::Library templates;
+    FUZZ_CHECK(templates.open(kFolder));
+    tools::check_data(kData, templates);
 }
 
 } // namespace

@@ -1,18 +1,15 @@
 // bv-call with a template, against an owner whose functions read and write its database.
 
 #include "support/bus.h"
-#include "support/child.h"
-#include "support/files.h"
+#include "tools/tool.h"
 
 #include <bv/bv.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 
 using namespace std::string_literals;
 
-const std::string kTemplate = BV_TEST_SOURCE_DIR "/../examples/template/lan.json";
+const std::string kTemplate = kExamples + "template/lan.json";
 
 // The bytes are the image of lan.json.
 uint32_t lan_get(void *data, uint32_t length)
@@ -25,7 +22,7 @@ uint32_t lan_set(void *data, uint32_t length)
     return static_cast<uint32_t>(bv_db_write("lan.json", data, length, 1));
 }
 
-// The bytes are a status and an instance in front of the image.
+// The bytes are a status and an instance, then the image.
 struct Head {
     int32_t status;
     uint32_t instance;
@@ -70,8 +67,7 @@ protected:
     CallParameters()
     {
         write_file("/etc/template/lan.json", read_file(kTemplate));
-        write_file("/config/work/userdata.json",
-                   read_file(BV_TEST_SOURCE_DIR "/../examples/data/userdata.json"));
+        write_file("/config/work/userdata.json", read_file(kExamples + "data/userdata.json"));
         service_ = new Service(own);
         EXPECT_TRUE(wait_for_object("brovan.gateway.server"));
     }
@@ -81,139 +77,131 @@ protected:
     Service *service_;
 };
 
+const char kStored[] =
+    "ipaddr=192.168.8.1\nnetmask=255.255.255.0\nmtu=1500\nhostname=office\ndhcp=1\n";
+
 TEST_F(CallParameters, AreReadByName)
 {
-    Outcome outcome = run_tool({"-T", "lan.json", "lan_get"});
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
-    EXPECT_EQ(outcome.output, "ipaddr=192.168.8.1\nnetmask=255.255.255.0\nmtu=1500\n"
-                              "hostname=office\ndhcp=1\n");
-    EXPECT_EQ(outcome.errors, "bv-call: result 0x00000000, 43 bytes\n");
+    EXPECT_EQ(run_line("-T lan.json lan_get"),
+              (Outcome{0, kStored, "bv-call: result 0x00000000, 43 bytes\n"}));
 }
 
 TEST_F(CallParameters, AreWrittenByName)
 {
-    Outcome set = run_tool({"--template", kTemplate, "lan_set", "ipaddr=10.9.8.7", "mtu=1280",
-                            "hostname=a=b", "dhcp=0"});
+    const Outcome set = run_line("--template " + kTemplate +
+                                 " lan_set ipaddr=10.9.8.7 mtu=1280 hostname=a=b dhcp=0");
     EXPECT_EQ(set.status, 0) << set.errors;
-    EXPECT_EQ(run_tool({"-T", "lan.json", "lan_get"}).output,
+    EXPECT_EQ(run_line("-T lan.json lan_get").output,
               "ipaddr=10.9.8.7\nnetmask=255.255.255.0\nmtu=1280\nhostname=a=b\ndhcp=0\n");
 }
 
 TEST_F(CallParameters, HaveTheTemplatesDefaultsUnlessBytesAreGiven)
 {
-    EXPECT_EQ(run_tool({"-T", "lan.json", "echo"}).output,
+    EXPECT_EQ(run_line("-T lan.json echo").output,
               "ipaddr=192.168.1.1\nnetmask=255.255.255.0\nmtu=1500\nhostname=gateway\ndhcp=1\n");
-    EXPECT_EQ(run_tool({"-T", "lan.json", "-x", "0a000001 ffff", "echo", "mtu=9000"}).output,
+    EXPECT_EQ(run_line("-T lan.json -x 0a000001ffff echo mtu=9000").output,
               "ipaddr=10.0.0.1\nnetmask=255.255.255.0\nmtu=9000\nhostname=gateway\ndhcp=1\n");
 }
 
-// What one call gives back is the next one's start: changing one parameter leaves the others.
+// What one call gives back is the start of the next: changing one parameter leaves the others.
 TEST_F(CallParameters, CanBeChangedOneByOne)
 {
-    ASSERT_EQ(run_tool({"-T", "lan.json", "-w", "/scratch/image", "lan_get"}).status, 0);
-    ASSERT_EQ(run_tool({"-T", "lan.json", "-f", "/scratch/image", "lan_set", "mtu=1400"}).status,
-              0);
-    EXPECT_EQ(run_tool({"-T", "lan.json", "lan_get"}).output,
+    ASSERT_EQ(run_line("-T lan.json -w /scratch/image lan_get").status, 0);
+    ASSERT_EQ(run_line("-T lan.json -f /scratch/image lan_set mtu=1400").status, 0);
+    EXPECT_EQ(run_line("-T lan.json lan_get").output,
               "ipaddr=192.168.8.1\nnetmask=255.255.255.0\nmtu=1400\nhostname=office\ndhcp=1\n");
 }
 
-TEST_F(CallParameters, MayStandBehindOtherBytes)
+TEST_F(CallParameters, MayComeAfterOtherBytes)
 {
-    Outcome outcome =
-        run_tool({"-T", "lan.json", "-O", "8", "-x", "ffffffff 01000000", "lan_get_headed"});
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
-    EXPECT_EQ(outcome.output,
-              "00000000  00 00 00 00 01 00 00 00                           |........|\n"
-              "ipaddr=192.168.8.1\nnetmask=255.255.255.0\nmtu=1500\n"
-              "hostname=office\ndhcp=1\n");
-    EXPECT_EQ(outcome.errors, "bv-call: result 0x00000000, 51 bytes\n");
+    EXPECT_EQ(run_line("-T lan.json -O 8 -x ffffffff01000000 lan_get_headed"),
+              (Outcome{0,
+                       "00000000  00 00 00 00 01 00 00 00                           |........|\n"s +
+                           kStored,
+                       "bv-call: result 0x00000000, 51 bytes\n"}));
 
-    Outcome sized =
-        run_tool({"-T", "lan.json", "-O", "8", "-n", "100", "-w", "-", "echo", "dhcp=9"});
-    EXPECT_EQ(sized.output.size(), 100u);
-    EXPECT_EQ(sized.output.substr(0, 12), "\0\0\0\0\0\0\0\0\xc0\xa8\1\1"s);
-    EXPECT_EQ(sized.output[8 + 42], 9);
+    const std::string sized = run_line("-T lan.json -O 8 -n 100 -w - echo dhcp=9").output;
+    ASSERT_EQ(sized.size(), 100u);
+    EXPECT_EQ(sized.substr(0, 12), "\0\0\0\0\0\0\0\0\xc0\xa8\1\1"s);
+    EXPECT_EQ(sized[8 + 42], 9);
 }
 
 TEST_F(CallParameters, ArePrintedAsBytesOnRequest)
 {
-    Outcome outcome = run_tool({"-T", "lan.json", "-p", "hex", "lan_get"});
-    EXPECT_EQ(outcome.output.substr(0, 35), "00000000  c0 a8 08 01 ff ff ff 00  ");
+    EXPECT_EQ(run_line("-T lan.json -p hex lan_get").output.substr(0, 35),
+              "00000000  c0 a8 08 01 ff ff ff 00  ");
 }
 
-TEST_F(CallParameters, AreRefusedWhenTheyWouldBeStoredAsSomethingElse)
+TEST_F(CallParameters, AreRefusedWhenTheyWouldBeStoredDifferently)
 {
-    const std::pair<const char *, const char *> rows[] = {
+    const std::pair<std::string, const char *> rows[] = {
         {"mtu=70000", "70000 does not fit type ushort (0 to 65535)"},
         {"mtu=", "'' is not a number"},
-        {"ipaddr=10.0.0", "'10.0.0' is no IPv4 address"},
+        {"ipaddr=10.0.0", "'10.0.0' is not an IPv4 address"},
         {"hostname=abcdefghijklmnopqrstuvwxyz012345",
          "text of 32 bytes is too long for len 32, which counts the zero byte at its end"},
         {"speed=1", "the template has no such parameter"},
         {"=1", "the template has no such parameter"},
         {"mtu", "is not of the form NAME=VALUE"}};
-    for (const auto &[assignment, why] : rows) {
-        Outcome outcome = run_tool({"-T", "lan.json", "lan_set", "mtu=1", assignment});
-        EXPECT_EQ(outcome.status, 2);
-        EXPECT_EQ(outcome.errors, std::string("bv-call: ") + assignment + ": " + why + "\n");
-    }
-    EXPECT_NE(run_tool({"-T", "lan.json", "lan_get"}).output.find("mtu=1500\n"), std::string::npos);
+    for (const auto &[assignment, why] : rows)
+        EXPECT_EQ(run_line("-T lan.json lan_set mtu=1 " + assignment),
+                  (Outcome{2, "", "bv-call: " + assignment + ": " + why + "\n"}));
+    EXPECT_EQ(run_line("-T lan.json lan_get").output, kStored);
 }
 
-TEST_F(CallParameters, MayComeFromATemplateDeepInATree)
+TEST_F(CallParameters, MayComeFromTemplateDeepInTree)
 {
     std::string folder = "/scratch";
-    for (int depth = 0; depth < 8; depth++) {
+    for (int depth = 0; depth < 8; ++depth) {
         folder += "/" + std::string(200, 'x');
         ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
     }
     write_file(folder + "/lan.json", read_file(kTemplate));
-    Outcome outcome = run_tool({"-T", folder + "/lan.json", "-p", "nothing", "echo"});
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(run_line("-T " + folder + "/lan.json -p nothing echo").status, 0);
 }
 
-TEST_F(CallParameters, NeedATemplateThatHasSome)
+TEST_F(CallParameters, NeedTemplateThatDefinesSome)
 {
-    Outcome outcome = run_tool({"-T", "wan.json", "lan_get"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors,
-              "bv-call: wan.json: there is no such template, nor one in /etc/template\n");
-    write_file("/scratch/bad.json", "{");
-    EXPECT_EQ(run_tool({"-T", "/scratch/bad.json", "lan_get"}).errors,
-              "bv-call: /scratch/bad.json: cannot be read as a template\n");
-    write_file("/scratch/bad.json", "{\"para\":[]}");
-    EXPECT_EQ(run_tool({"-T", "/scratch/bad.json", "lan_get"}).errors,
-              "bv-call: /scratch/bad.json: has no parameters\n");
-    write_file("/scratch/bad.json", R"({"para":[
-        {"name":"a","type":"int","len":-2147483648,"value":"1"},
-        {"name":"b","type":"int","len":-2147483648,"value":"1"}]})");
-    outcome = run_tool({"-T", "/scratch/bad.json", "lan_get"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "bv-call: /scratch/bad.json: cannot be read as a template\n");
-    EXPECT_EQ(run_tool({"-T", "lan.json", "-O", "999990", "lan_get"}).errors,
-              "bv-call: --offset: the image does not fit into a call\n");
+    const auto refused = [](const std::string &what, const std::string &why) {
+        return Outcome{2, "", "bv-call: " + what + ": " + why + "\n"};
+    };
+    EXPECT_EQ(run_line("-T wan.json lan_get"),
+              refused("wan.json", "no such template, neither here nor in /etc/template"));
+    EXPECT_EQ(run_line("-T lan.json -O 999990 lan_get"),
+              refused("--offset", "the image does not fit into a call"));
+
+    const std::string bad = "/scratch/bad.json";
+    const char *const rows[][2] = {
+        {"{", "cannot be read as a template"},
+        {"{\"para\":[]}", "has no parameters"},
+        {R"({"para":[{"name":"a","type":"int","len":-2147483648,"value":"1"},
+                     {"name":"b","type":"int","len":-2147483648,"value":"1"}]})",
+         "cannot be read as a template"}};
+    for (const auto &[content, why] : rows) {
+        write_file(bad, content);
+        EXPECT_EQ(run_line("-T " + bad + " lan_get"), refused(bad, why));
+    }
 }
 
-TEST_F(CallParameters, TextThatFillsItsBytesEndsWithTheImage)
+TEST_F(CallParameters, EndWithTheImageWhenTextFillsIt)
 {
     write_file("/scratch/text.json",
                R"({"para":[{"name":"s","type":"string","len":4,"value":""}]})");
-    EXPECT_EQ(run_tool({"-T", "/scratch/text.json", "-x", "61626364 65656565", "echo"}).output,
-              "s=abcd\n");
+    EXPECT_EQ(run_line("-T /scratch/text.json -x 6162636465656565 echo").output, "s=abcd\n");
 }
 
 // Lengths of a template that disagree with its types reach no byte outside the call's.
-TEST_F(CallParameters, OfAFaultyTemplateDoNoHarm)
+TEST_F(CallParameters, OfFaultyTemplateDoNoHarm)
 {
     write_file("/scratch/odd.json", R"({"para":[{"name":"a","type":"int","len":1,"value":"1"},
         {"name":"b","type":"string","len":-1,"value":"x"},
         {"name":"c","type":"mac","len":2,"value":"1:2:3:4:5:6"},
         {"name":"d","type":"uint64","len":1,"value":"7"}]})");
-    Outcome outcome = run_tool({"-T", "/scratch/odd.json", "echo", "a=5", "c=1:2:3:4:5:6"});
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    const Outcome outcome = run_line("-T /scratch/odd.json echo a=5 c=1:2:3:4:5:6");
+    EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.errors, "bv-call: result 0x00000000, 3 bytes\n");
-    EXPECT_EQ(run_tool({"-T", "/scratch/odd.json", "echo", "d=5"}).errors,
-              "bv-call: d=5: the template gives it a type that nothing converts to\n");
+    EXPECT_EQ(run_line("-T /scratch/odd.json echo d=5").errors,
+              "bv-call: d=5: its type in the template is unknown\n");
 }
 
 } // namespace

@@ -1,46 +1,51 @@
-// The scanner behind bv-template, on good texts and on garbage.
+// The JSON reader of bv-template, on good texts and on garbage.
+
+#include "tools/template/json.h"
 
 #include <bv/ubus.h>
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <cstring>
 #include <string>
-
-extern "C" {
-#include "tools/template/json.h"
-}
 
 namespace {
 
-using Tree = std::unique_ptr<json, void (*)(json *)>;
+using tools::Json;
+using Kind = Json::Kind;
 
-json_fault g_fault;
+// A document in memory that ends where the text ends, so that the sanitizer sees a step past it.
+struct Parsed {
+    explicit Parsed(const std::string &text)
+    {
+        auto *block = static_cast<char *>(malloc(1 + text.size()));
+        memcpy(block + 1, text.data(), text.size());
+        good = document.parse(block, text.size(), fault);
+    }
+    const Json *operator->() const { return document.root(); }
+    const Json &root() const { return *document.root(); }
 
-// Reads from memory that ends where the text ends, so that the sanitizer sees a step beyond.
-Tree parse(const std::string &text)
-{
-    std::unique_ptr<char[]> exact(new char[text.size()]);
-    text.copy(exact.get(), text.size());
-    return {json_parse(exact.get(), text.size(), &g_fault), json_free};
-}
+    tools::JsonDocument document;
+    tools::JsonFault fault;
+    bool good;
+};
 
 std::string fault_in(const std::string &text)
 {
-    Tree tree = parse(text);
-    return tree != nullptr ? "none" : std::to_string(g_fault.line) + ": " + g_fault.what;
+    const Parsed parsed(text);
+    return parsed.good ? "none" : std::to_string(parsed.fault.line) + ": " + parsed.fault.what;
 }
 
-TEST(Json, KnowsTheLineOfEveryValueAndName)
+TEST(Json, KnowsLineOfEveryValueAndName)
 {
-    Tree tree = parse("\n{ \"a\" :\n 1,\r\n\"b\": [ true,\n\n\"x\\ny\n\", null\n] }\n");
-    ASSERT_NE(tree, nullptr);
+    const Parsed tree("\n{ \"a\" :\n 1,\r\n\"b\": [ true,\n\n\"x\\ny\n\", null\n] }\n");
+    ASSERT_TRUE(tree.good);
     EXPECT_EQ(tree->line, 2u);
-    const json *a = tree->first, *b = a->next;
+    const Json *a = tree->first, *b = a->next;
     EXPECT_EQ(a->name_line, 2u);
     EXPECT_EQ(a->line, 3u);
     EXPECT_EQ(b->line, 4u);
-    EXPECT_EQ(b->first->type, JSON_TRUTH);
+    EXPECT_EQ(b->first->kind, Kind::Truth);
     EXPECT_EQ(b->first->next->line, 6u);
     EXPECT_STREQ(b->first->next->text, "x\ny\n");
     EXPECT_EQ(b->first->next->next->line, 7u);
@@ -49,59 +54,62 @@ TEST(Json, KnowsTheLineOfEveryValueAndName)
 
 TEST(Json, DecodesEscapes)
 {
-    Tree tree =
-        parse(R"("\"\\\/\b\f\n\r\t\u0041\u00e9\u7f51\ud83d\ude00\ud83d!\ude00\ud83d\u0041")");
-    ASSERT_NE(tree, nullptr);
+    const Parsed tree(
+        R"("\"\\\/\b\f\n\r\t\u0041\u00e9\u7f51\ud83d\ude00\ud83d!\ude00\ud83d\u0041")");
+    ASSERT_TRUE(tree.good);
     EXPECT_STREQ(tree->text, "\"\\/\b\f\n\r\tA\xc3\xa9\xe7\xbd\x91\xf0\x9f\x98\x80"
                              "\xef\xbf\xbd!\xef\xbf\xbd\xef\xbf\xbd"
                              "A");
-    Tree zero = parse(R"("a\u0000b")");
-    ASSERT_NE(zero, nullptr);
+    const Parsed zero(R"("a\u0000b")");
+    ASSERT_TRUE(zero.good);
     EXPECT_EQ(std::string(zero->text, zero->length), std::string("a\0b", 3));
 }
 
-TEST(Json, KeepsNumbersAsTheyStand)
+TEST(Json, KeepsNumbersAsWritten)
 {
     for (const char *number : {"0", "-0", "17", "-1.50", "1e9", "2E-3", "3.0e+7"}) {
-        Tree tree = parse(number);
-        ASSERT_NE(tree, nullptr) << number;
-        EXPECT_EQ(tree->type, JSON_NUMBER);
+        const Parsed tree(number);
+        ASSERT_TRUE(tree.good) << number;
+        EXPECT_EQ(tree->kind, Kind::Number);
         EXPECT_STREQ(tree->text, number);
     }
     for (const char *bad : {"-", "+1", ".5", "1.", "01", "1e", "0x10", "1e+", "NaN"})
         EXPECT_NE(fault_in(bad), "none") << bad;
 }
 
-TEST(Json, TakesTheLastOfTwoMembersOfOneName)
+TEST(Json, TakesLastOfTwoMembersWithSameName)
 {
-    Tree tree = parse(R"({"a":1,"b":null,"a":2})");
-    ASSERT_NE(tree, nullptr);
-    EXPECT_STREQ(json_member(tree.get(), "a")->text, "2");
-    EXPECT_EQ(json_member(tree.get(), "b"), nullptr);
-    EXPECT_EQ(json_member(tree.get(), "c"), nullptr);
-    EXPECT_EQ(json_member(tree->first, "a"), nullptr);
+    const Parsed tree(R"({"a":1,"b":null,"a":2})");
+    ASSERT_TRUE(tree.good);
+    EXPECT_STREQ(tree->member("a")->text, "2");
+    EXPECT_EQ(tree->member("b"), nullptr);
+    EXPECT_EQ(tree->member("c"), nullptr);
+    EXPECT_EQ(tree->first->member("a"), nullptr);
 }
 
-TEST(Json, SaysWhereItEnds)
+TEST(Json, SaysInWhichLineTheFirstFaultIs)
 {
     using namespace std::string_literals;
-    EXPECT_EQ(fault_in(""), "1: a value is expected");
-    EXPECT_EQ(fault_in("{\n\"a\"}"), "2: ':' is expected");
-    EXPECT_EQ(fault_in("{\n\n,}"), "3: a text in double quotes is expected");
-    EXPECT_EQ(fault_in("{\"a\":1,\n}"), "2: a text in double quotes is expected");
-    EXPECT_EQ(fault_in("[1\n2]"), "2: ',' or ']' is expected");
-    EXPECT_EQ(fault_in("{\"a\":1\n\"b\":2}"), "2: ',' or '}' is expected");
-    EXPECT_EQ(fault_in("[1,]"), "1: a value is expected");
-    EXPECT_EQ(fault_in("\"a\nb"), "2: a text has no end");
-    EXPECT_EQ(fault_in("\"a\\"), "1: a backslash in front of nothing that can be escaped");
-    EXPECT_EQ(fault_in("\"\\x\""), "1: a backslash in front of nothing that can be escaped");
-    EXPECT_EQ(fault_in("\"\\u12g4\""), "1: \\u needs four hexadecimal digits");
-    EXPECT_EQ(fault_in("\"a\0b\""s), "1: a zero byte");
-    EXPECT_EQ(fault_in("{}\n}"), "2: something follows the end");
-    EXPECT_EQ(fault_in("{}\0"s), "1: something follows the end");
+    const std::pair<std::string, const char *> rows[] = {
+        {"", "1: a value is expected"},
+        {"{\n\"a\"}", "2: ':' is expected"},
+        {"{\n\n,}", "3: a string in double quotes is expected"},
+        {"{\"a\":1,\n}", "2: a string in double quotes is expected"},
+        {"[1\n2]", "2: ',' or ']' is expected"},
+        {"{\"a\":1\n\"b\":2}", "2: ',' or '}' is expected"},
+        {"[1,]", "1: a value is expected"},
+        {"\"a\nb", "2: a string has no end"},
+        {"\"a\\", "1: a backslash before something that cannot be escaped"},
+        {"\"\\x\"", "1: a backslash before something that cannot be escaped"},
+        {"\"\\u12g4\"", "1: \\u needs four hexadecimal digits"},
+        {"\"a\0b\""s, "1: a zero byte"},
+        {"{}\n}", "2: something follows the end"},
+        {"{}\0"s, "1: something follows the end"}};
+    for (const auto &[text, fault] : rows)
+        EXPECT_EQ(fault_in(text), fault);
 }
 
-TEST(Json, StopsWhereTheLibraryStopsNesting)
+TEST(Json, StopsNestingWhereTheLibraryStops)
 {
     for (const char *inside : {"", "1", "{}"}) {
         for (size_t depth = 30; depth < 34; ++depth) {
@@ -131,8 +139,8 @@ TEST(Json, SurvivesEveryCutAndManyChanges)
             seed = seed * 1664525 + 1013904223;
             bad[(seed >> 8) % bad.size()] = bytes[(seed >> 24) % sizeof bytes];
         }
-        Tree tree = parse(bad);
-        EXPECT_EQ(tree == nullptr, g_fault.what != nullptr) << bad;
+        const Parsed tree(bad);
+        EXPECT_EQ(tree.good, tree.fault.what == nullptr) << bad;
     }
 }
 

@@ -1,50 +1,29 @@
 // What Wireshark makes of a capture of bv-collect with the dissector that comes with it.
 
-#include "tools/capture.h"
-
-#include <gtest/gtest.h>
+#include "tools/collector.h"
 
 namespace {
 
-TEST(Wireshark, DissectsACapture)
+TEST(Wireshark, DissectsCapture)
 {
     uint16_t port;
-    capture({"-w", kFile, "-c", "3"}, port, send_three);
+    capture_three("-w "s + kFile, port);
     write_file("/scratch/bad.pcap",
                file_head(0xa1b2c3d4, 228) + record(packet()) + record(packet("garbage")));
-    const std::string script = BV_TEST_SOURCE_DIR "/../tools/collect/brovan-debug.lua";
+    const std::string tshark = BV_TSHARK " -X lua_script:" BV_TEST_SOURCE_DIR
+                                         "/../tools/collect/brovan-debug.lua -T fields -r ";
 
-    Outcome own = run({BV_TSHARK,
-                       "-X",
-                       "lua_script:" + script,
-                       "-o",
-                       "brovan_debug.port:" + std::to_string(port),
-                       "-r",
-                       kFile,
-                       "-o",
-                       "udp.check_checksum:TRUE",
-                       "-o",
-                       "ip.check_checksum:TRUE",
-                       "-T",
-                       "fields",
-                       "-e",
-                       "ip.checksum.status",
-                       "-e",
-                       "udp.checksum.status",
-                       "-e",
-                       "brovan_debug.module",
-                       "-e",
-                       "brovan_debug.level",
-                       "-e",
-                       "brovan_debug.tag",
-                       "-e",
-                       "brovan_debug.text"});
+    const Outcome own =
+        run(words(tshark + kFile + " -o brovan_debug.port:" + std::to_string(port) +
+                  " -o udp.check_checksum:TRUE -o ip.check_checksum:TRUE -e ip.checksum.status"
+                  " -e udp.checksum.status -e brovan_debug.module -e brovan_debug.level"
+                  " -e brovan_debug.tag -e brovan_debug.text"));
     EXPECT_EQ(own.output, "1\t1\t2\t3\t0x1234\tabc\n1\t1\t4\t6\t0x1234\todd length!\n"
                           "1\t1\t2\t7\t0x1234\t\n")
         << own.errors;
 
-    Outcome bad = run({BV_TSHARK, "-X", "lua_script:" + script, "-r", "/scratch/bad.pcap", "-T",
-                       "fields", "-e", "frame.number", "-Y", "brovan_debug.malformed"});
+    const Outcome bad =
+        run(words(tshark + "/scratch/bad.pcap -e frame.number -Y brovan_debug.malformed"));
     EXPECT_EQ(bad.output, "2\n") << bad.errors;
 }
 

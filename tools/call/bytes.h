@@ -1,26 +1,33 @@
-/* The bytes of a call: put together from the command line, and shown. */
+// The bytes of a call: put together from the command line, and shown.
 #ifndef TOOLS_CALL_BYTES_H
 #define TOOLS_CALL_BYTES_H
 
-#include <stdbool.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
 
-/* The bus carries messages of up to 1 MiB, with what goes around the bytes. */
-enum { BYTES_MAX = 1000000 };
+namespace tools {
 
-struct bytes {
-    uint8_t data[BYTES_MAX]; /* zero behind `length` */
+// The bus carries messages of up to 1 MiB, and these bytes are not the whole message.
+constexpr size_t kMaxBytes = 1000000;
+
+// Zeroed memory for the largest call; the system only provides what is touched.
+struct Bytes {
+    uint8_t data[kMaxBytes]; // zero after `length`
     size_t length;
+
+    // Each appends. False, with nothing appended, when it does not fit or is malformed.
+    bool add(const void *from, size_t count);
+    bool add_hex(const char *text); // blanks and colons between bytes
+    bool add_file(FILE *file);
+
+private:
+    bool cut_to(size_t before);
 };
 
-/* Each appends; false, with nothing appended, when it does not fit or is not what it should be. */
-bool bytes_add(struct bytes *bytes, const void *data, size_t length);
-bool bytes_add_hex(struct bytes *bytes, const char *text); /* blanks and colons between bytes */
-bool bytes_add_file(struct bytes *bytes, FILE *file);
-
-/* Prints 16 bytes a line: offset, hexadecimal, and as text. */
+// Prints 16 bytes a line: offset, hexadecimal, text.
 void print_hex(FILE *to, const uint8_t *data, size_t length);
+
+} // namespace tools
 
 #endif

@@ -1,21 +1,24 @@
-/* The image of a parameter family within the bytes of a call. */
+// The image of a parameter family within the bytes of a call. Each call is false after it said why.
 #ifndef TOOLS_CALL_PARAMETERS_H
 #define TOOLS_CALL_PARAMETERS_H
 
-#include "call/bytes.h"
+#include "tools/call/bytes.h"
 
-/* Reads a template: a path, or a file's name in /etc/template. False after having said why not. */
-bool parameters_open(const char *name);
+namespace tools {
 
-/* Puts the image at `offset` into the bytes: those that were given stay, where there are none the
- * template's defaults are put. False after having said why not. */
-bool parameters_place(struct bytes *bytes, size_t offset);
+// Reads a template: a path, or a file's name in /etc/template.
+bool open_template(const char *name);
 
-/* Stores one NAME=VALUE in the image at `offset`. False after having said why not. */
-bool parameters_set(struct bytes *bytes, size_t offset, const char *assignment);
+// Puts the image at `offset` into the bytes: given bytes stay, missing ones get the template's
+// defaults.
+bool place_image(Bytes &bytes, size_t offset);
 
-/* Prints NAME=VALUE for each parameter. False after having said that the bytes end before the
- * image. */
-bool parameters_print(const struct bytes *bytes, size_t offset);
+// Stores one NAME=VALUE in the image at `offset`.
+bool set_parameter(Bytes &bytes, size_t offset, const char *assignment);
+
+// Prints NAME=VALUE for each parameter.
+bool print_parameters(const Bytes &bytes, size_t offset);
+
+} // namespace tools
 
 #endif

@@ -5,7 +5,7 @@
 -- Display filters: brovan_debug.module == 4 && brovan_debug.level <= 3, brovan_debug.text contains
 -- "lan", brovan_debug.malformed.
 
-local HEAD = 10    -- bytes in front of the text
+local HEAD = 10    -- bytes before the text
 local ELEMENT = 6  -- where the element of tag, length and text begins
 
 local debug_message = Proto("brovan_debug", "Gateway Debug Message")
@@ -37,7 +37,7 @@ function debug_message.dissector(buffer, pinfo, tree)
     local item = tree:add(debug_message, buffer())
     pinfo.cols.protocol = "BVDEBUG"
     if size < HEAD then
-        complain(item, pinfo, "shorter than its head")
+        complain(item, pinfo, "shorter than its header")
         return size
     end
 
@@ -63,9 +63,9 @@ function debug_message.dissector(buffer, pinfo, tree)
     if category:uint() > 31 then
         complain(item, pinfo, "a category above 31")
     elseif total:uint() ~= size then
-        complain(item, pinfo, "a total length other than its size")
+        complain(item, pinfo, "the total length does not match its size")
     elseif element:uint() ~= size - ELEMENT then
-        complain(item, pinfo, "an element length that does not fit its size")
+        complain(item, pinfo, "the element length does not match its size")
     end
     return size
 end

@@ -1,40 +1,48 @@
-/*
- * Capture files in the classic pcap format, which Wireshark and tcpdump open.
- *
- * Written: packets that begin with their IPv4 header (link type 228), little-endian, time in
- * microseconds. Read: the same in either byte order, with microseconds or nanoseconds, and what
- * tcpdump writes on Ethernet or on all interfaces at once.
- */
+// Capture files in the classic pcap format, which Wireshark and tcpdump open.
+//
+// Written: packets that begin with their IPv4 header (link type 228), little-endian, time in
+// microseconds. Read: the same in either byte order, with microseconds or nanoseconds, and what
+// tcpdump writes on Ethernet or on all interfaces at once.
 #ifndef TOOLS_COLLECT_CAPTURE_H
 #define TOOLS_COLLECT_CAPTURE_H
 
-#include <stdbool.h>
-#include <stdint.h>
-#include <stdio.h>
+#include "tools/collect/packet.h"
 
-#include "collect/packet.h"
+#include <cstdio>
 
-/* Writes the file's head; false when it cannot be written. */
-bool capture_begin(FILE *file);
+namespace tools {
 
-/* Appends a packet and hands it to the system at once, so that a crash loses none. */
-bool capture_append(FILE *file, const struct packet *packet);
+// Writes the file's header. False when it cannot be written.
+bool begin_capture(FILE *file);
 
-struct capture {
-    FILE *file;
-    bool swapped;
-    bool nanoseconds;
-    size_t link_head; /* bytes in front of the IP header */
-    unsigned skipped; /* packets that are no UDP over IPv4, or not whole */
-    uint8_t bytes[65536 + 256];
+// Appends a packet and hands it to the system at once, so that a crash loses none.
+bool append_packet(FILE *file, const Packet &packet);
+
+// A capture that is read. Large: 64 KiB for a packet.
+class Capture {
+public:
+    // Reads the file's header. What is wrong with it, or null.
+    const char *open(FILE *file);
+
+    enum class Result { Packet, End, Damaged };
+
+    // Reads on to the next UDP datagram; its data is valid until the next call.
+    Result next(Packet &packet);
+
+    unsigned skipped = 0; // packets that are not UDP over IPv4, or not whole
+
+private:
+    uint32_t number_at(const uint8_t *at) const;
+    const char *read_magic(uint32_t magic);
+    Result read_packet(Packet &packet, size_t &length);
+
+    FILE *file_ = nullptr;
+    bool swapped_ = false;
+    bool nanoseconds_ = false;
+    size_t link_header_ = 0; // bytes before the IP header
+    uint8_t bytes_[65536 + 256] = {};
 };
 
-/* Reads the file's head. Gives back what is wrong with it, or NULL. */
-const char *capture_open(struct capture *capture, FILE *file);
-
-enum capture_result { CAPTURE_PACKET, CAPTURE_END, CAPTURE_DAMAGED };
-
-/* Reads on to the next UDP datagram; its data stays where it is until the next call. */
-enum capture_result capture_next(struct capture *capture, struct packet *packet);
+} // namespace tools
 
 #endif

@@ -1,27 +1,31 @@
-/* Lists of numbers as people write them: 0,2-4,7 */
+// Numbers, and lists of them as people write them: 0,2-4,7
 #ifndef TOOLS_COMMON_NUMBERS_H
 #define TOOLS_COMMON_NUMBERS_H
 
-#include <stdbool.h>
+namespace tools {
 
-enum { NUMBERS_MAX = 32 };
+// Reads a whole decimal number up to `highest`. False when the text is anything else.
+bool parse_number(const char *text, unsigned highest, unsigned &number);
 
-/* Ranges, both ends included. A zeroed list has none. */
-struct numbers {
-    unsigned count;
-    struct {
-        unsigned first;
-        unsigned last;
-    } range[NUMBERS_MAX];
+class NumberList {
+public:
+    // Adds what a text lists. False when it is not a list of numbers up to `highest`, or too long.
+    bool add(const char *text, unsigned highest);
+
+    // The empty list restricts nothing: it matches every number.
+    bool matches(unsigned number) const;
+    bool is_empty() const { return count_ == 0; }
+
+private:
+    struct Range {
+        unsigned first, last; // both included
+    };
+    static constexpr unsigned kMaxRanges = 32;
+
+    Range ranges_[kMaxRanges] = {};
+    unsigned count_ = 0;
 };
 
-/* Reads a whole decimal number up to `highest`; false when `text` is anything else. */
-bool number_parse(const char *text, unsigned highest, unsigned *number);
-
-/* Adds what a text lists; false when it is no list of numbers up to `highest`, or too long. */
-bool numbers_add(struct numbers *numbers, const char *text, unsigned highest);
-
-/* Whether a number is in the list. The empty list is no restriction: everything is in it. */
-bool numbers_match(const struct numbers *numbers, unsigned number);
+} // namespace tools
 
 #endif

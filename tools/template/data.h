@@ -1,8 +1,14 @@
-/* Checks data files against the templates of their families. */
+// Checks data files against the templates of their families.
 #ifndef TOOLS_TEMPLATE_DATA_H
 #define TOOLS_TEMPLATE_DATA_H
 
-/* Reads a data file and reports every fault; the templates come from the opened library. */
-void data_check(const char *path);
+#include "tools/template/library.h"
+
+namespace tools {
+
+// Reads a data file and reports every fault.
+void check_data(const char *path, Library &templates);
+
+} // namespace tools
 
 #endif

@@ -1,43 +1,74 @@
-/*
- * JSON with line numbers.
- *
- * A tree of what a file says and where. Names that occur twice in an object stay in it twice, and
- * control characters in texts are let through, so that both can be reported; everything else is
- * as strict as JSON is.
- */
+// JSON with line numbers.
+//
+// A tree of what a file says and where. Names that occur twice in an object stay in it twice, and
+// control characters in strings are accepted, so that both can be reported. Everything else is as
+// strict as JSON is.
 #ifndef TOOLS_TEMPLATE_JSON_H
 #define TOOLS_TEMPLATE_JSON_H
 
-#include <stddef.h>
+#include <cstddef>
 
-enum json_kind { JSON_NULL, JSON_TRUTH, JSON_NUMBER, JSON_TEXT, JSON_ARRAY, JSON_OBJECT };
+namespace tools {
 
-struct json {
-    enum json_kind type;
+struct Json {
+    enum class Kind { Null, Truth, Number, String, Array, Object };
+
+    Kind kind;
     unsigned line;
-    char *text;    /* a text, decoded, or a number as it stands; terminated; else NULL */
-    size_t length; /* of the text, which may hold zero bytes */
-    char *name;    /* of an object's member, terminated; else NULL */
-    size_t name_length;
     unsigned name_line;
-    struct json *first; /* member or element */
-    struct json *next;  /* one of the same object or array */
+    const char *text; // a decoded string, or a number as it was written; terminated; else null
+    size_t length;    // of the text, which may contain zero bytes
+    const char *name; // of an object's member, terminated; else null
+    size_t name_length;
+    Json *first; // member or element
+    Json *next;  // in the same object or array
+
+    // The member of that name; of several the last, as the library takes it. Null when there is
+    // none, when it is JSON's null, or when this is not an object.
+    const Json *member(const char *wanted) const;
+    size_t count() const;
+
+    // Walks members or elements.
+    struct Iterator {
+        const Json *at;
+        const Json &operator*() const { return *at; }
+        bool operator!=(const Iterator &other) const { return at != other.at; }
+        Iterator &operator++()
+        {
+            at = at->next;
+            return *this;
+        }
+    };
+    Iterator begin() const { return {first}; }
+    Iterator end() const { return {nullptr}; }
 };
 
-struct json_fault {
+struct JsonFault {
     unsigned line;
     const char *what;
 };
 
-/* Reads one value and white space around it. NULL with the first fault when it is no JSON, when
- * something stands inside more than 31 arrays and objects, where the library stops reading too, or
- * when memory is short. */
-struct json *json_parse(const char *bytes, size_t length, struct json_fault *fault);
+// A file's text with its tree, whose strings are in the text.
+class JsonDocument {
+public:
+    JsonDocument() = default;
+    ~JsonDocument() { clear(); }
+    JsonDocument(const JsonDocument &) = delete;
+    JsonDocument &operator=(const JsonDocument &) = delete;
 
-void json_free(struct json *value);
+    // Takes a block from malloc(): a free byte, then `length` bytes with one value and white space
+    // around it. False with the first fault: the text is not JSON, or nested in more than 31 arrays
+    // and objects, where the library stops reading too, or memory is short.
+    bool parse(char *block, size_t length, JsonFault &fault);
 
-/* The member of that name, the last one if there are more, as the library takes it. NULL when
- * there is none, when it is null, or when `object` is no object. */
-struct json *json_member(const struct json *object, const char *name);
+    const Json *root() const { return root_; } // null until a text was parsed
+    void clear();
+
+private:
+    char *block_ = nullptr;
+    Json *root_ = nullptr;
+};
+
+} // namespace tools
 
 #endif

@@ -1,39 +1,40 @@
-/* The types of parameters and the texts that fit them. */
+// Texts that fit the types of parameters.
 #ifndef TOOLS_TEMPLATE_VALUES_H
 #define TOOLS_TEMPLATE_VALUES_H
 
-#include <stdbool.h>
-#include <stddef.h>
-#include <stdint.h>
+#include "db/types.h"
 
-enum value_kind { VALUE_STRING, VALUE_NUMBER, VALUE_MAC, VALUE_IP };
+#include <cstddef>
+#include <cstdint>
 
-struct value_type {
-    const char *name;
-    enum value_kind kind;
-    int32_t size; /* bytes; 0: any */
-    int64_t lowest;
-    int64_t highest;
-    const char *c_type;
+namespace tools {
+
+// Characters that a name, type or value may have.
+constexpr size_t kMaxText = bv::kParameterTextSize - 1;
+
+// Why something does not fit.
+struct Reason {
+    char text[160];
+
+    // Prints the text; false, so that callers can return it.
+    bool set(const char *format, ...) __attribute__((format(printf, 2, 3)));
 };
 
-enum {
-    FIELD_MAX = 1023, /* characters that a name, type or value may have */
-    LEN_MAX = 1023,   /* bytes that a parameter may have */
-    WHY_SIZE = 160
-};
+constexpr bool is_number(const bv::ParameterType &type)
+{
+    return type.kind == bv::TypeKind::Signed || type.kind == bv::TypeKind::Unsigned;
+}
 
-/* NULL when there is no such type. */
-const struct value_type *value_type_find(const char *name);
+// Reads a whole decimal number. False when the text is anything else, or too long for 64 bits.
+bool parse_decimal(const char *text, int64_t &number);
 
-/* Reads a whole decimal number. False when the text is anything else, or beyond 64 bits. */
-bool value_number(const char *text, int64_t *number);
+// Whether a text is stored unchanged in `len` bytes of a type.
+bool value_fits(const bv::ParameterType &type, int32_t len, const char *text, Reason &why);
 
-/* Whether a text is stored in `len` bytes of a type as it stands; if not, `why` says so. */
-bool value_fits(const struct value_type *type, int32_t len, const char *text, char why[WHY_SIZE]);
+// Whether a text can be written into a data file, where nothing is escaped, and read again. It may
+// contain zero bytes.
+bool text_survives(const char *text, size_t length, Reason &why);
 
-/* Whether a text can be written into a data file, where nothing is escaped, and read again; if
- * not, `why` says so. `length` is there because the text may hold zero bytes. */
-bool text_survives(const char *text, size_t length, char why[WHY_SIZE]);
+} // namespace tools
 
 #endif

@@ -1,0 +1,155 @@
+// Parameters by name. The library converts them with the template that services use, so what is
+// sent and shown here is what its database would store and write.
+
+#include "tools/call/parameters.h"
+
+#include <bv/bv.h>
+
+#include "db/types.h"
+#include "tools/common/command_line.h"
+#include "tools/common/visible.h"
+#include "tools/template/values.h"
+
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+using tools::complain;
+
+// How far a template can lead beyond the start of its image: the library reads types in their own
+// width and texts up to their NUL, whatever the lengths say.
+constexpr size_t kReach =
+    bv::kMaxParameters * size_t{bv::kMaxParameterLength} + bv::kParameterTextSize;
+
+bv_db_family g_family;
+const char *g_template_name; // as given
+
+size_t image_size()
+{
+    return static_cast<size_t>(g_family.image_size);
+}
+
+// After the last valid one.
+bv_db_para *end_of_parameters()
+{
+    bv_db_para *end = g_family.para;
+    while (end < g_family.para + g_family.para_count && end->valid != 0)
+        ++end;
+    return end;
+}
+
+// The library adds up the lengths and ends the process when the sum leaves 32 bits.
+bool lengths_add_up(json_object *para)
+{
+    if (bv_json_object_is_type(para, json_type_array) == 0)
+        return true;
+    int64_t sum = 0;
+    for (size_t i = 0; i < bv_json_object_array_length(para); ++i) {
+        json_object *element = bv_json_object_array_get_idx(para, i);
+        const int32_t len = bv_json_object_get_int(bv_json_object_object_get(element, "len"));
+        sum += len < 0 ? len : 0;
+    }
+    return sum >= INT32_MIN;
+}
+
+bool read_template(const char *path)
+{
+    json_object *tree = bv_json_object_from_file(path);
+    const bool readable =
+        tree != nullptr && lengths_add_up(bv_json_object_object_get(tree, "para"));
+    bv_json_object_put(tree);
+    return readable && bv_db_template_read_single(path, &g_family) == BV_OK;
+}
+
+// The parameter whose name is the first `length` bytes of a text.
+bv_db_para *find(const char *name, size_t length)
+{
+    for (bv_db_para *para = g_family.para; para < end_of_parameters(); ++para)
+        if (strlen(para->name) == length && memcmp(para->name, name, length) == 0)
+            return para;
+    return nullptr;
+}
+
+// The library would store something else instead; here it is a typing mistake.
+bool check_value(const bv_db_para &para, const char *assignment, const char *value)
+{
+    const bv::ParameterType *type = bv::find_type(para.type);
+    if (type == nullptr)
+        return complain(assignment, "its type in the template is unknown");
+    tools::Reason why;
+    return tools::value_fits(*type, para.len, value, why) || complain(assignment, why.text);
+}
+
+} // namespace
+
+namespace tools {
+
+bool open_template(const char *name)
+{
+    g_template_name = name;
+    char in_folder[1024];
+    const char *path = name;
+    if (access(path, F_OK) != 0) {
+        snprintf(in_folder, sizeof(in_folder), "/etc/template/%s", name);
+        path = in_folder;
+        if (access(path, F_OK) != 0)
+            return complain(name, "no such template, neither here nor in /etc/template");
+    }
+    if (!read_template(path))
+        return complain(path, "cannot be read as a template");
+    if (g_family.image_size <= 0 || g_family.default_image == nullptr)
+        return complain(path, "has no parameters");
+    return true;
+}
+
+bool place_image(Bytes &bytes, size_t offset)
+{
+    const size_t end = offset + image_size(); // both are far too small to wrap
+    if (end > kMaxBytes)
+        return complain("--offset", "the image does not fit into a call");
+    const size_t given = bytes.length > offset ? bytes.length - offset : 0;
+    if (given < image_size())
+        memcpy(bytes.data + offset + given, g_family.default_image + given, image_size() - given);
+    if (bytes.length < end)
+        bytes.length = end;
+    return true;
+}
+
+bool set_parameter(Bytes &bytes, size_t offset, const char *assignment)
+{
+    const char *equals = strchr(assignment, '=');
+    if (equals == nullptr)
+        return complain(assignment, "is not of the form NAME=VALUE");
+    bv_db_para *para = find(assignment, static_cast<size_t>(equals - assignment));
+    if (para == nullptr)
+        return complain(assignment, "the template has no such parameter");
+    if (!check_value(*para, assignment, equals + 1))
+        return false;
+    bv_os_strcpy(para->value, sizeof(para->value), equals + 1);
+
+    para->selected = 1;
+    memcpy(g_family.working_image, bytes.data + offset, image_size());
+    bv_db_user_fill_tomem(&g_family, 1); // the selected one only
+    memcpy(bytes.data + offset, g_family.working_image, image_size());
+    para->selected = 0;
+    return true;
+}
+
+bool print_parameters(const Bytes &bytes, size_t offset)
+{
+    static uint8_t image[kReach]; // zero after the image
+    if (bytes.length < offset + image_size())
+        return complain(g_template_name, "the reply is shorter than the family's image");
+    memcpy(image, bytes.data + offset, image_size());
+    bv_db_user_fill_frommem(image, g_family.para_count, g_family.para);
+    for (const bv_db_para *para = g_family.para; para < end_of_parameters(); ++para) {
+        print_visible(stdout, para->name);
+        putchar('=');
+        print_visible(stdout, para->value);
+        putchar('\n');
+    }
+    return true;
+}
+
+} // namespace tools

@@ -1,0 +1,102 @@
+// The messages are those of bv_ubus_client_call(), but the answers of the bus and of the function
+// stay apart: there a result of 2 may be either, and a missing object shows late.
+
+#include "tools/call/remote.h"
+
+#include "bus/rpc_message.h"
+
+#include <sys/time.h>
+
+namespace {
+
+using tools::Bytes;
+using tools::Remote;
+
+// What the reply brought; filled while the call waits for it.
+struct Reply {
+    Bytes &bytes;
+    uint32_t result;
+    const char *fault;
+};
+
+const char *read_reply(blob_attr *message, Reply &reply)
+{
+    bv::RpcReply fields;
+    if (!bv::rpc_parse_reply(message, fields))
+        return "the reply lacks \"return\", \"len\" or \"data\"";
+    if (fields.length > fields.available)
+        return "the reply has less data than it says";
+    reply.bytes.length = 0;
+    if (!reply.bytes.add(fields.data, fields.length))
+        return "the reply is too long";
+    reply.result = fields.result;
+    return nullptr;
+}
+
+void take_reply(ubus_request *request, int, blob_attr *message)
+{
+    auto &reply = *static_cast<Reply *>(request->priv);
+    reply.fault = read_reply(message, reply);
+}
+
+const char *status_text(int status)
+{
+    switch (status) {
+    case UBUS_STATUS_INVALID_ARGUMENT:
+        return "the object has no such function, or could not take the bytes";
+    case UBUS_STATUS_METHOD_NOT_FOUND:
+        return "the object offers no functions to call";
+    case UBUS_STATUS_NOT_FOUND:
+        return "there is no such object on the bus";
+    case UBUS_STATUS_PERMISSION_DENIED:
+        return "the bus does not permit it";
+    case UBUS_STATUS_TIMEOUT:
+        return "no answer in time";
+    case UBUS_STATUS_CONNECTION_FAILED:
+        return "the connection to the bus was lost";
+    default:
+        return "the bus could not carry the call";
+    }
+}
+
+// SIGALRM comes after the timeout; 0: not at all.
+void set_alarm(int timeout_ms)
+{
+    const itimerval timer = {{0, 0}, {timeout_ms / 1000, timeout_ms % 1000 * 1000}};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+// Calls over an open connection.
+const char *call(ubus_context *bus, const Remote &remote, Reply &reply)
+{
+    uint32_t object;
+    int status = bv_ubus_lookup_id(bus, remote.object, &object);
+    set_alarm(0); // the call itself has a limit
+    if (status != UBUS_STATUS_OK)
+        return status_text(status);
+
+    static blob_buf request;
+    if (!bv::rpc_build_request(request, remote.function, reply.bytes.data,
+                               static_cast<uint32_t>(reply.bytes.length)))
+        return "out of memory";
+    reply.fault = "the function was run, but did not answer";
+    status = bv_ubus_invoke(bus, object, bv::kMethodName, request.head, take_reply, &reply,
+                            remote.timeout_ms);
+    bv_blob_buf_free(&request);
+    return status != UBUS_STATUS_OK ? status_text(status) : reply.fault;
+}
+
+} // namespace
+
+const char *tools::call_remote(const Remote &remote, Bytes &bytes, uint32_t &result)
+{
+    set_alarm(remote.timeout_ms);
+    ubus_context *bus = bv_ubus_connect(remote.socket);
+    if (bus == nullptr)
+        return "cannot connect to the bus";
+    Reply reply = {bytes, 0, nullptr};
+    const char *fault = call(bus, remote, reply);
+    bv_ubus_free(bus);
+    result = reply.result;
+    return fault;
+}

@@ -1,0 +1,89 @@
+#include "tools/common/command_line.h"
+
+#include "tools/common/visible.h"
+
+#include <cstdio>
+
+namespace {
+
+using tools::CommandLine;
+using tools::Option;
+
+constexpr size_t kMaxOptions = 16; // --help included
+
+const char *g_program = "";
+
+// The letter of the next option, long or short; -1 at the end, '?' for an unknown one.
+int next_option(const CommandLine &line, int argc, char **argv)
+{
+    option names[kMaxOptions + 1] = {};
+    char letters[2 * kMaxOptions + 1];
+    char *to = letters;
+    for (size_t i = 0; i < line.count; ++i) {
+        names[i] = {line.options[i].name, required_argument, nullptr, line.options[i].letter};
+        *to++ = line.options[i].letter;
+        *to++ = ':';
+    }
+    names[line.count] = {"help", no_argument, nullptr, 'h'};
+    *to++ = 'h';
+    *to = '\0';
+    return getopt_long(argc, argv, letters, names, nullptr);
+}
+
+// False after it said what is wrong.
+bool take_option(const CommandLine &line, int letter)
+{
+    for (size_t i = 0; i < line.count; ++i) {
+        const Option &option = line.options[i];
+        if (option.letter != letter)
+            continue;
+        if (option.text != nullptr)
+            *option.text = optarg;
+        else if (!option.take(optarg))
+            break;
+        return true;
+    }
+    if (letter != '?') // getopt_long() has spoken
+        fprintf(stderr, "%s: -%c: invalid argument '%s'\n", line.program, letter, optarg);
+    return false;
+}
+
+} // namespace
+
+namespace tools {
+
+bool take_options(const CommandLine &line, int argc, char **argv, int &status)
+{
+    g_program = line.program;
+    int letter;
+    while ((letter = next_option(line, argc, argv)) != -1) {
+        if (letter == 'h') {
+            const bool printed = fputs(line.usage, stdout) >= 0 && fflush(stdout) == 0;
+            status = printed ? 0 : line.failed;
+            return false;
+        }
+        if (!take_option(line, letter)) {
+            status = wrong_usage(line, nullptr);
+            return false;
+        }
+    }
+    return true;
+}
+
+int wrong_usage(const CommandLine &line, const char *what)
+{
+    if (what != nullptr)
+        fprintf(stderr, "%s: %s\n", line.program, what);
+    fprintf(stderr, "Try '%s --help'.\n", line.program);
+    return kExitUsage;
+}
+
+bool complain(const char *what, const char *why)
+{
+    fprintf(stderr, "%s: ", g_program);
+    print_visible(stderr, what);
+    fprintf(stderr, ": %s\n", why);
+    return false;
+}
+
+} // namespace tools

@@ -1,0 +1,71 @@
+#include "tools/common/visible.h"
+
+#include <cstring>
+
+namespace {
+
+// Length of the UTF-8 character at `at`, 1 to 4, and its code. 0 when there is none: cut short,
+// longer than need be, a surrogate, or above the last one.
+size_t read_utf8(const uint8_t *at, size_t available, uint32_t &code)
+{
+    static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    const size_t length = at[0] < 0x80             ? 1
+                          : (at[0] & 0xe0) == 0xc0 ? 2
+                          : (at[0] & 0xf0) == 0xe0 ? 3
+                          : (at[0] & 0xf8) == 0xf0 ? 4
+                                                   : 0;
+    if (length == 0 || length > available)
+        return 0;
+
+    code = length == 1 ? at[0] : at[0] & (0x7fU >> length);
+    for (size_t i = 1; i < length; ++i) {
+        if ((at[i] & 0xc0) != 0x80)
+            return 0;
+        code = code << 6 | (at[i] & 0x3fU);
+    }
+    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+    return code < kSmallest[length] || code > 0x10ffff || surrogate ? 0 : length;
+}
+
+// Control characters, which terminals obey above U+007F too; separators of lines and paragraphs;
+// and marks that change the direction of a text, so that it reads as something else.
+bool is_hidden(uint32_t code)
+{
+    static constexpr uint32_t kRanges[][2] = {{0, 0x1f},        {0x7f, 0x9f},     {0x61c, 0x61c},
+                                              {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};
+    for (const auto &range : kRanges)
+        if (code >= range[0] && code <= range[1])
+            return true;
+    return false;
+}
+
+void print_escaped(FILE *to, uint8_t byte)
+{
+    static constexpr char kBytes[] = "\n\r\t\\";
+    const char *named = byte == 0 ? nullptr : strchr(kBytes, byte);
+    if (named != nullptr)
+        fprintf(to, "\\%c", "nrt\\"[named - kBytes]);
+    else
+        fprintf(to, "\\x%02x", byte);
+}
+
+} // namespace
+
+void tools::print_visible(FILE *to, const uint8_t *text, size_t length)
+{
+    for (size_t at = 0; at < length;) {
+        uint32_t code = 0;
+        const size_t bytes = read_utf8(text + at, length - at, code);
+        if (bytes != 0 && !is_hidden(code) && code != '\\') {
+            fwrite(text + at, 1, bytes, to);
+            at += bytes;
+        } else {
+            print_escaped(to, text[at++]); // the other bytes of a character are escaped in turn
+        }
+    }
+}
+
+void tools::print_visible(FILE *to, const char *text)
+{
+    print_visible(to, reinterpret_cast<const uint8_t *>(text), strlen(text));
+}

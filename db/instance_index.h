@@ -49,6 +49,8 @@ public:
     }
 
 private:
+    friend struct InstanceIndexDepth; // a test of the bound below
+
     // A node has the next bit of the number, from the lowest one on, as the way to its children.
     // Different numbers differ in one of 32 bits, so no order of them makes the tree deeper.
     struct Node {

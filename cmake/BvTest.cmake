@@ -1,9 +1,11 @@
-# bv_add_test(NAME name SOURCES file... [LIBRARIES target...] [DEFINITIONS def...] [LABELS label...]
-#             [NETWORK])
+# bv_add_test(NAME name SOURCES file... [INTERPOSES heap|libc...] [LIBRARIES target...]
+#             [DEFINITIONS def...] [LABELS label...] [NETWORK])
 #
-# A GoogleTest program. Every TEST becomes a CTest entry and runs in a process and a private root
-# of its own, so that each finds the fixed paths empty and leaves nothing behind. NETWORK: uses fixed
-# ports, so it runs beside no other such program (a private root without namespaces shares them).
+# A GoogleTest program with the test kit of tests/support. Every TEST becomes a CTest entry and runs
+# in a process and a private root of its own, so that each finds the fixed paths empty and leaves
+# nothing behind. INTERPOSES: puts the program in front of malloc() and its kind, or of all other
+# calls of the library that can fail (tests/support/faults.h). NETWORK: uses fixed ports, so it does
+# not run beside another such program (a private root without namespaces shares them).
 
 include(GoogleTest)
 find_package(GTest REQUIRED)
@@ -37,12 +39,28 @@ set(BV_TEST_OPTIONS $<$<COMPILE_LANGUAGE:CXX>:-O0>)
 target_compile_options(test_headers PRIVATE ${BV_TEST_OPTIONS} -fPIE)
 set_target_properties(test_headers PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 
+# The test kit: tests take from it what they use. What interposes is linked whole, where it is named.
+get_filename_component(BV_TREE "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
+function(bv_test_kit target kind)
+  list(TRANSFORM ARGN PREPEND ${BV_TREE}/tests/support/)
+  add_library(${target} ${kind} EXCLUDE_FROM_ALL ${ARGN})
+  target_include_directories(${target} PRIVATE ${BV_TREE} ${BV_TREE}/tests)
+  target_compile_definitions(${target} PRIVATE BV_UBUSD="${BV_UBUSD}")
+  target_compile_options(${target} PRIVATE ${BV_TEST_OPTIONS})
+endfunction()
+bv_test_kit(test_kit STATIC bus.cpp child.cpp faults.cpp wire.cpp)
+bv_test_kit(interposed_heap OBJECT heap.cpp)
+bv_test_kit(interposed_libc OBJECT libc.cpp)
+
 function(bv_add_test)
-  cmake_parse_arguments(T "NETWORK" "NAME" "SOURCES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "NETWORK" "NAME" "SOURCES;INTERPOSES;LIBRARIES;DEFINITIONS;LABELS" ${ARGN})
   if(NOT T_LIBRARIES)
     set(T_LIBRARIES bv::bv)
   endif()
   add_executable(${T_NAME} ${T_SOURCES})
+  foreach(interposed IN LISTS T_INTERPOSES)
+    target_sources(${T_NAME} PRIVATE $<TARGET_OBJECTS:interposed_${interposed}>)
+  endforeach()
   target_include_directories(${T_NAME} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/tests)
   target_compile_definitions(${T_NAME} PRIVATE
     BV_TEST_SOURCE_DIR="${CMAKE_SOURCE_DIR}/tests"
@@ -54,7 +72,7 @@ function(bv_add_test)
   if(NOT T_SOURCES MATCHES "\\.c(;|$)") # they are C++ headers, and CMake would want them as C too
     target_precompile_headers(${T_NAME} REUSE_FROM test_headers)
   endif()
-  target_link_libraries(${T_NAME} PRIVATE ${T_LIBRARIES} GTest::gtest GTest::gtest_main
+  target_link_libraries(${T_NAME} PRIVATE test_kit ${T_LIBRARIES} GTest::gtest GTest::gtest_main
     Threads::Threads ${CMAKE_DL_LIBS})
   set_target_properties(${T_NAME} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"

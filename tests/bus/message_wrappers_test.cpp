@@ -3,7 +3,7 @@
 
 #include <bv/ubus.h>
 
-#include "bus/wire.h"
+#include "support/wire.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

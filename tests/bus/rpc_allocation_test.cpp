@@ -4,7 +4,7 @@
 #include <bv/ubus.h>
 
 #include "bus/scripted_bus.h"
-#include "support/heap.h"
+#include "support/faults.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

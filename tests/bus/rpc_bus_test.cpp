@@ -4,10 +4,9 @@
 #include <bv/os.h>
 #include <bv/ubus.h>
 
-#include "bus/service.h"
-#include "bus/wire.h"
 #include "support/bus.h"
 #include "support/process.h"
+#include "support/wire.h"
 
 #include <atomic>
 #include <csignal>

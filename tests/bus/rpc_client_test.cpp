@@ -5,7 +5,6 @@
 #include <bv/ubus.h>
 
 #include "bus/scripted_bus.h"
-#include "support/fault_points.h"
 #include "support/faults.h"
 
 #include <chrono>
@@ -49,10 +48,10 @@ uint32_t call(const std::string &func, Bytes &data)
     return bv_ubus_client_call(func.c_str(), data.data(), static_cast<uint32_t>(data.size()));
 }
 
-// A client connected to a bus that treats its calls with one replier after the other.
-class Client {
+// A caller connected to a bus that treats its calls with one replier after the other.
+class Caller {
 public:
-    explicit Client(std::vector<Replier> repliers)
+    explicit Caller(std::vector<Replier> repliers)
         : bus_([repliers](Peer &peer) {
               peer.hello();
               peer.answer_lookup();
@@ -63,8 +62,8 @@ public:
     {
         EXPECT_EQ(bv_ubus_client_init(nullptr), 0);
     }
-    explicit Client(Replier replier) : Client(std::vector<Replier>{std::move(replier)}) {}
-    ~Client() { bv_ubus_client_exit(); }
+    explicit Caller(Replier replier) : Caller(std::vector<Replier>{std::move(replier)}) {}
+    ~Caller() { bv_ubus_client_exit(); }
 
     uint32_t call() { return ::call("get", buffer); }
 
@@ -114,7 +113,7 @@ void expect_calls(const std::vector<Row> &rows)
     std::vector<Replier> repliers;
     for (const Row &row : rows)
         repliers.push_back(row.replier);
-    Client client(repliers);
+    Caller client(repliers);
     for (const Row &row : rows) {
         SCOPED_TRACE(row.what);
         client.buffer = kCallerBytes;
@@ -155,7 +154,7 @@ TEST(RpcClient, LooksItsObjectUpAndCallsItWithTheseBytes)
 TEST(RpcClient, CallOfNoBytesSendsAnEmptyField)
 {
     Message with_pointer, with_null;
-    Client client({note(with_pointer, reply(3, 0, {})), note(with_null, reply(4, 0, {}))});
+    Caller client({note(with_pointer, reply(3, 0, {})), note(with_null, reply(4, 0, {}))});
     uint8_t byte = 0x5a;
     EXPECT_EQ(bv_ubus_client_call("get", &byte, 0), 3u);
     EXPECT_EQ(bv_ubus_client_call("get", nullptr, 0), 4u);
@@ -225,7 +224,7 @@ TEST(RpcClient, ShortRequestMayBringLongReply)
     for (uint32_t sent : {0u, 6u, 64u}) {
         for (uint32_t declared : {7u, 64u, 65u, 0x7fffffffu, 0xffffffffu}) {
             SCOPED_TRACE(std::to_string(sent) + " " + std::to_string(declared));
-            Client client(reply_with(reply(7, declared, Bytes(64, 0x99))));
+            Caller client(reply_with(reply(7, declared, Bytes(64, 0x99))));
             Bytes buffer(70, 0x11);
             EXPECT_EQ(bv_ubus_client_call("get", buffer.data(), sent), 7u);
             Bytes expected(70, 0x11);
@@ -237,7 +236,7 @@ TEST(RpcClient, ShortRequestMayBringLongReply)
 
 TEST(RpcClient, CallersBytesAreThePrivatePointerOfTheRequest)
 {
-    Client client({kSeven, reply_with(reply(8, 0, {})), reply_with(reply(9, 6, Bytes(6, 1)))});
+    Caller client({kSeven, reply_with(reply(8, 0, {})), reply_with(reply(9, 6, Bytes(6, 1)))});
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(g_priv, client.buffer.data());
     EXPECT_EQ(bv_ubus_client_call("get", nullptr, 0), 8u);
@@ -277,7 +276,7 @@ TEST(RpcClient, ReplyLackingAFieldLeavesTheBufferAlone)
     }
     expect_calls(rows);
 
-    Client client(kSeven);
+    Caller client(kSeven);
     g_answer_nothing = true; // a reply without a message lacks its fields
     EXPECT_EQ(client.call(), 0x10000010u);
     EXPECT_EQ(client.buffer, kCallerBytes);
@@ -295,7 +294,7 @@ TEST(RpcClient, DamagedRepliesEndTheirCallOnly)
         repliers.push_back(reply_with(damaged(random, reply(7, 40, Bytes(40, 0x11)))));
     repliers.push_back(kSeven);
     const size_t longest = reply(7, 40, Bytes(40)).size();
-    Client client(repliers);
+    Caller client(repliers);
     for (int i = 0; i < 1500; i++) {
         Bytes guarded(longest + 6, 0x77);
         bv_ubus_client_call("get", guarded.data(), 6);
@@ -338,7 +337,7 @@ TEST(RpcClient, WithoutAReplyTheResultIsThatOfTheCallBefore)
 TEST(RpcClient, GivesUpAfterThreeSecondsAndIgnoresTheLateAnswer)
 {
     Message late;
-    Client client({[&](Peer &, const Message &invoke) { late = invoke; },
+    Caller client({[&](Peer &, const Message &invoke) { late = invoke; },
                    [&](Peer &peer, const Message &invoke) {
                        answer(peer, late, reply(1, 6, Bytes(6, 1)));
                        answer(peer, invoke, reply(7, 6, kNines));
@@ -377,12 +376,12 @@ TEST(RpcClient, CallsWhileUnconnectedAre10)
     EXPECT_EQ(bv_ubus_client_init(nullptr), -1) << "there is no bus";
     EXPECT_EQ(call("get", data), 10u);
     {
-        Client client(kSeven);
+        Caller client(kSeven);
         EXPECT_EQ(client.call(), 7u);
     }
     EXPECT_EQ(call("get", data), 10u) << "after exit";
     {
-        Client client(kSeven);
+        Caller client(kSeven);
         EXPECT_EQ(client.call(), 7u);
         EXPECT_EQ(unlink("/var/run/ubus/ubus.sock"), 0);
         EXPECT_EQ(bv_ubus_client_init(nullptr), -1);
@@ -394,7 +393,7 @@ TEST(RpcClient, CallsWhileUnconnectedAre10)
 TEST(RpcClient, CallThatCannotBeSentIs2AndSendsNothing)
 {
     Message invoke;
-    Client client(note(invoke, reply(7, 0, {})));
+    Caller client(note(invoke, reply(7, 0, {})));
     Bytes data(2 * 1048576, 0x33);
     EXPECT_EQ(bv_ubus_client_call(nullptr, data.data(), 6), 2u);
     EXPECT_EQ(bv_ubus_client_call("get", nullptr, 6), 2u);
@@ -417,7 +416,7 @@ TEST(RpcClient, CallThatCannotBeSentIs2AndSendsNothing)
 
 TEST(RpcClient, WithoutMemoryForTheRequestACallIs2AndTheNextWorks)
 {
-    Client client(kSeven);
+    Caller client(kSeven);
     for (size_t length : {1, 5000}) { // the buffer's first bytes, and its growth
         Bytes data(length, 0x33);
         FailReallocations failing;
@@ -431,7 +430,7 @@ TEST(RpcClient, WithoutMemoryForTheRequestACallIs2AndTheNextWorks)
 TEST(RpcClient, LongCallTravelsAndAShortOneAfterItSendsNothingOfIt)
 {
     Message first, second;
-    Client client(
+    Caller client(
         {note(first, reply(7, 1000000, Bytes(1000000, 0x44))), note(second, reply(8, 0, {}))});
     Bytes data(1000000, 0x33);
     EXPECT_EQ(call("a_rather_long_name_of_a_function", data), 7u);
@@ -446,7 +445,7 @@ TEST(RpcClient, LongCallTravelsAndAShortOneAfterItSendsNothingOfIt)
 TEST(RpcClient, LongestCallLeavesRoomForAccountNames)
 {
     Message invoke;
-    Client client(note(invoke, reply(7, 0, {})));
+    Caller client(note(invoke, reply(7, 0, {})));
     const uint32_t around =
         4 + 8 + 12 + 4 + 16 + 16 + 12; // body, object, method, arguments, fields
     const uint32_t longest = 1048576 - 128 - around;
@@ -487,7 +486,7 @@ TEST(RpcClient, SecondInitFreesTheFirstConnectionAndForgetsItsObject)
 TEST(RpcClient, ConnectingTakesDefaultSignalsOverAndLeavesOthersAlone)
 {
     signal(SIGINT, SIG_IGN);
-    Client client(status_only(0));
+    Caller client(status_only(0));
     EXPECT_EQ(client.call(), 0u);
     struct sigaction now = {};
     sigaction(SIGTERM, nullptr, &now);

@@ -5,7 +5,6 @@
 #include <bv/ubus.h>
 
 #include "bus/scripted_bus.h"
-#include "support/fault_points.h"
 #include "support/faults.h"
 
 #include <atomic>

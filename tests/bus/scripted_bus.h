@@ -3,7 +3,7 @@
 #ifndef BV_TESTS_BUS_SCRIPTED_BUS_H
 #define BV_TESTS_BUS_SCRIPTED_BUS_H
 
-#include "bus/wire.h"
+#include "support/wire.h"
 
 #include <functional>
 #include <random>

@@ -3,9 +3,8 @@
 
 #include <bv/ubus.h>
 
-#include "bus/service.h"
 #include "support/bus.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/process.h"
 #include "support/shared.h"
 

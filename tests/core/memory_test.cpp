@@ -8,7 +8,7 @@
 #include <bv/status.h>
 
 #include "support/capture.h"
-#include "support/heap.h"
+#include "support/faults.h"
 #include "support/process.h"
 
 #include <algorithm>

@@ -13,12 +13,12 @@
 #include "support/capture.h"
 #include "support/dirty_heap.h"
 #include "support/events.h"
-#include "support/fault_points.h"
-#include "support/faults.h"
+#include "support/libc.h"
 #include "support/process.h"
 
 #include <algorithm>
 #include <cstring>
+#include <atomic>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <linux/netlink.h>
@@ -145,8 +145,6 @@ extern "C" ssize_t failing_recvmsg(int fd, msghdr *message, int flags)
     return next(fd, message, flags);
 }
 
-BV_FAULT_bind;
-BV_FAULT_pthread_create;
 
 namespace {
 

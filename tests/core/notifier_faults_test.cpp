@@ -6,9 +6,10 @@
 
 #include <bv/os.h>
 
-#include "support/fault_points.h"
+#include "support/libc.h"
 #include "support/process.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
@@ -53,9 +54,6 @@ using Steps = std::vector<std::string>;
 
 } // namespace
 
-BV_FAULT_socket;
-BV_FAULT_pthread_create;
-BV_FAULT_POINT(sem_post, int, (sem_t * sem), (sem), -1);
 
 extern "C" int watched_sem_wait(sem_t *sem) __asm__("sem_wait");
 extern "C" int watched_sem_wait(sem_t *sem)

@@ -6,7 +6,7 @@
 #include <bv/status.h>
 
 #include "support/events.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/process.h"
 
 #include <atomic>

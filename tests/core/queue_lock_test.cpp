@@ -5,7 +5,7 @@
 
 #include <bv/status.h>
 
-#include "support/fault_points.h"
+#include "support/faults.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -3,7 +3,7 @@
 #include "crypto/guarded.h"
 #include "crypto/reference.h"
 #include "support/capture.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/shared.h"

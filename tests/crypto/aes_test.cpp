@@ -3,7 +3,7 @@
 
 #include "crypto/guarded.h"
 #include "crypto/reference.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 
 #include <cstddef>
 #include <gtest/gtest.h>

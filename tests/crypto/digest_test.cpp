@@ -2,7 +2,6 @@
 
 #include "crypto/reference.h"
 #include "support/capture.h"
-#include "support/fault_points.h"
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/process.h"

@@ -1,7 +1,7 @@
 #include <bv/os.h>
 
 #include "crypto/vectors.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

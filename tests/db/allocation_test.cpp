@@ -1,13 +1,53 @@
-// Refused allocations: the status, what the database holds afterwards, and the same call again.
+// Memory: what a refused allocation leaves, and who frees which block. Families are loaded and
+// reset for years, and only the old defaults of a reload may stay allocated.
 
 #include "db/database.h"
-#include "db/parsed.h"
 
 #include "support/capture.h"
 #include "support/faults.h"
+#include "support/sanitized.h"
+
+#include <json-c/json.h>
 
 #include <functional>
+#include <map>
 #include <unistd.h>
+
+namespace {
+
+// Files parsed beforehand. The JSON parser does not survive a refused allocation, and its own
+// blocks are not the library's, so the library gets the finished tree of such a file.
+std::map<std::string, json_object *> g_parsed;
+
+json_object *parse(const char *path)
+{
+    return next_function<json_object *(const char *)>("json_object_from_file")(path);
+}
+
+void parse_beforehand(const std::string &path)
+{
+    json_object *tree = parse(path.c_str());
+    ASSERT_NE(tree, nullptr) << path;
+    g_parsed[path] = tree;
+}
+
+// Releases the trees, which only this file may still hold.
+void forget_parsed()
+{
+    for (const auto &file : g_parsed)
+        EXPECT_EQ(json_object_put(file.second), 1) << "someone still holds " << file.first;
+    g_parsed.clear();
+}
+
+} // namespace
+
+extern "C" json_object *json_object_from_file(const char *path)
+{
+    for (const auto &file : g_parsed)
+        if (file.first == path)
+            return json_object_get(file.second);
+    return parse(path);
+}
 
 namespace {
 
@@ -244,6 +284,97 @@ TEST_F(DbAllocation, WriteWithoutMemoryIsWholeOrTheFileCannotBeOpened)
     EXPECT_EQ(out.stop(), "");
     EXPECT_GE(statuses.size(), 1u);
     EXPECT_EQ(read_file(kUserFile), whole);
+}
+
+using Sizes = std::vector<size_t>;
+using Addresses = std::vector<const void *>;
+
+constexpr size_t kTableSize = 3 * sizeof(bv_db_para);
+constexpr size_t kLanAllocation = 64;
+
+class DbHeap : public Db {
+protected:
+    void SetUp() override
+    {
+        if (kSanitized)
+            GTEST_SKIP() << "sanitisers do not survive a free() of the program's own";
+        Db::SetUp();
+        install("lan.json", kLan);
+        parse_beforehand(kLanPath);
+    }
+    void TearDown() override
+    {
+        forget_parsed();
+        Db::TearDown();
+    }
+
+    // A family with its template, and no instances.
+    bv_db_family *lan()
+    {
+        bv_db_family *family = bv_db_hash_add(kLanPath);
+        EXPECT_EQ(bv_db_template_read_single(kLanPath, family), BV_OK);
+        return family;
+    }
+
+    int add(uint32_t number) { return bv_db_inst_add(kLanPath, image.data(), 38, number); }
+
+    const Bytes image = Bytes(38, 1);
+};
+
+TEST_F(DbHeap, InstanceIsTwoBlocksAndDeletingFreesBoth)
+{
+    bv_db_family *family = lan();
+    HeapWatch watch;
+    ASSERT_EQ(add(7), BV_OK);
+    watch.stop();
+    EXPECT_EQ(watch.taken(), (Sizes{sizeof(bv_db_inst), kLanAllocation}));
+
+    const bv_db_inst *instance = bv_db_data_get_inst(family, 7);
+    const Addresses blocks = {instance->image, instance};
+    EXPECT_EQ(bv_db_inst_del(kLanPath, 7), BV_OK);
+    EXPECT_EQ(watch.given_back(), blocks);
+    EXPECT_TRUE(watch.unlinked(blocks[1])) << "a late use of its links is found";
+}
+
+TEST_F(DbHeap, FreeingAFamilysInstancesFreesAllOfThem)
+{
+    bv_db_family *family = lan();
+    HeapWatch watch;
+    for (uint32_t number : {1, 2, 3})
+        ASSERT_EQ(add(number), BV_OK);
+    watch.stop();
+    EXPECT_EQ(bv_db_data_free(family), BV_OK);
+    EXPECT_EQ(watch.given_back().size(), 6u);
+}
+
+TEST_F(DbHeap, OnlyTheOldDefaultsOfAReloadStayAllocated)
+{
+    bv_db_family *family = bv_db_hash_add(kLanPath);
+    HeapWatch watch;
+    ASSERT_EQ(bv_db_template_read_single(kLanPath, family), BV_OK);
+    watch.stop();
+    EXPECT_EQ(watch.taken(), (Sizes{kTableSize, kLanAllocation, kLanAllocation}));
+
+    const Addresses blocks = {family->para, family->working_image};
+    ASSERT_EQ(bv_db_template_read_single(kLanPath, family), BV_OK);
+    EXPECT_EQ(watch.given_back(), blocks);
+}
+
+TEST_F(DbHeap, FreeingTheTableFreesAllButTheDefaults)
+{
+    HeapWatch watch;
+    bv_db_family *family = lan();
+    ASSERT_EQ(add(1), BV_OK);
+    watch.stop();
+    const void *defaults = family->default_image;
+    const size_t taken = watch.taken().size();
+    EXPECT_EQ(taken, 3u + 3 + 2) << "the family, its template, an instance";
+
+    EXPECT_EQ(bv_db_hash_free(), BV_OK);
+    const Addresses given_back = watch.given_back();
+    EXPECT_EQ(given_back.size(), taken - 1);
+    for (const void *block : given_back)
+        EXPECT_NE(block, defaults);
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 
 #include "db/database.h"
 
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/process.h"
 #include "support/shared.h"
 
@@ -17,13 +17,10 @@
 // programs started meanwhile would inherit.
 FaultPoint fault_fwrite;
 int g_inherited;
-extern "C" size_t fwrite(const void *data, size_t size, size_t n, FILE *stream)
+BV_INTERPOSE(fwrite, "fwrite", size_t, (const void *from, size_t size, size_t n, FILE *file))
 {
-    g_inherited += fcntl(fileno(stream), F_GETFD) != FD_CLOEXEC;
-    if (fault_fwrite.fails())
-        return 0;
-    using Function = size_t(const void *, size_t, size_t, FILE *);
-    return next_function<Function>("fwrite")(data, size, n, stream);
+    g_inherited += fcntl(fileno(file), F_GETFD) != FD_CLOEXEC;
+    return fault_fwrite.fails() ? 0 : BV_NEXT(fwrite)(from, size, n, file);
 }
 
 namespace {

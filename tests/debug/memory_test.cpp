@@ -3,7 +3,7 @@
 
 #include <bv/debug.h>
 
-#include "support/heap.h"
+#include "support/faults.h"
 
 #include <gtest/gtest.h>
 

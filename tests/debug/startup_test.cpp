@@ -4,8 +4,7 @@
 #include <bv/os.h>
 
 #include "support/capture.h"
-#include "support/fault_points.h"
-#include "support/faults.h"
+#include "support/libc.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 #include <unistd.h>
 #include <vector>
 
-BV_FAULT_socket;
 
 namespace {
 

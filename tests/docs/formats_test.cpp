@@ -4,7 +4,6 @@
 #include "docs/page.h"
 
 #include "bus/scripted_bus.h"
-#include "bus/service.h"
 #include "dev/devices.h"
 #include "support/bus.h"
 #include "support/files.h"

@@ -1,8 +1,8 @@
 // The example that encrypts files, beside libcrypto's own functions.
 
+#include "support/child.h"
 #include "support/files.h"
 #include "support/shared.h"
-#include "tools/program.h"
 
 #include <gtest/gtest.h>
 

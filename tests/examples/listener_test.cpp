@@ -1,7 +1,7 @@
 // The example listener, with real netlink messages in the place of the driver's.
 
+#include "support/child.h"
 #include "support/process.h"
-#include "tools/program.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include <bv/os.h>
 
 #include "support/capture.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/sanitized.h"
 
 #include <gtest/gtest.h>

@@ -8,7 +8,7 @@
 #include <bv/os.h>
 
 #include "support/capture.h"
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>

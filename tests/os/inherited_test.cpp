@@ -14,7 +14,7 @@
 #ifdef BV_NOTHING_INTERPOSED
 #include "gateway/modules.h"
 #else
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include <linux/netlink.h>
 #endif
 

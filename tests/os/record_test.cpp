@@ -1,6 +1,6 @@
 #include <bv/os.h>
 
-#include "support/fault_points.h"
+#include "support/libc.h"
 #include "support/files.h"
 #include "support/process.h"
 
@@ -14,7 +14,6 @@
 #include <unistd.h>
 #include <vector>
 
-BV_FAULT_fopen;
 
 namespace {
 
@@ -69,7 +68,7 @@ TEST(Record, InitReportsTheShellsStatusAsItIs)
 
 TEST(Record, AFileThatCannotBeOpenedIsReported)
 {
-    BV_FAULT_OF(fopen).fail_next(1, EACCES);
+    fault_fopen.fail_next(1, EACCES);
     EXPECT_EQ(bv_os_record("x"), BV_ERR_RECORD);
     EXPECT_FALSE(file_exists(kRecord));
 }

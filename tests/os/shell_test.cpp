@@ -1,7 +1,7 @@
 #include <bv/os.h>
 
 #include "support/capture.h"
-#include "support/fault_points.h"
+#include "support/libc.h"
 #include "support/files.h"
 #include "support/process.h"
 
@@ -15,8 +15,6 @@
 #include <sys/wait.h>
 #include <vector>
 
-BV_FAULT_popen;
-BV_FAULT_read;
 
 namespace {
 

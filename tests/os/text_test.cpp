@@ -1,6 +1,6 @@
 #include <bv/os.h>
 
-#include "support/fault_points.h"
+#include "support/faults.h"
 
 #include <gtest/gtest.h>
 

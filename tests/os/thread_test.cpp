@@ -1,13 +1,12 @@
 #include <bv/os.h>
 
-#include "support/fault_points.h"
+#include "support/libc.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
-BV_FAULT_pthread_create;
 
 namespace {
 

@@ -3,7 +3,6 @@
 
 #include "soak/soak.h"
 
-#include "bus/service.h"
 #include "support/bus.h"
 
 #include <bv/ubus.h>

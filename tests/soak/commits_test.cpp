@@ -2,7 +2,7 @@
 
 #include "soak/soak.h"
 
-#include "bus/service.h"
+#include "support/bus.h"
 #include "support/files.h"
 
 #include <bv/db.h>

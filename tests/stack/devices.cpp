@@ -1,17 +1,17 @@
-// What the cases of the sweep expect of sweep/faults.h, without its functions in front of the C
+// What the cases of the sweep expect of the test kit, without its functions in front of the C
 // library, whose stack would count.
 
-#include "sweep/faults.h"
+#include "sweep/sweep.h"
 
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace sweep {
-
 int (*g_ioctl_answer)(int, unsigned long, void *);
 bool g_redirect_netlink;
+
+namespace sweep {
 
 void give_back(int fd)
 {
@@ -24,7 +24,7 @@ void give_back(int fd)
 extern "C" int in_front_socket(int domain, int type, int protocol) __asm__("socket");
 extern "C" int in_front_socket(int domain, int type, int protocol)
 {
-    if (sweep::g_redirect_netlink && domain == AF_NETLINK)
+    if (g_redirect_netlink && domain == AF_NETLINK)
         protocol = NETLINK_USERSOCK;
     return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
@@ -33,6 +33,6 @@ extern "C" int in_front_ioctl(int fd, unsigned long request, void *argument) __a
 extern "C" int in_front_ioctl(int fd, unsigned long request, void *argument)
 {
     const int answer =
-        sweep::g_ioctl_answer != nullptr ? sweep::g_ioctl_answer(fd, request, argument) : -2;
+        g_ioctl_answer != nullptr ? g_ioctl_answer(fd, request, argument) : -2;
     return answer != -2 ? answer : static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
 }

@@ -8,7 +8,6 @@
 #include "stack/plain_cases.h"
 #include "sweep/sweep.h"
 
-#include "bus/service.h"
 #include "support/bus.h"
 #include "support/files.h"
 

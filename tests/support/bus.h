@@ -1,8 +1,9 @@
-// The bus daemon for tests: a child process, up when the constructor returns and gone when the
-// destructor does.
+// The bus for tests: its daemon, and what is on it.
 
-#ifndef TESTS_SUPPORT_BUS_H
-#define TESTS_SUPPORT_BUS_H
+#ifndef BV_TESTS_SUPPORT_BUS_H
+#define BV_TESTS_SUPPORT_BUS_H
+
+#include "support/child.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -19,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// A child process, up when the constructor returns and gone when the destructor does.
 class BusDaemon {
 public:
     static constexpr const char *kDefaultSocket = "/var/run/ubus/ubus.sock";
@@ -116,5 +118,12 @@ private:
     unsigned long descriptors_;
     pid_t pid_ = -1;
 };
+
+// Waits until an object of that name is on the bus of the default socket.
+bool wait_for_object(const std::string &name);
+// Whether it is there now.
+bool object_exists(const std::string &name);
+// Whether the list of all objects shows that name, which may be one that cannot be looked up.
+bool object_is_listed(const std::string &name);
 
 #endif

@@ -1,108 +1,104 @@
 #include "support/faults.h"
 
-#include <cerrno>
-#include <dlfcn.h>
+#include <cstdint>
+#include <cstring>
+#include <link.h>
 
 namespace {
 
-thread_local unsigned t_countdown; // 0: nothing is to fail
-thread_local bool t_happened;
-size_t g_failing_size; // 0: none; all threads
-unsigned g_size_happened;
-bool g_realloc_fails;
-unsigned g_realloc_happened;
+bool g_ours_only;
+
+struct Range {
+    uintptr_t start;
+    uintptr_t end;
+};
+Range g_ours[16];
+size_t g_ours_count;
+
+// The program itself has no name with some C libraries, with others its path.
+bool is_program(const dl_phdr_info &info, const ElfW(Phdr) & header)
+{
+    const auto here = reinterpret_cast<uintptr_t>(&called_by_ours);
+    return here - (info.dlpi_addr + header.p_vaddr) < header.p_memsz;
+}
+
+bool is_library(const char *object)
+{
+    for (const char *name : {"libbv.so", "libubox.so", "libubus.so", "libboundscheck.so"}) {
+        if (strstr(object, name) != nullptr)
+            return true;
+    }
+    return false;
+}
+
+int note_range(dl_phdr_info *info, size_t, void *)
+{
+    for (int i = 0; i < info->dlpi_phnum; i++) {
+        const auto &header = info->dlpi_phdr[i];
+        if (header.p_type != PT_LOAD || (header.p_flags & PF_X) == 0)
+            continue;
+        if (!is_library(info->dlpi_name) && !is_program(*info, header))
+            continue;
+        const uintptr_t start = info->dlpi_addr + header.p_vaddr;
+        g_ours[g_ours_count++] = {start, start + header.p_memsz};
+    }
+    return g_ours_count >= 16;
+}
+
+// Fault points are made while the program starts, in one thread.
+std::vector<FaultPoint *> &points()
+{
+    static std::vector<FaultPoint *> list;
+    return list;
+}
 
 } // namespace
 
-// These are called before a sanitizer has set itself up, which is why they are not instrumented,
-// and use built-in atomics: the library's are functions that would be.
-#define UNINSTRUMENTED __attribute__((no_sanitize("address", "thread", "undefined")))
-
-extern "C" UNINSTRUMENTED void *malloc(size_t size)
+BV_UNINSTRUMENTED bool called_by_ours(const void *caller)
 {
-    using Malloc = void *(size_t);
-    static Malloc *real;
-    Malloc *next = __atomic_load_n(&real, __ATOMIC_ACQUIRE);
-    if (next == nullptr) {
-        next = reinterpret_cast<Malloc *>(dlsym(RTLD_NEXT, "malloc"));
-        __atomic_store_n(&real, next, __ATOMIC_RELEASE);
+    const auto address = reinterpret_cast<uintptr_t>(caller);
+    for (size_t i = 0; i < g_ours_count; i++) {
+        if (address >= g_ours[i].start && address < g_ours[i].end)
+            return true;
     }
-
-    if (t_countdown != 0 && --t_countdown == 0) {
-        t_happened = true;
-        errno = ENOMEM;
-        return nullptr;
-    }
-    if (size != 0 && size == __atomic_load_n(&g_failing_size, __ATOMIC_SEQ_CST)) {
-        __atomic_fetch_add(&g_size_happened, 1, __ATOMIC_SEQ_CST);
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return next(size);
+    return false;
 }
 
-extern "C" UNINSTRUMENTED void *realloc(void *block, size_t size)
+FaultPoint::FaultPoint(const char *name, int error) : name_(name), usual_error_(error)
 {
-    using Realloc = void *(void *, size_t);
-    static Realloc *real;
-    Realloc *next = __atomic_load_n(&real, __ATOMIC_ACQUIRE);
-    if (next == nullptr) {
-        next = reinterpret_cast<Realloc *>(dlsym(RTLD_NEXT, "realloc"));
-        __atomic_store_n(&real, next, __ATOMIC_RELEASE);
-    }
-
-    if (__atomic_load_n(&g_realloc_fails, __ATOMIC_SEQ_CST)) {
-        __atomic_fetch_add(&g_realloc_happened, 1, __ATOMIC_SEQ_CST);
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return next(block, size);
+    points().push_back(this);
 }
 
-FailAllocation::FailAllocation(unsigned nth)
+const std::vector<FaultPoint *> &FaultPoint::all()
 {
-    t_happened = false;
-    t_countdown = nth;
+    return points();
 }
 
-FailAllocation::~FailAllocation()
+void FaultPoint::count_ours_only()
 {
-    t_countdown = 0;
+    if (g_ours_count == 0)
+        dl_iterate_phdr(note_range, nullptr);
+    __atomic_store_n(&g_ours_only, true, __ATOMIC_SEQ_CST);
 }
 
-bool FailAllocation::happened() const
+void FaultPoint::set(int nth, int error)
 {
-    return t_happened;
+    __atomic_store_n(&failing_, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&error_, error != 0 ? error : usual_error_, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&failures_, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&calls_, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&failing_, nth, __ATOMIC_SEQ_CST);
 }
 
-FailAllocationsOfSize::FailAllocationsOfSize(size_t size)
+BV_UNINSTRUMENTED bool FaultPoint::fails(const void *caller)
 {
-    __atomic_store_n(&g_size_happened, 0, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&g_failing_size, size, __ATOMIC_SEQ_CST);
-}
-
-FailAllocationsOfSize::~FailAllocationsOfSize()
-{
-    __atomic_store_n(&g_failing_size, 0, __ATOMIC_SEQ_CST);
-}
-
-unsigned FailAllocationsOfSize::happened() const
-{
-    return __atomic_load_n(&g_size_happened, __ATOMIC_SEQ_CST);
-}
-
-FailReallocations::FailReallocations()
-{
-    __atomic_store_n(&g_realloc_happened, 0, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&g_realloc_fails, true, __ATOMIC_SEQ_CST);
-}
-
-FailReallocations::~FailReallocations()
-{
-    __atomic_store_n(&g_realloc_fails, false, __ATOMIC_SEQ_CST);
-}
-
-unsigned FailReallocations::happened() const
-{
-    return __atomic_load_n(&g_realloc_happened, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&g_ours_only, __ATOMIC_SEQ_CST) && !called_by_ours(caller))
+        return false;
+    const int call = __atomic_add_fetch(&calls_, 1, __ATOMIC_SEQ_CST);
+    const int failing = __atomic_load_n(&failing_, __ATOMIC_SEQ_CST);
+    if (failing != kAlways && failing != call)
+        return false;
+    __atomic_add_fetch(&failures_, 1, __ATOMIC_SEQ_CST);
+    errno = __atomic_load_n(&error_, __ATOMIC_SEQ_CST);
+    return true;
 }

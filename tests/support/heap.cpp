@@ -1,30 +1,62 @@
-#include "support/heap.h"
+// malloc() and its kind, for programs that interpose the heap.
+
+#include "support/faults.h"
+#include "support/sanitized.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
+
+FaultPoint fault_malloc("malloc", ENOMEM);
+FaultPoint fault_calloc("calloc", ENOMEM);
+FaultPoint fault_realloc("realloc", ENOMEM);
 
 namespace {
 
-constexpr size_t kMostBlocks = 64;
+// For FailAllocation and its kin.
+thread_local unsigned t_countdown; // 0: nothing is to fail
+thread_local bool t_happened;
+size_t g_failing_size; // 0: none
+unsigned g_size_happened;
+bool g_reallocs_fail;
+unsigned g_reallocs_happened;
 
+BV_UNINSTRUMENTED bool is_refused(size_t size)
+{
+    if (t_countdown != 0 && --t_countdown == 0) {
+        t_happened = true;
+        return true;
+    }
+    if (size == 0 || size != __atomic_load_n(&g_failing_size, __ATOMIC_SEQ_CST))
+        return false;
+    __atomic_fetch_add(&g_size_happened, 1, __ATOMIC_SEQ_CST);
+    return true;
+}
+
+BV_UNINSTRUMENTED bool realloc_is_refused()
+{
+    if (!__atomic_load_n(&g_reallocs_fail, __ATOMIC_SEQ_CST))
+        return false;
+    __atomic_fetch_add(&g_reallocs_happened, 1, __ATOMIC_SEQ_CST);
+    return true;
+}
+
+// Blocks that are watched. Noting must not ask for memory itself.
 struct Block {
     const void *address;
     size_t size;
     unsigned position; // among those given back, from 1; 0: not yet
     bool unlinked;
 };
-
-// Noting must not ask for memory itself.
+constexpr size_t kMostBlocks = 16384;
 Block g_blocks[kMostBlocks];
 size_t g_taken;
 unsigned g_given_back;
-std::atomic<bool> g_watching;
 std::atomic_flag g_lock = ATOMIC_FLAG_INIT; // guards the three above it
+
+enum Watch { kNone, kThread, kOurs };
+int g_watch; // whose blocks are noted
 thread_local bool t_noting;
-thread_local unsigned t_countdown;
 
 struct Guard {
     Guard()
@@ -35,21 +67,46 @@ struct Guard {
     ~Guard() { g_lock.clear(); }
 };
 
-void note_taken(const void *address, size_t size)
+BV_UNINSTRUMENTED int watch()
 {
+    return __atomic_load_n(&g_watch, __ATOMIC_SEQ_CST);
+}
+
+void start(Watch whose)
+{
+    g_taken = 0;
+    g_given_back = 0;
+    __atomic_store_n(&g_watch, whose, __ATOMIC_SEQ_CST);
+}
+
+BV_UNINSTRUMENTED void note_taken(const void *caller, const void *address, size_t size)
+{
+    const int whose = watch();
+    const bool noted = whose == kThread ? t_noting : whose == kOurs && called_by_ours(caller);
+    if (!noted || address == nullptr)
+        return;
     Guard guard;
     if (g_taken == kMostBlocks)
         abort();
     g_blocks[g_taken++] = {address, size, 0, false};
 }
 
-void note_given_back(const void *address)
+// By address: the last free() of another library's function seems to come from us when it is a
+// tail call.
+BV_UNINSTRUMENTED void note_given_back(const void *address)
 {
+    const int whose = watch();
+    if (whose == kNone || address == nullptr)
+        return;
     Guard guard;
-    for (size_t i = 0; i < g_taken; i++) {
+    for (size_t i = g_taken; i-- > 0;) {
         Block &block = g_blocks[i];
         if (block.address != address || block.position != 0)
             continue;
+        if (whose == kOurs) {
+            block = g_blocks[--g_taken];
+            return;
+        }
         block.position = ++g_given_back;
         const void *const nothing[2] = {nullptr, nullptr};
         block.unlinked =
@@ -58,48 +115,103 @@ void note_given_back(const void *address)
     }
 }
 
-template <typename Function>
-Function *behind(std::atomic<Function *> &known, const char *name)
-{
-    if (known == nullptr)
-        known = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-    return known;
-}
-
-using Malloc = void *(size_t);
-using Free = void(void *);
-std::atomic<Malloc *> g_malloc;
-std::atomic<Free *> g_free;
-
 } // namespace
 
-extern "C" void *watched_malloc(size_t size) __asm__("malloc");
-extern "C" void *watched_malloc(size_t size)
+BV_INTERPOSE(malloc, "malloc", void *, (size_t size))
 {
-    if (!t_noting)
-        return behind(g_malloc, "malloc")(size);
-    if (t_countdown != 0 && --t_countdown == 0) {
+    if (fault_malloc.fails(BV_CALLER) || is_refused(size)) {
         errno = ENOMEM;
         return nullptr;
     }
-    void *block = behind(g_malloc, "malloc")(size);
-    note_taken(block, size);
+    void *block = BV_NEXT(malloc)(size);
+    note_taken(BV_CALLER, block, size);
     return block;
 }
 
-extern "C" void watched_free(void *block) __asm__("free");
-extern "C" void watched_free(void *block)
+BV_INTERPOSE(realloc, "realloc", void *, (void *old, size_t size))
 {
-    if (block != nullptr && g_watching)
-        note_given_back(block);
-    behind(g_free, "free")(block);
+    if (fault_realloc.fails(BV_CALLER) || realloc_is_refused()) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    if (watch() != kOurs)
+        return BV_NEXT(realloc)(old, size);
+    note_given_back(old);
+    void *block = BV_NEXT(realloc)(old, size);
+    note_taken(BV_CALLER, block, size);
+    return block;
+}
+
+// The start of a sanitizer calls these before it can survive ours.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+BV_INTERPOSE(calloc, "calloc", void *, (size_t n, size_t size))
+{
+    if (fault_calloc.fails(BV_CALLER))
+        return nullptr;
+    void *block = BV_NEXT(calloc)(n, size);
+    if (watch() == kOurs)
+        note_taken(BV_CALLER, block, n * size);
+    return block;
+}
+
+BV_INTERPOSE(free, "free", void, (void *block))
+{
+    note_given_back(block);
+    BV_NEXT(free)(block);
+}
+#endif
+
+FailAllocation::FailAllocation(unsigned nth)
+{
+    t_happened = false;
+    t_countdown = nth;
+}
+
+FailAllocation::~FailAllocation()
+{
+    t_countdown = 0;
+}
+
+bool FailAllocation::happened() const
+{
+    return t_happened;
+}
+
+FailAllocationsOfSize::FailAllocationsOfSize(size_t size)
+{
+    __atomic_store_n(&g_size_happened, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_failing_size, size, __ATOMIC_SEQ_CST);
+}
+
+FailAllocationsOfSize::~FailAllocationsOfSize()
+{
+    __atomic_store_n(&g_failing_size, 0, __ATOMIC_SEQ_CST);
+}
+
+unsigned FailAllocationsOfSize::happened() const
+{
+    return __atomic_load_n(&g_size_happened, __ATOMIC_SEQ_CST);
+}
+
+FailReallocations::FailReallocations()
+{
+    __atomic_store_n(&g_reallocs_happened, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_reallocs_fail, true, __ATOMIC_SEQ_CST);
+}
+
+FailReallocations::~FailReallocations()
+{
+    __atomic_store_n(&g_reallocs_fail, false, __ATOMIC_SEQ_CST);
+}
+
+unsigned FailReallocations::happened() const
+{
+    return __atomic_load_n(&g_reallocs_happened, __ATOMIC_SEQ_CST);
 }
 
 HeapWatch::HeapWatch(unsigned refused)
 {
-    g_taken = 0;
-    g_given_back = 0;
-    g_watching = true;
+    start(kThread);
     t_countdown = refused;
     t_noting = true;
 }
@@ -107,12 +219,13 @@ HeapWatch::HeapWatch(unsigned refused)
 HeapWatch::~HeapWatch()
 {
     stop();
-    g_watching = false;
+    start(kNone);
 }
 
 void HeapWatch::stop()
 {
     t_noting = false;
+    t_countdown = 0;
 }
 
 std::vector<size_t> HeapWatch::taken() const
@@ -143,4 +256,14 @@ bool HeapWatch::unlinked(const void *address) const
             return g_blocks[i].unlinked;
     }
     return false;
+}
+
+void watch_our_blocks()
+{
+    start(kOurs);
+}
+
+int our_blocks()
+{
+    return static_cast<int>(g_taken);
 }

@@ -9,6 +9,7 @@
 #include <bv/queue.h>
 #include <bv/status.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>

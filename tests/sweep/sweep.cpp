@@ -10,6 +10,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -56,7 +57,7 @@ bool one_of(const std::vector<int64_t> &set, int64_t value)
     return std::find(set.begin(), set.end(), value) != set.end();
 }
 
-void run_in_child(const Case &c, const Fault *fault, int nth, Report &report)
+void run_in_child(const Case &c, FaultPoint *fault, int nth, Report &report)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const rlimit none = {0, 0};
@@ -68,16 +69,22 @@ void run_in_child(const Case &c, const Fault *fault, int nth, Report &report)
 
     c.prepare();
     const int before = count_descriptors();
-    arm(fault, nth);
+    const auto &faults = FaultPoint::all();
+    for (FaultPoint *each : faults)
+        each->pass();
+    if (fault != nullptr)
+        fault->fail_next(nth);
+    watch_our_blocks();
+    FaultPoint::count_ours_only();
     report.result = c.call();
-    disarm();
-    report.happened = happened();
-    const auto &faults = all_faults();
+    report.happened = fault != nullptr && fault->failures() > 0;
     for (size_t i = 0; i < faults.size(); i++)
         report.calls[i] = faults[i]->calls();
+    if (fault != nullptr)
+        fault->pass();
     report.honest = !c.honest || !one_of(c.good, report.result) || c.works();
     c.clean();
-    report.blocks = blocks_in_use();
+    report.blocks = our_blocks();
     report.descriptors = count_descriptors() - before;
 
     c.prepare();
@@ -89,7 +96,7 @@ void run_in_child(const Case &c, const Fault *fault, int nth, Report &report)
 }
 
 // Runs a case with one fault, or none, in a process of its own. False when it came to no end.
-bool run(const Case &c, const Fault *fault, int nth, Report &result)
+bool run(const Case &c, FaultPoint *fault, int nth, Report &result)
 {
     Report &report = *shared_report();
     report = Report{};
@@ -136,7 +143,7 @@ bool is_cut(const Case &c)
 }
 
 // Lets one fault hit the first, second, ... call until it hits none. Returns how often it did.
-int sweep_fault(const Case &c, const Report &dry, const Fault &fault)
+int sweep_fault(const Case &c, const Report &dry, FaultPoint &fault)
 {
     const bool cut = is_cut(c);
     const int most = cut ? kMostEmulated : kMostCalls;
@@ -167,7 +174,7 @@ void sweep_case(const Case &c)
 
     int failures = 0;
     std::string met;
-    const auto &faults = all_faults();
+    const auto &faults = FaultPoint::all();
     ASSERT_LE(faults.size(), sizeof(dry.calls) / sizeof(dry.calls[0]));
     for (size_t i = 0; i < faults.size(); i++) {
         if (dry.calls[i] == 0)
@@ -182,6 +189,12 @@ void sweep_case(const Case &c)
 }
 
 } // namespace
+
+void give_back(int fd)
+{
+    if (fd >= 0)
+        syscall(SYS_close, fd);
+}
 
 void sweep(const std::vector<Case> &cases)
 {

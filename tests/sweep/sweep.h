@@ -4,7 +4,7 @@
 #ifndef BV_TESTS_SWEEP_SWEEP_H
 #define BV_TESTS_SWEEP_SWEEP_H
 
-#include "sweep/faults.h"
+#include "support/libc.h"
 
 #include <cstdint>
 #include <functional>
@@ -101,6 +101,9 @@ struct Case {
 
 // Sweeps each of them; failures become those of the running test.
 void sweep(const std::vector<Case> &cases);
+
+// Closes a descriptor without being interposed.
+void give_back(int fd);
 
 // The cases by the folder of their functions.
 std::vector<Case> os_cases();

@@ -4,7 +4,6 @@
 
 #include "sweep/sweep.h"
 
-#include "bus/service.h"
 #include "support/bus.h"
 #include "support/files.h"
 

@@ -1,9 +1,8 @@
 // bv-call with a template, against an owner whose functions read and write its database.
 
-#include "bus/service.h"
 #include "support/bus.h"
+#include "support/child.h"
 #include "support/files.h"
-#include "tools/program.h"
 
 #include <bv/bv.h>
 

@@ -1,10 +1,9 @@
 // bv-call against services on a real bus.
 
-#include "bus/service.h"
 #include "support/bus.h"
+#include "support/child.h"
 #include "support/files.h"
 #include "support/process.h"
-#include "tools/program.h"
 
 #include <bv/os.h>
 #include <bv/status.h>

@@ -2,9 +2,9 @@
 #ifndef BV_TESTS_TOOLS_CAPTURE_H
 #define BV_TESTS_TOOLS_CAPTURE_H
 
+#include "support/child.h"
 #include "support/files.h"
 #include "support/process.h"
-#include "tools/program.h"
 
 #include <bv/debug.h>
 

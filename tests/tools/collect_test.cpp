@@ -1,9 +1,9 @@
 // bv-collect with datagrams of the library itself, over loopback.
 
+#include "support/child.h"
 #include "support/files.h"
 #include "support/process.h"
 #include "support/shared.h"
-#include "tools/program.h"
 
 #include <bv/debug.h>
 

@@ -1,8 +1,8 @@
 // What bv-template passes, the library takes whole and keeps through a rewrite: tried with random
 // templates, many of them faulty. The seed is fixed: a failure comes again.
 
+#include "support/child.h"
 #include "support/files.h"
-#include "tools/program.h"
 
 #include <bv/db.h>
 #include <bv/status.h>

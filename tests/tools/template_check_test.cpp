@@ -1,7 +1,7 @@
 // bv-template check: every fault that a template can have, with its line.
 
+#include "support/child.h"
 #include "support/files.h"
-#include "tools/program.h"
 
 #include <gtest/gtest.h>
 

@@ -8,9 +8,9 @@
 #include "wan.h"
 #include "wireless.h"
 
+#include "support/child.h"
 #include "support/files.h"
 #include "support/shared.h"
-#include "tools/program.h"
 
 #include <bv/db.h>
 #include <bv/status.h>

@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 
 #include "fake_bus.h"
-#include "support/fault_points.h"
 #include "support/faults.h"
 
 // Sees whether the library touches the loop's descriptors.

@@ -7,7 +7,7 @@
 #include <pwd.h>
 #include <sys/mman.h>
 
-#include "support/fault_points.h"
+#include "support/faults.h"
 #include "support/process.h"
 #include "wire.h"
 

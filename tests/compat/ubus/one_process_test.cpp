@@ -3,7 +3,6 @@
 
 #include <bv/ubus.h>
 
-#include "bus/service.h"
 #include "support/bus.h"
 
 #include <thread>

@@ -1,7 +1,8 @@
-#include "tools/program.h"
+#include "support/child.h"
 
 #include "support/files.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -11,11 +12,12 @@
 
 namespace {
 
-std::string make_folder()
+std::string make_folder(const std::string &input)
 {
     char name[] = "/scratch/program-XXXXXX";
     if (mkdtemp(name) == nullptr)
         abort();
+    write_file(std::string(name) + "/in", input);
     return name;
 }
 
@@ -27,9 +29,8 @@ void redirect(int fd, const std::string &path, int flags)
     close(file);
 }
 
-[[noreturn]] void become(const std::vector<std::string> &arguments, const std::string &folder)
+int become(const std::vector<std::string> &arguments, const std::string &folder)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     redirect(STDIN_FILENO, folder + "/in", O_RDONLY);
     redirect(STDOUT_FILENO, folder + "/out", O_WRONLY | O_CREAT | O_APPEND);
     redirect(STDERR_FILENO, folder + "/err", O_WRONLY | O_CREAT | O_APPEND);
@@ -39,26 +40,55 @@ void redirect(int fd, const std::string &path, int flags)
         words.push_back(const_cast<char *>(argument.c_str()));
     words.push_back(nullptr);
     execv(words[0], words.data());
-    _exit(127);
+    return 127;
 }
 
 } // namespace
 
-Program::Program(const std::vector<std::string> &arguments, const std::string &input)
-    : folder_(make_folder())
+Child::Child(const std::function<int()> &body, unsigned seconds) : pid_(fork())
 {
-    write_file(folder_ + "/in", input);
-    pid_ = fork();
-    if (pid_ == 0)
-        become(arguments, folder_);
+    if (pid_ != 0)
+        return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    alarm(seconds);
+    _exit(body() & 0xff);
 }
 
-Program::~Program()
+Child::~Child()
 {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        wait();
-    }
+    if (pid_ <= 0)
+        return;
+    kill(pid_, SIGKILL);
+    wait();
+}
+
+void Child::signal(int number) const
+{
+    if (pid_ > 0)
+        kill(pid_, number);
+}
+
+int Child::wait()
+{
+    int status = 0;
+    pid_t ended;
+    do {
+        ended = waitpid(pid_, &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    if (ended != pid_)
+        return -1000;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+Program::Program(const std::vector<std::string> &arguments, const std::string &input)
+    : Program(make_folder(input), arguments)
+{
+}
+
+Program::Program(const std::string &folder, const std::vector<std::string> &arguments)
+    : Child([&] { return become(arguments, folder); }), folder_(folder)
+{
 }
 
 std::string Program::output() const
@@ -71,30 +101,9 @@ std::string Program::errors() const
     return read_file(folder_ + "/err");
 }
 
-void Program::signal(int number) const
-{
-    if (pid_ > 0)
-        kill(pid_, number);
-}
-
-int Program::wait()
-{
-    int status = 0;
-    if (waitpid(pid_, &status, 0) != pid_)
-        return -1000;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
 Outcome run(const std::vector<std::string> &arguments, const std::string &input)
 {
     Program program(arguments, input);
     int status = program.wait();
     return {status, program.output(), program.errors()};
-}
-
-Outcome run_tool(std::vector<std::string> arguments, const std::string &input)
-{
-    arguments.insert(arguments.begin(), BV_TOOL);
-    return run(arguments, input);
 }

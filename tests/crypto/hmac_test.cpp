@@ -1,3 +1,5 @@
+// The keyed hash in one call and in pieces.
+
 #include <bv/sha2.h>
 
 #include "crypto/reference.h"
@@ -65,7 +67,7 @@ TEST(Hmac, RandomKeysAndMessagesAgreeWithLibcrypto)
     }
 }
 
-TEST(Hmac, AKeyLongerThanABlockStandsForItsDigest)
+TEST(Hmac, KeyLongerThanABlockIsReplacedByItsDigest)
 {
     RandomBytes random(12);
     for (bool is224 : {false, true}) {
@@ -78,7 +80,7 @@ TEST(Hmac, AKeyLongerThanABlockStandsForItsDigest)
               one_shot(false, reference::digest(EVP_sha256(), block), "message"));
 }
 
-TEST(Hmac, PiecesGiveTheSameResultAsOneCall)
+TEST(Hmac, PiecesGiveTheSameResultAsTheWhole)
 {
     RandomBytes random(13);
     const std::string key = random.bytes(20), message = random.bytes(500);
@@ -113,7 +115,7 @@ TEST(Hmac, ResetBeginsAnotherMessageUnderTheSameKey)
     }
 }
 
-TEST(Hmac, TheContextKeepsThePaddedKey)
+TEST(Hmac, ContextKeepsThePaddedKey)
 {
     sha2_context ctx;
     start(&ctx, "Jefe", false);
@@ -125,7 +127,7 @@ TEST(Hmac, TheContextKeepsThePaddedKey)
     EXPECT_EQ(ctx.total[0], 64u);
 }
 
-TEST(Hmac, OutputMayBeThePlaceOfTheMessageOrTheKey)
+TEST(Hmac, OutputMayBeWhereTheMessageOrTheKeyIs)
 {
     for (size_t key_length : {40u, 100u}) {
         const std::string key(key_length, 'k');

@@ -7,6 +7,7 @@
 #include <bv/sha2.h>
 
 #include "crypto/reference.h"
+#include "support/files.h"
 
 #include <cstring>
 #include <functional>
@@ -96,7 +97,7 @@ std::string mixed(std::string key, char pad)
 void expect_no_key(const UsedStack &stack, const std::string &key)
 {
     EXPECT_FALSE(stack.holds_any_form(key)) << "the key";
-    // Behind the key the pads are no secret.
+    // After the key the pads are not secret.
     EXPECT_FALSE(stack.holds_any_form(mixed(key, 0x36).substr(0, key.size()))) << "the inner pad";
     EXPECT_FALSE(stack.holds_any_form(mixed(key, 0x5c).substr(0, key.size()))) << "the outer pad";
 }
@@ -113,7 +114,7 @@ uint32_t size_of(const std::string &bytes)
 
 } // namespace
 
-TEST(Secrets, TheSearchFindsWhatACarelessFunctionLeaves)
+TEST(Secrets, SearchFindsWhatACarelessFunctionLeaves)
 {
     const std::string secret = RandomBytes(31).bytes(64);
     const UsedStack stack([&] {
@@ -134,7 +135,7 @@ TEST(Secrets, TheSearchFindsWhatACarelessFunctionLeaves)
     EXPECT_TRUE(words.holds_any_form(secret));
 }
 
-TEST(Secrets, AHashLeavesNothingOfTheMessage)
+TEST(Secrets, HashLeavesNothingOfTheMessage)
 {
     const std::string message = RandomBytes(32).bytes(64 + 50);
     uint8_t out[32];
@@ -143,7 +144,7 @@ TEST(Secrets, AHashLeavesNothingOfTheMessage)
     EXPECT_FALSE(stack.holds_any_form(message.substr(64)));
 }
 
-TEST(Secrets, AnHmacLeavesNeitherTheKeyNorTheInnerDigest)
+TEST(Secrets, HmacLeavesNeitherTheKeyNorTheInnerDigest)
 {
     const std::string key = RandomBytes(33).bytes(64), message = "an ordinary message";
     uint8_t out[32];
@@ -153,7 +154,7 @@ TEST(Secrets, AnHmacLeavesNeitherTheKeyNorTheInnerDigest)
     EXPECT_FALSE(stack.holds_any_form(inner_digest(key, message)));
 }
 
-TEST(Secrets, ALongKeyLeavesNothingOfItsDigest)
+TEST(Secrets, LongKeyLeavesNothingOfItsDigest)
 {
     const std::string key = RandomBytes(40).bytes(100);
     const std::string digest = reference::digest(EVP_sha256(), key);
@@ -162,7 +163,7 @@ TEST(Secrets, ALongKeyLeavesNothingOfItsDigest)
     expect_no_key(stack, digest);
 }
 
-TEST(Secrets, AnHmacInPiecesLeavesThemOnlyInTheCallersContext)
+TEST(Secrets, HmacInPiecesLeavesThemOnlyInTheCallersContext)
 {
     const std::string key = RandomBytes(34).bytes(100), message = "an ordinary message";
     const std::string digest = reference::digest(EVP_sha256(), key);
@@ -179,7 +180,7 @@ TEST(Secrets, AnHmacInPiecesLeavesThemOnlyInTheCallersContext)
     EXPECT_EQ(to_hex(ctx.ipad, 64), to_hex(mixed(digest, 0x36)));
 }
 
-TEST(Secrets, AKeyDerivationLeavesNothingOfItsSteps)
+TEST(Secrets, KeyDerivationLeavesNothingOfItsSteps)
 {
     const std::string password = RandomBytes(35).bytes(40), salt = "salt";
     std::string key(48, 0);
@@ -199,7 +200,7 @@ TEST(Secrets, AKeyDerivationLeavesNothingOfItsSteps)
     EXPECT_FALSE(stack.holds_any_form(reference::pbkdf2(password, salt, 3, 64)));
 }
 
-TEST(Secrets, ATextDigestLeavesNothingOfTheText)
+TEST(Secrets, TextDigestLeavesNothingOfTheText)
 {
     const std::string text =
         "correct horse battery staple, and some more of it to fill the tail block twice";
@@ -221,9 +222,7 @@ TEST(Secrets, Sm3DigestIsOnlyWhereTheCallerWantsIt)
     EXPECT_FALSE(stack.holds(out)) << "the digest's text";
     EXPECT_FALSE(stack.holds_any_form(digest)) << "the digest";
 
-    FILE *file = fopen("/scratch/secret", "wb");
-    ASSERT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
-    fclose(file);
+    write_file("/scratch/secret", text);
     const UsedStack file_stack([] { bv_os_sm3_file("/scratch/secret", of_file); });
     EXPECT_STREQ(of_file, out);
     EXPECT_FALSE(file_stack.holds(out)) << "the digest's text";
@@ -261,10 +260,7 @@ TEST(Secrets, FileEncryptionLeavesNothingOfTheContents)
 {
     const std::string key = RandomBytes(38).bytes(16),
                       content = RandomBytes(39).bytes(32 * 300 + 31);
-    FILE *file = fopen("/scratch/plain", "wb");
-    ASSERT_EQ(fwrite(content.data(), 1, content.size(), file), content.size());
-    fclose(file);
-
+    write_file("/scratch/plain", content);
     const UsedStack there([&] { bv_aes_file_en("/scratch/plain", "/scratch/cipher", u8(key)); });
     EXPECT_FALSE(there.holds(content));
     const UsedStack and_back([&] { bv_aes_file_de("/scratch/cipher", "/scratch/back", u8(key)); });

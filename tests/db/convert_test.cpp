@@ -1,37 +1,12 @@
 #include "db/database.h"
+#include "support/guarded.h"
 
 #include <climits>
 #include <memory>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr uint8_t kFill = 0xa5;
-
-// An image whose end is the end of readable memory: reading past it is fatal.
-class EdgeImage {
-public:
-    explicit EdgeImage(const Bytes &bytes) : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE)))
-    {
-        base_ = static_cast<uint8_t *>(
-            mmap(nullptr, 3 * page_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        mprotect(base_ + page_, page_, PROT_READ | PROT_WRITE);
-        start_ = base_ + 2 * page_ - bytes.size();
-        if (!bytes.empty())
-            memcpy(start_, bytes.data(), bytes.size());
-    }
-    ~EdgeImage() { munmap(base_, 3 * page_); }
-    EdgeImage(const EdgeImage &) = delete;
-    EdgeImage &operator=(const EdgeImage &) = delete;
-
-    const uint8_t *data() const { return start_; }
-
-private:
-    size_t page_;
-    uint8_t *base_;
-    uint8_t *start_;
-};
 
 // A family made by hand, its working image between two margins that must not change.
 class Hand {
@@ -81,8 +56,8 @@ public:
     }
     Names texts_of(const Bytes &image)
     {
-        EdgeImage edge(image);
-        EXPECT_EQ(bv_db_user_fill_frommem(edge.data(), family_->para_count, table_.data()), 0);
+        Guarded memory(std::string(image.begin(), image.end()));
+        EXPECT_EQ(bv_db_user_fill_frommem(memory.bytes(), family_->para_count, table_.data()), 0);
         return texts();
     }
 

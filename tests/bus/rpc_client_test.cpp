@@ -284,8 +284,8 @@ TEST(RpcClient, ReplyLackingAFieldLeavesTheBufferAlone)
     EXPECT_EQ(client.call(), 7u);
 }
 
-// Whatever the reply, no more is written than came, and the next call works. The sanitizers
-// see to the rest.
+// Whatever the reply, no more is written than came, and the next call works. The sanitizers check
+// the rest.
 TEST(RpcClient, DamagedRepliesEndTheirCallOnly)
 {
     std::mt19937 random(20261120);

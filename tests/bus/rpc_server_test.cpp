@@ -329,7 +329,7 @@ TEST(RpcServer, WrongRequestsAreRefusedBeforeAHandlerRuns)
     EXPECT_EQ(g_handled, 0);
 }
 
-// Whatever arrives, the owner answers it and goes on. The sanitizers see to the rest.
+// Whatever arrives, the owner answers it and serves the next one. The sanitizers check the rest.
 TEST(RpcServer, DamagedRequestsAreAnsweredToo)
 {
     std::mt19937 random(20261120);

@@ -134,7 +134,7 @@ TEST(Sha2, ContextCountsBytesWithACarryIntoTheHighWord)
 }
 
 // The bit count's low word overflows at 2^29 bytes, the byte count's at 2^32. Setting the counters
-// stands for hashing that much.
+// saves hashing that much.
 TEST(Sha2, LengthsThatNeedTheHighWordArePaddedAsLibcryptoDoes)
 {
     const uint64_t totals[] = {(1ull << 29) - 64, 1ull << 29, (1ull << 32) - 64,

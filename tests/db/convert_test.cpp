@@ -363,7 +363,7 @@ TEST(DbConvert, ValueThatFillsItsFieldIsTerminated)
         SCOPED_TRACE(type);
         Hand hand({{"p", type, 1000, ""}, {"q", "string", 400, ""}});
         memset(hand.para(0).value, '1', sizeof hand.para(0).value);
-        memcpy(&hand.para(1), "22222222", 8); // what a read that goes on would find
+        memcpy(&hand.para(1), "22222222", 8); // what reading on would find
         const Bytes whole = hand.to_memory();
         hand.para(0).value[1023] = '\0';
         EXPECT_EQ(hand.to_memory(), whole);

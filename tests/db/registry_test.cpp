@@ -175,7 +175,7 @@ TEST_F(DbRegistry, AddPutsAnEmptyFamilyAtTheEndOfTheList)
     EXPECT_EQ(families(), (Names{"lan", "wan"}));
 }
 
-TEST_F(DbRegistry, The2049thFamilyIsRefused)
+TEST_F(DbRegistry, TableTakes2048FamiliesAndNoMore)
 {
     for (int i = 0; i < 2048; ++i)
         ASSERT_NE(bv_db_hash_add(("family" + std::to_string(i)).c_str()), nullptr) << i;

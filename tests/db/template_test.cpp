@@ -257,7 +257,7 @@ TEST_F(DbTemplate, IncompleteLastElementStaysInItsSlotInvalid)
     EXPECT_STREQ(family->para[1].value, "") << "taken only when the length is good";
 }
 
-// Whatever the lengths claim: nobody asks for memory that is not there, and nothing is printed.
+// Whatever the lengths claim, no allocation is refused: nothing is printed.
 TEST_F(DbTemplate, LengthsBelow1024AddUpToTheImageSize)
 {
     const struct {

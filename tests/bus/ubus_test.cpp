@@ -91,6 +91,17 @@ void receive(ubus_request *req, int type, blob_attr *message)
         received->number = bv_blobmsg_get_u32(fields[1]);
 }
 
+// Connects to the daemon and looks the object up.
+ubus_context *connect_to_object(uint32_t &id)
+{
+    EXPECT_TRUE(wait_for_object(kName));
+    ubus_context *ctx = bv_ubus_connect(nullptr);
+    EXPECT_NE(ctx, nullptr);
+    EXPECT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
+    EXPECT_NE(id, 0u);
+    return ctx;
+}
+
 int invoke(ubus_context *ctx, uint32_t id, const char *method, int timeout_ms = 10000)
 {
     return bv_ubus_invoke(ctx, id, method, nullptr, nullptr, nullptr, timeout_ms);
@@ -113,12 +124,8 @@ TEST(Ubus, ObjectsArePublishedFoundCalledAndGone)
 {
     BusDaemon daemon;
     Service owner(publish_and_serve);
-    ASSERT_TRUE(wait_for_object(kName));
-    ubus_context *ctx = bv_ubus_connect(nullptr);
-    ASSERT_NE(ctx, nullptr);
     uint32_t id = 0;
-    EXPECT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
-    EXPECT_NE(id, 0u);
+    ubus_context *ctx = connect_to_object(id);
 
     blob_buf arguments = {};
     bv_blobmsg_buf_init(&arguments);
@@ -150,11 +157,8 @@ TEST(Ubus, CallTimesOutAfterTheMillisecondsGiven)
     BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
     BusDaemon daemon;
     Service owner(publish_and_serve);
-    ASSERT_TRUE(wait_for_object(kName));
-    ubus_context *ctx = bv_ubus_connect(nullptr);
-    ASSERT_NE(ctx, nullptr);
     uint32_t id = 0;
-    ASSERT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
+    ubus_context *ctx = connect_to_object(id);
     owner.signal(SIGSTOP);
     EXPECT_EQ(invoke(ctx, id, "six", 50), 7);
     EXPECT_EQ(g_timeout_ms, 50);

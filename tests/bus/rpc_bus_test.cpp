@@ -28,7 +28,7 @@ uint32_t add_one_to_each(void *data, uint32_t len)
     return 7;
 }
 
-// As that, but slow enough to meet another one, which must not be.
+// The same, but slow enough to meet a second call at the same time, which must not happen.
 uint32_t alone(void *data, uint32_t len)
 {
     static std::atomic<bool> running{false};
@@ -270,7 +270,7 @@ TEST_F(RpcBus, OwnerWhoseLoopEndedMayServeAgainInTheSameProcess)
     });
     ASSERT_TRUE(wait_for_object(kDefaultName));
     for (int run = 0; run < 3; run++) {
-        // 7, or 4, in the moment between two runs.
+        // 7, or 4 between two runs.
         EXPECT_TRUE(eventually([] {
             Bytes none;
             return bv_ubus_client_init(nullptr) == 0 && call("end", none) == 0;

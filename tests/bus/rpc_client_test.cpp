@@ -100,7 +100,7 @@ Replier note(Message &invoke, const Bytes &fields)
 
 const Replier kSeven = reply_with(reply(7, 6, kNines));
 
-// One client's calls with fresh bytes each, and what they come to.
+// Calls of one client, each with the same bytes, and what they return.
 struct Row {
     std::string what;
     Replier replier;

@@ -216,57 +216,52 @@ TEST(AesText, First64CharactersAreEncryptedAndNothingFollowsTheTerminator)
     EXPECT_EQ(nothing, '#');
 }
 
-TEST(AesText, UpperCaseDigitsAndAnOddLastOneAreAccepted)
+// Each pair of digits is read on its own as a number, whatever else is in it.
+TEST(AesText, HexDecryptsUpTo256DigitsIfTheTextFits)
 {
-    std::string hex = hex_of("some text");
-    for (char &c : hex)
+    const std::string some = hex_of("some text"), eight = hex_of("eight ch");
+    const std::string x64(64, 'x'), hex64 = hex_of(x64);
+    std::string upper = some, long_text;
+    for (char &c : upper)
         c = static_cast<char>(toupper(c));
-    EXPECT_EQ(up_to_nul(decrypt_text(hex)), "some text");
-    EXPECT_EQ(up_to_nul(decrypt_text(hex + "7")), "some text");
-    EXPECT_EQ(up_to_nul(decrypt_text("7")), "");
-    EXPECT_EQ(up_to_nul(decrypt_text("")), "");
-}
-
-// Each pair is read on its own as a number, whatever else is in it.
-TEST(AesText, PairsThatAreNotHexReadAsNumbersDo)
-{
-    const struct {
-        const char *pair;
-        uint8_t byte;
-    } pairs[] = {{"zz", 0},  {"0x", 0},  {"-1", 255}, {"+f", 15},
-                 {" f", 15}, {"fz", 15}, {"zf", 0},   {"aF", 175}};
-
-    const std::string good = reference::aes(true, kKey, "the block before and this");
-    for (const auto &row : pairs) {
-        std::string cipher = good;
-        cipher[0] = static_cast<char>(row.byte);
-        const std::string hex = row.pair + to_hex(good).substr(2);
-        EXPECT_EQ(up_to_nul(decrypt_text(hex)), up_to_nul(reference::aes(false, kKey, cipher)))
-            << row.pair;
-    }
-}
-
-TEST(AesText, DigitsBeyond256AreIgnored)
-{
-    RandomBytes random(74);
-    std::string plain;
     for (int i = 0; i < 127; i++)
-        plain += static_cast<char>('a' + i % 26);
-    const std::string hex = hex_of(plain); // 256 digits
-    ASSERT_EQ(hex.size(), 256u);
+        long_text += static_cast<char>('a' + i % 26);
+    const std::string hex256 = hex_of(long_text), first64 = long_text.substr(0, 64);
+    ASSERT_EQ(hex256.size(), 256u);
+    struct Case {
+        std::string hex;
+        uint32_t out_size;
+        std::string text;
+    };
+    std::vector<Case> rows = {
+        {upper, 65, "some text"},
+        {upper + "7", 65, "some text"}, // an odd digit
+        {"7", 65, ""},
+        {"", 65, ""},
+        {eight, 9, "eight ch"},
+        {eight, 8, ""}, // what does not fit is empty
+        {eight, 1, ""},
+        {hex64, 64, ""},
+        {hex64, 65, x64},
+        {hex_of(std::string("ab\0cd", 5)), 65, "ab"},
+        {hex256 + std::string(100000, 'f'), 65, first64},
+    };
     for (const char *more : {"", "0", "00", "0123456789abcdef0123456789abcdef"})
-        EXPECT_EQ(up_to_nul(decrypt_text(hex + more)), plain.substr(0, 64));
-    EXPECT_EQ(up_to_nul(decrypt_text(hex + std::string(100000, 'f'))), plain.substr(0, 64));
-}
+        rows.push_back({hex256 + more, 65, first64});
 
-TEST(AesText, TextThatDoesNotFitIsEmpty)
-{
-    const std::string hex = hex_of("eight ch");
-    EXPECT_EQ(decrypt_text(hex, 9), std::string("eight ch") + '\0');
-    EXPECT_EQ(decrypt_text(hex, 8)[0], 0);
-    EXPECT_EQ(decrypt_text(hex, 1)[0], 0);
-    EXPECT_EQ(decrypt_text(hex_of(std::string(64, 'x')), 64)[0], 0);
-    EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string(64, 'x')), 65)), std::string(64, 'x'));
+    const std::pair<const char *, uint8_t> pairs[] = {{"zz", 0},  {"0x", 0},  {"-1", 255},
+                                                      {"+f", 15}, {" f", 15}, {"fz", 15},
+                                                      {"zf", 0},  {"aF", 175}};
+    const std::string good = reference::aes(true, kKey, "the block before and this");
+    for (const auto &[pair, byte] : pairs) {
+        std::string cipher = good;
+        cipher[0] = static_cast<char>(byte);
+        rows.push_back(
+            {pair + to_hex(good).substr(2), 65, up_to_nul(reference::aes(false, kKey, cipher))});
+    }
+    for (const Case &row : rows)
+        EXPECT_EQ(up_to_nul(decrypt_text(row.hex, row.out_size)), row.text)
+            << row.hex.substr(0, 300) << " into " << row.out_size;
 }
 
 TEST(AesText, SizeOutOfRangeLeavesTheBufferAlone)
@@ -278,11 +273,6 @@ TEST(AesText, SizeOutOfRangeLeavesTheBufferAlone)
     }
     EXPECT_EQ(bv_aes_str_de(hex_of("text").c_str(), out, 0x7fffffff, u8(kKey)), 0);
     EXPECT_STREQ(out, "text");
-}
-
-TEST(AesText, ZeroByteInThePlaintextEndsTheText)
-{
-    EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string("ab\0cd", 5)))), "ab");
 }
 
 TEST(AesText, RandomInputsNeverLeaveTheBuffers)

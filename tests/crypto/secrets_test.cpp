@@ -94,12 +94,17 @@ std::string mixed(std::string key, char pad)
     return key;
 }
 
+void expect_none(const UsedStack &stack, const std::vector<std::string> &secrets)
+{
+    for (size_t i = 0; i < secrets.size(); i++)
+        EXPECT_FALSE(stack.holds_any_form(secrets[i])) << "secret " << i;
+}
+
 void expect_no_key(const UsedStack &stack, const std::string &key)
 {
-    EXPECT_FALSE(stack.holds_any_form(key)) << "the key";
     // After the key the pads are not secret.
-    EXPECT_FALSE(stack.holds_any_form(mixed(key, 0x36).substr(0, key.size()))) << "the inner pad";
-    EXPECT_FALSE(stack.holds_any_form(mixed(key, 0x5c).substr(0, key.size()))) << "the outer pad";
+    expect_none(stack, {key, mixed(key, 0x36).substr(0, key.size()),
+                        mixed(key, 0x5c).substr(0, key.size())});
 }
 
 std::string inner_digest(const std::string &key, const std::string &message)
@@ -140,8 +145,7 @@ TEST(Secrets, HashLeavesNothingOfTheMessage)
     const std::string message = RandomBytes(32).bytes(64 + 50);
     uint8_t out[32];
     const UsedStack stack([&] { sha2(u8(message), size_of(message), out, 0); });
-    EXPECT_FALSE(stack.holds_any_form(message.substr(0, 64)));
-    EXPECT_FALSE(stack.holds_any_form(message.substr(64)));
+    expect_none(stack, {message.substr(0, 64), message.substr(64)});
 }
 
 TEST(Secrets, HmacLeavesNeitherTheKeyNorTheInnerDigest)
@@ -175,8 +179,7 @@ TEST(Secrets, HmacInPiecesLeavesThemOnlyInTheCallersContext)
         sha2_hmac_finish(&ctx, out);
     });
     expect_no_key(stack, digest);
-    EXPECT_FALSE(stack.holds_any_form(key.substr(0, 64)));
-    EXPECT_FALSE(stack.holds_any_form(inner_digest(digest, message)));
+    expect_none(stack, {key.substr(0, 64), inner_digest(digest, message)});
     EXPECT_EQ(to_hex(ctx.ipad, 64), to_hex(mixed(digest, 0x36)));
 }
 
@@ -206,10 +209,8 @@ TEST(Secrets, TextDigestLeavesNothingOfTheText)
         "correct horse battery staple, and some more of it to fill the tail block twice";
     char out[65];
     const UsedStack stack([&] { bv_os_sha256(out, text.c_str()); });
-    EXPECT_FALSE(stack.holds_any_form(text.substr(0, 64)));
-    EXPECT_FALSE(stack.holds_any_form(text.substr(64)));
-    EXPECT_FALSE(stack.holds(out)) << "the digest's text";
-    EXPECT_FALSE(stack.holds_any_form(reference::digest(EVP_sha256(), text))) << "the digest";
+    expect_none(stack,
+                {text.substr(0, 64), text.substr(64), out, reference::digest(EVP_sha256(), text)});
 }
 
 TEST(Secrets, Sm3DigestIsOnlyWhereTheCallerWantsIt)
@@ -219,14 +220,12 @@ TEST(Secrets, Sm3DigestIsOnlyWhereTheCallerWantsIt)
     static char out[65], of_file[65];
     const UsedStack stack([&] { bv_os_sm3_str(u8(text), size_of(text), out); });
     EXPECT_EQ(out, to_hex(digest));
-    EXPECT_FALSE(stack.holds(out)) << "the digest's text";
-    EXPECT_FALSE(stack.holds_any_form(digest)) << "the digest";
+    expect_none(stack, {out, digest});
 
     write_file("/scratch/secret", text);
     const UsedStack file_stack([] { bv_os_sm3_file("/scratch/secret", of_file); });
     EXPECT_STREQ(of_file, out);
-    EXPECT_FALSE(file_stack.holds(out)) << "the digest's text";
-    EXPECT_FALSE(file_stack.holds_any_form(digest)) << "the digest";
+    expect_none(file_stack, {out, digest});
 }
 
 TEST(Secrets, TextEncryptionLeavesNeitherKeyNorText)
@@ -235,13 +234,11 @@ TEST(Secrets, TextEncryptionLeavesNeitherKeyNorText)
     const std::string text = "the password of the administrator";
     char hex[161], back[65];
     const UsedStack there([&] { bv_aes_str_en(hex, sizeof(hex), text.c_str(), u8(key)); });
-    EXPECT_FALSE(there.holds_any_form(key));
-    EXPECT_FALSE(there.holds(text));
+    expect_none(there, {key, text});
 
     const UsedStack and_back([&] { bv_aes_str_de(hex, back, sizeof(back), u8(key)); });
     EXPECT_EQ(back, text);
-    EXPECT_FALSE(and_back.holds_any_form(key));
-    EXPECT_FALSE(and_back.holds(text));
+    expect_none(and_back, {key, text});
 }
 
 TEST(Secrets, RecordDecryptionLeavesNothingBesideTheRecord)

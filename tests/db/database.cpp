@@ -84,7 +84,7 @@ Bytes image_of(const bv_db_family *family, int number)
 
 namespace {
 
-// The record around a link of a list.
+// The record that has this link.
 template <typename Record>
 const Record *record(const bv_list_head *link)
 {

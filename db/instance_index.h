@@ -49,8 +49,6 @@ public:
     }
 
 private:
-    friend struct InstanceIndexDepth; // a test of the bound below
-
     // A node has the next bit of the number, from the lowest one on, as the way to its children.
     // Different numbers differ in one of 32 bits, so no order of them makes the tree deeper.
     struct Node {
@@ -95,6 +93,7 @@ private:
         bv_os_free(node);
     }
 
+    friend struct InstanceIndexDepth; // a test looks at how deep the tree is
     bv_db_family &family_;
     bv_list_head *measured_; // the last one that highest_ knows; the list's head at first
     int32_t highest_ = 1;

@@ -377,4 +377,25 @@ TEST_F(DbHeap, FreeingTheTableFreesAllButTheDefaults)
         EXPECT_NE(block, defaults);
 }
 
+TEST_F(DbHeap, LoadKeepsItsInstancesAndNothingElseAndAWriteNothing)
+{
+    bv_db_family *family = lan();
+    bv_db_reg_user(kLanPath);
+    std::vector<std::string> elements;
+    for (int number : {3, 1, 2, 1, 4, 3, 6})
+        elements.push_back(stored(number));
+    write_file(kUserFile, "{\"/etc/template/lan.json\":[" + listed(elements) + "]}");
+    parse_beforehand(kUserFile);
+
+    const auto blocks_kept = [](int32_t (*call)(bv_list_head *, const char *)) {
+        HeapWatch watch;
+        EXPECT_EQ(call(&g_st_db_mng.user_list, kUserFile), BV_OK);
+        watch.stop();
+        return watch.taken().size() - watch.given_back().size();
+    };
+    EXPECT_EQ(blocks_kept(bv_db_user_read), 2 * 5u);
+    EXPECT_EQ(numbers(family), (Numbers{3, 1, 2, 4, 6}));
+    EXPECT_EQ(blocks_kept(bv_db_user_write), 0u);
+}
+
 } // namespace

@@ -156,6 +156,8 @@ TEST(DbConvert, NumbersAreReadAsDecimalTextModulo32Bits)
     for (const auto &row : rows)
         for (const char *type : {"int", "uint"})
             expect_stored({type, 4, row.text, bytes_of(row.number)});
+    const std::string longest = std::string(1022, '0') + "7";
+    expect_stored({"uint", 4, longest.c_str(), bytes_of(7u)});
 }
 
 TEST(DbConvert, TextThatDoesNotFitItsTypeIsCutOrZero)

@@ -9,6 +9,8 @@ const std::vector<Parameter> kLan = {{"ipaddr", "ip", 4, "192.168.1.1"},
                                      {"mtu", "ushort", 2, "1500"},
                                      {"hostname", "string", 32, "gw"}};
 
+static std::vector<std::string> g_inserted; // keys of a service's own records
+
 std::string listed(const std::vector<std::string> &texts)
 {
     std::string out;
@@ -127,6 +129,11 @@ void free_instances()
     const bv_list_head &list = g_st_db_mng.family_list;
     for (const bv_list_head *link = list.next; link != &list; link = link->next)
         bv_db_data_free(const_cast<bv_db_family *>(record<bv_db_family>(link)));
+    for (const std::string &key : g_inserted) {
+        bv_db_data_free(bv_db_hash_find(key.c_str()));
+        bv_hash_remove(g_st_db_mng.table, reinterpret_cast<const uint8_t *>(key.data()));
+    }
+    g_inserted.clear();
 }
 
 void expect_no_parameters(const bv_db_family *family)
@@ -140,8 +147,11 @@ void expect_no_parameters(const bv_db_family *family)
 
 bv_db_family *insert_record(const char *name, const bv_db_family &record)
 {
-    uint8_t key[1024] = {};
-    memcpy(key, name, strlen(name));
-    EXPECT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    std::string key = name;
+    key.resize(1024);
+    EXPECT_EQ(
+        bv_hash_insert(g_st_db_mng.table, reinterpret_cast<const uint8_t *>(key.data()), &record),
+        0);
+    g_inserted.push_back(key);
     return bv_db_hash_find(name);
 }

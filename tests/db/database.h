@@ -51,8 +51,8 @@ void add_instance(bv_db_family *family, int number, const std::vector<std::strin
 Bytes default_image(const bv_db_family *family);
 Bytes image_of(const bv_db_family *family, int number);
 
-// Frees the instances of every family. A test loses its tables at the next bv_db_init(), which is
-// meant; a lost instance is a leak.
+// Frees the instances of every family and removes a service's own records. A test loses its tables
+// at the next bv_db_init(), which is meant; a lost instance is a leak.
 void free_instances();
 
 // The numbers of a family's instances, in list order.

@@ -177,7 +177,6 @@ TEST_F(DbFileWriting, RecordThatAServicePutIntoTheTableIsAFamilyLikeOthers)
     EXPECT_EQ(bv_db_user_read(&g_st_db_mng.user_list, kUserFile), BV_OK);
     EXPECT_EQ(numbers(own), (Numbers{5}));
     EXPECT_EQ(image_of(own, 5), Bytes(4));
-    bv_db_data_free(own);
 }
 
 TEST_F(DbFileWriting, UnlinkedRecordHasNoInstancesForAnyCall)
@@ -195,7 +194,6 @@ TEST_F(DbFileWriting, UnlinkedRecordHasNoInstancesForAnyCall)
     bv_db_family *own = insert_record("own.json", record);
     EXPECT_EQ(bv_db_inst_add("own.json", image, 4, 7), BV_OK);
     EXPECT_EQ(image_of(own, 7), Bytes(image, image + 4));
-    bv_db_data_free(own);
 }
 
 TEST_F(DbFileWriting, FieldsThatAServiceFilledToTheEndAreTerminated)

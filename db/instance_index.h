@@ -94,6 +94,7 @@ private:
         bv_os_free(node);
     }
 
+    friend struct InstanceIndexDepth; // a test looks at how deep the tree is
     bv_db_family &family_;
     bv_list_head *measured_; // the last one that highest_ covers; the list's head at first
     int32_t highest_ = 1;

@@ -53,7 +53,7 @@ TEST_F(Json, NumbersAndTextsConvert)
     EXPECT_EQ(bv_json_object_get_string(nullptr), nullptr);
 }
 
-TEST_F(Json, TypesAreTold)
+TEST_F(Json, TypesAreRecognised)
 {
     EXPECT_EQ(bv_json_object_is_type(root, json_type_object), 1);
     EXPECT_EQ(bv_json_object_is_type(root, json_type_array), 0);
@@ -64,7 +64,7 @@ TEST_F(Json, TypesAreTold)
     EXPECT_EQ(bv_json_object_is_type(nullptr, json_type_null), 1);
 }
 
-TEST(JsonParse, WhatIsNoJsonIsNull)
+TEST(JsonParse, TextThatIsNotJsonIsNull)
 {
     EXPECT_EQ(bv_json_tokener_parse("{\"a\":"), nullptr);
     EXPECT_EQ(bv_json_tokener_parse("nonsense"), nullptr);
@@ -83,7 +83,7 @@ TEST(JsonParse, FilesAreRead)
     EXPECT_EQ(bv_json_object_from_file("/scratch/absent.json"), nullptr);
 }
 
-TEST(JsonParse, TheLastReferenceFreesAnObject)
+TEST(JsonParse, LastReferenceFreesAnObject)
 {
     json_object *root = bv_json_tokener_parse("[1]");
     json_object_get(root);

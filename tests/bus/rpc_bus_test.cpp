@@ -28,7 +28,7 @@ uint32_t add_one_to_each(void *data, uint32_t len)
     return 7;
 }
 
-// As that, but slow enough to meet another one, which must not be.
+// The same, but slow enough to meet a second call at the same time, which must not happen.
 uint32_t alone(void *data, uint32_t len)
 {
     static std::atomic<bool> running{false};
@@ -100,58 +100,65 @@ uint32_t call(const char *func, Bytes &data)
     return bv_ubus_client_call(func, data.data(), static_cast<uint32_t>(data.size()));
 }
 
-void expect_service()
+// Calls add_one with so many bytes, which must come back one larger each.
+void expect_service(size_t length = 3)
 {
-    Bytes data = {1, 2, 255};
-    EXPECT_EQ(call("add_one", data), 7u);
-    EXPECT_EQ(data, (Bytes{2, 3, 0}));
+    Bytes data = counted(length), expected = data;
+    for (uint8_t &byte : expected)
+        byte++;
+    EXPECT_EQ(call("add_one", data), 7u) << length;
+    EXPECT_TRUE(data == expected) << length;
 }
+
+// A call that fails and leaves the bytes alone.
+void expect_status(const char *func, uint32_t status)
+{
+    Bytes data = {1, 2, 3};
+    EXPECT_EQ(call(func, data), status);
+    EXPECT_EQ(data, (Bytes{1, 2, 3}));
+}
+
+void connect()
+{
+    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+}
+
+// A daemon for every test.
+class RpcBus : public testing::Test {
+protected:
+    BusDaemon daemon;
+};
 
 } // namespace
 
-TEST(RpcBus, ACallRunsTheFunctionOverTheCallersBytes)
+TEST_F(RpcBus, CallRunsTheFunctionOverTheCallersBytes)
 {
-    BusDaemon daemon;
     const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
-    expect_service();
+    connect();
     EXPECT_EQ(bv_ubus_client_call("length", nullptr, 0), 0u);
+    expect_status("nobody", 2);
+    for (size_t length :
+         {1, 2, 3, 4, 5, 55, 56, 57, 4095, 4096, 65535, 65536, 65537, 300001, 1000000})
+        expect_service(length);
     bv_ubus_client_exit();
 }
 
-TEST(RpcBus, AnUnknownFunctionIs2AndLeavesTheBytesAlone)
+TEST_F(RpcBus, LongestCallTravelsThereAndBack)
 {
-    BusDaemon daemon;
     const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
-    Bytes data = {1, 2, 3};
-    EXPECT_EQ(call("nobody", data), 2u);
-    EXPECT_EQ(data, (Bytes{1, 2, 3}));
-    expect_service();
-}
-
-TEST(RpcBus, DataOfEveryLengthTravelsUnchangedButForTheFunction)
-{
-    BusDaemon daemon;
-    const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
-    for (size_t length :
-         {1, 2, 3, 4, 5, 55, 56, 57, 4095, 4096, 65535, 65536, 65537, 300001, 1000000}) {
-        SCOPED_TRACE(length);
+    connect();
+    expect_service(1048372); // with the account names that the daemon adds
+    for (size_t length : {1048373, 1048440, 1048500, 1048577}) {
         Bytes data = counted(length);
-        Bytes expected = data;
-        for (uint8_t &byte : expected)
-            byte++;
-        EXPECT_EQ(call("add_one", data), 7u);
-        EXPECT_TRUE(data == expected);
+        EXPECT_EQ(call("add_one", data), 2u) << length;
+        expect_service(); // the owner still understands the bus
     }
 }
 
-TEST(RpcBus, TheExampleRecordIsSetAndGot)
+TEST_F(RpcBus, ExampleRecordIsSetAndGot)
 {
-    BusDaemon daemon;
     const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     Bytes data(56, 0xee);
     EXPECT_EQ(call("get", data), 0u);
     EXPECT_EQ(data, Bytes(56)) << "zero at load";
@@ -163,75 +170,62 @@ TEST(RpcBus, TheExampleRecordIsSetAndGot)
     EXPECT_EQ(got, counted(56));
 }
 
-TEST(RpcBus, ASecondOwnerOfANameGets2AndTheFirstGoesOn)
+TEST_F(RpcBus, SecondOwnerOfANameGets2AndTheFirstGoesOn)
 {
-    BusDaemon daemon;
     const Owner first = start_owner();
     Service second([] { return bv_ubus_server_init(nullptr, register_functions); });
     EXPECT_EQ(second.wait(), 2);
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     expect_service();
 }
 
-TEST(RpcBus, SigtermAndSigintEndAnOwnerInOrder)
+TEST_F(RpcBus, SigtermAndSigintEndAnOwnerWith0)
 {
-    BusDaemon daemon;
     for (int number : {SIGTERM, SIGINT}) {
         const Owner owner = start_owner();
-        ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+        connect();
         expect_service(); // it is in its loop
         owner->signal(number);
         EXPECT_EQ(owner->wait(), 0);
     }
 }
 
-TEST(RpcBus, AnOwnerThatWasKilledIsServedAgainAfterItsRestart)
+TEST_F(RpcBus, KilledOwnerIsReachedAgainAfterItsRestart)
 {
-    BusDaemon daemon;
     Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     expect_service();
 
     owner->signal(SIGKILL);
     EXPECT_EQ(owner->wait(), -SIGKILL);
-    Bytes data = {1};
-    while (object_exists(kDefaultName))
-        bv_os_msleep(1);
-    EXPECT_EQ(call("add_one", data), 4u);
-    EXPECT_EQ(data, Bytes{1});
-
+    EXPECT_TRUE(eventually([] { return !object_exists(kDefaultName); }));
+    expect_status("add_one", 4);
     owner = start_owner();
-    EXPECT_EQ(call("add_one", data), 4u) << "the object has another id now";
+    expect_status("add_one", 4); // the object has another id now
     bv_ubus_client_exit();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     expect_service();
 }
 
-TEST(RpcBus, AnOwnerThatDiesInACallLeavesTheCallerToItsTimeOut)
+TEST_F(RpcBus, OwnerThatDiesInACallLeavesTheCallerToItsTimeout)
 {
-    BusDaemon daemon;
     const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
-    Bytes data = {1, 2, 3};
-    EXPECT_EQ(call("die", data), 7u);
-    EXPECT_EQ(data, (Bytes{1, 2, 3}));
-    EXPECT_EQ(call("add_one", data), 4u);
+    connect();
+    expect_status("die", 7);
+    expect_status("add_one", 4);
 }
 
-TEST(RpcBus, ACallerMayStartBeforeItsOwner)
+TEST_F(RpcBus, CallerMayStartBeforeItsOwner)
 {
-    BusDaemon daemon;
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
-    Bytes data = {1};
-    EXPECT_EQ(call("add_one", data), 4u);
+    connect();
+    expect_status("add_one", 4);
     const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     expect_service();
 }
 
-TEST(RpcBus, OwnersAndCallersComeBackAfterTheDaemonsRestart)
+TEST_F(RpcBus, OwnersAndCallersComeBackAfterTheDaemonsRestart)
 {
-    BusDaemon daemon;
     // As a supervisor would: starts again for as long as there is work.
     Service owner([] {
         for (;;) {
@@ -243,33 +237,29 @@ TEST(RpcBus, OwnersAndCallersComeBackAfterTheDaemonsRestart)
     for (int round = 0; round < 3; round++) {
         SCOPED_TRACE(round);
         ASSERT_TRUE(wait_for_object(kDefaultName));
-        ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+        connect();
         expect_service();
         daemon.kill();
-        Bytes data = {1};
-        EXPECT_EQ(call("add_one", data), 2u) << "found dead when sending";
-        EXPECT_EQ(data, Bytes{1});
+        expect_status("add_one", 2); // found dead when sending
         bv_ubus_client_exit();
         daemon.start();
     }
     ASSERT_TRUE(wait_for_object(kDefaultName));
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     expect_service();
 }
 
-TEST(RpcBus, ALostDaemonEndsTheOwnersRunWith0)
+TEST_F(RpcBus, LostDaemonEndsTheOwnersRunWith0)
 {
-    BusDaemon daemon;
     const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     expect_service();
     daemon.kill();
     EXPECT_EQ(owner->wait(), 0);
 }
 
-TEST(RpcBus, AnOwnerWhoseLoopEndedMayServeAgainInTheSameProcess)
+TEST_F(RpcBus, OwnerWhoseLoopEndedMayServeAgainInTheSameProcess)
 {
-    BusDaemon daemon;
     Service owner([] {
         for (int run = 0; run < 3; run++) {
             const int status = bv_ubus_server_init(nullptr, register_functions);
@@ -280,7 +270,7 @@ TEST(RpcBus, AnOwnerWhoseLoopEndedMayServeAgainInTheSameProcess)
     });
     ASSERT_TRUE(wait_for_object(kDefaultName));
     for (int run = 0; run < 3; run++) {
-        // 7, or 4, in the moment between two runs.
+        // 7, or 4 between two runs.
         EXPECT_TRUE(eventually([] {
             Bytes none;
             return bv_ubus_client_init(nullptr) == 0 && call("end", none) == 0;
@@ -289,9 +279,8 @@ TEST(RpcBus, AnOwnerWhoseLoopEndedMayServeAgainInTheSameProcess)
     EXPECT_EQ(owner.wait(), 33);
 }
 
-TEST(RpcBus, AFunctionMayCallAnotherServicesFunction)
+TEST_F(RpcBus, FunctionMayCallAnotherServicesFunction)
 {
-    BusDaemon daemon;
     const Owner second = start_owner(kSecondName);
     Service first([] {
         return bv_ubus_server_init(nullptr, [] {
@@ -300,7 +289,7 @@ TEST(RpcBus, AFunctionMayCallAnotherServicesFunction)
         });
     });
     ASSERT_TRUE(wait_for_object(kDefaultName));
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
+    connect();
     for (int i = 0; i < 20; i++) {
         Bytes data = {1, 2, 3};
         EXPECT_EQ(call("pass_on", data), 107u);
@@ -309,9 +298,8 @@ TEST(RpcBus, AFunctionMayCallAnotherServicesFunction)
     }
 }
 
-TEST(RpcBus, SeveralCallersAreServedOneAtATimeAndGetTheirOwnBytes)
+TEST_F(RpcBus, SeveralCallersAreServedOneAtATimeAndGetTheirOwnBytes)
 {
-    BusDaemon daemon;
     const Owner owner = start_owner();
     std::vector<Owner> callers;
     for (uint8_t number = 0; number < 4; number++) {
@@ -332,9 +320,8 @@ TEST(RpcBus, SeveralCallersAreServedOneAtATimeAndGetTheirOwnBytes)
         EXPECT_EQ(caller->wait(), 0);
 }
 
-TEST(RpcBus, ObjectNamesOf127CharactersAreReachedAndLongerOnesAreNot)
+TEST_F(RpcBus, ObjectNamesOf127CharactersAreReachedAndLongerOnesAreNot)
 {
-    BusDaemon daemon;
     const std::string longest(127, 'o');
     const Owner owner = start_owner(longest.c_str());
     ASSERT_EQ(bv_ubus_client_init(longest.c_str()), 0);
@@ -345,28 +332,8 @@ TEST(RpcBus, ObjectNamesOf127CharactersAreReachedAndLongerOnesAreNot)
     // It is published under the empty name: seen in a list of everything only.
     ASSERT_TRUE(eventually([] { return object_is_listed(""); }));
     ASSERT_EQ(bv_ubus_client_init(longer.c_str()), 0);
-    Bytes data = {1};
-    EXPECT_EQ(call("add_one", data), 4u);
+    expect_status("add_one", 4);
     ASSERT_EQ(bv_ubus_client_init(""), 0);
-    EXPECT_EQ(call("add_one", data), 4u);
+    expect_status("add_one", 4);
     lost.signal(SIGTERM);
-}
-
-TEST(RpcBus, TheLongestCallTravelsThereAndBack)
-{
-    BusDaemon daemon;
-    const Owner owner = start_owner();
-    ASSERT_EQ(bv_ubus_client_init(nullptr), 0);
-    Bytes data = counted(1048372); // with the account names that the daemon adds
-    Bytes expected = data;
-    for (uint8_t &byte : expected)
-        byte++;
-    EXPECT_EQ(call("add_one", data), 7u);
-    EXPECT_TRUE(data == expected);
-    for (size_t length : {1048373, 1048440, 1048500, 1048577}) {
-        SCOPED_TRACE(length);
-        data.resize(length);
-        EXPECT_EQ(call("add_one", data), 2u);
-        expect_service(); // the owner still understands the bus
-    }
 }

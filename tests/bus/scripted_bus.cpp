@@ -31,6 +31,20 @@ int listen_on_default_socket()
 
 } // namespace
 
+void expect_bytes(const wire::Bytes &actual, const std::string &digits)
+{
+    EXPECT_EQ(wire::to_hex(actual), wire::to_hex(wire::hex(digits)));
+}
+
+wire::Bytes damaged(std::mt19937 &random, wire::Bytes fields)
+{
+    for (unsigned damage = random() % 4 + 1; damage > 0; damage--)
+        fields[random() % fields.size()] = static_cast<uint8_t>(random());
+    if (random() % 4 == 0)
+        fields.resize(random() % fields.size());
+    return fields;
+}
+
 void Peer::hello()
 {
     Message message;
@@ -146,7 +160,7 @@ void ScriptedBus::play(const Script &script) const
 {
     pollfd wait = {listener_, POLLIN, 0};
     if (poll(&wait, 1, kAcceptTimeoutMs) <= 0) {
-        ADD_FAILURE() << "nobody connected";
+        ADD_FAILURE() << "no client connected";
         return;
     }
     const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);

@@ -6,6 +6,7 @@
 #include "support/wire.h"
 
 #include <functional>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,6 +14,12 @@
 constexpr uint32_t kScriptedObject = 0x5ea6c73d;
 constexpr uint32_t kScriptedType = 0x176ca308;
 constexpr uint32_t kScriptedCaller = 0xeb48ce6f;
+
+// Bytes as hex digits, blanks and newlines between them; a difference is shown as digits.
+void expect_bytes(const wire::Bytes &actual, const std::string &digits);
+
+// The fields of a message with some bytes overwritten or cut off.
+wire::Bytes damaged(std::mt19937 &random, wire::Bytes fields);
 
 // What an owner sent for one call.
 struct Answer {

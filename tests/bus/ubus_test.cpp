@@ -5,6 +5,7 @@
 
 #include "support/bus.h"
 #include "support/faults.h"
+#include "support/process.h"
 #include "support/shared.h"
 
 #include <csignal>
@@ -90,19 +91,30 @@ void receive(ubus_request *req, int type, blob_attr *message)
         received->number = bv_blobmsg_get_u32(fields[1]);
 }
 
-} // namespace
-
-TEST(Ubus, WithoutADaemonThereIsNoConnection)
+// Connects to the daemon and looks the object up.
+ubus_context *connect_to_object(uint32_t &id)
 {
-    EXPECT_EQ(bv_ubus_connect(nullptr), nullptr);
-    EXPECT_EQ(bv_ubus_connect("/scratch/nothing"), nullptr);
-    bv_ubus_free(nullptr);
+    EXPECT_TRUE(wait_for_object(kName));
+    ubus_context *ctx = bv_ubus_connect(nullptr);
+    EXPECT_NE(ctx, nullptr);
+    EXPECT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
+    EXPECT_NE(id, 0u);
+    return ctx;
 }
 
-TEST(Ubus, ConnectsToAnotherSocketByItsPath)
+int invoke(ubus_context *ctx, uint32_t id, const char *method, int timeout_ms = 10000)
+{
+    return bv_ubus_invoke(ctx, id, method, nullptr, nullptr, nullptr, timeout_ms);
+}
+
+} // namespace
+
+TEST(Ubus, ConnectsOnlyWhereADaemonListens)
 {
     BusDaemon daemon("/scratch/other.sock");
     EXPECT_EQ(bv_ubus_connect(nullptr), nullptr);
+    EXPECT_EQ(bv_ubus_connect("/scratch/nothing"), nullptr);
+    bv_ubus_free(nullptr);
     ubus_context *ctx = bv_ubus_connect("/scratch/other.sock");
     EXPECT_NE(ctx, nullptr);
     bv_ubus_free(ctx);
@@ -112,12 +124,8 @@ TEST(Ubus, ObjectsArePublishedFoundCalledAndGone)
 {
     BusDaemon daemon;
     Service owner(publish_and_serve);
-    ASSERT_TRUE(wait_for_object(kName));
-    ubus_context *ctx = bv_ubus_connect(nullptr);
-    ASSERT_NE(ctx, nullptr);
     uint32_t id = 0;
-    EXPECT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
-    EXPECT_NE(id, 0u);
+    ubus_context *ctx = connect_to_object(id);
 
     blob_buf arguments = {};
     bv_blobmsg_buf_init(&arguments);
@@ -129,36 +137,32 @@ TEST(Ubus, ObjectsArePublishedFoundCalledAndGone)
     EXPECT_EQ(received.number, 1234567u);
     bv_blob_buf_free(&arguments);
 
-    EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 10000), 6);
-    EXPECT_EQ(bv_ubus_invoke(ctx, id, "seven", nullptr, nullptr, nullptr, 10000), 3);
-    EXPECT_EQ(bv_ubus_invoke(ctx, 0, "six", nullptr, nullptr, nullptr, 10000), 4);
+    EXPECT_EQ(invoke(ctx, id, "six"), 6);
+    EXPECT_EQ(invoke(ctx, id, "seven"), 3);
+    EXPECT_EQ(invoke(ctx, 0, "six"), 4);
 
     Service second(publish_and_serve);
     EXPECT_EQ(second.wait(), 2) << "the name is taken";
     owner.signal(SIGTERM);
     EXPECT_EQ(owner.wait(), 0);
     uint32_t untouched = 77;
-    while (object_exists(kName))
-        usleep(1000);
+    EXPECT_TRUE(eventually([] { return !object_exists(kName); }));
     EXPECT_EQ(bv_ubus_lookup_id(ctx, kName, &untouched), 4);
     EXPECT_EQ(untouched, 77u);
     bv_ubus_free(ctx);
 }
 
-TEST(Ubus, ACallTimesOutAfterTheMillisecondsGiven)
+TEST(Ubus, CallTimesOutAfterTheMillisecondsGiven)
 {
     BV_NEEDS_OWN_ROOT("a traced process cannot be stopped");
     BusDaemon daemon;
     Service owner(publish_and_serve);
-    ASSERT_TRUE(wait_for_object(kName));
-    ubus_context *ctx = bv_ubus_connect(nullptr);
-    ASSERT_NE(ctx, nullptr);
     uint32_t id = 0;
-    ASSERT_EQ(bv_ubus_lookup_id(ctx, kName, &id), 0);
+    ubus_context *ctx = connect_to_object(id);
     owner.signal(SIGSTOP);
-    EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 50), 7);
+    EXPECT_EQ(invoke(ctx, id, "six", 50), 7);
     EXPECT_EQ(g_timeout_ms, 50);
     owner.signal(SIGCONT);
-    EXPECT_EQ(bv_ubus_invoke(ctx, id, "six", nullptr, nullptr, nullptr, 10000), 6);
+    EXPECT_EQ(invoke(ctx, id, "six"), 6);
     bv_ubus_free(ctx);
 }

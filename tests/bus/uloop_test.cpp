@@ -55,7 +55,7 @@ TEST(UloopLife, InitOpensAndDoneCloses)
     EXPECT_EQ(open_descriptors().size(), before);
 }
 
-TEST_F(Uloop, RunsUntilToldToEndAndReturns0)
+TEST_F(Uloop, RunEndsWhenToldToAndReturns0)
 {
     uloop_timeout timer = {};
     timer.cb = end_on_timer;
@@ -72,7 +72,7 @@ TEST_F(Uloop, RunReturnsTheSignalThatEndedIt)
     EXPECT_EQ(bv_uloop_run(), SIGTERM);
 }
 
-TEST_F(Uloop, TimersAreMovedCancelledAndTellWhatRemains)
+TEST_F(Uloop, TimersAreMovedCancelledAndReportTheTimeLeft)
 {
     uloop_timeout timer = {};
     timer.cb = count_timer;
@@ -96,7 +96,7 @@ TEST_F(Uloop, TimersAreMovedCancelledAndTellWhatRemains)
     EXPECT_EQ(g_calls, 2);
 }
 
-TEST_F(Uloop, WatchesADescriptorUntilItIsDeleted)
+TEST_F(Uloop, DescriptorIsWatchedUntilItIsDeleted)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -128,7 +128,7 @@ TEST_F(Uloop, WatchesADescriptorUntilItIsDeleted)
     EXPECT_EQ(bv_uloop_fd_add(&closed, ULOOP_READ), -1);
 }
 
-TEST_F(Uloop, TellsWhenAChildHasEnded)
+TEST_F(Uloop, ReportsTheEndOfAChild)
 {
     uloop_process child = {};
     child.cb = [](uloop_process *, int status) {
@@ -145,8 +145,8 @@ TEST_F(Uloop, TellsWhenAChildHasEnded)
     EXPECT_EQ(WEXITSTATUS(g_status), 7);
 }
 
-// Whoever waits for a child on another thread has to know.
-TEST_F(Uloop, CollectsChildrenThatNobodyAskedItFor)
+// A thread that waits for a child of its own has to know.
+TEST_F(Uloop, CollectsChildrenThatItWasNotAskedFor)
 {
     static pid_t child;
     child = fork();

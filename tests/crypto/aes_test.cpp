@@ -1,30 +1,20 @@
+// Records and texts: encrypted and decrypted, at the edges of their memory.
+
 #include <bv/aes.h>
 #include <bv/status.h>
 
-#include "crypto/guarded.h"
 #include "crypto/reference.h"
-#include "support/faults.h"
+#include "support/guarded.h"
+#include "support/libc.h"
 
 #include <cstddef>
 #include <gtest/gtest.h>
 
-BV_FAULT_POINT(EVP_CIPHER_CTX_new, EVP_CIPHER_CTX *, (), (), nullptr);
-BV_FAULT_POINT(EVP_CipherInit_ex, int,
-               (EVP_CIPHER_CTX * ctx, const EVP_CIPHER *cipher, ENGINE *impl,
-                const unsigned char *key, const unsigned char *iv, int enc),
-               (ctx, cipher, impl, key, iv, enc), 0);
-
-namespace {
-
-int g_contexts_freed;
-
-} // namespace
-
-// In front of libcrypto's.
-extern "C" void EVP_CIPHER_CTX_free(EVP_CIPHER_CTX *ctx)
+static int g_contexts_freed;
+BV_INTERPOSE(free_context, "EVP_CIPHER_CTX_free", void, (EVP_CIPHER_CTX * ctx))
 {
-    g_contexts_freed += ctx != nullptr ? 1 : 0;
-    next_function<void(EVP_CIPHER_CTX *)>("EVP_CIPHER_CTX_free")(ctx);
+    g_contexts_freed += ctx != nullptr;
+    BV_NEXT(free_context)(ctx);
 }
 
 namespace {
@@ -122,7 +112,7 @@ TEST(AesRecord, EveryLengthAgreesWithLibcryptoAndComesBack)
     }
 }
 
-TEST(AesRecord, OnlyTheBytesThatAreNeededChange)
+TEST(AesRecord, BytesThatAreNotNeededStay)
 {
     Record record;
     record.encrypt("abc");
@@ -155,59 +145,42 @@ TEST(AesRecord, LengthsBeyondTheFieldsCountAsTheFieldsSize)
     }
 }
 
-TEST(AesRecord, OfALongerPlaintextTheFirst64BytesAreKept)
+TEST(AesRecord, AnyCiphertextGivesTheFirst64BytesThatLibcryptoGives)
 {
     RandomBytes random(72);
-    for (size_t length = 65; length <= 127; length++) {
-        const std::string plain = random.bytes(length);
-        Record record;
-        EXPECT_EQ(to_hex(record.decrypt(reference::aes(true, kKey, plain))),
-                  to_hex(plain.substr(0, 64)));
-    }
-}
-
-TEST(AesRecord, DamagedAndCutCiphertextGivesWhatLibcryptoGives)
-{
-    RandomBytes random(73);
-    for (size_t length = 0; length <= 128; length++) {
-        const std::string cipher = random.bytes(length);
+    std::vector<std::string> ciphers;
+    for (size_t length = 0; length <= 128; length++)
+        ciphers.push_back(random.bytes(length));
+    for (size_t length = 65; length <= 127; length++)
+        ciphers.push_back(reference::aes(true, kKey, random.bytes(length)));
+    for (const std::string &cipher : ciphers)
         EXPECT_EQ(to_hex(Record().decrypt(cipher)),
                   to_hex(reference::aes(false, kKey, cipher).substr(0, 64)))
-            << length;
-    }
+            << cipher.size();
     std::string wrong = reference::aes(true, kKey, std::string(40, 'x'));
     wrong[40] = static_cast<char>(wrong[40] ^ 1);
     EXPECT_EQ(Record().decrypt(wrong).size(), 32u) << "the last block is lost with its padding";
 }
 
-TEST(AesRecord, WithoutACipherTheResultIsEmpty)
-{
-    Record record;
-    fault_EVP_CIPHER_CTX_new.fail_next();
-    EXPECT_EQ(record.encrypt("abc"), "");
-    fault_EVP_CipherInit_ex.fail_next();
-    EXPECT_EQ(record.encrypt("abc"), "");
-    fault_EVP_CIPHER_CTX_new.fail_next();
-    EXPECT_EQ(record.decrypt("0123456789abcdef"), "");
-    fault_EVP_CipherInit_ex.fail_next();
-    EXPECT_EQ(record.decrypt("0123456789abcdef"), "");
-    EXPECT_EQ(record->plain[3], '#');
-}
-
-TEST(AesRecord, EveryCipherContextIsGivenBack)
+TEST(AesRecord, WithoutACipherTheResultIsEmptyAndEveryContextIsFreed)
 {
     Record record;
     g_contexts_freed = 0;
-    record.encrypt("abc");
-    EXPECT_EQ(g_contexts_freed, 1);
+    EXPECT_NE(record.encrypt("abc"), "");
     record.decrypt("0123456789abcdef");
     EXPECT_EQ(g_contexts_freed, 2);
-    fault_EVP_CipherInit_ex.fail_next();
-    record.encrypt("abc");
-    EXPECT_EQ(g_contexts_freed, 3);
+    memset(record->plain, '#', sizeof record->plain);
+    for (FaultPoint *fault : {&fault_cipher_context, &fault_cipher_init}) {
+        fault->fail_next();
+        EXPECT_EQ(record.encrypt("abc"), "");
+        fault->fail_next();
+        EXPECT_EQ(record.decrypt("0123456789abcdef"), "");
+    }
+    EXPECT_EQ(g_contexts_freed, 4);
+    EXPECT_EQ(record->plain[3], '#');
 }
 
-TEST(AesRecord, NullIsNoWork)
+TEST(AesRecord, NullIsHarmless)
 {
     EXPECT_EQ(bv_aes_cbc_en(nullptr), 0);
     EXPECT_EQ(bv_aes_cbc_de(nullptr), 0);
@@ -231,90 +204,67 @@ TEST(AesText, EveryLengthUpTo64ComesOutAsLowerCaseHexAndBack)
     }
 }
 
-TEST(AesText, TheEmptyTextIsOneBlock)
-{
-    std::string out;
-    EXPECT_EQ(encrypt_text("", out, 33), 0);
-    EXPECT_EQ(up_to_nul(out).size(), 32u);
-}
-
-TEST(AesText, OnlyTheTextAndItsTerminatorAreWritten)
-{
-    std::string out;
-    ASSERT_EQ(encrypt_text("abc", out, 100), 0);
-    EXPECT_EQ(out.substr(32), '\0' + std::string(67, '#'));
-}
-
-TEST(AesText, OfALongerTextTheFirst64CharactersAreEncrypted)
+TEST(AesText, First64CharactersAreEncryptedAndNothingFollowsTheTerminator)
 {
     for (size_t length : {65u, 100u, 100000u}) {
         std::string out;
-        ASSERT_EQ(encrypt_text(std::string(length, 'x'), out, 161), 0);
-        EXPECT_EQ(up_to_nul(out), hex_of(std::string(64, 'x')));
+        ASSERT_EQ(encrypt_text(std::string(length, 'x'), out, 200), 0);
+        EXPECT_EQ(out, hex_of(std::string(64, 'x')) + '\0' + std::string(39, '#'));
     }
-}
-
-TEST(AesText, NoRoomAtAllIsRefused)
-{
     char nothing = '#';
     EXPECT_EQ(bv_aes_str_en(&nothing, 0, "abc", u8(kKey)), -1);
     EXPECT_EQ(nothing, '#');
 }
 
-TEST(AesText, UpperCaseDigitsAndAnOddLastOneAreAccepted)
+// Each pair of digits is read on its own as a number, whatever else is in it.
+TEST(AesText, HexDecryptsUpTo256DigitsIfTheTextFits)
 {
-    std::string hex = hex_of("some text");
-    for (char &c : hex)
+    const std::string some = hex_of("some text"), eight = hex_of("eight ch");
+    const std::string x64(64, 'x'), hex64 = hex_of(x64);
+    std::string upper = some, long_text;
+    for (char &c : upper)
         c = static_cast<char>(toupper(c));
-    EXPECT_EQ(up_to_nul(decrypt_text(hex)), "some text");
-    EXPECT_EQ(up_to_nul(decrypt_text(hex + "7")), "some text");
-    EXPECT_EQ(up_to_nul(decrypt_text("7")), "");
-    EXPECT_EQ(up_to_nul(decrypt_text("")), "");
-}
-
-// Each pair is read on its own as a number, whatever else is in it.
-TEST(AesText, PairsThatAreNoHexReadAsNumbersDo)
-{
-    const struct {
-        const char *pair;
-        uint8_t byte;
-    } pairs[] = {{"zz", 0},  {"0x", 0},  {"-1", 255}, {"+f", 15},
-                 {" f", 15}, {"fz", 15}, {"zf", 0},   {"aF", 175}};
-
-    const std::string good = reference::aes(true, kKey, "the block before and this");
-    for (const auto &row : pairs) {
-        std::string cipher = good;
-        cipher[0] = static_cast<char>(row.byte);
-        const std::string hex = row.pair + to_hex(good).substr(2);
-        EXPECT_EQ(up_to_nul(decrypt_text(hex)), up_to_nul(reference::aes(false, kKey, cipher)))
-            << row.pair;
-    }
-}
-
-TEST(AesText, DigitsBeyond256AreIgnored)
-{
-    RandomBytes random(74);
-    std::string plain;
     for (int i = 0; i < 127; i++)
-        plain += static_cast<char>('a' + i % 26);
-    const std::string hex = hex_of(plain); // 256 digits
-    ASSERT_EQ(hex.size(), 256u);
+        long_text += static_cast<char>('a' + i % 26);
+    const std::string hex256 = hex_of(long_text), first64 = long_text.substr(0, 64);
+    ASSERT_EQ(hex256.size(), 256u);
+    struct Case {
+        std::string hex;
+        uint32_t out_size;
+        std::string text;
+    };
+    std::vector<Case> rows = {
+        {upper, 65, "some text"},
+        {upper + "7", 65, "some text"}, // an odd digit
+        {"7", 65, ""},
+        {"", 65, ""},
+        {eight, 9, "eight ch"},
+        {eight, 8, ""}, // what does not fit is empty
+        {eight, 1, ""},
+        {hex64, 64, ""},
+        {hex64, 65, x64},
+        {hex_of(std::string("ab\0cd", 5)), 65, "ab"},
+        {hex256 + std::string(100000, 'f'), 65, first64},
+    };
     for (const char *more : {"", "0", "00", "0123456789abcdef0123456789abcdef"})
-        EXPECT_EQ(up_to_nul(decrypt_text(hex + more)), plain.substr(0, 64));
-    EXPECT_EQ(up_to_nul(decrypt_text(hex + std::string(100000, 'f'))), plain.substr(0, 64));
+        rows.push_back({hex256 + more, 65, first64});
+
+    const std::pair<const char *, uint8_t> pairs[] = {{"zz", 0},  {"0x", 0},  {"-1", 255},
+                                                      {"+f", 15}, {" f", 15}, {"fz", 15},
+                                                      {"zf", 0},  {"aF", 175}};
+    const std::string good = reference::aes(true, kKey, "the block before and this");
+    for (const auto &[pair, byte] : pairs) {
+        std::string cipher = good;
+        cipher[0] = static_cast<char>(byte);
+        rows.push_back(
+            {pair + to_hex(good).substr(2), 65, up_to_nul(reference::aes(false, kKey, cipher))});
+    }
+    for (const Case &row : rows)
+        EXPECT_EQ(up_to_nul(decrypt_text(row.hex, row.out_size)), row.text)
+            << row.hex.substr(0, 300) << " into " << row.out_size;
 }
 
-TEST(AesText, ATextThatDoesNotFitLeavesAnEmptyOne)
-{
-    const std::string hex = hex_of("eight ch");
-    EXPECT_EQ(decrypt_text(hex, 9), std::string("eight ch") + '\0');
-    EXPECT_EQ(decrypt_text(hex, 8)[0], 0);
-    EXPECT_EQ(decrypt_text(hex, 1)[0], 0);
-    EXPECT_EQ(decrypt_text(hex_of(std::string(64, 'x')), 64)[0], 0);
-    EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string(64, 'x')), 65)), std::string(64, 'x'));
-}
-
-TEST(AesText, ASizeOutOfRangeLeavesTheBufferAlone)
+TEST(AesText, SizeOutOfRangeLeavesTheBufferAlone)
 {
     char out[] = "########";
     for (uint32_t size : {0u, 0x80000000u, 0xffffffffu}) {
@@ -323,11 +273,6 @@ TEST(AesText, ASizeOutOfRangeLeavesTheBufferAlone)
     }
     EXPECT_EQ(bv_aes_str_de(hex_of("text").c_str(), out, 0x7fffffff, u8(kKey)), 0);
     EXPECT_STREQ(out, "text");
-}
-
-TEST(AesText, AZeroByteInThePlaintextEndsTheText)
-{
-    EXPECT_EQ(up_to_nul(decrypt_text(hex_of(std::string("ab\0cd", 5)))), "ab");
 }
 
 TEST(AesText, RandomInputsNeverLeaveTheBuffers)
@@ -359,7 +304,7 @@ TEST(AesText, NullArgumentsAreHarmless)
 TEST(AesText, WithoutACipherTheTextIsEmpty)
 {
     std::string out;
-    fault_EVP_CIPHER_CTX_new.fail_next();
+    fault_cipher_context.fail_next();
     EXPECT_EQ(encrypt_text("abc", out, 33), 0);
     EXPECT_EQ(up_to_nul(out), "");
 }

@@ -45,7 +45,7 @@ void bv::sha256_blocks(uint32_t (&state)[8], const uint8_t *data, size_t count)
         state[i] = 0x1au << 4 * i;
 }
 
-TEST(Sha256Tail, IsOneBlockUpTo55CharactersBehindTheWholeOnesAndTwoFrom56On)
+TEST(Sha256Tail, IsOneBlockForUpTo55CharactersAndTwoFrom56On)
 {
     for (size_t whole : {0u, 1u, 3u}) {
         for (size_t rest = 0; rest < 64; rest++) {
@@ -65,7 +65,7 @@ TEST(Sha256Tail, IsOneBlockUpTo55CharactersBehindTheWholeOnesAndTwoFrom56On)
     }
 }
 
-TEST(Sha256Tail, TheDigitsAreTheStateWordByWord)
+TEST(Sha256Tail, DigitsAreTheStateWordByWord)
 {
     char out[65];
     bv_os_sha256(out, "");
@@ -73,7 +73,7 @@ TEST(Sha256Tail, TheDigitsAreTheStateWordByWord)
 }
 
 // 2^29 + 3 characters out of one piece of memory, mapped again and again. They are 2^32 + 24 bits.
-TEST(Sha256Tail, TheLengthIsCutTo32BitsFrom512MiBOn)
+TEST(Sha256Tail, LengthIsCutTo32BitsFrom512MiBOn)
 {
     const size_t length = (size_t{1} << 29) + 3, piece = 16 * 1024 * 1024;
     const int fd = memfd_create("text", 0);
@@ -86,7 +86,7 @@ TEST(Sha256Tail, TheLengthIsCutTo32BitsFrom512MiBOn)
                   MAP_FAILED);
     }
     memset(base, 'a', piece);
-    memcpy(base + length - 3, "end", 4); // behind the mappings, so not in all of them
+    memcpy(base + length - 3, "end", 4); // after the mappings, so not in all of them
 
     const auto runs = runs_of(base);
     ASSERT_EQ(runs.size(), 2u);

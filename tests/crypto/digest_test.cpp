@@ -1,48 +1,34 @@
+// Digests of texts and of files.
+
 #include <bv/os.h>
 
 #include "crypto/reference.h"
 #include "support/capture.h"
-#include "support/faults.h"
+#include "support/child.h"
 #include "support/files.h"
+#include "support/libc.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-BV_FAULT_POINT(EVP_MD_CTX_new, EVP_MD_CTX *, (), (), nullptr);
-BV_FAULT_POINT(EVP_DigestInit_ex, int, (EVP_MD_CTX * ctx, const EVP_MD *type, ENGINE *impl),
-               (ctx, type, impl), 0);
-
-namespace {
-
-int g_contexts_freed;
-int g_read_calls;
-void (*g_before_read)(int call) = nullptr; // counted from 1
-bool g_read_fails;
-
-} // namespace
-
-// In front of libcrypto's.
-extern "C" void EVP_MD_CTX_free(EVP_MD_CTX *ctx)
+static int g_contexts_freed;
+BV_INTERPOSE(free_digest, "EVP_MD_CTX_free", void, (EVP_MD_CTX * ctx))
 {
-    g_contexts_freed += ctx != nullptr ? 1 : 0;
-    next_function<void(EVP_MD_CTX *)>("EVP_MD_CTX_free")(ctx);
+    g_contexts_freed += ctx != nullptr;
+    BV_NEXT(free_digest)(ctx);
 }
 
-// What happens to a file while it is read.
-extern "C" ssize_t read(int fd, void *buf, size_t n)
+// What happens to a file while it is read; counted from 1.
+static void (*g_before_read)(int call);
+BV_INTERPOSE(read, "read", ssize_t, (int fd, void *buf, size_t n))
 {
-    static auto *next = next_function<ssize_t(int, void *, size_t)>("read");
+    const bool fails = fault_read.fails();
     if (g_before_read != nullptr)
-        g_before_read(++g_read_calls);
-    if (g_read_fails) {
-        errno = EIO;
-        return -1;
-    }
-    return next(fd, buf, n);
+        g_before_read(fault_read.calls());
+    return fails ? -1 : BV_NEXT(read)(fd, buf, n);
 }
 
 namespace {
@@ -56,6 +42,8 @@ std::string sha256(const std::string &text)
     EXPECT_EQ(out[65], '#') << "only 65 bytes may be written";
     return out;
 }
+
+const auto *kA = reinterpret_cast<const uint8_t *>("a");
 
 // A buffer of 65 bytes: 64 digits and what must stay.
 class Sm3Text {
@@ -79,9 +67,8 @@ class Sm3File : public testing::Test {
 protected:
     void SetUp() override
     {
-        g_read_calls = 0;
+        fault_read.pass();
         g_before_read = nullptr;
-        g_read_fails = false;
     }
 };
 
@@ -150,42 +137,29 @@ TEST(Sm3Text, RandomBuffersAgreeWithLibcrypto)
 TEST(Sm3Text, NothingToHashIsRefusedAndLeavesTheBuffer)
 {
     Sm3Text out;
-    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 0, out),
-              uint32_t{BV_ERR_INVALID});
+    EXPECT_EQ(bv_os_sm3_str(kA, 0, out), uint32_t{BV_ERR_INVALID});
     EXPECT_EQ(bv_os_sm3_str(nullptr, 1, out), uint32_t{BV_ERR_INVALID});
     EXPECT_EQ(bv_os_sm3_str(nullptr, 0, out), uint32_t{BV_ERR_INVALID});
-    EXPECT_TRUE(out.untouched());
-    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, nullptr),
-              uint32_t{BV_ERR_INVALID});
-}
-
-TEST(Sm3Text, WithoutADigestContextThereIsNoDigest)
-{
-    Sm3Text out;
-    fault_EVP_MD_CTX_new.fail_next();
-    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out),
-              uint32_t{BV_ERR_MEMORY});
-    fault_EVP_DigestInit_ex.fail_next();
-    EXPECT_EQ(bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out),
-              uint32_t{BV_ERR_MEMORY});
-    write_file("/scratch/file", "content");
-    fault_EVP_MD_CTX_new.fail_next();
-    EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), uint32_t{BV_ERR_MEMORY});
+    EXPECT_EQ(bv_os_sm3_str(kA, 1, nullptr), uint32_t{BV_ERR_INVALID});
     EXPECT_TRUE(out.untouched());
 }
 
-TEST(Sm3Text, EveryDigestContextIsGivenBack)
+TEST(Sm3Text, WithoutAContextThereIsNoDigestAndEveryContextIsFreed)
 {
     Sm3Text out;
     write_file("/scratch/file", "content");
     g_contexts_freed = 0;
-    bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out);
-    EXPECT_EQ(g_contexts_freed, 1);
+    for (FaultPoint *fault : {&fault_digest_context, &fault_digest_init}) {
+        fault->fail_next();
+        EXPECT_EQ(bv_os_sm3_str(kA, 1, out), uint32_t{BV_ERR_MEMORY});
+        fault->fail_next();
+        EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), uint32_t{BV_ERR_MEMORY});
+    }
+    EXPECT_TRUE(out.untouched());
+    EXPECT_EQ(g_contexts_freed, 2) << "those that were not set up";
+    bv_os_sm3_str(kA, 1, out);
     bv_os_sm3_file("/scratch/file", out);
-    EXPECT_EQ(g_contexts_freed, 2);
-    fault_EVP_DigestInit_ex.fail_next();
-    bv_os_sm3_str(reinterpret_cast<const uint8_t *>("a"), 1, out);
-    EXPECT_EQ(g_contexts_freed, 3);
+    EXPECT_EQ(g_contexts_freed, 4);
 }
 
 TEST_F(Sm3File, SizesAroundThePieceAgreeWithTheTextDigest)
@@ -203,14 +177,17 @@ TEST_F(Sm3File, SizesAroundThePieceAgreeWithTheTextDigest)
     }
 }
 
-TEST_F(Sm3File, AMissingFileIsReported)
+TEST_F(Sm3File, MissingFileIsReportedAndNothingIsPrinted)
 {
+    write_file("/scratch/file", "content");
     Sm3Text out;
+    CaptureStdout capture;
     EXPECT_EQ(bv_os_sm3_file("/scratch/missing", out), uint32_t{BV_ERR_NO_FILE});
     EXPECT_EQ(bv_os_sm3_file(nullptr, out), uint32_t{BV_ERR_NO_FILE});
-    EXPECT_TRUE(out.untouched());
-    write_file("/scratch/file", "content");
     EXPECT_EQ(bv_os_sm3_file("/scratch/file", nullptr), uint32_t{BV_ERR_NO_FILE});
+    EXPECT_TRUE(out.untouched());
+    EXPECT_EQ(sm3_of_file("/scratch"), sm3("")) << "a directory has the digest of nothing";
+    EXPECT_EQ(capture.stop(), "");
 }
 
 // Root may read everything: from here on this process is bound by the modes of files.
@@ -221,42 +198,28 @@ static bool give_up_capabilities()
     return syscall(SYS_capset, &header, none) == 0;
 }
 
-TEST_F(Sm3File, AFileThatMayNotBeReadIsReported)
+TEST_F(Sm3File, FileThatMayNotBeReadIsReported)
 {
     write_file("/scratch/file", "content");
     ASSERT_EQ(chmod("/scratch/file", 0), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        if (!give_up_capabilities())
-            _exit(77);
-        Sm3Text out;
-        const uint32_t status = bv_os_sm3_file("/scratch/file", out);
-        _exit(status == BV_ERR_OPEN && out.untouched() ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(run_in_child([] {
+                  if (!give_up_capabilities())
+                      return 77;
+                  Sm3Text out;
+                  const uint32_t status = bv_os_sm3_file("/scratch/file", out);
+                  return status == BV_ERR_OPEN && out.untouched() ? 0 : 1;
+              }),
+              0);
     unlink("/scratch/file"); // later tests could not replace it where root lacks capabilities
 }
 
-TEST_F(Sm3File, ADirectoryHasTheDigestOfNothing)
-{
-    EXPECT_EQ(sm3_of_file("/scratch"), sm3(""));
-}
-
-TEST_F(Sm3File, AReadErrorEndsTheFile)
+TEST_F(Sm3File, FileEndsEarlyWhereReadingFailsOrTheFileDoes)
 {
     const std::string content = RandomBytes(43).bytes(3 * 65536);
     write_file("/scratch/file", content);
-    g_before_read = [](int call) { g_read_fails = call >= 2; };
+    fault_read.fail_next(2);
     EXPECT_EQ(sm3_of_file("/scratch/file"), sm3(content.substr(0, 65536)));
-}
-
-TEST_F(Sm3File, AFileThatShrinksEndsEarly)
-{
-    const std::string content = RandomBytes(44).bytes(3 * 65536);
-    write_file("/scratch/file", content);
+    fault_read.pass();
     g_before_read = [](int call) {
         if (call == 2 && truncate("/scratch/file", 70000) != 0)
             abort();
@@ -264,17 +227,15 @@ TEST_F(Sm3File, AFileThatShrinksEndsEarly)
     EXPECT_EQ(sm3_of_file("/scratch/file"), sm3(content.substr(0, 70000)));
 }
 
-TEST_F(Sm3File, AFileWithoutASizeIsReadToItsEnd)
+TEST_F(Sm3File, FileWithoutASizeIsReadToItsEnd)
 {
     const std::string content = RandomBytes(45).bytes(100000);
     ASSERT_EQ(mkfifo("/scratch/pipe", 0600), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    Child writer([&] {
         write_file("/scratch/pipe", content);
-        _exit(0);
-    }
+        return 0;
+    });
     EXPECT_EQ(sm3_of_file("/scratch/pipe"), sm3(content));
-    waitpid(child, nullptr, 0);
 }
 
 TEST_F(Sm3File, WithoutMemoryForThePieceNothingStaysOpen)
@@ -290,26 +251,4 @@ TEST_F(Sm3File, WithoutMemoryForThePieceNothingStaysOpen)
     EXPECT_TRUE(out.untouched());
     EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), BV_OK);
     EXPECT_EQ(open_descriptors(), before);
-}
-
-TEST_F(Sm3File, TheReadBufferIsGivenBack)
-{
-    if (kSanitized)
-        GTEST_SKIP() << "the sanitiser finds leaks";
-    write_file("/scratch/file", "content");
-    Sm3Text out;
-    bv_os_sm3_file("/scratch/file", out);
-    const size_t before = address_space();
-    for (int i = 0; i < 200; i++) // 12.5 MiB in all
-        ASSERT_EQ(bv_os_sm3_file("/scratch/file", out), BV_OK);
-    EXPECT_LT(address_space(), before + (6 << 20));
-}
-
-TEST_F(Sm3File, NothingIsPrinted)
-{
-    CaptureStdout capture;
-    Sm3Text out;
-    bv_os_sm3_file("/scratch/missing", out);
-    bv_os_sm3_file("/scratch", out);
-    EXPECT_EQ(capture.stop(), "");
 }

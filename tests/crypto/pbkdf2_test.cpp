@@ -1,12 +1,15 @@
+// Keys derived from passwords.
+
 #include <bv/sha2.h>
 
 #include "crypto/reference.h"
+#include "support/child.h"
+#include "support/process.h"
 
+#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -55,7 +58,7 @@ TEST(Pbkdf2, NoIterationsCountAsOne)
     EXPECT_NE(to_hex(derive("password", "salt", 1, 40)), to_hex(derive("password", "salt", 2, 40)));
 }
 
-TEST(Pbkdf2, NothingIsWrittenBehindTheKey)
+TEST(Pbkdf2, NothingIsWrittenAfterTheKey)
 {
     uint8_t out[64];
     for (uint32_t length : {0u, 1u, 31u, 32u, 33u, 40u}) {
@@ -77,22 +80,16 @@ TEST(Pbkdf2, KeysOf2GiBAndMoreAreWrittenToo)
     ASSERT_NE(memory, MAP_FAILED);
     const std::string expected = reference::pbkdf2("password", "salt", 1, 32);
 
-    const pid_t child = fork();
-    if (child == 0) {
+    Child child([&] {
         bv_pkcs5_pbkdf2_hmac(reinterpret_cast<const uint8_t *>("password"), 8,
                              reinterpret_cast<const uint8_t *>("salt"), 4,
                              static_cast<uint8_t *>(memory), length, 1);
-        _exit(0);
-    }
-    bool written = false;
-    for (int wait = 0; wait < 2000 && !written; wait++) {
-        usleep(5000);
-        written = memcmp(memory, expected.data(), expected.size()) == 0;
-    }
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+        return 0;
+    });
+    EXPECT_TRUE(eventually([&] { return memcmp(memory, expected.data(), expected.size()) == 0; }));
+    child.signal(SIGKILL);
+    child.wait();
     munmap(memory, length);
-    EXPECT_TRUE(written);
 }
 #endif
 

@@ -7,6 +7,7 @@
 #include <bv/sha2.h>
 
 #include "crypto/reference.h"
+#include "support/files.h"
 
 #include <cstring>
 #include <functional>
@@ -93,12 +94,17 @@ std::string mixed(std::string key, char pad)
     return key;
 }
 
+void expect_none(const UsedStack &stack, const std::vector<std::string> &secrets)
+{
+    for (size_t i = 0; i < secrets.size(); i++)
+        EXPECT_FALSE(stack.holds_any_form(secrets[i])) << "secret " << i;
+}
+
 void expect_no_key(const UsedStack &stack, const std::string &key)
 {
-    EXPECT_FALSE(stack.holds_any_form(key)) << "the key";
-    // Behind the key the pads are no secret.
-    EXPECT_FALSE(stack.holds_any_form(mixed(key, 0x36).substr(0, key.size()))) << "the inner pad";
-    EXPECT_FALSE(stack.holds_any_form(mixed(key, 0x5c).substr(0, key.size()))) << "the outer pad";
+    // After the key the pads are not secret.
+    expect_none(stack, {key, mixed(key, 0x36).substr(0, key.size()),
+                        mixed(key, 0x5c).substr(0, key.size())});
 }
 
 std::string inner_digest(const std::string &key, const std::string &message)
@@ -113,7 +119,7 @@ uint32_t size_of(const std::string &bytes)
 
 } // namespace
 
-TEST(Secrets, TheSearchFindsWhatACarelessFunctionLeaves)
+TEST(Secrets, SearchFindsWhatACarelessFunctionLeaves)
 {
     const std::string secret = RandomBytes(31).bytes(64);
     const UsedStack stack([&] {
@@ -134,16 +140,15 @@ TEST(Secrets, TheSearchFindsWhatACarelessFunctionLeaves)
     EXPECT_TRUE(words.holds_any_form(secret));
 }
 
-TEST(Secrets, AHashLeavesNothingOfTheMessage)
+TEST(Secrets, HashLeavesNothingOfTheMessage)
 {
     const std::string message = RandomBytes(32).bytes(64 + 50);
     uint8_t out[32];
     const UsedStack stack([&] { sha2(u8(message), size_of(message), out, 0); });
-    EXPECT_FALSE(stack.holds_any_form(message.substr(0, 64)));
-    EXPECT_FALSE(stack.holds_any_form(message.substr(64)));
+    expect_none(stack, {message.substr(0, 64), message.substr(64)});
 }
 
-TEST(Secrets, AnHmacLeavesNeitherTheKeyNorTheInnerDigest)
+TEST(Secrets, HmacLeavesNeitherTheKeyNorTheInnerDigest)
 {
     const std::string key = RandomBytes(33).bytes(64), message = "an ordinary message";
     uint8_t out[32];
@@ -153,7 +158,7 @@ TEST(Secrets, AnHmacLeavesNeitherTheKeyNorTheInnerDigest)
     EXPECT_FALSE(stack.holds_any_form(inner_digest(key, message)));
 }
 
-TEST(Secrets, ALongKeyLeavesNothingOfItsDigest)
+TEST(Secrets, LongKeyLeavesNothingOfItsDigest)
 {
     const std::string key = RandomBytes(40).bytes(100);
     const std::string digest = reference::digest(EVP_sha256(), key);
@@ -162,7 +167,7 @@ TEST(Secrets, ALongKeyLeavesNothingOfItsDigest)
     expect_no_key(stack, digest);
 }
 
-TEST(Secrets, AnHmacInPiecesLeavesThemOnlyInTheCallersContext)
+TEST(Secrets, HmacInPiecesLeavesThemOnlyInTheCallersContext)
 {
     const std::string key = RandomBytes(34).bytes(100), message = "an ordinary message";
     const std::string digest = reference::digest(EVP_sha256(), key);
@@ -174,12 +179,11 @@ TEST(Secrets, AnHmacInPiecesLeavesThemOnlyInTheCallersContext)
         sha2_hmac_finish(&ctx, out);
     });
     expect_no_key(stack, digest);
-    EXPECT_FALSE(stack.holds_any_form(key.substr(0, 64)));
-    EXPECT_FALSE(stack.holds_any_form(inner_digest(digest, message)));
+    expect_none(stack, {key.substr(0, 64), inner_digest(digest, message)});
     EXPECT_EQ(to_hex(ctx.ipad, 64), to_hex(mixed(digest, 0x36)));
 }
 
-TEST(Secrets, AKeyDerivationLeavesNothingOfItsSteps)
+TEST(Secrets, KeyDerivationLeavesNothingOfItsSteps)
 {
     const std::string password = RandomBytes(35).bytes(40), salt = "salt";
     std::string key(48, 0);
@@ -199,16 +203,14 @@ TEST(Secrets, AKeyDerivationLeavesNothingOfItsSteps)
     EXPECT_FALSE(stack.holds_any_form(reference::pbkdf2(password, salt, 3, 64)));
 }
 
-TEST(Secrets, ATextDigestLeavesNothingOfTheText)
+TEST(Secrets, TextDigestLeavesNothingOfTheText)
 {
     const std::string text =
         "correct horse battery staple, and some more of it to fill the tail block twice";
     char out[65];
     const UsedStack stack([&] { bv_os_sha256(out, text.c_str()); });
-    EXPECT_FALSE(stack.holds_any_form(text.substr(0, 64)));
-    EXPECT_FALSE(stack.holds_any_form(text.substr(64)));
-    EXPECT_FALSE(stack.holds(out)) << "the digest's text";
-    EXPECT_FALSE(stack.holds_any_form(reference::digest(EVP_sha256(), text))) << "the digest";
+    expect_none(stack,
+                {text.substr(0, 64), text.substr(64), out, reference::digest(EVP_sha256(), text)});
 }
 
 TEST(Secrets, Sm3DigestIsOnlyWhereTheCallerWantsIt)
@@ -218,16 +220,12 @@ TEST(Secrets, Sm3DigestIsOnlyWhereTheCallerWantsIt)
     static char out[65], of_file[65];
     const UsedStack stack([&] { bv_os_sm3_str(u8(text), size_of(text), out); });
     EXPECT_EQ(out, to_hex(digest));
-    EXPECT_FALSE(stack.holds(out)) << "the digest's text";
-    EXPECT_FALSE(stack.holds_any_form(digest)) << "the digest";
+    expect_none(stack, {out, digest});
 
-    FILE *file = fopen("/scratch/secret", "wb");
-    ASSERT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
-    fclose(file);
+    write_file("/scratch/secret", text);
     const UsedStack file_stack([] { bv_os_sm3_file("/scratch/secret", of_file); });
     EXPECT_STREQ(of_file, out);
-    EXPECT_FALSE(file_stack.holds(out)) << "the digest's text";
-    EXPECT_FALSE(file_stack.holds_any_form(digest)) << "the digest";
+    expect_none(file_stack, {out, digest});
 }
 
 TEST(Secrets, TextEncryptionLeavesNeitherKeyNorText)
@@ -236,13 +234,11 @@ TEST(Secrets, TextEncryptionLeavesNeitherKeyNorText)
     const std::string text = "the password of the administrator";
     char hex[161], back[65];
     const UsedStack there([&] { bv_aes_str_en(hex, sizeof(hex), text.c_str(), u8(key)); });
-    EXPECT_FALSE(there.holds_any_form(key));
-    EXPECT_FALSE(there.holds(text));
+    expect_none(there, {key, text});
 
     const UsedStack and_back([&] { bv_aes_str_de(hex, back, sizeof(back), u8(key)); });
     EXPECT_EQ(back, text);
-    EXPECT_FALSE(and_back.holds_any_form(key));
-    EXPECT_FALSE(and_back.holds(text));
+    expect_none(and_back, {key, text});
 }
 
 TEST(Secrets, RecordDecryptionLeavesNothingBesideTheRecord)
@@ -261,10 +257,7 @@ TEST(Secrets, FileEncryptionLeavesNothingOfTheContents)
 {
     const std::string key = RandomBytes(38).bytes(16),
                       content = RandomBytes(39).bytes(32 * 300 + 31);
-    FILE *file = fopen("/scratch/plain", "wb");
-    ASSERT_EQ(fwrite(content.data(), 1, content.size(), file), content.size());
-    fclose(file);
-
+    write_file("/scratch/plain", content);
     const UsedStack there([&] { bv_aes_file_en("/scratch/plain", "/scratch/cipher", u8(key)); });
     EXPECT_FALSE(there.holds(content));
     const UsedStack and_back([&] { bv_aes_file_de("/scratch/cipher", "/scratch/back", u8(key)); });

@@ -1,7 +1,9 @@
+// The hash, plain and keyed, in one call and in pieces.
+
 #include <bv/sha2.h>
 
-#include "crypto/guarded.h"
 #include "crypto/reference.h"
+#include "support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
@@ -10,28 +12,88 @@ namespace {
 
 const auto *kAbc = reinterpret_cast<const uint8_t *>("abc");
 
-size_t digest_size(bool is224)
+uint32_t size_of(const std::string &bytes)
 {
-    return is224 ? 28 : 32;
+    return static_cast<uint32_t>(bytes.size());
 }
 
-std::string one_shot(const std::string &message, bool is224)
+// A running hash, SHA-224 or SHA-256. Digests are hexadecimal digits.
+class Hash {
+public:
+    explicit Hash(bool is224) : is224_(is224) { sha2_starts(&ctx, is224); }
+    virtual ~Hash() = default;
+
+    virtual void update(const std::string &piece) { sha2_update(&ctx, u8(piece), size_of(piece)); }
+    virtual std::string finish()
+    {
+        sha2_finish(&ctx, out_);
+        return digits();
+    }
+    // Of a message in one call; by libcrypto.
+    virtual std::string whole(const std::string &message)
+    {
+        sha2(u8(message), size_of(message), out_, is224_);
+        return digits();
+    }
+    virtual std::string expected(const std::string &message) const
+    {
+        return to_hex(reference::digest(reference::sha2(is224_), message));
+    }
+
+    sha2_context ctx;
+
+protected:
+    std::string digits() const { return to_hex(out_, is224_ ? 28 : 32); }
+
+    bool is224_;
+    uint8_t out_[32];
+};
+
+class Hmac : public Hash {
+public:
+    Hmac(bool is224, const std::string &key) : Hash(is224), key_(key)
+    {
+        sha2_hmac_starts(&ctx, u8(key), size_of(key), is224);
+    }
+
+    void update(const std::string &piece) override
+    {
+        sha2_hmac_update(&ctx, u8(piece), size_of(piece));
+    }
+    std::string finish() override
+    {
+        sha2_hmac_finish(&ctx, out_);
+        return digits();
+    }
+    std::string whole(const std::string &message) override
+    {
+        sha2_hmac(u8(key_), size_of(key_), u8(message), size_of(message), out_, is224_);
+        return digits();
+    }
+    std::string expected(const std::string &message) const override
+    {
+        return to_hex(reference::hmac(is224_, key_, message));
+    }
+
+private:
+    std::string key_;
+};
+
+void expect_vector(Hash &&hash, const std::string &message, const std::string &digest)
 {
-    uint8_t out[32];
-    sha2(u8(message), static_cast<uint32_t>(message.size()), out, is224);
-    return std::string(reinterpret_cast<char *>(out), digest_size(is224));
+    EXPECT_EQ(hash.expected(message), to_hex(digest));
+    EXPECT_EQ(hash.whole(message), to_hex(digest));
 }
 
-void update(sha2_context *ctx, const std::string &piece)
+// Updates with pieces of these sizes, one after the other.
+void expect_pieces(Hash &&hash, const std::string &all, const std::vector<size_t> &sizes)
 {
-    sha2_update(ctx, u8(piece), static_cast<uint32_t>(piece.size()));
-}
-
-std::string finish(sha2_context *ctx)
-{
-    uint8_t out[32];
-    sha2_finish(ctx, out);
-    return std::string(reinterpret_cast<char *>(out), digest_size(ctx->is224 != 0));
+    size_t at = 0;
+    for (size_t size : sizes) {
+        hash.update(all.substr(at, size));
+        at += size;
+    }
+    EXPECT_EQ(hash.finish(), hash.expected(all.substr(0, at))) << at;
 }
 
 } // namespace
@@ -42,10 +104,13 @@ TEST(Sha2, PublishedVectorsAgreeWithUsAndWithLibcrypto)
     ASSERT_EQ(rows.size(), 30u);
     for (const Row &row : rows) {
         SCOPED_TRACE(row[0]);
-        const bool is224 = row[1] == "224";
-        const std::string message = bytes_of(row[2]), expected = to_hex(bytes_of(row[3]));
-        EXPECT_EQ(to_hex(reference::digest(reference::sha2(is224), message)), expected);
-        EXPECT_EQ(to_hex(one_shot(message, is224)), expected);
+        expect_vector(Hash(row[1] == "224"), bytes_of(row[2]), bytes_of(row[3]));
+    }
+    const auto keyed = read_rows("hmac.txt");
+    ASSERT_EQ(keyed.size(), 14u);
+    for (const Row &row : keyed) {
+        SCOPED_TRACE(row[0]);
+        expect_vector(Hmac(row[1] == "224", bytes_of(row[2])), bytes_of(row[3]), bytes_of(row[4]));
     }
 }
 
@@ -54,72 +119,47 @@ TEST(Sha2, EveryLengthAroundBlockEdgesAgreesWithLibcrypto)
     RandomBytes random(1);
     for (size_t length = 0; length <= 300; length++) {
         const std::string message = random.bytes(length);
-        for (bool is224 : {false, true}) {
-            EXPECT_EQ(to_hex(one_shot(message, is224)),
-                      to_hex(reference::digest(reference::sha2(is224), message)))
-                << length;
-        }
+        for (bool is224 : {false, true})
+            EXPECT_EQ(Hash(is224).whole(message), Hash(is224).expected(message)) << length;
+    }
+    for (size_t length = 0; length <= 200; length++) {
+        Hmac hmac(length % 3 == 0, random.bytes(length));
+        const std::string message = random.bytes(random.number(0, 300));
+        EXPECT_EQ(hmac.whole(message), hmac.expected(message)) << "key of " << length;
     }
 }
 
-TEST(Sha2, EverySplitIntoTwoUpdatesGivesTheSameDigest)
+// In two pieces anywhere, in pieces around a block, and in any others.
+TEST(Sha2, PiecesGiveTheSameDigestAsTheWhole)
 {
     RandomBytes random(2);
-    const std::string all = random.bytes(200);
-    for (size_t length = 0; length <= all.size(); length++) {
-        const std::string expected = reference::digest(EVP_sha256(), all.substr(0, length));
-        for (size_t cut = 0; cut <= length; cut++) {
-            sha2_context ctx;
-            sha2_starts(&ctx, 0);
-            update(&ctx, all.substr(0, cut));
-            update(&ctx, all.substr(cut, length - cut));
-            ASSERT_EQ(to_hex(finish(&ctx)), to_hex(expected)) << cut << " of " << length;
-        }
-    }
-}
-
-TEST(Sha2, PiecesOf1And63And64And65BytesGiveTheSameDigest)
-{
-    RandomBytes random(3);
-    const std::string message = random.bytes(1000);
+    const std::string all = random.bytes(1000), key = random.bytes(20);
+    for (size_t length = 0; length <= 200; length++)
+        for (size_t cut = 0; cut <= length; cut++)
+            expect_pieces(Hash(cut % 2 == 1), all, {cut, length - cut});
     for (bool is224 : {false, true}) {
         for (size_t piece : {1u, 63u, 64u, 65u}) {
-            sha2_context ctx;
-            sha2_starts(&ctx, is224);
-            for (size_t at = 0; at < message.size(); at += piece)
-                update(&ctx, message.substr(at, piece));
-            EXPECT_EQ(to_hex(finish(&ctx)), to_hex(one_shot(message, is224))) << piece;
+            const std::vector<size_t> sizes(all.size() / piece, piece);
+            expect_pieces(Hash(is224), all, sizes);
+            expect_pieces(Hmac(is224, key), all, sizes);
         }
     }
-}
-
-TEST(Sha2, RandomMessagesInRandomPiecesAgreeWithLibcrypto)
-{
-    RandomBytes random(4);
     for (int i = 0; i < 500; i++) {
-        const bool is224 = random.number(0, 2) == 1;
-        std::string message;
-        sha2_context ctx;
-        sha2_starts(&ctx, is224);
-        for (size_t pieces = random.number(0, 6); pieces > 0; pieces--) {
-            const std::string piece = random.bytes(random.number(0, 400));
-            message += piece;
-            update(&ctx, piece);
-        }
-        ASSERT_EQ(to_hex(finish(&ctx)), to_hex(reference::digest(reference::sha2(is224), message)));
+        std::vector<size_t> sizes(random.number(0, 6));
+        for (size_t &size : sizes)
+            size = random.number(0, 160);
+        expect_pieces(Hash(i % 2 == 1), all, sizes);
     }
 }
 
-TEST(Sha2, AnyAlignmentOfTheInputWillDo)
+TEST(Sha2, InputMayHaveAnyAlignment)
 {
-    RandomBytes random(5);
-    const std::string text = random.bytes(300);
-    for (size_t at = 0; at < 16; at++)
-        EXPECT_EQ(to_hex(one_shot(text.substr(at), false)), [&] {
-            uint8_t out[32];
-            sha2(u8(text) + at, static_cast<uint32_t>(text.size() - at), out, 0);
-            return to_hex(out, sizeof(out));
-        }());
+    const std::string text = RandomBytes(5).bytes(300);
+    for (size_t at = 0; at < 16; at++) {
+        uint8_t out[32];
+        sha2(u8(text) + at, static_cast<uint32_t>(text.size() - at), out, 0);
+        EXPECT_EQ(to_hex(out, sizeof(out)), Hash(false).expected(text.substr(at))) << at;
+    }
 }
 
 TEST(Sha2, NothingIsReadOrWrittenBeyondTheEnd)
@@ -129,40 +169,41 @@ TEST(Sha2, NothingIsReadOrWrittenBeyondTheEnd)
         const std::string text = random.bytes(length);
         Guarded in(text), out(28);
         sha2(in.bytes(), static_cast<uint32_t>(length), out.bytes(), 1);
-        EXPECT_EQ(to_hex(out.bytes(), 28), to_hex(one_shot(text, true))) << length;
+        EXPECT_EQ(to_hex(out.bytes(), 28), Hash(true).expected(text)) << length;
     }
+    uint8_t out[32];
+    memset(out, 0xee, sizeof(out));
+    sha2(kAbc, 3, out, 1);
+    EXPECT_EQ(to_hex(out + 24, 8), "e36c9da7eeeeeeee") << "the shorter digest";
 }
 
-TEST(Sha2, TheContextCountsBytesWithACarryIntoTheHighWord)
+TEST(Sha2, ContextCountsBytesWithACarryIntoTheHighWord)
 {
-    sha2_context ctx;
-    sha2_starts(&ctx, 0);
-    EXPECT_EQ(ctx.total[0], 0u);
-    EXPECT_EQ(ctx.total[1], 0u);
+    Hash hash(false);
+    EXPECT_EQ(hash.ctx.total[0], 0u);
+    EXPECT_EQ(hash.ctx.total[1], 0u);
+    hash.update(std::string(100, 'x'));
+    EXPECT_EQ(hash.ctx.total[0], 100u);
 
-    update(&ctx, std::string(100, 'x'));
-    EXPECT_EQ(ctx.total[0], 100u);
-
-    ctx.total[0] = 0xffffffc0; // as after so many whole blocks
-    ctx.total[1] = 6;
-    update(&ctx, std::string(64, 'x'));
-    EXPECT_EQ(ctx.total[0], 0u);
-    EXPECT_EQ(ctx.total[1], 7u);
+    hash.ctx.total[0] = 0xffffffc0; // as after so many whole blocks
+    hash.ctx.total[1] = 6;
+    hash.update(std::string(64, 'x'));
+    EXPECT_EQ(hash.ctx.total[0], 0u);
+    EXPECT_EQ(hash.ctx.total[1], 7u);
 }
 
 // The bit count's low word overflows at 2^29 bytes, the byte count's at 2^32. Setting the counters
-// stands for hashing that much.
+// saves hashing that much.
 TEST(Sha2, LengthsThatNeedTheHighWordArePaddedAsLibcryptoDoes)
 {
     const uint64_t totals[] = {(1ull << 29) - 64, 1ull << 29, (1ull << 32) - 64,
                                1ull << 32,        5ull << 32, (1ull << 61) - 128};
     const std::string rest(70, 'r');
     for (uint64_t total : totals) {
-        sha2_context ctx;
-        sha2_starts(&ctx, 0);
-        ctx.total[0] = static_cast<uint32_t>(total);
-        ctx.total[1] = static_cast<uint32_t>(total >> 32);
-        update(&ctx, rest);
+        Hash hash(false);
+        hash.ctx.total[0] = static_cast<uint32_t>(total);
+        hash.ctx.total[1] = static_cast<uint32_t>(total >> 32);
+        hash.update(rest);
 
         SHA256_CTX theirs;
         SHA256_Init(&theirs);
@@ -171,46 +212,56 @@ TEST(Sha2, LengthsThatNeedTheHighWordArePaddedAsLibcryptoDoes)
         SHA256_Update(&theirs, rest.data(), rest.size());
         uint8_t expected[32];
         SHA256_Final(expected, &theirs);
-
-        EXPECT_EQ(to_hex(finish(&ctx)), to_hex(expected, sizeof(expected))) << total;
+        EXPECT_EQ(hash.finish(), to_hex(expected, sizeof(expected))) << total;
     }
 }
 
-TEST(Sha2, StartsMakesAnyMemoryAFreshContextAndKeepsThePads)
+TEST(Sha2, StartsMakesANewContextOfAnyMemoryAndKeepsThePads)
 {
-    sha2_context ctx;
-    memset(&ctx, 0xee, sizeof(ctx));
-    sha2_starts(&ctx, 5);
-    EXPECT_EQ(ctx.is224, 5);
-    EXPECT_EQ(ctx.ipad[0], 0xee);
-    EXPECT_EQ(ctx.opad[63], 0xee);
-    update(&ctx, "abc");
-    EXPECT_EQ(to_hex(finish(&ctx)), to_hex(one_shot("abc", true)));
+    Hash hash(true);
+    memset(&hash.ctx, 0xee, sizeof(hash.ctx));
+    sha2_starts(&hash.ctx, 5);
+    EXPECT_EQ(hash.ctx.is224, 5);
+    EXPECT_EQ(hash.ctx.ipad[0], 0xee);
+    EXPECT_EQ(hash.ctx.opad[63], 0xee);
+    hash.update("abc");
+    EXPECT_EQ(hash.finish(), hash.expected("abc"));
 }
 
-TEST(Sha2, AnEmptyUpdateDoesNothingWhateverItsPointer)
+TEST(Sha2, WholeBlocksAreHashedInPlaceAndOnlyTheRestIsCopied)
 {
-    sha2_context ctx, before;
-    sha2_starts(&ctx, 0);
-    update(&ctx, "abc");
-    before = ctx;
-    sha2_update(&ctx, nullptr, 0);
-    sha2_update(&ctx, reinterpret_cast<const uint8_t *>(1), 0);
-    EXPECT_EQ(memcmp(&ctx, &before, sizeof(ctx)), 0);
+    Hash hash(false);
+    memset(hash.ctx.buffer, 0xee, sizeof(hash.ctx.buffer));
+    const std::string a(64, 'a'), b(128, 'b'), c(66, 'c');
+    hash.update(a);
+    hash.update(b);
+    EXPECT_EQ(to_hex(hash.ctx.buffer, 64), to_hex(std::string(64, '\xee')));
+    hash.update(c);
+    EXPECT_EQ(to_hex(hash.ctx.buffer, 64), to_hex("cc" + std::string(62, '\xee')));
+    EXPECT_EQ(hash.finish(), hash.expected(a + b + c));
 }
 
-TEST(Sha2, TheShorterDigestLeavesTheLastFourBytesAlone)
+TEST(Sha2, OutputMayBeWhereTheInputIs)
 {
-    uint8_t out[32];
-    memset(out, 0xee, sizeof(out));
-    sha2(kAbc, 3, out, 1);
-    EXPECT_EQ(to_hex(out + 24, 8), "e36c9da7eeeeeeee");
+    std::string message(40, 'm');
+    sha2(u8(message), 40, reinterpret_cast<uint8_t *>(&message[0]), 0);
+    EXPECT_EQ(to_hex(message.substr(0, 32)), Hash(false).expected(std::string(40, 'm')));
+
+    for (size_t length : {40u, 100u}) {
+        const std::string key(length, 'k');
+        for (bool in_the_key : {false, true}) {
+            std::string text(50, 'm'), place = key;
+            std::string &out = in_the_key ? place : text;
+            sha2_hmac(u8(place), size_of(place), u8(text), 50, reinterpret_cast<uint8_t *>(&out[0]),
+                      0);
+            EXPECT_EQ(to_hex(out.substr(0, 32)), Hmac(false, key).expected(std::string(50, 'm')));
+        }
+    }
 }
 
 TEST(Sha2, NullArgumentsAreHarmless)
 {
     uint8_t out[32] = {0xee};
-    sha2_context ctx;
     sha2_starts(nullptr, 0);
     sha2_update(nullptr, kAbc, 3);
     sha2_finish(nullptr, out);
@@ -218,39 +269,71 @@ TEST(Sha2, NullArgumentsAreHarmless)
     sha2(kAbc, 3, nullptr, 0);
     EXPECT_EQ(out[0], 0xee);
 
-    sha2_starts(&ctx, 0);
-    update(&ctx, "abc");
-    sha2_update(&ctx, nullptr, 3);
-    sha2_finish(&ctx, nullptr);
-    EXPECT_EQ(to_hex(finish(&ctx)), to_hex(one_shot("abc", false)));
+    Hash hash(false);
+    hash.update("abc");
+    const sha2_context before = hash.ctx;
+    sha2_update(&hash.ctx, nullptr, 3);
+    sha2_update(&hash.ctx, nullptr, 0);
+    sha2_update(&hash.ctx, reinterpret_cast<const uint8_t *>(1), 0);
+    sha2_finish(&hash.ctx, nullptr);
+    EXPECT_EQ(memcmp(&hash.ctx, &before, sizeof(before)), 0);
+    sha2(nullptr, 0, out, 0); // no bytes need no pointer
+    EXPECT_EQ(to_hex(out, sizeof(out)), hash.expected(""));
 }
 
-TEST(Sha2, NoBytesNeedNoPointer)
+TEST(Hmac, KeyLongerThanABlockIsReplacedByItsDigest)
 {
-    uint8_t out[32];
-    sha2(nullptr, 0, out, 0);
-    EXPECT_EQ(to_hex(out, sizeof(out)), to_hex(reference::digest(EVP_sha256(), "")));
+    RandomBytes random(12);
+    for (bool is224 : {false, true}) {
+        const std::string key = random.bytes(65);
+        const std::string digest = reference::digest(reference::sha2(is224), key);
+        EXPECT_EQ(Hmac(is224, key).whole("message"), Hmac(is224, digest).whole("message"));
+    }
+    const std::string block = random.bytes(64);
+    EXPECT_NE(Hmac(false, block).whole("message"),
+              Hmac(false, reference::digest(EVP_sha256(), block)).whole("message"));
 }
 
-TEST(Sha2, WholeBlocksAreHashedWhereTheyLieAndOnlyTheRestIsCopied)
+TEST(Hmac, ResetBeginsAnotherMessageUnderTheSameKey)
 {
-    sha2_context ctx;
-    memset(&ctx, 0xee, sizeof(ctx));
-    sha2_starts(&ctx, 0);
-    update(&ctx, std::string(64, 'a'));
-    update(&ctx, std::string(128, 'b'));
-    EXPECT_EQ(to_hex(ctx.buffer, 64), to_hex(std::string(64, '\xee')));
-    update(&ctx, std::string(66, 'c'));
-    EXPECT_EQ(to_hex(ctx.buffer, 64), to_hex("cc" + std::string(62, '\xee')));
-    EXPECT_EQ(to_hex(finish(&ctx)),
-              to_hex(one_shot(std::string(64, 'a') + std::string(128, 'b') + std::string(66, 'c'),
-                              false)));
+    for (bool is224 : {false, true}) {
+        Hmac hmac(is224, is224 ? "key" : std::string(100, 'k'));
+        for (const char *message : {"first", "second", ""}) {
+            hmac.update(message);
+            EXPECT_EQ(hmac.finish(), hmac.expected(message));
+            sha2_hmac_reset(&hmac.ctx);
+            hmac.update("dropped half way");
+            sha2_hmac_reset(&hmac.ctx);
+        }
+    }
 }
 
-TEST(Sha2, OutputMayBeThePlaceOfTheInput)
+TEST(Hmac, ContextKeepsThePaddedKey)
 {
-    std::string message(40, 'm');
-    const std::string expected = reference::digest(EVP_sha256(), message);
-    sha2(u8(message), 40, reinterpret_cast<uint8_t *>(&message[0]), 0);
-    EXPECT_EQ(to_hex(message.substr(0, 32)), to_hex(expected));
+    const sha2_context ctx = Hmac(false, "Jefe").ctx;
+    EXPECT_EQ(ctx.ipad[0], 'J' ^ 0x36);
+    EXPECT_EQ(ctx.ipad[4], 0x36);
+    EXPECT_EQ(ctx.ipad[63], 0x36);
+    EXPECT_EQ(ctx.opad[3], 'e' ^ 0x5c);
+    EXPECT_EQ(ctx.opad[63], 0x5c);
+    EXPECT_EQ(ctx.total[0], 64u);
+}
+
+TEST(Hmac, NullArgumentsAreHarmless)
+{
+    uint8_t out[32] = {0xee};
+    sha2_context ctx = {};
+    sha2_hmac_starts(nullptr, kAbc, 3, 0);
+    sha2_hmac_starts(&ctx, nullptr, 1, 0);
+    sha2_hmac_update(nullptr, kAbc, 3);
+    sha2_hmac_finish(nullptr, out);
+    sha2_hmac_finish(&ctx, nullptr);
+    sha2_hmac_reset(nullptr);
+    sha2_hmac(nullptr, 1, kAbc, 3, out, 0);
+    sha2_hmac(kAbc, 3, nullptr, 1, out, 0);
+    sha2_hmac(kAbc, 3, kAbc, 3, nullptr, 0);
+    EXPECT_EQ(out[0], 0xee);
+
+    sha2_hmac(nullptr, 0, nullptr, 0, out, 0);
+    EXPECT_EQ(to_hex(out, sizeof(out)), Hmac(false, "").expected(""));
 }

@@ -2,6 +2,8 @@
 #ifndef BV_TESTS_CRYPTO_VECTORS_H
 #define BV_TESTS_CRYPTO_VECTORS_H
 
+#include "support/hex.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -27,31 +29,6 @@ inline std::vector<Row> read_rows(const std::string &file)
         rows.push_back(row);
     }
     return rows;
-}
-
-inline std::string from_hex(const std::string &digits)
-{
-    std::string bytes;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-    return bytes;
-}
-
-inline std::string to_hex(const void *data, size_t length)
-{
-    static const char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < length; i++) {
-        const auto byte = static_cast<const uint8_t *>(data)[i];
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
-    return text;
-}
-
-inline std::string to_hex(const std::string &bytes)
-{
-    return to_hex(bytes.data(), bytes.size());
 }
 
 // A column of bytes: text:CHARACTERS, hex:DIGITS or repeat:COUNT:DIGITS.

@@ -1,27 +1,21 @@
+// Start, templates, restore, commits, triggers and dumps.
+
 #include "db/database.h"
 
 #include "support/capture.h"
+#include "support/process.h"
 
-#include <bv/hash.h>
-
+#include <memory>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
-using Numbers = std::vector<int>;
-
-constexpr char kStored[] = "{\n\t\"NAME\":[\n\t\t{\n\t\t\t\"inst\":\"INST\",\n\t\t\t\"para\":{\n"
-                           "\t\t\t\t\"id\":\"VALUE\"\n\t\t\t}\n\t\t}\n\t]\n}\n";
-
 // The data file of one family of one parameter with one instance.
-std::string stored(const std::string &name, int number, int value)
+std::string data_file(const std::string &name, int number, int value)
 {
-    std::string out = kStored;
-    out.replace(out.find("NAME"), 4, name);
-    out.replace(out.find("INST"), 4, std::to_string(number));
-    out.replace(out.find("VALUE"), 5, std::to_string(value));
-    return out;
+    return "{\n\t\"" + name + "\":[\n\t\t{\n\t\t\t\"inst\":\"" + std::to_string(number) +
+           "\",\n\t\t\t\"para\":{\n\t\t\t\t\"id\":\"" + std::to_string(value) +
+           "\"\n\t\t\t}\n\t\t}\n\t]\n}\n";
 }
 
 // One family in each list: "u", "p" and "f", an unsigned number with defaults 1, 2 and 3.
@@ -40,9 +34,9 @@ protected:
 
     static void put_data_files()
     {
-        put_file(kUserFile, stored("u", 1, 10));
-        put_file(kPrivateFile, stored("p", 1, 20));
-        put_file(kFactoryFile, stored("f", 1, 30));
+        write_file(kUserFile, data_file("u", 1, 10));
+        write_file(kPrivateFile, data_file("p", 1, 20));
+        write_file(kFactoryFile, data_file("f", 1, 30));
     }
 
     static uint32_t value(const char *name, uint32_t number = 1)
@@ -58,38 +52,27 @@ protected:
 
     static int trigger(uint32_t command) { return bv_db_trigger(&command); }
 
-    static bool exists(const char *path) { return access(path, F_OK) == 0; }
+    // Instance 1 of the families u, p and f, and how many instances they have in all.
+    static void expect_values(uint32_t u, uint32_t p, uint32_t f, int instances)
+    {
+        EXPECT_EQ(value("u"), u);
+        EXPECT_EQ(value("p"), p);
+        EXPECT_EQ(value("f"), f);
+        EXPECT_EQ(bv_db_inst_getnum("u") + bv_db_inst_getnum("p") + bv_db_inst_getnum("f"),
+                  instances);
+    }
 };
 
-TEST_F(DbControl, StartLoadsTheThreeDataFiles)
+TEST_F(DbControl, StartLoadsTheThreeDataFilesAndADamagedOneCostsItsOwnFamiliesOnly)
 {
+    EXPECT_EQ(bv_db_start(), 0);
+    expect_values(1, 2, 3, 0);
     put_data_files();
     EXPECT_EQ(bv_db_start(), 0);
-    EXPECT_EQ(value("u"), 10u);
-    EXPECT_EQ(value("p"), 20u);
-    EXPECT_EQ(value("f"), 30u);
-    EXPECT_EQ(bv_db_inst_getnum("u"), 1);
-}
-
-TEST_F(DbControl, StartWithoutDataFilesGivesDefaultsAndNoInstances)
-{
+    expect_values(10, 20, 30, 3);
+    write_file(kUserFile, data_file("u", 1, 10).substr(0, 40));
     EXPECT_EQ(bv_db_start(), 0);
-    for (const char *name : {"u", "p", "f"})
-        EXPECT_EQ(bv_db_inst_getnum(name), 0) << name;
-    EXPECT_EQ(value("u"), 1u);
-    EXPECT_EQ(value("p"), 2u);
-    EXPECT_EQ(value("f"), 3u);
-}
-
-TEST_F(DbControl, ADamagedDataFileCostsOnlyItsOwnFamilies)
-{
-    put_data_files();
-    put_file(kUserFile, stored("u", 1, 10).substr(0, 40));
-    EXPECT_EQ(bv_db_start(), 0);
-    EXPECT_EQ(value("u"), 1u);
-    EXPECT_EQ(bv_db_inst_getnum("u"), 0);
-    EXPECT_EQ(value("p"), 20u);
-    EXPECT_EQ(value("f"), 30u);
+    expect_values(1, 20, 30, 2);
 }
 
 TEST_F(DbControl, StartDropsWhatWasInMemory)
@@ -102,69 +85,57 @@ TEST_F(DbControl, StartDropsWhatWasInMemory)
     bv_db_hash_add("stray");
 
     EXPECT_EQ(bv_db_start(), 0);
-    EXPECT_EQ(value("u"), 10u);
-    EXPECT_EQ(bv_db_inst_getnum("u"), 1);
+    expect_values(10, 20, 30, 3);
     EXPECT_EQ(bv_db_hash_find("stray"), nullptr);
 }
 
 TEST_F(DbControl, CommitsAreSkippedUntilReady)
 {
     bv_db_start();
-    put_file(kUserFile, "as it was");
+    write_file(kUserFile, "as it was");
     EXPECT_EQ(bv_db_commit(), 0);
     EXPECT_EQ(bv_db_private(), 0);
-    EXPECT_EQ(file_text(kUserFile), "as it was");
-    EXPECT_FALSE(exists(kPrivateFile));
+    EXPECT_EQ(read_file(kUserFile), "as it was");
+    EXPECT_FALSE(file_exists(kPrivateFile));
 
     bv_db_ready();
     EXPECT_EQ(bv_db_commit(), 0);
     EXPECT_EQ(bv_db_private(), 0);
-    EXPECT_EQ(file_text(kUserFile), stored("u", 1, 1));
-    EXPECT_EQ(file_text(kPrivateFile), stored("p", 1, 2));
-    EXPECT_FALSE(exists(kFactoryFile));
+    EXPECT_EQ(read_file(kUserFile), data_file("u", 1, 1));
+    EXPECT_EQ(read_file(kPrivateFile), data_file("p", 1, 2));
+    EXPECT_FALSE(file_exists(kFactoryFile));
 }
 
-TEST_F(DbControl, TheReadyFlagIsSetForGood)
+TEST_F(DbControl, ReadyStaysSetAndOnly1CountsAsReady)
 {
     EXPECT_EQ(bv_db_status(), 0);
-    EXPECT_EQ(bv_db_ready(), BV_OK);
-    EXPECT_EQ(bv_db_status(), 1);
-    EXPECT_EQ(bv_db_ready(), BV_OK);
-    EXPECT_EQ(bv_db_status(), 1);
-}
-
-TEST_F(DbControl, OnlyAReadyFlagOf1CountsAsReady)
-{
+    for (int time = 0; time < 2; ++time) {
+        EXPECT_EQ(bv_db_ready(), BV_OK);
+        EXPECT_EQ(bv_db_status(), 1);
+    }
     bv_db_start();
     g_st_db_mng.ready = 2;
     EXPECT_EQ(bv_db_commit(), 0);
     EXPECT_EQ(bv_db_private(), 0);
-    EXPECT_FALSE(exists(kUserFile));
-    EXPECT_FALSE(exists(kPrivateFile));
+    EXPECT_FALSE(file_exists(kUserFile));
+    EXPECT_FALSE(file_exists(kPrivateFile));
+    EXPECT_EQ(bv_db_factory(), 0) << "needs no ready flag";
+    EXPECT_EQ(read_file(kFactoryFile), data_file("f", 1, 3));
 }
 
-TEST_F(DbControl, FactoryWritesAreNotGated)
-{
-    bv_db_start();
-    EXPECT_EQ(bv_db_factory(), 0);
-    EXPECT_EQ(file_text(kFactoryFile), stored("f", 1, 3));
-}
-
-TEST_F(DbControl, TheWriteStatusIsReturned)
+TEST_F(DbControl, WriteStatusIsReturned)
 {
     bv_db_start();
     bv_db_ready();
     for (const char *path : {kUserFile, kPrivateFile, kFactoryFile})
         ASSERT_EQ(mkdir(path, 0755), 0);
-    EXPECT_EQ(bv_db_commit(), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(bv_db_private(), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(bv_db_factory(), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(trigger(1), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(trigger(2), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(trigger(3), BV_ERR_WRITE_OPEN);
+    for (auto write : {bv_db_commit, bv_db_private, bv_db_factory})
+        EXPECT_EQ(write(), BV_ERR_WRITE_OPEN);
+    for (uint32_t command : {1, 2, 3})
+        EXPECT_EQ(trigger(command), BV_ERR_WRITE_OPEN) << command;
 }
 
-TEST_F(DbControl, WhatIsCommittedIsThereAfterTheNextStart)
+TEST_F(DbControl, CommittedInstancesAreBackAfterTheNextStart)
 {
     bv_db_start();
     bv_db_ready();
@@ -182,18 +153,14 @@ TEST_F(DbControl, WhatIsCommittedIsThereAfterTheNextStart)
     EXPECT_EQ(numbers(bv_db_hash_find("u")), (Numbers{1, 9}));
 }
 
-TEST_F(DbControl, TemplateGivesDefaultsAndTouchesNoFile)
+TEST_F(DbControl, TemplatesGiveDefaultsAndTouchNoFile)
 {
     put_data_files();
     bv_db_start();
     EXPECT_EQ(bv_db_template(), 0);
-    for (const char *name : {"u", "p", "f"})
-        EXPECT_EQ(bv_db_inst_getnum(name), 0) << name;
-    EXPECT_EQ(value("u"), 1u);
-    EXPECT_EQ(value("p"), 2u);
-    EXPECT_EQ(value("f"), 3u);
-    EXPECT_EQ(file_text(kUserFile), stored("u", 1, 10));
-    EXPECT_EQ(file_text(kFactoryFile), stored("f", 1, 30));
+    expect_values(1, 2, 3, 0);
+    EXPECT_EQ(read_file(kUserFile), data_file("u", 1, 10));
+    EXPECT_EQ(read_file(kFactoryFile), data_file("f", 1, 30));
 }
 
 TEST_F(DbControl, RestoreKeepsTheFactoryFileAndResetsTheRest)
@@ -204,20 +171,16 @@ TEST_F(DbControl, RestoreKeepsTheFactoryFileAndResetsTheRest)
     set("u", 11);
     set("f", 31);
     EXPECT_EQ(bv_db_restore(), 0);
-    EXPECT_EQ(value("u"), 1u);
-    EXPECT_EQ(value("p"), 2u);
-    EXPECT_EQ(value("f"), 30u);
-    EXPECT_EQ(bv_db_inst_getnum("u"), 0);
-    EXPECT_EQ(bv_db_inst_getnum("f"), 1);
-    EXPECT_EQ(file_text(kUserFile), stored("u", 1, 10)) << "untouched until the next commit";
+    expect_values(1, 2, 30, 1);
+    EXPECT_EQ(read_file(kUserFile), data_file("u", 1, 10)) << "untouched until the next commit";
 
     EXPECT_EQ(bv_db_commit(), 0);
     EXPECT_EQ(bv_db_private(), 0);
-    EXPECT_EQ(file_text(kUserFile), stored("u", 1, 1));
-    EXPECT_EQ(file_text(kPrivateFile), stored("p", 1, 2));
+    EXPECT_EQ(read_file(kUserFile), data_file("u", 1, 1));
+    EXPECT_EQ(read_file(kPrivateFile), data_file("p", 1, 2));
 }
 
-TEST_F(DbControl, AFamilyInSeveralListsFollowsTheReadingOrder)
+TEST_F(DbControl, FamilyInSeveralListsFollowsTheReadingOrder)
 {
     // In all three: read with the factory file, then overwritten by the user's and the private
     // file's instances of the same number.
@@ -225,9 +188,9 @@ TEST_F(DbControl, AFamilyInSeveralListsFollowsTheReadingOrder)
     bv_db_reg_private("x");
     bv_db_reg_factory("x");
     install("x", std::vector<Parameter>{{"id", "uint", 4, "4"}});
-    put_file(kFactoryFile, stored("x", 1, 100));
-    put_file(kUserFile, stored("x", 2, 200));
-    put_file(kPrivateFile, stored("x", 1, 300));
+    write_file(kFactoryFile, data_file("x", 1, 100));
+    write_file(kUserFile, data_file("x", 2, 200));
+    write_file(kPrivateFile, data_file("x", 1, 300));
     EXPECT_EQ(bv_db_start(), 0);
     EXPECT_EQ(numbers(bv_db_hash_find("x")), (Numbers{1, 2}));
     EXPECT_EQ(value("x", 1), 300u);
@@ -257,19 +220,19 @@ TEST_F(DbControl, TriggersCallTheirFunctions)
     EXPECT_EQ(value("u"), 1u);
 
     EXPECT_EQ(trigger(1), 0);
-    EXPECT_EQ(file_text(kUserFile), stored("u", 1, 10)) << "not ready yet";
+    EXPECT_EQ(read_file(kUserFile), data_file("u", 1, 10)) << "not ready yet";
     bv_db_ready();
     EXPECT_EQ(trigger(1), 0);
-    EXPECT_EQ(file_text(kUserFile), stored("u", 1, 1)) << "1 commits";
-    EXPECT_EQ(file_text(kPrivateFile), stored("p", 1, 20));
+    EXPECT_EQ(read_file(kUserFile), data_file("u", 1, 1)) << "1 commits";
+    EXPECT_EQ(read_file(kPrivateFile), data_file("p", 1, 20));
     EXPECT_EQ(trigger(2), 0);
-    EXPECT_EQ(file_text(kPrivateFile), stored("p", 1, 2)) << "2 commits the private families";
+    EXPECT_EQ(read_file(kPrivateFile), data_file("p", 1, 2)) << "2 commits the private families";
     set("f", 33);
     EXPECT_EQ(trigger(3), 0);
-    EXPECT_EQ(file_text(kFactoryFile), stored("f", 1, 33)) << "3 writes the factory families";
+    EXPECT_EQ(read_file(kFactoryFile), data_file("f", 1, 33)) << "3 writes the factory families";
 }
 
-TEST_F(DbControl, OtherTriggersDoNothing)
+TEST_F(DbControl, OtherTriggersDoAndPrintNothing)
 {
     put_data_files();
     bv_db_start();
@@ -281,10 +244,10 @@ TEST_F(DbControl, OtherTriggersDoNothing)
     EXPECT_EQ(bv_db_trigger(nullptr), 0);
     EXPECT_EQ(out.stop(), "");
     EXPECT_EQ(value("u"), 11u);
-    EXPECT_EQ(file_text(kUserFile), stored("u", 1, 10));
+    EXPECT_EQ(read_file(kUserFile), data_file("u", 1, 10));
 }
 
-TEST_F(DbControl, TheCommandWordNeedNotBeAligned)
+TEST_F(DbControl, CommandWordNeedNotBeAligned)
 {
     put_data_files();
     uint8_t message[5] = {};
@@ -295,16 +258,17 @@ TEST_F(DbControl, TheCommandWordNeedNotBeAligned)
 }
 
 // A service's standard output may be the console of the device.
-TEST_F(DbControl, NothingIsPrintedAboutWhatIsMissingWrongOrRefused)
+TEST_F(DbControl, ErrorsPrintNothingAndLeaveNoDescriptorOpen)
 {
     bv_db_reg_user("missing");
     bv_db_reg_user("wrong");
     install("wrong", std::string("{\"para\":7}"));
-    put_file(kUserFile, "garbage");
+    write_file(kUserFile, "garbage");
     ASSERT_EQ(mkdir(kFactoryFile, 0755), 0);
     uint32_t value = 0;
+    const std::vector<int> open = open_descriptors();
 
-    CaptureStdout out;
+    auto out = std::make_unique<CaptureStdout>();
     EXPECT_EQ(bv_db_start(), 0);
     EXPECT_EQ(bv_db_reg_user("u"), BV_ERR_EXISTS);
     EXPECT_EQ(bv_db_hash_add("u"), nullptr);
@@ -312,20 +276,9 @@ TEST_F(DbControl, NothingIsPrintedAboutWhatIsMissingWrongOrRefused)
     EXPECT_EQ(bv_db_read("u", &value, sizeof value, 2), BV_ERR_NO_INSTANCE);
     EXPECT_EQ(bv_db_read("u", &value, 1, 1), BV_OK);
     EXPECT_EQ(bv_db_factory(), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(out.stop(), "");
-}
-
-TEST_F(DbControl, AStartLeavesNoDescriptorOpen)
-{
-    put_data_files();
-    put_file(kUserFile, "garbage");
-    bv_db_reg_user("missing");
-    int before = dup(0);
-    close(before);
-    EXPECT_EQ(bv_db_start(), 0);
-    int after = dup(0);
-    close(after);
-    EXPECT_EQ(before, after);
+    EXPECT_EQ(out->stop(), "");
+    out = nullptr;
+    EXPECT_EQ(open_descriptors(), open);
 }
 
 std::string dump_of(uint32_t command)
@@ -344,7 +297,7 @@ std::string line(const void *address, const std::string &words)
     return out + words;
 }
 
-TEST_F(DbControl, DumpsShowTheFamiliesOfTheirListOnly)
+TEST_F(DbControl, DumpShowsTheFamiliesOfItsListOnly)
 {
     bv_db_start();
     EXPECT_EQ(dump_of(7), "\nname=f cnt=1 memsize=4 instnum=0 instance=0");
@@ -354,19 +307,16 @@ TEST_F(DbControl, DumpsShowTheFamiliesOfTheirListOnly)
 
 TEST_F(DbControl, DumpShowsARecordThatAServicePutIntoTheTable)
 {
-    uint8_t key[1024] = "own";
     bv_db_family record = {};
     memset(record.name, 'n', sizeof record.name);
     memset(record.getfunc, 'g', sizeof record.getfunc);
-    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    insert_record("own", record);
     bv_db_reg_user("own");
-    CaptureStdout out;
-    EXPECT_EQ(trigger(8), 0);
-    EXPECT_EQ(out.stop(),
+    EXPECT_EQ(dump_of(8),
               "\nname=" + std::string(1023, 'n') + " cnt=0 memsize=0 instnum=0 instance=0");
 }
 
-TEST_F(DbControl, DumpsShowEveryInstancesImageInListOrder)
+TEST_F(DbControl, DumpShowsEveryInstancesImageInListOrder)
 {
     bv_db_reg_user("unread");
     bv_db_reg_user("wide");

@@ -1,53 +1,48 @@
 #include "db/database.h"
 
+#include <bv/hash.h>
+
 #include <cstddef>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
 const std::vector<Parameter> kLan = {{"ipaddr", "ip", 4, "192.168.1.1"},
                                      {"mtu", "ushort", 2, "1500"},
                                      {"hostname", "string", 32, "gw"}};
 
+static std::vector<std::string> g_inserted; // keys of a service's own records
+
+std::string listed(const std::vector<std::string> &texts)
+{
+    std::string out;
+    for (const std::string &text : texts)
+        out += (out.empty() ? "" : ",") + text;
+    return out;
+}
+
+std::string stored(int number, const std::string &members)
+{
+    return "{\"inst\":" + std::to_string(number) + ",\"para\":{" + members + "}}";
+}
+
 std::string template_text(const std::vector<Parameter> &parameters)
 {
-    std::ostringstream out;
-    out << "{\"getfunc\":\"get\",\"setfunc\":\"set\",\"para\":[";
-    const char *separator = "";
-    for (const Parameter &p : parameters) {
-        out << separator << "{\"name\":\"" << p.name << "\",\"type\":\"" << p.type
-            << "\",\"len\":" << p.len << ",\"value\":\"" << p.value << "\"}";
-        separator = ",";
-    }
-    out << "]}";
-    return out.str();
-}
-
-void put_file(const std::string &path, const std::string &text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.close();
-    ASSERT_TRUE(out.good()) << path;
-}
-
-std::string file_text(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    EXPECT_TRUE(in.good()) << path;
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    std::vector<std::string> elements;
+    for (const Parameter &p : parameters)
+        elements.push_back("{\"name\":\"" + p.name + "\",\"type\":\"" + p.type + "\",\"len\":" +
+                           std::to_string(p.len) + ",\"value\":\"" + p.value + "\"}");
+    return "{\"getfunc\":\"get\",\"setfunc\":\"set\",\"para\":[" + listed(elements) + "]}";
 }
 
 std::string golden(const std::string &name)
 {
-    return file_text(std::string(BV_TEST_SOURCE_DIR) + "/db/golden/" + name);
+    std::string text = read_file(std::string(BV_TEST_SOURCE_DIR) + "/db/golden/" + name);
+    EXPECT_NE(text, "") << name;
+    return text;
 }
 
 void install(const std::string &name, const std::string &text)
 {
-    put_file("/etc/template/" + name, text);
+    write_file("/etc/template/" + name, text);
 }
 
 void install(const std::string &name, const std::vector<Parameter> &parameters)
@@ -91,7 +86,7 @@ Bytes image_of(const bv_db_family *family, int number)
 
 namespace {
 
-// The record around a link of a list.
+// The record that has this link.
 template <typename Record>
 const Record *record(const bv_list_head *link)
 {
@@ -100,9 +95,9 @@ const Record *record(const bv_list_head *link)
 }
 
 template <typename Record>
-std::vector<std::string> names_of(const bv_list_head &list)
+Names names_of(const bv_list_head &list)
 {
-    std::vector<std::string> out;
+    Names out;
     for (const bv_list_head *link = list.next; link != &list; link = link->next)
         out.push_back(record<Record>(link)->name);
     return out;
@@ -110,30 +105,35 @@ std::vector<std::string> names_of(const bv_list_head &list)
 
 } // namespace
 
-std::vector<int> numbers(const bv_db_family *family)
+Numbers numbers(const bv_db_family *family)
 {
     const bv_list_head &list = family->inst_list;
-    std::vector<int> out;
+    Numbers out;
     for (const bv_list_head *link = list.next; link != &list; link = link->next)
         out.push_back(record<bv_db_inst>(link)->number);
     return out;
 }
 
-std::vector<std::string> names(const bv_list_head &list)
+Names names(const bv_list_head &list)
 {
     return names_of<bv_db_reg>(list);
 }
 
-std::vector<std::string> families()
+Names families()
 {
     return names_of<bv_db_family>(g_st_db_mng.family_list);
 }
 
-void give_back_instances()
+void free_instances()
 {
     const bv_list_head &list = g_st_db_mng.family_list;
     for (const bv_list_head *link = list.next; link != &list; link = link->next)
         bv_db_data_free(const_cast<bv_db_family *>(record<bv_db_family>(link)));
+    for (const std::string &key : g_inserted) {
+        bv_db_data_free(bv_db_hash_find(key.c_str()));
+        bv_hash_remove(g_st_db_mng.table, reinterpret_cast<const uint8_t *>(key.data()));
+    }
+    g_inserted.clear();
 }
 
 void expect_no_parameters(const bv_db_family *family)
@@ -143,4 +143,15 @@ void expect_no_parameters(const bv_db_family *family)
     EXPECT_EQ(family->para, nullptr);
     EXPECT_EQ(family->default_image, nullptr);
     EXPECT_EQ(family->working_image, nullptr);
+}
+
+bv_db_family *insert_record(const char *name, const bv_db_family &record)
+{
+    std::string key = name;
+    key.resize(1024);
+    EXPECT_EQ(
+        bv_hash_insert(g_st_db_mng.table, reinterpret_cast<const uint8_t *>(key.data()), &record),
+        0);
+    g_inserted.push_back(key);
+    return bv_db_hash_find(name);
 }

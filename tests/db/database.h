@@ -1,6 +1,8 @@
-// What the tests of the configuration database share: templates, files, images, a fresh database.
+// What the tests of the configuration database share: templates, files, images, an empty database.
 #ifndef BV_TESTS_DB_DATABASE_H
 #define BV_TESTS_DB_DATABASE_H
+
+#include "support/files.h"
 
 #include <bv/db.h>
 
@@ -23,11 +25,17 @@ struct Parameter {
 
 using Bytes = std::vector<uint8_t>;
 
+using Numbers = std::vector<int>;
+using Names = std::vector<std::string>;
+
 // A template's text. Nothing is escaped: the texts are put between the quotes as they are.
 std::string template_text(const std::vector<Parameter> &parameters);
 
-void put_file(const std::string &path, const std::string &text);
-std::string file_text(const std::string &path);
+// An element of a data file: {"inst":NUMBER,"para":{MEMBERS}}.
+std::string stored(int number, const std::string &members = "");
+// The texts with commas between them.
+std::string listed(const std::vector<std::string> &texts);
+
 std::string golden(const std::string &name);
 
 // Writes a template under /etc/template.
@@ -43,23 +51,26 @@ void add_instance(bv_db_family *family, int number, const std::vector<std::strin
 Bytes default_image(const bv_db_family *family);
 Bytes image_of(const bv_db_family *family, int number);
 
-// Takes the instances of every family away. A test's tables are lost at the next bv_db_init(), on
-// purpose; its instances are not among what may be.
-void give_back_instances();
+// Frees the instances of every family and removes a service's own records. A test loses its tables
+// at the next bv_db_init(), which is meant; a lost instance is a leak.
+void free_instances();
 
 // The numbers of a family's instances, in list order.
-std::vector<int> numbers(const bv_db_family *family);
+Numbers numbers(const bv_db_family *family);
 
 // The names in a registration list, in order.
-std::vector<std::string> names(const bv_list_head &list);
+Names names(const bv_list_head &list);
 
 // The names of the families, in the order of their creation.
-std::vector<std::string> families();
+Names families();
 
-// That a family is as one whose template cannot be read, apart from function names and instances.
+// A family without a template: no parameters, no images.
 void expect_no_parameters(const bv_db_family *family);
 
-// The bytes of an object, as the machine has them.
+// Puts a record of a service's own into the table. No list has it.
+bv_db_family *insert_record(const char *name, const bv_db_family &record);
+
+// The bytes of an object in the machine's order.
 template <typename T>
 Bytes bytes_of(T object)
 {
@@ -74,7 +85,7 @@ extern const std::vector<Parameter> kLan;
 class Db : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(bv_db_init(), BV_OK); }
-    void TearDown() override { give_back_instances(); }
+    void TearDown() override { free_instances(); }
 };
 
 #endif

@@ -1,24 +1,29 @@
+// Data files as they are written: text, file, and what a full disk leaves.
+
 #include "db/database.h"
+
+#include "support/faults.h"
+#include "support/process.h"
 #include "support/shared.h"
 
 #include <bv/hash.h>
 
 #include <climits>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+// The pieces of text that the library writes, and how many of them went through a descriptor that
+// programs started meanwhile would inherit.
+FaultPoint fault_fwrite;
+int g_inherited;
+BV_INTERPOSE(fwrite, "fwrite", size_t, (const void *from, size_t size, size_t n, FILE *file))
+{
+    g_inherited += fcntl(fileno(file), F_GETFD) != FD_CLOEXEC;
+    return fault_fwrite.fails() ? 0 : BV_NEXT(fwrite)(from, size, n, file);
+}
+
 namespace {
-
-// The nth piece of text from now on that the library writes is refused; 0: none.
-int g_refused_piece;
-
-// How many there were.
-size_t g_pieces;
-
-// How many went through a descriptor that programs started meanwhile would get.
-size_t g_inherited_pieces;
 
 class DbFileWriting : public Db {
 protected:
@@ -27,7 +32,23 @@ protected:
         return bv_db_user_write(&g_st_db_mng.user_list, path);
     }
 
-    // A family whose text is far longer than anything that is buffered.
+    // Writes the user's file and returns its text.
+    static std::string written()
+    {
+        EXPECT_EQ(write(), BV_OK);
+        return read_file(kUserFile);
+    }
+
+    // The family of the golden file lan.json.
+    static bv_db_family *lan_of_two()
+    {
+        bv_db_family *lan = user_family("lan.json", kLan);
+        add_instance(lan, 1, {"10.0.0.1", "9000", "first"});
+        add_instance(lan, -7, {"10.0.0.2", "1400", ""});
+        return lan;
+    }
+
+    // A family whose text is far longer than any buffer.
     static bv_db_family *large_family(int instances)
     {
         bv_db_family *family =
@@ -55,40 +76,27 @@ protected:
     }
 };
 
-mode_t mode_of(const char *path)
+struct stat status_of(const char *path)
 {
     struct stat st = {};
     EXPECT_EQ(stat(path, &st), 0) << path;
-    return st.st_mode & 07777;
+    return st;
 }
 
-ino_t inode_of(const char *path)
+TEST_F(DbFileWriting, EmptyListIsAnEmptyObject)
 {
-    struct stat st = {};
-    EXPECT_EQ(stat(path, &st), 0) << path;
-    return st.st_ino;
-}
-
-TEST_F(DbFileWriting, AnEmptyListIsAnEmptyObject)
-{
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), golden("empty.json"));
-}
-
-TEST_F(DbFileWriting, FamiliesThatWereNeverReadAreLeftOut)
-{
+    EXPECT_EQ(written(), golden("empty.json"));
     bv_db_reg_user("lan.json");
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), golden("empty.json"));
+    EXPECT_EQ(written(), golden("empty.json")) << "families that were never read are left out";
 }
 
-TEST_F(DbFileWriting, InstancesStandInListOrder)
+TEST_F(DbFileWriting, InstancesAreInListOrderInTheFileOfEachList)
 {
-    bv_db_family *lan = user_family("lan.json", kLan);
-    add_instance(lan, 1, {"10.0.0.1", "9000", "first"});
-    add_instance(lan, -7, {"10.0.0.2", "1400", ""});
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), golden("lan.json"));
+    lan_of_two();
+    bv_db_reg_private("lan.json");
+    EXPECT_EQ(written(), golden("lan.json"));
+    EXPECT_EQ(bv_db_user_write(&g_st_db_mng.private_list, kPrivateFile), BV_OK);
+    EXPECT_EQ(read_file(kPrivateFile), golden("lan.json"));
 }
 
 TEST_F(DbFileWriting, EveryTypeHasItsText)
@@ -103,11 +111,10 @@ TEST_F(DbFileWriting, EveryTypeHasItsText)
                                {"hw", "mac", 6, "AA:BB:CC:0:1:2"},
                                {"addr", "ip", 4, "172.16.254.3"},
                                {"other", "blob", 5, "as the template says"}});
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), golden("types.json"));
+    EXPECT_EQ(written(), golden("types.json"));
 }
 
-TEST_F(DbFileWriting, FamiliesStandInRegistrationOrderWhateverTheyHold)
+TEST_F(DbFileWriting, FamiliesAreInRegistrationOrderWhateverTheyHold)
 {
     install("b.json", std::vector<Parameter>{{"id", "uchar", 1, "5"}});
     install("broken.json", R"({"para":[{"name":"x"},{}]})");
@@ -117,8 +124,6 @@ TEST_F(DbFileWriting, FamiliesStandInRegistrationOrderWhateverTheyHold)
          {"b.json", "missing.json", "broken.json", "bare", "never", "sizeless.json"})
         bv_db_reg_user(name);
     bv_db_template_read(&g_st_db_mng.user_list);
-    bv_list_head *families = &g_st_db_mng.family_list;
-    ASSERT_NE(families->next, families);
     EXPECT_EQ(bv_db_inst_add("bare", nullptr, 0, 4), BV_OK);
 
     // A registered name without a family is passed over: this one is taken away again.
@@ -128,8 +133,7 @@ TEST_F(DbFileWriting, FamiliesStandInRegistrationOrderWhateverTheyHold)
     uint8_t key[1024] = "never";
     bv_hash_remove(g_st_db_mng.table, key);
 
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), golden("families.json"));
+    EXPECT_EQ(written(), golden("families.json"));
 }
 
 TEST_F(DbFileWriting, RegistrationOrderCountsNotTheOrderOfCreation)
@@ -138,17 +142,15 @@ TEST_F(DbFileWriting, RegistrationOrderCountsNotTheOrderOfCreation)
         bv_db_hash_add(name);
     for (const char *name : {"a", "b", "c", "a2", "d"})
         bv_db_reg_user(name);
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), "{\n\t\"a\":[\n\n\t],\n\t\"b\":[\n\n\t],\n"
-                                    "\t\"c\":[\n\n\t],\n\t\"d\":[\n\n\t]\n}\n");
+    EXPECT_EQ(written(), "{\n\t\"a\":[\n\n\t],\n\t\"b\":[\n\n\t],\n"
+                         "\t\"c\":[\n\n\t],\n\t\"d\":[\n\n\t]\n}\n");
 }
 
 TEST_F(DbFileWriting, NothingIsEscaped)
 {
     bv_db_family *notes = user_family("notes.json", {{"note", "string", 64, ""}});
     add_instance(notes, 1, {"say \"hi\" \\ 100% \t\n."});
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), golden("unescaped.json"));
+    EXPECT_EQ(written(), golden("unescaped.json"));
     EXPECT_EQ(bv_db_user_read(&g_st_db_mng.user_list, kUserFile), -1) << "and cannot be read back";
     EXPECT_EQ(image_of(notes, 1)[0], 's') << "memory keeps it";
 }
@@ -156,49 +158,42 @@ TEST_F(DbFileWriting, NothingIsEscaped)
 // Its links are null, and so is its table of descriptors, whatever their count says.
 TEST_F(DbFileWriting, RecordThatAServicePutIntoTheTableIsAFamilyLikeOthers)
 {
-    uint8_t key[1024] = "own.json";
     bv_db_family record = {};
     strcpy(record.name, "own.json");
     record.para_count = 2;
-    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    bv_db_family *own = insert_record("own.json", record);
     bv_db_reg_user("own.json");
     user_family("one", {{"id", "uchar", 1, "1"}});
     user_family("two", {{"id", "uchar", 1, "2"}});
 
-    EXPECT_EQ(write(), BV_OK);
     const std::string empty = "{\n\t\"own.json\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n"
                               "\t\t\t\"para\":{\n\n\t\t\t}\n\t\t}\n\t],\n\t\"one\":[";
-    EXPECT_EQ(file_text(kUserFile).substr(0, empty.size()), empty);
-    EXPECT_NE(file_text(kUserFile).find("\"two\":["), std::string::npos);
+    const std::string text = written();
+    EXPECT_EQ(text.substr(0, empty.size()), empty);
+    EXPECT_NE(text.find("\"two\":["), std::string::npos);
 
-    auto *own = bv_db_hash_find("own.json");
     own->image_size = 4;
-    put_file(kUserFile, R"({"own.json":[{"inst":5,"para":{"id":"1"}}]})");
+    write_file(kUserFile, "{\"own.json\":[" + stored(5, "\"id\":\"1\"") + "]}");
     EXPECT_EQ(bv_db_user_read(&g_st_db_mng.user_list, kUserFile), BV_OK);
-    EXPECT_EQ(numbers(own), (std::vector<int>{5}));
+    EXPECT_EQ(numbers(own), (Numbers{5}));
     EXPECT_EQ(image_of(own, 5), Bytes(4));
-    bv_db_data_free(own);
-    bv_hash_remove(g_st_db_mng.table, key);
 }
 
 TEST_F(DbFileWriting, UnlinkedRecordHasNoInstancesForAnyCall)
 {
-    uint8_t key[1024] = "own.json", image[4] = {1, 2, 3, 4};
+    uint8_t image[4] = {1, 2, 3, 4};
     int32_t number = 0;
+    bv_db_family records[4] = {};
+    EXPECT_EQ(bv_db_data_get_inst(&records[0], 1), nullptr);
+    EXPECT_EQ(bv_db_data_get_inst_first(&records[1], &number), nullptr);
+    EXPECT_EQ(bv_db_data_get_inst_max(&records[2]), 1);
+    EXPECT_EQ(bv_db_data_free(&records[3]), BV_OK);
+
     bv_db_family record = {};
     record.image_size = 4;
-    EXPECT_EQ(bv_db_data_get_inst(&record, 1), nullptr);
-    bv_db_family others[3] = {};
-    EXPECT_EQ(bv_db_data_get_inst_first(&others[0], &number), nullptr);
-    EXPECT_EQ(bv_db_data_get_inst_max(&others[1]), 1);
-    EXPECT_EQ(bv_db_data_free(&others[2]), BV_OK);
-
-    record = {};
-    record.image_size = 4;
-    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    bv_db_family *own = insert_record("own.json", record);
     EXPECT_EQ(bv_db_inst_add("own.json", image, 4, 7), BV_OK);
-    EXPECT_EQ(image_of(bv_db_hash_find("own.json"), 7), Bytes(image, image + 4));
-    bv_db_data_free(bv_db_hash_find("own.json"));
+    EXPECT_EQ(image_of(own, 7), Bytes(image, image + 4));
 }
 
 TEST_F(DbFileWriting, FieldsThatAServiceFilledToTheEndAreTerminated)
@@ -207,140 +202,100 @@ TEST_F(DbFileWriting, FieldsThatAServiceFilledToTheEndAreTerminated)
     memset(family->name, 'f', sizeof family->name);
     memset(family->para->name, 'n', sizeof family->para->name);
     memset(family->para->value, 'v', sizeof family->para->value);
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(file_text(kUserFile),
-              "{\n\t\"" + std::string(1023, 'f') + "\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n" +
-                  "\t\t\t\"para\":{\n\t\t\t\t\"" + std::string(1023, 'n') + "\":\"" +
-                  std::string(1023, 'v') + "\"\n\t\t\t}\n\t\t}\n\t]\n}\n");
+    EXPECT_EQ(written(), "{\n\t\"" + std::string(1023, 'f') +
+                             "\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n" +
+                             "\t\t\t\"para\":{\n\t\t\t\t\"" + std::string(1023, 'n') + "\":\"" +
+                             std::string(1023, 'v') + "\"\n\t\t\t}\n\t\t}\n\t]\n}\n");
 }
 
-TEST_F(DbFileWriting, AFamilyInTwoListsIsWrittenToBothFiles)
+TEST_F(DbFileWriting, DefaultsAreWrittenWithoutAddingAnInstance)
 {
     bv_db_family *lan = user_family("lan.json", kLan);
-    add_instance(lan, 1, {"10.0.0.1", "9000", "first"});
-    add_instance(lan, -7, {"10.0.0.2", "1400", ""});
-    bv_db_reg_private("lan.json");
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(bv_db_user_write(&g_st_db_mng.private_list, kPrivateFile), BV_OK);
-    EXPECT_EQ(file_text(kUserFile), golden("lan.json"));
-    EXPECT_EQ(file_text(kPrivateFile), golden("lan.json"));
-}
-
-TEST_F(DbFileWriting, WritingMakesNoInstance)
-{
-    bv_db_family *lan = user_family("lan.json", kLan);
-    EXPECT_EQ(write(), BV_OK);
+    lan->para_count = 1;
+    EXPECT_NE(written().find("\"ipaddr\":\"192.168.1.1\"\n"), std::string::npos)
+        << "descriptors beyond their count are ignored";
     EXPECT_EQ(bv_db_inst_getnum("lan.json"), 0);
     EXPECT_EQ(lan->inst_max, 0);
 }
 
-TEST_F(DbFileWriting, DescriptorsHoldTheLastInstanceWrittenAfterwards)
+TEST_F(DbFileWriting, DescriptorsHoldTheLastInstanceAfterwards)
 {
-    bv_db_family *lan = user_family("lan.json", kLan);
-    add_instance(lan, 1, {"10.0.0.1", "9000", "first"});
-    add_instance(lan, 2, {"10.0.0.2", "1400", "last"});
+    bv_db_family *lan = lan_of_two();
     strcpy(lan->para[2].value, "scratch");
-    EXPECT_EQ(write(), BV_OK);
+    written();
     EXPECT_STREQ(lan->para[0].value, "10.0.0.2");
     EXPECT_STREQ(lan->para[1].value, "1400");
-    EXPECT_STREQ(lan->para[2].value, "last");
+    EXPECT_STREQ(lan->para[2].value, "");
 }
 
-TEST_F(DbFileWriting, WhatLiesBehindTheDescriptorsIsNone)
-{
-    user_family("lan.json", kLan)->para_count = 1;
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_NE(file_text(kUserFile).find("\"ipaddr\":\"192.168.1.1\"\n"), std::string::npos);
-}
-
-TEST_F(DbFileWriting, ANewFileIsForItsOwnerOnly)
+TEST_F(DbFileWriting, NewFileIsForItsOwnerOnly)
 {
     umask(0);
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(mode_of(kUserFile), 0600u);
+    written();
+    EXPECT_EQ(status_of(kUserFile).st_mode & 07777, 0600u);
 }
 
-TEST_F(DbFileWriting, AnExistingFileIsRewrittenInPlace)
+TEST_F(DbFileWriting, ExistingFileIsRewrittenInPlace)
 {
-    put_file(kUserFile, std::string(5000, 'x'));
+    write_file(kUserFile, std::string(5000, 'x'));
     chmod(kUserFile, 0644);
-    ino_t inode = inode_of(kUserFile);
+    const struct stat before = status_of(kUserFile);
     ASSERT_EQ(link(kUserFile, "/config/work/second-name"), 0);
-
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(inode_of(kUserFile), inode);
-    EXPECT_EQ(mode_of(kUserFile), 0644u);
-    EXPECT_EQ(file_text("/config/work/second-name"), golden("empty.json"));
+    written();
+    EXPECT_EQ(status_of(kUserFile).st_ino, before.st_ino);
+    EXPECT_EQ(status_of(kUserFile).st_mode, before.st_mode);
+    EXPECT_EQ(read_file("/config/work/second-name"), golden("empty.json"));
 }
 
-TEST_F(DbFileWriting, AFileThatCannotBeOpenedHasItsCode)
+TEST_F(DbFileWriting, FileThatCannotBeOpenedHasItsCode)
 {
-    EXPECT_EQ(write("/config/nowhere/data.json"), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(write("/config/work"), BV_ERR_WRITE_OPEN) << "a folder";
-    EXPECT_EQ(write(""), BV_ERR_WRITE_OPEN);
-    EXPECT_EQ(write(nullptr), BV_ERR_WRITE_OPEN);
+    const std::vector<int> open = open_descriptors();
+    for (const char *path :
+         {"/config/nowhere/data.json", "/config/work", "", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(write(path), BV_ERR_WRITE_OPEN);
     EXPECT_EQ(bv_db_user_write(nullptr, kUserFile), BV_ERR_WRITE_OPEN);
-    EXPECT_NE(access(kUserFile, F_OK), 0);
-}
-
-TEST_F(DbFileWriting, LeavesNoDescriptorOpen)
-{
-    int before = dup(0);
-    close(before);
-    write();
-    write("/config/nowhere/data.json");
-    int after = dup(0);
-    close(after);
-    EXPECT_EQ(before, after);
+    EXPECT_FALSE(file_exists(kUserFile));
+    EXPECT_EQ(open_descriptors(), open);
 }
 
 // A service that runs in the background may have closed its standard input.
-TEST_F(DbFileWriting, LeavesDescriptor0ClosedToo)
+TEST_F(DbFileWriting, LeavesDescriptor0Closed)
 {
-    int saved = dup(0);
-    close(0);
-    write();
-    EXPECT_EQ(fcntl(0, F_GETFD), -1);
-    dup2(saved, 0);
-    close(saved);
+    WithoutStdin closed;
+    written();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
 }
 
-TEST_F(DbFileWriting, ProgramsStartedMeanwhileDoNotGetTheFile)
+TEST_F(DbFileWriting, ProgramsStartedMeanwhileDoNotInheritTheFile)
 {
-    g_inherited_pieces = 0;
-    g_pieces = 0;
+    fault_fwrite.pass();
+    g_inherited = 0;
     EXPECT_EQ(write(), BV_OK);
-    EXPECT_GT(g_pieces, 0u);
-    EXPECT_EQ(g_inherited_pieces, 0u);
+    EXPECT_GT(fault_fwrite.calls(), 0);
+    EXPECT_EQ(g_inherited, 0);
 }
 
-TEST_F(DbFileWriting, TheLongestNumberIsWrittenWhole)
+TEST_F(DbFileWriting, LongestNumberIsWrittenWhole)
 {
     bv_db_family *lan = user_family("lan.json", kLan);
     ASSERT_EQ(bv_db_data_add_inst(lan, nullptr, 0, INT_MIN), BV_OK);
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_NE(file_text(kUserFile).find("\"inst\":\"-2147483648\",\n"), std::string::npos);
+    EXPECT_NE(written().find("\"inst\":\"-2147483648\",\n"), std::string::npos);
 }
 
-TEST_F(DbFileWriting, LongTextsArriveWhole)
+// A call for every line, let alone for every character, would be most of a commit.
+TEST_F(DbFileWriting, LongTextIsWrittenInLargePieces)
 {
     large_family(800);
+    fault_fwrite.pass();
     EXPECT_EQ(write(), BV_OK);
-    std::string text = file_text(kUserFile);
+    const int pieces = fault_fwrite.calls();
+    const std::string text = read_file(kUserFile);
     EXPECT_GT(text.size(), 300000u);
     EXPECT_TRUE(text == large_text(800));
+    EXPECT_LE(static_cast<size_t>(pieces), text.size() / 4096);
 }
 
-// A call for every line, let alone for every character, is most of a commit.
-TEST_F(DbFileWriting, TheTextLeavesInLargePieces)
-{
-    large_family(800);
-    g_pieces = 0;
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_LE(g_pieces, file_text(kUserFile).size() / 4096);
-}
-
-TEST_F(DbFileWriting, AFullDiskKeepsMemoryAndTheNextCommitRepairsTheFile)
+TEST_F(DbFileWriting, FullDiskKeepsMemoryAndTheNextCommitRepairsTheFile)
 {
     bv_db_family *family = large_family(800);
     Bytes before = image_of(family, 799);
@@ -358,51 +313,31 @@ TEST_F(DbFileWriting, AFullDiskKeepsMemoryAndTheNextCommitRepairsTheFile)
     close(fd);
     end_shared_files_after(100000);
 
-    EXPECT_EQ(write(), BV_OK);
-    std::string part = file_text(kUserFile);
+    std::string part = written();
     EXPECT_GT(part.size(), 50000u);
     EXPECT_LT(part.size(), 110000u);
     EXPECT_TRUE(part == whole.substr(0, part.size())) << "the file is what fitted";
     EXPECT_EQ(image_of(family, 799), before);
-    EXPECT_EQ(bv_db_inst_getnum("large.json"), 800);
     EXPECT_EQ(bv_db_user_read(&g_st_db_mng.user_list, kUserFile), -1);
     EXPECT_EQ(bv_db_inst_getnum("large.json"), 800);
 
     unlink("/config/work/filler");
     end_shared_files_after(8 << 20);
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_TRUE(file_text(kUserFile) == whole);
+    EXPECT_TRUE(written() == whole);
 }
 
-TEST_F(DbFileWriting, NothingIsWrittenBehindAPieceThatTheDiskRefused)
+TEST_F(DbFileWriting, NothingFollowsAPieceThatTheDiskRefused)
 {
     large_family(800);
-    g_refused_piece = 2;
-    EXPECT_EQ(write(), BV_OK);
-    EXPECT_EQ(g_refused_piece, 0);
-    std::string part = file_text(kUserFile), whole = large_text(800);
+    fault_fwrite.fail_next(2);
+    std::string part = written(), whole = large_text(800);
+    EXPECT_GE(fault_fwrite.calls(), 2);
     EXPECT_GT(part.size(), 0u);
     EXPECT_LT(part.size(), whole.size());
     EXPECT_TRUE(part == whole.substr(0, part.size())) << "there must be no hole in the text";
-}
 
-TEST_F(DbFileWriting, ADeviceThatRefusesEverythingIsNotReported)
-{
-    large_family(200);
-    EXPECT_EQ(write("/dev/full"), BV_OK);
-    EXPECT_EQ(bv_db_inst_getnum("large.json"), 200);
+    EXPECT_EQ(write("/dev/full"), BV_OK) << "a device that refuses everything is not reported";
+    EXPECT_EQ(bv_db_inst_getnum("large.json"), 800);
 }
 
 } // namespace
-
-extern "C" size_t fwrite(const void *data, size_t size, size_t n, FILE *stream)
-{
-    ++g_pieces;
-    if (fcntl(fileno(stream), F_GETFD) != FD_CLOEXEC)
-        ++g_inherited_pieces;
-    if (g_refused_piece != 0 && --g_refused_piece == 0)
-        return 0;
-    auto real = reinterpret_cast<size_t (*)(const void *, size_t, size_t, FILE *)>(
-        dlsym(RTLD_NEXT, "fwrite"));
-    return real(data, size, n, stream);
-}

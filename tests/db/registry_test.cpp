@@ -1,3 +1,5 @@
+// The table of families and the three lists of registered names.
+
 #include "db/database.h"
 
 #include "support/dirty_heap.h"
@@ -9,8 +11,6 @@
 namespace {
 
 class DbRegistry : public Db {};
-
-using Names = std::vector<std::string>;
 
 bool is_empty(const bv_list_head &list)
 {
@@ -53,7 +53,7 @@ TEST_F(DbRegistry, InitLeavesEmptyListsAndAnEmptyTable)
     EXPECT_EQ(g_st_db_mng.table->currnum, 0u);
 }
 
-TEST_F(DbRegistry, ASecondInitStartsAfresh)
+TEST_F(DbRegistry, SecondInitStartsEmpty)
 {
     bv_db_reg_user("lan");
     bv_db_hash_add("lan");
@@ -68,28 +68,19 @@ TEST_F(DbRegistry, ASecondInitStartsAfresh)
     EXPECT_EQ(bv_db_hash_find("lan"), nullptr);
 }
 
-TEST_F(DbRegistry, EachListKeepsItsNamesInOrder)
-{
-    EXPECT_EQ(bv_db_reg_user("lan"), BV_OK);
-    EXPECT_EQ(bv_db_reg_user("dhcp"), BV_OK);
-    EXPECT_EQ(bv_db_reg_private("keys"), BV_OK);
-    EXPECT_EQ(bv_db_reg_factory("board"), BV_OK);
-    EXPECT_EQ(bv_db_reg_user("acl"), BV_OK);
-    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"lan", "dhcp", "acl"}));
-    EXPECT_EQ(names(g_st_db_mng.private_list), (Names{"keys"}));
-    EXPECT_EQ(names(g_st_db_mng.factory_list), (Names{"board"}));
-}
-
-TEST_F(DbRegistry, ANameIsRefusedTwiceInOneListOnly)
+TEST_F(DbRegistry, EachListHasItsNamesInOrderAndEachOnce)
 {
     for (auto reg : {bv_db_reg_user, bv_db_reg_private, bv_db_reg_factory}) {
-        EXPECT_EQ(reg("a"), BV_OK);
-        EXPECT_EQ(reg("a"), BV_ERR_EXISTS);
-        EXPECT_EQ(reg("A"), BV_OK) << "names are compared exactly";
+        EXPECT_EQ(reg("lan"), BV_OK);
+        EXPECT_EQ(reg("dhcp"), BV_OK);
+        EXPECT_EQ(reg("lan"), BV_ERR_EXISTS);
+        EXPECT_EQ(reg("LAN"), BV_OK) << "names are compared exactly";
     }
-    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"a", "A"}));
-    EXPECT_EQ(names(g_st_db_mng.private_list), (Names{"a", "A"}));
-    EXPECT_EQ(names(g_st_db_mng.factory_list), (Names{"a", "A"}));
+    EXPECT_EQ(bv_db_reg_private("keys"), BV_OK);
+    EXPECT_EQ(bv_db_reg_factory("board"), BV_OK);
+    EXPECT_EQ(names(g_st_db_mng.user_list), (Names{"lan", "dhcp", "LAN"}));
+    EXPECT_EQ(names(g_st_db_mng.private_list), (Names{"lan", "dhcp", "LAN", "keys"}));
+    EXPECT_EQ(names(g_st_db_mng.factory_list), (Names{"lan", "dhcp", "LAN", "board"}));
 }
 
 TEST_F(DbRegistry, NamesAreCopied)
@@ -102,7 +93,7 @@ TEST_F(DbRegistry, NamesAreCopied)
     EXPECT_NE(bv_db_hash_find("lan"), nullptr);
 }
 
-TEST_F(DbRegistry, ARegistrationIsZeroBehindItsName)
+TEST_F(DbRegistry, RegistrationIsZeroAfterItsName)
 {
     dirty_heap();
     for (const std::string &name : {std::string("lan"), std::string(1024, 'n')}) {
@@ -114,19 +105,14 @@ TEST_F(DbRegistry, ARegistrationIsZeroBehindItsName)
     }
 }
 
-TEST_F(DbRegistry, ANullNameIsRefused)
+TEST_F(DbRegistry, NullNameIsRefusedAndIsNotTheEmptyOne)
 {
-    EXPECT_EQ(bv_db_reg_user(nullptr), -1);
-    EXPECT_EQ(bv_db_reg_private(nullptr), -1);
-    EXPECT_EQ(bv_db_reg_factory(nullptr), -1);
+    for (auto reg : {bv_db_reg_user, bv_db_reg_private, bv_db_reg_factory})
+        EXPECT_EQ(reg(nullptr), -1);
     EXPECT_EQ(bv_db_hash_find(nullptr), nullptr);
     EXPECT_EQ(bv_db_hash_add(nullptr), nullptr);
     EXPECT_TRUE(is_empty(g_st_db_mng.user_list));
     EXPECT_TRUE(is_empty(g_st_db_mng.family_list));
-}
-
-TEST_F(DbRegistry, ANullNameIsNotTheEmptyOne)
-{
     ASSERT_NE(bv_db_hash_add(""), nullptr);
     EXPECT_EQ(bv_db_hash_find(nullptr), nullptr);
 }
@@ -163,7 +149,7 @@ TEST_F(DbRegistry, AllLongerNamesAreTheEmptyName)
     EXPECT_EQ(bv_db_hash_find(longer.c_str()), nullptr);
 }
 
-TEST_F(DbRegistry, AddMakesAnEmptyFamilyAtTheEndOfTheList)
+TEST_F(DbRegistry, AddPutsAnEmptyFamilyAtTheEndOfTheList)
 {
     bv_db_family *lan = bv_db_hash_add("lan");
     bv_db_family *wan = bv_db_hash_add("wan");
@@ -172,37 +158,24 @@ TEST_F(DbRegistry, AddMakesAnEmptyFamilyAtTheEndOfTheList)
     EXPECT_EQ(families(), (Names{"lan", "wan"}));
     EXPECT_EQ(bv_db_hash_find("lan"), lan);
     EXPECT_EQ(bv_db_hash_find("wan"), wan);
+    const uint8_t key[1024] = "lan";
+    EXPECT_EQ(bv_hash_find(g_st_db_mng.table, key), lan) << "the name and zeros";
 
+    expect_no_parameters(lan);
     EXPECT_EQ(lan->inst_count, 0);
     EXPECT_EQ(lan->inst_max, 0);
-    EXPECT_EQ(lan->image_size, 0);
-    EXPECT_EQ(lan->para_count, 0);
     EXPECT_STREQ(lan->getfunc, "");
     EXPECT_STREQ(lan->setfunc, "");
     EXPECT_TRUE(is_empty(lan->inst_list));
-    EXPECT_EQ(lan->para, nullptr);
-    EXPECT_EQ(lan->default_image, nullptr);
-    EXPECT_EQ(lan->working_image, nullptr);
-}
 
-TEST_F(DbRegistry, AFamilyIsInTheTableUnderItsNameAndZeros)
-{
-    bv_db_family *lan = bv_db_hash_add("lan");
-    const uint8_t key[1024] = "lan";
-    EXPECT_EQ(bv_hash_find(g_st_db_mng.table, key), lan);
-}
-
-TEST_F(DbRegistry, AddOfAnExistingNameLeavesItAlone)
-{
-    bv_db_family *lan = bv_db_hash_add("lan");
     lan->inst_max = 7;
     EXPECT_EQ(bv_db_hash_add("lan"), nullptr);
     EXPECT_EQ(bv_db_hash_find("lan"), lan);
-    EXPECT_EQ(lan->inst_max, 7);
-    EXPECT_EQ(families(), (Names{"lan"}));
+    EXPECT_EQ(lan->inst_max, 7) << "one that exists is left alone";
+    EXPECT_EQ(families(), (Names{"lan", "wan"}));
 }
 
-TEST_F(DbRegistry, The2049thFamilyIsRefused)
+TEST_F(DbRegistry, TableTakes2048FamiliesAndNoMore)
 {
     for (int i = 0; i < 2048; ++i)
         ASSERT_NE(bv_db_hash_add(("family" + std::to_string(i)).c_str()), nullptr) << i;
@@ -214,7 +187,7 @@ TEST_F(DbRegistry, The2049thFamilyIsRefused)
     EXPECT_EQ(g_st_db_mng.table->currnum, 0u);
 }
 
-TEST_F(DbRegistry, FreeDropsFamiliesAndKeepsRegistrationsAndTheReadyFlag)
+TEST_F(DbRegistry, FreeDropsFamiliesAndKeepsRegistrationsAndReady)
 {
     bv_db_family *lan = user_family("lan.json", kLan);
     add_instance(lan, 1, {"10.0.0.1", "9000", "a"});
@@ -234,33 +207,30 @@ TEST_F(DbRegistry, FreeDropsFamiliesAndKeepsRegistrationsAndTheReadyFlag)
     EXPECT_EQ(bv_db_hash_free(), BV_OK) << "of an empty database";
 }
 
-TEST_F(DbRegistry, FreeLeavesWhatAServiceKeepsInTheTableBesideTheFamilies)
+TEST_F(DbRegistry, FreeLeavesAServicesOwnRecordInTheTable)
 {
-    uint8_t key[1024] = "a service's own";
     bv_db_family record = {};
     record.para_count = 7;
-    ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, &record), 0);
+    const bv_db_family *own = insert_record("a service's own", record);
     bv_db_hash_add("wan");
 
     EXPECT_EQ(bv_db_hash_free(), BV_OK);
     EXPECT_EQ(g_st_db_mng.table->currnum, 1u);
-    auto *kept = static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, key));
-    ASSERT_NE(kept, nullptr);
-    EXPECT_EQ(kept->para_count, 7);
-    bv_hash_remove(g_st_db_mng.table, key);
+    EXPECT_EQ(bv_db_hash_find("a service's own"), own);
+    EXPECT_EQ(own->para_count, 7);
 }
 
-TEST_F(DbRegistry, FreeOfAFamilyThatAServiceRenamedSparesTheOneOfThatName)
+TEST_F(DbRegistry, FreeLeavesARenamedFamilyInTheTableButInNoList)
 {
     strcpy(bv_db_hash_add("a")->name, "b");
     bv_db_hash_add("b");
     EXPECT_EQ(bv_db_hash_free(), BV_OK);
-    EXPECT_EQ(families(), std::vector<std::string>{});
+    EXPECT_EQ(families(), Names{});
     EXPECT_EQ(bv_db_hash_find("b"), nullptr);
     EXPECT_EQ(bv_db_hash_find("a")->link.next, nullptr) << "left in the table, in no list";
 }
 
-TEST_F(DbRegistry, ADefaultImageOutlivesItsFamily)
+TEST_F(DbRegistry, DefaultImageOutlivesItsFamily)
 {
     bv_db_family *lan = user_family("lan.json", kLan);
     const uint8_t *image = lan->default_image;

@@ -1,9 +1,12 @@
+// The start of all facilities in one call, its failures and its repetition.
+
 #include <bv/db.h>
 #include <bv/debug.h>
 #include <bv/notifier.h>
 #include <bv/os.h>
 
 #include "support/capture.h"
+#include "support/child.h"
 #include "support/libc.h"
 #include "support/process.h"
 
@@ -11,10 +14,8 @@
 
 #include <atomic>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
-
 
 namespace {
 
@@ -48,10 +49,9 @@ int32_t start_without_database_table()
 
 } // namespace
 
-extern "C" int note_thread(pthread_t *thread, const pthread_attr_t *attr, void *(*start)(void *),
-                           void *argument) __asm__("pthread_create");
-int note_thread(pthread_t *thread, const pthread_attr_t *attr, void *(*start)(void *),
-                void *argument)
+BV_INTERPOSE(pthread_create, "pthread_create", int,
+             (pthread_t * thread, const pthread_attr_t *attr, void *(*start)(void *),
+              void *argument))
 {
     static bool first = true;
     if (first) {
@@ -59,40 +59,33 @@ int note_thread(pthread_t *thread, const pthread_attr_t *attr, void *(*start)(vo
         g_database_was_up = g_st_db_mng.table != nullptr;
     }
     first = false;
-    return next_function<int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)>(
-        "pthread_create")(thread, attr, start, argument);
+    return BV_NEXT(pthread_create)(thread, attr, start, argument);
 }
 
-TEST(StartUp, BringsUpEveryFacility)
+TEST(StartUp, BringsUpEveryFacilityAndPrintsNothing)
 {
+    CaptureStdout output;
     EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_EQ(output.stop(), "");
     EXPECT_EQ(bv_debug_get_switch(3, 5), 0); // the switch table is there
     EXPECT_NE(g_st_db_mng.table, nullptr);   // and the database's
     EXPECT_EQ(bv_db_reg_user("family"), BV_OK);
     EXPECT_TRUE(notifier_runs());
     EXPECT_EQ(bv_time_tick_init(), 0);
-}
-
-// Events may call back as soon as the notifier's threads run, and callbacks use the database.
-TEST(StartUp, TheNotifierStartsBehindDebuggingAndTheDatabase)
-{
-    EXPECT_EQ(bv_libraries_init(), 0);
-    EXPECT_TRUE(g_debug_was_up);
+    // Events may call back as soon as the notifier's threads run, and callbacks use the database.
+    EXPECT_TRUE(g_debug_was_up) << "before the first thread";
     EXPECT_TRUE(g_database_was_up);
 }
 
-TEST(StartUp, PrintsNothing)
-{
-    CaptureStdout output;
-    bv_libraries_init();
-    EXPECT_EQ(output.stop(), "");
-}
-
-TEST(StartUp, TheFailureOfOneIsTheResultAndStopsNoneOfTheOthers)
+TEST(StartUp, FailureOfOneIsTheResultDoesNotStopTheOthersAndMayBeRepeated)
 {
     EXPECT_EQ(start_without_database_table(), BV_ERR_MEMORY);
     EXPECT_EQ(bv_debug_get_switch(3, 5), 0);
     EXPECT_EQ(g_st_db_mng.table, nullptr);
+    EXPECT_TRUE(notifier_runs());
+
+    EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_NE(g_st_db_mng.table, nullptr);
     EXPECT_TRUE(notifier_runs());
 }
 
@@ -109,15 +102,7 @@ TEST(StartUp, DebuggingComesFirstAndCannotFail)
     EXPECT_EQ(quiet.stop(), "malloc fail\n");
     EXPECT_TRUE(refused);
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(bv_debug_get_switch(3, 5), 1); // everything is said rather than nothing
-    EXPECT_NE(g_st_db_mng.table, nullptr);
-    EXPECT_TRUE(notifier_runs());
-}
-
-TEST(StartUp, CanBeRepeatedAfterAFailure)
-{
-    EXPECT_EQ(start_without_database_table(), BV_ERR_MEMORY);
-    EXPECT_EQ(bv_libraries_init(), 0);
+    EXPECT_EQ(bv_debug_get_switch(3, 5), 1); // everything is sent rather than nothing
     EXPECT_NE(g_st_db_mng.table, nullptr);
     EXPECT_TRUE(notifier_runs());
 }
@@ -131,7 +116,7 @@ TEST(StartUp, WithoutAnySocketsItStillSucceeds)
     EXPECT_TRUE(notifier_runs());
 }
 
-TEST(StartUp, TwiceStartsDebuggingAndTheDatabaseAfresh)
+TEST(StartUp, SecondStartEmptiesDebuggingAndTheDatabaseAndKeepsTheThreads)
 {
     ASSERT_EQ(bv_libraries_init(), 0);
     bv_debug_set_switch(4, 2, 1);
@@ -145,7 +130,7 @@ TEST(StartUp, TwiceStartsDebuggingAndTheDatabaseAfresh)
     EXPECT_TRUE(notifier_runs());
 }
 
-TEST(StartUp, TwiceKeepsRegistrations)
+TEST(StartUp, SecondStartKeepsRegistrations)
 {
     ASSERT_EQ(bv_libraries_init(), 0);
     bv_notifier_reg(7, count_event);
@@ -154,21 +139,17 @@ TEST(StartUp, TwiceKeepsRegistrations)
     EXPECT_TRUE(eventually([] { return g_delivered == 1; }));
 }
 
-// What a service prints must not go to a socket, nor come from one.
-TEST(StartUp, WithoutStandardStreamsTheirPlacesStayFree)
+// What a service prints must not go to a socket, nor may its input come from one.
+TEST(StartUp, WithoutStandardStreamsTheirNumbersStayFree)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        for (int fd = 0; fd < 3; fd++)
-            close(fd);
-        bv_libraries_init();
-        int taken = 0;
-        for (int fd = 0; fd < 3; fd++)
-            taken += fcntl(fd, F_GETFD) != -1;
-        _exit(taken);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(run_in_child([] {
+                  for (int fd = 0; fd < 3; fd++)
+                      close(fd);
+                  bv_libraries_init();
+                  int taken = 0;
+                  for (int fd = 0; fd < 3; fd++)
+                      taken += fcntl(fd, F_GETFD) != -1;
+                  return taken;
+              }),
+              0);
 }

@@ -1,7 +1,8 @@
 // The gateway's devices as the tests see them: five flash partitions and the driver node.
 //
-// On a workstation devices_fake.cpp stands in for the kernel: ordinary files below /dev whose
-// ioctls it answers at the libc boundary. On a gateway the same tests run on the real devices.
+// On a workstation devices_fake.cpp replaces the kernel: the devices are ordinary files in /dev,
+// and it answers their ioctls at the libc boundary. On a gateway the same tests run on the real
+// devices.
 #ifndef TESTS_DEV_DEVICES_H
 #define TESTS_DEV_DEVICES_H
 
@@ -30,24 +31,24 @@ void flash_fill(const std::string &name, uint8_t value);
 // Counts since flash_attach().
 unsigned erase_requests();
 unsigned system_calls_on_flash(); // reads and writes on the devices
-// The flags of every opening of a flash device, in order.
-const std::vector<int> &open_flags();
 
 // From now on: the next `count` erase requests fail; reading or writing stops `bytes` into the
-// transfer; asking for the geometry fails; seeking fails; closing, of the driver's node too, is
-// reported as failed; the partition's or the erase size is reported as `size`.
+// transfer; the erase size is reported as `size`.
 void fail_erases(unsigned count);
 void stop_transfers_after(uint64_t bytes);
-void fail_geometry();
-void fail_seeks();
-void fail_closes();
-void report_size(uint32_t size);
 void report_erase_size(uint32_t size);
 
-// Refuses to open any flash device read-only (true) although it opens for writing.
-void refuse_reading(bool refuse);
-// Refuses the n-th opening for writing from now on (1 is the next).
-void refuse_writing_at(unsigned n);
+// What only devices that are made up can be told.
+struct MadeUp {
+    bool geometry_fails = false;
+    bool seeks_fail = false;
+    bool closes_fail = false;        // of the driver's node too
+    bool reading_refused = false;    // although a device opens for writing
+    unsigned writer_refused = 0;     // the nth opening for writing from now on; 1 is the next
+    uint32_t size = 0;               // of every partition; 0: the true one
+    std::vector<int> flags_of_opens; // of flash devices, in order, since flash_attach()
+};
+inline MadeUp settings;
 
 // The driver: "upper" makes the data upper case, "result5" fills it with 0xa5 and answers 5,
 // "reject" fails with EPERM, anything else answers 0xfffffffe. With odd_result the ioctl itself

@@ -1,10 +1,11 @@
 #include "dev/devices.h"
 
+#include "support/faults.h"
+#include "support/files.h"
+
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
@@ -25,58 +26,60 @@ constexpr Partition kPartitions[] = {{"config", 0x80000, false},
                                      {"rootfs", 0x100000, false},
                                      {"rootfs_data", 0x100000, false}};
 
+using devices::settings;
+
 unsigned erases;
 unsigned transfers;
 unsigned erases_to_fail;
 uint64_t transfer_room = UINT64_MAX;
-bool geometry_fails;
-bool seeks_fail;
-bool closes_fail;
-std::vector<int> opened;
-uint32_t reported_size; // 0: the true one
-bool reading_refused;
-unsigned writing_refused_at;
 uint32_t erase_size = devices::kEraseSize;
 bool odd_result;
 devices::DriverCall driver_call;
-
-template <typename Function>
-Function *real(const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
 
 std::string device_of(size_t index)
 {
     return "/dev/mtd" + std::to_string(index);
 }
 
-// The partition behind a descriptor, or -1.
-int partition_of(int fd)
+// The device of a descriptor, "" for other files.
+std::string device_of_descriptor(int fd)
 {
     char path[64] = {};
-    std::string link = "/proc/self/fd/" + std::to_string(fd);
-    if (readlink(link.c_str(), path, sizeof(path) - 1) < 0 || strncmp(path, "/dev/mtd", 8) != 0)
-        return -1;
-    return atoi(path + 8);
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    return readlink(link.c_str(), path, sizeof(path) - 1) > 0 && strncmp(path, "/dev/", 5) == 0
+               ? path
+               : "";
+}
+
+// A partition by its device's path, or -1.
+int partition_of(const std::string &path)
+{
+    return path.rfind("/dev/mtd", 0) == 0 ? atoi(path.c_str() + 8) : -1;
+}
+
+int partition_of(int fd)
+{
+    return partition_of(device_of_descriptor(fd));
 }
 
 bool is_driver(int fd)
 {
-    char path[64] = {};
-    std::string link = "/proc/self/fd/" + std::to_string(fd);
-    return readlink(link.c_str(), path, sizeof(path) - 1) > 0 && strcmp(path, "/dev/brovan") == 0;
+    return device_of_descriptor(fd) == "/dev/brovan";
+}
+
+int fail_with(int error)
+{
+    errno = error;
+    return -1;
 }
 
 int answer_geometry(int partition, mtd_info_user *info)
 {
-    if (geometry_fails) {
-        errno = ENOTTY;
-        return -1;
-    }
+    if (settings.geometry_fails)
+        return fail_with(ENOTTY);
     *info = {};
     info->type = MTD_NORFLASH;
-    info->size = reported_size != 0 ? reported_size : kPartitions[partition].size;
+    info->size = settings.size != 0 ? settings.size : kPartitions[partition].size;
     info->erasesize = erase_size;
     info->writesize = 1;
     return 0;
@@ -87,8 +90,7 @@ int answer_erase(int fd, const erase_info_user *request)
     erases++;
     if (erases_to_fail > 0) {
         erases_to_fail--;
-        errno = EIO;
-        return -1;
+        return fail_with(EIO);
     }
     std::vector<uint8_t> blank(request->length, 0xff);
     return pwrite(fd, blank.data(), blank.size(), request->start) ==
@@ -109,8 +111,7 @@ int answer_driver(int fd, uint8_t *record)
     const char *name = reinterpret_cast<const char *>(record);
     if (strcmp(name, "reject") == 0) {
         memset(record + 264, 0xee, len);
-        errno = EPERM;
-        return -1;
+        return fail_with(EPERM);
     }
     if (strcmp(name, "upper") == 0) {
         for (uint32_t i = 0; i < len; i++)
@@ -134,8 +135,8 @@ ssize_t limited(size_t count)
 }
 
 // What a write leaves on flash: it clears bits, only an erase sets them. Looks through the same
-// descriptor, which is open both ways, with two calls that the library makes none of: they can be
-// left out where its calls are counted.
+// descriptor, which is open both ways, with pread(): the library's calls are counted, and it never
+// uses that one.
 void clear_only(std::vector<uint8_t> &bits, int fd)
 {
     std::vector<uint8_t> there(bits.size());
@@ -148,93 +149,70 @@ void clear_only(std::vector<uint8_t> &bits, int fd)
 
 // ---- the libc calls that the library makes on the devices ----
 
-// The C libraries do not agree on the type of the request, only on its name and its 32 bits here.
-// Where time_t is wider than a long, glibc has it under another name.
+// Where time_t is wider than a long, glibc has another name for it.
 #if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && !defined(__LP64__)
-#define IOCTL "__ioctl_time64"
+#define BV_IOCTL "__ioctl_time64"
 #else
-#define IOCTL "ioctl"
+#define BV_IOCTL "ioctl"
 #endif
-extern "C" int faked_ioctl(int fd, unsigned long request, ...) __asm__(IOCTL);
-extern "C" int faked_ioctl(int fd, unsigned long request, ...)
+BV_INTERPOSE(ioctl, BV_IOCTL, int, (int fd, unsigned long request, void *argument))
 {
-    va_list args;
-    va_start(args, request);
-    void *argument = va_arg(args, void *);
-    va_end(args);
-
-    int partition = partition_of(fd);
+    const int partition = partition_of(fd);
     if (partition >= 0 && request == MEMGETINFO)
         return answer_geometry(partition, static_cast<mtd_info_user *>(argument));
     if (partition >= 0 && request == MEMERASE)
         return answer_erase(fd, static_cast<erase_info_user *>(argument));
     if (request == 0 && is_driver(fd))
         return answer_driver(fd, static_cast<uint8_t *>(argument));
-    return real<int(int, unsigned long, ...)>(IOCTL)(fd, request, argument);
+    return BV_NEXT(ioctl)(fd, request, argument);
 }
 
-extern "C" ssize_t read(int fd, void *buf, size_t count)
+BV_INTERPOSE(read, "read", ssize_t, (int fd, void *buf, size_t count))
 {
     if (partition_of(fd) >= 0) {
         transfers++;
         count = static_cast<size_t>(limited(count));
     }
-    return real<ssize_t(int, void *, size_t)>("read")(fd, buf, count);
+    return BV_NEXT(read)(fd, buf, count);
 }
 
-extern "C" ssize_t write(int fd, const void *buf, size_t count)
+BV_INTERPOSE(write, "write", ssize_t, (int fd, const void *buf, size_t count))
 {
     if (partition_of(fd) < 0)
-        return real<ssize_t(int, const void *, size_t)>("write")(fd, buf, count);
+        return BV_NEXT(write)(fd, buf, count);
     transfers++;
     std::vector<uint8_t> bits(static_cast<size_t>(limited(count)));
     memcpy(bits.data(), buf, bits.size());
     clear_only(bits, fd);
-    return real<ssize_t(int, const void *, size_t)>("write")(fd, bits.data(), bits.size());
+    return BV_NEXT(write)(fd, bits.data(), bits.size());
 }
 
-// Where offsets are wider than a long, these are open64 and lseek64 in some C libraries; the
-// headers redirect the definitions here like every call.
-extern "C" int open(const char *path, int flags, ...)
+BV_INTERPOSE(open, BV_LARGE("open"), int, (const char *path, int flags, mode_t mode))
 {
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
-    va_end(args);
-
-    if (strncmp(path, "/dev/mtd", 8) == 0) {
-        bool writes = (flags & O_ACCMODE) != O_RDONLY;
-        if ((writes && kPartitions[atoi(path + 8)].read_only) || (!writes && reading_refused) ||
-            (writes && writing_refused_at > 0 && --writing_refused_at == 0)) {
-            errno = EACCES;
-            return -1;
-        }
-        opened.push_back(flags);
+    const int partition = partition_of(std::string(path));
+    if (partition >= 0) {
+        const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+        if (writes ? kPartitions[partition].read_only ||
+                         (settings.writer_refused > 0 && --settings.writer_refused == 0)
+                   : settings.reading_refused)
+            return fail_with(EACCES);
+        settings.flags_of_opens.push_back(flags & ~O_LARGEFILE);
     }
-    return real<int(const char *, int, ...)>("open")(path, flags, mode);
+    return BV_NEXT(open)(path, flags, mode);
 }
 
-extern "C" int close(int fd)
+BV_INTERPOSE(close, "close", int, (int fd))
 {
-    bool fails = closes_fail && (partition_of(fd) >= 0 || is_driver(fd));
-    int result = real<int(int)>("close")(fd);
-    if (!fails)
-        return result;
-    errno = EIO;
-    return -1;
+    const bool fails = settings.closes_fail && (partition_of(fd) >= 0 || is_driver(fd));
+    const int result = BV_NEXT(close)(fd);
+    return fails ? fail_with(EIO) : result;
 }
 
-extern "C" off_t lseek(int fd, off_t offset, int whence)
+BV_INTERPOSE(lseek, BV_LARGE("lseek"), off_t, (int fd, off_t offset, int whence))
 {
-    if (seeks_fail && partition_of(fd) >= 0) {
-        errno = ESPIPE;
-        return -1;
-    }
-#if defined(__GLIBC__) && !defined(__LP64__)
-    return real<off_t(int, off_t, int)>("lseek64")(fd, offset, whence);
-#else
-    return real<off_t(int, off_t, int)>("lseek")(fd, offset, whence);
-#endif
+    if (settings.seeks_fail && partition_of(fd) >= 0)
+        return fail_with(ESPIPE);
+    return BV_NEXT(lseek)(fd, offset, whence);
 }
 
 namespace devices {
@@ -255,12 +233,10 @@ void flash_attach()
         flash_fill(kPartitions[i].name, 0xff);
     }
     // The `cat` of the private root reads this where the kernel has no /proc/mtd.
-    FILE *file = fopen("/scratch/proc-mtd", "w");
-    fputs(table.c_str(), file);
-    fclose(file);
+    write_file("/scratch/proc-mtd", table);
     erases = 0;
     transfers = 0;
-    opened.clear();
+    settings.flags_of_opens.clear();
 }
 
 static size_t index_of(const std::string &name)
@@ -273,21 +249,14 @@ static size_t index_of(const std::string &name)
 
 std::vector<uint8_t> flash_contents(const std::string &name)
 {
-    size_t i = index_of(name);
-    std::vector<uint8_t> bytes(kPartitions[i].size);
-    FILE *file = fopen(device_of(i).c_str(), "rb");
-    bytes.resize(fread(bytes.data(), 1, bytes.size(), file));
-    fclose(file);
-    return bytes;
+    const std::string bytes = read_file(device_of(index_of(name)));
+    return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
 void flash_fill(const std::string &name, uint8_t value)
 {
-    size_t i = index_of(name);
-    std::vector<uint8_t> bytes(kPartitions[i].size, value);
-    FILE *file = fopen(device_of(i).c_str(), "wb");
-    fwrite(bytes.data(), 1, bytes.size(), file);
-    fclose(file);
+    const size_t i = index_of(name);
+    write_file(device_of(i), std::string(kPartitions[i].size, static_cast<char>(value)));
 }
 
 unsigned erase_requests()
@@ -298,10 +267,6 @@ unsigned system_calls_on_flash()
 {
     return transfers;
 }
-const std::vector<int> &open_flags()
-{
-    return opened;
-}
 void fail_erases(unsigned count)
 {
     erases_to_fail = count;
@@ -310,39 +275,14 @@ void stop_transfers_after(uint64_t bytes)
 {
     transfer_room = bytes;
 }
-void fail_geometry()
-{
-    geometry_fails = true;
-}
-void fail_seeks()
-{
-    seeks_fail = true;
-}
-void fail_closes()
-{
-    closes_fail = true;
-}
-void report_size(uint32_t size)
-{
-    reported_size = size;
-}
 void report_erase_size(uint32_t size)
 {
     erase_size = size;
 }
-void refuse_reading(bool refuse)
-{
-    reading_refused = refuse;
-}
-void refuse_writing_at(unsigned n)
-{
-    writing_refused_at = n;
-}
 
 void driver_load()
 {
-    FILE *file = fopen("/dev/brovan", "w");
-    fclose(file);
+    write_file("/dev/brovan", "");
 }
 
 void driver_odd_result(bool odd)

@@ -2,6 +2,8 @@
 
 #include <bv/sftp.h>
 
+#include "support/files.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -15,26 +17,15 @@ namespace {
 // The script of these tests records its arguments, one a line, and exits as told.
 void install_script(int status)
 {
-    FILE *file = fopen("/etc/sftp.sh", "w");
-    fprintf(
-        file,
-        "#!/bin/sh\n: > /scratch/arguments\nfor a in \"$@\"; do echo \"$a\" >> /scratch/arguments; "
-        "done\nexit %d\n",
-        status);
-    fclose(file);
+    write_file("/etc/sftp.sh", "#!/bin/sh\n: > /scratch/arguments\nfor a in \"$@\"; do"
+                               " echo \"$a\" >> /scratch/arguments; done\nexit " +
+                                   std::to_string(status) + "\n");
     chmod("/etc/sftp.sh", 0755);
 }
 
 std::string arguments()
 {
-    std::string text;
-    char line[512];
-    FILE *file = fopen("/scratch/arguments", "r");
-    while (file != nullptr && fgets(line, sizeof(line), file) != nullptr)
-        text += line;
-    if (file != nullptr)
-        fclose(file);
-    return text;
+    return read_file("/scratch/arguments");
 }
 
 bv_sftp_info transfer()
@@ -49,7 +40,7 @@ bv_sftp_info transfer()
     return info;
 }
 
-TEST(Sftp, GetNamesTheRemoteFileFirst)
+TEST(Sftp, SourceComesFirst)
 {
     install_script(0);
     bv_sftp_info info = transfer();
@@ -57,36 +48,25 @@ TEST(Sftp, GetNamesTheRemoteFileFirst)
     EXPECT_EQ(
         arguments(),
         "-p\nsecret\n-cmd\nget /srv/there.bin /scratch/here.bin\n-P\n2222\nbackup@192.0.2.7\n");
-}
-
-TEST(Sftp, PutNamesTheLocalFileFirst)
-{
-    install_script(0);
-    bv_sftp_info info = transfer();
     EXPECT_EQ(bv_sftp_put(&info), 0);
     EXPECT_EQ(
         arguments(),
         "-p\nsecret\n-cmd\nput /scratch/here.bin /srv/there.bin\n-P\n2222\nbackup@192.0.2.7\n");
 }
 
-TEST(Sftp, TheScriptsStatusIsPassedThrough)
+TEST(Sftp, StatusOfTheScriptOrTheShellIsReturned)
 {
+    bv_sftp_info info = transfer();
+    EXPECT_EQ(WEXITSTATUS(bv_sftp_get(&info)), 127) << "there is no script";
     install_script(3);
-    bv_sftp_info info = transfer();
-    int status = bv_sftp_get(&info);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 3);
-    status = bv_sftp_put(&info);
-    EXPECT_EQ(WEXITSTATUS(status), 3);
+    for (auto call : {bv_sftp_get, bv_sftp_put}) {
+        const int status = call(&info);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 3);
+    }
 }
 
-TEST(Sftp, AMissingScriptIsTheShellsStatus)
-{
-    bv_sftp_info info = transfer();
-    EXPECT_EQ(WEXITSTATUS(bv_sftp_get(&info)), 127);
-}
-
-TEST(Sftp, APathWithABlankBecomesTwoWordsOfTheCommandInside)
+TEST(Sftp, PathWithABlankBecomesTwoWords)
 {
     install_script(0);
     bv_sftp_info info = transfer();
@@ -95,7 +75,7 @@ TEST(Sftp, APathWithABlankBecomesTwoWordsOfTheCommandInside)
     EXPECT_NE(arguments().find("put /scratch/two words /srv/there.bin\n"), std::string::npos);
 }
 
-TEST(Sftp, APathWithAQuoteBreaksTheQuoting)
+TEST(Sftp, PathWithAQuoteBreaksTheQuoting)
 {
     install_script(0);
     bv_sftp_info info = transfer();
@@ -104,7 +84,7 @@ TEST(Sftp, APathWithAQuoteBreaksTheQuoting)
     EXPECT_EQ(arguments(), "");
 }
 
-TEST(Sftp, ACommandOf255CharactersIsRunALongerOneRunsAsAnEmptyLine)
+TEST(Sftp, CommandOf255CharactersIsRunAndALongerOneIsAnEmptyLine)
 {
     install_script(0);
     bv_sftp_info info = transfer();

@@ -1,11 +1,12 @@
-// The dumps of docs/formats.md against the library: what it writes and sends is what the page
-// shows, and what the page shows it takes.
+// The dumps of docs/formats.md against the library: it writes and sends what the page shows, and
+// takes what the page shows.
 
 #include "docs/page.h"
 
 #include "bus/scripted_bus.h"
 #include "dev/devices.h"
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/files.h"
 
 #include <bv/bv.h>
@@ -13,12 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <dlfcn.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
 #include <semaphore.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 namespace {
 
@@ -30,19 +29,12 @@ int g_driver_fd = -1;
 int g_library_fd = -1;
 Bytes g_registration;
 
-template <typename Function>
-Function *real(const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
-extern "C" int paired_socket(int domain, int type, int protocol) __asm__("socket");
-extern "C" int paired_socket(int domain, int type, int protocol)
+BV_INTERPOSE(socket, "socket", int, (int domain, int type, int protocol))
 {
     if (domain != AF_NETLINK)
-        return real<int(int, int, int)>("socket")(domain, type, protocol);
+        return BV_NEXT(socket)(domain, type, protocol);
     EXPECT_EQ(protocol, 26);
     int ends[2] = {-1, -1};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
@@ -51,30 +43,21 @@ extern "C" int paired_socket(int domain, int type, int protocol)
     return g_library_fd;
 }
 
-extern "C" int bind(int fd, const sockaddr *address, socklen_t length)
+BV_INTERPOSE(bind, "bind", int, (int fd, const sockaddr *address, socklen_t length))
 {
-    return fd == g_library_fd
-               ? 0
-               : real<int(int, const sockaddr *, socklen_t)>("bind")(fd, address, length);
+    return fd == g_library_fd ? 0 : BV_NEXT(bind)(fd, address, length);
 }
 
-extern "C" ssize_t kept_sendmsg(int fd, const msghdr *message, int flags) __asm__("sendmsg");
-extern "C" ssize_t kept_sendmsg(int fd, const msghdr *message, int flags)
+BV_INTERPOSE(sendmsg, "sendmsg", ssize_t, (int fd, const msghdr *message, int flags))
 {
     if (fd != g_library_fd)
-        return real<ssize_t(int, const msghdr *, int)>("sendmsg")(fd, message, flags);
+        return BV_NEXT(sendmsg)(fd, message, flags);
     const uint8_t *bytes = static_cast<const uint8_t *>(message->msg_iov[0].iov_base);
     g_registration.assign(bytes, bytes + message->msg_iov[0].iov_len);
     return static_cast<ssize_t>(g_registration.size());
 }
 
 namespace {
-
-Bytes file_bytes(const std::string &path)
-{
-    std::string text = read_file(path);
-    return Bytes(text.begin(), text.end());
-}
 
 // ---- the configuration database ----
 
@@ -98,21 +81,16 @@ protected:
     }
 };
 
-TEST_F(DatabaseFormats, TheTemplateHasTheImageOfThePage)
+TEST_F(DatabaseFormats, TemplateGivesTheImageAndTheDataFileOfThePage)
 {
     bv_db_start();
     EXPECT_EQ(image(), byte_block("image"));
-}
-
-TEST_F(DatabaseFormats, ACommitWritesTheDataFileOfThePage)
-{
-    bv_db_start();
     bv_db_ready();
     ASSERT_EQ(bv_db_commit(), BV_OK);
     EXPECT_EQ(read_file("/config/work/userdata.json"), text_block("data-file"));
 }
 
-TEST_F(DatabaseFormats, TheDataFileOfThePageHasItsImage)
+TEST_F(DatabaseFormats, DataFileOfThePageGivesItsImage)
 {
     std::string file = text_block("data-file");
     file.replace(file.find("1500"), 4, "1492");
@@ -125,7 +103,7 @@ TEST_F(DatabaseFormats, TheDataFileOfThePageHasItsImage)
 
 // ---- the debug channel ----
 
-TEST(DebugFormat, AMessageIsTheDatagramOfThePage)
+TEST(DebugFormat, MessageIsTheDatagramOfThePage)
 {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in address = {};
@@ -146,7 +124,7 @@ TEST(DebugFormat, AMessageIsTheDatagramOfThePage)
     EXPECT_EQ(datagram, byte_block("debug-datagram"));
 }
 
-// ---- the bus: the object's number is the daemon's choice, so the page's gives way to it ----
+// ---- the bus: the daemon chooses the object's number, which replaces the page's ----
 
 constexpr uint32_t kObjectOfThePage = 0x32763986;
 
@@ -160,7 +138,7 @@ Bytes with_object(Bytes bytes, uint32_t object)
     return bytes;
 }
 
-TEST(BusFormat, ACallerSendsTheRequestOfThePage)
+TEST(BusFormat, CallerSendsTheRequestOfThePage)
 {
     Bytes sent;
     ScriptedBus bus([&](Peer &peer) {
@@ -189,41 +167,29 @@ int register_switch()
     return bv_ubus_server_reg("debug_switch", leave_it);
 }
 
-int connect_to_bus()
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, BusDaemon::kDefaultSocket);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    return fd;
-}
-
-TEST(BusFormat, AnOwnerAnswersTheRequestOfThePageWithItsReply)
+TEST(BusFormat, OwnerAnswersTheRequestOfThePageWithItsReply)
 {
     BusDaemon daemon;
     Service owner([] { return bv_ubus_server_init(nullptr, register_switch); });
     ASSERT_TRUE(wait_for_object("brovan.gateway.server"));
 
-    int fd = connect_to_bus();
-    wire::receive_message(fd); // hello
+    wire::Client caller;
     wire::send_message(
-        fd, {wire::kLookup, 1, 0,
-             wire::attribute(wire::kAttrObjectPath, wire::text("brovan.gateway.server"))});
-    uint32_t object = wire::receive_message(fd).number(wire::kAttrObjectId);
-    wire::receive_message(fd); // status of the look-up
+        caller.fd(), {wire::kLookup, 1, 0,
+                      wire::attribute(wire::kAttrObjectPath, wire::text("brovan.gateway.server"))});
+    uint32_t object = caller.read().number(wire::kAttrObjectId);
+    caller.read(); // status of the look-up
 
     const Bytes expected = with_object(byte_block("bus-reply"), object);
-    ASSERT_TRUE(wire::send_all(fd, with_object(byte_block("bus-request"), object)));
+    ASSERT_TRUE(caller.send(with_object(byte_block("bus-request"), object)));
     Bytes received;
     while (received.size() < expected.size()) {
-        wire::Message message = wire::receive_message(fd);
-        ASSERT_NE(message.type, wire::kNothing);
+        wire::Message message = caller.read();
+        ASSERT_FALSE(message.empty());
         received = wire::join({received, message.bytes()});
     }
     EXPECT_EQ(received, expected);
-    EXPECT_EQ(wire::receive_message(fd, 200).type, wire::kNothing) << "the page has no more";
-    close(fd);
+    EXPECT_TRUE(caller.is_silent(200)) << "the page has no more";
 }
 
 // ---- kernel messages ----
@@ -262,7 +228,7 @@ TEST(KernelFormat, RegistrationAndEventAreThoseOfThePage)
 
 // ---- the driver's record ----
 
-TEST(DriverFormat, ACallHandsTheRecordOfThePageOver)
+TEST(DriverFormat, CallPassesTheRecordOfThePage)
 {
     devices::driver_load();
     char data[] = "abc";
@@ -282,16 +248,13 @@ Bytes encrypted(const std::string &text)
         key[i] = i;
     write_file("/scratch/plain", text);
     bv_aes_file_en("/scratch/plain", "/scratch/encrypted", key);
-    return file_bytes("/scratch/encrypted");
+    const std::string bytes = read_file("/scratch/encrypted");
+    return Bytes(bytes.begin(), bytes.end());
 }
 
-TEST(EncryptedFormat, AFileIsTheOneOfThePage)
+TEST(EncryptedFormat, FilesAreThoseOfThePage)
 {
     EXPECT_EQ(encrypted("hello\n"), byte_block("encrypted-short"));
-}
-
-TEST(EncryptedFormat, AFileOfMoreThanOneMessageIsTheOneOfThePage)
-{
     EXPECT_EQ(encrypted("0123456789abcdef0123456789abcde\nx"), byte_block("encrypted-long"));
 }
 

@@ -8,7 +8,7 @@
 
 namespace {
 
-// One line of a block of bytes: an offset, bytes, and behind four blanks a remark.
+// One line of a block of bytes: an offset, bytes, and a remark after four blanks.
 void append_bytes(std::vector<uint8_t> &bytes, const std::string &line)
 {
     std::istringstream words(line.substr(0, line.find("    ")));

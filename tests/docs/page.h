@@ -1,4 +1,4 @@
-// The pages of docs/ as the tests read them. A block is what stands between ``` lines below a line
+// The pages of docs/ as the tests read them. A block is the text between ``` lines below a line
 // <!-- NAME -->.
 #ifndef BV_TESTS_DOCS_PAGE_H
 #define BV_TESTS_DOCS_PAGE_H
@@ -14,7 +14,7 @@ std::string source_file(const std::string &path);
 std::string text_block(const std::string &name);
 
 // A block of bytes. Each line begins with an offset ("0010:"), which has to be right; then come the
-// bytes, of which "00 * 12" stands for twelve, and behind four blanks a remark.
+// bytes, where "00 * 12" means twelve of them, and a remark after four blanks.
 std::vector<uint8_t> byte_block(const std::string &name);
 
 #endif

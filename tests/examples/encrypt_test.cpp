@@ -2,6 +2,7 @@
 
 #include "support/child.h"
 #include "support/files.h"
+#include "support/hex.h"
 #include "support/shared.h"
 
 #include <gtest/gtest.h>
@@ -43,33 +44,21 @@ protected:
     std::string plain_;
 };
 
-TEST_F(Encrypt, WhatIsSealedOpensAgain)
+TEST_F(Encrypt, SealedFileOpensAgainAndLeavesNoTailOfAnOlderOne)
 {
-    ASSERT_EQ(seal(), 0);
-    EXPECT_EQ(read_file("/scratch/sealed").size(),
-              31 * 48 + 16u); // 31 whole pieces, one of 8 bytes
-    EXPECT_EQ(open().status, 0);
-    EXPECT_EQ(read_file("/scratch/opened"), plain_);
-}
-
-TEST_F(Encrypt, EverySizeOfTheLastPieceOpensAgain)
-{
-    for (size_t size : {1, 15, 16, 31, 32, 33}) {
+    for (size_t size : {1000, 1, 15, 16, 31, 32, 33}) {
         SCOPED_TRACE(size);
-        write_file("/scratch/short", plain_.substr(0, size));
-        ASSERT_EQ(seal("/scratch/short"), 0);
+        const std::string plain = plain_.substr(0, size);
+        write_file("/scratch/plain", plain);
+        write_file("/scratch/sealed", std::string(5000, 'x'));
+        write_file("/scratch/opened", std::string(5000, 'x'));
+        ASSERT_EQ(seal(), 0);
         EXPECT_EQ(open().status, 0);
-        EXPECT_EQ(read_file("/scratch/opened"), plain_.substr(0, size));
+        EXPECT_EQ(read_file("/scratch/opened"), plain);
+        const size_t rest = size % 32; // pieces of 32 bytes become 48, the last one is padded
+        EXPECT_EQ(read_file("/scratch/sealed").size(),
+                  size / 32 * 48 + (rest == 0 ? 0 : rest / 16 * 16 + 16));
     }
-}
-
-TEST_F(Encrypt, AnOlderLongerOutputLeavesNoTail)
-{
-    write_file("/scratch/sealed", std::string(5000, 'x'));
-    write_file("/scratch/opened", std::string(5000, 'x'));
-    ASSERT_EQ(seal(), 0);
-    EXPECT_EQ(open().status, 0);
-    EXPECT_EQ(read_file("/scratch/opened"), plain_);
 }
 
 TEST_F(Encrypt, NoTwoSealedFilesAreTheSame)
@@ -80,7 +69,7 @@ TEST_F(Encrypt, NoTwoSealedFilesAreTheSame)
     EXPECT_NE(read_file("/scratch/sealed").substr(0, 48), first.substr(0, 48));
 }
 
-TEST_F(Encrypt, TheSealIsTheHmacOfWhatIsNeededForOpening)
+TEST_F(Encrypt, SealIsTheHmacOfEverythingNeededForOpening)
 {
     ASSERT_EQ(seal(), 0);
     std::string line = read_file("/scratch/sealed.seal");
@@ -95,51 +84,39 @@ TEST_F(Encrypt, TheSealIsTheHmacOfWhatIsNeededForOpening)
     uint8_t hmac[32];
     HMAC(EVP_sha256(), keys + 16, 32, reinterpret_cast<const uint8_t *>(message.data()),
          message.size(), hmac, nullptr);
-    std::string digits;
-    for (uint8_t byte : hmac) {
-        char pair[3];
-        snprintf(pair, sizeof(pair), "%02x", byte);
-        digits += pair;
-    }
-    EXPECT_EQ(line.substr(38, 64), digits);
+    EXPECT_EQ(line.substr(38, 64), to_hex(hmac, sizeof hmac));
 }
 
-TEST_F(Encrypt, AWrongPasswordIsRefused)
+TEST_F(Encrypt, WrongPasswordIsRefused)
 {
     ASSERT_EQ(seal(), 0);
     expect_refused(open("/scratch/wrong"), kRefusal);
     expect_refused(open("/scratch/none"), "no password");
 }
 
-TEST_F(Encrypt, AChangedFileIsRefused)
+TEST_F(Encrypt, ChangedFileOrSealIsRefused)
 {
+    const std::string sealed = "/scratch/sealed", seal_file = "/scratch/sealed.seal";
     ASSERT_EQ(seal(), 0);
-    std::string sealed = read_file("/scratch/sealed");
-    for (size_t at : {size_t{0}, sealed.size() / 2, sealed.size() - 1}) {
-        SCOPED_TRACE(at);
-        std::string changed = sealed;
-        changed[at] ^= 1;
-        write_file("/scratch/sealed", changed);
-        expect_refused(open(), kRefusal);
-    }
-    write_file("/scratch/sealed", sealed.substr(0, sealed.size() - 16));
-    expect_refused(open(), kRefusal);
-}
-
-TEST_F(Encrypt, AChangedSealIsRefused)
-{
-    ASSERT_EQ(seal(), 0);
-    std::string line = read_file("/scratch/sealed.seal");
-    for (size_t at : {0, 34, 38, 101}) { // salt, size, both ends of the HMAC
-        SCOPED_TRACE(at);
-        std::string changed = line;
+    const size_t size = read_file(sealed).size();
+    // Both ends and the middle of the file; salt, size and both ends of the HMAC in the seal.
+    const std::pair<std::string, size_t> places[] = {
+        {sealed, 0},     {sealed, size / 2}, {sealed, size - 1}, {seal_file, 0},
+        {seal_file, 34}, {seal_file, 38},    {seal_file, 101}};
+    for (const auto &[path, at] : places) {
+        SCOPED_TRACE(path + " " + std::to_string(at));
+        const std::string whole = read_file(path);
+        std::string changed = whole;
         changed[at] = changed[at] == '2' ? '3' : '2';
-        write_file("/scratch/sealed.seal", changed);
+        write_file(path, changed);
         expect_refused(open(), kRefusal);
+        write_file(path, whole);
     }
-    write_file("/scratch/sealed.seal", "nonsense\n");
+    write_file(sealed, read_file(sealed).substr(0, size - 16));
+    expect_refused(open(), kRefusal);
+    write_file(seal_file, "nonsense\n");
     expect_refused(open(), "the seal is damaged");
-    remove("/scratch/sealed.seal");
+    remove(seal_file.c_str());
     expect_refused(open(), "there is no seal");
 }
 
@@ -159,7 +136,7 @@ TEST_F(Encrypt, MissingFilesAndFullDisksAreReported)
     EXPECT_FALSE(file_exists("/config/work/sealed.seal"));
 }
 
-TEST_F(Encrypt, AnythingElseIsWrongUsage)
+TEST_F(Encrypt, OtherArgumentsAreWrongUsage)
 {
     EXPECT_EQ(run_tool({}).status, 2);
     EXPECT_EQ(run_tool({"close", "a", "b", "c"}).status, 2);

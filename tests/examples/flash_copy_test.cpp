@@ -67,7 +67,7 @@ TEST_F(FlashCopy, WritesTheFileAndDrawsABarForEachBlock)
     EXPECT_EQ(errors_, "");
 }
 
-TEST_F(FlashCopy, LeavesWhatLiesBehindTheLastBlock)
+TEST_F(FlashCopy, LeavesTheBlocksAfterTheLastOneItNeeds)
 {
     make_file(kBlock + 1);
     devices::flash_fill("config", 0x5a);
@@ -102,7 +102,7 @@ TEST_F(FlashCopy, LooksBeforeItErases)
     EXPECT_EQ(output_, "");
 }
 
-TEST_F(FlashCopy, FindsABlockThatDidNotEraseAlthoughNothingReportsIt)
+TEST_F(FlashCopy, FindsABlockThatDidNotEraseThoughNoCallReportsIt)
 {
     NEEDS_MADE_UP_DEVICES();
     make_file(2 * kBlock);
@@ -129,7 +129,7 @@ TEST_F(FlashCopy, SaysWhatFailedOnTheWay)
     EXPECT_NE(errors_.find("flash_copy: reading back: 0x10000022"), std::string::npos) << errors_;
 }
 
-TEST_F(FlashCopy, AnythingElseIsWrongUsage)
+TEST_F(FlashCopy, OtherArgumentsAreWrongUsage)
 {
     EXPECT_EQ(copy({}), 2);
     EXPECT_EQ(copy({"/scratch/image"}), 2);

@@ -94,7 +94,6 @@ class BackToNormal : public testing::EmptyTestEventListener {
 }();
 
 devices::DriverCall driver_call;
-std::vector<int> no_flags;
 
 } // namespace
 
@@ -151,41 +150,6 @@ void stop_transfers_after(uint64_t bytes)
 void report_erase_size(uint32_t size)
 {
     set_flash("reported_erase_size", size);
-}
-
-// What real devices cannot be told; tests that need it ask made_up() first.
-static void impossible(const char *what)
-{
-    ADD_FAILURE() << what << " cannot be asked of a real device";
-}
-const std::vector<int> &open_flags()
-{
-    impossible("flags");
-    return no_flags;
-}
-void fail_geometry()
-{
-    impossible("a missing geometry");
-}
-void fail_seeks()
-{
-    impossible("a failing seek");
-}
-void fail_closes()
-{
-    impossible("a failing close");
-}
-void report_size(uint32_t)
-{
-    impossible("a wrong size");
-}
-void refuse_reading(bool)
-{
-    impossible("refusing to be read");
-}
-void refuse_writing_at(unsigned)
-{
-    impossible("refusing to be written");
 }
 
 void driver_load()

@@ -11,7 +11,7 @@
 // Blocks that this thread has freed, and would get again as they are, are filled here.
 inline void dirty_heap()
 {
-    constexpr size_t kCount = 8, kMostBytes = 1536;
+    constexpr size_t kCount = 8, kMostBytes = 2560;
     for (size_t size = 3 * sizeof(void *); size <= kMostBytes; size += 2 * sizeof(void *)) {
         void *blocks[kCount];
         for (void *&block : blocks) {

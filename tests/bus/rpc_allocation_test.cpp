@@ -1,5 +1,5 @@
-// What an owner keeps of its calls and its runs: services answer for years, and start again
-// whenever the bus was gone.
+// Blocks that an owner frees after a call and after a run: services answer for years, and start
+// again whenever the bus was gone.
 
 #include <bv/ubus.h>
 
@@ -38,7 +38,7 @@ int register_two()
 
 } // namespace
 
-TEST(RpcMemory, BytesThatContinueAShortRequestAreGivenBack)
+TEST(RpcAllocation, BytesThatContinueAShortRequestAreFreed)
 {
     ScriptedBus bus([](Peer &peer) {
         peer.accept_object();
@@ -53,7 +53,7 @@ TEST(RpcMemory, BytesThatContinueAShortRequestAreGivenBack)
     g_watch = nullptr;
 }
 
-TEST(RpcMemory, TheFunctionsOfAnEndedRunAreGivenBackAtTheNextStart)
+TEST(RpcAllocation, FunctionsOfAnEndedRunAreFreedAtTheNextStart)
 {
     HeapWatch watch;
     EXPECT_EQ(bv_ubus_server_init(nullptr, register_two), -1); // there is no bus

@@ -1,6 +1,6 @@
-// Memory whose end is the end of the world: one byte further is an unmapped page.
-#ifndef BV_TESTS_CRYPTO_GUARDED_H
-#define BV_TESTS_CRYPTO_GUARDED_H
+// Memory that ends where a page without access begins: reading or writing past it is fatal.
+#ifndef BV_TESTS_SUPPORT_GUARDED_H
+#define BV_TESTS_SUPPORT_GUARDED_H
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,4 @@
-// Who takes memory and who gives it back: a switch table is left behind on purpose, a datagram's
-// block never.
+// Blocks taken and freed: a switch table stays allocated on purpose, a datagram's block never.
 
 #include <bv/debug.h>
 
@@ -15,7 +14,7 @@ using Sizes = std::vector<size_t>;
 
 } // namespace
 
-TEST(DebugMemory, ASwitchTableIs80BytesAndStaysWhenAnotherReplacesIt)
+TEST(DebugAllocation, SwitchTableIs80BytesAndStaysWhenAnotherReplacesIt)
 {
     HeapWatch watch;
     bv_debug_init();
@@ -25,11 +24,11 @@ TEST(DebugMemory, ASwitchTableIs80BytesAndStaysWhenAnotherReplacesIt)
     EXPECT_TRUE(watch.given_back().empty()) << "another thread may be reading it";
 }
 
-TEST(DebugMemory, AMessageIsOneBlockThatIsGivenBackWhateverBecameOfIt)
+TEST(DebugAllocation, MessageIsOneBlockThatIsFreedSentOrNot)
 {
     bv_debug_init();
-    const bv_debug_cfg nobody = {htonl(INADDR_LOOPBACK), 9, 0};
-    bv_debug_set_cfg(&nobody);
+    const bv_debug_cfg closed_port = {htonl(INADDR_LOOPBACK), 9, 0};
+    bv_debug_set_cfg(&closed_port);
     const bv_debug_header header = {};
     const struct {
         uint16_t length;
@@ -44,7 +43,7 @@ TEST(DebugMemory, AMessageIsOneBlockThatIsGivenBackWhateverBecameOfIt)
     }
 }
 
-TEST(DebugMemory, AMessageThatIsOffTakesNone)
+TEST(DebugAllocation, MessageThatIsOffTakesNone)
 {
     bv_debug_init();
     HeapWatch watch;

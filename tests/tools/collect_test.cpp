@@ -204,8 +204,8 @@ TEST(Collect, SaysHowManyDatagramsTheSystemDropped)
         send_counted("more");
         return contains(collector.output(), "more\n");
     }));
-    send_counted(
-        "end"); // the queue has room again, and this one knows of everything dropped before it
+    // The queue has room again, and this one knows of everything dropped before it.
+    send_counted("end");
     EXPECT_TRUE(eventually([&] { return contains(collector.output(), "end\n"); }));
     EXPECT_EQ(collector.end(), 0);
 

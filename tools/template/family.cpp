@@ -67,7 +67,7 @@ public:
     }
 
 private:
-    // "len of "mtu"", or as much as is known of it.
+    // What is meant, as in: len of "mtu". The name may be missing.
     struct Label {
         char text[96];
 

@@ -27,7 +27,7 @@ void show(const packet &found, FILE *to)
         print_visible(to, message.text, message.length);
 }
 
-// Each datagram lies in memory of its own, so that the sanitizer sees where it ends.
+// Each datagram has memory of its own, so that the sanitizer sees where it ends.
 std::vector<Seen> read_all(FILE *file, capture_result *end)
 {
     std::vector<Seen> all;

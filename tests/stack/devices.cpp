@@ -1,5 +1,5 @@
-// What the cases of the sweep expect of the test kit, without its functions in front of the C
-// library, whose stack would count.
+// What the cases of the sweep expect of the test kit, without its interposed functions,
+// whose stack would count.
 
 #include "sweep/sweep.h"
 

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -358,12 +359,16 @@ std::vector<Case> tree_and_loop_cases()
         bv_uloop_timeout_set(&g_timer, 1000);
         g_process = {};
         g_process.pid = fork();
-        if (g_process.pid == 0)
-            _exit(0);
+        if (g_process.pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;)
+                pause(); // its end would wake the loop in the middle of a call
+        }
         bv_uloop_process_add(&g_process);
     };
     const auto no_loop = [] {
         bv_uloop_done();
+        kill(g_process.pid, SIGKILL);
         waitpid(g_process.pid, nullptr, 0);
     };
     std::vector<Case> all = {

@@ -192,7 +192,7 @@ protected:
     Peer peer;
 };
 
-// bv_netlink_init() alone, with all that it may leave behind.
+// bv_netlink_init() alone, with all that it may leave.
 class NetlinkInit : public testing::Test {
 protected:
     void SetUp() override

@@ -1,4 +1,4 @@
-// Files decrypted that nobody encrypted, and files there and back.
+// Files decrypted that were never encrypted, and files there and back.
 //
 // Input: 16 bytes key, then the file.
 

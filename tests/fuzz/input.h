@@ -3,6 +3,8 @@
 #ifndef BV_TESTS_FUZZ_INPUT_H
 #define BV_TESTS_FUZZ_INPUT_H
 
+#include "support/files.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -71,7 +73,7 @@ private:
     size_t left_;
 };
 
-// A heap block of exactly so many bytes: the sanitizer sees the first one read behind it.
+// A heap block of exactly so many bytes: the sanitizer sees a read past its end.
 class Block {
 public:
     explicit Block(size_t size, uint8_t fill = 0xa5)
@@ -114,26 +116,8 @@ inline unsigned touch(const void *data, size_t length)
     return sum;
 }
 
-inline void write_file(const char *path, const std::string &content)
-{
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    FUZZ_CHECK(fd >= 0);
-    FUZZ_CHECK(write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()));
-    close(fd);
-}
-
-inline std::string read_file(const char *path)
-{
-    std::string content;
-    const int fd = open(path, O_RDONLY);
-    if (fd < 0)
-        return content;
-    char part[4096];
-    for (ssize_t got; (got = read(fd, part, sizeof part)) > 0;)
-        content.append(part, static_cast<size_t>(got));
-    close(fd);
-    return content;
-}
+using ::read_file;
+using ::write_file;
 
 // What the code under test prints is of no interest and would slow it down.
 inline void silence_output()

@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr int kSocket = 987; // nobody else's descriptor
+constexpr int kSocket = 987; // a descriptor that is not in use
 
 struct Hand {
     sem_t given;

@@ -28,7 +28,7 @@ void show(const Packet &found, FILE *to)
         tools::print_visible(to, message.text, message.length);
 }
 
-// Each datagram lies in memory of its own, so that the sanitizer sees where it ends.
+// Each datagram has memory of its own, so that the sanitizer sees where it ends.
 std::vector<Seen> read_all(FILE *file, Capture::Result &end)
 {
     std::vector<Seen> all;

@@ -64,14 +64,14 @@ TEST(EventsWithoutADriver, CannotBeAskedFor)
     EXPECT_EQ(bv_netlink_init(), BV_ERR_FAILED);
 }
 
-TEST_F(Events26, TheDriverGetsARegistrationOf1040BytesWithTheProcessIdAsPort)
+TEST_F(Events26, DriverGetsARegistrationOf1040BytesWithTheProcessIdAsPort)
 {
     EXPECT_EQ(ask("nl-port"), static_cast<uint32_t>(getpid()));
     EXPECT_EQ(ask("nl-reglen"), 1040u);
     EXPECT_EQ(ask("nl-zero"), 1u) << "and nothing else";
 }
 
-TEST_F(Events26, ThePortIdIsTakenForASecondSocket)
+TEST_F(Events26, PortIdIsTakenForASecondSocket)
 {
     EXPECT_EQ(bv_netlink_init(), static_cast<int32_t>(BV_ERR_CHANNEL));
 }
@@ -104,7 +104,7 @@ TEST_F(Events26, PayloadsFromNothingToTheBuffersSizeArriveWhole)
     EXPECT_EQ(settle(), (Events{{4, ""}, {4, longest}, {4, longest}}));
 }
 
-TEST_F(Events26, OfABurstNothingIsLostThatTheSocketTookAndOrderIsKept)
+TEST_F(Events26, EventsOfABurstThatTheSocketTookArriveInOrder)
 {
     constexpr uint32_t kCount = 10000;
     const uint32_t dropped_before = ask("nl-dropped");

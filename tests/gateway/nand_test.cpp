@@ -47,7 +47,7 @@ TEST(Nand, WholePagesAreWrittenReadBackAndErased)
     EXPECT_EQ(Bytes(back.begin() + kBlock - kPage, back.end()), Bytes(2 * kPage, 0xff));
 }
 
-TEST(Nand, APieceOfAPageIsAShortWrite)
+TEST(Nand, PartOfAPageIsAShortWrite)
 {
     ASSERT_EQ(bv_mtd_erase(kName, 0, kBlock), BV_OK);
     Bytes data(kPage, 0);
@@ -55,7 +55,7 @@ TEST(Nand, APieceOfAPageIsAShortWrite)
     EXPECT_EQ(bv_mtd_write(kName, data.data(), 1, kPage), BV_ERR_SHORT_WRITE);
 }
 
-TEST(Nand, APieceOfAPageCanBeRead)
+TEST(Nand, PartOfAPageCanBeRead)
 {
     ASSERT_EQ(bv_mtd_erase(kName, 0, kBlock), BV_OK);
     uint8_t bytes[3] = {};

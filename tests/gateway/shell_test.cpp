@@ -55,7 +55,7 @@ TEST(GatewayShell, RunsAsTheServiceUser)
     EXPECT_EQ(read_file("/scratch/who"), "BROVAN\n1000\n");
 }
 
-TEST(GatewayShell, LeavesNoCaptureFileBehind)
+TEST(GatewayShell, LeavesNoCaptureFile)
 {
     char out[64] = {};
     bv_os_systemex(out, sizeof(out), "echo x");

@@ -28,7 +28,7 @@ TEST(CheckedDeathTest, OverflowAborts)
     EXPECT_EXIT(bv::checked_sub<uint32_t>(0, 1), testing::KilledBySignal(SIGABRT), "");
 }
 
-// Several start-up failures at once still are no success; too many stop the process.
+// Several start-up failures at once are still a failure; too many stop the process.
 TEST(CheckedDeathTest, StatusCodesAddUpOnlyAsFarAsTheyFit)
 {
     auto add_up = [](int count) {

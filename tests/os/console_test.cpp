@@ -43,11 +43,9 @@ std::string padded(const char *text, int32_t width)
 uint8_t *g_copy;
 bool g_plant;
 
-int note_copy(const char *function, void *dst, size_t size, const void *src, size_t count)
+int note_copy(uint8_t *dst, size_t count, int result)
 {
-    int result =
-        next_function<int(void *, size_t, const void *, size_t)>(function)(dst, size, src, count);
-    g_copy = static_cast<uint8_t *>(dst);
+    g_copy = dst;
     if (g_plant)
         memset(dst, 0x5a, count);
     g_plant = false;
@@ -60,23 +58,22 @@ alignas(16) const uint8_t kBytes[] = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 
 
 } // namespace
 
-extern "C" int memcpy_s(void *dst, size_t size, const void *src, size_t count)
+BV_INTERPOSE(memcpy_s, "memcpy_s", int, (void *dst, size_t size, const void *src, size_t count))
 {
-    return note_copy("memcpy_s", dst, size, src, count);
+    return note_copy(static_cast<uint8_t *>(dst), count, BV_NEXT(memcpy_s)(dst, size, src, count));
 }
 
-extern "C" int memmove_s(void *dst, size_t size, const void *src, size_t count)
+BV_INTERPOSE(memmove_s, "memmove_s", int, (void *dst, size_t size, const void *src, size_t count))
 {
-    return note_copy("memmove_s", dst, size, src, count);
+    return note_copy(static_cast<uint8_t *>(dst), count, BV_NEXT(memmove_s)(dst, size, src, count));
 }
 
-TEST(Printb, NothingToShowIsAnEmptyLine)
+TEST(Printb, DumpOfNothingIsAnEmptyLine)
 {
-    EXPECT_EQ(dump(kBytes, 0), "\r\n");
-    EXPECT_EQ(dump(kBytes, -1), "\r\n");
-    EXPECT_EQ(dump(kBytes, INT32_MIN), "\r\n");
-    EXPECT_EQ(dump(nullptr, 0), "\r\n");
-    EXPECT_EQ(dump(nullptr, 16), "\r\n");
+    for (int32_t length : {0, -1, INT32_MIN})
+        EXPECT_EQ(dump(kBytes, length), "\r\n");
+    for (int32_t length : {0, 16})
+        EXPECT_EQ(dump(nullptr, length), "\r\n");
 }
 
 TEST(Printb, ShowsFourWordsALineInMemoryOrder)
@@ -86,7 +83,7 @@ TEST(Printb, ShowsFourWordsALineInMemoryOrder)
     EXPECT_EQ(dump(kBytes, 16), head(kBytes) + "00010203 04050607 08090a0b 0c0d0e0f \r\n");
 }
 
-TEST(Printb, TheLastWordIsShownWhole)
+TEST(Printb, LastWordIsShownWhole)
 {
     for (int32_t length = 21; length <= 24; ++length)
         EXPECT_EQ(dump(kBytes, length), head(kBytes) + "00010203 04050607 08090a0b 0c0d0e0f " +
@@ -101,13 +98,13 @@ TEST(Printb, LinesGoByOffsetAndTheBracketShowsTheAddress)
                                         head(kBytes + 20) + "fcfdfeff \r\n");
 }
 
-TEST(Printb, AnUnalignedAddressPrints)
+TEST(Printb, UnalignedAddressesPrint)
 {
     EXPECT_EQ(dump(kBytes + 1, 8), head(kBytes + 1) + "01020304 05060708 \r\n");
 }
 
 // Someone who dumps a stack may meet the dump's own copy of the word before.
-TEST(Printb, ShowsWhatIsThereAlsoOverItsOwnCopy)
+TEST(Printb, ShowsMemoryUnchangedEvenWhereItsOwnCopyIs)
 {
     if (kSanitized)
         GTEST_SKIP() << "a sanitizer reports such reads";
@@ -123,7 +120,7 @@ TEST(Printb, ShowsWhatIsThereAlsoOverItsOwnCopy)
     }
 }
 
-TEST(Printb, AnAddressHasEightDigits)
+TEST(Printb, AddressHasEightDigits)
 {
     auto low = reinterpret_cast<void *>(uintptr_t{0x1000000});
     void *page = mmap(low, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -134,27 +131,15 @@ TEST(Printb, AnAddressHasEightDigits)
     munmap(page, 4096);
 }
 
-TEST(Printa, PadsToTheWidth)
+TEST(Printa, PadsToTheWidthAndPrintsALongerTextWhole)
 {
-    EXPECT_EQ(padded("ab", 5), "ab   ");
-    EXPECT_EQ(padded("ab", 2), "ab");
-    EXPECT_EQ(padded("", 3), "   ");
-}
-
-TEST(Printa, ALongerTextIsPrintedWhole)
-{
-    EXPECT_EQ(padded("ab", 1), "ab");
-    EXPECT_EQ(padded("ab", 0), "ab");
-    EXPECT_EQ(padded("ab", -5), "ab");
-    EXPECT_EQ(padded("ab", INT32_MIN), "ab");
-}
-
-TEST(Printa, TheTextIsNoFormat)
-{
-    EXPECT_EQ(padded("%s%n", 5), "%s%n ");
-}
-
-TEST(Printa, NullPrintsNothing)
-{
-    EXPECT_EQ(padded(nullptr, 5), "");
+    const struct {
+        const char *text;
+        int32_t width;
+        const char *printed;
+    } rows[] = {{"ab", 5, "ab   "},      {"ab", 2, "ab"},      {"", 3, "   "},
+                {"ab", 1, "ab"},         {"ab", 0, "ab"},      {"ab", -5, "ab"},
+                {"ab", INT32_MIN, "ab"}, {"%s%n", 5, "%s%n "}, {nullptr, 5, ""}};
+    for (const auto &row : rows)
+        EXPECT_EQ(padded(row.text, row.width), row.printed) << row.width;
 }

@@ -50,25 +50,22 @@ const uint8_t kKey[] = "sixteen byte key";
 
 } // namespace
 
-extern "C" int seen_close(int fd) __asm__("close");
-extern "C" int seen_close(int fd)
+BV_INTERPOSE(close, "close", int, (int fd))
 {
     look_at(fd);
-    return next_function<int(int)>("close")(fd);
+    return BV_NEXT(close)(fd);
 }
 
-extern "C" int seen_fclose(FILE *stream) __asm__("fclose");
-extern "C" int seen_fclose(FILE *stream)
+BV_INTERPOSE(fclose, "fclose", int, (FILE * stream))
 {
     look_at(fileno(stream));
-    return next_function<int(FILE *)>("fclose")(stream);
+    return BV_NEXT(fclose)(stream);
 }
 
-extern "C" int seen_pclose(FILE *stream) __asm__("pclose");
-extern "C" int seen_pclose(FILE *stream)
+BV_INTERPOSE(pclose, "pclose", int, (FILE * stream))
 {
     look_at(fileno(stream));
-    return next_function<int(FILE *)>("pclose")(stream);
+    return BV_NEXT(pclose)(stream);
 }
 
 TEST(Held, CapturesAndPipes)

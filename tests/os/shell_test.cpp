@@ -1,8 +1,8 @@
 #include <bv/os.h>
 
 #include "support/capture.h"
-#include "support/libc.h"
 #include "support/files.h"
+#include "support/libc.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@
 #include <string>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <utility>
 #include <vector>
-
 
 namespace {
 
@@ -23,8 +23,7 @@ bool g_run = true;                // whether system() does anything
 int g_status;                     // its result when it does nothing
 std::vector<std::string> g_lines; // what the shell was given
 
-const std::string kLongest(255, 'x');
-const std::string kTooLong(256, 'x');
+const std::string kTooLong(256, 'x'); // for a command line of 255 characters
 
 // The number at the end of a capture's file name.
 std::string capture_name(const std::string &line)
@@ -37,6 +36,22 @@ std::string last_line()
     return g_lines.empty() ? "(none)" : g_lines.back();
 }
 
+std::string x(size_t count)
+{
+    return std::string(count, 'x');
+}
+
+// Standard output and error as text.
+struct CaptureBoth : CaptureStdout {
+    CaptureBoth() : saved(dup(STDERR_FILENO)) { dup2(STDOUT_FILENO, STDERR_FILENO); }
+    ~CaptureBoth()
+    {
+        dup2(saved, STDERR_FILENO);
+        close(saved);
+    }
+    int saved;
+};
+
 // A capture of a command that prints exactly this.
 int32_t capture_text(const std::string &text, char *out, uint32_t outsize)
 {
@@ -46,7 +61,7 @@ int32_t capture_text(const std::string &text, char *out, uint32_t outsize)
     return result;
 }
 
-// Nothing of a shell function may outlive it.
+// Shell functions leave no descriptor, file or child.
 class Shell : public testing::Test {
 protected:
     void SetUp() override
@@ -69,15 +84,15 @@ protected:
 
 } // namespace
 
-extern "C" pid_t getpid(void) noexcept
+BV_INTERPOSE(getpid, "getpid", pid_t, ())
 {
-    return g_pid != 0 ? g_pid : next_function<pid_t()>("getpid")();
+    return g_pid != 0 ? g_pid : BV_NEXT(getpid)();
 }
 
-extern "C" int system(const char *line)
+BV_INTERPOSE(system, "system", int, (const char *line))
 {
     g_lines.push_back(line);
-    return g_run ? next_function<int(const char *)>("system")(line) : g_status;
+    return g_run ? BV_NEXT(system)(line) : g_status;
 }
 
 TEST_F(Shell, SystemRunsTheCommandItselfAndReturnsItsWaitStatus)
@@ -92,12 +107,8 @@ TEST_F(Shell, SystemRunsTheCommandItselfAndReturnsItsWaitStatus)
 
 TEST_F(Shell, SystemnullThrowsOutputAndErrorsAway)
 {
-    CaptureStdout output;
-    int saved = dup(STDERR_FILENO);
-    dup2(STDOUT_FILENO, STDERR_FILENO);
+    CaptureBoth output;
     int status = bv_os_systemnull("cat /etc/passwd /nowhere/%s", "x");
-    dup2(saved, STDERR_FILENO);
-    close(saved);
     EXPECT_EQ(output.stop(), "");
     EXPECT_EQ(WEXITSTATUS(status), 1);
     EXPECT_EQ(last_line(), "cat /etc/passwd /nowhere/x >/dev/null 2>&1");
@@ -138,31 +149,22 @@ TEST_F(Shell, SysprocessRunsAsTheServiceUserWithTheCallersEnvironment)
     remove("/scratch/kept");
 }
 
-TEST_F(Shell, TheCommandStandsBetweenTheDoubleQuotesUnescaped)
+TEST_F(Shell, CommandIsPutBetweenTheDoubleQuotesUnescaped)
 {
     g_run = false;
     bv_os_sysprocess("echo \"%s\" $HOME", "a b");
     EXPECT_EQ(last_line(), "su -p BROVAN -c \"echo \"a b\" $HOME\"");
 }
 
-TEST_F(Shell, AShellThatCannotBeStartedIsReportedAsItIs)
+TEST_F(Shell, StatusOfAShellThatCannotBeStartedIsReturned)
 {
     g_run = false;
     g_status = -1;
-    EXPECT_EQ(bv_os_system("x"), -1);
-    EXPECT_EQ(bv_os_systemnull("x"), -1);
-    EXPECT_EQ(bv_os_systembk("x"), -1);
-    EXPECT_EQ(bv_os_sysprocess("x"), -1);
+    for (auto run : {bv_os_system, bv_os_systemnull, bv_os_systembk, bv_os_sysprocess})
+        EXPECT_EQ(run("x"), -1);
 }
 
-TEST_F(Shell, ACommandOf255CharactersIsRunAsItIs)
-{
-    g_run = false;
-    bv_os_system("%s", kLongest.c_str());
-    EXPECT_EQ(last_line(), kLongest);
-}
-
-TEST_F(Shell, ACommandThatDoesNotFitIsRunAsAnEmptyOne)
+TEST_F(Shell, CommandThatDoesNotFitIsRunAsAnEmptyOne)
 {
     EXPECT_EQ(bv_os_system("%s", kTooLong.c_str()), 0);
     EXPECT_EQ(last_line(), "");
@@ -173,7 +175,29 @@ TEST_F(Shell, ACommandThatDoesNotFitIsRunAsAnEmptyOne)
     EXPECT_EQ(g_lines[g_lines.size() - 2], " >/dev/null 2>&1 &");
 }
 
-TEST_F(Shell, WhatCannotBeFormattedIsRunAsAnEmptyCommandToo)
+// Each function adds to the command; the longest line has 255 characters, and a longer one is run
+// as an empty one.
+TEST_F(Shell, LineThatDoesNotFitIsRunAsAnEmptyOne)
+{
+    const struct {
+        int32_t (*run)(const char *, ...);
+        size_t added;
+    } rows[] = {
+        {bv_os_system, 0}, {bv_os_systemnull, 16}, {bv_os_systembk, 18}, {bv_os_sysprocess, 18}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.added);
+        g_run = false;
+        row.run("%s", x(255 - row.added).c_str());
+        EXPECT_EQ(last_line().size(), 255u);
+        g_run = true;
+        if (row.added > 0) {
+            EXPECT_EQ(row.run("%s", x(256 - row.added).c_str()), 0);
+            EXPECT_EQ(last_line(), "");
+        }
+    }
+}
+
+TEST_F(Shell, FormatThatCannotBeUsedIsRunAsAnEmptyCommand)
 {
     const char *volatile none = nullptr;
     for (const char *format : {none, "%n", "touch /scratch/ran; %a"}) {
@@ -198,15 +222,9 @@ TEST_F(Shell, SysprocessRunsSuEvenForACommandThatDoesNotFit)
     EXPECT_EQ(WEXITSTATUS(bv_os_sysprocess("%s", kTooLong.c_str())), 7);
     EXPECT_EQ(last_line(), "su -p BROVAN -c \"\"");
     setenv("PATH", path.c_str(), 1);
-    remove("/scratch/bin/su");
-    remove("/scratch/bin");
-
-    g_run = false; // 18 characters besides the command
-    bv_os_sysprocess("%s", std::string(237, 'x').c_str());
-    EXPECT_EQ(last_line().size(), 255u);
 }
 
-TEST_F(Shell, OfSeveralCommandsOnlyTheLastIsThrownAwayOrLeftToRun)
+TEST_F(Shell, OnlyTheLastOfSeveralCommandsIsThrownAwayOrLeftToRun)
 {
     CaptureStdout output;
     EXPECT_EQ(bv_os_systemnull("echo first; echo last"), 0);
@@ -217,57 +235,26 @@ TEST_F(Shell, OfSeveralCommandsOnlyTheLastIsThrownAwayOrLeftToRun)
     remove("/scratch/first");
 }
 
-TEST_F(Shell, AWrappedLineThatDoesNotFitIsRunAsAnEmptyOne)
+TEST_F(Shell, SystemexTrimsWhatTheCommandPrintsWhateverItsExitStatus)
 {
-    // " >/dev/null 2>&1" takes 16 of the 255 characters.
-    g_run = false;
-    bv_os_systemnull("%s", std::string(239, 'x').c_str());
-    EXPECT_EQ(last_line().size(), 255u);
-    g_run = true;
-    EXPECT_EQ(bv_os_systemnull("%s", std::string(240, 'x').c_str()), 0);
-    EXPECT_EQ(last_line(), "");
-    EXPECT_EQ(bv_os_systembk("%s", std::string(238, 'x').c_str()), 0);
-    EXPECT_EQ(last_line(), "");
-    EXPECT_EQ(bv_os_sysprocess("%s", std::string(238, 'x').c_str()), 0);
-    EXPECT_EQ(last_line(), "");
-}
-
-TEST_F(Shell, SystemexTrimsWhatTheCommandPrints)
-{
-    char out[64] = "before";
-    EXPECT_EQ(bv_os_systemex(out, sizeof out, "printf '  %s \\n'", "eth0"), 0);
-    EXPECT_STREQ(out, "eth0");
-}
-
-TEST_F(Shell, SystemexKeepsInnerNewlines)
-{
-    char out[64];
-    EXPECT_EQ(bv_os_systemex(out, sizeof out, "printf 'a\\nb\\n\\n'"), 0);
-    EXPECT_STREQ(out, "a\nb");
-}
-
-TEST_F(Shell, OneCharacterIsOutputToo)
-{
-    char out[64];
-    EXPECT_EQ(bv_os_systemex(out, sizeof out, "echo 0"), 0);
-    EXPECT_STREQ(out, "0");
-}
-
-TEST_F(Shell, SystemexDoesNotLookAtTheExitStatus)
-{
-    char out[64];
-    EXPECT_EQ(bv_os_systemex(out, sizeof out, "sh -c 'echo text; exit 9'"), 0);
-    EXPECT_STREQ(out, "text");
-}
-
-TEST_F(Shell, SystemexOfACommandThatPrintsNothingIsEmpty)
-{
-    char out[64] = "before";
-    EXPECT_EQ(bv_os_systemex(out, sizeof out, "true"), BV_ERR_FAILED);
-    EXPECT_STREQ(out, "");
-    strcpy(out, "before");
-    EXPECT_EQ(bv_os_systemex(out, sizeof out, "printf ' \\n\\t '"), BV_ERR_FAILED);
-    EXPECT_STREQ(out, "");
+    const struct {
+        const char *command;
+        const char *output; // empty: BV_ERR_FAILED
+    } rows[] = {{"printf '  eth0 \\n'", "eth0"},
+                {"printf 'a\\nb\\n\\n'", "a\nb"},
+                {"echo 0", "0"},
+                {"sh -c 'echo text; exit 9'", "text"},
+                {"true", ""},
+                {"printf ' \\n\\t '", ""},
+                {"printf 'ab\\0cd\\n'", "ab"},
+                {"printf '\\0cd\\n'", ""}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.command);
+        char out[64] = "before";
+        EXPECT_EQ(bv_os_systemex(out, sizeof out, "%s", row.command),
+                  row.output[0] != '\0' ? 0 : static_cast<int32_t>(BV_ERR_FAILED));
+        EXPECT_STREQ(out, row.output);
+    }
 }
 
 TEST_F(Shell, SystemexEmptiesABufferThatIsTooSmall)
@@ -291,32 +278,15 @@ TEST_F(Shell, SystemexWorksWithoutAStandardInput)
 TEST_F(Shell, SystemexRunsTheCommandEvenWithoutAPlaceForItsOutput)
 {
     char out[] = "before";
-    EXPECT_EQ(bv_os_systemex(out, 0, "echo ran > /scratch/ran; echo x"), BV_ERR_FAILED);
-    EXPECT_STREQ(out, "before");
-    EXPECT_EQ(read_file("/scratch/ran"), "ran\n");
-    EXPECT_EQ(bv_os_systemex(nullptr, 64, "echo again > /scratch/ran; echo x"), BV_ERR_FAILED);
-    EXPECT_EQ(read_file("/scratch/ran"), "again\n");
-    remove("/scratch/ran");
-}
-
-TEST_F(Shell, SystemexLeavesABufferOfMoreThanItsLimitAlone)
-{
-    char out[] = "before";
-    EXPECT_EQ(bv_os_systemex(out, 0x80000000, "echo ran > /scratch/ran; echo x"), BV_ERR_FAILED);
-    EXPECT_STREQ(out, "before");
-    EXPECT_EQ(read_file("/scratch/ran"), "ran\n");
-    remove("/scratch/ran");
+    const std::pair<char *, uint32_t> rows[] = {{out, 0}, {nullptr, 64}, {out, 0x80000000}};
+    for (const auto &[place, size] : rows) {
+        EXPECT_EQ(bv_os_systemex(place, size, "echo ran > /scratch/ran; echo x"), BV_ERR_FAILED);
+        EXPECT_STREQ(out, "before");
+        EXPECT_EQ(read_file("/scratch/ran"), "ran\n");
+        remove("/scratch/ran");
+    }
     EXPECT_EQ(bv_os_systemex(out, 0x7fffffff, "echo x"), 0);
     EXPECT_STREQ(out, "x");
-}
-
-TEST_F(Shell, A257ByteBufferHoldsAnyCapture)
-{
-    char out[257];
-    EXPECT_EQ(capture_text(std::string(300, 'x'), out, 256), BV_ERR_FAILED);
-    EXPECT_STREQ(out, "");
-    EXPECT_EQ(capture_text(std::string(300, 'x'), out, 257), 0);
-    EXPECT_EQ(strlen(out), 256u);
 }
 
 TEST_F(Shell, SystemexReads256BytesAtMost)
@@ -330,17 +300,12 @@ TEST_F(Shell, SystemexReads256BytesAtMost)
         EXPECT_EQ(capture_text(printed, out, sizeof out), 0);
         EXPECT_EQ(std::string(out), printed.substr(0, 256));
     }
+    EXPECT_EQ(capture_text(x(300), out, 256), BV_ERR_FAILED);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(capture_text(x(300), out, 257), 0) << "a buffer of 257 bytes holds any capture";
 }
 
-TEST_F(Shell, SystemexEndsAtTheFirstZeroByte)
-{
-    char out[64];
-    EXPECT_EQ(capture_text(std::string("ab\0cd\n", 6), out, sizeof out), 0);
-    EXPECT_STREQ(out, "ab");
-    EXPECT_EQ(capture_text(std::string("\0cd\n", 4), out, sizeof out), BV_ERR_FAILED);
-}
-
-TEST_F(Shell, ACaptureThatCannotBeReadIsEmptyAndStillRemoved)
+TEST_F(Shell, CaptureThatCannotBeReadIsEmptyAndStillRemoved)
 {
     char out[] = "before";
     fault_read.fail_always();
@@ -350,7 +315,7 @@ TEST_F(Shell, ACaptureThatCannotBeReadIsEmptyAndStillRemoved)
     EXPECT_STREQ(out, "");
 }
 
-TEST_F(Shell, OfSeveralCommandsOnlyTheLastIsCaptured)
+TEST_F(Shell, OnlyTheLastOfSeveralCommandsIsCaptured)
 {
     CaptureStdout output;
     char out[64];
@@ -359,7 +324,7 @@ TEST_F(Shell, OfSeveralCommandsOnlyTheLastIsCaptured)
     EXPECT_STREQ(out, "two");
 }
 
-TEST_F(Shell, ACaptureFileThatCannotBeOpenedLeavesTheBufferAlone)
+TEST_F(Shell, CaptureFileThatCannotBeOpenedLeavesTheBufferAlone)
 {
     g_run = false; // no shell, no file
     char out[] = "before";
@@ -369,53 +334,41 @@ TEST_F(Shell, ACaptureFileThatCannotBeOpenedLeavesTheBufferAlone)
     EXPECT_EQ(g_lines.size(), 2u); // and nothing is removed
 }
 
-TEST_F(Shell, ACapturedCommandThatDoesNotFitCapturesNothing)
+TEST_F(Shell, CapturedCommandThatDoesNotFitCapturesNothing)
 {
     char out[] = "before";
     EXPECT_EQ(bv_os_systemex(out, sizeof out, "%s", kTooLong.c_str()), BV_ERR_FAILED);
     EXPECT_STREQ(out, "");
     strcpy(out, "before");
     // An empty command before a pipe is a syntax error, so there is no file at all.
-    CaptureStdout quiet;
-    int saved = dup(STDERR_FILENO);
-    dup2(STDOUT_FILENO, STDERR_FILENO);
+    CaptureBoth quiet;
     EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "a", ":", "%s", kTooLong.c_str()), BV_ERR_NO_FILE);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
+    // Nor is there one where the whole line does not fit.
+    EXPECT_EQ(bv_os_systemex(out, sizeof out, "%s", x(250).c_str()), BV_ERR_NO_FILE);
+    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "x", " ", "%s", x(250).c_str()), BV_ERR_NO_FILE);
     EXPECT_STREQ(out, "before");
 }
 
-TEST_F(Shell, ACapturedLineThatDoesNotFitCapturesNothing)
-{
-    char out[] = "before";
-    EXPECT_EQ(bv_os_systemex(out, sizeof out, "echo %s", std::string(240, 'x').c_str()),
-              BV_ERR_NO_FILE);
-    EXPECT_EQ(last_line(), "");
-    EXPECT_EQ(bv_os_sysmatch(out, sizeof out, "x", " ", "echo %s", std::string(230, 'x').c_str()),
-              BV_ERR_NO_FILE);
-    EXPECT_EQ(last_line(), "");
-    EXPECT_STREQ(out, "before");
-}
-
-// So much of the 255 characters is the caller's.
-TEST_F(Shell, ACaptureLeavesRoomForItsRedirectionAndFilter)
+// Redirection and filter take the rest of the 255 characters, and so does a longer process id.
+TEST_F(Shell, CaptureLeavesRoomForItsRedirectionAndFilter)
 {
     g_run = false;
-    g_pid = 65535;
     char out[8];
-    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 23, 'x').c_str());
-    EXPECT_EQ(last_line().size(), 255u);
-    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 22, 'x').c_str());
-    EXPECT_EQ(last_line(), "");
-    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 58 - 4, 'x').c_str());
-    EXPECT_EQ(last_line().size(), 255u);
-    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 57 - 4, 'x').c_str());
-    EXPECT_EQ(last_line(), "");
-    g_pid = 7;
-    bv_os_systemex(out, sizeof out, "%s", std::string(255 - 22, 'x').c_str());
-    EXPECT_EQ(last_line().size(), 255u);
-    bv_os_sysmatch(out, sizeof out, "pat", "-", "%s", std::string(255 - 55 - 4, 'x').c_str());
-    EXPECT_EQ(last_line().size(), 255u);
+    const struct {
+        pid_t pid;
+        size_t redirection, filter; // the filter without pattern and delimiter
+    } rows[] = {{65535, 23, 58}, {7, 22, 55}};
+    for (const auto &row : rows) {
+        g_pid = row.pid;
+        for (size_t over : {0, 1}) {
+            const size_t length = over == 0 ? 255u : 0u;
+            bv_os_systemex(out, sizeof out, "%s", x(255 - row.redirection + over).c_str());
+            EXPECT_EQ(last_line().size(), length);
+            bv_os_sysmatch(out, sizeof out, "pat", "-", "%s",
+                           x(255 - row.filter - 4 + over).c_str());
+            EXPECT_EQ(last_line().size(), length);
+        }
+    }
 }
 
 TEST_F(Shell, SysmatchKeepsTheSecondFieldOfMatchingLines)
@@ -446,7 +399,7 @@ TEST_F(Shell, SysmatchRunsItsFilterLine)
     EXPECT_EQ(last_line(), "cmd 5 | grep 'pat' | awk -F '-' '{print $2}' > /tmp/system_123_01");
 }
 
-TEST_F(Shell, TheCaptureExistsUnderItsNameWhileTheCommandRunsAndIsGoneAfterwards)
+TEST_F(Shell, CaptureExistsUnderItsNameWhileTheCommandRunsAndIsGoneAfterwards)
 {
     char out[64];
     EXPECT_EQ(bv_os_systemex(out, sizeof out, "sh -c 'echo /tmp/system*'"), 0);
@@ -457,37 +410,27 @@ TEST_F(Shell, TheCaptureExistsUnderItsNameWhileTheCommandRunsAndIsGoneAfterwards
     EXPECT_FALSE(file_exists(expected));
 }
 
-TEST_F(Shell, CaptureFilesAreNamedInTwoWidths)
+TEST_F(Shell, CaptureFilesAreNamedByTheLow16BitsOfTheProcessIdInTwoWidths)
 {
     g_run = false;
     char out[8];
-    g_pid = 123;
-    bv_os_systemex(out, sizeof out, "x");
-    EXPECT_EQ(last_line(), "x > /tmp/system_0123_01");
-    bv_os_sysmatch(out, sizeof out, "a", "b", "x");
-    EXPECT_EQ(capture_name(last_line()), "/tmp/system_123_02");
-    g_pid = 7;
-    bv_os_systemex(out, sizeof out, "x");
-    EXPECT_EQ(capture_name(last_line()), "/tmp/system_0007_03");
-    bv_os_sysmatch(out, sizeof out, "a", "b", "x");
-    EXPECT_EQ(capture_name(last_line()), "/tmp/system_07_04");
+    const struct {
+        pid_t pid;
+        const char *capture, *match;
+    } rows[] = {{123, "0123_01", "123_02"},
+                {7, "0007_03", "07_04"},
+                {70000, "4464_05", "4464_06"},
+                {65535, "65535_07", "65535_08"}};
+    for (const auto &row : rows) {
+        g_pid = row.pid;
+        bv_os_systemex(out, sizeof out, "x");
+        EXPECT_EQ(last_line(), std::string("x > /tmp/system_") + row.capture);
+        bv_os_sysmatch(out, sizeof out, "a", "b", "x");
+        EXPECT_EQ(capture_name(last_line()), std::string("/tmp/system_") + row.match);
+    }
 }
 
-TEST_F(Shell, OnlyTheLow16BitsOfTheProcessIdCount)
-{
-    g_run = false;
-    char out[8];
-    g_pid = 70000;
-    bv_os_systemex(out, sizeof out, "x");
-    EXPECT_EQ(capture_name(last_line()), "/tmp/system_4464_01");
-    bv_os_sysmatch(out, sizeof out, "a", "b", "x");
-    EXPECT_EQ(capture_name(last_line()), "/tmp/system_4464_02");
-    g_pid = 65535;
-    bv_os_systemex(out, sizeof out, "x");
-    EXPECT_EQ(capture_name(last_line()), "/tmp/system_65535_03");
-}
-
-TEST_F(Shell, TheSequenceStartsAtOneIsSharedAndWrapsThroughZero)
+TEST_F(Shell, SequenceStartsAtOneIsSharedAndWrapsThroughZero)
 {
     g_run = false; // a failed capture counts as well
     g_pid = 1;

@@ -11,7 +11,7 @@ TEST(Strcpy, CopiesWithTheTerminator)
     EXPECT_EQ(memcmp(dst, "abc\0....", 8), 0);
 }
 
-TEST(Strcpy, ATextThatDoesNotFitEmptiesTheDestination)
+TEST(Strcpy, TextThatDoesNotFitEmptiesTheDestination)
 {
     char dst[] = "........";
     EXPECT_NE(bv_os_strcpy(dst, 4, "abcd"), 0);
@@ -32,7 +32,7 @@ TEST(Strcpy, NullArgumentsAndNoCapacityAreReported)
     EXPECT_STREQ(dst, "");
 }
 
-TEST(Strcpy, ACapacityJustInsideTheLimitsIsAccepted)
+TEST(Strcpy, CapacityJustInsideTheLimitsIsAccepted)
 {
     char dst[8];
     EXPECT_EQ(bv_os_strcpy(dst, 1, ""), 0);
@@ -55,7 +55,7 @@ TEST(Strncpy, TakesAtMostCountCharactersAndTerminates)
     EXPECT_STREQ(dst, "");
 }
 
-TEST(Strncpy, ACountAbove31BitsFailsWithAnyText)
+TEST(Strncpy, CountAbove31BitsFailsWithAnyText)
 {
     char dst[] = "before";
     EXPECT_EQ(bv_os_strncpy(dst, sizeof dst, "xy", 0x7fffffff), 0);

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 
-
 namespace {
 
 void *give_back(void *argument)
@@ -49,39 +48,28 @@ size_t settled_thread_count()
 
 } // namespace
 
-TEST(Threads, JoinGivesTheResult)
+TEST(Threads, AreJoinableUnlessTheCallerAsksOtherwise)
 {
     int value = 0;
     EXPECT_EQ(result_of(give_back, &value), reinterpret_cast<intptr_t>(&value));
-}
-
-TEST(Threads, AreJoinableUnlessTheCallerAsksOtherwise)
-{
     EXPECT_EQ(result_of(detach_state, nullptr), PTHREAD_CREATE_JOINABLE);
 }
 
-TEST(Threads, ADetachedOneEndsByItself)
+TEST(Threads, DetachedThreadsEndByThemselves)
 {
     size_t before = settled_thread_count();
     pthread_t thread;
     ASSERT_EQ(bv_os_pthread_create(&thread, nullptr, give_back, nullptr), 0);
     EXPECT_EQ(bv_os_pthread_detach(thread), 0);
-    EXPECT_TRUE(eventually([before] { return thread_count() <= before; }));
-}
-
-TEST(Threads, AttributesArePassedOn)
-{
-    size_t before = settled_thread_count();
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
     EXPECT_EQ(bv_os_pthread_create(&thread, &attr, give_back, nullptr), 0);
     pthread_attr_destroy(&attr);
     EXPECT_TRUE(eventually([before] { return thread_count() <= before; }));
 }
 
-TEST(Threads, AFailureIsTheErrorNumber)
+TEST(Threads, FailureIsTheErrorNumber)
 {
     fault_pthread_create.fail_next();
     pthread_t thread;
@@ -99,20 +87,6 @@ TEST(Mutexes, ExcludeOtherThreads)
     EXPECT_EQ(result_of(try_lock, &mutex), EBUSY);
     EXPECT_EQ(bv_os_pthread_mutex_unlock(&mutex), 0);
     EXPECT_EQ(bv_os_pthread_mutex_trylock(&mutex), 0);
-    EXPECT_EQ(bv_os_pthread_mutex_unlock(&mutex), 0);
-    EXPECT_EQ(bv_os_pthread_mutex_destroy(&mutex), 0);
-}
-
-TEST(Mutexes, AttributesArePassedOn)
-{
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutex_t mutex;
-    ASSERT_EQ(bv_os_pthread_mutex_init(&mutex, &attr), 0);
-    pthread_mutexattr_destroy(&attr);
-    EXPECT_EQ(bv_os_pthread_mutex_lock(&mutex), 0);
-    EXPECT_EQ(bv_os_pthread_mutex_lock(&mutex), EDEADLK);
     EXPECT_EQ(bv_os_pthread_mutex_unlock(&mutex), 0);
     EXPECT_EQ(bv_os_pthread_mutex_destroy(&mutex), 0);
 }

@@ -352,7 +352,7 @@ TEST(Soak, EveryCallEndsInTheRightAnswerOrTheCodeForItsFailure)
     EXPECT_EQ(g_shared->done, calls);
     EXPECT_GT(g_shared->right, calls / 2);
     EXPECT_LT(g_shared->slowest_ms, kLongestCall * 1000);
-    EXPECT_GE(g_shared->starts, kCallers + restarts) << "nobody noticed the restarts";
+    EXPECT_GE(g_shared->starts, kCallers + restarts) << "no caller noticed the restarts";
     EXPECT_GE(g_shared->runs, restarts * kOwners) << "the owners did not come back";
 }
 

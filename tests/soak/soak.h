@@ -30,7 +30,7 @@ inline double seconds()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// Memory of a process that no file stands behind, in KiB; 0 when it is gone.
+// Memory of a process that is not from a file, in KiB; 0 when it is gone.
 inline long memory_of(pid_t pid)
 {
     const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");

@@ -1,5 +1,5 @@
-// What the cases of the sweep expect of the test kit, without its functions in front of the C
-// library, whose stack would count.
+// What the cases of the sweep expect of the test kit, without its interposed functions,
+// whose stack would count.
 
 #include "sweep/sweep.h"
 
@@ -32,7 +32,6 @@ extern "C" int in_front_socket(int domain, int type, int protocol)
 extern "C" int in_front_ioctl(int fd, unsigned long request, void *argument) __asm__("ioctl");
 extern "C" int in_front_ioctl(int fd, unsigned long request, void *argument)
 {
-    const int answer =
-        g_ioctl_answer != nullptr ? g_ioctl_answer(fd, request, argument) : -2;
+    const int answer = g_ioctl_answer != nullptr ? g_ioctl_answer(fd, request, argument) : -2;
     return answer != -2 ? answer : static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
 }

@@ -5,14 +5,13 @@
 // The bound counts for the gateway, 32-bit with musl. On a workstation words are twice as long and
 // the C library is another one, so the same test is only a coarse one there.
 
-#include "stack/plain_cases.h"
 #include "sweep/sweep.h"
 
 #include "support/bus.h"
+#include "support/child.h"
 #include "support/files.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -22,8 +21,6 @@
 #include <sstream>
 #include <string>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -82,7 +79,7 @@ size_t bound_of(const char *function)
 
 // ---- the paint ----
 
-constexpr size_t kPainted = 512 * 1024; // far beyond anything
+constexpr size_t kPainted = 512 * 1024; // far more than anything takes
 constexpr size_t kSpared = 256;         // at the top, for what paints
 constexpr uint32_t kPaint = 0x5afe57ac;
 
@@ -132,17 +129,17 @@ Report *shared_report()
     return report;
 }
 
-void run_in_child(const Case &c, Report &report)
+void run_twice(const Case &c, Report &report)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int nowhere = open("/dev/null", O_WRONLY);
     dup2(nowhere, STDOUT_FILENO);
     close(nowhere);
-    alarm(60);
     for (int i = 0; i < 2; i++) {
-        c.prepare();
+        if (c.prepare)
+            c.prepare();
         report.depths[i] = depth_of(c, report.results[i]);
-        c.clean();
+        if (c.clean)
+            c.clean();
     }
     report.finished = true;
 }
@@ -152,21 +149,14 @@ bool run(const Case &c, Report &result)
     Report &report = *shared_report();
     report = Report{};
     fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        run_in_child(c, report);
-        _exit(0);
-    }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int status = run_in_child(
+        [&] {
+            run_twice(c, report);
+            return 0;
+        },
+        60);
     result = report;
     return status == 0 && report.finished;
-}
-
-bool one_of(const std::vector<int64_t> &set, int64_t value)
-{
-    return std::find(set.begin(), set.end(), value) != set.end();
 }
 
 void measure(const std::vector<Case> &cases)
@@ -176,8 +166,8 @@ void measure(const std::vector<Case> &cases)
         SCOPED_TRACE(c.name);
         Report report;
         ASSERT_TRUE(run(c, report));
-        EXPECT_TRUE(one_of(c.good, report.results[0])) << "returned " << report.results[0];
-        EXPECT_TRUE(one_of(c.later.empty() ? c.good : c.later, report.results[1]))
+        EXPECT_TRUE(sweep::one_of(c.good, report.results[0])) << "returned " << report.results[0];
+        EXPECT_TRUE(sweep::one_of(c.later.empty() ? c.good : c.later, report.results[1]))
             << "then returned " << report.results[1];
         const size_t depth = std::max(report.depths[0], report.depths[1]);
         EXPECT_LE(depth, bound_of(c.name)) << "bytes of stack";
@@ -192,8 +182,8 @@ std::vector<Case> cases_without_bus()
 {
     std::vector<Case> all;
     for (const auto &group :
-         {stack::plain_cases(), sweep::os_cases(), sweep::ipc_cases(), sweep::debug_cases(),
-          sweep::core_cases(), sweep::db_cases(), sweep::crypto_cases(),
+         {sweep::plain_cases(), sweep::hard_cases(), sweep::os_cases(), sweep::ipc_cases(),
+          sweep::debug_cases(), sweep::core_cases(), sweep::db_cases(), sweep::crypto_cases(),
           sweep::flash_reading_cases(), sweep::flash_writing_cases(), sweep::flash_erasing_cases(),
           sweep::driver_cases(), sweep::message_cases(), sweep::loop_cases()})
         all.insert(all.end(), group.begin(), group.end());

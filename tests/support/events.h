@@ -56,7 +56,7 @@ inline void forget_events()
     event_log().events.clear();
 }
 
-// Waits for an event that the caller has had posted behind all others, and gives those others.
+// Waits for an event that the caller has posted after all others, and returns those others.
 inline Events events_before(uint32_t type, const std::string &payload)
 {
     const std::pair<uint32_t, std::string> end(type, payload);

@@ -29,7 +29,7 @@ uloop_process g_process;
 char g_data[512]; // more than a buffer holds before it grows
 
 // Every status of the bus.
-const std::vector<int64_t> kStatuses = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, -1};
+const Case::Results kStatuses = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, -1};
 
 void drop_buffer()
 {
@@ -43,15 +43,6 @@ void a_message()
     bv_blobmsg_buf_init(&g_buf);
     while (static_cast<unsigned>(g_buf.buflen) - bv_blob_raw_len(g_buf.head) >= 8)
         bv_blob_put_u32(&g_buf, 1, 7);
-}
-
-template <typename Put>
-Case appends(const char *name, Put put)
-{
-    Case c(name);
-    c.prepared_by(a_message).calls([put] { return put() ? 0 : -1; }).or_fails_with({-1});
-    c.cleaned_by(drop_buffer);
-    return c;
 }
 
 void a_connection()
@@ -138,90 +129,72 @@ void note_reply(ubus_request *, int, blob_attr *) {}
 
 } // namespace
 
+// An attribute or field that takes a buffer that grows.
+#define APPENDS(function, ...)                                                                     \
+    Case(#function).prepared_by(a_message).calls(                                                  \
+        [] { return function(&g_buf, __VA_ARGS__) ? 0 : -1; })
+#define ADDS(function, ...) CALL(function, &g_buf, __VA_ARGS__).prepared_by(a_message)
+
 std::vector<Case> message_cases()
 {
-    return {
-        Case("bv_blob_buf_init")
-            .calls([] { return bv_blob_buf_init(&g_buf, 1); })
-            .or_fails_with({-ENOMEM})
-            .cleaned_by(drop_buffer),
-        Case("bv_blobmsg_buf_init")
-            .calls([] { return bv_blobmsg_buf_init(&g_buf); })
-            .or_fails_with({-ENOMEM})
-            .cleaned_by(drop_buffer),
-        appends("bv_blob_put_u8", [] { return bv_blob_put_u8(&g_buf, 1, 1) != nullptr; }),
-        appends("bv_blob_put_u16", [] { return bv_blob_put_u16(&g_buf, 1, 1) != nullptr; }),
-        appends("bv_blob_put_u32", [] { return bv_blob_put_u32(&g_buf, 1, 1) != nullptr; }),
-        appends("bv_blob_put_string",
-                [] { return bv_blob_put_string(&g_buf, 1, "text") != nullptr; }),
-        appends("bv_blob_put", [] { return bv_blob_put(&g_buf, 1, g_data, 300) != nullptr; }),
-        appends("bv_blob_put_raw",
-                [] {
-                    const uint8_t attribute[8] = {1, 0, 0, 8, 1, 2, 3, 4};
-                    return bv_blob_put_raw(&g_buf, attribute, sizeof attribute) != nullptr;
-                }),
-        appends("bv_blobmsg_add_u8", [] { return bv_blobmsg_add_u8(&g_buf, "n", 1) == 0; }),
-        appends("bv_blobmsg_add_u16", [] { return bv_blobmsg_add_u16(&g_buf, "n", 1) == 0; }),
-        appends("bv_blobmsg_add_u32", [] { return bv_blobmsg_add_u32(&g_buf, "n", 1) == 0; }),
-        appends("bv_blobmsg_add_string",
-                [] { return bv_blobmsg_add_string(&g_buf, "n", "text") == 0; }),
-        appends("bv_blobmsg_add_field",
-                [] { return bv_blobmsg_add_field(&g_buf, 0, "n", g_data, 300) == 0; }),
-        Case("bv_json_object_from_file")
+    static const uint8_t attribute[8] = {1, 0, 0, 8, 1, 2, 3, 4};
+    const auto tree = [](const char *name, json_object *(*make)(const char *), const char *from) {
+        return Case(name)
             .prepared_by([] { write_file("/scratch/tree.json", "{\"a\":1}"); })
-            .calls([] {
-                g_tree = bv_json_object_from_file("/scratch/tree.json");
+            .calls([=] {
+                g_tree = make(from);
                 return g_tree == nullptr ? -1 : 0;
             })
-            .or_fails_with({-1})
-            .cleaned_by([] { json_object_put(g_tree); }),
-        Case("bv_json_tokener_parse")
-            .calls([] {
-                g_tree = bv_json_tokener_parse("{\"a\":1}");
-                return g_tree == nullptr ? -1 : 0;
-            })
-            .or_fails_with({-1})
-            .cleaned_by([] { json_object_put(g_tree); }),
+            .cleaned_by([] { json_object_put(g_tree); });
     };
+    return usually(
+        {-1}, drop_buffer,
+        {{
+            CALL(bv_blob_buf_init, &g_buf, 1).or_fails_with({-ENOMEM}),
+            CALL(bv_blobmsg_buf_init, &g_buf).or_fails_with({-ENOMEM}),
+            APPENDS(bv_blob_put_u8, 1, 1),
+            APPENDS(bv_blob_put_u16, 1, 1),
+            APPENDS(bv_blob_put_u32, 1, 1),
+            APPENDS(bv_blob_put_string, 1, "text"),
+            APPENDS(bv_blob_put, 1, g_data, 300),
+            APPENDS(bv_blob_put_raw, attribute, sizeof attribute),
+            ADDS(bv_blobmsg_add_u8, "n", 1),
+            ADDS(bv_blobmsg_add_u16, "n", 1),
+            ADDS(bv_blobmsg_add_u32, "n", 1),
+            ADDS(bv_blobmsg_add_string, "n", "text"),
+            ADDS(bv_blobmsg_add_field, 0, "n", g_data, 300),
+            tree("bv_json_object_from_file", bv_json_object_from_file, "/scratch/tree.json"),
+            tree("bv_json_tokener_parse", bv_json_tokener_parse, "{\"a\":1}"),
+        }});
 }
 
 std::vector<Case> loop_cases()
 {
+    const auto a_watch = [] {
+        a_pipe();
+        bv_uloop_fd_add(&g_watch, ULOOP_READ);
+    };
     return {
-        Case("bv_uloop_init")
-            .calls([] { return bv_uloop_init(); })
-            .or_fails_with({-1})
-            .cleaned_by(bv_uloop_done),
-        Case("bv_uloop_done").prepared_by(a_loop).calls([] {
-            bv_uloop_done();
-            return 0;
-        }),
-        Case("bv_uloop_fd_add")
+        CALL(bv_uloop_init).or_fails_with({-1}).cleaned_by(bv_uloop_done),
+        RUN(bv_uloop_done).prepared_by(a_loop),
+        CALL(bv_uloop_fd_add, &g_watch, ULOOP_READ)
             .prepared_by(a_pipe)
-            .calls([] { return bv_uloop_fd_add(&g_watch, ULOOP_READ); })
             .or_fails_with({-1})
             .cleaned_by(drop_loop),
-        Case("bv_uloop_fd_delete")
-            .prepared_by([] {
-                a_pipe();
-                bv_uloop_fd_add(&g_watch, ULOOP_READ);
-            })
-            .calls([] { return bv_uloop_fd_delete(&g_watch); })
+        CALL(bv_uloop_fd_delete, &g_watch)
+            .prepared_by(a_watch)
             .or_fails_with({-1})
             .cleaned_by(drop_loop),
-        Case("bv_uloop_run")
-            .prepared_by([] {
-                a_pipe();
-                bv_uloop_fd_add(&g_watch, ULOOP_READ);
+        CALL(bv_uloop_run)
+            .prepared_by([a_watch] {
+                a_watch();
                 g_timer.cb = end_the_loop;
                 bv_uloop_timeout_set(&g_timer, 100); // late enough for a slow machine to wait
             })
-            .calls([] { return bv_uloop_run(); })
             .cleaned_by(drop_loop),
         // A start without a bus fails, and leaves the registry in place.
-        Case("bv_ubus_server_reg")
+        CALL(bv_ubus_server_reg, "raise", raise_bytes)
             .prepared_by([] { bv_ubus_server_init(kOwner, nullptr); })
-            .calls([] { return bv_ubus_server_reg("raise", raise_bytes); })
             .or_fails_with({BV_ERR_MEMORY})
             .cleaned_by(bv_uloop_done),
         Case("bv_uloop_process_add")
@@ -247,39 +220,28 @@ std::vector<Case> loop_cases()
 
 std::vector<Case> client_cases()
 {
-    return {
+    static uint32_t id;
+    static ubus_object object;
+    const auto a_client = [] { bv_ubus_client_init(kOwner); };
+    const std::vector<Case> connections = {
         Case("bv_ubus_connect")
             .calls([] {
                 a_connection();
                 return g_connection == nullptr ? -1 : 0;
             })
-            .or_fails_with({-1})
-            .cleaned_by(drop_connection),
-        Case("bv_ubus_free")
-            .prepared_by(a_connection)
-            .calls([] {
-                bv_ubus_free(g_connection);
-                g_connection = nullptr;
-                return 0;
-            })
-            .cleaned_by(drop_connection),
-        Case("bv_ubus_lookup_id")
-            .prepared_by(a_connection)
-            .calls([] {
-                uint32_t id = 0;
-                return bv_ubus_lookup_id(g_connection, kOwner, &id);
-            })
-            .or_fails_with(kStatuses)
-            .cleaned_by(drop_connection),
-        Case("bv_ubus_add_object")
-            .prepared_by(a_connection)
-            .calls([] {
-                static ubus_object object;
+            .or_fails_with({-1}),
+        Case("bv_ubus_free").prepared_by(a_connection).calls([] {
+            bv_ubus_free(g_connection);
+            g_connection = nullptr;
+            return 0;
+        }),
+        CALL(bv_ubus_lookup_id, g_connection, kOwner, &id).prepared_by(a_connection),
+        CALL(bv_ubus_add_object, g_connection, &object)
+            .prepared_by([] {
+                a_connection();
                 object = {};
                 object.name = "another";
-                return bv_ubus_add_object(g_connection, &object);
             })
-            .or_fails_with(kStatuses)
             .cleaned_by([] {
                 drop_connection();
                 usleep(20000); // the bus learns of it
@@ -294,35 +256,29 @@ std::vector<Case> client_cases()
                 g_data[0] = 0;
             })
             .calls([] {
-                static uint32_t id;
                 if (bv_ubus_lookup_id(g_connection, kOwner, &id) != 0)
                     return 4;
                 return bv_ubus_invoke(g_connection, id, "method", g_buf.head, note_reply, nullptr,
                                       500);
-            })
-            .or_fails_with(kStatuses)
-            .cleaned_by(drop_connection),
-        Case("bv_ubus_client_init")
-            .calls([] { return bv_ubus_client_init(kOwner); })
-            .or_fails_with({-1})
-            .works_when([] { return call_owner() == 42 && answer_is_right(); })
-            .cleaned_by(end_client),
+            }),
+    };
+    const std::vector<Case> callers = {
+        CALL(bv_ubus_client_init, kOwner).or_fails_with({-1}).works_when([] {
+            return call_owner() == 42 && answer_is_right();
+        }),
         Case("bv_ubus_client_call")
             .is_honest()
-            .prepared_by([] { bv_ubus_client_init(kOwner); })
+            .prepared_by(a_client)
             .calls(call_owner)
             .returns({42})
             .or_fails_with({2, 4, 7, 10, BV_ERR_INVALID})
-            .works_when(answer_is_right)
-            .cleaned_by(end_client),
-        Case("bv_ubus_client_exit")
-            .prepared_by([] { bv_ubus_client_init(kOwner); })
-            .calls([] {
-                bv_ubus_client_exit();
-                return 0;
-            })
-            .cleaned_by(end_client),
+            .works_when(answer_is_right),
+        RUN(bv_ubus_client_exit).prepared_by(a_client),
     };
+    std::vector<Case> all = usually(kStatuses, drop_connection, {connections});
+    for (const Case &c : usually({}, end_client, {callers}))
+        all.push_back(c);
+    return all;
 }
 
 // ---- an owner, called by a process that ends its loop when it has an answer ----
@@ -331,7 +287,6 @@ namespace {
 
 constexpr char kSweptOwner[] = "swept-owner";
 pid_t g_caller = -1;
-int *const g_nobody = nullptr;
 
 void end_loop_on_signal(int)
 {
@@ -382,7 +337,7 @@ void drop_caller()
 {
     if (g_caller > 0) {
         kill(g_caller, SIGKILL);
-        waitpid(g_caller, g_nobody, 0);
+        waitpid(g_caller, nullptr, 0);
     }
     g_caller = -1;
     bv_uloop_done(); // left running by a start that failed

@@ -49,7 +49,7 @@ void no_text()
     memset(g_text, 0, sizeof g_text);
 }
 
-// Old output would stay behind a shorter new one.
+// Old output would stay after a shorter new one.
 void a_plain_file()
 {
     unlink(kCipher);
@@ -63,75 +63,58 @@ void an_encrypted_file()
     unlink(kBack);
 }
 
-std::vector<Case> cipher_cases()
+bool is_hello()
 {
-    return {
-        Case("bv_aes_cbc_en")
-            .prepared_by(a_record)
-            .calls([] { return bv_aes_cbc_en(&g_record); })
-            .works_when([] { return g_record.cipher_len == 16; }),
-        Case("bv_aes_cbc_de")
-            .prepared_by(an_encrypted_record)
-            .calls([] { return bv_aes_cbc_de(&g_record); })
-            .works_when([] { return memcmp(g_record.plain, "hello", 5) == 0; }),
-        Case("bv_aes_str_en")
-            .prepared_by(no_text)
-            .calls([] { return bv_aes_str_en(g_text, sizeof g_text, "hello", kKey); })
-            .works_when([] { return strlen(g_text) == 32; }),
-        Case("bv_aes_str_de")
-            .prepared_by([] {
-                no_text();
-                bv_aes_str_en(g_hex, sizeof g_hex, "hello", kKey);
-            })
-            .calls([] { return bv_aes_str_de(g_hex, g_text, sizeof g_text, kKey); })
-            .works_when([] { return strcmp(g_text, "hello") == 0; }),
-        Case("bv_aes_file_en")
-            .prepared_by(a_plain_file)
-            .calls([] { return bv_aes_file_en(kPlain, kCipher, kKey); })
-            .works_when([] {
-                unlink(kBack);
-                bv_aes_file_de(kCipher, kBack, kKey);
-                return read_file(kBack) == content();
-            }),
-        Case("bv_aes_file_de")
-            .prepared_by(an_encrypted_file)
-            .calls([] { return bv_aes_file_de(kCipher, kBack, kKey); })
-            .works_when([] { return read_file(kBack) == content(); }),
-    };
+    return strcmp(g_text, "hello") == 0;
 }
 
-std::vector<Case> digest_cases()
+bool is_digest()
 {
-    return {
-        Case("bv_os_sm3_str")
-            .prepared_by(no_text)
-            .calls(
-                [] { return bv_os_sm3_str(reinterpret_cast<const uint8_t *>("abc"), 3, g_text); })
-            .or_fails_with({BV_ERR_MEMORY})
-            .works_when([] { return strlen(g_text) == 64; }),
-        Case("bv_os_sm3_file")
-            .prepared_by([] {
-                no_text();
-                a_plain_file();
-            })
-            .calls([] { return bv_os_sm3_file(kPlain, g_text); })
-            .or_fails_with({BV_ERR_MEMORY, BV_ERR_OPEN, BV_ERR_NO_FILE})
-            .works_when([] { return strlen(g_text) == 64; }),
-        Case("bv_os_random")
-            .calls([] { return bv_os_random(g_random, sizeof g_random); })
-            .returns({1})
-            .or_fails_with({0, UINT32_MAX}),
-    };
+    return strlen(g_text) == 64;
 }
 
 } // namespace
 
 std::vector<Case> crypto_cases()
 {
-    std::vector<Case> all = cipher_cases();
-    for (const Case &c : digest_cases())
-        all.push_back(c);
-    return all;
+    static const auto *const abc = reinterpret_cast<const uint8_t *>("abc");
+    return {
+        CALL(bv_aes_cbc_en, &g_record).prepared_by(a_record).works_when([] {
+            return g_record.cipher_len == 16;
+        }),
+        CALL(bv_aes_cbc_de, &g_record).prepared_by(an_encrypted_record).works_when([] {
+            return memcmp(g_record.plain, "hello", 5) == 0;
+        }),
+        CALL(bv_aes_str_en, g_text, sizeof g_text, "hello", kKey)
+            .prepared_by(no_text)
+            .works_when([] { return strlen(g_text) == 32; }),
+        CALL(bv_aes_str_de, g_hex, g_text, sizeof g_text, kKey)
+            .prepared_by([] {
+                no_text();
+                bv_aes_str_en(g_hex, sizeof g_hex, "hello", kKey);
+            })
+            .works_when(is_hello),
+        CALL(bv_aes_file_en, kPlain, kCipher, kKey).prepared_by(a_plain_file).works_when([] {
+            unlink(kBack);
+            bv_aes_file_de(kCipher, kBack, kKey);
+            return read_file(kBack) == content();
+        }),
+        CALL(bv_aes_file_de, kCipher, kBack, kKey).prepared_by(an_encrypted_file).works_when([] {
+            return read_file(kBack) == content();
+        }),
+        CALL(bv_os_sm3_str, abc, 3, g_text)
+            .prepared_by(no_text)
+            .or_fails_with({BV_ERR_MEMORY})
+            .works_when(is_digest),
+        CALL(bv_os_sm3_file, kPlain, g_text)
+            .prepared_by([] {
+                no_text();
+                a_plain_file();
+            })
+            .or_fails_with({BV_ERR_MEMORY, BV_ERR_OPEN, BV_ERR_NO_FILE})
+            .works_when(is_digest),
+        CALL(bv_os_random, g_random, sizeof g_random).returns({1}).or_fails_with({0, UINT32_MAX}),
+    };
 }
 
 } // namespace sweep

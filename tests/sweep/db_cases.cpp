@@ -94,142 +94,107 @@ bool database_is_sound()
 
 // Calls that write a data file. One of a full disk is cut off and not reported, so the file is
 // looked at after the call that follows.
-Case writes(const char *name, const char *path, int32_t (*function)())
+Case writes(Case c, const char *path)
 {
-    Case c(name);
-    c.prepared_by([path] {
-         loaded();
-         unlink(path);
-     })
-        .calls([function] { return function(); })
+    return c
+        .prepared_by([path] {
+            loaded();
+            unlink(path);
+        })
         .or_fails_with({BV_ERR_WRITE_OPEN, BV_ERR_MEMORY})
         .works_when([path] { return is_json(path) && database_is_sound(); });
-    return c;
 }
 
-Case registers(const char *name, int32_t (*function)(const char *))
+template <int32_t Register(const char *)>
+Case registers(const char *name)
 {
-    Case c(name);
-    c.prepared_by([] {
-         templates();
-         bv_db_init();
-     })
-        .calls([function] { return function(kLan); })
+    return Case(name)
+        .prepared_by([] {
+            templates();
+            bv_db_init();
+        })
+        .calls([] { return Register(kLan); })
         .or_fails_with({BV_ERR_MEMORY})
-        .works_when([function] { return function(kLan) == BV_ERR_EXISTS; })
+        .works_when([] { return Register(kLan) == BV_ERR_EXISTS; })
         .is_honest();
-    return c;
 }
 
-Case reloads(const char *name, int32_t (*function)(), const char *host)
+Case reloads(Case c, const char *host)
 {
-    Case c(name);
-    c.prepared_by(registered)
-        .calls([function] { return function(); })
-        .works_when([host] { return all_hosts_are(host) && database_is_sound(); })
-        .cleaned_by([] { bv_db_hash_free(); });
-    return c;
+    return c.prepared_by(registered).works_when([host] {
+        return all_hosts_are(host) && database_is_sound();
+    });
 }
 
-Case empties(Case c)
-{
-    c.cleaned_by([] { bv_db_hash_free(); });
-    return c;
-}
+const uint32_t kStart = 6; // bv_db_trigger() as bv_db_start()
+auto &g_users = g_st_db_mng.user_list;
 
-std::vector<Case> whole_database()
+} // namespace
+
+std::vector<Case> db_cases()
 {
-    return {
-        Case("bv_db_init")
-            .is_honest()
-            .calls([] { return bv_db_init(); })
-            .or_fails_with({BV_ERR_MEMORY})
-            .works_when([] { return bv_db_hash_add("x") != nullptr; }),
-        registers("bv_db_reg_user", bv_db_reg_user),
-        registers("bv_db_reg_private", bv_db_reg_private),
-        registers("bv_db_reg_factory", bv_db_reg_factory),
-        reloads("bv_db_start", bv_db_start, "stored"),
-        reloads("bv_db_template", bv_db_template, "gateway"),
-        reloads("bv_db_restore", bv_db_restore, "gateway").works_when([] {
+    const std::vector<Case> whole = {
+        CALL(bv_db_init).is_honest().or_fails_with({BV_ERR_MEMORY}).works_when([] {
+            return bv_db_hash_add("x") != nullptr;
+        }),
+        registers<bv_db_reg_user>("bv_db_reg_user"),
+        registers<bv_db_reg_private>("bv_db_reg_private"),
+        registers<bv_db_reg_factory>("bv_db_reg_factory"),
+        reloads(CALL(bv_db_start), "stored"),
+        reloads(CALL(bv_db_template), "gateway"),
+        reloads(CALL(bv_db_restore), "gateway").works_when([] {
             return host_is(kBoard, "stored") && host_is(kLan, "gateway") &&
                    host_is(kKeys, "gateway") && database_is_sound();
         }),
-        writes("bv_db_commit", kUserFile, bv_db_commit),
-        writes("bv_db_private", kPrivateFile, bv_db_private),
-        writes("bv_db_factory", kFactoryFile, bv_db_factory),
-        Case("bv_db_user_write")
+        writes(CALL(bv_db_commit), kUserFile),
+        writes(CALL(bv_db_private), kPrivateFile),
+        writes(CALL(bv_db_factory), kFactoryFile),
+        CALL(bv_db_user_write, &g_users, "/scratch/copy.json")
             .prepared_by(loaded)
-            .calls([] { return bv_db_user_write(&g_st_db_mng.user_list, "/scratch/copy.json"); })
             .or_fails_with({BV_ERR_WRITE_OPEN, BV_ERR_MEMORY})
             .works_when([] { return is_json("/scratch/copy.json"); }),
-        Case("bv_db_user_read")
+        CALL(bv_db_user_read, &g_users, kUserFile)
             .prepared_by([] {
                 registered();
                 bv_db_template();
             })
-            .calls([] { return bv_db_user_read(&g_st_db_mng.user_list, kUserFile); })
             .or_fails_with({-1})
             .works_when([] { return host_is(kLan, "stored"); }),
-        Case("bv_db_trigger")
-            .prepared_by(registered)
-            .calls([] {
-                const uint32_t start = 6;
-                return bv_db_trigger(&start);
-            })
-            .works_when([] { return all_hosts_are("stored"); }),
-        Case("bv_db_template_read")
-            .prepared_by(registered)
-            .calls([] { return bv_db_template_read(&g_st_db_mng.user_list); })
-            .works_when([] { return host_is(kLan, "gateway"); }),
-        // The name is no path here, so it is searched for.
-        Case("bv_db_template_read_single")
+        CALL(bv_db_trigger, &kStart).prepared_by(registered).works_when([] {
+            return all_hosts_are("stored");
+        }),
+        CALL(bv_db_template_read, &g_users).prepared_by(registered).works_when([] {
+            return host_is(kLan, "gateway");
+        }),
+        // The name is not a path here, so it is searched for.
+        CALL(bv_db_template_read_single, kSearched, bv_db_hash_find(kSearched))
             .is_honest()
             .prepared_by([] {
                 registered();
                 bv_db_hash_add(kSearched);
             })
-            .calls([] { return bv_db_template_read_single(kSearched, bv_db_hash_find(kSearched)); })
             .or_fails_with({-1, BV_ERR_MEMORY, BV_ERR_NO_FILE})
             .works_when([] { return host_is(kSearched, "gateway"); }),
     };
-}
-
-std::vector<Case> families_and_instances()
-{
-    return {
+    const std::vector<Case> families = {
         Case("bv_db_hash_add")
             .is_honest()
             .prepared_by(registered)
             .calls([] { return bv_db_hash_add("new") == nullptr ? -1 : 0; })
             .or_fails_with({-1})
             .works_when([] { return bv_db_hash_find("new") != nullptr; }),
-        Case("bv_db_data_add_inst")
+        CALL(bv_db_data_add_inst, bv_db_hash_find(kLan), &g_image, sizeof g_image, 2)
             .is_honest()
             .prepared_by(loaded)
-            .calls([] {
-                return bv_db_data_add_inst(bv_db_hash_find(kLan), &g_image, sizeof g_image, 2);
-            })
             .or_fails_with({BV_ERR_MEMORY})
             .works_when([] { return bv_db_inst_getnum(kLan) == 2; }),
-        Case("bv_db_inst_add")
+        CALL(bv_db_inst_add, kLan, &g_image, sizeof g_image, 2)
             .is_honest()
             .prepared_by(loaded)
-            .calls([] { return bv_db_inst_add(kLan, &g_image, sizeof g_image, 2); })
             .or_fails_with({BV_ERR_MEMORY})
             .works_when([] { return bv_db_inst_getnum(kLan) == 2 && database_is_sound(); }),
     };
-}
-
-} // namespace
-
-std::vector<Case> db_cases()
-{
-    std::vector<Case> all;
-    for (const auto &group : {whole_database(), families_and_instances()}) {
-        for (const Case &c : group)
-            all.push_back(empties(c));
-    }
-    return all;
+    return usually({}, [] { bv_db_hash_free(); }, {whole, families});
 }
 
 } // namespace sweep

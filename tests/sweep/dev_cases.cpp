@@ -44,7 +44,7 @@ int answer(int fd, unsigned long request, void *argument)
         memset(static_cast<uint8_t *>(argument) + 260, 0, 4); // the driver's result
         return 0;
     }
-    return -2;
+    return kNotAnswered;
 }
 
 void flash()
@@ -75,24 +75,23 @@ char byte_of_device(size_t at)
     return read_file(kDevice)[at];
 }
 
+mtd_info_user g_info;
+bv_ioctl_record g_record;
+const bv_sftp_info kTransfer = {"/scratch/a", "/b", "user", "host", "secret", 22};
+
 } // namespace
 
 std::vector<Case> flash_reading_cases()
 {
     return {
-        Case("bv_mtd_get_info")
+        CALL(bv_mtd_get_info, "conf", &g_info)
             .is_slow()
             .prepared_by(flash)
-            .calls([] {
-                mtd_info_user info;
-                return bv_mtd_get_info("conf", &info);
-            })
             .or_fails_with({BV_ERR_FAILED}),
-        Case("bv_mtd_read")
+        CALL(bv_mtd_read, "conf", g_buffer, 16, sizeof g_buffer)
             .is_slow()
             .is_honest()
             .prepared_by(flash)
-            .calls([] { return bv_mtd_read("conf", g_buffer, 16, sizeof g_buffer); })
             .or_fails_with({BV_ERR_FAILED, BV_ERR_OPEN, BV_ERR_SHORT_READ})
             .works_when([] { return g_buffer[0] == 'f' && g_buffer[sizeof g_buffer - 1] == 'f'; }),
     };
@@ -101,11 +100,10 @@ std::vector<Case> flash_reading_cases()
 std::vector<Case> flash_writing_cases()
 {
     return {
-        Case("bv_mtd_write")
+        CALL(bv_mtd_write, "conf", g_buffer, 16, sizeof g_buffer)
             .is_slow()
             .is_honest()
             .prepared_by(flash)
-            .calls([] { return bv_mtd_write("conf", g_buffer, 16, sizeof g_buffer); })
             .or_fails_with({BV_ERR_FAILED, BV_ERR_OPEN, BV_ERR_SHORT_WRITE})
             .works_when([] { return byte_of_device(15) == 'f' && byte_of_device(16) == 'b'; }),
     };
@@ -115,10 +113,9 @@ std::vector<Case> flash_writing_cases()
 std::vector<Case> flash_erasing_cases()
 {
     return {
-        Case("bv_mtd_erase")
+        CALL(bv_mtd_erase, "conf", kBlock, kBlock)
             .is_slow()
             .prepared_by(flash)
-            .calls([] { return bv_mtd_erase("conf", kBlock, kBlock); })
             .or_fails_with({BV_ERR_FAILED, BV_ERR_OPEN})
             .works_when([] {
                 return byte_of_device(kBlock - 1) == 'f' && byte_of_device(kBlock) == '\xff' &&
@@ -129,27 +126,15 @@ std::vector<Case> flash_erasing_cases()
 
 std::vector<Case> driver_cases()
 {
-    static const bv_sftp_info transfer = {"/scratch/a", "/b", "user", "host", "secret", 22};
     return {
-        Case("bv_ioctl_call")
+        CALL(bv_ioctl_call, "name", g_buffer, 64)
             .prepared_by(driver)
-            .calls([] { return bv_ioctl_call("name", g_buffer, 64); })
             .or_fails_with({BV_ERR_MEMORY, BV_ERR_CHANNEL, UINT32_MAX}),
-        Case("bv_ioctl_system")
+        CALL(bv_ioctl_system, &g_record)
             .prepared_by(driver)
-            .calls([] {
-                static bv_ioctl_record record;
-                return bv_ioctl_system(&record);
-            })
             .or_fails_with({BV_ERR_CHANNEL, UINT32_MAX}),
-        Case("bv_sftp_get")
-            .prepared_by(script)
-            .calls([] { return bv_sftp_get(&transfer); })
-            .or_fails_with({-1}),
-        Case("bv_sftp_put")
-            .prepared_by(script)
-            .calls([] { return bv_sftp_put(&transfer); })
-            .or_fails_with({-1}),
+        CALL(bv_sftp_get, &kTransfer).prepared_by(script).or_fails_with({-1}),
+        CALL(bv_sftp_put, &kTransfer).prepared_by(script).or_fails_with({-1}),
     };
 }
 

@@ -75,39 +75,40 @@ void drop_shared_memory()
     shmctl(g_id, IPC_RMID, nullptr);
 }
 
-void a_pending_signal()
+sigset_t *usr1()
 {
-    sigset_t set;
+    static sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGUSR1);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return &set;
+}
+
+void a_pending_signal()
+{
+    sigprocmask(SIG_BLOCK, usr1(), nullptr);
     raise(SIGUSR1);
 }
 
 void take_pending_signal()
 {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGUSR1);
     const timespec now = {};
-    while (sigtimedwait(&set, nullptr, &now) > 0) {
+    while (sigtimedwait(usr1(), nullptr, &now) > 0) {
     }
 }
 
-sigset_t usr1()
+template <void *Body(void *)>
+void a_thread()
 {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGUSR1);
-    return set;
+    pthread_create(&g_thread, nullptr, Body, nullptr);
 }
 
-Case plain(const char *name)
-{
-    Case c(name);
-    c.or_fails_with({-1});
-    return c;
-}
+int g_number;
+sigset_t g_set;
+sembuf g_up = {0, 1, 0};
+shmid_ds g_state;
+const timespec kFiveSeconds = {5, 0};
+const itimerval kNoTimer = {};
+const itimerspec kNoTime = {};
 
 std::vector<Case> thread_cases()
 {
@@ -125,47 +126,31 @@ std::vector<Case> thread_cases()
                 if (g_thread != 0)
                     pthread_join(g_thread, nullptr);
             }),
-        Case("bv_os_pthread_join")
+        CALL(bv_os_pthread_join, g_thread, nullptr)
             .has_threads()
-            .prepared_by([] { pthread_create(&g_thread, nullptr, end_at_once, nullptr); })
-            .calls([] { return bv_os_pthread_join(g_thread, nullptr); })
+            .prepared_by(a_thread<end_at_once>)
             .or_fails_with({EDEADLK}),
-        Case("bv_os_pthread_detach")
+        CALL(bv_os_pthread_detach, g_thread)
             .has_threads()
-            .prepared_by([] { pthread_create(&g_thread, nullptr, end_at_once, nullptr); })
-            .calls([] { return bv_os_pthread_detach(g_thread); })
+            .prepared_by(a_thread<end_at_once>)
             .or_fails_with({ESRCH}),
-        Case("bv_os_pthread_kill")
+        CALL(bv_os_pthread_kill, g_thread, 0)
             .has_threads()
-            .prepared_by([] { pthread_create(&g_thread, nullptr, wait_for_ever, nullptr); })
-            .calls([] { return bv_os_pthread_kill(g_thread, 0); })
+            .prepared_by(a_thread<wait_for_ever>)
             .or_fails_with({ESRCH}),
-        Case("bv_os_pthread_sigmask")
-            .calls([] {
-                const sigset_t set = usr1();
-                return bv_os_pthread_sigmask(SIG_BLOCK, &set, nullptr);
-            })
-            .or_fails_with({EINVAL}),
+        CALL(bv_os_pthread_sigmask, SIG_BLOCK, usr1(), nullptr).or_fails_with({EINVAL}),
     };
 }
 
 std::vector<Case> semaphore_cases()
 {
     return {
-        plain("bv_os_sem_init").calls([] { return bv_os_sem_init(&g_sem, 0, 0); }),
-        plain("bv_os_sem_destroy").prepared_by(a_semaphore).calls([] {
-            return bv_os_sem_destroy(&g_sem);
-        }),
-        plain("bv_os_sem_wait").prepared_by(a_semaphore).calls([] {
-            return bv_os_sem_wait(&g_sem);
-        }),
-        plain("bv_os_sem_trywait").prepared_by(a_semaphore).calls([] {
-            return bv_os_sem_trywait(&g_sem);
-        }),
-        plain("bv_os_sem_post").prepared_by(a_semaphore).calls([] {
-            return bv_os_sem_post(&g_sem);
-        }),
-        plain("bv_os_sem_open")
+        CALL(bv_os_sem_init, &g_sem, 0, 0),
+        CALL(bv_os_sem_destroy, &g_sem).prepared_by(a_semaphore),
+        CALL(bv_os_sem_wait, &g_sem).prepared_by(a_semaphore),
+        CALL(bv_os_sem_trywait, &g_sem).prepared_by(a_semaphore),
+        CALL(bv_os_sem_post, &g_sem).prepared_by(a_semaphore),
+        Case("bv_os_sem_open")
             .calls([] {
                 g_named = bv_os_sem_open(kSemaphore, O_CREAT, 0600, 1);
                 return g_named == SEM_FAILED ? -1 : 0;
@@ -175,35 +160,26 @@ std::vector<Case> semaphore_cases()
                     sem_close(g_named);
                 forget_named_semaphore();
             }),
-        plain("bv_os_sem_close")
+        CALL(bv_os_sem_close, g_named)
             .prepared_by(a_named_semaphore)
-            .calls([] { return bv_os_sem_close(g_named); })
             .cleaned_by(forget_named_semaphore),
-        plain("bv_os_sem_unlink")
-            .prepared_by(a_named_semaphore)
-            .calls([] { return bv_os_sem_unlink(kSemaphore); })
-            .cleaned_by([] {
-                sem_close(g_named);
-                forget_named_semaphore();
-            }),
-        plain("bv_os_semget")
+        CALL(bv_os_sem_unlink, kSemaphore).prepared_by(a_named_semaphore).cleaned_by([] {
+            sem_close(g_named);
+            forget_named_semaphore();
+        }),
+        Case("bv_os_semget")
             .calls([] {
                 g_id = bv_os_semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
                 return g_id < 0 ? -1 : 0;
             })
             .cleaned_by(drop_semaphore_set),
-        plain("bv_os_semctl")
+        CALL(bv_os_semctl, g_id, 0, GETVAL)
             .prepared_by(a_semaphore_set)
-            .calls([] { return bv_os_semctl(g_id, 0, GETVAL); })
             .cleaned_by(drop_semaphore_set),
-        plain("bv_os_semop")
+        CALL(bv_os_semop, g_id, &g_up, 1)
             .prepared_by(a_semaphore_set)
-            .calls([] {
-                sembuf up = {0, 1, 0};
-                return bv_os_semop(g_id, &up, 1);
-            })
             .cleaned_by(drop_semaphore_set),
-        plain("bv_os_shmat")
+        Case("bv_os_shmat")
             .prepared_by(shared_memory)
             .calls([] {
                 void *at = bv_os_shmat(g_id, nullptr, 0);
@@ -213,7 +189,7 @@ std::vector<Case> semaphore_cases()
                 return 0;
             })
             .cleaned_by(drop_shared_memory),
-        plain("bv_os_shmdt")
+        Case("bv_os_shmdt")
             .prepared_by([] {
                 shared_memory();
                 g_shared = shmat(g_id, nullptr, 0);
@@ -225,12 +201,8 @@ std::vector<Case> semaphore_cases()
                 return result;
             })
             .cleaned_by(drop_shared_memory),
-        plain("bv_os_shmctl")
+        CALL(bv_os_shmctl, g_id, IPC_STAT, &g_state)
             .prepared_by(shared_memory)
-            .calls([] {
-                shmid_ds state;
-                return bv_os_shmctl(g_id, IPC_STAT, &state);
-            })
             .cleaned_by(drop_shared_memory),
     };
 }
@@ -238,62 +210,32 @@ std::vector<Case> semaphore_cases()
 std::vector<Case> signal_and_time_cases()
 {
     return {
-        plain("bv_os_sigaction").calls([] {
-            struct sigaction old;
-            return bv_os_sigaction(SIGUSR1, nullptr, &old);
-        }),
-        plain("bv_os_signal").calls([] {
+        CALL(bv_os_sigaction, SIGUSR1, nullptr, nullptr),
+        Case("bv_os_signal").calls([] {
             return bv_os_signal(SIGUSR1, SIG_IGN) == SIG_ERR ? -1 : 0;
         }),
-        plain("bv_os_sigprocmask").calls([] {
-            const sigset_t set = usr1();
-            return bv_os_sigprocmask(SIG_BLOCK, &set, nullptr);
-        }),
-        plain("bv_os_sigpending").calls([] {
-            sigset_t set;
-            return bv_os_sigpending(&set);
-        }),
-        Case("bv_os_sigwait")
+        CALL(bv_os_sigprocmask, SIG_BLOCK, usr1(), nullptr),
+        CALL(bv_os_sigpending, &g_set),
+        CALL(bv_os_sigwait, usr1(), &g_number)
             .prepared_by(a_pending_signal)
-            .calls([] {
-                const sigset_t set = usr1();
-                int number;
-                return bv_os_sigwait(&set, &number);
-            })
             .or_fails_with({EINVAL})
             .cleaned_by(take_pending_signal),
-        plain("bv_os_sigwaitinfo")
+        CALL(bv_os_sigwaitinfo, usr1(), nullptr)
             .prepared_by(a_pending_signal)
-            .calls([] {
-                const sigset_t set = usr1();
-                return bv_os_sigwaitinfo(&set, nullptr);
-            })
             .returns({SIGUSR1})
             .cleaned_by(take_pending_signal),
-        plain("bv_os_sigtimedwait")
+        CALL(bv_os_sigtimedwait, usr1(), nullptr, &kFiveSeconds)
             .prepared_by(a_pending_signal)
-            .calls([] {
-                const sigset_t set = usr1();
-                const timespec timeout = {5, 0};
-                return bv_os_sigtimedwait(&set, nullptr, &timeout);
-            })
             .returns({SIGUSR1})
             .cleaned_by(take_pending_signal),
-        plain("bv_os_usleep").calls([] { return bv_os_usleep(10); }),
-        plain("bv_os_msleep").calls([] { return bv_os_msleep(1); }),
-        plain("bv_os_setitimer").calls([] {
-            const itimerval value = {};
-            return bv_os_setitimer(ITIMER_VIRTUAL, &value, nullptr);
-        }),
-        plain("bv_os_timer_settime")
+        CALL(bv_os_usleep, 10),
+        CALL(bv_os_msleep, 1),
+        CALL(bv_os_setitimer, ITIMER_VIRTUAL, &kNoTimer, nullptr),
+        CALL(bv_os_timer_settime, g_timer, 0, &kNoTime, nullptr)
             .prepared_by([] {
                 sigevent none = {};
                 none.sigev_notify = SIGEV_NONE;
                 timer_create(CLOCK_MONOTONIC, &none, &g_timer);
-            })
-            .calls([] {
-                const itimerspec value = {};
-                return bv_os_timer_settime(g_timer, 0, &value, nullptr);
             })
             .cleaned_by([] { timer_delete(g_timer); }),
     };
@@ -303,10 +245,7 @@ std::vector<Case> signal_and_time_cases()
 
 std::vector<Case> ipc_cases()
 {
-    std::vector<Case> all;
-    for (const auto &group : {thread_cases(), semaphore_cases(), signal_and_time_cases()})
-        all.insert(all.end(), group.begin(), group.end());
-    return all;
+    return usually({-1}, nullptr, {thread_cases(), semaphore_cases(), signal_and_time_cases()});
 }
 
 } // namespace sweep

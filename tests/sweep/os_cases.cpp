@@ -29,7 +29,9 @@ void *g_block;
 char g_text[256];
 char g_digits[5000];
 
-// A descriptor as a result: 0 and kept for cleaning, or the failure itself.
+#define KEEP(function, ...) Case(#function).calls([] { return keep(function(__VA_ARGS__)); })
+
+// A result that is 0 when there is a descriptor or stream, which is kept for cleaning.
 int64_t keep(int fd)
 {
     g_fd = fd;
@@ -40,6 +42,14 @@ int64_t keep(FILE *stream)
 {
     g_stream = stream;
     return stream != nullptr ? 0 : -1;
+}
+
+// The same for what was closed: it is forgotten, whatever closing it reported.
+int64_t gone(int result)
+{
+    g_fd = -1;
+    g_stream = nullptr;
+    return result;
 }
 
 void clean()
@@ -74,9 +84,9 @@ void a_stream()
     g_stream = fopen(kFile, "r+");
 }
 
-void a_pair(int type)
+void a_pair()
 {
-    if (socketpair(AF_UNIX, type, 0, g_pair) != 0)
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, g_pair) != 0)
         abort();
     for (int fd : g_pair) {
         if (write(fd, "data", 4) != 4)
@@ -84,26 +94,28 @@ void a_pair(int type)
     }
 }
 
-void a_bound_socket(int type)
+// ---- sockets of one address ----
+
+sockaddr_in g_address;
+auto *const g_to = reinterpret_cast<sockaddr *>(&g_address);
+
+void a_socket(int type)
 {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(4000);
-    const int on = 1;
-    g_pair[0] = socket(AF_INET, type, 0);
-    setsockopt(g_pair[0], SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(g_pair[0], reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
-        abort();
+    g_address.sin_family = AF_INET;
+    g_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    g_address.sin_port = htons(4000);
+    g_fd = socket(AF_INET, type, 0);
 }
 
-sockaddr_in listener_address()
+void a_bound_socket(int type)
 {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(4000);
-    return address;
+    a_socket(type);
+    const int on = 1;
+    g_pair[0] = g_fd;
+    g_fd = -1;
+    setsockopt(g_pair[0], SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(g_pair[0], g_to, sizeof g_address) != 0)
+        abort();
 }
 
 void a_listener()
@@ -115,111 +127,94 @@ void a_listener()
 void a_waiting_client()
 {
     a_listener();
-    const sockaddr_in address = listener_address();
     g_pair[1] = socket(AF_INET, SOCK_STREAM, 0);
-    if (connect(g_pair[1], reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+    if (connect(g_pair[1], g_to, sizeof g_address) != 0)
         abort();
 }
 
-Case plain(const char *name)
+// One part of the text as a message.
+msghdr *a_message(size_t length)
 {
-    Case c(name);
-    c.cleaned_by(clean).or_fails_with({-1});
-    return c;
+    static iovec part;
+    static msghdr message;
+    part = {g_text, length};
+    message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return &message;
 }
+
+epoll_event *an_event()
+{
+    static epoll_event event;
+    event = {};
+    event.events = EPOLLIN;
+    return &event;
+}
+
+void an_epoll()
+{
+    a_pair();
+    g_fd = epoll_create(1);
+}
+
+const int kOn = 1;
+struct stat g_stat;
 
 std::vector<Case> file_cases()
 {
     return {
-        plain("bv_os_open").prepared_by(a_file).calls([] {
-            return keep(bv_os_open(kFile, O_RDWR));
-        }),
-        plain("bv_os_dev_open").calls([] { return keep(bv_os_dev_open("/dev/null", O_RDWR)); }),
-        plain("bv_os_creat").calls([] { return keep(bv_os_creat(kOther, 0600)); }),
-        plain("bv_os_close").prepared_by(an_open_file).calls([] {
-            const int result = bv_os_close(g_fd);
-            g_fd = -1;
-            return result;
-        }),
-        plain("bv_os_read")
+        KEEP(bv_os_open, kFile, O_RDWR).prepared_by(a_file),
+        KEEP(bv_os_dev_open, "/dev/null", O_RDWR),
+        KEEP(bv_os_creat, kOther, 0600),
+        Case("bv_os_close").calls([] { return gone(bv_os_close(g_fd)); }).prepared_by(an_open_file),
+        CALL(bv_os_read, g_fd, g_text, 5)
             .prepared_by(an_open_file)
-            .calls([] { return bv_os_read(g_fd, g_text, 5); })
             .returns({5})
             .or_fails_with({-1, 0, 2}),
-        plain("bv_os_write")
+        CALL(bv_os_write, g_fd, "abcd", 4)
             .prepared_by(an_open_file)
-            .calls([] { return bv_os_write(g_fd, "abcd", 4); })
             .returns({4})
             .or_fails_with({-1, 2}),
-        plain("bv_os_lseek")
-            .prepared_by(an_open_file)
-            .calls([] { return bv_os_lseek(g_fd, 0, SEEK_END); })
-            .returns({5}),
-        plain("bv_os_flock").prepared_by(an_open_file).calls([] {
-            return bv_os_flock(g_fd, LOCK_EX);
-        }),
-        plain("bv_os_access").prepared_by(a_file).calls([] { return bv_os_access(kFile, F_OK); }),
-        plain("bv_os_stat").prepared_by(a_file).calls([] {
-            struct stat st;
-            return bv_os_stat(kFile, &st);
-        }),
-        plain("bv_os_fstat").prepared_by(an_open_file).calls([] {
-            struct stat st;
-            return bv_os_fstat(g_fd, &st);
-        }),
-        plain("bv_get_filesize")
-            .prepared_by(a_file)
-            .calls([] { return bv_get_filesize(kFile); })
-            .returns({5}),
-        plain("bv_os_remove").prepared_by(a_file).calls([] { return bv_os_remove(kFile); }),
-        plain("bv_os_rename").prepared_by(a_file).calls([] { return bv_os_rename(kFile, kOther); }),
-        plain("bv_os_mkfifo").calls([] { return bv_os_mkfifo(kOther, 0600); }),
-        plain("bv_os_chdir").calls([] { return bv_os_chdir("/scratch"); }),
-        plain("bv_os_pipe").calls([] { return bv_os_pipe(g_pair); }),
+        CALL(bv_os_lseek, g_fd, 0, SEEK_END).prepared_by(an_open_file).returns({5}),
+        CALL(bv_os_flock, g_fd, LOCK_EX).prepared_by(an_open_file),
+        CALL(bv_os_access, kFile, F_OK).prepared_by(a_file),
+        CALL(bv_os_stat, kFile, &g_stat).prepared_by(a_file),
+        CALL(bv_os_fstat, g_fd, &g_stat).prepared_by(an_open_file),
+        CALL(bv_get_filesize, kFile).prepared_by(a_file).returns({5}),
+        CALL(bv_os_remove, kFile).prepared_by(a_file),
+        CALL(bv_os_rename, kFile, kOther).prepared_by(a_file),
+        CALL(bv_os_mkfifo, kOther, 0600),
+        CALL(bv_os_chdir, "/scratch"),
+        CALL(bv_os_pipe, g_pair),
     };
 }
 
 std::vector<Case> stream_cases()
 {
     return {
-        plain("bv_os_fopen").prepared_by(a_file).calls([] {
-            return keep(bv_os_fopen(kFile, "r"));
-        }),
-        plain("bv_os_fclose").prepared_by(a_stream).calls([] {
-            const int result = bv_os_fclose(g_stream);
-            g_stream = nullptr;
-            return result;
-        }),
-        plain("bv_os_fread")
+        KEEP(bv_os_fopen, kFile, "r").prepared_by(a_file),
+        Case("bv_os_fclose")
+            .calls([] { return gone(bv_os_fclose(g_stream)); })
+            .prepared_by(a_stream),
+        CALL(bv_os_fread, g_text, 1, 5, g_stream)
             .prepared_by(a_stream)
-            .calls([] { return static_cast<int64_t>(bv_os_fread(g_text, 1, 5, g_stream)); })
             .returns({5})
             .or_fails_with({0}),
-        plain("bv_os_fwrite")
+        CALL(bv_os_fwrite, "abc", 1, 3, g_stream)
             .prepared_by(a_stream)
-            .calls([] { return static_cast<int64_t>(bv_os_fwrite("abc", 1, 3, g_stream)); })
             .returns({3})
             .or_fails_with({0}),
-        plain("bv_os_fseek").prepared_by(a_stream).calls([] {
-            return bv_os_fseek(g_stream, 0, SEEK_END);
-        }),
-        plain("bv_os_fgets").prepared_by(a_stream).calls([] {
+        CALL(bv_os_fseek, g_stream, 0, SEEK_END).prepared_by(a_stream),
+        Case("bv_os_fgets").prepared_by(a_stream).calls([] {
             return bv_os_fgets(g_text, sizeof g_text, g_stream) == g_text ? 0 : -1;
         }),
-        plain("bv_os_fprintf")
-            .prepared_by(a_stream)
-            .calls([] { return bv_os_fprintf(g_stream, "%d", 42); })
-            .returns({2}),
-        plain("bv_os_printf").calls([] { return bv_os_printf("%d", 42); }).returns({2}),
-        plain("bv_os_printa").calls([] {
-            bv_os_printa("abc", 6);
-            return 0;
-        }),
-        plain("bv_os_printb")
-            .calls([] { return bv_os_printb("0123456789abcdef", 16); })
-            .returns({2}),
+        CALL(bv_os_fprintf, g_stream, "%d", 42).prepared_by(a_stream).returns({2}),
+        CALL(bv_os_printf, "%d", 42).returns({2}),
+        RUN(bv_os_printa, "abc", 6),
+        CALL(bv_os_printb, "0123456789abcdef", 16).returns({2}),
         // A number of many digits takes memory of the bounded scan.
-        plain("bv_os_sscanf")
+        Case("bv_os_sscanf")
             .prepared_by([] {
                 memset(g_digits, '5', sizeof g_digits - 1);
                 g_digits[1] = '.';
@@ -228,15 +223,12 @@ std::vector<Case> stream_cases()
                 float number = 0;
                 return bv_os_sscanf(g_digits, "%f", &number) == 1 && number > 5 ? 0 : -1;
             }),
-        plain("bv_os_popen").calls([] { return keep(bv_os_popen("true", "r")); }).cleaned_by([] {
+        KEEP(bv_os_popen, "true", "r").cleaned_by([] {
             if (g_stream != nullptr)
-                bv_os_pclose(g_stream);
-            g_stream = nullptr;
+                gone(bv_os_pclose(g_stream));
         }),
-        plain("bv_os_pclose").prepared_by([] { g_stream = popen("true", "r"); }).calls([] {
-            const int result = bv_os_pclose(g_stream);
-            g_stream = nullptr;
-            return result;
+        Case("bv_os_pclose").prepared_by([] { g_stream = popen("true", "r"); }).calls([] {
+            return gone(bv_os_pclose(g_stream));
         }),
     };
 }
@@ -245,42 +237,31 @@ std::vector<Case> shell_cases()
 {
     const auto captured = [] { return strcmp(g_text, "hello") == 0; };
     return {
-        plain("bv_os_system").calls([] { return bv_os_system("true"); }),
-        plain("bv_os_systemnull").calls([] { return bv_os_systemnull("echo x"); }),
-        plain("bv_os_systembk").calls([] { return bv_os_systembk("true"); }),
-        plain("bv_os_sysprocess").calls([] {
+        CALL(bv_os_system, "true"),
+        CALL(bv_os_systemnull, "echo x"),
+        CALL(bv_os_systembk, "true"),
+        Case("bv_os_sysprocess").calls([] {
             return bv_os_sysprocess("true") == -1 ? -1 : 0; // whether there is such a user or not
         }),
-        plain("bv_os_systemex")
-            .calls([] { return bv_os_systemex(g_text, sizeof g_text, "echo hello"); })
+        CALL(bv_os_systemex, g_text, sizeof g_text, "echo hello")
             .or_fails_with({BV_ERR_FAILED, BV_ERR_NO_FILE})
             .works_when(captured),
-        plain("bv_os_sysmatch")
-            .calls(
-                [] { return bv_os_sysmatch(g_text, sizeof g_text, "key", ":", "echo key:hello"); })
+        CALL(bv_os_sysmatch, g_text, sizeof g_text, "key", ":", "echo key:hello")
             .or_fails_with({BV_ERR_FAILED, BV_ERR_NO_FILE})
             .works_when(captured),
-        plain("bv_get_pipe")
-            .calls([] {
-                bv_get_pipe("echo hello", g_text, sizeof g_text);
-                return 0;
-            })
-            .works_when([] { return strcmp(g_text, "hello\n") == 0; }),
-        plain("bv_os_record_init").calls([] { return bv_os_record_init(); }),
-        plain("bv_os_record")
+        RUN(bv_get_pipe, "echo hello", g_text, sizeof g_text).works_when([] {
+            return strcmp(g_text, "hello\n") == 0;
+        }),
+        CALL(bv_os_record_init),
+        CALL(bv_os_record, "%s", "line")
             .prepared_by([] { unlink("/tmp/remoteprint"); })
-            .calls([] { return bv_os_record("%s", "line"); })
             .returns({4})
             .or_fails_with({-1, BV_ERR_RECORD})
             .works_when([] { return read_file("/tmp/remoteprint") == "line"; }),
-        plain("bv_os_record_output")
+        RUN(bv_os_record_output)
             .prepared_by([] {
                 write_file("/tmp/remoteprint", "line");
                 write_file("/tmp/tty", kOther);
-            })
-            .calls([] {
-                bv_os_record_output();
-                return 0;
             })
             .works_when([] { return read_file(kOther) == "line"; }),
     };
@@ -288,75 +269,37 @@ std::vector<Case> shell_cases()
 
 std::vector<Case> socket_cases()
 {
-    static sockaddr_in address = listener_address();
-    static auto *const to = reinterpret_cast<sockaddr *>(&address);
     return {
-        plain("bv_os_socket").calls([] { return keep(bv_os_socket(AF_INET, SOCK_DGRAM, 0)); }),
-        plain("bv_os_bind").prepared_by([] { g_fd = socket(AF_INET, SOCK_DGRAM, 0); }).calls([] {
-            return bv_os_bind(g_fd, to, sizeof address);
+        KEEP(bv_os_socket, AF_INET, SOCK_DGRAM, 0),
+        CALL(bv_os_bind, g_fd, g_to, sizeof g_address).prepared_by([] { a_socket(SOCK_DGRAM); }),
+        CALL(bv_os_listen, g_pair[0], 4).prepared_by([] { a_bound_socket(SOCK_STREAM); }),
+        KEEP(bv_os_accept, g_pair[0], nullptr, nullptr).prepared_by(a_waiting_client),
+        CALL(bv_os_connect, g_fd, g_to, sizeof g_address).prepared_by([] {
+            a_listener();
+            a_socket(SOCK_STREAM);
         }),
-        plain("bv_os_listen").prepared_by([] { a_bound_socket(SOCK_STREAM); }).calls([] {
-            return bv_os_listen(g_pair[0], 4);
-        }),
-        plain("bv_os_accept").prepared_by(a_waiting_client).calls([] {
-            return keep(bv_os_accept(g_pair[0], nullptr, nullptr));
-        }),
-        plain("bv_os_connect")
-            .prepared_by([] {
-                a_listener();
-                g_fd = socket(AF_INET, SOCK_STREAM, 0);
-            })
-            .calls([] { return bv_os_connect(g_fd, to, sizeof address); }),
-        plain("bv_os_shutdown").prepared_by([] { a_pair(SOCK_STREAM); }).calls([] {
-            return bv_os_shutdown(g_pair[0]);
-        }),
-        plain("bv_os_send")
-            .prepared_by([] { a_pair(SOCK_STREAM); })
-            .calls([] { return bv_os_send(g_pair[0], "abc", 3, 0); })
-            .returns({3}),
-        plain("bv_os_sendto")
+        CALL(bv_os_shutdown, g_pair[0]).prepared_by(a_pair),
+        CALL(bv_os_send, g_pair[0], "abc", 3, 0).prepared_by(a_pair).returns({3}),
+        CALL(bv_os_sendto, g_pair[0], "abc", 3, 0, g_to, sizeof g_address)
             .prepared_by([] { a_bound_socket(SOCK_DGRAM); })
-            .calls([] { return bv_os_sendto(g_pair[0], "abc", 3, 0, to, sizeof address); })
             .returns({3}),
-        plain("bv_os_sendmsg")
-            .prepared_by([] { a_pair(SOCK_STREAM); })
-            .calls([] {
-                iovec part = {g_text, 3};
-                msghdr message = {};
-                message.msg_iov = &part;
-                message.msg_iovlen = 1;
-                return bv_os_sendmsg(g_pair[0], &message, 0);
-            })
-            .returns({3}),
-        plain("bv_os_recv")
-            .prepared_by([] { a_pair(SOCK_STREAM); })
-            .calls([] { return bv_os_recv(g_pair[0], g_text, 4, 0); })
+        CALL(bv_os_sendmsg, g_pair[0], a_message(3), 0).prepared_by(a_pair).returns({3}),
+        CALL(bv_os_recv, g_pair[0], g_text, 4, 0)
+            .prepared_by(a_pair)
             .returns({4})
             .or_fails_with({-1, 0}),
-        plain("bv_os_recvfrom")
-            .prepared_by([] { a_pair(SOCK_STREAM); })
-            .calls([] { return bv_os_recvfrom(g_pair[0], g_text, 4, 0, nullptr, nullptr); })
+        CALL(bv_os_recvfrom, g_pair[0], g_text, 4, 0, nullptr, nullptr)
+            .prepared_by(a_pair)
             .returns({4}),
-        plain("bv_os_recvmsg")
-            .prepared_by([] { a_pair(SOCK_STREAM); })
-            .calls([] {
-                iovec part = {g_text, 4};
-                msghdr message = {};
-                message.msg_iov = &part;
-                message.msg_iovlen = 1;
-                return bv_os_recvmsg(g_pair[0], &message, 0);
-            })
-            .returns({4}),
-        plain("bv_os_setsockopt").prepared_by([] { a_pair(SOCK_STREAM); }).calls([] {
-            const int on = 1;
-            return bv_os_setsockopt(g_pair[0], SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-        }),
-        plain("bv_os_ioctl").prepared_by([] { a_pair(SOCK_STREAM); }).calls([] {
+        CALL(bv_os_recvmsg, g_pair[0], a_message(4), 0).prepared_by(a_pair).returns({4}),
+        CALL(bv_os_setsockopt, g_pair[0], SOL_SOCKET, SO_KEEPALIVE, &kOn, sizeof kOn)
+            .prepared_by(a_pair),
+        Case("bv_os_ioctl").prepared_by(a_pair).calls([] {
             int waiting = 0;
             return bv_os_ioctl(g_pair[0], FIONREAD, &waiting);
         }),
-        plain("bv_os_select")
-            .prepared_by([] { a_pair(SOCK_STREAM); })
+        Case("bv_os_select")
+            .prepared_by(a_pair)
             .calls([] {
                 fd_set readable;
                 FD_ZERO(&readable);
@@ -365,41 +308,19 @@ std::vector<Case> socket_cases()
                 return bv_os_select(g_pair[0] + 1, &readable, nullptr, nullptr, &timeout);
             })
             .returns({1}),
-        plain("bv_os_epoll_create").calls([] { return keep(bv_os_epoll_create(1)); }),
-        plain("bv_os_epoll_ctl")
+        KEEP(bv_os_epoll_create, 1),
+        CALL(bv_os_epoll_ctl, g_fd, EPOLL_CTL_ADD, g_pair[0], an_event()).prepared_by(an_epoll),
+        CALL(bv_os_epoll_wait, g_fd, an_event(), 1, 5000)
             .prepared_by([] {
-                a_pair(SOCK_STREAM);
-                g_fd = epoll_create(1);
-            })
-            .calls([] {
-                epoll_event event = {};
-                event.events = EPOLLIN;
-                return bv_os_epoll_ctl(g_fd, EPOLL_CTL_ADD, g_pair[0], &event);
-            }),
-        plain("bv_os_epoll_wait")
-            .prepared_by([] {
-                a_pair(SOCK_STREAM);
-                g_fd = epoll_create(1);
-                epoll_event event = {};
-                event.events = EPOLLIN;
-                epoll_ctl(g_fd, EPOLL_CTL_ADD, g_pair[0], &event);
-            })
-            .calls([] {
-                epoll_event event;
-                return bv_os_epoll_wait(g_fd, &event, 1, 5000);
+                an_epoll();
+                epoll_ctl(g_fd, EPOLL_CTL_ADD, g_pair[0], an_event());
             })
             .returns({1}),
-    };
-}
-
-std::vector<Case> memory_and_text_cases()
-{
-    return {
-        plain("bv_os_malloc").calls([] {
+        Case("bv_os_malloc").calls([] {
             g_block = bv_os_malloc(100);
             return g_block != nullptr ? 0 : -1;
         }),
-        plain("bv_os_match").calls([] { return bv_os_match("abc", "b+"); }),
+        CALL(bv_os_match, "abc", "b+"),
     };
 }
 
@@ -407,11 +328,7 @@ std::vector<Case> memory_and_text_cases()
 
 std::vector<Case> os_cases()
 {
-    std::vector<Case> all;
-    for (const auto &group :
-         {file_cases(), stream_cases(), shell_cases(), socket_cases(), memory_and_text_cases()})
-        all.insert(all.end(), group.begin(), group.end());
-    return all;
+    return usually({-1}, clean, {file_cases(), stream_cases(), shell_cases(), socket_cases()});
 }
 
 } // namespace sweep

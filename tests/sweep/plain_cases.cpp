@@ -1,7 +1,7 @@
-// The functions that the sweep leaves out because nothing in them fails, and harder arguments for
-// some that it has: floating point, a long pattern, families whose templates are searched for.
+// Functions that ask nothing of the system that could be refused: they compute, on their arguments'
+// memory alone, or hand their arguments to a function of that kind.
 
-#include "stack/plain_cases.h"
+#include "sweep/sweep.h"
 
 #include "support/files.h"
 
@@ -10,20 +10,36 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace stack {
+namespace sweep {
+
+std::vector<Case> usually(Case::Results bad, Case::Action clean,
+                          std::initializer_list<std::vector<Case>> groups)
+{
+    std::vector<Case> all;
+    for (const auto &group : groups) {
+        for (Case c : group) {
+            if (c.bad.empty())
+                c.bad = bad;
+            if (!c.clean)
+                c.clean = clean;
+            all.push_back(c);
+        }
+    }
+    return all;
+}
 
 namespace {
-
-using sweep::Case;
 
 char g_text[4096];
 char g_long[2048]; // of one letter
 char g_pattern[257];
 uint8_t g_bytes[256];
 FILE *g_stream;
+void *g_block;
 sigset_t g_set;
 tm g_tm;
 pthread_mutex_t g_mutex;
@@ -59,7 +75,7 @@ std::vector<Case> text_cases()
 {
     static char *rest;
     return {
-        RUNS(bv_os_free, malloc(10)),
+        RUNS(bv_os_free, g_block).prepared_by([] { g_block = malloc(10); }),
         GIVES(0, bv_os_memcpy, g_text, sizeof g_text, g_long, sizeof g_long),
         GIVES(0, bv_os_memmove, g_text + 1, sizeof g_text - 1, g_text, 100),
         GIVES(0, bv_os_memset, g_text, sizeof g_text, 'x', sizeof g_text),
@@ -84,15 +100,6 @@ std::vector<Case> text_cases()
         GIVES(1, bv_os_isspace, ' '),
         GIVES(2047, bv_os_sprintf, g_text, sizeof g_text, "%s", g_long),
         GIVES(66, bv_os_snprintf, g_text, sizeof g_text, "%60.40f %#o %c", 1e10 / 3, 8u, 'x'),
-        GIVES(8, bv_os_fprintf, g_stream, "%.6f", 1.5).prepared_by([] { g_stream = stdout; }),
-        GIVES(8, bv_os_printf, "%.6f", 1.5),
-        GIVES(8, bv_os_record, "%.6f", 1.5),
-        // Compiling goes deeper with every character of the pattern: this one has 256.
-        GIVES(0, bv_os_match, "lan.wan-0.x", g_pattern).prepared_by([] {
-            strcpy(g_pattern, "^([a-z0-9]+[.-])*((lan|wan|x){1,5}|[[:digit:]]+");
-            memset(g_pattern + strlen(g_pattern), 'x', 254 - strlen(g_pattern));
-            strcpy(g_pattern + 254, ")$");
-        }),
         GIVES(0, bv_os_match_special_char, "a;b"),
         GIVES(g_text, bv_os_trim, g_text),
         GIVES(0, bv_os_tohexstr, g_bytes, 100, g_text, sizeof g_text),
@@ -104,7 +111,7 @@ std::vector<Case> text_cases()
     };
 }
 
-std::vector<Case> hash_cases()
+std::vector<Case> digest_cases()
 {
     static sha2_context context;
     static uint8_t digest[32];
@@ -200,7 +207,7 @@ void a_queue()
 
 void nothing() {}
 
-std::vector<Case> core_cases()
+std::vector<Case> table_cases()
 {
     static uint32_t received;
     static bv_debug_switch one = {1, 2, 3};
@@ -247,25 +254,12 @@ void a_family()
         bv_db_inst_add(kFamily, g_bytes, 44, inst);
 }
 
-// All three kinds, each found by a search for its template.
-void searched_families()
+void drop_families()
 {
-    a_family();
     bv_db_hash_free();
-    const std::string text = read_file(kFamily);
-    bv_db_init();
-    for (const auto reg : {bv_db_reg_user, bv_db_reg_private, bv_db_reg_factory})
-        reg("found");
-    write_file("/etc/template/found", text);
 }
 
-Case with_family(Case c)
-{
-    c.prepared_by(a_family).cleaned_by([] { bv_db_hash_free(); });
-    return c;
-}
-
-std::vector<Case> db_cases()
+std::vector<Case> family_cases()
 {
     const std::vector<Case> cases = {
         GIVES(0, bv_db_data_del_inst, g_family, bv_db_data_get_inst(g_family, 2)),
@@ -292,19 +286,9 @@ std::vector<Case> db_cases()
         GIVES(0, bv_db_user_fill_tomem, g_family, 0),
         GIVES(0, bv_db_write, kFamily, g_bytes, 44, 2),
     };
-    static const uint32_t start = 6;
-    const std::vector<Case> searching = {
-        GIVES(0, bv_db_start),
-        GIVES(0, bv_db_template),
-        GIVES(0, bv_db_restore),
-        GIVES(0, bv_db_trigger, &start),
-        GIVES(0, bv_db_template_read, &g_st_db_mng.user_list),
-    };
     std::vector<Case> all;
-    for (const Case &c : cases)
-        all.push_back(with_family(c));
-    for (const Case &c : searching)
-        all.push_back(with_family(c).prepared_by(searched_families));
+    for (Case c : cases)
+        all.push_back(c.prepared_by(a_family).cleaned_by(drop_families));
     return all;
 }
 
@@ -325,7 +309,7 @@ void a_message()
     g_first = static_cast<blob_attr *>(bv_blob_data(g_buf.head));
 }
 
-std::vector<Case> message_cases()
+std::vector<Case> reader_cases()
 {
     static const blobmsg_policy policy[] = {{"name", BLOBMSG_TYPE_STRING},
                                             {"number", BLOBMSG_TYPE_INT32}};
@@ -375,12 +359,16 @@ std::vector<Case> tree_and_loop_cases()
         bv_uloop_timeout_set(&g_timer, 1000);
         g_process = {};
         g_process.pid = fork();
-        if (g_process.pid == 0)
-            _exit(0);
+        if (g_process.pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;)
+                pause(); // its end would wake the loop in the middle of a call
+        }
         bv_uloop_process_add(&g_process);
     };
     const auto no_loop = [] {
         bv_uloop_done();
+        kill(g_process.pid, SIGKILL);
         waitpid(g_process.pid, nullptr, 0);
     };
     std::vector<Case> all = {
@@ -393,8 +381,6 @@ std::vector<Case> tree_and_loop_cases()
         RUNS(bv_json_object_object_get, bv_json_object_array_get_idx(g_tree, 0), "a")
             .prepared_by(a_tree),
         GIVES(1, bv_json_object_put, g_tree).prepared_by(a_deep_tree),
-        works("bv_json_tokener_parse",
-              [] { return bv_json_tokener_parse(nested_arrays(30).c_str()) != nullptr; }),
     };
     for (Case c :
          {GIVES(0, bv_uloop_timeout_cancel, &g_timer), RUNS(bv_uloop_timeout_remaining, &g_timer),
@@ -404,15 +390,53 @@ std::vector<Case> tree_and_loop_cases()
     return all;
 }
 
+// All three kinds, each found by a search for its template.
+void searched_families()
+{
+    a_family();
+    bv_db_hash_free();
+    const std::string text = read_file(kFamily);
+    bv_db_init();
+    for (const auto reg : {bv_db_reg_user, bv_db_reg_private, bv_db_reg_factory})
+        reg("found");
+    write_file("/etc/template/found", text);
+}
+
 } // namespace
 
 std::vector<Case> plain_cases()
 {
-    std::vector<Case> all;
-    for (const auto &group : {text_cases(), hash_cases(), platform_cases(), core_cases(),
-                              db_cases(), message_cases(), tree_and_loop_cases()})
-        all.insert(all.end(), group.begin(), group.end());
-    return all;
+    return usually({}, nullptr,
+                   {text_cases(), digest_cases(), platform_cases(), table_cases(), family_cases(),
+                    reader_cases(), tree_and_loop_cases()});
 }
 
-} // namespace stack
+std::vector<Case> hard_cases()
+{
+    static const uint32_t start = 6;
+    const std::vector<Case> text = {
+        GIVES(8, bv_os_fprintf, g_stream, "%.6f", 1.5).prepared_by([] { g_stream = stdout; }),
+        GIVES(8, bv_os_printf, "%.6f", 1.5),
+        GIVES(8, bv_os_record, "%.6f", 1.5),
+        // Compiling goes deeper with every character of the pattern: this one has 256.
+        GIVES(0, bv_os_match, "lan.wan-0.x", g_pattern).prepared_by([] {
+            strcpy(g_pattern, "^([a-z0-9]+[.-])*((lan|wan|x){1,5}|[[:digit:]]+");
+            memset(g_pattern + strlen(g_pattern), 'x', 254 - strlen(g_pattern));
+            strcpy(g_pattern + 254, ")$");
+        }),
+        works("bv_json_tokener_parse",
+              [] { return bv_json_tokener_parse(nested_arrays(30).c_str()) != nullptr; }),
+    };
+    std::vector<Case> searching = {
+        GIVES(0, bv_db_start),
+        GIVES(0, bv_db_template),
+        GIVES(0, bv_db_restore),
+        GIVES(0, bv_db_trigger, &start),
+        GIVES(0, bv_db_template_read, &g_st_db_mng.user_list),
+    };
+    for (Case &c : searching)
+        c.prepared_by(searched_families);
+    return usually({}, drop_families, {text, searching});
+}
+
+} // namespace sweep

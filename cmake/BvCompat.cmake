@@ -55,7 +55,6 @@ function(bv_underneath name header)
     message(FATAL_ERROR
       "${name}: header ${header} or library ${name} not found, and BV_COMPAT=OFF forbids the stand-in")
   else()
-    add_subdirectory(${CMAKE_SOURCE_DIR}/compat/${name} ${CMAKE_BINARY_DIR}/compat/${name})
     set(BV_COMPAT_BUILT ${BV_COMPAT_BUILT} ${name} PARENT_SCOPE)
     message(STATUS "${name}: stand-in from compat/${name}")
   endif()
@@ -65,14 +64,13 @@ bv_underneath(boundscheck securec.h)
 bv_underneath(ubox libubox/uloop.h)
 bv_underneath(ubus libubus.h)
 
-if(NOT "ubox" IN_LIST BV_COMPAT_BUILT AND TARGET ubox::ubox AND TARGET ubus::ubus
-   AND NOT "ubus" IN_LIST BV_COMPAT_BUILT)
-  set_property(TARGET ubus::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES ubox::ubox)
-endif()
-
 if("ubus" IN_LIST BV_COMPAT_BUILT)
   set(BV_UBUSD "$<TARGET_FILE:ubusd>")
 else()
   find_program(BV_UBUSD_PROGRAM ubusd PATHS /usr/sbin /sbin NO_CACHE)
   set(BV_UBUSD "${BV_UBUSD_PROGRAM}")
+endif()
+if(NOT "ubox" IN_LIST BV_COMPAT_BUILT AND TARGET ubox::ubox AND TARGET ubus::ubus
+   AND NOT "ubus" IN_LIST BV_COMPAT_BUILT)
+  set_property(TARGET ubus::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES ubox::ubox)
 endif()

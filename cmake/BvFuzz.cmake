@@ -2,8 +2,10 @@
 #
 # A fuzz target: a program around LLVMFuzzerTestOneInput(). In the fuzz build (preset `fuzz`) it is
 # linked with libFuzzer; in every other build with a main of ours that replays the corpus, which
-# CTest runs as an ordinary test. The corpus is tests/fuzz/corpus/<name>; SUBJECT names the sources
-# whose coverage tests/fuzz/run reports.
+# CTest runs as an ordinary test. The corpus is corpus/<name> in the calling folder; SUBJECT names the
+# sources whose coverage tests/fuzz/run reports.
+
+get_filename_component(BV_TREE "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 
 option(BV_FUZZ "Build the fuzz targets with libFuzzer (needs clang)" OFF)
 
@@ -22,8 +24,8 @@ function(bv_add_fuzz)
     set(F_LIBRARIES bv::bv)
   endif()
   add_executable(${target} ${F_SOURCES})
-  target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/tests)
-  target_compile_definitions(${target} PRIVATE BV_TEST_SOURCE_DIR="${CMAKE_SOURCE_DIR}/tests")
+  target_include_directories(${target} PRIVATE ${BV_TREE} ${BV_TREE}/tests)
+  target_compile_definitions(${target} PRIVATE BV_TEST_SOURCE_DIR="${BV_TREE}/tests")
   target_link_libraries(${target} PRIVATE ${F_LIBRARIES} Threads::Threads ${CMAKE_DL_LIBS})
   set_target_properties(${target} PROPERTIES
     LINKER_LANGUAGE CXX
@@ -35,10 +37,11 @@ function(bv_add_fuzz)
     add_dependencies(fuzzers ${target})
     list(JOIN F_SUBJECT "\n" subject)
     file(WRITE "${CMAKE_BINARY_DIR}/fuzz/${F_NAME}.subject" "${subject}\n")
+    file(WRITE "${CMAKE_BINARY_DIR}/fuzz/${F_NAME}.folder" "${CMAKE_CURRENT_SOURCE_DIR}\n")
   else()
-    target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tests/fuzz/replay.cpp)
+    target_sources(${target} PRIVATE ${BV_TREE}/tests/fuzz/replay.cpp)
     add_test(NAME fuzz.${F_NAME}_corpus_passes
-      COMMAND ${BV_TEST_ROOT} $<TARGET_FILE:${target}> ${CMAKE_SOURCE_DIR}/tests/fuzz/corpus/${F_NAME})
-    set_tests_properties(fuzz.${F_NAME}_corpus_passes PROPERTIES TIMEOUT 120 LABELS fuzz)
+      COMMAND ${BV_TEST_ROOT} $<TARGET_FILE:${target}> ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${F_NAME})
+    set_tests_properties(fuzz.${F_NAME}_corpus_passes PROPERTIES TIMEOUT 120 LABELS "fuzz;${BV_TEST_LABELS}")
   endif()
 endfunction()

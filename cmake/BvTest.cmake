@@ -6,11 +6,23 @@
 # nothing behind. INTERPOSES: puts the program in front of malloc() and its kind, or of all other
 # calls of the library that can fail (tests/support/faults.h). NETWORK: uses fixed ports, so it does
 # not run beside another such program (a private root without namespaces shares them).
+# A folder may give all of its tests labels in BV_TEST_LABELS.
 
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
-set(BV_TEST_ROOT "${CMAKE_SOURCE_DIR}/tests/support/root")
+# Where the kit is; compat/ uses it as a project of its own.
+get_filename_component(BV_TREE "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
+
+set(BV_TEST_FOLDERS abi package os debug core db bus dev crypto examples tools docs compat fuzz sweep stack soak CACHE STRING
+  "Folders of tests to build")
+
+execute_process(COMMAND "${BV_TREE}/tests/support/root-way"
+  RESULT_VARIABLE no_root OUTPUT_QUIET ERROR_VARIABLE words OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(no_root)
+  message(FATAL_ERROR "${words}(-DBV_TESTS=OFF builds without the tests)")
+endif()
+set(BV_TEST_ROOT "${BV_TREE}/tests/support/root")
 if(BV_TEST_USERLAND) # of a cross build: what fills the root instead of this machine's programs
   list(APPEND BV_TEST_ROOT --userland "${BV_TEST_USERLAND}")
 endif()
@@ -19,7 +31,7 @@ endif()
 add_custom_target(threaded_tests)
 
 if(BV_SANITIZED)
-  set(BV_TEST_ENVIRONMENT ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/sanitize/leaks.supp:print_suppressions=0")
+  set(BV_TEST_ENVIRONMENT ENVIRONMENT "LSAN_OPTIONS=suppressions=${BV_TREE}/tests/sanitize/leaks.supp:print_suppressions=0")
 endif()
 
 # What nearly every test includes is compiled once for all of them. Compiler caches cannot keep what
@@ -27,7 +39,7 @@ endif()
 if(CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_DISABLE_PRECOMPILE_HEADERS ON)
 endif()
-add_library(test_headers OBJECT ${CMAKE_SOURCE_DIR}/tests/support/headers.cpp)
+add_library(test_headers OBJECT ${BV_TREE}/tests/support/headers.cpp)
 target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <algorithm> <atomic> <cerrno> <chrono>
   <climits> <csignal> <cstdint> <cstdio> <cstdlib> <cstring> <fstream> <functional> <memory> <mutex>
   <string> <thread> <vector>)
@@ -40,7 +52,6 @@ target_compile_options(test_headers PRIVATE ${BV_TEST_OPTIONS} -fPIE)
 set_target_properties(test_headers PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 
 # The test kit: tests take from it what they use. What interposes is linked whole, where it is named.
-get_filename_component(BV_TREE "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 function(bv_test_kit target kind)
   list(TRANSFORM ARGN PREPEND ${BV_TREE}/tests/support/)
   add_library(${target} ${kind} EXCLUDE_FROM_ALL ${ARGN})
@@ -61,9 +72,9 @@ function(bv_add_test)
   foreach(interposed IN LISTS T_INTERPOSES)
     target_sources(${T_NAME} PRIVATE $<TARGET_OBJECTS:interposed_${interposed}>)
   endforeach()
-  target_include_directories(${T_NAME} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/tests)
+  target_include_directories(${T_NAME} PRIVATE ${BV_TREE} ${BV_TREE}/tests)
   target_compile_definitions(${T_NAME} PRIVATE
-    BV_TEST_SOURCE_DIR="${CMAKE_SOURCE_DIR}/tests"
+    BV_TEST_SOURCE_DIR="${BV_TREE}/tests"
     BV_UBUSD="${BV_UBUSD}"
     ${T_DEFINITIONS})
   # The macros of the test framework compare and convert in ways that -Wconversion dislikes.
@@ -85,11 +96,14 @@ function(bv_add_test)
   if("threaded" IN_LIST T_LABELS)
     add_dependencies(threaded_tests ${T_NAME})
   endif()
+  # Discovery cannot pass a list on, and `ctest -L` matches a part of a label too.
+  list(APPEND T_LABELS ${BV_TEST_LABELS})
+  list(JOIN T_LABELS "-" labels)
   set(lock "")
   if(T_NETWORK)
     set(lock RESOURCE_LOCK network)
   endif()
   gtest_discover_tests(${T_NAME}
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 300 ${BV_TEST_ENVIRONMENT} ${lock} LABELS "${T_LABELS}")
+    PROPERTIES TIMEOUT 300 ${BV_TEST_ENVIRONMENT} ${lock} LABELS "${labels}")
 endfunction()

@@ -144,7 +144,7 @@ Bytes invoke(uint16_t sequence, uint32_t object, const std::string &method, cons
 
 Bytes Message::bytes() const
 {
-    return message(type, sequence, peer, attributes);
+    return head.empty() ? message(type, sequence, peer, attributes) : head + attributes;
 }
 
 bool Message::has(uint32_t id) const
@@ -203,6 +203,7 @@ Message receive_message(int fd, int timeout_ms)
     message.attributes.resize((get_word(&head[8]) & 0xffffff) - 4);
     if (!receive_all(fd, message.attributes, timeout_ms))
         return {};
+    message.head = head;
     return message;
 }
 

@@ -78,8 +78,9 @@ struct Message {
     uint16_t sequence = 0;
     uint32_t peer = 0;
     Bytes attributes;
+    Bytes head = {}; // as received: all that is in front of the attributes
 
-    Bytes bytes() const; // as it goes over the socket
+    Bytes bytes() const; // as it went, or goes, over the socket
     bool empty() const { return type == kNothing; }
     bool has(uint32_t id) const;
     Bytes payload(uint32_t id) const; // empty when there is none

@@ -1,11 +1,11 @@
-/*
+/**
  * Memory, string, printf and scanf functions that know the size of their destination.
  *
  * True of every function here: sizes are in bytes and are the whole capacity of the destination,
  * the terminating NUL included; a size of 0 or above the limit of the family is refused without
  * touching the destination (memset_s with count 0 is the one exception); nothing is printed, no
  * handler is called, no state is shared, so any number of threads may call on different buffers.
- * On success the destination behind what was written keeps its old bytes.
+ * On success the bytes after what was written keep their old values.
  *
  * Checks come in a fixed order: size, null pointers, fit, overlap (strcat_s looks at overlap
  * before fit). "Reset" means all destMax bytes in the memory functions and only the first byte in

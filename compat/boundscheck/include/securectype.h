@@ -1,4 +1,4 @@
-/*
+/**
  * Types, result codes and limits of the bounded-check functions. Included by securec.h; programs
  * name that header only.
  */

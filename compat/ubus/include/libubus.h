@@ -242,8 +242,8 @@ struct ubus_request {
  *         acceptable or memory is short.
  *
  * Sets up the event loop as uloop_init() does, also when it fails. Waits without limit for the
- * greeting. The socket is not in the loop yet: see ubus_add_uloop(). There is no reconnection by
- * itself: set ctx->connection_lost to learn of a lost bus.
+ * greeting. The socket is not in the loop yet: see ubus_add_uloop(). Nothing reconnects by itself:
+ * set ctx->connection_lost to learn of a lost bus.
  */
 struct ubus_context *ubus_connect(const char *path);
 

@@ -23,7 +23,6 @@ extern "C" {
 static inline bool ubus_pattern_matches(const char *pattern, const char *name)
 {
     size_t length = strlen(pattern);
-
     if (length > 0 && pattern[length - 1] == '*')
         return strncmp(pattern, name, length - 1) == 0;
     return strcmp(pattern, name) == 0;

@@ -1,4 +1,4 @@
-/*
+/**
  * Tagged binary attributes and the buffers they are built in.
  *
  * An attribute is one big-endian word (extended flag, 7 bits of id, 24 bits of length that
@@ -51,25 +51,25 @@ enum {
 #pragma clang diagnostic ignored "-Wc99-extensions"
 #endif
 struct blob_attr {
-    uint32_t id_len; /* big-endian */
+    uint32_t id_len; /**< big-endian */
     __extension__ char data[];
 } __packed;
 #ifdef __clang__
 #pragma clang diagnostic pop
 #endif
 
-/* What blob_parse() accepts under one id; a zeroed entry accepts everything. */
+/** What blob_parse() accepts under one id; a zeroed entry accepts everything. */
 struct blob_attr_info {
-    unsigned int type;   /* BLOB_ATTR_...; BLOB_ATTR_LAST and above mean no check */
-    unsigned int minlen; /* bounds of the raw length, header included; 0 means none */
+    unsigned int type;   /**< BLOB_ATTR_...; BLOB_ATTR_LAST and above mean no check */
+    unsigned int minlen; /**< bounds of the raw length, header included; 0 means none */
     unsigned int maxlen;
     bool (*validate)(const struct blob_attr_info *, struct blob_attr *);
 };
 
-/* Must be zeroed before its first blob_buf_init(). */
+/** Must be zeroed before its first blob_buf_init(). */
 struct blob_buf {
-    struct blob_attr *head; /* what new attributes go into: the whole, or the innermost nest */
-    bool (*grow)(struct blob_buf *buf, int minlen); /* extends buf and buflen by minlen or more */
+    struct blob_attr *head; /**< what new attributes go into: the whole, or the innermost nest */
+    bool (*grow)(struct blob_buf *buf, int minlen); /**< extends buf and buflen by minlen or more */
     int buflen;
     void *buf;
 };
@@ -89,19 +89,19 @@ static inline bool blob_is_extended(const struct blob_attr *attr)
     return (be32_to_cpu(attr->id_len) & BLOB_ATTR_EXTENDED) != 0;
 }
 
-/* Header and payload, without the padding. */
+/** Header and payload, without the padding. */
 static inline size_t blob_raw_len(const struct blob_attr *attr)
 {
     return be32_to_cpu(attr->id_len) & BLOB_ATTR_LEN_MASK;
 }
 
-/* Payload. Wraps when the attribute is malformed and claims less than its own header. */
+/** Payload. Wraps when the attribute is malformed and claims less than its own header. */
 static inline size_t blob_len(const struct blob_attr *attr)
 {
     return blob_raw_len(attr) - sizeof(struct blob_attr);
 }
 
-/* Header, payload and padding. */
+/** Header, payload and padding. */
 static inline size_t blob_pad_len(const struct blob_attr *attr)
 {
     return (blob_raw_len(attr) + BLOB_ATTR_ALIGN - 1) / BLOB_ATTR_ALIGN * BLOB_ATTR_ALIGN;
@@ -112,11 +112,10 @@ static inline struct blob_attr *blob_next(const struct blob_attr *attr)
     return (struct blob_attr *)(void *)((char *)attr + blob_pad_len(attr));
 }
 
-/* Big-endian numbers at any address. */
+/** Big-endian numbers at any address. */
 static inline uint16_t __blob_load_be16(const void *at)
 {
     uint16_t value;
-
     memcpy(&value, at, sizeof(value));
     return be16_to_cpu(value);
 }
@@ -124,7 +123,6 @@ static inline uint16_t __blob_load_be16(const void *at)
 static inline uint32_t __blob_load_be32(const void *at)
 {
     uint32_t value;
-
     memcpy(&value, at, sizeof(value));
     return be32_to_cpu(value);
 }
@@ -132,7 +130,6 @@ static inline uint32_t __blob_load_be32(const void *at)
 static inline uint64_t __blob_load_be64(const void *at)
 {
     uint64_t value;
-
     memcpy(&value, at, sizeof(value));
     return be64_to_cpu(value);
 }
@@ -182,25 +179,25 @@ static inline const char *blob_get_string(const struct blob_attr *attr)
     return attr->data;
 }
 
-/* Zeroes the padding behind the payload. */
+/** Zeroes the padding after the payload. */
 void blob_fill_pad(struct blob_attr *attr);
 
-/* Sets the length (24 bits of it) and keeps id and flag. */
+/** Sets the length (24 bits of it) and keeps id and flag. */
 void blob_set_raw_len(struct blob_attr *attr, unsigned int len);
 
-/* Same padded length and same bytes, padding included; two NULLs are equal. */
+/** Same padded length and same bytes, padding included; two NULLs are equal. */
 bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2);
 
-/* 0, or -ENOMEM with buf->head NULL. A used buffer keeps its memory and loses its content. */
+/** 0, or -ENOMEM with buf->head NULL. A used buffer keeps its memory and loses its content. */
 int blob_buf_init(struct blob_buf *buf, int id);
 
-/* Safe on a zeroed buffer and twice. */
+/** Safe on a zeroed buffer and twice. */
 void blob_buf_free(struct blob_buf *buf);
 
-/* Makes room for so many bytes more. */
+/** Makes room for so many bytes more. */
 bool blob_buf_grow(struct blob_buf *buf, int required);
 
-/*
+/**
  * These append to buf->head and return the new attribute, or NULL with the buffer unchanged.
  * Growth moves the buffer: attributes obtained before are then gone, cookies are not.
  * blob_new() leaves the payload to the caller, as blob_put() does with a null ptr.
@@ -208,36 +205,35 @@ bool blob_buf_grow(struct blob_buf *buf, int required);
 struct blob_attr *blob_new(struct blob_buf *buf, int id, int payload);
 struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsigned int len);
 
-/* Appends complete attributes as they are. */
+/** Appends complete attributes as they are. */
 struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned int len);
 
-/* Opens an attribute that those put from now on go into; returns what blob_nest_end() needs,
+/** Opens an attribute that those put from now on go into; returns what blob_nest_end() needs,
  * or NULL with the buffer unchanged. Nests close in reverse order. */
 void *blob_nest_start(struct blob_buf *buf, int id);
 void blob_nest_end(struct blob_buf *buf, void *cookie);
 
-/* Whether so many bytes are a payload of this blob type. */
+/** Whether so many bytes are a payload of this blob type. */
 bool blob_check_type(const void *ptr, unsigned int len, int type);
 
-/*
+/**
  * Sorts the children of attr into data by id, the last acceptable one of each. info is
  * indexed by id and may be NULL. Returns the number of slots filled.
  */
 int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *info,
                int max);
 
-/* The same for received bytes: attr_len of them can be read at attr. When attr does not fit,
+/** The same for received bytes: attr_len of them can be read at attr. When attr does not fit,
  * the result is 0 and the slots are not touched. */
 int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_attr **data,
                          const struct blob_attr_info *info, int max);
 
-/* A copy, padding included, that the caller frees; NULL when memory is short. */
+/** A copy, padding included, that the caller frees; NULL when memory is short. */
 struct blob_attr *blob_memdup(const struct blob_attr *attr);
 
 static inline struct blob_attr *blob_put_string(struct blob_buf *buf, int id, const char *str)
 {
     size_t size = strlen(str) + 1;
-
     return size <= BLOB_ATTR_LEN_MASK ? blob_put(buf, id, str, (unsigned int)size) : NULL;
 }
 
@@ -269,7 +265,7 @@ static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint6
 #define blob_put_int32 blob_put_u32
 #define blob_put_int64 blob_put_u64
 
-/* Payload bytes to walk through; none for NULL and for a malformed attribute. */
+/** Payload bytes to walk through; none for NULL and for a malformed attribute. */
 static inline size_t __blob_walk_len(const struct blob_attr *attr)
 {
     return attr && blob_raw_len(attr) >= sizeof(struct blob_attr) ? blob_len(attr) : 0;
@@ -280,17 +276,16 @@ static inline struct blob_attr *__blob_walk_start(const struct blob_attr *attr)
     return attr ? (struct blob_attr *)blob_data(attr) : NULL;
 }
 
-/* Whether a complete attribute, its padding included, starts at pos. */
+/** Whether a complete attribute, its padding included, starts at pos. */
 static inline bool __blob_walk_fits(const struct blob_attr *pos, size_t rem)
 {
     size_t size = blob_pad_len(pos);
-
     return size <= rem && size >= sizeof(struct blob_attr);
 }
 
-/*
+/**
  * Walks. pos is a struct blob_attr pointer and rem an integer, signed or not, that counts
- * the bytes left. The walk ends in front of anything that is cut off or claims no length.
+ * the bytes left. The walk ends before anything that is cut off or claims no length.
  * The __ form takes the first attribute and a rem set by the caller.
  */
 #define __blob_for_each_attr(pos, attr, rem)                                                       \

@@ -1,4 +1,4 @@
-/*
+/**
  * Doubly linked list with the links embedded in the caller's records.
  *
  * A head is a link that points to itself while the list is empty, so no operation needs to
@@ -28,7 +28,7 @@ static inline void *__record_of_link_or_null(const void *link, size_t offset)
     return link ? __record_of_link(link, offset) : NULL;
 }
 
-/* The record of the given type whose `member` is at ptr; the safe form gives NULL for NULL. */
+/** The record of the given type whose `member` is at ptr; the safe form gives NULL for NULL. */
 #ifndef container_of
 #define container_of(ptr, type, member) ((type *)__record_of_link((ptr), offsetof(type, member)))
 #endif
@@ -86,19 +86,19 @@ static inline void __list_unlink(const struct list_head *entry)
     entry->next->prev = entry->prev;
 }
 
-/* At the front. */
+/** At the front. */
 static inline void list_add(struct list_head *entry, struct list_head *head)
 {
     __list_link(entry, head, head->next);
 }
 
-/* At the end. */
+/** At the end. */
 static inline void list_add_tail(struct list_head *entry, struct list_head *head)
 {
     __list_link(entry, head->prev, head);
 }
 
-/* Unlinks; the pointers become NULL, so that a second removal is noticed. */
+/** Unlinks; the pointers become NULL, so that a second removal is noticed. */
 static inline void list_del(struct list_head *entry)
 {
     __list_unlink(entry);
@@ -106,7 +106,7 @@ static inline void list_del(struct list_head *entry)
     entry->prev = NULL;
 }
 
-/* Unlinks; the record is then an empty list of its own and may be removed again. */
+/** Unlinks; the record is then an empty list of its own and may be removed again. */
 static inline void list_del_init(struct list_head *entry)
 {
     __list_unlink(entry);
@@ -137,7 +137,7 @@ static inline void __list_splice_between(const struct list_head *list, struct li
     after->prev = list->prev;
 }
 
-/* Moves all records of list to the front of head. The plain forms leave list itself dangling,
+/** Moves all records of list to the front of head. The plain forms leave list itself dangling,
  * the _init forms leave it empty. */
 static inline void list_splice(const struct list_head *list, struct list_head *head)
 {
@@ -166,7 +166,7 @@ static inline void list_splice_tail_init(struct list_head *list, struct list_hea
 #define list_last_entry(p, type, field) list_entry((p)->prev, type, field)
 #define list_next_entry(p, field) list_entry((p)->field.next, __typeof__(*(p)), field)
 
-/* The safe forms allow the removal of the current record, and of no other. */
+/** The safe forms allow the removal of the current record, and of no other. */
 #define list_for_each(p, head) for (p = (head)->next; p != (head); p = p->next)
 
 #define list_for_each_safe(p, n, head)                                                             \

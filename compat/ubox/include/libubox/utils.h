@@ -1,4 +1,4 @@
-/* Byte order, attribute shorthands, and one allocation for several pieces. */
+/** Byte order, attribute shorthands, and one allocation for several pieces. */
 #ifndef LIBUBOX_UTILS_H
 #define LIBUBOX_UTILS_H
 
@@ -29,7 +29,7 @@ extern "C" {
 #define __hidden __attribute__((visibility("hidden")))
 #endif
 
-/* Not in C++, whose own headers have other uses for these two words. */
+/** Not in C++, whose own headers have other uses for these two words. */
 #ifndef __cplusplus
 #ifndef __constructor
 #define __constructor __attribute__((constructor))
@@ -44,7 +44,7 @@ extern "C" {
 #define fallthrough __attribute__((__fallthrough__))
 #endif
 
-/*
+/**
  * Allocates one zeroed block for several pieces. Arguments come in pairs after the first
  * length: the address of a pointer, and a size_t length. Each piece starts at a multiple of
  * sizeof(size_t) and its address is stored in its pointer. Returns the first piece, which is
@@ -53,7 +53,7 @@ extern "C" {
 void *__calloc_a(size_t len, ...);
 #define calloc_a(...) __calloc_a(__VA_ARGS__, (void *)0)
 
-/* Host order to big-endian or little-endian and back. The argument is evaluated once. */
+/** Host order to big-endian or little-endian and back. The argument is evaluated once. */
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
 #define cpu_to_be64(x) __builtin_bswap64((uint64_t)(x))
 #define cpu_to_be32(x) __builtin_bswap32((uint32_t)(x))

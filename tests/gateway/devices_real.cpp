@@ -15,13 +15,14 @@ namespace {
 
 const std::string kFlash = "brovan_nor";
 const std::string kDriver = "brovan_gw";
+constexpr const char *kCounters[] = {"erases", "reads", "writes"};
 
 void set_flash(const std::string &parameter, int64_t value)
 {
     modules::set(kFlash, parameter, std::to_string(value));
 }
 
-// "/dev/mtdN" by the kernel's table, in which names stand in quotes.
+// "/dev/mtdN" by the kernel's table, which has the names in quotes.
 std::string device_of(const std::string &name)
 {
     std::string table = read_file("/proc/mtd");
@@ -34,47 +35,42 @@ std::string device_of(const std::string &name)
     return "/dev/" + table.substr(line, table.find(':', line) - line);
 }
 
-void erase_all(const std::string &name)
+// Erases a partition and returns its size. 0 for the factory partition: it cannot be opened for
+// writing, so it never changes.
+uint32_t erase_all(const std::string &name)
 {
-    // The factory partition refuses writing, and nothing ever changes it.
     int fd = open(device_of(name).c_str(), O_RDWR);
     if (fd < 0)
-        return;
+        return 0;
     mtd_info_user info = {};
     EXPECT_EQ(ioctl(fd, MEMGETINFO, &info), 0);
     erase_info_user request = {0, info.size};
     EXPECT_EQ(ioctl(fd, MEMERASE, &request), 0);
     close(fd);
+    return info.size;
 }
 
-void forget_counts()
-{
-    for (const char *counter : {"erases", "reads", "writes"})
-        set_flash(counter, 0);
-}
-
-// Looking at the flash past the library must not show in the counters.
+// While it lives, what a test does on the flash by itself does not count.
 class Uncounted {
 public:
     Uncounted()
-        : erases_(modules::get(kFlash, "erases")), reads_(modules::get(kFlash, "reads")),
-          writes_(modules::get(kFlash, "writes"))
     {
+        for (size_t i = 0; i < std::size(kCounters); i++)
+            counts_[i] = modules::get(kFlash, kCounters[i]);
     }
     ~Uncounted()
     {
-        set_flash("erases", erases_);
-        set_flash("reads", reads_);
-        set_flash("writes", writes_);
+        for (size_t i = 0; i < std::size(kCounters); i++)
+            set_flash(kCounters[i], counts_[i]);
     }
     Uncounted(const Uncounted &) = delete;
     Uncounted &operator=(const Uncounted &) = delete;
 
 private:
-    unsigned erases_, reads_, writes_;
+    unsigned counts_[std::size(kCounters)];
 };
 
-// All tests of a program share the machine: what one of them asked for ends with it.
+// All tests of a program share the machine: after each, the devices work again.
 class BackToNormal : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo &) override
     {
@@ -110,7 +106,8 @@ void flash_attach()
     modules::load(kFlash);
     for (const char *name : {"config", "crash", "rootfs", "rootfs_data"})
         erase_all(name);
-    forget_counts();
+    for (const char *counter : kCounters)
+        set_flash(counter, 0);
 }
 
 std::vector<uint8_t> flash_contents(const std::string &name)
@@ -123,13 +120,7 @@ std::vector<uint8_t> flash_contents(const std::string &name)
 void flash_fill(const std::string &name, uint8_t value)
 {
     Uncounted change;
-    erase_all(name);
-    int fd = open(device_of(name).c_str(), O_RDWR);
-    mtd_info_user info = {};
-    EXPECT_EQ(ioctl(fd, MEMGETINFO, &info), 0);
-    std::vector<uint8_t> bytes(info.size, value);
-    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    close(fd);
+    write_file(device_of(name), std::string(erase_all(name), static_cast<char>(value)));
 }
 
 unsigned erase_requests()
@@ -153,40 +144,24 @@ void report_erase_size(uint32_t size)
     set_flash("reported_erase_size", size);
 }
 
-// What real devices cannot be told; tests that need it ask made_up() first.
+// Real devices cannot be made to do these. Tests that need them ask made_up() first.
 static void impossible(const char *what)
 {
-    ADD_FAILURE() << what << " cannot be asked of a real device";
+    ADD_FAILURE() << what << " is impossible on a real device";
 }
 const std::vector<int> &open_flags()
 {
-    impossible("flags");
+    impossible("a list of flags");
     return no_flags;
 }
-void fail_geometry()
-{
-    impossible("a missing geometry");
-}
-void fail_seeks()
-{
-    impossible("a failing seek");
-}
-void fail_closes()
-{
-    impossible("a failing close");
-}
-void report_size(uint32_t)
-{
-    impossible("a wrong size");
-}
-void refuse_reading(bool)
-{
-    impossible("refusing to be read");
-}
-void refuse_writing_at(unsigned)
-{
-    impossible("refusing to be written");
-}
+// clang-format off
+void fail_geometry() { impossible("a missing geometry"); }
+void fail_seeks() { impossible("a failing seek"); }
+void fail_closes() { impossible("a failing close"); }
+void report_size(uint32_t) { impossible("a wrong size"); }
+void refuse_reading(bool) { impossible("refusing to be read"); }
+void refuse_writing_at(unsigned) { impossible("refusing to be written"); }
+// clang-format on
 
 void driver_load()
 {

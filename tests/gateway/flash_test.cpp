@@ -1,4 +1,4 @@
-// What only a real flash chip does: bits that writing cannot set, blocks that fail.
+// What only a real flash chip does: writing cannot set bits, and single blocks fail.
 
 #include "dev/devices.h"
 #include "gateway/modules.h"
@@ -24,7 +24,7 @@ protected:
     }
 };
 
-TEST_F(RealFlash, TheKernelListsThePartitionsByName)
+TEST_F(RealFlash, KernelListsThePartitionsByName)
 {
     std::string table = read_file("/proc/mtd");
     EXPECT_NE(table.find("00080000 00010000 \"config\""), std::string::npos) << table;
@@ -45,7 +45,7 @@ TEST_F(RealFlash, WritingOnlyClearsBitsUntilTheBlockIsErased)
     EXPECT_EQ(byte, 0xff);
 }
 
-TEST_F(RealFlash, ABadBlockEndsAReadThere)
+TEST_F(RealFlash, ReadEndsAtABadBlock)
 {
     devices::flash_fill("config", 0x33);
     break_block("bad_read", 1);
@@ -56,7 +56,7 @@ TEST_F(RealFlash, ABadBlockEndsAReadThere)
     EXPECT_EQ(bv_mtd_read("config", bytes.data(), 0, kBlock), BV_OK);
 }
 
-TEST_F(RealFlash, ABadBlockEndsAWriteThere)
+TEST_F(RealFlash, WriteEndsAtABadBlock)
 {
     break_block("bad_write", 1);
     Bytes bytes(2 * kBlock, 0);
@@ -66,14 +66,14 @@ TEST_F(RealFlash, ABadBlockEndsAWriteThere)
     EXPECT_EQ(contents[kBlock], 0xff);
 }
 
-TEST_F(RealFlash, ABlockThatCannotBeReadIsErasedWithoutALook)
+TEST_F(RealFlash, UnreadableBlockIsErasedWithoutALook)
 {
-    break_block("bad_read", 0); // blank, but nobody can tell
+    break_block("bad_read", 0); // blank, but that cannot be seen
     ASSERT_EQ(bv_mtd_erase("config", 0, 2 * kBlock), BV_OK);
-    EXPECT_EQ(devices::erase_requests(), 1u); // the second reads as blank
+    EXPECT_EQ(devices::erase_requests(), 1u); // the second block reads as blank
 }
 
-TEST_F(RealFlash, AWornBlockIsTriedInEveryRoundAndNotReported)
+TEST_F(RealFlash, WornBlockIsTriedInEveryRoundAndNotReported)
 {
     devices::flash_fill("config", 0);
     break_block("bad_erase", 1);

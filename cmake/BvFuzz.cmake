@@ -1,5 +1,5 @@
 # bv_add_fuzz(NAME name SOURCES file... [LIBRARIES target...] [SUBJECT file...]
-#             [DICTIONARY file])
+#   [DICTIONARY file])
 #
 # A fuzz target: a program around LLVMFuzzerTestOneInput(). In the fuzz build (preset `fuzz`) it is
 # linked with libFuzzer; in every other build with a main of ours that replays the corpus, which

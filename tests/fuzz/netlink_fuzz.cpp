@@ -29,7 +29,8 @@ struct Hand {
 Hand g_hand;
 sem_t g_marked;
 
-constexpr uint32_t kMarkType = 13; // no message of the driver becomes an event of this type
+constexpr uint32_t kTypes = 14;
+constexpr uint32_t kMarkType = 1; // no message of the driver becomes an event of this type
 
 void take_event(void *data, uint32_t length)
 {
@@ -65,9 +66,8 @@ int LLVMFuzzerInitialize(int *, char ***)
     sem_init(&g_hand.taken, 0, 0);
     sem_init(&g_marked, 0, 0);
     FUZZ_CHECK(bv_notifier_init() == BV_OK);
-    for (uint32_t type = 0; type < kMarkType; ++type)
-        bv_notifier_reg(type, take_event);
-    bv_notifier_reg(kMarkType, take_mark);
+    for (uint32_t type = 0; type < kTypes; ++type)
+        bv_notifier_reg(type, type == kMarkType ? take_mark : take_event);
     wait_for(g_hand.taken); // the thread asks for its first datagram
     return 0;
 }

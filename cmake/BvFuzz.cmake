@@ -1,9 +1,10 @@
-# bv_add_fuzz(NAME name SOURCES file... [LIBRARIES target...] [SUBJECT file...])
+# bv_add_fuzz(NAME name SOURCES file... [LIBRARIES target...] [SUBJECT file...]
+#   [DICTIONARY file])
 #
 # A fuzz target: a program around LLVMFuzzerTestOneInput(). In the fuzz build (preset `fuzz`) it is
 # linked with libFuzzer; in every other build with a main of ours that replays the corpus, which
-# CTest runs as an ordinary test. The corpus is corpus/<name> in the calling folder; SUBJECT names the
-# sources whose coverage tests/fuzz/run reports.
+# CTest runs as an ordinary test. The corpus is corpus/<name> in the calling folder, and the dictionary
+# <name>.dict, unless one is named. SUBJECT are the sources whose coverage tests/fuzz/run reports.
 
 get_filename_component(BV_TREE "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 
@@ -11,14 +12,14 @@ option(BV_FUZZ "Build the fuzz targets with libFuzzer (needs clang)" OFF)
 
 if(BV_FUZZ)
   # Clang puts its run-times into programs only, so here the libraries' own -z defs cannot hold.
-  # These stand behind everything else on the link line, and the last -z counts.
+  # These flags come last on the link line, and the last -z counts.
   set(CMAKE_C_STANDARD_LIBRARIES "${CMAKE_C_STANDARD_LIBRARIES} -Wl,-z,undefs")
   set(CMAKE_CXX_STANDARD_LIBRARIES "${CMAKE_CXX_STANDARD_LIBRARIES} -Wl,-z,undefs")
   add_custom_target(fuzzers)
 endif()
 
 function(bv_add_fuzz)
-  cmake_parse_arguments(F "" "NAME" "SOURCES;LIBRARIES;SUBJECT" ${ARGN})
+  cmake_parse_arguments(F "" "NAME;DICTIONARY" "SOURCES;LIBRARIES;SUBJECT" ${ARGN})
   set(target fuzz_${F_NAME})
   if(NOT F_LIBRARIES)
     set(F_LIBRARIES bv::bv)
@@ -35,9 +36,16 @@ function(bv_add_fuzz)
   if(BV_FUZZ)
     target_link_options(${target} PRIVATE -fsanitize=fuzzer)
     add_dependencies(fuzzers ${target})
-    list(JOIN F_SUBJECT "\n" subject)
-    file(WRITE "${CMAKE_BINARY_DIR}/fuzz/${F_NAME}.subject" "${subject}\n")
-    file(WRITE "${CMAKE_BINARY_DIR}/fuzz/${F_NAME}.folder" "${CMAKE_CURRENT_SOURCE_DIR}\n")
+    if(NOT F_DICTIONARY)
+      set(F_DICTIONARY ${F_NAME}.dict)
+    endif()
+    list(TRANSFORM F_SUBJECT PREPEND ${BV_TREE}/)
+    list(JOIN F_SUBJECT " " subject)
+    # Read by the scripts in tests/fuzz.
+    file(WRITE "${CMAKE_BINARY_DIR}/fuzz/${F_NAME}.about"
+      "corpus='${CMAKE_CURRENT_SOURCE_DIR}/corpus/${F_NAME}'\n"
+      "dictionary='${CMAKE_CURRENT_SOURCE_DIR}/${F_DICTIONARY}'\n"
+      "subject='${subject}'\n")
   else()
     target_sources(${target} PRIVATE ${BV_TREE}/tests/fuzz/replay.cpp)
     add_test(NAME fuzz.${F_NAME}_corpus_passes

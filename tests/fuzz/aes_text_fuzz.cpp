@@ -47,9 +47,7 @@ void there_and_back(const std::string &plain, const uint8_t *key)
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::Input input(data, size);
-    std::string key_bytes = input.take(kKeySize);
-    key_bytes.resize(kKeySize);
-    fuzz::Block key(key_bytes);
+    fuzz::Block key(input.fixed(kKeySize));
     const uint32_t room = input.byte() % (kLongestText + 4);
     const std::string rest = input.rest();
     const std::string text = rest.substr(0, rest.find('\0'));

@@ -1,4 +1,4 @@
-// What a command printed, captured, and text trimmed.
+// The output of commands, captured and trimmed.
 //
 // No shell runs: system() puts the input into the capture file that the command line names, and
 // popen() gives the input as a stream. Input: a byte for the room the caller has, then the output.
@@ -15,7 +15,7 @@ int run(const std::string &line)
 {
     const size_t redirection = line.rfind(" > ");
     if (redirection != std::string::npos) {
-        fuzz::write_file(line.c_str() + redirection + 3, g_output);
+        write_file(line.substr(redirection + 3), g_output);
         return 0;
     }
     constexpr char kRemove[] = "rm -f ";
@@ -24,7 +24,7 @@ int run(const std::string &line)
     return unlink(path.substr(0, path.find(' ')).c_str());
 }
 
-// Calls the capture with a room of exactly this size and looks at what it gave.
+// Gives the capture exactly so much room and checks what it put there.
 template <typename Capture>
 void check(uint32_t room, Capture capture)
 {
@@ -56,7 +56,7 @@ extern "C" int system(const char *line)
 
 extern "C" FILE *popen(const char *, const char *)
 {
-    // An empty stream cannot be opened on every C library; what an empty one gives is a line end.
+    // Not every C library opens an empty stream. A line end gives what an empty one would give.
     static char line_end[] = "\n";
     return g_output.empty() ? fmemopen(line_end, 1, "r")
                             : fmemopen(g_output.data(), g_output.size(), "r");

@@ -14,40 +14,20 @@ constexpr char kWritten[] = "/scratch/written.json";
 constexpr const char *kFamilies[] = {"lan.json", "wireless.json", "dhcp-host.json", "board.json",
                                      "wan.json"};
 
-// What loading changes in a family and nothing sets back.
-struct Snapshot {
+// A family as its template made it: loading changes it for good.
+struct Loaded {
     bv_db_family *family;
     std::vector<bv_db_para> para;
     std::string image;
 };
+std::vector<Loaded> g_families;
 
-std::vector<Snapshot> load_templates()
+void restore(const Loaded &from)
 {
-    fuzz::silence_output();
-    FUZZ_CHECK(chdir(BV_TEST_SOURCE_DIR "/../examples/template") == 0);
-    FUZZ_CHECK(bv_db_init() == BV_OK);
-    for (const char *name : kFamilies)
-        FUZZ_CHECK(bv_db_reg_user(name) == BV_OK);
-    bv_db_template_read(&g_st_db_mng.user_list);
-
-    std::vector<Snapshot> all;
-    for (const char *name : kFamilies) {
-        bv_db_family *family = bv_db_hash_find(name);
-        FUZZ_CHECK(family != nullptr && family->image_size > 0);
-        all.push_back({family,
-                       {family->para, family->para + family->para_count},
-                       {reinterpret_cast<char *>(family->working_image),
-                        static_cast<size_t>(family->image_size)}});
-    }
-    return all;
-}
-
-void restore(const Snapshot &before)
-{
-    bv_db_family *family = before.family;
+    bv_db_family *family = from.family;
     bv_db_data_free(family);
-    std::copy(before.para.begin(), before.para.end(), family->para);
-    memcpy(family->working_image, before.image.data(), before.image.size());
+    std::copy(from.para.begin(), from.para.end(), family->para);
+    memcpy(family->working_image, from.image.data(), from.image.size());
 }
 
 void check(bv_db_family *family)
@@ -68,25 +48,45 @@ void check(bv_db_family *family)
         FUZZ_CHECK(memchr(family->para[i].value, '\0', sizeof family->para[i].value) != nullptr);
 }
 
+void read_and_check(const char *path)
+{
+    bv_db_user_read(&g_st_db_mng.user_list, path);
+    for (const Loaded &each : g_families)
+        check(each.family);
+}
+
 } // namespace
+
+int LLVMFuzzerInitialize(int *, char ***)
+{
+    fuzz::silence_output();
+    FUZZ_CHECK(chdir(BV_TEST_SOURCE_DIR "/../examples/template") == 0);
+    FUZZ_CHECK(bv_db_init() == BV_OK);
+    for (const char *name : kFamilies)
+        FUZZ_CHECK(bv_db_reg_user(name) == BV_OK);
+    bv_db_template_read(&g_st_db_mng.user_list);
+    for (const char *name : kFamilies) {
+        bv_db_family *family = bv_db_hash_find(name);
+        FUZZ_CHECK(family != nullptr && family->image_size > 0);
+        g_families.push_back({family,
+                              {family->para, family->para + family->para_count},
+                              {reinterpret_cast<char *>(family->working_image),
+                               static_cast<size_t>(family->image_size)}});
+    }
+    return 0;
+}
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const std::vector<Snapshot> families = load_templates();
-    for (const Snapshot &before : families)
-        restore(before);
-
-    fuzz::write_file(kPath, std::string(reinterpret_cast<const char *>(data), size));
-    bv_db_user_read(&g_st_db_mng.user_list, kPath);
-    for (const Snapshot &before : families)
-        check(before.family);
+    for (const Loaded &each : g_families)
+        restore(each);
+    write_file(kPath, std::string(reinterpret_cast<const char *>(data), size));
+    read_and_check(kPath);
 
     // Nothing is escaped in what is written, so reading it again may fail, but not go wrong.
     FUZZ_CHECK(bv_db_user_write(&g_st_db_mng.user_list, kWritten) == BV_OK);
-    bv_db_user_read(&g_st_db_mng.user_list, kWritten);
-    for (const Snapshot &before : families)
-        check(before.family);
-    for (const Snapshot &before : families)
-        bv_db_data_free(before.family);
+    read_and_check(kWritten);
+    for (const Loaded &each : g_families)
+        bv_db_data_free(each.family);
     return 0;
 }

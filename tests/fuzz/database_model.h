@@ -1,5 +1,5 @@
 // What the database should hold, worked out by itself: strings for images, vectors for lists, and
-// nothing shared with the library but the conversions of addresses.
+// nothing shared with the library but the conversion of MAC addresses.
 #ifndef BV_TESTS_FUZZ_DATABASE_MODEL_H
 #define BV_TESTS_FUZZ_DATABASE_MODEL_H
 
@@ -22,7 +22,7 @@ struct Parameter {
     bool selected;
 };
 
-// A template's text means this; `readable` is false for one that cannot be parsed.
+// What the text of a template means; `readable` is false when it cannot be parsed.
 struct Template {
     bool readable = true;
     int32_t elements = 0;
@@ -40,17 +40,21 @@ struct Element {
     std::vector<std::pair<std::string, std::string>> values;
 };
 
-// A data file: no file at all, one that cannot be parsed, or elements by family. A family that is
-// not among them is absent.
+// A data file: none at all, one that cannot be parsed, or elements by family.
 struct File {
     bool there = false;
     bool readable = true;
     std::map<std::string, std::vector<Element>> families;
 };
 
-inline int32_t allocation(int32_t size)
+inline std::string quoted(const std::string &text)
 {
-    return size <= 0 ? 0 : (size + 31) / 32 * 32;
+    return "\"" + text + "\"";
+}
+
+inline void append(std::string &list, const std::string &item, const char *separator = ",")
+{
+    list += (list.empty() ? "" : separator) + item;
 }
 
 inline uint32_t number_of(const std::string &text)
@@ -68,14 +72,14 @@ inline uint32_t number_of(const std::string &text)
 
 inline int32_t width_of(const std::string &type)
 {
-    const std::map<std::string, int32_t> widths = {{"char", 1},   {"uchar", 1}, {"short", 2},
-                                                   {"ushort", 2}, {"int", 4},   {"uint", 4},
-                                                   {"mac", 6},    {"ip", 4}};
+    static const std::map<std::string, int32_t> widths = {{"char", 1},   {"uchar", 1}, {"short", 2},
+                                                          {"ushort", 2}, {"int", 4},   {"uint", 4},
+                                                          {"mac", 6},    {"ip", 4}};
     const auto found = widths.find(type);
     return found == widths.end() ? 0 : found->second;
 }
 
-// A value's bytes in the image; a string has room for so many.
+// A value's bytes in the image, where a string has room for so many.
 inline std::string bytes_of(const Parameter &para, int64_t room)
 {
     if (para.type == "string")
@@ -91,7 +95,7 @@ inline std::string bytes_of(const Parameter &para, int64_t room)
     return std::string(bytes, static_cast<size_t>(width_of(para.type)));
 }
 
-// The value that an image has from a position on.
+// The value that an image has from a position on. Outside of the image everything is zero.
 inline std::string text_at(const std::string &type, const std::string &image, int64_t position,
                            const std::string &before)
 {
@@ -145,11 +149,20 @@ struct Family {
         return nullptr;
     }
 
-    void measure()
+    void add(int32_t number, const std::string &bytes)
     {
-        highest = 1;
-        for (const Instance &instance : instances)
-            highest = std::max(highest, instance.number);
+        instances.push_back({number, ""});
+        store(instances.back().image, bytes);
+        measure();
+    }
+
+    void remove(int32_t number)
+    {
+        const Instance *instance = find(number);
+        if (instance == nullptr)
+            return;
+        instances.erase(instances.begin() + (instance - instances.data()));
+        measure();
     }
 
     // What a copy into an image makes of it.
@@ -164,26 +177,20 @@ struct Family {
             image.replace(0, bytes.size(), bytes);
     }
 
-    void add(int32_t number, const std::string &bytes)
-    {
-        instances.push_back({number, ""});
-        store(instances.back().image, bytes);
-        measure();
-    }
-
     void to_image(bool selected_only)
     {
         int64_t position = 0;
         const auto end = static_cast<int64_t>(working.size());
         for (const Parameter &p : para) {
             const bool string_outside = p.type == "string" && position < 0;
-            if ((!selected_only || p.selected) && !string_outside) {
-                const std::string bytes = bytes_of(p, std::min<int64_t>(p.len, end - position));
-                for (size_t i = 0; i < bytes.size(); i++) {
-                    const int64_t to = position + static_cast<int64_t>(i);
-                    if (to >= 0 && to < end)
-                        working[static_cast<size_t>(to)] = bytes[i];
-                }
+            std::string bytes;
+            if ((!selected_only || p.selected) && !string_outside)
+                bytes = bytes_of(p, std::min<int64_t>(p.len, end - position));
+            int64_t to = position;
+            for (const char byte : bytes) {
+                if (to >= 0 && to < end)
+                    working[static_cast<size_t>(to)] = byte;
+                to++;
             }
             position += p.len;
         }
@@ -191,11 +198,10 @@ struct Family {
 
     void to_text(const std::string &image)
     {
-        if (size <= 0)
-            return;
         int64_t position = 0;
         for (Parameter &p : para) {
-            p.value = text_at(p.type, image, position, p.value);
+            if (size > 0)
+                p.value = text_at(p.type, image, position, p.value);
             position += p.len;
         }
     }
@@ -208,27 +214,13 @@ struct Family {
         size = 0;
         for (const Parameter &p : para)
             size += p.len;
-        working.assign(static_cast<size_t>(allocation(size)), '\0');
+        working.assign(static_cast<size_t>(std::max(size + 31, 0) / 32 * 32), '\0');
         to_image(false);
-        defaults = working.substr(0, static_cast<size_t>(std::max(size, 0)));
+        defaults = working_bytes();
         if (size != before && !instances.empty()) {
             instances.clear();
             highest = 1;
         }
-    }
-
-    void load(const Element &element)
-    {
-        for (Parameter &p : para)
-            for (const auto &value : element.values)
-                if (value.first == p.name)
-                    p.value = value.second;
-        to_image(false);
-        Instance *instance = find(element.number);
-        if (instance == nullptr)
-            add(element.number, working_bytes());
-        else
-            store(instance->image, working_bytes());
     }
 
     void load(const std::string &name, const File &file)
@@ -245,32 +237,55 @@ struct Family {
             load(element);
     }
 
-    std::string working_bytes() const
-    {
-        return working.substr(0, static_cast<size_t>(std::max(size, 0)));
-    }
-
     // Its part of a data file, as text and as what a reader makes of it.
     std::string write(std::vector<Element> &content)
     {
-        std::string out;
+        std::string blocks;
         const auto block = [&](int32_t number, const std::string &image) {
+            std::string values;
             to_text(image);
-            out += out.empty() ? "" : ",\n";
-            out += "\t\t{\n\t\t\t\"inst\":\"" + std::to_string(number) + "\",\n\t\t\t\"para\":{\n";
             content.push_back({number, {}});
-            for (size_t i = 0; i < para.size(); i++) {
-                out += (i == 0 ? "" : ",\n") + ("\t\t\t\t\"" + para[i].name) + "\":\"" +
-                       para[i].value + "\"";
-                content.back().values.emplace_back(para[i].name, para[i].value);
+            for (const Parameter &p : para) {
+                append(values, "\t\t\t\t" + quoted(p.name) + ":" + quoted(p.value), ",\n");
+                content.back().values.emplace_back(p.name, p.value);
             }
-            out += "\n\t\t\t}\n\t\t}";
+            append(blocks,
+                   "\t\t{\n\t\t\t\"inst\":" + quoted(std::to_string(number)) +
+                       ",\n\t\t\t\"para\":{\n" + values + "\n\t\t\t}\n\t\t}",
+                   ",\n");
         };
         if (instances.empty() && elements != 0)
             block(1, defaults);
         for (const Instance &instance : instances)
             block(instance.number, instance.image);
-        return out;
+        return blocks;
+    }
+
+private:
+    void measure()
+    {
+        highest = 1;
+        for (const Instance &instance : instances)
+            highest = std::max(highest, instance.number);
+    }
+
+    void load(const Element &element)
+    {
+        for (Parameter &p : para)
+            for (const auto &value : element.values)
+                if (value.first == p.name)
+                    p.value = value.second;
+        to_image(false);
+        Instance *instance = find(element.number);
+        if (instance == nullptr)
+            add(element.number, working_bytes());
+        else
+            store(instance->image, working_bytes());
+    }
+
+    std::string working_bytes() const
+    {
+        return working.substr(0, static_cast<size_t>(std::max(size, 0)));
     }
 };
 

@@ -21,7 +21,7 @@ void put_text(char (&field)[1024], const std::string &text)
     field[text.size()] = '\0';
 }
 
-// Small lengths most of the time: the others move the cursor out of the image at once.
+// Mostly small lengths: large ones move out of the image at once.
 int32_t length_of(uint32_t word)
 {
     if ((word >> 30) == 0)
@@ -46,32 +46,30 @@ bv_db_para descriptor(fuzz::Input &input)
     return para;
 }
 
-// How much of an image its types read, in their own width; a string reads until it is too long.
+// How many bytes of an image each type reads; a string goes on until it is too long.
+int64_t width_of(const std::string &type)
+{
+    constexpr int64_t kWidths[kTypeCount] = {1024, 1, 1, 2, 2, 4, 4, 6, 4, 0, 0, 0};
+    return kWidths[std::find(kTypes, kTypes + kTypeCount, type) - kTypes];
+}
+
+// The first byte after all that the table reads.
 int64_t extent(const std::vector<bv_db_para> &table)
 {
     int64_t position = 0;
     int64_t end = 0;
-    for (const bv_db_para &para : table) {
-        if (para.valid == 0)
-            break;
-        const std::string type = para.type;
-        int64_t width = type == "string" ? int64_t{sizeof para.value} : type == "mac" ? 6 : 0;
-        for (const char *wide : {"int", "uint", "ip"})
-            width = type == wide ? 4 : width;
-        for (const char *narrow : {"short", "ushort"})
-            width = type == narrow ? 2 : width;
-        for (const char *byte : {"char", "uchar"})
-            width = type == byte ? 1 : width;
+    for (auto para = table.begin(); para != table.end() && para->valid != 0; ++para) {
+        const std::string type = para->type;
         if (position >= 0 || type != "string") // one that begins before the image ends at once
-            end = std::max(end, position + width);
-        position += para.len;
+            end = std::max(end, position + width_of(type));
+        position += para->len;
     }
     return end;
 }
 
 void to_text(std::vector<bv_db_para> table, const std::string &bytes)
 {
-    // Also of types that read nothing: there must then be no read at all.
+    // Where only types that read nothing are left, the image has no byte at all.
     const auto size = static_cast<size_t>(extent(table));
     fuzz::Block image(size);
     if (size > 0)
@@ -89,7 +87,7 @@ int64_t sum_of_valid(const std::vector<bv_db_para> &table)
     return sum;
 }
 
-// The family's own idea of its image size need not be the sum, unless it has none.
+// The image size of the family need not be the sum of the lengths, unless it is 0.
 void to_image(std::vector<bv_db_para> table, uint32_t size)
 {
     size %= 2049;

@@ -11,10 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv); // called once, where there is one
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 #define FUZZ_CHECK(condition)                                                                      \
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 namespace fuzz {
 
-// The bytes of one input, taken from the front. Beyond the end everything is zero or empty.
+// The bytes of one input, taken from the front. After the end everything is zero or empty.
 class Input {
 public:
     Input(const uint8_t *data, size_t size) : next_(data), left_(size) {}
@@ -50,12 +50,21 @@ public:
         return value;
     }
 
+    // So many bytes, or all that are left.
     std::string take(size_t count)
     {
         count = std::min(count, left_);
         std::string bytes(reinterpret_cast<const char *>(next_), count);
         next_ += count;
         left_ -= count;
+        return bytes;
+    }
+
+    // Exactly so many, with zeros for those that are missing.
+    std::string fixed(size_t count)
+    {
+        std::string bytes = take(count);
+        bytes.resize(count);
         return bytes;
     }
 
@@ -73,7 +82,7 @@ private:
     size_t left_;
 };
 
-// A heap block of exactly so many bytes: the sanitizer sees a read past its end.
+// A heap block of exactly so many bytes: the sanitizer sees the first read past its end.
 class Block {
 public:
     explicit Block(size_t size, uint8_t fill = 0xa5)
@@ -116,15 +125,10 @@ inline unsigned touch(const void *data, size_t length)
     return sum;
 }
 
-using ::read_file;
-using ::write_file;
-
-// What the code under test prints is of no interest and would slow it down.
+// For code that prints: output would only slow it down.
 inline void silence_output()
 {
-    const int fd = open("/dev/null", O_WRONLY);
-    FUZZ_CHECK(fd >= 0 && dup2(fd, STDOUT_FILENO) == STDOUT_FILENO);
-    close(fd);
+    FUZZ_CHECK(freopen("/dev/null", "w", stdout) != nullptr);
 }
 
 } // namespace fuzz

@@ -1,7 +1,7 @@
 // Datagrams on the driver's socket, through the library's own receive thread.
 //
 // The socket is ours: recvmsg() hands the thread one datagram after the other. Input: datagrams,
-// each with its length in two bytes in front.
+// each after its length in two bytes.
 
 #include <bv/notifier.h>
 #include <bv/status.h>
@@ -13,13 +13,13 @@
 #include <semaphore.h>
 #include <sys/socket.h>
 
-#ifndef __THROW // what the C library's header says of functions defined here; not every one does
+#ifndef __THROW // the C library's header may declare the functions defined here with it
 #define __THROW
 #endif
 
 namespace {
 
-constexpr int kSocket = 987; // a descriptor that is not in use
+constexpr int kSocket = 987; // a descriptor that is never open
 
 struct Hand {
     sem_t given;
@@ -29,7 +29,8 @@ struct Hand {
 Hand g_hand;
 sem_t g_marked;
 
-constexpr uint32_t kMarkType = 13; // no message of the driver becomes one of these
+constexpr uint32_t kTypes = 14;
+constexpr uint32_t kMarkType = 1; // no message of the driver becomes an event of this type
 
 void take_event(void *data, uint32_t length)
 {
@@ -48,21 +49,7 @@ void wait_for(sem_t &semaphore)
         FUZZ_CHECK(errno == EINTR);
 }
 
-bool start()
-{
-    fuzz::silence_output();
-    sem_init(&g_hand.given, 0, 0);
-    sem_init(&g_hand.taken, 0, 0);
-    sem_init(&g_marked, 0, 0);
-    FUZZ_CHECK(bv_notifier_init() == BV_OK);
-    for (uint32_t type = 0; type < kMarkType; ++type)
-        bv_notifier_reg(type, take_event);
-    bv_notifier_reg(kMarkType, take_mark);
-    wait_for(g_hand.taken); // the thread asks for its first datagram
-    return true;
-}
-
-// Sends one and waits until the thread wants the next.
+// Hands one datagram over and waits until the thread wants the next.
 void deliver(const std::string &datagram)
 {
     g_hand.datagram = datagram;
@@ -71,6 +58,19 @@ void deliver(const std::string &datagram)
 }
 
 } // namespace
+
+int LLVMFuzzerInitialize(int *, char ***)
+{
+    fuzz::silence_output();
+    sem_init(&g_hand.given, 0, 0);
+    sem_init(&g_hand.taken, 0, 0);
+    sem_init(&g_marked, 0, 0);
+    FUZZ_CHECK(bv_notifier_init() == BV_OK);
+    for (uint32_t type = 0; type < kTypes; ++type)
+        bv_notifier_reg(type, type == kMarkType ? take_mark : take_event);
+    wait_for(g_hand.taken); // the thread asks for its first datagram
+    return 0;
+}
 
 extern "C" {
 
@@ -108,15 +108,13 @@ ssize_t recvmsg(int fd, msghdr *message, int)
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const bool started = start();
-    FUZZ_CHECK(started);
     fuzz::Input input(data, size);
     while (!input.empty()) {
         const size_t length = static_cast<size_t>(input.byte()) << 8;
         deliver(input.take(length | input.byte()));
     }
 
-    // A last event of our own: when it is there, those before it were.
+    // Our own event comes last: when it has arrived, all others have.
     FUZZ_CHECK(bv_notifier_send(kMarkType, nullptr, 0) == BV_OK);
     wait_for(g_marked);
     return 0;

@@ -1,17 +1,14 @@
 // Arguments of the bus method by which an owner's functions are called.
 //
-// The bus library is played here: the owner connects, publishes its object and leaves its loop at
-// once; then its method gets the input as the payload of a message.
+// The bus library is played here. The owner connects, publishes its object and leaves its loop at
+// once. Then its method gets the input as the payload of a message.
 
-#include <bv/ubus.h>
-
-#include "fuzz/input.h"
+#include "fuzz/bus_stub.h"
 
 namespace {
 
 constexpr uint32_t kHandlerResult = 0x01020304;
 
-ubus_context g_context;
 ubus_object *g_object;
 unsigned g_statuses;
 uint32_t g_called_length;
@@ -30,30 +27,14 @@ uint32_t handler(void *data, uint32_t length)
 
 int register_functions()
 {
-    FUZZ_CHECK(bv_ubus_server_reg("get", handler) == 0);
-    FUZZ_CHECK(bv_ubus_server_reg("set", handler) == 0);
-    FUZZ_CHECK(bv_ubus_server_reg("", handler) == 0);
+    for (const char *name : {"get", "set", ""})
+        FUZZ_CHECK(bv_ubus_server_reg(name, handler) == 0);
     return 0;
-}
-
-bool start()
-{
-    FUZZ_CHECK(bv_ubus_server_init("gateway", register_functions) == 0);
-    FUZZ_CHECK(g_object != nullptr && g_object->n_methods == 1);
-    return true;
 }
 
 } // namespace
 
 extern "C" {
-
-ubus_context *ubus_connect(const char *)
-{
-    g_context.sock.fd = STDIN_FILENO;
-    return &g_context;
-}
-
-void ubus_free(ubus_context *) {}
 
 int ubus_add_object(ubus_context *, ubus_object *object)
 {
@@ -61,22 +42,12 @@ int ubus_add_object(ubus_context *, ubus_object *object)
     return 0;
 }
 
-int uloop_init(void)
-{
-    return 0;
-}
-
-int uloop_fd_add(uloop_fd *, unsigned int)
-{
-    return 0;
-}
-
-int uloop_run_timeout(int)
-{
-    return 0;
-}
-
+// clang-format off
+int uloop_init(void) { return 0; }
+int uloop_fd_add(uloop_fd *, unsigned int) { return 0; }
+int uloop_run_timeout(int) { return 0; }
 void uloop_done(void) {}
+// clang-format on
 
 int ubus_send_reply(ubus_context *, ubus_request_data *, blob_attr *message)
 {
@@ -101,20 +72,16 @@ void ubus_complete_deferred_request(ubus_context *, ubus_request_data *request, 
 
 } // extern "C"
 
+int LLVMFuzzerInitialize(int *, char ***)
+{
+    FUZZ_CHECK(bv_ubus_server_init("gateway", register_functions) == 0);
+    FUZZ_CHECK(g_object != nullptr && g_object->n_methods == 1);
+    return 0;
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const bool started = start();
-    FUZZ_CHECK(started);
-
-    // The header that the bus library has checked, around whatever the caller put in.
-    const uint32_t length = static_cast<uint32_t>(size + sizeof(blob_attr));
-    fuzz::Block message(length);
-    const uint8_t header[] = {7, static_cast<uint8_t>(length >> 16),
-                              static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)};
-    memcpy(message.bytes(), header, sizeof header);
-    if (size > 0)
-        memcpy(message.bytes() + sizeof header, data, size);
-
+    Message message(fuzz::Input(data, size).rest());
     g_calls = 0;
     g_statuses = 0;
     ubus_request_data request = {};

@@ -12,8 +12,8 @@ namespace {
 constexpr char kPath[] = "/scratch/template.json";
 constexpr char kWritten[] = "/scratch/written.json";
 
-// Lengths whose sum no image size can hold end the process on purpose. Only negative ones get
-// there: positive ones are below 1024 and their number is bounded.
+// A sum of lengths that does not fit an image size ends the process on purpose. Only negative
+// lengths add up to that: positive ones are below 1024, and there are not enough of them.
 bool ends_the_process(const char *path)
 {
     json_object *tree = json_object_from_file(path);
@@ -31,7 +31,7 @@ bool ends_the_process(const char *path)
     return sum < INT32_MIN;
 }
 
-// Default images stay allocated for ever, which is known; here it would drown other leaks.
+// Default images are never freed, as is known; here they would hide other leaks.
 void release_default_image(bv_db_family *family)
 {
     bv_os_free(family->default_image);
@@ -46,9 +46,8 @@ void check(const bv_db_family *family)
     for (int32_t i = 0; i < family->para_count; ++i) {
         const bv_db_para &para = family->para[i];
         FUZZ_CHECK(para.valid <= 1 && (para.valid == 0 || para.len < 1024));
-        FUZZ_CHECK(strnlen(para.name, sizeof para.name) < sizeof para.name);
-        FUZZ_CHECK(strnlen(para.type, sizeof para.type) < sizeof para.type);
-        FUZZ_CHECK(strnlen(para.value, sizeof para.value) < sizeof para.value);
+        for (const auto *text : {&para.name, &para.type, &para.value})
+            FUZZ_CHECK(memchr(*text, '\0', sizeof *text) != nullptr);
     }
     if (family->image_size > 0)
         fuzz::touch(family->default_image, static_cast<size_t>(family->image_size));
@@ -65,11 +64,15 @@ void use(bv_db_family *family)
 
 } // namespace
 
+int LLVMFuzzerInitialize(int *, char ***)
+{
+    FUZZ_CHECK(bv_db_init() == BV_OK && bv_db_reg_user("family") == BV_OK);
+    return 0;
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const bool ready = bv_db_init() == BV_OK && bv_db_reg_user("family") == BV_OK;
-    FUZZ_CHECK(ready);
-    fuzz::write_file(kPath, std::string(reinterpret_cast<const char *>(data), size));
+    write_file(kPath, std::string(reinterpret_cast<const char *>(data), size));
     if (ends_the_process(kPath))
         return 0;
 

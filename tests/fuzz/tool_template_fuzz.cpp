@@ -17,13 +17,7 @@ constexpr char kTemplate[] = "/scratch/templates/family";
 constexpr char kData[] = "/scratch/data.json";
 constexpr char kMark[] = "\n----\n";
 
-bool make_ready()
-{
-    fuzz::silence_output();
-    return mkdir(kFolder, 0700) == 0;
-}
-
-// Where the template has no fault, its header must come out.
+// A template without faults must give a header.
 void check_template()
 {
     tools::Family family;
@@ -51,15 +45,20 @@ void check_data()
 
 } // namespace
 
+int LLVMFuzzerInitialize(int *, char ***)
+{
+    fuzz::silence_output();
+    FUZZ_CHECK(mkdir(kFolder, 0700) == 0);
+    return 0;
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const bool ready = make_ready();
-    FUZZ_CHECK(ready);
     const std::string input(reinterpret_cast<const char *>(data), size);
     const size_t mark = input.find(kMark);
     const bool both = mark != std::string::npos;
-    fuzz::write_file(kTemplate, input.substr(0, mark));
-    fuzz::write_file(kData, both ? input.substr(mark + sizeof kMark - 1) : input);
+    write_file(kTemplate, input.substr(0, mark));
+    write_file(kData, both ? input.substr(mark + sizeof kMark - 1) : input);
     check_template();
     check_data();
     return 0;

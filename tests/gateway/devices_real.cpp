@@ -15,13 +15,14 @@ namespace {
 
 const std::string kFlash = "brovan_nor";
 const std::string kDriver = "brovan_gw";
+constexpr const char *kCounters[] = {"erases", "reads", "writes"};
 
 void set_flash(const std::string &parameter, int64_t value)
 {
     modules::set(kFlash, parameter, std::to_string(value));
 }
 
-// "/dev/mtdN" by the kernel's table, in which names stand in quotes.
+// "/dev/mtdN" by the kernel's table, which has the names in quotes.
 std::string device_of(const std::string &name)
 {
     std::string table = read_file("/proc/mtd");
@@ -34,47 +35,42 @@ std::string device_of(const std::string &name)
     return "/dev/" + table.substr(line, table.find(':', line) - line);
 }
 
-void erase_all(const std::string &name)
+// Erases a partition and returns its size. 0 for the factory partition: it cannot be opened for
+// writing, so it never changes.
+uint32_t erase_all(const std::string &name)
 {
-    // The factory partition refuses writing, and nothing ever changes it.
     int fd = open(device_of(name).c_str(), O_RDWR);
     if (fd < 0)
-        return;
+        return 0;
     mtd_info_user info = {};
     EXPECT_EQ(ioctl(fd, MEMGETINFO, &info), 0);
     erase_info_user request = {0, info.size};
     EXPECT_EQ(ioctl(fd, MEMERASE, &request), 0);
     close(fd);
+    return info.size;
 }
 
-void forget_counts()
-{
-    for (const char *counter : {"erases", "reads", "writes"})
-        set_flash(counter, 0);
-}
-
-// Looking at the flash past the library must not show in the counters.
+// While it lives, what a test does on the flash by itself does not count.
 class Uncounted {
 public:
     Uncounted()
-        : erases_(modules::get(kFlash, "erases")), reads_(modules::get(kFlash, "reads")),
-          writes_(modules::get(kFlash, "writes"))
     {
+        for (size_t i = 0; i < std::size(kCounters); i++)
+            counts_[i] = modules::get(kFlash, kCounters[i]);
     }
     ~Uncounted()
     {
-        set_flash("erases", erases_);
-        set_flash("reads", reads_);
-        set_flash("writes", writes_);
+        for (size_t i = 0; i < std::size(kCounters); i++)
+            set_flash(kCounters[i], counts_[i]);
     }
     Uncounted(const Uncounted &) = delete;
     Uncounted &operator=(const Uncounted &) = delete;
 
 private:
-    unsigned erases_, reads_, writes_;
+    unsigned counts_[std::size(kCounters)];
 };
 
-// All tests of a program share the machine: what one of them asked for ends with it.
+// All tests of a program share the machine: after each, the devices work again.
 class BackToNormal : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo &) override
     {
@@ -109,7 +105,8 @@ void flash_attach()
     modules::load(kFlash);
     for (const char *name : {"config", "crash", "rootfs", "rootfs_data"})
         erase_all(name);
-    forget_counts();
+    for (const char *counter : kCounters)
+        set_flash(counter, 0);
 }
 
 std::vector<uint8_t> flash_contents(const std::string &name)
@@ -122,13 +119,7 @@ std::vector<uint8_t> flash_contents(const std::string &name)
 void flash_fill(const std::string &name, uint8_t value)
 {
     Uncounted change;
-    erase_all(name);
-    int fd = open(device_of(name).c_str(), O_RDWR);
-    mtd_info_user info = {};
-    EXPECT_EQ(ioctl(fd, MEMGETINFO, &info), 0);
-    std::vector<uint8_t> bytes(info.size, value);
-    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    close(fd);
+    write_file(device_of(name), std::string(erase_all(name), static_cast<char>(value)));
 }
 
 unsigned erase_requests()

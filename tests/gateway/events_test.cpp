@@ -1,5 +1,5 @@
-// Kernel events from the driver itself, over netlink protocol 26. The tests share one process and
-// follow one another: the library's receive thread, once started, stays.
+// Kernel events from the driver itself, over netlink protocol 26. All tests share one process and
+// run in this order: the library's receive thread never ends.
 
 #include "gateway/modules.h"
 #include "support/capture.h"
@@ -16,8 +16,10 @@
 
 namespace {
 
-// One of the driver's operations on its netlink side; its result.
-uint32_t ask(const char *operation, std::string data = "")
+const std::string kDriver = "brovan_gw";
+
+// Has the driver send something; its result.
+uint32_t ask(const char *operation, std::string data)
 {
     return bv_ioctl_call(operation, data.data(), static_cast<uint32_t>(data.size()));
 }
@@ -34,8 +36,8 @@ bool send(uint16_t type, const std::string &payload)
     return static_cast<int32_t>(ask("nl-send", bytes_of(type) + payload)) >= 0;
 }
 
-// Everything that came before a marker that is sent now. Behind a burst the socket may still be
-// full, and then takes nothing until it has been emptied.
+// All events before a marker that is sent now. After a burst the socket may be full, and takes
+// nothing until it has been emptied.
 Events settle()
 {
     EXPECT_TRUE(eventually([] { return send(2, "end"); }));
@@ -47,10 +49,10 @@ protected:
     void SetUp() override
     {
         static const bool started = [] {
-            modules::load("brovan_gw");
+            modules::load(kDriver);
             EXPECT_EQ(bv_notifier_init(), 0); // opens the driver's socket too
             record_events_up_to<13>();
-            EXPECT_TRUE(eventually([] { return ask("nl-port") != 0; }));
+            EXPECT_TRUE(eventually([] { return modules::get(kDriver, "port") != 0; }));
             return true;
         }();
         ASSERT_TRUE(started);
@@ -58,25 +60,25 @@ protected:
     }
 };
 
-TEST(EventsWithoutADriver, CannotBeAskedFor)
+TEST(EventsWithoutDriver, CannotBeReceived)
 {
-    ASSERT_FALSE(modules::loaded("brovan_gw"));
+    ASSERT_FALSE(modules::loaded(kDriver));
     EXPECT_EQ(bv_netlink_init(), BV_ERR_FAILED);
 }
 
-TEST_F(Events26, DriverGetsARegistrationOf1040BytesWithTheProcessIdAsPort)
+TEST_F(Events26, RegistrationIsOneMessageOf1040BytesWithTheProcessIdAsPort)
 {
-    EXPECT_EQ(ask("nl-port"), static_cast<uint32_t>(getpid()));
-    EXPECT_EQ(ask("nl-reglen"), 1040u);
-    EXPECT_EQ(ask("nl-zero"), 1u) << "and nothing else";
+    EXPECT_EQ(modules::get(kDriver, "port"), static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(modules::get(kDriver, "registration_length"), 1040u);
+    EXPECT_EQ(modules::get(kDriver, "registration_zero"), 1u) << "and nothing else";
 }
 
-TEST_F(Events26, PortIdIsTakenForASecondSocket)
+TEST_F(Events26, SecondSocketFindsThePortIdTaken)
 {
     EXPECT_EQ(bv_netlink_init(), static_cast<int32_t>(BV_ERR_CHANNEL));
 }
 
-TEST_F(Events26, EveryDriverTypeBecomesItsEventOrALineOrNothing)
+TEST_F(Events26, EachDriverTypeBecomesItsEventOrAPrintedLineOrNothing)
 {
     CaptureStdout output;
     for (uint16_t type = 0; type <= 12; type++)
@@ -95,21 +97,21 @@ TEST_F(Events26, EveryDriverTypeBecomesItsEventOrALineOrNothing)
                              "[bv_notifier_kernel:0139]type(12)-len(10)-data(payload 12)\r\n");
 }
 
-TEST_F(Events26, PayloadsFromNothingToTheBuffersSizeArriveWhole)
+TEST_F(Events26, PayloadsUpToTheBuffersSizeArriveWholeAndLongerOnesAreCut)
 {
     const std::string longest(1024, 'x');
     EXPECT_TRUE(send(2, ""));
     EXPECT_TRUE(send(2, longest));
-    EXPECT_TRUE(send(2, longest + "cut by the socket"));
+    EXPECT_TRUE(send(2, longest + "cut off"));
     EXPECT_EQ(settle(), (Events{{4, ""}, {4, longest}, {4, longest}}));
 }
 
-TEST_F(Events26, EventsOfABurstThatTheSocketTookArriveInOrder)
+TEST_F(Events26, BurstArrivesInOrderExceptForMessagesThatFoundTheSocketFull)
 {
     constexpr uint32_t kCount = 10000;
-    const uint32_t dropped_before = ask("nl-dropped");
+    const uint32_t dropped_before = modules::get(kDriver, "dropped");
     const uint32_t failed = ask("nl-burst", bytes_of<uint16_t>(4) + bytes_of(kCount));
-    const uint32_t dropped = ask("nl-dropped") - dropped_before;
+    const uint32_t dropped = modules::get(kDriver, "dropped") - dropped_before;
     EXPECT_EQ(failed, dropped) << "no message failed in any other way";
 
     const Events arrived = settle();

@@ -1,4 +1,4 @@
-// What only a real flash chip does: bits that writing cannot set, blocks that fail.
+// What only a real flash chip does: writing cannot set bits, and single blocks fail.
 
 #include "dev/devices.h"
 #include "gateway/modules.h"
@@ -66,11 +66,11 @@ TEST_F(RealFlash, WriteEndsAtABadBlock)
     EXPECT_EQ(contents[kBlock], 0xff);
 }
 
-TEST_F(RealFlash, BlockThatCannotBeReadIsErasedWithoutBlankCheck)
+TEST_F(RealFlash, UnreadableBlockIsErasedWithoutALook)
 {
-    break_block("bad_read", 0); // blank, but it cannot be seen
+    break_block("bad_read", 0); // blank, but that cannot be seen
     ASSERT_EQ(bv_mtd_erase("config", 0, 2 * kBlock), BV_OK);
-    EXPECT_EQ(devices::erase_requests(), 1u); // the second reads as blank
+    EXPECT_EQ(devices::erase_requests(), 1u); // the second block reads as blank
 }
 
 TEST_F(RealFlash, WornBlockIsTriedInEveryRoundAndNotReported)

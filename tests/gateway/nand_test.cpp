@@ -1,5 +1,5 @@
-// A NAND chip under the kernel's own simulator: it takes whole pages only and goes by far smaller
-// erase blocks than the NOR chip.
+// A NAND chip, made up by the kernel's simulator. It is written in whole pages, and its erase
+// blocks are far smaller than those of the NOR chip.
 
 #include "gateway/modules.h"
 
@@ -29,7 +29,7 @@ TEST(Nand, IsFoundByNameWithItsOwnGeometry)
     EXPECT_EQ(bv_mtd_get_info("'NAND simulator'", &info), BV_ERR_FAILED) << "two partitions";
 }
 
-TEST(Nand, WholePagesAreWrittenReadBackAndErased)
+TEST(Nand, WholePagesCanBeWrittenReadBackAndErased)
 {
     ASSERT_EQ(bv_mtd_erase(kName, 0, 2 * kBlock), BV_OK);
     Bytes data(kBlock + kPage);

@@ -1,4 +1,4 @@
-// The shell functions on a gateway's small userland, where su, grep and awk are busybox's.
+// The shell functions on a gateway, where su, grep and awk are those of busybox.
 
 #include "support/files.h"
 #include "support/process.h"
@@ -33,7 +33,7 @@ TEST(GatewayShell, CapturesOutputTrimmed)
     EXPECT_STREQ(out, "mips");
 }
 
-TEST(GatewayShell, MatchesALineAndTakesItsSecondField)
+TEST(GatewayShell, MatchGivesTheSecondFieldOfTheLine)
 {
     write_file("/scratch/values", "first=1\nsecond=2\nthird=3\n");
     char out[64] = {};

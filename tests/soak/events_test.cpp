@@ -2,22 +2,19 @@
 
 #include "soak/soak.h"
 
+#include "support/process.h"
+
 #include <bv/notifier.h>
 #include <bv/status.h>
 
 #include <atomic>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-using soak::seconds;
-
 constexpr uint32_t kThreads = 8;
-constexpr uint32_t kMostWaiting = 20000; // of one thread: the list has no limit of its own
+constexpr uint32_t kMostWaiting = 20000; // of one thread: the list itself has no limit
 
 struct Numbered {
     uint32_t thread;
@@ -28,8 +25,7 @@ struct Numbered {
 std::atomic<uint32_t> g_arrived[kThreads];
 std::atomic<uint32_t> g_out_of_order{0};
 
-// Threads that stand ready: posting is over so soon that they would hardly meet.
-std::atomic<uint32_t> g_ready{0};
+std::atomic<uint32_t> g_ready{0}; // threads that wait for the others before they post
 
 void take(void *data, uint32_t length)
 {
@@ -50,69 +46,53 @@ void post(uint32_t thread, uint32_t count)
         while (number - g_arrived[thread] > kMostWaiting && g_out_of_order == 0)
             usleep(500);
         const Numbered event = {thread, number};
-        // Every thread posts types of its own and one of all.
+        // Each thread has a type of its own, and all of them share one.
         const uint32_t type = number % 4 == 0 ? 13 : 1 + thread;
         ASSERT_EQ(bv_notifier_send(type, &event, sizeof event), BV_OK);
     }
 }
 
-uint32_t arrived()
-{
-    uint32_t sum = 0;
-    for (const auto &count : g_arrived)
-        sum += count;
-    return sum;
-}
-
-bool wait_for(uint32_t count)
-{
-    const double started = seconds();
-    while (arrived() < count && g_out_of_order == 0 && seconds() - started < 60)
-        usleep(1000);
-    return arrived() >= count;
-}
-
+// Each thread posts so many events; all must arrive in order.
 void post_from_all(uint32_t each)
 {
     g_ready = 0;
+    for (auto &count : g_arrived)
+        count = 0;
     std::vector<std::thread> threads;
     for (uint32_t i = 0; i < kThreads; i++)
         threads.emplace_back(post, i, each);
     for (std::thread &thread : threads)
         thread.join();
+
+    const auto all_arrived = [each] {
+        return std::all_of(std::begin(g_arrived), std::end(g_arrived),
+                           [each](uint32_t count) { return count == each; });
+    };
+    EXPECT_TRUE(eventually([&] { return all_arrived() || g_out_of_order != 0; }, 60000));
+    EXPECT_EQ(g_out_of_order, 0u);
 }
 
-TEST(Soak, EventsOfEachThreadArriveAllAndInOrder)
+TEST(Soak, EventsOfEachThreadAllArriveInOrder)
 {
     const uint32_t each = soak::parameter("SOAK_EVENTS", 160000) / kThreads;
     ASSERT_EQ(bv_notifier_init(), BV_OK);
     for (uint32_t type = 1; type <= 13; type++)
         bv_notifier_reg(type, take);
 
-    // A first round, so that the heap has its size.
-    post_from_all(each);
-    ASSERT_TRUE(wait_for(kThreads * each)) << arrived();
-    ASSERT_EQ(g_out_of_order, 0u);
-    for (auto &count : g_arrived)
-        count = 0;
+    post_from_all(each); // lets the heap grow to its size
+    ASSERT_FALSE(HasFailure());
     const long before = soak::memory_of(getpid());
-
-    const double started = seconds();
+    const double started = soak::seconds();
     post_from_all(each);
-    EXPECT_TRUE(wait_for(kThreads * each)) << arrived() << " of " << kThreads * each;
-    const double taken = seconds() - started;
-    usleep(100000); // one too many would come now
+    printf("%u events from %u threads in %.1f s\n", kThreads * each, kThreads,
+           soak::seconds() - started);
 
+    usleep(100000); // enough for one event too many to arrive
     EXPECT_EQ(g_out_of_order, 0u);
     for (const auto &count : g_arrived)
         EXPECT_EQ(count, each);
-    const long after = soak::memory_of(getpid());
-    printf("%u events from %u threads in %.1f s; memory %ld KiB, later %ld KiB\n", kThreads * each,
-           kThreads, taken, before, after);
     // How many events wait at once differs from round to round, by the heaps of nine threads.
-    if (soak::memory_counts()) {
-        EXPECT_LE(after - before, 16 * 1024);
-    }
+    soak::expect_steady("events", before, soak::memory_of(getpid()), 16 * 1024);
 }
 
 } // namespace

@@ -1,19 +1,16 @@
-// What the soaks share: how much they do, and what a process uses.
+// What the soaks share: how long they run, and whether the memory of a process stays the same.
 //
-// As ordinary tests they are short. `make soak` sets SOAK_CALLS, SOAK_RESTARTS, SOAK_EVENTS and
-// SOAK_COMMITS to their full size.
+// As ordinary tests they are short; tests/soak/run sets the variables that make them long.
 #ifndef BV_TESTS_SOAK_SOAK_H
 #define BV_TESTS_SOAK_SOAK_H
 
 #include "support/files.h"
 #include "support/sanitized.h"
 
+#include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <sys/types.h>
-#include <time.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
 
 namespace soak {
 
@@ -25,12 +22,21 @@ inline uint32_t parameter(const char *name, uint32_t otherwise)
 
 inline double seconds()
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
-// Memory of a process that is not from a file, in KiB; 0 when it is gone.
+// A record that children see too, all zero.
+template <typename Record>
+Record *make_shared()
+{
+    void *memory =
+        mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    EXPECT_NE(memory, MAP_FAILED);
+    return static_cast<Record *>(memory);
+}
+
+// What a process has allocated, in KiB; 0 when it is gone.
 inline long memory_of(pid_t pid)
 {
     const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
@@ -38,21 +44,24 @@ inline long memory_of(pid_t pid)
     return at == std::string::npos ? 0 : atol(status.c_str() + at + 8);
 }
 
-// Whether memory tells anything: sanitizers keep what was freed, and an emulator answers for
-// itself.
-inline bool memory_counts()
+// By default less than a leak of a few bytes per call adds up to, and more than an allocator's own
+// ups and downs. Sanitizers keep what was freed, and under emulation we would measure the emulator.
+inline void expect_steady(const char *name, long before, long later, long most_growth = 768)
 {
-    return !kSanitized && getenv("BV_ROOT_USERLAND") == nullptr;
+    printf("%-12s %5ld KiB, later %5ld KiB\n", name, before, later);
+    if (!kSanitized && getenv("BV_ROOT_USERLAND") == nullptr) {
+        EXPECT_LE(later - before, most_growth) << name;
+    }
 }
 
-// Memory over the life of one process: since it had done a while's work, and now.
+// The memory of one process: after it has warmed up, and now.
 struct Memory {
-    pid_t pid;
-    uint32_t work; // done so far
-    long base;
-    long last;
+    pid_t pid = 0;
+    uint32_t work = 0; // done so far
+    long base = 0;
+    long last = 0;
 
-    // Called by whoever watches, after each piece of work.
+    // To be called after each piece of work.
     void note(uint32_t warm_up)
     {
         work++;
@@ -61,12 +70,13 @@ struct Memory {
         else if (work > warm_up && work % 256 == 0)
             last = memory_of(pid);
     }
-    bool known() const { return base != 0 && last != 0; }
-    long growth() const { return last - base; }
-};
 
-// A leak of a few bytes a call passes this; an allocator's own ups and downs do not.
-constexpr long kMostGrowth = 768; // KiB
+    void check(const char *name) const
+    {
+        if (base != 0 && last != 0)
+            expect_steady(name, base, last);
+    }
+};
 
 } // namespace soak
 

@@ -16,6 +16,7 @@
 #include "fuzz/input.h"
 
 #include <deque>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <vector>
 

@@ -4,17 +4,13 @@
  * request, and the kernel's side of netlink protocol 26.
  *
  * Operations, by the record's name:
- *   upper       makes the data upper case
- *   result5     fills the data with 0xa5, result 5
- *   reject      fails with EPERM
- *   nl-port     result: port id in the last registration message
- *   nl-reglen   result: its length
- *   nl-zero     result: 1 when all of it but length and port id was zero
- *   nl-send     sends a message: type in the first 2 bytes of the data, then the payload
- *   nl-burst    sends n messages of a type (16-bit type, 32-bit n); payload: 32-bit number from 0
- *   nl-dropped  result: messages that the socket had no room for since the module was loaded
+ *   upper     makes the data upper case
+ *   result5   fills the data with 0xa5, result 5
+ *   reject    fails with EPERM
+ *   nl-send   sends a message: type in the first 2 bytes of the data, then the payload
+ *   nl-burst  sends n messages of a type (16-bit type, 32-bit n); payload: 32-bit number from 0
  * Anything else answers 0xfffffffe. Request 1 reads back the last record that request 0 brought,
- * with the flags of the opening in front.
+ * after the flags of the opening. What netlink did is in the module's parameters.
  */
 #include <linux/delay.h>
 #include <linux/fs.h>
@@ -44,8 +40,17 @@ struct record {
 static bool odd_result;
 module_param(odd_result, bool, 0644);
 
+/*
+ * Of the last registration message: port id, length, and whether all its other bytes were zero.
+ * And how many messages the socket had no room for.
+ */
+static uint port, registration_length, registration_zero, dropped;
+module_param(port, uint, 0444);
+module_param(registration_length, uint, 0444);
+module_param(registration_zero, uint, 0444);
+module_param(dropped, uint, 0444);
+
 static struct sock *netlink;
-static u32 port, registration_length, registration_zero, dropped;
 static struct record *last;
 static u32 last_flags;
 
@@ -70,7 +75,7 @@ static int send_message(u16 type, const void *data, u32 length)
 	return result;
 }
 
-/* Small steps back now and then: the receiver shares the processor. */
+/* Pauses now and then: the receiver shares the processor. */
 static u32 send_burst(u16 type, u32 count)
 {
 	u32 i, lost = 0;
@@ -115,14 +120,6 @@ static long carry_out(struct record *r)
 		r->result = 5;
 	} else if (!strcmp(r->name, "reject")) {
 		return -EPERM;
-	} else if (!strcmp(r->name, "nl-port")) {
-		r->result = port;
-	} else if (!strcmp(r->name, "nl-reglen")) {
-		r->result = registration_length;
-	} else if (!strcmp(r->name, "nl-zero")) {
-		r->result = registration_zero;
-	} else if (!strcmp(r->name, "nl-dropped")) {
-		r->result = dropped;
 	} else if (!strcmp(r->name, "nl-send") && r->length >= 2) {
 		memcpy(&type, r->data, 2);
 		r->result = send_message(type, r->data + 2, r->length - 2);
@@ -136,7 +133,7 @@ static long carry_out(struct record *r)
 	return odd_result ? 7 : 0;
 }
 
-/* Keeps what came, for request 1. */
+/* Keeps the record for request 1. */
 static void remember(const struct file *file, const struct record *r)
 {
 	size_t size = sizeof(*r) + r->length;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * A NOR flash chip made of memory, for tests: writing only clears bits, erasing goes by whole
- * blocks, and faults come on demand. Everything above the chip (partitions, /proc/mtd, character
+ * blocks, and faults come on demand. All that is above the chip (partitions, /proc/mtd, character
  * devices and their ioctls) is the kernel's own.
  *
  * Faults and counters are files below /sys/module/brovan_nor/parameters.
@@ -75,7 +75,7 @@ static int nor_write(struct mtd_info *mtd, loff_t to, size_t length, size_t *don
 		return -EIO;
 	*done = take_room(length);
 	if (*done == 0)
-		return -EIO; /* the character device would try again for ever */
+		return -EIO; /* or the character device would try again for ever */
 	for (i = 0; i < *done; i++)
 		memory[to + i] &= buf[i];
 	return 0;
@@ -119,7 +119,7 @@ static struct mtd_info nor = {
 };
 
 /*
- * The erase size that MEMGETINFO reports for every partition. The chip goes on erasing in its own
+ * The erase size that MEMGETINFO reports for every partition. The chip still erases in its own
  * blocks.
  */
 static int set_reported_erase_size(const char *text, const struct kernel_param *param)

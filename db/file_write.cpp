@@ -10,7 +10,6 @@
 #include "core/list.h"
 #include "db/internal.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 
 #include <bv/os.h>
 

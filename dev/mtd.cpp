@@ -5,7 +5,6 @@
 
 #include "os/alloc.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 #include "os/span.h"
 
 #include <bv/os.h>

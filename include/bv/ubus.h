@@ -28,6 +28,7 @@
 #define BV_UBUS_H
 
 #include <bv/base.h>
+#include <bv/status.h>
 
 /* The C library's headers that the libraries below include. They come before the linkage block:
  * some of libubox's headers open none themselves, and a C++ library's headers must not be inside
@@ -459,10 +460,10 @@ typedef uint32_t (*bv_ubus_handler)(void *data, uint32_t len);
  *                empty name
  * @param handler the function
  *
- * @retval 0          registered; a name that was registered before now means this handler
- * @retval -1         no registry, or a null argument
- * @retval 0x10000016 the registry holds 8196 names; also when name is one of them
- * @retval 0x10000040 no memory
+ * @retval BV_OK          registered; a name that was registered before now means this handler
+ * @retval BV_ERR_FAILED  no registry, or a null argument
+ * @retval BV_ERR_FULL    the registry holds 8196 names; also when name is one of them
+ * @retval BV_ERR_MEMORY  no memory
  */
 BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
 
@@ -489,9 +490,9 @@ BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
  * @param register_callback called once, before connecting, to register the functions; its result
  *                          is ignored; may be null
  *
- * @retval 0  the loop has ended
- * @retval -1 no memory for the registry: there is none then; or no event loop, or no bus: the
- *            registry stays as the callback filled it
+ * @retval BV_OK          the loop has ended
+ * @retval BV_ERR_FAILED  no memory for the registry: there is none then; or no event loop, or no
+ *                        bus: the registry stays as the callback filled it
  * @return otherwise the bus status for the refused object, 2 for a name in use; the connection is
  *         freed
  */
@@ -507,8 +508,8 @@ BV_API int32_t bv_ubus_server_init(const char *object_name, int (*register_callb
  *
  * @param object_name the object to call; null for "brovan.gateway.server"
  *
- * @retval 0  connected
- * @retval -1 no bus, or no memory for the connection
+ * @retval BV_OK          connected
+ * @retval BV_ERR_FAILED  no bus, or no memory for the connection
  */
 BV_API int32_t bv_ubus_client_init(const char *object_name);
 
@@ -529,15 +530,15 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  *
  * @return the function's result, or one of these. Then data is unchanged, unless a reply came
  *         before the failure: its bytes are written at once
- * @retval 2          unknown function; or the call cannot be sent: a null argument, more than fits
- *                    in a message of 1048576 bytes with 128 bytes for account names, or a dead
- *                    connection; or no memory for the bytes, here or at the owner
- * @retval 3          the object has no method "method": its owner does not use this library
- * @retval 4          no such object
- * @retval 6          the bus does not permit the call
- * @retval 7          no answer in time
- * @retval 10         not connected, or the connection was lost while waiting
- * @retval 0x10000010 the reply lacked a field
+ * @retval 2   unknown function; or the call cannot be sent: a null argument, more than fits in a
+ *             message of 1048576 bytes with 128 bytes for account names, or a dead connection; or
+ *             no memory for the bytes, here or at the owner
+ * @retval 3   the object has no method "method": its owner does not use this library
+ * @retval 4   no such object
+ * @retval 6   the bus does not permit the call
+ * @retval 7   no answer in time
+ * @retval 10  not connected, or the connection was lost while waiting
+ * @retval BV_ERR_INVALID  the reply lacked a field
  *
  * An owner that does not use this library may end a call with any other status. A result of the
  * function looks the same as a bus status of that number. If the answer has no reply message, the

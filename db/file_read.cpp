@@ -1,4 +1,4 @@
-// Reading data files.
+// Reads data files, which are JSON.
 //
 // Elements pass through the family's descriptors and working image one after the other, and neither
 // is reset in between. That is meant: a parameter that an element lacks keeps the value of the

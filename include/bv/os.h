@@ -242,7 +242,7 @@ BV_API int bv_os_snprintf(char *dst, uint32_t dstsize, const char *format, ...) 
  * Scans a text. After each buffer of %s, %c and %[ comes one more argument, its size in bytes as a
  * size_t, so compilers cannot check these formats like scanf's:
  * @code
- * bv_os_sscanf(line, "%15s %d", name, sizeof name, &number);
+ * bv_os_sscanf(line, "%15s %d", name, sizeof(name), &number);
  * @endcode
  *
  * Rely on these directives only: conversions d i u o x X p e E f g G s c [ n and %%, a width,

@@ -92,8 +92,8 @@ int32_t move_range(int fd, bv::MutableBytes buf, uint32_t offset, const Directio
     return BV_OK;
 }
 
-// Whether a block already reads as erased. If that cannot be found out, for want of memory or
-// because of the device, the answer is no: erasing once too often is safe.
+// Whether a block already reads as erased. When memory is short or the device cannot be read, the
+// answer is no: erasing once too often is safe.
 bool block_is_blank(const char *name, uint32_t start, uint32_t size)
 {
     const bv::Block<uint8_t> buffer(bv::allocate<uint8_t>(2 * uint64_t{size}));

@@ -1,4 +1,4 @@
-// Owners: each gives back what it holds at the end of its scope, whichever way that is left.
+// Owners: each gives back what it holds at the end of its scope, however the scope is left.
 //
 // Nothing here needs the library: it compiles into any program.
 #ifndef BV_OS_OWNED_H

@@ -40,7 +40,7 @@ struct Json {
         }
     };
     Iterator begin() const { return {first}; }
-    Iterator end() const { return {nullptr}; }
+    static Iterator end() { return {nullptr}; }
 };
 
 struct JsonFault {

@@ -48,7 +48,7 @@ struct LastCalled {
     Key key;
     bv_ubus_handler handler;
 };
-LastCalled g_last_called;
+LastCalled g_last_called = {};
 
 void forget_last_called()
 {

@@ -26,10 +26,10 @@ uint32_t g_last_result;
 // back.
 void copy_reply(void *data, const bv::RpcReply &reply)
 {
-    const uint32_t length = std::min(reply.length, reply.available);
+    const uint32_t length = std::min(reply.length, reply.sent.length);
     if (data == nullptr || length == 0)
         return;
-    bv_os_memcpy(data, length, reply.data, length);
+    bv_os_memcpy(data, length, reply.sent.data, length);
 }
 
 void take_reply(ubus_request *req, int, blob_attr *message)
@@ -63,7 +63,7 @@ uint32_t bv_ubus_client_call(const char *func_name, void *data, uint32_t len)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (g_connection == nullptr)
         return UBUS_STATUS_CONNECTION_FAILED;
-    if (!bv::rpc_build_request(g_request, func_name, data, len))
+    if (!bv::rpc_build_request(g_request, func_name, bv::bytes_of(data, len).read_only()))
         return UBUS_STATUS_INVALID_ARGUMENT;
 
     const int status = bv_ubus_invoke(g_connection, g_object_id, bv::kMethodName, g_request.head,

@@ -63,11 +63,19 @@ bool parse_fields(const blobmsg_policy *policy, blob_attr *message,
     return fields[kFuncOrReturn] != nullptr && fields[kLen] != nullptr && fields[kData] != nullptr;
 }
 
-// A field was found by its whole name, so the length of its header is known. The parser has checked
-// that its data is as long as its type needs.
-const uint8_t *data_of(const blob_attr *field, uint32_t header)
+// The data of a field that was found by its whole name, so the length of its header is known. The
+// parser has checked that it is as long as its type needs.
+template <size_t Size>
+const uint8_t *data_of(const blob_attr *field, const char (&name)[Size])
 {
-    return bv::attr_bytes(field) + header;
+    return bv::attr_bytes(field) + header_of(name);
+}
+
+// What the field "data" really holds.
+bv::Bytes sent_bytes(const blob_attr *field)
+{
+    return {data_of(field, "data"),
+            static_cast<uint32_t>(bv::attr_raw_length(field) - header_of("data"))};
 }
 
 // Like bv_blobmsg_add_u32(), but inline: a reply has two of these.
@@ -78,58 +86,57 @@ inline bool add_word(blob_buf &buf, const char *name, uint32_t value)
     return bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_INT32, name, bytes, sizeof(bytes)) == 0;
 }
 
+bool add_data(blob_buf &buf, bv::Bytes data)
+{
+    return bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "data", data.data, data.length) == 0;
+}
+
 } // namespace
 
-namespace bv {
-
-const blobmsg_policy kRequestPolicy[kRpcFields] = {
+const blobmsg_policy bv::kRequestPolicy[kRpcFields] = {
     {"func", BLOBMSG_TYPE_STRING}, {"len", BLOBMSG_TYPE_INT32}, {"data", BLOBMSG_TYPE_UNSPEC}};
 
-bool rpc_parse_request(blob_attr *message, RpcRequest &request)
+bool bv::rpc_parse_request(blob_attr *message, RpcRequest &request)
 {
     blob_attr *fields[kRpcFields];
     if (!parse_fields(kRequestPolicy, message, fields))
         return false;
-    request.func =
-        reinterpret_cast<const char *>(data_of(fields[kFuncOrReturn], header_of("func")));
-    request.length = get_be32(data_of(fields[kLen], header_of("len")));
-    request.data = static_cast<uint8_t *>(writable(data_of(fields[kData], header_of("data"))));
-    request.available = static_cast<uint32_t>(attr_raw_length(fields[kData]) - header_of("data"));
+    request.func = reinterpret_cast<const char *>(data_of(fields[kFuncOrReturn], "func"));
+    request.length = get_be32(data_of(fields[kLen], "len"));
+    const Bytes sent = sent_bytes(fields[kData]);
+    request.sent = bytes_of(writable(sent.data), sent.length);
     return true;
 }
 
-bool rpc_parse_reply(blob_attr *message, RpcReply &reply)
+bool bv::rpc_parse_reply(blob_attr *message, RpcReply &reply)
 {
     blob_attr *fields[kRpcFields];
     if (!parse_fields(kReplyPolicy, message, fields))
         return false;
-    reply.result = get_be32(data_of(fields[kFuncOrReturn], header_of("return")));
-    reply.length = get_be32(data_of(fields[kLen], header_of("len")));
-    reply.data = data_of(fields[kData], header_of("data"));
-    reply.available = static_cast<uint32_t>(attr_raw_length(fields[kData]) - header_of("data"));
+    reply.result = get_be32(data_of(fields[kFuncOrReturn], "return"));
+    reply.length = get_be32(data_of(fields[kLen], "len"));
+    reply.sent = sent_bytes(fields[kData]);
     return true;
 }
 
-bool rpc_build_request(blob_buf &buf, const char *func, const void *data, uint32_t length)
+bool bv::rpc_build_request(blob_buf &buf, const char *func, Bytes data)
 {
     const uint64_t func_size = uint64_t{bv_os_strlen(func)} + 1;
-    const uint64_t body = kRequestBody + padded(func_size) + padded(length);
+    const uint64_t body = kRequestBody + padded(func_size) + padded(data.length);
     // Checked before anything is built: the buffer would keep the size for ever.
     return body + kAccountNames <= kBusBodyLimit && bv_blobmsg_buf_init(&buf) == 0 &&
            bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_STRING, "func", func,
                                 static_cast<unsigned int>(func_size)) == 0 &&
-           bv_blobmsg_add_u32(&buf, "len", length) == 0 &&
-           bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "data", data, length) == 0;
+           bv_blobmsg_add_u32(&buf, "len", data.length) == 0 && add_data(buf, data);
 }
 
-bool rpc_build_reply(blob_buf &buf, uint32_t result, const void *data, uint32_t length)
+bool bv::rpc_build_reply(blob_buf &buf, uint32_t result, Bytes data)
 {
     return bv_blobmsg_buf_init(&buf) == 0 && add_word(buf, "return", result) &&
-           add_word(buf, "len", length) &&
-           bv_blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "data", data, length) == 0;
+           add_word(buf, "len", data.length) && add_data(buf, data);
 }
 
-bool rpc_reserve_reply(blob_buf &buf, uint32_t length)
+bool bv::rpc_reserve_reply(blob_buf &buf, uint32_t length)
 {
     if (length > kLongestReply)
         return false;
@@ -140,5 +147,3 @@ bool rpc_reserve_reply(blob_buf &buf, uint32_t length)
     // initialised again.
     return bv_blobmsg_buf_init(&buf) == 0 && bv_blob_put(&buf, 0, nullptr, needed) != nullptr;
 }
-
-} // namespace bv

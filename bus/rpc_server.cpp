@@ -9,7 +9,6 @@
 #include "bus/rpc_message.h"
 #include "os/alloc.h"
 #include "os/key.h"
-#include "os/owned.h"
 
 #include <bv/hash.h>
 #include <bv/os.h>
@@ -49,7 +48,7 @@ struct LastCalled {
     Key key;
     bv_ubus_handler handler;
 };
-LastCalled g_last_called;
+LastCalled g_last_called = {};
 
 void forget_last_called()
 {
@@ -78,18 +77,19 @@ uint8_t *extend_bytes(const bv::RpcRequest &request)
     auto *block = bv::allocate<uint8_t>(request.length);
     if (block == nullptr)
         return nullptr;
-    const uint32_t missing = request.length - request.available;
-    if (request.available != 0)
-        bv_os_memcpy(block, request.length, request.data, request.available);
-    bv_os_memset(block + request.available, missing, 0, missing);
+    const bv::Bytes sent = request.sent.read_only();
+    const uint32_t missing = request.length - sent.length;
+    if (sent.length != 0)
+        bv_os_memcpy(block, request.length, sent.data, sent.length);
+    bv_os_memset(block + sent.length, missing, 0, missing);
     return block;
 }
 
 // Runs a handler over `data` and returns the reply; null if that cannot be built.
-blob_attr *run(bv_ubus_handler handler, uint8_t *data, uint32_t length)
+blob_attr *run(bv_ubus_handler handler, bv::MutableBytes data)
 {
-    const uint32_t result = handler(data, length);
-    return bv::rpc_build_reply(g_reply, result, data, length) ? g_reply.head : nullptr;
+    const uint32_t result = handler(data.data, data.length);
+    return bv::rpc_build_reply(g_reply, result, data.read_only()) ? g_reply.head : nullptr;
 }
 
 // Runs the function that a request names and returns the reply; null when the request cannot be
@@ -106,12 +106,12 @@ blob_attr *serve(blob_attr *message)
     // A handler changes the owner's state, so the room for its reply is reserved first.
     if (!bv::rpc_reserve_reply(g_reply, request.length))
         return nullptr;
-    if (request.length <= request.available)
-        return run(handler, request.data, request.length);
+    if (request.length <= request.sent.length)
+        return run(handler, {request.sent.data, request.length});
 
     // Handlers trust the length they get, also when the caller declared more than it sent.
     const bv::Block<uint8_t> bytes(extend_bytes(request));
-    return bytes ? run(handler, bytes.get(), request.length) : nullptr;
+    return bytes ? run(handler, {bytes.get(), request.length}) : nullptr;
 }
 
 // Every request is completed here. The mark keeps the bus library from sending the result of this

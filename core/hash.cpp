@@ -10,7 +10,6 @@
 #include "core/list.h"
 #include "os/alloc.h"
 #include "os/checked.h"
-#include "os/owned.h"
 
 #include <bv/status.h>
 

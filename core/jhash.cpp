@@ -16,35 +16,25 @@ struct State {
     uint32_t c;
 };
 
-__attribute__((always_inline)) inline void mix(State &s)
+template <unsigned A, unsigned B, unsigned C>
+__attribute__((always_inline)) inline void mix_once(State &s)
 {
     s.a -= s.b;
     s.a -= s.c;
-    s.a ^= s.c >> 13;
+    s.a ^= s.c >> A;
     s.b -= s.c;
     s.b -= s.a;
-    s.b ^= s.a << 8;
+    s.b ^= s.a << B;
     s.c -= s.a;
     s.c -= s.b;
-    s.c ^= s.b >> 13;
-    s.a -= s.b;
-    s.a -= s.c;
-    s.a ^= s.c >> 12;
-    s.b -= s.c;
-    s.b -= s.a;
-    s.b ^= s.a << 16;
-    s.c -= s.a;
-    s.c -= s.b;
-    s.c ^= s.b >> 5;
-    s.a -= s.b;
-    s.a -= s.c;
-    s.a ^= s.c >> 3;
-    s.b -= s.c;
-    s.b -= s.a;
-    s.b ^= s.a << 10;
-    s.c -= s.a;
-    s.c -= s.b;
-    s.c ^= s.b >> 15;
+    s.c ^= s.b >> C;
+}
+
+__attribute__((always_inline)) inline void mix(State &s)
+{
+    mix_once<13, 8, 13>(s);
+    mix_once<12, 16, 5>(s);
+    mix_once<3, 10, 15>(s);
 }
 
 // A little-endian word at any address.

@@ -6,7 +6,6 @@
 #include "os/alloc.h"
 #include "os/atomic.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 
 #include <bv/os.h>
 #include <bv/status.h>

@@ -8,7 +8,6 @@
 #include "os/alloc.h"
 #include "os/atomic.h"
 #include "os/checked.h"
-#include "os/owned.h"
 
 #include <bv/status.h>
 

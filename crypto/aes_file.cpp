@@ -16,7 +16,6 @@
 #include "crypto/aes_cipher.h"
 #include "crypto/wipe.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 
 #include <bv/os.h>
 

@@ -7,7 +7,6 @@
 #include "os/alloc.h"
 #include "os/bytes.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 
 #include <cstring>
 #include <fcntl.h>

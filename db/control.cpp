@@ -30,27 +30,26 @@ int32_t dump(bv_list_head &list)
     return BV_OK;
 }
 
-int32_t dump_factory()
+// Families from their templates, and their settings from a data file.
+void load(bv_list_head &list, const char *file)
 {
-    return dump(g_st_db_mng.factory_list);
-}
-int32_t dump_user()
-{
-    return dump(g_st_db_mng.user_list);
-}
-int32_t dump_private()
-{
-    return dump(g_st_db_mng.private_list);
-}
-int32_t do_nothing()
-{
-    return BV_OK;
+    bv_db_template_read(&list);
+    bv_db_user_read(&list, file);
 }
 
 // Indexed by the command word.
-constexpr int32_t (*kCommands[])() = {do_nothing,     bv_db_commit,  bv_db_private, bv_db_factory,
-                                      bv_db_template, bv_db_restore, bv_db_start,   dump_factory,
-                                      dump_user,      dump_private};
+constexpr int32_t (*kCommands[])() = {
+    [] { return int32_t{BV_OK}; },
+    bv_db_commit,
+    bv_db_private,
+    bv_db_factory,
+    bv_db_template,
+    bv_db_restore,
+    bv_db_start,
+    [] { return dump(g_st_db_mng.factory_list); },
+    [] { return dump(g_st_db_mng.user_list); },
+    [] { return dump(g_st_db_mng.private_list); },
+};
 
 } // namespace
 
@@ -96,8 +95,7 @@ int32_t bv_db_template(void)
 int32_t bv_db_restore(void)
 {
     bv_db_hash_free();
-    bv_db_template_read(&g_st_db_mng.factory_list);
-    bv_db_user_read(&g_st_db_mng.factory_list, kFactoryFile);
+    load(g_st_db_mng.factory_list, kFactoryFile);
     bv_db_template_read(&g_st_db_mng.user_list);
     bv_db_template_read(&g_st_db_mng.private_list);
     return BV_OK;
@@ -108,12 +106,9 @@ int32_t bv_db_restore(void)
 int32_t bv_db_start(void)
 {
     bv_db_hash_free();
-    bv_db_template_read(&g_st_db_mng.factory_list);
-    bv_db_user_read(&g_st_db_mng.factory_list, kFactoryFile);
-    bv_db_template_read(&g_st_db_mng.user_list);
-    bv_db_user_read(&g_st_db_mng.user_list, kUserFile);
-    bv_db_template_read(&g_st_db_mng.private_list);
-    bv_db_user_read(&g_st_db_mng.private_list, kPrivateFile);
+    load(g_st_db_mng.factory_list, kFactoryFile);
+    load(g_st_db_mng.user_list, kUserFile);
+    load(g_st_db_mng.private_list, kPrivateFile);
     return BV_OK;
 }
 

@@ -1,4 +1,4 @@
-// Reading data files.
+// Reads data files, which are JSON.
 //
 // Elements pass through the family's descriptors and working image one after the other, and neither
 // is reset in between. That is meant: a parameter that an element lacks keeps the value of the
@@ -86,11 +86,8 @@ void read_family(bv::JsonMembers &tree, bv_db_family &family)
 
 int32_t bv_db_user_read(bv_list_head *list, const char *path)
 {
-    if (list == nullptr || path == nullptr)
+    if (list == nullptr || path == nullptr || bv_os_access(path, F_OK) != 0)
         return BV_ERR_FAILED;
-    const int32_t status = bv_os_access(path, F_OK);
-    if (status != 0)
-        return status;
 
     const bv::JsonTree tree(bv_json_object_from_file(path));
     if (!tree)

@@ -1,4 +1,4 @@
-// Writing data files.
+// Writes data files, which are JSON.
 //
 // The text is built in one buffer and written in large pieces: a print call for every line made a
 // commit several times slower. The buffer is on the stack, so that settings can be saved when
@@ -10,7 +10,6 @@
 #include "core/list.h"
 #include "db/internal.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 
 #include <bv/os.h>
 

@@ -9,7 +9,6 @@
 #include "db/internal.h"
 #include "os/alloc.h"
 #include "os/checked.h"
-#include "os/owned.h"
 
 #include <bv/os.h>
 

@@ -1,13 +1,14 @@
-// The debug channel: each message whose switch is on is sent as one UDP datagram. The socket is not
-// bound or connected and never read, so a missing collector costs a service nothing.
+// The debug channel: each message whose switch is on is sent as one UDP datagram, in the format of
+// datagram.h. The socket is not bound or connected and never read, so a missing collector costs a
+// service nothing.
 
 #include <bv/debug.h>
 
+#include "debug/datagram.h"
 #include "debug/switches.h"
 #include "os/alloc.h"
 #include "os/bytes.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 #include "os/span.h"
 
 #include <bv/os.h>
@@ -39,19 +40,6 @@ constexpr uint16_t kDefaultPort = 5344;
 constexpr uint16_t kDefaultSecondPort = 7364;
 
 constexpr uint32_t kTextSize = 256;
-
-// Where the fields of a datagram start. The tag and the element's length are the head of the
-// element around the text, and the element's length counts this head too.
-enum Offset : uint32_t {
-    kCategoryAt = 0,
-    kLevelAt = 1,
-    kModuleAt = 2,
-    kTotalLengthAt = 4,
-    kTagAt = 6,
-    kElementLengthAt = 8,
-    kTextAt = 10
-};
-constexpr uint8_t kCategoryMask = 0x1F;
 
 // Blocks are never smaller than this, which is more than any message of bv_debug_remote() needs. So
 // a service's messages take and return blocks of one size and do not fragment its heap.
@@ -87,16 +75,16 @@ __attribute__((noinline)) void send_formatted(bv_debug_header header, const char
 void write_datagram(bv::MutableBytes block, const bv_debug_header &header, bv::Bytes text,
                     uint16_t total)
 {
-    const auto element = static_cast<uint16_t>(kTextAt - kTagAt + text.length);
-    block.data[kCategoryAt] = header.category & kCategoryMask;
-    block.data[kLevelAt] = header.level;
-    bv::put_be16(block.data + kModuleAt, header.module);
-    bv::put_be16(block.data + kTotalLengthAt, total);
-    bv::put_be16(block.data + kTagAt, header.tag);
-    bv::put_be16(block.data + kElementLengthAt, element);
+    const auto element = static_cast<uint16_t>(bv::kDebugTextAt - bv::kDebugTagAt + text.length);
+    block.data[bv::kDebugCategoryAt] = header.category & bv::kDebugCategoryMask;
+    block.data[bv::kDebugLevelAt] = header.level;
+    bv::put_be16(block.data + bv::kDebugModuleAt, header.module);
+    bv::put_be16(block.data + bv::kDebugTotalLengthAt, total);
+    bv::put_be16(block.data + bv::kDebugTagAt, header.tag);
+    bv::put_be16(block.data + bv::kDebugElementLengthAt, element);
 
-    const uint32_t copied = std::min(text.length, block.length - kTextAt);
-    bv_os_memcpy(block.data + kTextAt, copied, text.data, copied);
+    const uint32_t copied = std::min(text.length, block.length - bv::kDebugTextAt);
+    bv_os_memcpy(block.data + bv::kDebugTextAt, copied, text.data, copied);
 }
 
 } // namespace
@@ -148,7 +136,7 @@ int32_t bv_debug_sendmsg(const bv_debug_header *header, const void *text, uint16
     if (header == nullptr)
         return BV_ERR_FAILED;
 
-    const auto total = static_cast<uint16_t>(kTextAt + length);
+    const auto total = static_cast<uint16_t>(bv::kDebugTextAt + length);
     const uint32_t size = std::max<uint32_t>(total, kSmallestBlock);
     const bv::Block<uint8_t> block(bv::allocate_zeroed<uint8_t>(size));
     if (!block)

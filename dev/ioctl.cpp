@@ -1,5 +1,5 @@
-// The gateway driver's ioctl channel. The driver has one entry point and goes by the name in the
-// record, so every operation is one record under one request number.
+// The gateway driver's ioctl channel. The driver has one request number and finds the operation by
+// the name in the record.
 
 #include <bv/ioctl.h>
 

@@ -5,7 +5,6 @@
 
 #include "os/alloc.h"
 #include "os/descriptor.h"
-#include "os/owned.h"
 #include "os/span.h"
 
 #include <bv/os.h>
@@ -38,6 +37,11 @@ static_assert(MEMGETINFO == 0x40204D01 && MEMERASE == 0x80084D02,
 // when it matches several. Either way opening it fails.
 struct DevicePath {
     char text[kPathSize];
+};
+
+struct Partition {
+    DevicePath path;
+    mtd_info_user info;
 };
 
 DevicePath find_device(const char *name)
@@ -88,8 +92,8 @@ int32_t move_range(int fd, bv::MutableBytes buf, uint32_t offset, const Directio
     return BV_OK;
 }
 
-// Whether a block already reads as erased. If that cannot be found out, for want of memory or
-// because of the device, the answer is no: erasing once too often is safe.
+// Whether a block already reads as erased. When memory is short or the device cannot be read, the
+// answer is no: erasing once too often is safe.
 bool block_is_blank(const char *name, uint32_t start, uint32_t size)
 {
     const bv::Block<uint8_t> buffer(bv::allocate<uint8_t>(2 * uint64_t{size}));
@@ -123,14 +127,13 @@ void erase_blocks(int fd, const char *name, uint32_t offset, uint32_t len, uint3
 //
 // bv_mtd_get_info() takes a name and looks it up again. One look-up would do, but would change the
 // commands that a call is seen to run and the numbers of its capture files.
-int32_t find_range(const char *name, uint32_t offset, uint32_t len, DevicePath &path,
-                   mtd_info_user &info)
+int32_t find_range(const char *name, uint32_t offset, uint32_t len, Partition &partition)
 {
-    path = find_device(name);
-    const int32_t status = bv_mtd_get_info(name, &info);
+    partition.path = find_device(name);
+    const int32_t status = bv_mtd_get_info(name, &partition.info);
     if (status != BV_OK)
         return status;
-    return beyond_end(info, offset, len) ? BV_ERR_RANGE : BV_OK;
+    return beyond_end(partition.info, offset, len) ? BV_ERR_RANGE : BV_OK;
 }
 
 int32_t transfer(const char *name, bv::MutableBytes buf, uint32_t offset,
@@ -139,13 +142,12 @@ int32_t transfer(const char *name, bv::MutableBytes buf, uint32_t offset,
     if (name == nullptr || buf.data == nullptr || buf.length == 0)
         return BV_ERR_INVALID;
 
-    DevicePath path;
-    mtd_info_user info;
-    const int32_t status = find_range(name, offset, buf.length, path, info);
+    Partition partition;
+    const int32_t status = find_range(name, offset, buf.length, partition);
     if (status != BV_OK)
         return status;
 
-    const bv::Descriptor fd(open_device(path, direction.flags));
+    const bv::Descriptor fd(open_device(partition.path, direction.flags));
     return fd ? move_range(fd.get(), buf, offset, direction) : BV_ERR_OPEN;
 }
 
@@ -177,18 +179,18 @@ int32_t bv_mtd_erase(const char *name, uint32_t offset, uint32_t len)
     if (name == nullptr || len == 0)
         return BV_ERR_INVALID;
 
-    DevicePath path;
-    mtd_info_user info;
-    const int32_t status = find_range(name, offset, len, path, info);
+    Partition partition;
+    const int32_t status = find_range(name, offset, len, partition);
     if (status != BV_OK)
         return status;
     // Erase sizes are powers of two. A size of 0 makes the mask all ones and is refused here too.
-    if (((info.erasesize - 1) & (offset | len)) != 0)
+    const uint32_t block_size = partition.info.erasesize;
+    if (((block_size - 1) & (offset | len)) != 0)
         return BV_ERR_INVALID;
 
-    bv::Descriptor fd(open_device(path, kForWriting));
+    bv::Descriptor fd(open_device(partition.path, kForWriting));
     if (!fd)
         return BV_ERR_OPEN;
-    erase_blocks(fd.get(), name, offset, len, info.erasesize);
+    erase_blocks(fd.get(), name, offset, len, block_size);
     return bv_os_close(fd.release()); // a driver may report a late failure only here
 }

@@ -12,18 +12,22 @@ static_assert(sizeof(bv_sftp_info) == 452 && offsetof(bv_sftp_info, remote_path)
                   offsetof(bv_sftp_info, password) == 384 && offsetof(bv_sftp_info, port) == 448,
               "callers fill this record themselves");
 
+namespace {
+
+int transfer(const bv_sftp_info &info, const char *verb, const char *from, const char *to)
+{
+    return bv_os_system("/etc/sftp.sh -p %s -cmd \"%s %s %s\" -P %d %s@%s", info.password, verb,
+                        from, to, info.port, info.user, info.host);
+}
+
+} // namespace
+
 int bv_sftp_get(const bv_sftp_info *info)
 {
-    if (info == nullptr)
-        return -1;
-    return bv_os_system("/etc/sftp.sh -p %s -cmd \"get %s %s\" -P %d %s@%s", info->password,
-                        info->remote_path, info->local_path, info->port, info->user, info->host);
+    return info == nullptr ? -1 : transfer(*info, "get", info->remote_path, info->local_path);
 }
 
 int bv_sftp_put(const bv_sftp_info *info)
 {
-    if (info == nullptr)
-        return -1;
-    return bv_os_system("/etc/sftp.sh -p %s -cmd \"put %s %s\" -P %d %s@%s", info->password,
-                        info->local_path, info->remote_path, info->port, info->user, info->host);
+    return info == nullptr ? -1 : transfer(*info, "put", info->local_path, info->remote_path);
 }

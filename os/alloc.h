@@ -1,10 +1,15 @@
-// Typed memory of bv_os_malloc().
+// Typed memory of bv_os_malloc(), and its owner.
 #ifndef BV_OS_ALLOC_H
 #define BV_OS_ALLOC_H
 
 #include <bv/os.h>
 
+#include "os/owned.h"
+
 namespace bv {
+
+template <typename T>
+using Block = Owned<T *, nullptr, bv_os_free>;
 
 // Sizes are 64 bits wide: a sum with a length from a caller or a message never wraps. One that
 // does not fit in 32 bits is refused, and reported, like every other size above the limit.

@@ -1,4 +1,4 @@
-// Descriptors that the library opens for itself.
+// Descriptors and streams that the library opens for itself, and their owners.
 //
 // Services start programs, through the library's shell functions among others. Those programs must
 // not inherit the library's sockets and files. The mark is set after the call that made the
@@ -16,6 +16,17 @@
 #include <unistd.h>
 
 namespace bv {
+
+// Closing is tidying up: errno still says why the call before it failed.
+__attribute__((noinline)) inline void close_keeping_errno(int fd)
+{
+    const int error = errno;
+    bv_os_close(fd);
+    errno = error;
+}
+
+using Descriptor = Owned<int, -1, close_keeping_errno>;
+using Stream = Owned<FILE *, nullptr, bv_os_fclose>;
 
 // Keeps a descriptor out of the programs that the service starts, and returns it. -1 is ignored;
 // errno does not change.

@@ -1,10 +1,8 @@
-// Owners: each gives back what it holds at the end of its scope, whichever way that is left.
+// Owners: each gives back what it holds at the end of its scope, however the scope is left.
+//
+// Nothing here needs the library: it compiles into any program.
 #ifndef BV_OS_OWNED_H
 #define BV_OS_OWNED_H
-
-#include <bv/os.h>
-
-#include <cerrno>
 
 namespace bv {
 
@@ -37,21 +35,6 @@ public:
 private:
     Handle handle_;
 };
-
-// Closing is tidying up: errno still says why the call before it failed.
-__attribute__((noinline)) inline void close_keeping_errno(int fd)
-{
-    const int error = errno;
-    bv_os_close(fd);
-    errno = error;
-}
-
-using Descriptor = Owned<int, -1, close_keeping_errno>;
-using Stream = Owned<FILE *, nullptr, bv_os_fclose>;
-
-// Memory of bv_os_malloc().
-template <typename T>
-using Block = Owned<T *, nullptr, bv_os_free>;
 
 } // namespace bv
 

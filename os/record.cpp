@@ -4,7 +4,6 @@
 #include <bv/os.h>
 
 #include "os/descriptor.h"
-#include "os/owned.h"
 
 #include <cstdarg>
 #include <unistd.h>

@@ -25,15 +25,13 @@ namespace {
 constexpr uint32_t kLineSize = 256;
 using Line = char[kLineSize];
 
-constexpr uint32_t kFileNameSize = 64;
-constexpr uint32_t kFileNameLimit = 32;
-using FileName = char[kFileNameSize];
+using FileName = char[32]; // longer than any capture file's
 
 using Pipe = bv::Owned<FILE *, nullptr, bv_os_pclose>;
 
-// The number of the next capture, for both capturing functions. There is no lock: callers serialise
+// The number of the last capture, for both capturing functions. There is no lock: callers serialise
 // captures. The accesses are atomic so that a race gives a wrong name and nothing worse.
-uint8_t g_capture_sequence = 1;
+uint8_t g_last_capture;
 
 void format_line(Line &line, const char *format, va_list args)
 {
@@ -62,11 +60,10 @@ int run_inside(const char *line, const char *format, va_list args)
 
 void name_capture_file(FileName &name, const char *format)
 {
-    memset(name, 0, sizeof(name));
     const unsigned pid = static_cast<unsigned>(bv_os_getpid()) & 0xFFFF;
-    const uint8_t sequence = bv::load_relaxed(g_capture_sequence);
-    bv::store_relaxed(g_capture_sequence, static_cast<uint8_t>(sequence + 1));
-    bv_os_snprintf(name, kFileNameLimit, format, "/tmp/system", pid, sequence);
+    const auto sequence = static_cast<uint8_t>(bv::load_relaxed(g_last_capture) + 1);
+    bv::store_relaxed(g_last_capture, sequence);
+    bv_os_snprintf(name, sizeof(name), format, pid, sequence);
 }
 
 bool read_capture(const FileName &name, char (&text)[kLineSize + 1])
@@ -152,7 +149,7 @@ int bv_os_sysprocess(const char *format, ...)
 int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, ...)
 {
     FileName name;
-    name_capture_file(name, "%s_%04d_%02d");
+    name_capture_file(name, "/tmp/system_%04d_%02d");
 
     Line command;
     va_list args;
@@ -170,7 +167,7 @@ int32_t bv_os_sysmatch(char *out, uint32_t outsize, const char *pattern, const c
                        const char *format, ...)
 {
     FileName name;
-    name_capture_file(name, "%s_%02d_%02d");
+    name_capture_file(name, "/tmp/system_%02d_%02d");
 
     Line command;
     va_list args;

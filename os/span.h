@@ -1,4 +1,6 @@
 // A run of bytes that belongs to someone else: where it starts and how long it is.
+//
+// Nothing here needs the library: it compiles into any program.
 #ifndef BV_OS_SPAN_H
 #define BV_OS_SPAN_H
 
@@ -6,14 +8,17 @@
 
 namespace bv {
 
-template <typename Byte>
-struct Span {
-    Byte *data;
+struct Bytes {
+    const uint8_t *data;
     uint32_t length;
 };
 
-using Bytes = Span<const uint8_t>;
-using MutableBytes = Span<uint8_t>;
+struct MutableBytes {
+    uint8_t *data;
+    uint32_t length;
+
+    Bytes read_only() const { return {data, length}; }
+};
 
 // From the untyped pointers of the interface.
 inline Bytes bytes_of(const void *data, uint32_t length)

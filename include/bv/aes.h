@@ -19,6 +19,7 @@
 #define BV_AES_H
 
 #include <bv/base.h>
+#include <bv/status.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -61,8 +62,9 @@ BV_API int32_t bv_aes_cbc_de(bv_aes_record *rec);
  * @param plain_text  the text; at most its first 64 characters are encrypted
  * @param key         16 bytes
  *
- * @retval 0   out holds the ciphertext, or is empty because the cipher could not be set up
- * @retval -1  out is too small, or an argument is null: out is unchanged
+ * @retval BV_OK          out holds the ciphertext, or is empty because the cipher could not be set
+ *                        up
+ * @retval BV_ERR_FAILED  out is too small, or an argument is null: out is unchanged
  */
 BV_API int32_t bv_aes_str_en(char *out, uint32_t out_size, const char *plain_text,
                              const uint8_t *key);

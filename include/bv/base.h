@@ -18,8 +18,8 @@
 /**
  * Lets the compiler check a printf-style format against its arguments.
  *
- * @param format_index   position of the format among the parameters, counted from 1
- * @param first_argument position of the first argument after it (the "...")
+ * @param format_index    position of the format among the parameters, counted from 1
+ * @param first_argument  position of the first argument after it (the "...")
  */
 #if defined(__GNUC__)
 #define BV_PRINTF(format_index, first_argument)                                                    \

@@ -142,7 +142,7 @@ BV_API int32_t bv_db_init(void);
  * @retval BV_ERR_EXISTS  the name is in this list already; it may be in another list too. It is
  *                        compared as given: a name that is too long is never found
  * @retval BV_ERR_MEMORY  no memory for the record
- * @retval -1             name is null
+ * @retval BV_ERR_FAILED  name is null
  *
  * The next bv_db_start(), bv_db_template() or bv_db_restore() reads the template. A name in several
  * lists is one family: its template is read once, and it is written to each list's file.
@@ -202,11 +202,11 @@ BV_API int32_t bv_db_template_read(bv_list_head *list);
  *                If it changes, the instances are removed, since their images would not fit
  *
  * @retval BV_OK          read; elements lacking a key or with a len of 1024 or more are skipped
- * @retval -1             not found, found in several places, not JSON, no array "para", more than
+ * @retval BV_ERR_FAILED  not found, found in several places, not JSON, no array "para", more than
  *                        425 elements (they share one allocation), no memory for an image, or an
  *                        argument is null
  * @retval BV_ERR_MEMORY  no memory for the descriptors
- * @retval BV_ERR_NO_FILE the output of find cannot be captured
+ * @retval BV_ERR_NO_FILE  the output of find cannot be captured
  *
  * After a failure the family has no parameters and image size 0, unless it had parameters before
  * and the new template was not found or had no array "para". Function names that were read stay.
@@ -271,8 +271,8 @@ BV_API int32_t bv_db_user_write(bv_list_head *list, const char *path);
  * @param list  the families to load
  * @param path  the file
  *
- * @retval BV_OK  loaded; elements with missing or wrong parts are skipped
- * @retval -1     path is missing or not JSON, or an argument is null: no instance is made
+ * @retval BV_OK          loaded; elements with missing or wrong parts are skipped
+ * @retval BV_ERR_FAILED  path is missing or not JSON, or an argument is null: no instance is made
  *
  * Families with an image size of 0 are skipped. A family that the file lacks gets an instance 1
  * from its working image, unless it has one. A parameter that an element lacks gets the text that

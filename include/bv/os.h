@@ -242,7 +242,7 @@ BV_API int bv_os_snprintf(char *dst, uint32_t dstsize, const char *format, ...) 
  * Scans a text. After each buffer of %s, %c and %[ comes one more argument, its size in bytes as a
  * size_t, so compilers cannot check these formats like scanf's:
  * @code
- * bv_os_sscanf(line, "%15s %d", name, sizeof name, &number);
+ * bv_os_sscanf(line, "%15s %d", name, sizeof(name), &number);
  * @endcode
  *
  * Rely on these directives only: conversions d i u o x X p e E f g G s c [ n and %%, a width,
@@ -327,7 +327,7 @@ BV_API int bv_os_sysprocess(const char *format, ...) BV_PRINTF(1, 2);
  *                 bytes
  * @param format   the command
  *
- * @retval 0               out holds the text, whatever the command's exit status
+ * @retval BV_OK           out holds the text, whatever the command's exit status
  * @retval BV_ERR_FAILED   the command printed only white space or nothing (or was empty, see
  *                         above), the file cannot be read, or the text does not fit: out is empty.
  *                         Also for a null out or an outsize of 0 or above 0x7fffffff, after the
@@ -348,7 +348,7 @@ BV_API int32_t bv_os_systemex(char *out, uint32_t outsize, const char *format, .
  * @param delimiter  an awk(1) field separator, without single quotes; null as above
  * @param format     the command
  *
- * @retval 0               out holds the text
+ * @retval BV_OK           out holds the text
  * @retval BV_ERR_FAILED   no line matched or had a second field, or the text does not fit: out is
  *                         empty. Also for a wrong out or outsize, as from bv_os_systemex()
  * @retval BV_ERR_NO_FILE  the capture file cannot be opened; the command does not fit in 255
@@ -433,8 +433,8 @@ BV_API void bv_os_record_output(void);
  *
  * @param text     the text to search
  * @param pattern  the expression; without anchors it may match anywhere
- * @retval  0  found
- * @retval -1  not found, an argument is null, or the pattern is not a valid expression
+ * @retval BV_OK          found
+ * @retval BV_ERR_FAILED  not found, an argument is null, or the pattern is not a valid expression
  */
 BV_API int32_t bv_os_match(const char *text, const char *pattern);
 
@@ -443,8 +443,8 @@ BV_API int32_t bv_os_match(const char *text, const char *pattern);
  * and bytes above 127 do not count, in any locale.
  *
  * @param text  the text to search
- * @retval  0  found
- * @retval -1  not found, or text is null
+ * @retval BV_OK          found
+ * @retval BV_ERR_FAILED  not found, or text is null
  */
 BV_API int32_t bv_os_match_special_char(const char *text);
 

@@ -25,9 +25,9 @@
 #define BV_ERR_SHORT_WRITE 0x10000023 /**< short write to a device */
 #define BV_ERR_NO_FILE 0x10000024     /**< file cannot be opened or does not exist */
 #define BV_ERR_RECORD 0x10000025      /**< record file cannot be opened */
-#define BV_ERR_CHANNEL 0x10000030  /**< socket cannot be bound, or driver node cannot be opened */
-#define BV_ERR_EMPTY 0x10000031    /**< queue empty */
-#define BV_ERR_MEMORY 0x10000040   /**< out of memory, or a table cannot be created */
-#define BV_ERR_TOO_LONG 0x10000073 /**< requested length too long */
+#define BV_ERR_CHANNEL 0x10000030     /**< socket cannot be bound, or driver cannot be opened */
+#define BV_ERR_EMPTY 0x10000031       /**< queue empty */
+#define BV_ERR_MEMORY 0x10000040      /**< out of memory, or a table cannot be created */
+#define BV_ERR_TOO_LONG 0x10000073    /**< requested length too long */
 
 #endif

@@ -28,6 +28,7 @@
 #define BV_UBUS_H
 
 #include <bv/base.h>
+#include <bv/status.h>
 
 /* The C library's headers that the libraries below include. They come before the linkage block:
  * some of libubox's headers open none themselves, and a C++ library's headers must not be inside
@@ -99,9 +100,9 @@ BV_API void bv_uloop_done(void);
 /**
  * uloop_fd_add(): watches a descriptor.
  *
- * @param sock  the caller's record, zeroed before its first use; the loop links it until deleted
- * @param flags ULOOP_READ, ULOOP_WRITE and modifiers; without ULOOP_BLOCKING the descriptor becomes
- *              non-blocking
+ * @param sock   the caller's record, zeroed before its first use; the loop links it until deleted
+ * @param flags  ULOOP_READ, ULOOP_WRITE and modifiers; without ULOOP_BLOCKING the descriptor
+ *               becomes non-blocking
  * @return 0, or -1 with errno
  */
 BV_API int bv_uloop_fd_add(struct uloop_fd *sock, unsigned int flags);
@@ -112,8 +113,8 @@ BV_API int bv_uloop_fd_delete(struct uloop_fd *sock);
 /**
  * uloop_timeout_set(): starts a timer, or changes one that is pending.
  *
- * @param timeout the caller's record, zeroed before its first use; the loop links it until it fires
- * @param msecs   milliseconds from now; 0 or less is due at once
+ * @param timeout  the caller's record, zeroed before its first use; linked until it fires
+ * @param msecs    milliseconds from now; 0 or less is due at once
  * @return 0
  */
 BV_API int bv_uloop_timeout_set(struct uloop_timeout *timeout, int msecs);
@@ -131,8 +132,8 @@ BV_API int bv_uloop_timeout_remaining(struct uloop_timeout *timeout);
 /**
  * uloop_process_add(): calls back when a child process has ended.
  *
- * @param p the caller's record with pid and cb set, cb not null; the loop links it until the child
- *          has ended
+ * @param p  the caller's record with pid and cb set, cb not null; the loop links it until the child
+ *           has ended
  * @return 0, or -1 when it is pending already
  */
 BV_API int bv_uloop_process_add(struct uloop_process *p);
@@ -166,10 +167,10 @@ BV_API void bv_blob_buf_free(struct blob_buf *buf);
 /**
  * blob_parse(): sorts the children of a container by their ids.
  *
- * @param attr the container; null has no children
- * @param data `max` slots: set to the last acceptable child of that id, or null
- * @param info what is acceptable for each id, `max` entries; null accepts everything
- * @param max  number of slots
+ * @param attr  the container; null has no children
+ * @param data  `max` slots: set to the last acceptable child of that id, or null
+ * @param info  what is acceptable for each id, `max` entries; null accepts everything
+ * @param max   number of slots
  * @return number of slots filled
  */
 BV_API int bv_blob_parse(struct blob_attr *attr, struct blob_attr **data,
@@ -252,11 +253,11 @@ BV_API bool bv_blobmsg_check_attr(const struct blob_attr *attr, bool name);
 /**
  * blobmsg_parse(): picks fields by name and type.
  *
- * @param policy     the fields wanted; type BLOBMSG_TYPE_UNSPEC takes any
- * @param policy_len number of entries, and of slots in tb
- * @param tb         slots: each is set to the first field that its entry takes, or to null
- * @param data       the fields: the payload of a message
- * @param len        length of data in bytes
+ * @param policy      the fields wanted; type BLOBMSG_TYPE_UNSPEC takes any
+ * @param policy_len  number of entries, and of slots in tb
+ * @param tb          slots: each is set to the first field that its entry takes, or to null
+ * @param data        the fields: the payload of a message
+ * @param len         length of data in bytes
  * @return 0, also when fields are missing; negative when there are none, or when one is malformed:
  *         the slots then hold the fields before it
  */
@@ -266,11 +267,11 @@ BV_API int bv_blobmsg_parse(const struct blobmsg_policy *policy, int policy_len,
 /**
  * blobmsg_add_field(): appends a field of any type.
  *
- * @param buf  from bv_blobmsg_buf_init()
- * @param type stored without a check against the data
- * @param name the field's name; null is the empty name
- * @param data `len` bytes, copied; may be null when len is 0
- * @param len  in bytes, at most 16 MiB
+ * @param buf   from bv_blobmsg_buf_init()
+ * @param type  stored without a check against the data
+ * @param name  the field's name; null is the empty name
+ * @param data  `len` bytes, copied; may be null when len is 0
+ * @param len   in bytes, at most 16 MiB
  * @return 0, or -1 when buf cannot grow: it is then unchanged. The typed functions below return the
  *         same
  */
@@ -313,7 +314,7 @@ BV_API char *bv_blobmsg_get_string(struct blob_attr *attr);
 /**
  * ubus_connect(): connects to the bus; see above for what that does to signals.
  *
- * @param path the daemon's socket; null for the default one
+ * @param path  the daemon's socket; null for the default one
  * @return the connection, the caller's until bv_ubus_free(), or null
  */
 BV_API struct ubus_context *bv_ubus_connect(const char *path);
@@ -324,10 +325,10 @@ BV_API void bv_ubus_free(struct ubus_context *ctx);
 /**
  * ubus_add_object(): publishes an object.
  *
- * @param ctx the connection
- * @param obj the caller's record; the connection links it until it is freed. Zero the ids that an
- *            earlier connection left in it and in its type: otherwise this succeeds, but no caller
- *            finds the object
+ * @param ctx  the connection
+ * @param obj  the caller's record; the connection links it until it is freed. Zero the ids that an
+ *             earlier connection left in it and in its type: otherwise this succeeds, but no caller
+ *             finds the object
  * @return a bus status; 2 when the name is taken
  */
 BV_API int bv_ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
@@ -335,10 +336,10 @@ BV_API int bv_ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 /**
  * ubus_lookup_id(): finds an object's id by its path.
  *
- * @param ctx  the connection
- * @param path the object's name
- * @param id   zero it first: it is written only when the bus names an id, which even a success does
- *             not guarantee
+ * @param ctx   the connection
+ * @param path  the object's name
+ * @param id    zero it first: it is written only when the bus names an id, which even a success
+ *              does not guarantee
  * @return a bus status; 4 when there is no such object
  */
 BV_API int bv_ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
@@ -346,16 +347,16 @@ BV_API int bv_ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_
 /**
  * ubus_invoke(): calls a method and waits for its status.
  *
- * @param ctx        the connection
- * @param obj        the object's id
- * @param method     the method's name
- * @param msg        the arguments, whose payload is sent; null for none. Keep it below 1 000 000
- *                   bytes: the daemon adds account names when it passes a call on, and an owner
- *                   that receives more than 1 MiB cannot read any later message
- * @param cb         called for each data message of the answer, which is valid only during the
- *                   call; may be null
- * @param priv       passed to cb as `priv` of its request
- * @param timeout_ms in milliseconds; 0 waits without limit
+ * @param ctx         the connection
+ * @param obj         the object's id
+ * @param method      the method's name
+ * @param msg         the arguments, whose payload is sent; null for none. Keep it below 1 000 000
+ *                    bytes: the daemon adds account names when it passes a call on, and an owner
+ *                    that receives more than 1 MiB cannot read any later message
+ * @param cb          called for each data message of the answer, which is valid only during the
+ *                    call; may be null
+ * @param priv        passed to cb as `priv` of its request
+ * @param timeout_ms  in milliseconds; 0 waits without limit
  * @return the callee's status, or the bus's own: 2 cannot be sent, 4 no such object, 7 timed out,
  *         10 connection lost
  */
@@ -366,10 +367,10 @@ BV_API int bv_ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *me
 /**
  * ubus_send_reply(): sends one data message for the request that is being handled.
  *
- * @param ctx the connection of the request
- * @param req the request as the handler got it
- * @param msg the reply, whose payload is sent; null for none. Its length is not checked: with a
- *            body above 1 MiB the bus drops this connection
+ * @param ctx  the connection of the request
+ * @param req  the request as the handler got it
+ * @param msg  the reply, whose payload is sent; null for none. Its length is not checked: with a
+ *             body above 1 MiB the bus drops this connection
  * @return 0; 5 when the connection is dead
  */
 BV_API int bv_ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req,
@@ -442,11 +443,11 @@ BV_API int bv_json_object_put(struct json_object *obj);
 /**
  * A function offered on the bus.
  *
- * @param data `len` bytes to read and to overwrite in place, at any alignment; they are sent back
- *             to the caller. They are part of the received message: do not keep the pointer. If the
- *             caller declared more bytes than it sent, the rest are zeros
- * @param len  in bytes, as the caller declared it; may be 0. Callers may send any length, so
- *             compare it with what the function reads and writes
+ * @param data  `len` bytes to read and to overwrite in place, at any alignment; they are sent back
+ *              to the caller. They are part of the received message: do not keep the pointer. If
+ *              the caller declared more bytes than it sent, the rest are zeros
+ * @param len   in bytes, as the caller declared it; may be 0. Callers may send any length, so
+ *              compare it with what the function reads and writes
  * @return the caller's result
  */
 typedef uint32_t (*bv_ubus_handler)(void *data, uint32_t len);
@@ -455,14 +456,14 @@ typedef uint32_t (*bv_ubus_handler)(void *data, uint32_t len);
  * Registers a function. This needs a registry, which exists in the callback of
  * bv_ubus_server_init() and in a handler.
  *
- * @param name    its name for callers, at most 255 characters, copied. All longer names mean the
- *                empty name
- * @param handler the function
+ * @param name     its name for callers, at most 255 characters, copied. All longer names mean the
+ *                 empty name
+ * @param handler  the function
  *
- * @retval 0          registered; a name that was registered before now means this handler
- * @retval -1         no registry, or a null argument
- * @retval 0x10000016 the registry holds 8196 names; also when name is one of them
- * @retval 0x10000040 no memory
+ * @retval BV_OK          registered; a name that was registered before now means this handler
+ * @retval BV_ERR_FAILED  no registry, or a null argument
+ * @retval BV_ERR_FULL    the registry holds 8196 names; also when name is one of them
+ * @retval BV_ERR_MEMORY  no memory
  */
 BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
 
@@ -483,15 +484,15 @@ BV_API int32_t bv_ubus_server_reg(const char *name, bv_ubus_handler handler);
  * the status of a call is the last thing that the server sends before the client goes on. It is not
  * true with other callers, or after a call of the client has timed out.
  *
- * @param object_name       the object's name, at most 127 characters (a longer one is published as
- *                          the empty name, which cannot be looked up); null for
- *                          "brovan.gateway.server"
- * @param register_callback called once, before connecting, to register the functions; its result
- *                          is ignored; may be null
+ * @param object_name        the object's name, at most 127 characters (a longer one is published as
+ *                           the empty name, which cannot be looked up); null for
+ *                           "brovan.gateway.server"
+ * @param register_callback  called once, before connecting, to register the functions; its result
+ *                           is ignored; may be null
  *
- * @retval 0  the loop has ended
- * @retval -1 no memory for the registry: there is none then; or no event loop, or no bus: the
- *            registry stays as the callback filled it
+ * @retval BV_OK          the loop has ended
+ * @retval BV_ERR_FAILED  no memory for the registry: there is none then; or no event loop, or no
+ *                        bus: the registry stays as the callback filled it
  * @return otherwise the bus status for the refused object, 2 for a name in use; the connection is
  *         freed
  */
@@ -505,10 +506,10 @@ BV_API int32_t bv_ubus_server_init(const char *object_name, int (*register_callb
  * owner or the bus, call bv_ubus_client_exit() and this again. If the bus accepts the connection
  * but does not answer, this waits without limit.
  *
- * @param object_name the object to call; null for "brovan.gateway.server"
+ * @param object_name  the object to call; null for "brovan.gateway.server"
  *
- * @retval 0  connected
- * @retval -1 no bus, or no memory for the connection
+ * @retval BV_OK          connected
+ * @retval BV_ERR_FAILED  no bus, or no memory for the connection
  */
 BV_API int32_t bv_ubus_client_init(const char *object_name);
 
@@ -518,26 +519,26 @@ BV_API int32_t bv_ubus_client_init(const char *object_name);
  * the server answers no other call meanwhile. Calls must not overlap: the client has one connection
  * and no lock.
  *
- * @param func_name the function's name
- * @param data      `len` bytes to send, replaced by the reply's. The buffer must hold whatever the
- *                  owner sends: as many bytes are written as the reply declares and carries, and
- *                  `len` does not limit them. An owner that uses this library sends `len` bytes
- *                  back; another owner may send up to a mebibyte. A caller that cannot trust the
- *                  owner of the object's name passes a buffer of 1048576 bytes. May be null when
- *                  len is 0; then nothing is written
- * @param len       bytes to send, at most what one message holds (see above)
+ * @param func_name  the function's name
+ * @param data       `len` bytes to send, replaced by the reply's. The buffer must hold whatever the
+ *                   owner sends: as many bytes are written as the reply declares and carries, and
+ *                   `len` does not limit them. An owner that uses this library sends `len` bytes
+ *                   back; another owner may send up to a mebibyte. A caller that cannot trust the
+ *                   owner of the object's name passes a buffer of 1048576 bytes. May be null when
+ *                   len is 0; then nothing is written
+ * @param len        bytes to send, at most what one message holds (see above)
  *
  * @return the function's result, or one of these. Then data is unchanged, unless a reply came
  *         before the failure: its bytes are written at once
- * @retval 2          unknown function; or the call cannot be sent: a null argument, more than fits
- *                    in a message of 1048576 bytes with 128 bytes for account names, or a dead
- *                    connection; or no memory for the bytes, here or at the owner
- * @retval 3          the object has no method "method": its owner does not use this library
- * @retval 4          no such object
- * @retval 6          the bus does not permit the call
- * @retval 7          no answer in time
- * @retval 10         not connected, or the connection was lost while waiting
- * @retval 0x10000010 the reply lacked a field
+ * @retval 2   unknown function; or the call cannot be sent: a null argument, more than fits in a
+ *             message of 1048576 bytes with 128 bytes for account names, or a dead connection; or
+ *             no memory for the bytes, here or at the owner
+ * @retval 3   the object has no method "method": its owner does not use this library
+ * @retval 4   no such object
+ * @retval 6   the bus does not permit the call
+ * @retval 7   no answer in time
+ * @retval 10  not connected, or the connection was lost while waiting
+ * @retval BV_ERR_INVALID  the reply lacked a field
  *
  * An owner that does not use this library may end a call with any other status. A result of the
  * function looks the same as a bus status of that number. If the answer has no reply message, the

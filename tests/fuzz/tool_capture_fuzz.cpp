@@ -24,8 +24,8 @@ struct Seen {
 void show(const Packet &found, FILE *to)
 {
     tools::Datagram message;
-    if (tools::read_datagram(message, found.data, found.length) == nullptr)
-        tools::print_visible(to, message.text, message.length);
+    if (tools::read_datagram(message, found.payload) == nullptr)
+        tools::print_visible(to, message.text);
 }
 
 // Each datagram has memory of its own, so that the sanitizer sees where it ends.
@@ -37,9 +37,10 @@ std::vector<Seen> read_all(FILE *file, Capture::Result &end)
         return all;
     Packet found;
     while ((end = g_reader.next(found)) == Capture::Result::Packet) {
-        Seen seen{found, {reinterpret_cast<const char *>(found.data), found.length}};
+        const bv::Bytes carried = found.payload;
+        Seen seen{found, {reinterpret_cast<const char *>(carried.data), carried.length}};
         fuzz::Block exact(seen.carried);
-        found.data = exact.bytes();
+        found.payload.data = exact.bytes();
         show(found, stdout);
         all.push_back(seen);
     }
@@ -65,7 +66,7 @@ void check_written(const std::vector<Seen> &all)
     FUZZ_CHECK(file != nullptr && tools::begin_capture(file));
     for (const Seen &seen : all) {
         Packet again = seen.head;
-        again.data = reinterpret_cast<const uint8_t *>(seen.carried.data());
+        again.payload.data = reinterpret_cast<const uint8_t *>(seen.carried.data());
         FUZZ_CHECK(tools::append_packet(file, again));
     }
     FUZZ_CHECK(fclose(file) == 0);

@@ -66,7 +66,7 @@ struct {
     Remote remote = {nullptr, bv::kDefaultObjectName, nullptr, kTimeoutMs};
 } g_options;
 
-Bytes g_bytes;
+Buffer g_bytes;
 
 // ---- what came back ----
 
@@ -101,45 +101,50 @@ const char *code_of(uint32_t result)
 #undef CODE
 }
 
-bool write_raw(const char *path, const Bytes &bytes)
+bool write_raw(const char *path, const Buffer &bytes)
 {
     File file(open_or_standard(path, "wb"));
-    if (file.get() == nullptr)
+    if (!file)
         return complain(path, strerror(errno));
     const bool written =
         fwrite(bytes.data, 1, bytes.length, file.get()) == bytes.length && fflush(file.get()) == 0;
-    return (file.close() && written) || complain(path, "cannot be written");
+    return (close_file(file.release()) && written) || complain(path, "cannot be written");
 }
 
-bool print_form(const Bytes &bytes, size_t offset)
+// Bytes up to the first zero one.
+uint32_t text_length(const Buffer &bytes)
+{
+    return static_cast<uint32_t>(strnlen(reinterpret_cast<const char *>(bytes.data), bytes.length));
+}
+
+bool print_form(const Buffer &bytes, uint32_t offset)
 {
     switch (g_options.form) {
     case Form::Hex:
-        print_hex(stdout, bytes.data, bytes.length);
+        print_hex(stdout, {bytes.data, bytes.length});
         return true;
     case Form::Text:
-        print_visible(stdout, bytes.data,
-                      strnlen(reinterpret_cast<const char *>(bytes.data), bytes.length));
+        print_visible(stdout, {bytes.data, text_length(bytes)});
         putchar('\n');
         return true;
     case Form::Parameters:
         // What comes before the image, a status perhaps, is shown as bytes.
         if (bytes.length >= offset)
-            print_hex(stdout, bytes.data, offset);
+            print_hex(stdout, {bytes.data, offset});
         return print_parameters(bytes, offset);
     default:
         return true;
     }
 }
 
-// Prints what the function returned on standard error, since the bytes may go to standard output.
+// On standard error, since the bytes may go to standard output.
 void show_result(uint32_t result)
 {
-    fprintf(stderr, "bv-call: result 0x%08" PRIx32 "%s, %zu byte%s\n", result, code_of(result),
-            g_bytes.length, g_bytes.length == 1 ? "" : "s");
+    fprintf(stderr, "bv-call: result 0x%08" PRIx32 "%s, %" PRIu32 " byte%s\n", result,
+            code_of(result), g_bytes.length, g_bytes.length == 1 ? "" : "s");
 }
 
-// False after it said what failed.
+// Returns false after it printed what failed.
 bool show_bytes()
 {
     const bool written = g_options.write == nullptr || write_raw(g_options.write, g_bytes);
@@ -204,7 +209,7 @@ int call(char **assignments)
 bool add_file(const char *path)
 {
     const File file(open_or_standard(path, "rb"));
-    if (file.get() == nullptr)
+    if (!file)
         return complain(path, strerror(errno));
     return g_bytes.add_file(file.get());
 }

@@ -5,6 +5,8 @@
 
 #include <bv/bv.h>
 
+#include "bus/json_tree.h"
+#include "db/internal.h"
 #include "db/types.h"
 #include "tools/common/command_line.h"
 #include "tools/common/visible.h"
@@ -25,18 +27,9 @@ constexpr size_t kReach =
 bv_db_family g_family;
 const char *g_template_name; // as given
 
-size_t image_size()
+uint32_t image_size()
 {
-    return static_cast<size_t>(g_family.image_size);
-}
-
-// After the last valid one.
-bv_db_para *end_of_parameters()
-{
-    bv_db_para *end = g_family.para;
-    while (end < g_family.para + g_family.para_count && end->valid != 0)
-        ++end;
-    return end;
+    return static_cast<uint32_t>(g_family.image_size);
 }
 
 // The library adds up the lengths and ends the process when the sum leaves 32 bits.
@@ -55,19 +48,17 @@ bool lengths_add_up(json_object *para)
 
 bool read_template(const char *path)
 {
-    json_object *tree = bv_json_object_from_file(path);
-    const bool readable =
-        tree != nullptr && lengths_add_up(bv_json_object_object_get(tree, "para"));
-    bv_json_object_put(tree);
-    return readable && bv_db_template_read_single(path, &g_family) == BV_OK;
+    const bv::JsonTree tree(bv_json_object_from_file(path));
+    return tree && lengths_add_up(bv_json_object_object_get(tree.get(), "para")) &&
+           bv_db_template_read_single(path, &g_family) == BV_OK;
 }
 
 // The parameter whose name is the first `length` bytes of a text.
 bv_db_para *find(const char *name, size_t length)
 {
-    for (bv_db_para *para = g_family.para; para < end_of_parameters(); ++para)
-        if (strlen(para->name) == length && memcmp(para->name, name, length) == 0)
-            return para;
+    for (bv_db_para &para : bv::Parameters(g_family))
+        if (strlen(para.name) == length && memcmp(para.name, name, length) == 0)
+            return &para;
     return nullptr;
 }
 
@@ -83,9 +74,7 @@ bool check_value(const bv_db_para &para, const char *assignment, const char *val
 
 } // namespace
 
-namespace tools {
-
-bool open_template(const char *name)
+bool tools::open_template(const char *name)
 {
     g_template_name = name;
     char in_folder[1024];
@@ -103,12 +92,12 @@ bool open_template(const char *name)
     return true;
 }
 
-bool place_image(Bytes &bytes, size_t offset)
+bool tools::place_image(Buffer &bytes, uint32_t offset)
 {
-    const size_t end = offset + image_size(); // both are far too small to wrap
+    const uint32_t end = offset + image_size(); // both are far too small to wrap
     if (end > kMaxBytes)
         return complain("--offset", "the image does not fit into a call");
-    const size_t given = bytes.length > offset ? bytes.length - offset : 0;
+    const uint32_t given = bytes.length > offset ? bytes.length - offset : 0;
     if (given < image_size())
         memcpy(bytes.data + offset + given, g_family.default_image + given, image_size() - given);
     if (bytes.length < end)
@@ -116,7 +105,7 @@ bool place_image(Bytes &bytes, size_t offset)
     return true;
 }
 
-bool set_parameter(Bytes &bytes, size_t offset, const char *assignment)
+bool tools::set_parameter(Buffer &bytes, uint32_t offset, const char *assignment)
 {
     const char *equals = strchr(assignment, '=');
     if (equals == nullptr)
@@ -136,20 +125,18 @@ bool set_parameter(Bytes &bytes, size_t offset, const char *assignment)
     return true;
 }
 
-bool print_parameters(const Bytes &bytes, size_t offset)
+bool tools::print_parameters(const Buffer &bytes, uint32_t offset)
 {
     static uint8_t image[kReach]; // zero after the image
     if (bytes.length < offset + image_size())
         return complain(g_template_name, "the reply is shorter than the family's image");
     memcpy(image, bytes.data + offset, image_size());
     bv_db_user_fill_frommem(image, g_family.para_count, g_family.para);
-    for (const bv_db_para *para = g_family.para; para < end_of_parameters(); ++para) {
-        print_visible(stdout, para->name);
+    for (const bv_db_para &para : bv::Parameters(g_family)) {
+        print_visible(stdout, para.name);
         putchar('=');
-        print_visible(stdout, para->value);
+        print_visible(stdout, para.value);
         putchar('\n');
     }
     return true;
 }
-
-} // namespace tools

@@ -1,8 +1,9 @@
-// The image of a parameter family within the bytes of a call. Each call is false after it said why.
+// The image of a parameter family within the bytes of a call. Each function returns false after it
+// printed why.
 #ifndef TOOLS_CALL_PARAMETERS_H
 #define TOOLS_CALL_PARAMETERS_H
 
-#include "tools/call/bytes.h"
+#include "tools/call/buffer.h"
 
 namespace tools {
 
@@ -11,13 +12,13 @@ bool open_template(const char *name);
 
 // Puts the image at `offset` into the bytes: given bytes stay, missing ones get the template's
 // defaults.
-bool place_image(Bytes &bytes, size_t offset);
+bool place_image(Buffer &bytes, uint32_t offset);
 
 // Stores one NAME=VALUE in the image at `offset`.
-bool set_parameter(Bytes &bytes, size_t offset, const char *assignment);
+bool set_parameter(Buffer &bytes, uint32_t offset, const char *assignment);
 
 // Prints NAME=VALUE for each parameter.
-bool print_parameters(const Bytes &bytes, size_t offset);
+bool print_parameters(const Buffer &bytes, uint32_t offset);
 
 } // namespace tools
 

@@ -1,20 +1,23 @@
-// The messages are those of bv_ubus_client_call(), but the answers of the bus and of the function
-// stay apart: there a result of 2 may be either, and a missing object shows late.
+// The messages are those of bv_ubus_client_call(), which cannot tell the bus's answers from the
+// function's: a result of 2 may be either, and a missing object shows late. Here they stay apart.
 
 #include "tools/call/remote.h"
 
 #include "bus/rpc_message.h"
+#include "os/owned.h"
 
 #include <sys/time.h>
 
 namespace {
 
-using tools::Bytes;
+using tools::Buffer;
 using tools::Remote;
+
+using Connection = bv::Owned<ubus_context *, nullptr, bv_ubus_free>;
 
 // What the reply brought; filled while the call waits for it.
 struct Reply {
-    Bytes &bytes;
+    Buffer &bytes;
     uint32_t result;
     const char *fault;
 };
@@ -24,10 +27,10 @@ const char *read_reply(blob_attr *message, Reply &reply)
     bv::RpcReply fields;
     if (!bv::rpc_parse_reply(message, fields))
         return "the reply lacks \"return\", \"len\" or \"data\"";
-    if (fields.length > fields.available)
+    if (fields.length > fields.sent.length)
         return "the reply has less data than it says";
     reply.bytes.length = 0;
-    if (!reply.bytes.add(fields.data, fields.length))
+    if (!reply.bytes.add(fields.sent.data, fields.length))
         return "the reply is too long";
     reply.result = fields.result;
     return nullptr;
@@ -59,7 +62,7 @@ const char *status_text(int status)
     }
 }
 
-// SIGALRM comes after the timeout; 0: not at all.
+// SIGALRM comes after the timeout; with 0 it does not come.
 void set_alarm(int timeout_ms)
 {
     const itimerval timer = {{0, 0}, {timeout_ms / 1000, timeout_ms % 1000 * 1000}};
@@ -76,8 +79,7 @@ const char *call(ubus_context *bus, const Remote &remote, Reply &reply)
         return status_text(status);
 
     static blob_buf request;
-    if (!bv::rpc_build_request(request, remote.function, reply.bytes.data,
-                               static_cast<uint32_t>(reply.bytes.length)))
+    if (!bv::rpc_build_request(request, remote.function, {reply.bytes.data, reply.bytes.length}))
         return "out of memory";
     reply.fault = "the function was run, but did not answer";
     status = bv_ubus_invoke(bus, object, bv::kMethodName, request.head, take_reply, &reply,
@@ -88,15 +90,14 @@ const char *call(ubus_context *bus, const Remote &remote, Reply &reply)
 
 } // namespace
 
-const char *tools::call_remote(const Remote &remote, Bytes &bytes, uint32_t &result)
+const char *tools::call_remote(const Remote &remote, Buffer &bytes, uint32_t &result)
 {
     set_alarm(remote.timeout_ms);
-    ubus_context *bus = bv_ubus_connect(remote.socket);
-    if (bus == nullptr)
+    const Connection bus(bv_ubus_connect(remote.socket));
+    if (!bus)
         return "cannot connect to the bus";
     Reply reply = {bytes, 0, nullptr};
-    const char *fault = call(bus, remote, reply);
-    bv_ubus_free(bus);
+    const char *fault = call(bus.get(), remote, reply);
     result = reply.result;
     return fault;
 }

@@ -2,7 +2,7 @@
 #ifndef TOOLS_CALL_REMOTE_H
 #define TOOLS_CALL_REMOTE_H
 
-#include "tools/call/bytes.h"
+#include "tools/call/buffer.h"
 
 namespace tools {
 
@@ -13,10 +13,10 @@ struct Remote {
     int timeout_ms;
 };
 
-// Calls a function with `bytes` and replaces them with what came back. Why there was no answer, or
-// null: then `result` is the function's. A bus that takes longer than the timeout before the call
-// itself raises SIGALRM.
-const char *call_remote(const Remote &remote, Bytes &bytes, uint32_t &result);
+// Calls a function with `bytes` and replaces them with what came back. Returns null, with the
+// function's result in `result`, or why there was no answer. If the bus takes longer than the
+// timeout before the call itself, SIGALRM comes.
+const char *call_remote(const Remote &remote, Buffer &bytes, uint32_t &result);
 
 } // namespace tools
 

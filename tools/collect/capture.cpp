@@ -20,7 +20,7 @@ constexpr uint32_t kNextGeneration = 0x0a0d0d0a;
 // Bytes before the IP header, by link type.
 constexpr struct {
     uint32_t type;
-    size_t header;
+    uint32_t header;
 } kLinks[] = {
     {1, 14},        // Ethernet
     {101, 0},       // IP, either version
@@ -36,9 +36,7 @@ void put_le32(uint8_t *to, uint32_t value)
 
 } // namespace
 
-namespace tools {
-
-bool begin_capture(FILE *file)
+bool tools::begin_capture(FILE *file)
 {
     uint8_t header[kFileHeader] = {};
     put_le32(header, kMicroseconds);
@@ -49,11 +47,11 @@ bool begin_capture(FILE *file)
     return fwrite(header, sizeof(header), 1, file) == 1 && fflush(file) == 0;
 }
 
-bool append_packet(FILE *file, const Packet &packet)
+bool tools::append_packet(FILE *file, const Packet &packet)
 {
     static uint16_t id;
     uint8_t record[kRecordHeader];
-    const auto length = static_cast<uint32_t>(kPacketHeader + packet.length);
+    const uint32_t length = kPacketHeader + packet.payload.length;
     put_le32(record, static_cast<uint32_t>(packet.time.tv_sec));
     put_le32(record + 4, static_cast<uint32_t>(packet.time.tv_nsec / 1000));
     put_le32(record + 8, length);
@@ -63,18 +61,19 @@ bool append_packet(FILE *file, const Packet &packet)
     build_packet_header(header, packet, ++id);
     return fwrite(record, sizeof(record), 1, file) == 1 &&
            fwrite(header, sizeof(header), 1, file) == 1 &&
-           fwrite(packet.data, 1, packet.length, file) == packet.length && fflush(file) == 0;
+           fwrite(packet.payload.data, 1, packet.payload.length, file) == packet.payload.length &&
+           fflush(file) == 0;
 }
 
 // The files that we write are little-endian; swapped ones are not.
-uint32_t Capture::number_at(const uint8_t *at) const
+uint32_t tools::Capture::number_at(const uint8_t *at) const
 {
     const uint32_t big = bv::get_be32(at);
     return swapped_ ? big : __builtin_bswap32(big);
 }
 
 // Byte order and unit of time, from the first word.
-const char *Capture::read_magic(uint32_t magic)
+const char *tools::Capture::read_magic(uint32_t magic)
 {
     if (magic == kNextGeneration)
         return "a pcapng file; save it as pcap";
@@ -86,7 +85,7 @@ const char *Capture::read_magic(uint32_t magic)
     return nanoseconds_ || magic == kMicroseconds ? nullptr : "not a capture file";
 }
 
-const char *Capture::open(FILE *file)
+const char *tools::Capture::open(FILE *file)
 {
     file_ = file;
     skipped = 0;
@@ -108,7 +107,7 @@ const char *Capture::open(FILE *file)
 }
 
 // Reads one packet whole.
-Capture::Result Capture::read_packet(Packet &packet, size_t &length)
+tools::Capture::Result tools::Capture::read_packet(Packet &packet, uint32_t &length)
 {
     uint8_t record[kRecordHeader];
     const size_t got = fread(record, 1, sizeof(record), file_);
@@ -126,17 +125,15 @@ Capture::Result Capture::read_packet(Packet &packet, size_t &length)
     return Result::Packet;
 }
 
-Capture::Result Capture::next(Packet &packet)
+tools::Capture::Result tools::Capture::next(Packet &packet)
 {
     Result result;
-    size_t length;
+    uint32_t length;
     while ((result = read_packet(packet, length)) == Result::Packet) {
         if (length >= link_header_ &&
-            parse_packet(packet, bytes_ + link_header_, length - link_header_))
+            parse_packet(packet, {bytes_ + link_header_, length - link_header_}))
             break;
         ++skipped;
     }
     return result;
 }
-
-} // namespace tools

@@ -21,7 +21,7 @@ bool append_packet(FILE *file, const Packet &packet);
 // A capture that is read. Large: 64 KiB for a packet.
 class Capture {
 public:
-    // Reads the file's header. What is wrong with it, or null.
+    // Reads the file's header. Returns what is wrong with it, or null.
     const char *open(FILE *file);
 
     enum class Result { Packet, End, Damaged };
@@ -34,12 +34,12 @@ public:
 private:
     uint32_t number_at(const uint8_t *at) const;
     const char *read_magic(uint32_t magic);
-    Result read_packet(Packet &packet, size_t &length);
+    Result read_packet(Packet &packet, uint32_t &length);
 
     FILE *file_ = nullptr;
     bool swapped_ = false;
     bool nanoseconds_ = false;
-    size_t link_header_ = 0; // bytes before the IP header
+    uint32_t link_header_ = 0; // bytes before the IP header
     uint8_t bytes_[65536 + 256] = {};
 };
 

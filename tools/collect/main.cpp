@@ -99,14 +99,15 @@ void show_malformed(const Packet &packet, const char *fault)
     if (!lines_wanted() || !g_options.modules.is_empty() || !g_options.levels.is_empty())
         return;
     print_origin(packet);
-    printf("malformed: %zu byte%s, %s\n", packet.length, plural(packet.length), fault);
+    printf("malformed: %u byte%s, %s\n", packet.payload.length, plural(packet.payload.length),
+           fault);
 }
 
 void show(const Packet &packet)
 {
     ++g_counts.received;
     Datagram datagram;
-    const char *fault = read_datagram(datagram, packet.data, packet.length);
+    const char *fault = read_datagram(datagram, packet.payload);
     if (fault != nullptr)
         return show_malformed(packet, fault);
     if (!g_options.modules.matches(datagram.module) || !g_options.levels.matches(datagram.level))
@@ -117,7 +118,7 @@ void show(const Packet &packet)
     print_origin(packet);
     printf("category=%u module=%u level=%u tag=0x%04x ", datagram.category, datagram.module,
            datagram.level, datagram.tag);
-    print_visible(stdout, datagram.text, datagram.length);
+    print_visible(stdout, datagram.text);
     putchar('\n');
 }
 
@@ -146,7 +147,7 @@ int read_capture()
 {
     static Capture capture;
     File file(open_or_standard(g_options.read, "rb"));
-    if (file.get() == nullptr)
+    if (!file)
         return fail(g_options.read, strerror(errno));
     const char *fault = capture.open(file.get());
     if (fault != nullptr)
@@ -223,11 +224,11 @@ int collect()
         return fail("cannot listen", strerror(errno));
     const bool writing = g_options.write != nullptr;
     File file(writing ? open_or_standard(g_options.write, "wb") : nullptr);
-    if (writing && (file.get() == nullptr || !begin_capture(file.get())))
+    if (writing && (!file || !begin_capture(file.get())))
         return fail(g_options.write, strerror(errno));
     announce(receiver);
     const int status = collect_from(receiver, file.get(), waiting);
-    return file.close() ? status : fail(g_options.write, strerror(errno));
+    return close_file(file.release()) ? status : fail(g_options.write, strerror(errno));
 }
 
 // ---- the command line ----

@@ -13,19 +13,19 @@ using bv::put_be16;
 using tools::kPacketHeader;
 using tools::Packet;
 
-constexpr size_t kIpHeader = 20;
-constexpr size_t kUdpHeader = 8;
+constexpr uint32_t kIpHeader = 20;
+constexpr uint32_t kUdpHeader = 8;
 constexpr uint8_t kVersion4 = 4;
 constexpr uint8_t kTimeToLive = 64;
 constexpr unsigned kFragment = 0x3fff; // offset, or more to come
 
 // Adds bytes as 16-bit words to the sum of a checksum. An odd last byte is followed by a zero.
-uint32_t add_words(uint32_t sum, const uint8_t *bytes, size_t length)
+uint32_t add_words(uint32_t sum, bv::Bytes bytes)
 {
-    size_t i = 0;
-    for (; i + 1 < length; i += 2)
-        sum += get_be16(bytes + i);
-    return i < length ? sum + (uint32_t{bytes[i]} << 8) : sum;
+    uint32_t i = 0;
+    for (; i + 1 < bytes.length; i += 2)
+        sum += get_be16(bytes.data + i);
+    return i < bytes.length ? sum + (uint32_t{bytes.data[i]} << 8) : sum;
 }
 
 uint16_t finish_sum(uint32_t sum)
@@ -35,7 +35,7 @@ uint16_t finish_sum(uint32_t sum)
     return static_cast<uint16_t>(~sum);
 }
 
-void put_size(uint8_t *to, size_t size)
+void put_size(uint8_t *to, uint32_t size)
 {
     put_be16(to, static_cast<uint16_t>(size));
 }
@@ -44,22 +44,22 @@ void build_ip_header(uint8_t *ip, const Packet &packet, uint16_t id)
 {
     memset(ip, 0, kIpHeader);
     ip[0] = kVersion4 << 4 | kIpHeader / 4;
-    put_size(ip + 2, kPacketHeader + packet.length);
+    put_size(ip + 2, kPacketHeader + packet.payload.length);
     put_be16(ip + 4, id);
     ip[8] = kTimeToLive;
     ip[9] = IPPROTO_UDP;
     memcpy(ip + 12, &packet.source, 4);
     memcpy(ip + 16, &packet.destination, 4);
-    put_be16(ip + 10, finish_sum(add_words(0, ip, kIpHeader)));
+    put_be16(ip + 10, finish_sum(add_words(0, {ip, kIpHeader})));
 }
 
 // The UDP checksum also covers the addresses, the protocol and the length.
 uint16_t udp_checksum(const uint8_t *ip, const uint8_t *udp, const Packet &packet)
 {
-    uint32_t sum = add_words(IPPROTO_UDP, ip + 12, 8);
-    sum += static_cast<uint32_t>(kUdpHeader + packet.length);
-    sum = add_words(sum, udp, kUdpHeader);
-    const uint16_t checksum = finish_sum(add_words(sum, packet.data, packet.length));
+    uint32_t sum = add_words(IPPROTO_UDP, {ip + 12, 8});
+    sum += kUdpHeader + packet.payload.length;
+    sum = add_words(sum, {udp, kUdpHeader});
+    const uint16_t checksum = finish_sum(add_words(sum, packet.payload));
     return checksum != 0 ? checksum : 0xffff; // 0 would mean that there is none
 }
 
@@ -71,30 +71,30 @@ void tools::build_packet_header(uint8_t (&header)[kPacketHeader], const Packet &
     uint8_t *udp = header + kIpHeader;
     put_be16(udp, packet.source_port);
     put_be16(udp + 2, packet.destination_port);
-    put_size(udp + 4, kUdpHeader + packet.length);
+    put_size(udp + 4, kUdpHeader + packet.payload.length);
     put_be16(udp + 6, 0);
     put_be16(udp + 6, udp_checksum(header, udp, packet));
 }
 
-bool tools::parse_packet(Packet &packet, const uint8_t *bytes, size_t length)
+bool tools::parse_packet(Packet &packet, bv::Bytes bytes)
 {
-    if (length < kIpHeader || bytes[0] >> 4 != kVersion4 || bytes[9] != IPPROTO_UDP ||
-        (get_be16(bytes + 6) & kFragment) != 0)
+    const uint8_t *ip = bytes.data;
+    if (bytes.length < kIpHeader || ip[0] >> 4 != kVersion4 || ip[9] != IPPROTO_UDP ||
+        (get_be16(ip + 6) & kFragment) != 0)
         return false;
-    const size_t header = (bytes[0] & 0x0fU) * 4;
-    const size_t total = get_be16(bytes + 2);
-    if (header < kIpHeader || total > length || total < header + kUdpHeader)
+    const uint32_t header = (ip[0] & 0x0fU) * 4;
+    const uint32_t total = get_be16(ip + 2);
+    if (header < kIpHeader || total > bytes.length || total < header + kUdpHeader)
         return false;
-    const uint8_t *udp = bytes + header;
-    const size_t udp_length = get_be16(udp + 4);
+    const uint8_t *udp = ip + header;
+    const uint32_t udp_length = get_be16(udp + 4);
     if (udp_length < kUdpHeader || udp_length > total - header)
         return false;
 
-    memcpy(&packet.source, bytes + 12, 4);
-    memcpy(&packet.destination, bytes + 16, 4);
+    memcpy(&packet.source, ip + 12, 4);
+    memcpy(&packet.destination, ip + 16, 4);
     packet.source_port = get_be16(udp);
     packet.destination_port = get_be16(udp + 2);
-    packet.data = udp + kUdpHeader;
-    packet.length = udp_length - kUdpHeader;
+    packet.payload = {udp + kUdpHeader, udp_length - kUdpHeader};
     return true;
 }

@@ -2,6 +2,8 @@
 #ifndef TOOLS_COLLECT_PACKET_H
 #define TOOLS_COLLECT_PACKET_H
 
+#include "os/span.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -15,19 +17,18 @@ struct Packet {
     in_addr destination;
     uint16_t source_port; // host order
     uint16_t destination_port;
-    const uint8_t *data; // what UDP carried
-    size_t length;
+    bv::Bytes payload; // what UDP carried
 };
 
-constexpr size_t kPacketHeader = 28; // IPv4 without options, UDP
+constexpr uint32_t kPacketHeader = 28; // IPv4 without options, UDP
 
-// Builds the headers that the packet travelled with. Lengths, checksums, addresses and ports are
-// right; a socket does not tell the rest.
+// Builds the headers in front of the payload. Lengths, checksums, addresses and ports are those the
+// packet came with; a socket does not tell the rest.
 void build_packet_header(uint8_t (&header)[kPacketHeader], const Packet &packet, uint16_t id);
 
-// Reads an IPv4 packet; its data then points into `bytes`. False when it is not a whole UDP
+// Reads an IPv4 packet; its payload then points into `bytes`. False when it is not a whole UDP
 // datagram. Checksums are ignored: network cards fill them in after a capture.
-bool parse_packet(Packet &packet, const uint8_t *bytes, size_t length);
+bool parse_packet(Packet &packet, bv::Bytes bytes);
 
 } // namespace tools
 

@@ -84,8 +84,7 @@ bool tools::take_packet(Receiver &receiver, Packet &packet)
     packet.source = from.sin_addr;
     packet.source_port = ntohs(from.sin_port);
     packet.destination_port = receiver.port;
-    packet.data = bytes;
-    packet.length = static_cast<size_t>(length);
+    packet.payload = {bytes, static_cast<uint32_t>(length)};
     read_controls(receiver, packet, message);
     return true;
 }

@@ -8,7 +8,7 @@ namespace tools {
 
 struct Receiver {
     int fd;
-    in_addr address;  // that it listens on; may be all
+    in_addr address;  // the one it listens on; may be all
     uint16_t port;    // host order
     uint32_t dropped; // datagrams that the system had no room for, up to the last one taken
 };

@@ -30,7 +30,7 @@ int next_option(const CommandLine &line, int argc, char **argv)
     return getopt_long(argc, argv, letters, names, nullptr);
 }
 
-// False after it said what is wrong.
+// Returns false after it printed what is wrong.
 bool take_option(const CommandLine &line, int letter)
 {
     for (size_t i = 0; i < line.count; ++i) {
@@ -43,16 +43,14 @@ bool take_option(const CommandLine &line, int letter)
             break;
         return true;
     }
-    if (letter != '?') // getopt_long() has spoken
+    if (letter != '?') // else getopt_long() printed it
         fprintf(stderr, "%s: -%c: invalid argument '%s'\n", line.program, letter, optarg);
     return false;
 }
 
 } // namespace
 
-namespace tools {
-
-bool take_options(const CommandLine &line, int argc, char **argv, int &status)
+bool tools::take_options(const CommandLine &line, int argc, char **argv, int &status)
 {
     g_program = line.program;
     int letter;
@@ -70,7 +68,7 @@ bool take_options(const CommandLine &line, int argc, char **argv, int &status)
     return true;
 }
 
-int wrong_usage(const CommandLine &line, const char *what)
+int tools::wrong_usage(const CommandLine &line, const char *what)
 {
     if (what != nullptr)
         fprintf(stderr, "%s: %s\n", line.program, what);
@@ -78,12 +76,10 @@ int wrong_usage(const CommandLine &line, const char *what)
     return kExitUsage;
 }
 
-bool complain(const char *what, const char *why)
+bool tools::complain(const char *what, const char *why)
 {
     fprintf(stderr, "%s: ", g_program);
     print_visible(stderr, what);
     fprintf(stderr, ": %s\n", why);
     return false;
 }
-
-} // namespace tools

@@ -14,7 +14,7 @@ struct Option {
     const char *name;
     char letter;
     const char **text;                  // keeps the argument as it is
-    bool (*take)(const char *argument); // or null, and this reads it; false: it is invalid
+    bool (*take)(const char *argument); // if text is null: reads it; false when it is invalid
 };
 
 struct CommandLine {
@@ -25,14 +25,15 @@ struct CommandLine {
     size_t count; // at most 15
 };
 
-// Takes all options, up to `optind`. False when the program ends with `status` instead: it printed
-// its usage, or said what is wrong with the command line.
+// Takes all options, up to `optind`. Returns false when the program ends with `status` instead: it
+// has printed its usage, or what is wrong with the command line.
 bool take_options(const CommandLine &line, int argc, char **argv, int &status);
 
-// Says what is wrong, unless getopt_long() did (null), and how to get help. The exit status.
+// Prints what is wrong (null: getopt_long() already did) and how to get help. Returns the exit
+// status.
 int wrong_usage(const CommandLine &line, const char *what);
 
-// Prints "PROGRAM: WHAT: WHY" on standard error. False, so that callers can return it.
+// Prints "PROGRAM: WHAT: WHY" on standard error. Returns false, so that callers can return that.
 bool complain(const char *what, const char *why);
 
 } // namespace tools

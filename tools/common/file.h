@@ -1,35 +1,24 @@
-// A file that closes itself.
+// Files that close themselves.
 #ifndef TOOLS_COMMON_FILE_H
 #define TOOLS_COMMON_FILE_H
+
+#include "os/owned.h"
 
 #include <cstdio>
 #include <cstring>
 
 namespace tools {
 
-class File {
-public:
-    File(const char *path, const char *mode) : file_(fopen(path, mode)) {}
-    explicit File(FILE *file) : file_(file) {} // stdin and stdout stay open
-    ~File() { close(); }
-    File(const File &) = delete;
-    File &operator=(const File &) = delete;
+// Closes a file; standard input and output stay open, and null is ignored. Returns false when bytes
+// written were lost.
+inline bool close_file(FILE *file)
+{
+    return file == nullptr || file == stdin || file == stdout || fclose(file) == 0;
+}
 
-    FILE *get() const { return file_; } // null with errno: it could not be opened
+using File = bv::Owned<FILE *, nullptr, close_file>;
 
-    // False when bytes written were lost.
-    bool close()
-    {
-        FILE *file = file_;
-        file_ = nullptr;
-        return file == nullptr || file == stdin || file == stdout || fclose(file) == 0;
-    }
-
-private:
-    FILE *file_;
-};
-
-// Opens a file of the command line, where - is standard input or output.
+// Opens a file of the command line, where - is standard input or output. Null with errno.
 inline FILE *open_or_standard(const char *path, const char *mode)
 {
     if (strcmp(path, "-") != 0)

@@ -16,15 +16,13 @@ const char *read_number(const char *text, unsigned highest, unsigned &number)
 
 } // namespace
 
-namespace tools {
-
-bool parse_number(const char *text, unsigned highest, unsigned &number)
+bool tools::parse_number(const char *text, unsigned highest, unsigned &number)
 {
     const char *end = read_number(text, highest, number);
     return end != nullptr && *end == '\0';
 }
 
-bool NumberList::add(const char *text, unsigned highest)
+bool tools::NumberList::add(const char *text, unsigned highest)
 {
     for (const char *at = text;; ++at) {
         Range range;
@@ -40,12 +38,10 @@ bool NumberList::add(const char *text, unsigned highest)
     }
 }
 
-bool NumberList::matches(unsigned number) const
+bool tools::NumberList::matches(unsigned number) const
 {
     for (unsigned i = 0; i < count_; ++i)
         if (number >= ranges_[i].first && number <= ranges_[i].last)
             return true;
     return is_empty();
 }
-
-} // namespace tools

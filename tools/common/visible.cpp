@@ -4,21 +4,21 @@
 
 namespace {
 
-// Length of the UTF-8 character at `at`, 1 to 4, and its code. 0 when there is none: cut short,
-// longer than need be, a surrogate, or above the last one.
-size_t read_utf8(const uint8_t *at, size_t available, uint32_t &code)
+// Reads the UTF-8 character at `at` and returns its length, 1 to 4. Returns 0 when there is none:
+// it is cut short, longer than needed, a surrogate, or above the last one.
+uint32_t read_utf8(const uint8_t *at, uint32_t available, uint32_t &code)
 {
     static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    const size_t length = at[0] < 0x80             ? 1
-                          : (at[0] & 0xe0) == 0xc0 ? 2
-                          : (at[0] & 0xf0) == 0xe0 ? 3
-                          : (at[0] & 0xf8) == 0xf0 ? 4
-                                                   : 0;
+    const uint32_t length = at[0] < 0x80             ? 1
+                            : (at[0] & 0xe0) == 0xc0 ? 2
+                            : (at[0] & 0xf0) == 0xe0 ? 3
+                            : (at[0] & 0xf8) == 0xf0 ? 4
+                                                     : 0;
     if (length == 0 || length > available)
         return 0;
 
     code = length == 1 ? at[0] : at[0] & (0x7fU >> length);
-    for (size_t i = 1; i < length; ++i) {
+    for (uint32_t i = 1; i < length; ++i) {
         if ((at[i] & 0xc0) != 0x80)
             return 0;
         code = code << 6 | (at[i] & 0x3fU);
@@ -51,21 +51,23 @@ void print_escaped(FILE *to, uint8_t byte)
 
 } // namespace
 
-void tools::print_visible(FILE *to, const uint8_t *text, size_t length)
+void tools::print_visible(FILE *to, bv::Bytes text)
 {
-    for (size_t at = 0; at < length;) {
+    for (uint32_t at = 0; at < text.length;) {
+        const uint8_t *start = text.data + at;
         uint32_t code = 0;
-        const size_t bytes = read_utf8(text + at, length - at, code);
+        const uint32_t bytes = read_utf8(start, text.length - at, code);
         if (bytes != 0 && !is_hidden(code) && code != '\\') {
-            fwrite(text + at, 1, bytes, to);
+            fwrite(start, 1, bytes, to);
             at += bytes;
         } else {
-            print_escaped(to, text[at++]); // the other bytes of a character are escaped in turn
+            print_escaped(to, *start); // the other bytes of a character are escaped in turn
+            ++at;
         }
     }
 }
 
 void tools::print_visible(FILE *to, const char *text)
 {
-    print_visible(to, reinterpret_cast<const uint8_t *>(text), strlen(text));
+    print_visible(to, bv::bytes_of(text, static_cast<uint32_t>(strlen(text))));
 }

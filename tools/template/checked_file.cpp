@@ -66,9 +66,7 @@ bool number_stays(const char *text)
 
 } // namespace
 
-namespace tools {
-
-void CheckedFile::fault(unsigned line, const char *format, ...) const
+void tools::CheckedFile::fault(unsigned line, const char *format, ...) const
 {
     char message[kMaxMessage];
     va_list arguments;
@@ -82,27 +80,27 @@ void CheckedFile::fault(unsigned line, const char *format, ...) const
     ++g_faults;
 }
 
-bool file_trouble(const char *path, const char *why)
+bool tools::file_trouble(const char *path, const char *why)
 {
     g_trouble = true;
     return complain(path, why);
 }
 
-unsigned fault_count()
+unsigned tools::fault_count()
 {
     return g_faults;
 }
 
-bool had_file_trouble()
+bool tools::had_file_trouble()
 {
     return g_trouble;
 }
 
-bool CheckedFile::read(JsonDocument &document) const
+bool tools::CheckedFile::read(JsonDocument &document) const
 {
-    const File file(path, "rb");
+    const File file(fopen(path, "rb"));
     size_t length;
-    char *block = file.get() == nullptr ? nullptr : read_stream(file.get(), length);
+    char *block = file ? read_stream(file.get(), length) : nullptr;
     if (block == nullptr)
         return file_trouble(path, strerror(errno));
     JsonFault found;
@@ -112,7 +110,7 @@ bool CheckedFile::read(JsonDocument &document) const
     return false;
 }
 
-void CheckedFile::check_names_once(const Json &object) const
+void tools::CheckedFile::check_names_once(const Json &object) const
 {
     Seen seen(*this, object.count());
     for (const Json &member : object) {
@@ -124,7 +122,7 @@ void CheckedFile::check_names_once(const Json &object) const
     }
 }
 
-const char *CheckedFile::take_text(const Json &value, const char *what) const
+const char *tools::CheckedFile::take_text(const Json &value, const char *what) const
 {
     if (value.text == nullptr)
         fault(value.line, "%.100s is not a string", what);
@@ -136,7 +134,7 @@ const char *CheckedFile::take_text(const Json &value, const char *what) const
     return nullptr;
 }
 
-bool CheckedFile::take_number(const Json &value, const char *what, int32_t &number) const
+bool tools::CheckedFile::take_number(const Json &value, const char *what, int32_t &number) const
 {
     int64_t wide;
     if (value.text == nullptr || !parse_decimal(value.text, wide)) {
@@ -151,8 +149,8 @@ bool CheckedFile::take_number(const Json &value, const char *what, int32_t &numb
     return true;
 }
 
-void CheckedFile::check_survives(const char *text, size_t length, unsigned line,
-                                 const char *what) const
+void tools::CheckedFile::check_survives(const char *text, size_t length, unsigned line,
+                                        const char *what) const
 {
     Reason why;
     if (!text_survives(text, length, why))
@@ -161,7 +159,7 @@ void CheckedFile::check_survives(const char *text, size_t length, unsigned line,
 
 // ---- duplicates ----
 
-Seen::Seen(const CheckedFile &file, size_t count)
+tools::Seen::Seen(const CheckedFile &file, size_t count)
 {
     while (size_ < count * 2)
         size_ *= 2;
@@ -170,7 +168,7 @@ Seen::Seen(const CheckedFile &file, size_t count)
         file_trouble(file.path, "out of memory");
 }
 
-unsigned Seen::note(uint32_t hash, const Entry &entry)
+unsigned tools::Seen::note(uint32_t hash, const Entry &entry)
 {
     if (entries_ == nullptr)
         return 0;
@@ -185,15 +183,13 @@ unsigned Seen::note(uint32_t hash, const Entry &entry)
     return 0;
 }
 
-unsigned Seen::add(const char *bytes, size_t length, unsigned line)
+unsigned tools::Seen::add(const char *bytes, size_t length, unsigned line)
 {
     return note(hash_of(bytes, length), {bytes, length, line});
 }
 
-unsigned Seen::add(int32_t number, unsigned line)
+unsigned tools::Seen::add(int32_t number, unsigned line)
 {
     static constexpr char kNumber[] = "the bytes of every number";
     return note(hash_of(&number, sizeof(number)), {kNumber, static_cast<uint32_t>(number), line});
 }
-
-} // namespace tools

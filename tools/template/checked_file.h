@@ -1,5 +1,5 @@
-// A file that is checked: its faults, printed as FILE:LINE: MESSAGE and counted, and what templates
-// and data files have in common.
+// A file that is checked. Its faults are printed as FILE:LINE: MESSAGE and counted. Checks that
+// templates and data files share are here too.
 #ifndef TOOLS_TEMPLATE_CHECKED_FILE_H
 #define TOOLS_TEMPLATE_CHECKED_FILE_H
 
@@ -16,27 +16,28 @@ struct CheckedFile {
     // Reports one fault on standard output.
     void fault(unsigned line, const char *format, ...) const __attribute__((format(printf, 3, 4)));
 
-    // Reads and parses the file. False after it reported why.
+    // Reads and parses the file. Returns false after it reported why not.
     bool read(JsonDocument &document) const;
 
     // Reports names that occur more than once in an object, at each but the first.
     void check_names_once(const Json &object) const;
 
-    // The text of a value: a string, or a number as it was written, which the library takes as
-    // well. Null after it reported anything else, or a number that the library changes.
+    // Returns the text of a value: a string, or a number as it was written, which the library takes
+    // as well. Reports anything else, and a number that the library changes, and returns null.
     const char *take_text(const Json &value, const char *what) const;
 
-    // Reads a whole number of 32 bits, in quotes or not. False after it reported anything else.
+    // Reads a whole number of 32 bits, in quotes or not. Reports anything else and returns false.
     bool take_number(const Json &value, const char *what, int32_t &number) const;
 
     // Reports a text that would not survive being written into a data file.
     void check_survives(const char *text, size_t length, unsigned line, const char *what) const;
 };
 
-// Says on standard error that a file cannot be used at all. False, so that callers can return it.
+// Prints on standard error that a file cannot be used at all. Returns false, so that callers can
+// return that.
 bool file_trouble(const char *path, const char *why);
 
-// What was reported of all files.
+// What was reported, of all files together.
 unsigned fault_count();
 bool had_file_trouble();
 
@@ -50,8 +51,8 @@ public:
     Seen(const Seen &) = delete;
     Seen &operator=(const Seen &) = delete;
 
-    // Notes an entry, whose bytes must stay, or a number; one object takes only one of the two. The
-    // line of the first one like it, 0 if it is new.
+    // Notes an entry, whose bytes must stay, or a number; one object takes only one of the two.
+    // Returns the line of the first one like it, 0 if it is new.
     unsigned add(const char *bytes, size_t length, unsigned line);
     unsigned add(int32_t number, unsigned line);
 

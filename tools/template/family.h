@@ -24,8 +24,8 @@ struct Family {
     const Parameter *find(const char *wanted) const;
 };
 
-// Reads a template into a new family and reports every fault. False when the library would not get
-// parameters from it.
+// Reads a template into a new family and reports every fault. Returns false when the library would
+// not get parameters from it.
 bool read_family(const char *path, Family &family);
 
 } // namespace tools

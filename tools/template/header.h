@@ -9,7 +9,7 @@
 namespace tools {
 
 // Writes the header for a family without faults. `structure` names the structure; null makes a name
-// from the family's. False when memory is short.
+// from the family's. Returns false when memory is short.
 bool write_header(FILE *to, const Family &family, const char *structure);
 
 } // namespace tools

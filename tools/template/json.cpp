@@ -49,7 +49,7 @@ public:
     }
 
 private:
-    // Notes the first fault; false, so that callers can return it.
+    // Notes the first fault. Returns false, so that callers can return that.
     bool complain(const char *what)
     {
         if (fault_.what == nullptr)
@@ -57,7 +57,7 @@ private:
         return false;
     }
 
-    // The next byte; 0 at the end, and for a zero byte, which nothing accepts.
+    // Returns the next byte; 0 at the end, and for a zero byte, which nothing accepts.
     char peek() const { return at_ < end_ ? *at_ : '\0'; }
 
     bool take(char expected)
@@ -296,9 +296,7 @@ void release(Json *value)
 
 } // namespace
 
-namespace tools {
-
-bool JsonDocument::parse(char *block, size_t length, JsonFault &fault)
+bool tools::JsonDocument::parse(char *block, size_t length, JsonFault &fault)
 {
     clear();
     block_ = block;
@@ -312,7 +310,7 @@ bool JsonDocument::parse(char *block, size_t length, JsonFault &fault)
     return false;
 }
 
-void JsonDocument::clear()
+void tools::JsonDocument::clear()
 {
     release(root_);
     free(block_);
@@ -320,7 +318,7 @@ void JsonDocument::clear()
     block_ = nullptr;
 }
 
-const Json *Json::member(const char *wanted) const
+const Json *tools::Json::member(const char *wanted) const
 {
     if (kind != Kind::Object)
         return nullptr;
@@ -331,12 +329,10 @@ const Json *Json::member(const char *wanted) const
     return found != nullptr && found->kind != Kind::Null ? found : nullptr;
 }
 
-size_t Json::count() const
+size_t tools::Json::count() const
 {
     size_t children = 0;
     for (const Json *child = first; child != nullptr; child = child->next)
         ++children;
     return children;
 }
-
-} // namespace tools

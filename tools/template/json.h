@@ -40,7 +40,7 @@ struct Json {
         }
     };
     Iterator begin() const { return {first}; }
-    Iterator end() const { return {nullptr}; }
+    static Iterator end() { return {nullptr}; }
 };
 
 struct JsonFault {
@@ -57,8 +57,8 @@ public:
     JsonDocument &operator=(const JsonDocument &) = delete;
 
     // Takes a block from malloc(): a free byte, then `length` bytes with one value and white space
-    // around it. False with the first fault: the text is not JSON, or nested in more than 31 arrays
-    // and objects, where the library stops reading too, or memory is short.
+    // around it. Returns false with the first fault when the text is not JSON, when memory is
+    // short, or beyond 31 nested arrays and objects, where the library stops reading too.
     bool parse(char *block, size_t length, JsonFault &fault);
 
     const Json *root() const { return root_; } // null until a text was parsed

@@ -26,10 +26,8 @@ const char *base_name(const char *path)
 
 } // namespace
 
-namespace tools {
-
 // Made of zeros by calloc(), with the path after it.
-struct Library::Entry {
+struct tools::Library::Entry {
     Entry *next;
     Family family;
     bool was_read;
@@ -37,7 +35,7 @@ struct Library::Entry {
     char path[1];
 };
 
-bool Library::add(const char *path)
+bool tools::Library::add(const char *path)
 {
     const size_t length = strlen(path);
     auto *entry = static_cast<Entry *>(calloc(1, sizeof(Entry) + length));
@@ -49,7 +47,7 @@ bool Library::add(const char *path)
     return true;
 }
 
-bool Library::open(const char *folder)
+bool tools::Library::open(const char *folder)
 {
     g_opening = this;
     // Folders and links count, as for find; what they are shows when they are read.
@@ -60,7 +58,7 @@ bool Library::open(const char *folder)
            file_trouble(folder, strerror(errno));
 }
 
-Library::~Library()
+tools::Library::~Library()
 {
     while (entries_ != nullptr) {
         Entry *entry = entries_;
@@ -71,7 +69,7 @@ Library::~Library()
 }
 
 // The entry of a name, or of a path that exists.
-Library::Entry *Library::look_up(const char *name, bool &several)
+tools::Library::Entry *tools::Library::look_up(const char *name, bool &several)
 {
     const bool is_path = strchr(name, '/') != nullptr;
     Entry *found = nullptr;
@@ -88,7 +86,7 @@ Library::Entry *Library::look_up(const char *name, bool &several)
 }
 
 // A pipe or a terminal would keep its reader waiting, and a data file may name any.
-bool Library::read(Entry &entry)
+bool tools::Library::read(Entry &entry)
 {
     struct stat status;
     if (stat(entry.path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))
@@ -96,7 +94,7 @@ bool Library::read(Entry &entry)
     return read_family(entry.path, entry.family);
 }
 
-Library::Result Library::find(const char *name, const Family *&family)
+tools::Library::Result tools::Library::find(const char *name, const Family *&family)
 {
     bool several;
     Entry *found = look_up(name, several);
@@ -110,5 +108,3 @@ Library::Result Library::find(const char *name, const Family *&family)
     family = &found->family;
     return found->usable ? Result::Found : Result::Unusable;
 }
-
-} // namespace tools

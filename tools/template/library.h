@@ -13,14 +13,13 @@ public:
     Library(const Library &) = delete;
     Library &operator=(const Library &) = delete;
 
-    // Finds all files below a folder. False after it said why not.
+    // Finds all files below a folder. Returns false after it printed why not.
     bool open(const char *folder);
 
     enum class Result { Found, None, Several, Unusable };
 
-    // The family of a name: the one file of that name, in whatever folder, or the file of that
-    // path, as the database looks for it. Its template is checked, and its faults reported, the
-    // first time.
+    // Finds the family of a name as the database does: the one file of that name, in any folder, or
+    // the file of that path. The first time its template is checked and its faults are reported.
     Result find(const char *name, const Family *&family);
 
 private:

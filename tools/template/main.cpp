@@ -89,14 +89,14 @@ void write_output(const Family &family)
             file_trouble("standard output", "the header is incomplete");
         return;
     }
-    File file(g_options.output, "w");
-    if (file.get() == nullptr) {
+    File file(fopen(g_options.output, "w"));
+    if (!file) {
         file_trouble(g_options.output, strerror(errno));
         return;
     }
     const bool removable = is_regular(file.get());
     const bool written = write_whole(file.get(), family);
-    if (file.close() && written)
+    if (close_file(file.release()) && written)
         return;
     file_trouble(g_options.output, "the header is incomplete");
     if (removable)

@@ -58,9 +58,7 @@ bool is_ip(const char *text)
 
 } // namespace
 
-namespace tools {
-
-bool Reason::set(const char *format, ...)
+bool tools::Reason::set(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
@@ -69,7 +67,7 @@ bool Reason::set(const char *format, ...)
     return false;
 }
 
-bool parse_decimal(const char *text, int64_t &number)
+bool tools::parse_decimal(const char *text, int64_t &number)
 {
     const bool negative = *text == '-';
     const char *at = text + (negative || *text == '+' ? 1 : 0);
@@ -85,7 +83,7 @@ bool parse_decimal(const char *text, int64_t &number)
     return *at == '\0';
 }
 
-bool value_fits(const ParameterType &type, int32_t len, const char *text, Reason &why)
+bool tools::value_fits(const ParameterType &type, int32_t len, const char *text, Reason &why)
 {
     switch (type.kind) {
     case bv::TypeKind::String:
@@ -101,7 +99,7 @@ bool value_fits(const ParameterType &type, int32_t len, const char *text, Reason
     return false;
 }
 
-bool text_survives(const char *text, size_t length, Reason &why)
+bool tools::text_survives(const char *text, size_t length, Reason &why)
 {
     for (size_t i = 0; i < length; ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
@@ -114,5 +112,3 @@ bool text_survives(const char *text, size_t length, Reason &why)
     }
     return length <= kMaxText || why.set("its %zu bytes are more than %zu", length, kMaxText);
 }
-
-} // namespace tools

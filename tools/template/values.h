@@ -16,7 +16,7 @@ constexpr size_t kMaxText = bv::kParameterTextSize - 1;
 struct Reason {
     char text[160];
 
-    // Prints the text; false, so that callers can return it.
+    // Prints the text. Returns false, so that callers can return that.
     bool set(const char *format, ...) __attribute__((format(printf, 2, 3)));
 };
 

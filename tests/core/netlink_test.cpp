@@ -9,7 +9,7 @@
 
 #include <bv/status.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/dirty_heap.h"
 #include "support/events.h"
 #include "support/libc.h"

@@ -2,7 +2,7 @@
 // follow one another: the library's receive thread, once started, stays.
 
 #include "gateway/modules.h"
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/events.h"
 #include "support/process.h"
 

@@ -37,7 +37,7 @@ TEST(Record, AppendsWithoutNewlinesAndCounts)
     EXPECT_EQ(read_file(kRecord), "a=1\nend");
 }
 
-TEST(Record, IsNotBoundByTheShellsLine)
+TEST(Record, IsNotLimitedToTheLengthOfAShellLine)
 {
     std::string text(5000, 'x');
     EXPECT_EQ(bv_os_record("%s", text.c_str()), 5000);
@@ -141,7 +141,7 @@ TEST(RecordOutput, WithoutATerminalNameTheShellComplains)
     EXPECT_EQ(read_file(kRecord), "line");
 }
 
-// Leaves something else than zeros on the stack, where the next function has its variables.
+// Leaves something other than zeros on the stack, where the next function has its variables.
 static __attribute__((noinline)) void dirty_stack()
 {
     char area[4096];

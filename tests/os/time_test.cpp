@@ -102,6 +102,9 @@ TEST(Time, BrokenDownTimesGoBothWays)
     seconds = 0x80000000;
     EXPECT_EQ(bv_os_localtime(&seconds), local) << "the C library's one record";
     EXPECT_EQ(local->tm_year, 138) << "past 2038";
+    EXPECT_EQ(bv_os_difftime(seconds + 5, seconds), 5.0);
+    EXPECT_GT(bv_os_time(&seconds), 1700000000);
+    EXPECT_GT(seconds, 1700000000);
 }
 
 TEST(Time, StrftimeAndStrptimeFollowTheFormat)
@@ -130,10 +133,6 @@ TEST(Time, SetitimerRingsAndTellsTheOldValue)
     EXPECT_GT(old.it_value.tv_sec, 90);
     wait_for_alarms(1);
     EXPECT_EQ(g_alarms, 1);
-
-    errno = 0;
-    EXPECT_EQ(bv_os_setitimer(99, &value, nullptr), -1);
-    EXPECT_EQ(errno, EINVAL);
 }
 
 TEST(Time, TimerSettimeArmsAndTellsTheOldValue)
@@ -152,9 +151,5 @@ TEST(Time, TimerSettimeArmsAndTellsTheOldValue)
     EXPECT_GT(old.it_value.tv_sec, 90);
     wait_for_alarms(1);
     EXPECT_EQ(g_alarms, 1);
-
-    value = {{0, 0}, {1, 0}};
-    EXPECT_EQ(bv_os_timer_settime(timer, TIMER_ABSTIME, &value, nullptr), 0); // long past
-    wait_for_alarms(2);
     timer_delete(timer);
 }

@@ -49,7 +49,8 @@ BV_UNINSTRUMENTED Function *next_function(Function *&known, const char *name)
 #define BV_NEXT(name) next_function(g_next_##name, kSymbol_##name)
 #define BV_CALLER __builtin_return_address(0)
 
-// The symbols of functions with 64-bit offsets (glibc) and 64-bit times (musl) on 32-bit machines.
+// The symbols on 32-bit machines: of functions with 64-bit offsets (glibc) and times (musl), and of
+// ioctl(), which glibc gives another one where time_t has 64 bits.
 #if defined(__GLIBC__) && !defined(__LP64__)
 #define BV_LARGE(name) name "64"
 #else
@@ -59,6 +60,11 @@ BV_UNINSTRUMENTED Function *next_function(Function *&known, const char *name)
 #define BV_TIMED(name, longer) longer
 #else
 #define BV_TIMED(name, longer) name
+#endif
+#if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && !defined(__LP64__)
+#define BV_IOCTL "__ioctl_time64"
+#else
+#define BV_IOCTL "ioctl"
 #endif
 
 // Decides about the calls of one function and counts them: those of all threads, the test's own
@@ -119,6 +125,8 @@ bool called_by_ours(const void *caller);
 
 // ---- the heap ----
 
+extern FaultPoint fault_malloc, fault_calloc, fault_realloc;
+
 // While it lives, the nth malloc() from now on (1 is the next) made by this thread returns null.
 class FailAllocation {
 public:
@@ -145,12 +153,12 @@ public:
 // While it lives, every realloc() returns null, in all threads: nothing can grow.
 class FailReallocations {
 public:
-    FailReallocations();
-    ~FailReallocations();
+    FailReallocations() { fault_realloc.fail_always(); }
+    ~FailReallocations() { fault_realloc.pass(); }
     FailReallocations(const FailReallocations &) = delete;
     FailReallocations &operator=(const FailReallocations &) = delete;
 
-    unsigned happened() const; // how many were refused
+    int happened() const { return fault_realloc.failures(); } // how many were refused
 };
 
 // Notes the blocks that this thread takes from now until stop(), and who gives them back later,
@@ -180,7 +188,5 @@ extern void (*g_heap_hook)(const void *freed);
 // not given back yet.
 void watch_our_blocks();
 int our_blocks();
-
-extern FaultPoint fault_malloc, fault_calloc, fault_realloc; // INTERPOSES heap
 
 #endif

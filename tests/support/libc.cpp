@@ -87,7 +87,7 @@ BV_INTERPOSE(socket, "socket", int, (int domain, int type, int protocol))
     return fd;
 }
 
-BV_INTERPOSE(ioctl, "ioctl", int, (int fd, unsigned long request, void *argument))
+BV_INTERPOSE(ioctl, BV_IOCTL, int, (int fd, unsigned long request, void *argument))
 {
     if (fault_ioctl.fails(BV_CALLER))
         return -1;

@@ -1,5 +1,7 @@
 #include "loop_support.h"
 
+#include "support/loopback.h"
+
 #include <cerrno>
 #include <memory>
 #include <netinet/in.h>

@@ -149,7 +149,8 @@ void clear_only(std::vector<uint8_t> &bits, int fd)
 
 // ---- the libc calls that the library makes on the devices ----
 
-BV_INTERPOSE(ioctl, BV_IOCTL, int, (int fd, unsigned long request, void *argument))
+BV_INTERPOSE(ioctl, BV_TIMED("ioctl", "ioctl", "__ioctl_time64"), int,
+             (int fd, unsigned long request, void *argument))
 {
     const int partition = partition_of(fd);
     if (partition >= 0 && request == MEMGETINFO)

@@ -49,7 +49,8 @@ BV_INTERPOSE(bind, "bind", int, (int fd, const sockaddr *address, socklen_t leng
     return fd == g_library_fd ? 0 : BV_NEXT(bind)(fd, address, length);
 }
 
-BV_INTERPOSE(sendmsg, "sendmsg", ssize_t, (int fd, const msghdr *message, int flags))
+BV_INTERPOSE(sendmsg, BV_TIMED("sendmsg", "sendmsg", "__sendmsg64"), ssize_t,
+             (int fd, const msghdr *message, int flags))
 {
     if (fd != g_library_fd)
         return BV_NEXT(sendmsg)(fd, message, flags);

@@ -49,22 +49,17 @@ BV_UNINSTRUMENTED Function *next_function(Function *&known, const char *name)
 #define BV_NEXT(name) next_function(g_next_##name, kSymbol_##name)
 #define BV_CALLER __builtin_return_address(0)
 
-// The symbols on 32-bit machines: of functions with 64-bit offsets (glibc) and times (musl), and of
-// ioctl(), which glibc gives another one where time_t has 64 bits.
-#if defined(__GLIBC__) && !defined(__LP64__)
+// The symbols on 32-bit machines: of functions with 64-bit offsets, and of those with 64-bit times,
+// which each C library names in its own way.
+#if defined(__LP64__)
+#define BV_LARGE(name) name
+#define BV_TIMED(name, musl, glibc) name
+#elif defined(__GLIBC__)
 #define BV_LARGE(name) name "64"
+#define BV_TIMED(name, musl, glibc) glibc
 #else
 #define BV_LARGE(name) name
-#endif
-#if !defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
-#define BV_TIMED(name, longer) longer
-#else
-#define BV_TIMED(name, longer) name
-#endif
-#if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && !defined(__LP64__)
-#define BV_IOCTL "__ioctl_time64"
-#else
-#define BV_IOCTL "ioctl"
+#define BV_TIMED(name, musl, glibc) musl
 #endif
 
 // Decides about the calls of one function and counts them: those of all threads, the test's own

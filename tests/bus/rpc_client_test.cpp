@@ -177,7 +177,7 @@ TEST(RpcClient, AnotherObjectNameIsLookedUpAsGiven)
     EXPECT_EQ(lookup.payload(kAttrObjectPath), text("another.object"));
 }
 
-TEST(RpcClient, ReplysBytesReplaceTheCallersAsFarAsTheyCameAndAreDeclared)
+TEST(RpcClient, ReplyReplacesOnlyTheBytesThatArrivedAndWereDeclared)
 {
     std::vector<Row> rows = {
         {"all of them", reply_with(reply(7, 6, {9, 8, 7, 6, 5, 4})), 7, {9, 8, 7, 6, 5, 4}},
@@ -323,7 +323,7 @@ TEST(RpcClient, BusStatusIsReturnedEvenAfterAReply)
     expect_calls(rows);
 }
 
-TEST(RpcClient, WithoutAReplyTheResultIsThatOfTheCallBefore)
+TEST(RpcClient, WithoutAReplyTheResultIsThatOfThePreviousCall)
 {
     expect_calls({{"none before", status_only(0), 0, kCallerBytes},
                   {"a reply", kSeven, 7, kNines},
@@ -408,7 +408,7 @@ TEST(RpcClient, CallThatCannotBeSentIs2AndSendsNothing)
             SCOPED_TRACE(length);
             EXPECT_EQ(call(std::string(length, 'n'), client.buffer), 2u);
         }
-        EXPECT_EQ(failing.happened(), 0u) << "not even built";
+        EXPECT_EQ(failing.happened(), 0) << "not even built";
     }
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(invoke.sequence, 2) << "the look-up was 1";
@@ -421,7 +421,7 @@ TEST(RpcClient, WithoutMemoryForTheRequestACallIs2AndTheNextWorks)
         Bytes data(length, 0x33);
         FailReallocations failing;
         EXPECT_EQ(call("get", data), 2u);
-        EXPECT_GT(failing.happened(), 0u);
+        EXPECT_GT(failing.happened(), 0);
     }
     EXPECT_EQ(client.call(), 7u);
     EXPECT_EQ(client.buffer, kNines);

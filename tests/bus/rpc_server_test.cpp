@@ -373,7 +373,7 @@ TEST(RpcServer, WithoutMemoryForTheReplyARequestIsRefusedBeforeTheHandlerRuns)
                       {
                           FailReallocations failing; // message buffers grow by them
                           expect_refused(peer.call(request("keep", 3000, kThreeBytes)));
-                          EXPECT_GT(failing.happened(), 0u);
+                          EXPECT_GT(failing.happened(), 0);
                       }
                       EXPECT_EQ(g_handled, 0);
                       expect_reply(peer.call(kKeep), kKept);
@@ -467,7 +467,7 @@ TEST(RpcServer, RegistrationNeedsARegistryAndBothArguments)
     expect_refused(serve({request("null", 3, kThreeBytes)}, registration)[0]);
 }
 
-TEST(RpcServer, RegistrationPassesTheTablesResultOn)
+TEST(RpcServer, RegistrationReturnsTheTablesResult)
 {
     const auto registration = [] {
         {

@@ -7,7 +7,6 @@
 
 #include <bv/status.h>
 
-#include "support/capture.h"
 #include "support/faults.h"
 #include "support/process.h"
 
@@ -95,29 +94,6 @@ TEST(HashAllocation, ExitGivesAllBackBucketByBucketThenTheArrayThenTheHeader)
     all.insert(all.end(), {table->buckets, table});
     bv_hash_exit(table);
     EXPECT_EQ(watch.given_back(), all);
-}
-
-TEST(HashAllocation, FailedInitOrInsertKeepsNone)
-{
-    CaptureStdout refusal;
-    bv_hash *const table = bv_hash_init(8, 4, 8);
-    for (unsigned nth = 1; nth <= 3; nth++) {
-        SCOPED_TRACE(nth);
-        {
-            HeapWatch watch(nth);
-            const int32_t result = put(table, 1);
-            watch.stop();
-            EXPECT_EQ(result, BV_ERR_MEMORY);
-            EXPECT_EQ(watch.given_back().size(), watch.taken().size());
-        }
-        HeapWatch watch(nth);
-        bv_hash *made = bv_hash_init(8, 4, 8);
-        watch.stop();
-        EXPECT_EQ(made == nullptr, nth <= 2) << "it takes two blocks";
-        bv_hash_exit(made);
-        EXPECT_EQ(watch.given_back().size(), watch.taken().size());
-    }
-    bv_hash_exit(table);
 }
 
 TEST(QueueAllocation, MessageIsOneBlockGivenBackUnlinkedWhenItIsReceived)

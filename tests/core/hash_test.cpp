@@ -2,7 +2,7 @@
 
 #include <bv/status.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/dirty_heap.h"
 #include "support/faults.h"
 

@@ -48,7 +48,7 @@ void fill(uint8_t *key, uint32_t length)
 
 } // namespace
 
-TEST(Jhash, EveryRestLengthAndLongKeysHaveTheirValues)
+TEST(Jhash, EveryRemainderAndLongKeysHashToKnownValues)
 {
     for (const Row &row : kRows) {
         SCOPED_TRACE(testing::Message() << "length " << row.length << " initval " << row.initval);

@@ -9,7 +9,7 @@
 
 #include <bv/status.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/dirty_heap.h"
 #include "support/events.h"
 #include "support/libc.h"
@@ -62,7 +62,8 @@ const uint32_t kOwnPort = static_cast<uint32_t>(getpid());
 
 } // namespace
 
-BV_INTERPOSE(sendmsg, "sendmsg", ssize_t, (int fd, const msghdr *message, int flags))
+BV_INTERPOSE(sendmsg, BV_TIMED("sendmsg", "sendmsg", "__sendmsg64"), ssize_t,
+             (int fd, const msghdr *message, int flags))
 {
     if (message->msg_namelen != sizeof(sockaddr_nl))
         return BV_NEXT(sendmsg)(fd, message, flags);
@@ -80,7 +81,8 @@ BV_INTERPOSE(sendmsg, "sendmsg", ssize_t, (int fd, const msghdr *message, int fl
     return BV_NEXT(sendmsg)(fd, &redirected, flags);
 }
 
-BV_INTERPOSE(recvmsg, "recvmsg", ssize_t, (int fd, msghdr *message, int flags))
+BV_INTERPOSE(recvmsg, BV_TIMED("recvmsg", "recvmsg", "__recvmsg64"), ssize_t,
+             (int fd, msghdr *message, int flags))
 {
     g_boundary.parts = static_cast<size_t>(message->msg_iovlen);
     if (g_boundary.failing_receives > 0) {

@@ -3,7 +3,7 @@
 #include <bv/os.h>
 #include <bv/status.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/dirty_heap.h"
 #include "support/faults.h"
 #include "support/sanitized.h"

@@ -49,7 +49,7 @@ void tick()
 
 } // namespace
 
-BV_INTERPOSE(select, BV_TIMED("select", "__select_time64"), int,
+BV_INTERPOSE(select, BV_TIMED("select", "__select_time64", "__select64"), int,
              (int nfds, fd_set *in, fd_set *out, fd_set *other, timeval *timeout))
 {
     if (g_recorder == nullptr)

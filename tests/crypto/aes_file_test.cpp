@@ -249,8 +249,8 @@ TEST_F(AesFile, KeyIsNotReadBeyondItsSixteenBytes)
 {
     Guarded key(kKey);
     write_file(kPlain, "content");
-    bv_aes_file_en(kPlain, kCipher, key.bytes());
-    bv_aes_file_de(kCipher, kBack, key.bytes());
+    bv_aes_file_en(kPlain, kCipher, key.u8());
+    bv_aes_file_de(kCipher, kBack, key.u8());
     EXPECT_EQ(read_file(kBack), "content");
 }
 
@@ -272,7 +272,7 @@ TEST_F(AesFile, ShortReadsAndWritesAreContinued)
     }
 }
 
-TEST_F(AesFile, WorkEndsWithTheBytesThatCame)
+TEST_F(AesFile, EncryptionEndsWhereReadingOrWritingDoes)
 {
     const std::string plain = RandomBytes(85).bytes(20000);
     const auto encrypted = [&] {

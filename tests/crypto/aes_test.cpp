@@ -26,11 +26,11 @@ class Record {
 public:
     explicit Record(const std::string &key = kKey) : memory_(sizeof(bv_aes_record))
     {
-        memset(memory_.bytes(), '#', sizeof(bv_aes_record));
+        memset(memory_.u8(), '#', sizeof(bv_aes_record));
         memcpy(memory()->key, key.data(), 16);
     }
 
-    bv_aes_record *memory() { return reinterpret_cast<bv_aes_record *>(memory_.bytes()); }
+    bv_aes_record *memory() { return reinterpret_cast<bv_aes_record *>(memory_.u8()); }
     bv_aes_record *operator->() { return memory(); }
 
     std::string encrypt(const std::string &plain)
@@ -57,16 +57,16 @@ private:
 int32_t encrypt_text(const std::string &text, std::string &out, uint32_t out_size)
 {
     Guarded in(text + '\0'), key(kKey), to(std::string(out_size, '#'));
-    const int32_t status = bv_aes_str_en(to.text(), out_size, in.text(), key.bytes());
-    out = std::string(to.text(), out_size);
+    const int32_t status = bv_aes_str_en(to.data(), out_size, in.data(), key.u8());
+    out = to.bytes();
     return status;
 }
 
 std::string decrypt_text(const std::string &hex, uint32_t out_size = 65)
 {
     Guarded in(hex + '\0'), key(kKey), to(std::string(out_size, '#'));
-    EXPECT_EQ(bv_aes_str_de(in.text(), to.text(), out_size, key.bytes()), 0);
-    return std::string(to.text(), out_size);
+    EXPECT_EQ(bv_aes_str_de(in.data(), to.data(), out_size, key.u8()), 0);
+    return to.bytes();
 }
 
 std::string up_to_nul(const std::string &text)
@@ -204,7 +204,7 @@ TEST(AesText, EveryLengthUpTo64ComesOutAsLowerCaseHexAndBack)
     }
 }
 
-TEST(AesText, First64CharactersAreEncryptedAndNothingFollowsTheTerminator)
+TEST(AesText, OnlyTheFirst64CharactersAreEncryptedAndNothingFollowsTheTerminator)
 {
     for (size_t length : {65u, 100u, 100000u}) {
         std::string out;

@@ -116,8 +116,8 @@ TEST(Crc, InputMayHaveAnyAlignmentAndNothingIsReadBeyondItsEnd)
         const std::string text = random.bytes(length);
         Guarded memory(text);
         const auto size = static_cast<uint32_t>(length);
-        EXPECT_EQ(bv_os_crc32(0, memory.bytes(), size), zlib_of(0, text)) << length;
-        EXPECT_EQ(bv_os_crc16(0, memory.bytes(), size), bitwise16(0, text)) << length;
+        EXPECT_EQ(bv_os_crc32(0, memory.u8(), size), zlib_of(0, text)) << length;
+        EXPECT_EQ(bv_os_crc16(0, memory.u8(), size), bitwise16(0, text)) << length;
     }
 }
 
@@ -144,7 +144,7 @@ TEST(Crc, RunningValueStaysWithoutBytesOrWithoutAPointer)
     }
 }
 
-TEST(Crc, RangeThatWrapsAroundTheAddressSpaceLeavesTheCrc16)
+TEST(Crc, RangeThatWrapsAroundTheAddressSpaceKeepsTheRunningCrc16)
 {
     const auto *last = reinterpret_cast<const uint8_t *>(UINTPTR_MAX - 3);
     EXPECT_EQ(bv_os_crc16(0x1234, last, 4), 0x1234); // ends at 0

@@ -3,7 +3,7 @@
 #include <bv/os.h>
 
 #include "crypto/reference.h"
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/child.h"
 #include "support/files.h"
 #include "support/libc.h"

@@ -52,7 +52,7 @@ TEST(Pbkdf2, EveryKeyLengthUpTo100AgreesWithLibcrypto)
     }
 }
 
-TEST(Pbkdf2, NoIterationsCountAsOne)
+TEST(Pbkdf2, ZeroIterationsCountAsOne)
 {
     EXPECT_EQ(to_hex(derive("password", "salt", 0, 40)), to_hex(derive("password", "salt", 1, 40)));
     EXPECT_NE(to_hex(derive("password", "salt", 1, 40)), to_hex(derive("password", "salt", 2, 40)));

@@ -90,7 +90,7 @@ TEST_F(Random, NumbersOutOfRangeAndNullLeaveTheBufferAndTheGeneratorAlone)
     EXPECT_EQ(g_calls, 0);
 }
 
-TEST_F(Random, GeneratorIsAskedForNoDigitsToo)
+TEST_F(Random, GeneratorIsAskedEvenForZeroDigits)
 {
     Buffer buffer;
     EXPECT_EQ(bv_os_random(buffer, 0), 1u);

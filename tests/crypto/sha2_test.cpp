@@ -168,8 +168,8 @@ TEST(Sha2, NothingIsReadOrWrittenBeyondTheEnd)
     for (size_t length = 0; length <= 200; length++) {
         const std::string text = random.bytes(length);
         Guarded in(text), out(28);
-        sha2(in.bytes(), static_cast<uint32_t>(length), out.bytes(), 1);
-        EXPECT_EQ(to_hex(out.bytes(), 28), Hash(true).expected(text)) << length;
+        sha2(in.u8(), static_cast<uint32_t>(length), out.u8(), 1);
+        EXPECT_EQ(to_hex(out.u8(), 28), Hash(true).expected(text)) << length;
     }
     uint8_t out[32];
     memset(out, 0xee, sizeof(out));

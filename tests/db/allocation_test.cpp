@@ -3,7 +3,7 @@
 
 #include "db/database.h"
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/faults.h"
 #include "support/sanitized.h"
 

@@ -2,7 +2,7 @@
 
 #include "db/database.h"
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/process.h"
 
 #include <memory>

@@ -57,7 +57,7 @@ public:
     Names texts_of(const Bytes &image)
     {
         Guarded memory(std::string(image.begin(), image.end()));
-        EXPECT_EQ(bv_db_user_fill_frommem(memory.bytes(), family_->para_count, table_.data()), 0);
+        EXPECT_EQ(bv_db_user_fill_frommem(memory.u8(), family_->para_count, table_.data()), 0);
         return texts();
     }
 
@@ -220,7 +220,7 @@ TEST(DbConvert, StringWithoutRoomStoresNothing)
 }
 
 // An image's allocation is its size rounded up to 32; only its bytes from `at` on are stored.
-TEST(DbConvert, StoresKeepToTheAllocationByteByByte)
+TEST(DbConvert, StoresStayWithinTheAllocationToTheByte)
 {
     const struct {
         const char *what;

@@ -136,7 +136,7 @@ TEST_F(DbFileWriting, FamiliesAreInRegistrationOrderWhateverTheyHold)
     EXPECT_EQ(written(), golden("families.json"));
 }
 
-TEST_F(DbFileWriting, RegistrationOrderCountsNotTheOrderOfCreation)
+TEST_F(DbFileWriting, FamiliesFollowTheOrderOfRegistrationNotOfCreation)
 {
     for (const char *name : {"b", "a", "d", "c"})
         bv_db_hash_add(name);

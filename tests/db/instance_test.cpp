@@ -269,7 +269,7 @@ TEST_F(DbInstances, ImageIsAllocatedInStepsOf32ZeroedBytes)
     EXPECT_EQ(Bytes(image + 4, image + 32), Bytes(28));
 }
 
-TEST_F(DbInstances, FirstOfANumberIsFoundAndWalksContinueAfterIt)
+TEST_F(DbInstances, FirstOfSeveralWithOneNumberIsFoundAndWalksContinueAfterIt)
 {
     add_again(1, 10);
     add_again(1, 11);

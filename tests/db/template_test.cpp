@@ -2,7 +2,7 @@
 
 #include "db/database.h"
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 
 #include <bv/os.h>
 
@@ -109,7 +109,7 @@ TEST_F(DbTemplate, IsFoundByPathInTheCurrentDirectoryOrAnywhereUnderTheTemplates
     EXPECT_EQ(family->image_size, 1);
 }
 
-TEST_F(DbTemplate, OneThatIsNotFoundExactlyOnceLeavesTheFamilyEmpty)
+TEST_F(DbTemplate, MissingOrAmbiguousTemplateLeavesTheFamilyEmpty)
 {
     EXPECT_EQ(read_named("t.json"), -1);
     EXPECT_EQ(read_named(std::string(300, 'n')), -1) << "too long for the command";

@@ -3,10 +3,11 @@
 #include <bv/debug.h>
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/dirty_heap.h"
 #include "support/hex.h"
 #include "support/libc.h"
+#include "support/loopback.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>
@@ -36,15 +37,6 @@ bool g_watch; // otherwise calls just go through
 using Bytes = std::string;
 using Datagrams = std::vector<Bytes>;
 
-sockaddr_in loopback(uint16_t port = 0)
-{
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
 // A collector on loopback.
 class Collector {
 public:
@@ -56,9 +48,9 @@ public:
         timeval lost = {10, 0}; // a test that lost a datagram fails, it does not hang
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &lost, sizeof lost);
         sockaddr_in address = loopback();
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(bind(fd_, generic(address), sizeof address), 0);
         socklen_t length = sizeof address;
-        getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length);
+        getsockname(fd_, generic(address), &length);
         port_ = ntohs(address.sin_port);
     }
     ~Collector()
@@ -74,8 +66,8 @@ public:
     Datagrams datagrams()
     {
         const Bytes end = "that was all";
-        const sockaddr_in address = loopback(port_);
-        connect(sender_, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        sockaddr_in address = loopback(port_);
+        connect(sender_, generic(address), sizeof address);
         EXPECT_EQ(send(sender_, end.data(), end.size(), 0), static_cast<ssize_t>(end.size()));
 
         Datagrams all;
@@ -95,11 +87,6 @@ private:
     int fd_;
     uint16_t port_;
 };
-
-Bytes hex(const std::string &digits)
-{
-    return from_hex(digits);
-}
 
 int32_t send_message(const bv_debug_header &header = {}, const Bytes &text = "x")
 {
@@ -150,7 +137,7 @@ TEST(DebugDestination, IsTheDefaultAfterInit)
     bv_debug_cfg expected = {0xC0A80A0A, 5344, 7364}; // the machine's own order throughout
     EXPECT_EQ(memcmp(record, &expected, 8), 0);
     if (htonl(1) != 1) {
-        EXPECT_EQ(Bytes(reinterpret_cast<char *>(record), 8), hex("0A 0A A8 C0 E0 14 C4 1C"));
+        EXPECT_EQ(Bytes(reinterpret_cast<char *>(record), 8), from_hex("0A 0A A8 C0 E0 14 C4 1C"));
     }
 }
 
@@ -291,12 +278,14 @@ TEST_F(Channel, MessageIsItsHeaderAndUpTo255CharactersOfText)
         const char *format;
         Bytes argument, datagram;
     } rows[] = {
-        {"a text", "a%s", "bc", hex("05 03 00 02 00 0D 12 34 00 07 61 62 63")},
-        {"255 characters", "%s", longest, hex("05 03 00 02 01 09 12 34 01 03") + longest},
-        {"256 are none", "%s", longest + 't', hex("05 03 00 02 00 0A 12 34 00 04")},
-        {"nor are 5000", "%s", Bytes(5000, 't'), hex("05 03 00 02 00 0A 12 34 00 04")},
-        {"refused directive", "ab%m", "", hex("05 03 00 02 00 0A 12 34 00 04")},
-        {"no format", nullptr, "", hex("05 03 00 02 00 0A 12 34 00 04")},
+        {"a text", "a%s", "bc", from_hex("05 03 00 02 00 0D 12 34 00 07 61 62 63")},
+        {"255 characters", "%s", longest, from_hex("05 03 00 02 01 09 12 34 01 03") + longest},
+        {"256 characters: none are sent", "%s", longest + 't',
+         from_hex("05 03 00 02 00 0A 12 34 00 04")},
+        {"5000 characters: none either", "%s", Bytes(5000, 't'),
+         from_hex("05 03 00 02 00 0A 12 34 00 04")},
+        {"refused directive", "ab%m", "", from_hex("05 03 00 02 00 0A 12 34 00 04")},
+        {"no format", nullptr, "", from_hex("05 03 00 02 00 0A 12 34 00 04")},
     };
     on(2, 3);
     for (const auto &row : rows) {
@@ -306,7 +295,7 @@ TEST_F(Channel, MessageIsItsHeaderAndUpTo255CharactersOfText)
         EXPECT_EQ(collector_.datagrams(), Datagrams{row.datagram});
     }
     bv_debug_remote(0x1f, 7, 2, 3, "ab%cd", 0);
-    EXPECT_EQ(collector_.datagrams(), Datagrams{hex("1F 03 00 02 00 0C 00 07 00 06 61 62")})
+    EXPECT_EQ(collector_.datagrams(), Datagrams{from_hex("1F 03 00 02 00 0C 00 07 00 06 61 62")})
         << "a text ends at its first zero byte";
 }
 
@@ -352,7 +341,7 @@ TEST_F(Channel, MessageThatIsOffIsNeitherFormattedNorAllocated)
     EXPECT_FALSE(next.happened());
 }
 
-TEST_F(Channel, OutOfRangeNumbersDoNotReachOutOfTheTable)
+TEST_F(Channel, NumbersBeyondTheTableSendNothing)
 {
     bv_debug_remote(0, 0, 65535, 255, "x");
     bv_debug_remote(0, 0, 10, 0, "x");
@@ -369,11 +358,12 @@ TEST_F(Channel, SendmsgSendsTheBytesAsTheyAreWhateverTheSwitches)
     header.category = 0xff;
     header.tag = 0x5678;
     EXPECT_EQ(bv_debug_sendmsg(&header, "a\0b", 3), 13);
-    EXPECT_EQ(collector_.datagrams(), Datagrams{hex("1F AB 12 34 00 0D 56 78 00 07 61 00 62")});
+    EXPECT_EQ(collector_.datagrams(),
+              Datagrams{from_hex("1F AB 12 34 00 0D 56 78 00 07 61 00 62")});
     EXPECT_EQ(bv_debug_sendmsg(&header, nullptr, 0), 10);
-    EXPECT_EQ(collector_.datagrams(), Datagrams{hex("1F AB 12 34 00 0A 56 78 00 04")});
+    EXPECT_EQ(collector_.datagrams(), Datagrams{from_hex("1F AB 12 34 00 0A 56 78 00 04")});
     EXPECT_EQ(bv_debug_sendmsg(&header, nullptr, 2), 12);
-    EXPECT_EQ(collector_.datagrams(), Datagrams{hex("1F AB 12 34 00 0C 56 78 00 06 00 00")});
+    EXPECT_EQ(collector_.datagrams(), Datagrams{from_hex("1F AB 12 34 00 0C 56 78 00 06 00 00")});
 }
 
 TEST_F(Channel, MessagesMayBeAsLongAsADatagram)
@@ -396,8 +386,8 @@ TEST_F(Channel, LengthsWrapAt65536AndTheDatagramWithThem)
     EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), 65526), 0);
     EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), 65532), 6);
     EXPECT_EQ(bv_debug_sendmsg(&header, text.data(), 65535), 9);
-    EXPECT_EQ(collector_.datagrams(),
-              (Datagrams{"", hex("00 00 00 00 00 06"), hex("00 00 00 00 00 09 00 00 00")}));
+    EXPECT_EQ(collector_.datagrams(), (Datagrams{"", from_hex("00 00 00 00 00 06"),
+                                                 from_hex("00 00 00 00 00 09 00 00 00")}));
 }
 
 TEST_F(Channel, BlockIsClearedWholeAndHasAtLeast2048Bytes)

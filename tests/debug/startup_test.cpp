@@ -5,7 +5,7 @@
 #include <bv/notifier.h>
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/child.h"
 #include "support/libc.h"
 #include "support/process.h"
@@ -77,7 +77,7 @@ TEST(StartUp, BringsUpEveryFacilityAndPrintsNothing)
     EXPECT_TRUE(g_database_was_up);
 }
 
-TEST(StartUp, FailureOfOneIsTheResultDoesNotStopTheOthersAndMayBeRepeated)
+TEST(StartUp, FailureOfOneIsReturnedAndStopsNeitherTheOthersNorTheNextStart)
 {
     EXPECT_EQ(start_without_database_table(), BV_ERR_MEMORY);
     EXPECT_EQ(bv_debug_get_switch(3, 5), 0);

@@ -3,7 +3,7 @@
 #include <bv/debug.h>
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/dirty_heap.h"
 #include "support/faults.h"
 
@@ -93,7 +93,7 @@ TEST(DebugSwitches, RecordsReadAndStoreThemToo)
     EXPECT_EQ(bv_debug_get_cfg_switch(nullptr), 0);
 }
 
-TEST(DebugSwitches, NumbersAddUpToAPlaceInTheTable)
+TEST(DebugSwitches, ModuleTimesEightPlusLevelIsThePlaceInTheTable)
 {
     ASSERT_EQ(bv_debug_init(), 0);
     bv_debug_set_switch(1, 10, 5); // 1 * 8 + 10 is also 2 * 8 + 2

@@ -149,13 +149,8 @@ void clear_only(std::vector<uint8_t> &bits, int fd)
 
 // ---- the libc calls that the library makes on the devices ----
 
-// Where time_t is wider than a long, glibc has another name for it.
-#if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && !defined(__LP64__)
-#define BV_IOCTL "__ioctl_time64"
-#else
-#define BV_IOCTL "ioctl"
-#endif
-BV_INTERPOSE(ioctl, BV_IOCTL, int, (int fd, unsigned long request, void *argument))
+BV_INTERPOSE(ioctl, BV_TIMED("ioctl", "ioctl", "__ioctl_time64"), int,
+             (int fd, unsigned long request, void *argument))
 {
     const int partition = partition_of(fd);
     if (partition >= 0 && request == MEMGETINFO)

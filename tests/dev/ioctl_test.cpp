@@ -5,7 +5,7 @@
 #include <bv/ioctl.h>
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/dirty_heap.h"
 #include "support/faults.h"
 #include "support/process.h"

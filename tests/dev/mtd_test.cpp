@@ -5,7 +5,7 @@
 #include <bv/mtd.h>
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>

@@ -8,6 +8,7 @@
 #include "support/bus.h"
 #include "support/faults.h"
 #include "support/files.h"
+#include "support/loopback.h"
 
 #include <bv/bv.h>
 
@@ -48,7 +49,8 @@ BV_INTERPOSE(bind, "bind", int, (int fd, const sockaddr *address, socklen_t leng
     return fd == g_library_fd ? 0 : BV_NEXT(bind)(fd, address, length);
 }
 
-BV_INTERPOSE(sendmsg, "sendmsg", ssize_t, (int fd, const msghdr *message, int flags))
+BV_INTERPOSE(sendmsg, BV_TIMED("sendmsg", "sendmsg", "__sendmsg64"), ssize_t,
+             (int fd, const msghdr *message, int flags))
 {
     if (fd != g_library_fd)
         return BV_NEXT(sendmsg)(fd, message, flags);
@@ -106,12 +108,10 @@ TEST_F(DatabaseFormats, DataFileOfThePageGivesItsImage)
 TEST(DebugFormat, MessageIsTheDatagramOfThePage)
 {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback();
     socklen_t length = sizeof(address);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), length), 0);
-    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    ASSERT_EQ(bind(fd, generic(address), length), 0);
+    ASSERT_EQ(getsockname(fd, generic(address), &length), 0);
 
     bv_debug_init();
     bv_debug_cfg collector = {address.sin_addr.s_addr, ntohs(address.sin_port), 0};

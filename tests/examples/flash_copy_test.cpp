@@ -1,7 +1,7 @@
 // The example that copies a file to flash.
 
 #include "dev/devices.h"
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>

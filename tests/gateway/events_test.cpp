@@ -2,7 +2,7 @@
 // run in this order: the library's receive thread never ends.
 
 #include "gateway/modules.h"
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/events.h"
 #include "support/process.h"
 

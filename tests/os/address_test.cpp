@@ -93,22 +93,12 @@ TEST(MacNtop, CapacityOutOfRangeLeavesTheBufferAlone)
     EXPECT_STREQ(out, "01:02:03:04:05:06");
 }
 
-TEST(InetPton, ConvertsDottedAddressesOnly)
+TEST(InetPton, TextThatIsNotADottedAddressLeavesTheOldOneWhole)
 {
-    unsigned char out[4] = {9, 9, 9, 9};
+    unsigned char out[4];
     EXPECT_EQ(bv_os_inet_pton("192.168.1.254", out), 1);
-    EXPECT_EQ(memcmp(out, "\xc0\xa8\x01\xfe", 4), 0);
-    EXPECT_EQ(bv_os_inet_pton("192.168.1", out), 0);
-    EXPECT_EQ(bv_os_inet_pton("192.168.1.256", out), 0);
-    EXPECT_EQ(bv_os_inet_pton("::1", out), 0);
-    EXPECT_EQ(bv_os_inet_pton("", out), 0);
-}
-
-TEST(InetPton, TextThatIsNotAnAddressLeavesTheOldOneWhole)
-{
     for (const char *text :
-         {"10", "10.", "10.1.2", "10.1.2.", "10.1.2.256", "10.1.2.3x", "10.1.2.3."}) {
-        unsigned char out[4] = {192, 168, 1, 254};
+         {"", "::1", "10", "10.", "10.1.2", "10.1.2.", "10.1.2.256", "10.1.2.3x", "10.1.2.3."}) {
         EXPECT_EQ(bv_os_inet_pton(text, out), 0) << text;
         EXPECT_EQ(memcmp(out, "\xc0\xa8\x01\xfe", 4), 0) << text;
     }

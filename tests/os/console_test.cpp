@@ -1,6 +1,6 @@
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/faults.h"
 #include "support/sanitized.h"
 

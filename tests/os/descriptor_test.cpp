@@ -23,7 +23,7 @@ bool is_marked(int fd)
 
 } // namespace
 
-TEST(Descriptor, StaysWhereItIsAboveStandardError)
+TEST(Descriptor, KeepsItsNumberAboveStandardError)
 {
     const int fd = open_null();
     ASSERT_GT(fd, STDERR_FILENO);
@@ -33,7 +33,7 @@ TEST(Descriptor, StaysWhereItIsAboveStandardError)
     close(fd);
 }
 
-TEST(Descriptor, LeavesThePlacesOfTheStandardStreams)
+TEST(Descriptor, AvoidsTheNumbersOfTheStandardStreams)
 {
     WithoutStdin closed;
     const int low = open_null();
@@ -45,7 +45,7 @@ TEST(Descriptor, LeavesThePlacesOfTheStandardStreams)
     close(fd);
 }
 
-TEST(Descriptor, IsGivenUpWhereOnlyThoseAreFree)
+TEST(Descriptor, IsNotOpenedWhereOnlyThoseAreFree)
 {
     WithoutStdin closed;
     const int low = open_null();

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
@@ -88,9 +87,7 @@ TEST(Files, LseekKeepsTheSignOfANegativeOffset)
     EXPECT_EQ(byte, '9');
     EXPECT_EQ(bv_os_lseek(fd, -4, SEEK_CUR), 6);
     EXPECT_EQ(bv_os_lseek(fd, 3, SEEK_SET), 3);
-    errno = 0;
     EXPECT_EQ(bv_os_lseek(fd, -1, SEEK_SET), -1);
-    EXPECT_EQ(errno, EINVAL);
     close(fd);
 }
 

@@ -1,5 +1,6 @@
 #include <bv/os.h>
 
+#include "support/child.h"
 #include "support/files.h"
 #include "support/libc.h"
 
@@ -7,9 +8,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -37,7 +38,7 @@ TEST(Record, AppendsWithoutNewlinesAndCounts)
     EXPECT_EQ(read_file(kRecord), "a=1\nend");
 }
 
-TEST(Record, IsNotBoundByTheShellsLine)
+TEST(Record, IsNotLimitedToTheLengthOfAShellLine)
 {
     std::string text(5000, 'x');
     EXPECT_EQ(bv_os_record("%s", text.c_str()), 5000);
@@ -87,20 +88,20 @@ TEST(Record, RecordsOfSeveralProcessesStayWhole)
     const size_t kLength = 900;
     int gate[2];
     ASSERT_EQ(pipe(gate), 0);
-    for (int writer = 0; writer < kWriters; ++writer) {
-        if (fork() != 0)
-            continue;
-        const std::string text(kLength, static_cast<char>('a' + writer));
-        close(gate[1]);
-        char none;
-        bool open = read(gate[0], &none, 1) == 0;
-        for (int i = 0; open && i < kEach; ++i)
-            bv_os_record("%s %d\n", text.c_str(), i);
-        _exit(0);
-    }
+    std::vector<std::unique_ptr<Child>> writers;
+    for (int writer = 0; writer < kWriters; ++writer)
+        writers.push_back(std::make_unique<Child>([&] {
+            const std::string text(kLength, static_cast<char>('a' + writer));
+            close(gate[1]);
+            char none;
+            const bool open = read(gate[0], &none, 1) == 0;
+            for (int i = 0; open && i < kEach; ++i)
+                bv_os_record("%s %d\n", text.c_str(), i);
+            return 0;
+        }));
     close(gate[1]);
-    while (wait(nullptr) > 0) {
-    }
+    for (const auto &writer : writers)
+        EXPECT_EQ(writer->wait(), 0);
 
     std::istringstream lines(read_file(kRecord));
     int next[kWriters] = {};
@@ -141,7 +142,7 @@ TEST(RecordOutput, WithoutATerminalNameTheShellComplains)
     EXPECT_EQ(read_file(kRecord), "line");
 }
 
-// Leaves something else than zeros on the stack, where the next function has its variables.
+// Leaves something other than zeros on the stack, where the next function has its variables.
 static __attribute__((noinline)) void dirty_stack()
 {
     char area[4096];

@@ -1,6 +1,6 @@
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/files.h"
 #include "support/libc.h"
 #include "support/process.h"
@@ -105,7 +105,7 @@ TEST_F(Shell, SystemRunsTheCommandItselfAndReturnsItsWaitStatus)
     EXPECT_EQ(g_lines, std::vector<std::string>{"echo hello 7; exit 3"});
 }
 
-TEST_F(Shell, SystemnullThrowsOutputAndErrorsAway)
+TEST_F(Shell, SystemnullDiscardsOutputAndErrors)
 {
     CaptureBoth output;
     int status = bv_os_systemnull("cat /etc/passwd /nowhere/%s", "x");
@@ -224,7 +224,7 @@ TEST_F(Shell, SysprocessRunsSuEvenForACommandThatDoesNotFit)
     setenv("PATH", path.c_str(), 1);
 }
 
-TEST_F(Shell, OnlyTheLastOfSeveralCommandsIsThrownAwayOrLeftToRun)
+TEST_F(Shell, OnlyTheLastOfSeveralCommandsIsSilencedOrRunsInTheBackground)
 {
     CaptureStdout output;
     EXPECT_EQ(bv_os_systemnull("echo first; echo last"), 0);

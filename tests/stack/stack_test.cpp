@@ -20,7 +20,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
@@ -122,13 +121,6 @@ struct Report {
     size_t depths[2]; // the first call's, and the second's, when all is loaded and set up
 };
 
-Report *shared_report()
-{
-    static Report *report = static_cast<Report *>(
-        mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    return report;
-}
-
 void run_twice(const Case &c, Report &report)
 {
     const int nowhere = open("/dev/null", O_WRONLY);
@@ -146,7 +138,7 @@ void run_twice(const Case &c, Report &report)
 
 bool run(const Case &c, Report &result)
 {
-    Report &report = *shared_report();
+    static Report &report = *share_with_children<Report>();
     report = Report{};
     fflush(nullptr);
     const int status = run_in_child(

@@ -3,8 +3,10 @@
 #ifndef BV_TESTS_SUPPORT_CHILD_H
 #define BV_TESTS_SUPPORT_CHILD_H
 
+#include <cstdlib>
 #include <functional>
 #include <string>
+#include <sys/mman.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -26,6 +28,17 @@ public:
 private:
     pid_t pid_;
 };
+
+// Zeroed memory that this process shares with the children it starts from now on.
+template <typename T>
+T *share_with_children()
+{
+    void *memory =
+        mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        abort();
+    return static_cast<T *>(memory);
+}
 
 using Service = Child; // a process that serves others
 

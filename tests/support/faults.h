@@ -49,16 +49,17 @@ BV_UNINSTRUMENTED Function *next_function(Function *&known, const char *name)
 #define BV_NEXT(name) next_function(g_next_##name, kSymbol_##name)
 #define BV_CALLER __builtin_return_address(0)
 
-// The symbols of functions with 64-bit offsets (glibc) and 64-bit times (musl) on 32-bit machines.
-#if defined(__GLIBC__) && !defined(__LP64__)
+// The symbols on 32-bit machines: of functions with 64-bit offsets, and of those with 64-bit times,
+// which each C library names in its own way.
+#if defined(__LP64__)
+#define BV_LARGE(name) name
+#define BV_TIMED(name, musl, glibc) name
+#elif defined(__GLIBC__)
 #define BV_LARGE(name) name "64"
+#define BV_TIMED(name, musl, glibc) glibc
 #else
 #define BV_LARGE(name) name
-#endif
-#if !defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
-#define BV_TIMED(name, longer) longer
-#else
-#define BV_TIMED(name, longer) name
+#define BV_TIMED(name, musl, glibc) musl
 #endif
 
 // Decides about the calls of one function and counts them: those of all threads, the test's own
@@ -119,6 +120,8 @@ bool called_by_ours(const void *caller);
 
 // ---- the heap ----
 
+extern FaultPoint fault_malloc, fault_calloc, fault_realloc;
+
 // While it lives, the nth malloc() from now on (1 is the next) made by this thread returns null.
 class FailAllocation {
 public:
@@ -145,12 +148,12 @@ public:
 // While it lives, every realloc() returns null, in all threads: nothing can grow.
 class FailReallocations {
 public:
-    FailReallocations();
-    ~FailReallocations();
+    FailReallocations() { fault_realloc.fail_always(); }
+    ~FailReallocations() { fault_realloc.pass(); }
     FailReallocations(const FailReallocations &) = delete;
     FailReallocations &operator=(const FailReallocations &) = delete;
 
-    unsigned happened() const; // how many were refused
+    int happened() const { return fault_realloc.failures(); } // how many were refused
 };
 
 // Notes the blocks that this thread takes from now until stop(), and who gives them back later,
@@ -180,7 +183,5 @@ extern void (*g_heap_hook)(const void *freed);
 // not given back yet.
 void watch_our_blocks();
 int our_blocks();
-
-extern FaultPoint fault_malloc, fault_calloc, fault_realloc; // INTERPOSES heap
 
 #endif

@@ -1,7 +1,9 @@
-// Memory that ends where a page without access begins: reading or writing past it is fatal.
+// Memory between two unmapped pages, ending exactly where the second begins: one byte read or
+// written too far kills the test.
 #ifndef BV_TESTS_SUPPORT_GUARDED_H
 #define BV_TESTS_SUPPORT_GUARDED_H
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -11,31 +13,58 @@
 
 class Guarded {
 public:
-    explicit Guarded(size_t size) : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE)))
+    explicit Guarded(size_t size, char fill = '\xee') : size_(size)
     {
-        span_ = (size + page_ - 1) / page_ * page_ + page_;
-        base_ = mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (base_ == MAP_FAILED || mprotect(end(), page_, PROT_NONE) != 0)
+        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        pages_ = (size + page_ - 1) / page_;
+        void *map =
+            mmap(nullptr, (pages_ + 2) * page_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (map == MAP_FAILED)
             abort();
-        data_ = end() - size;
+        map_ = static_cast<char *>(map);
+        protect(PROT_READ | PROT_WRITE);
+        memset(data(), fill, size);
     }
-    explicit Guarded(const std::string &bytes) : Guarded(bytes.size())
+
+    Guarded(const void *bytes, size_t size) : Guarded(size)
     {
-        memcpy(data_, bytes.data(), bytes.size());
+        if (size != 0)
+            memcpy(data(), bytes, size);
     }
-    ~Guarded() { munmap(base_, span_); }
+
+    // The bytes of text, without its NUL.
+    explicit Guarded(const std::string &text) : Guarded(text.data(), text.size()) {}
+
+    ~Guarded() { munmap(map_, (pages_ + 2) * page_); }
     Guarded(const Guarded &) = delete;
     Guarded &operator=(const Guarded &) = delete;
 
-    char *text() { return data_; }
-    uint8_t *bytes() { return reinterpret_cast<uint8_t *>(data_); }
+    // The last size bytes before the unmapped page.
+    char *data() const { return map_ + (pages_ + 1) * page_ - size_; }
+    uint8_t *u8() const { return reinterpret_cast<uint8_t *>(data()); }
+    size_t size() const { return size_; }
+    std::string bytes() const { return std::string(data(), size_); }
+
+    void make_read_only() { protect(PROT_READ); }
 
 private:
-    char *end() { return static_cast<char *>(base_) + span_ - page_; }
+    void protect(int mode)
+    {
+        if (pages_ != 0 && mprotect(map_ + page_, pages_ * page_, mode) != 0)
+            abort();
+    }
 
-    size_t page_, span_;
-    void *base_;
-    char *data_;
+    size_t size_;
+    size_t page_;
+    size_t pages_;
+    char *map_;
+};
+
+// A string with its NUL, the NUL being the last byte before the unmapped page.
+class GuardedString : public Guarded {
+public:
+    explicit GuardedString(const std::string &text) : Guarded(text + '\0') {}
+    const char *c_str() const { return data(); }
 };
 
 #endif

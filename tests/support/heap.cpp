@@ -27,8 +27,6 @@ thread_local unsigned t_countdown; // 0: nothing is to fail
 thread_local bool t_happened;
 size_t g_failing_size; // 0: none
 unsigned g_size_happened;
-bool g_reallocs_fail;
-unsigned g_reallocs_happened;
 
 BV_UNINSTRUMENTED bool is_refused(size_t size)
 {
@@ -39,14 +37,6 @@ BV_UNINSTRUMENTED bool is_refused(size_t size)
     if (size == 0 || size != __atomic_load_n(&g_failing_size, __ATOMIC_SEQ_CST))
         return false;
     __atomic_fetch_add(&g_size_happened, 1, __ATOMIC_SEQ_CST);
-    return true;
-}
-
-BV_UNINSTRUMENTED bool realloc_is_refused()
-{
-    if (!__atomic_load_n(&g_reallocs_fail, __ATOMIC_SEQ_CST))
-        return false;
-    __atomic_fetch_add(&g_reallocs_happened, 1, __ATOMIC_SEQ_CST);
     return true;
 }
 
@@ -140,10 +130,8 @@ BV_INTERPOSE(malloc, "malloc", void *, (size_t size))
 
 BV_INTERPOSE(realloc, "realloc", void *, (void *old, size_t size))
 {
-    if (fault_realloc.fails(BV_CALLER) || realloc_is_refused()) {
-        errno = ENOMEM;
+    if (fault_realloc.fails(BV_CALLER))
         return nullptr;
-    }
     if (watch() != kOurs)
         return BV_NEXT(realloc)(old, size);
     note_given_back(old);
@@ -202,22 +190,6 @@ FailAllocationsOfSize::~FailAllocationsOfSize()
 unsigned FailAllocationsOfSize::happened() const
 {
     return __atomic_load_n(&g_size_happened, __ATOMIC_SEQ_CST);
-}
-
-FailReallocations::FailReallocations()
-{
-    __atomic_store_n(&g_reallocs_happened, 0, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&g_reallocs_fail, true, __ATOMIC_SEQ_CST);
-}
-
-FailReallocations::~FailReallocations()
-{
-    __atomic_store_n(&g_reallocs_fail, false, __ATOMIC_SEQ_CST);
-}
-
-unsigned FailReallocations::happened() const
-{
-    return __atomic_load_n(&g_reallocs_happened, __ATOMIC_SEQ_CST);
 }
 
 HeapWatch::HeapWatch(unsigned refused)

@@ -87,7 +87,8 @@ BV_INTERPOSE(socket, "socket", int, (int domain, int type, int protocol))
     return fd;
 }
 
-BV_INTERPOSE(ioctl, "ioctl", int, (int fd, unsigned long request, void *argument))
+BV_INTERPOSE(ioctl, BV_TIMED("ioctl", "ioctl", "__ioctl_time64"), int,
+             (int fd, unsigned long request, void *argument))
 {
     if (fault_ioctl.fails(BV_CALLER))
         return -1;
@@ -96,17 +97,20 @@ BV_INTERPOSE(ioctl, "ioctl", int, (int fd, unsigned long request, void *argument
     return answer != kNotAnswered ? answer : BV_NEXT(ioctl)(fd, request, argument);
 }
 
-BV_INTERPOSE(fcntl, BV_LARGE("fcntl"), int, (int fd, int command, void *argument))
+BV_INTERPOSE(fcntl, BV_TIMED("fcntl", "fcntl", "__fcntl_time64"), int,
+             (int fd, int command, void *argument))
 {
     return fault_fcntl.fails(BV_CALLER) ? -1 : BV_NEXT(fcntl)(fd, command, argument);
 }
 
-BV_INTERPOSE(semctl, "semctl", int, (int id, int n, int command, void *argument))
+BV_INTERPOSE(semctl, BV_TIMED("semctl", "semctl", "__semctl64"), int,
+             (int id, int n, int command, void *argument))
 {
     return fault_semctl.fails(BV_CALLER) ? -1 : BV_NEXT(semctl)(id, n, command, argument);
 }
 
-BV_INTERPOSE(shmctl, "shmctl", int, (int id, int command, shmid_ds *to))
+BV_INTERPOSE(shmctl, BV_TIMED("shmctl", "shmctl", "__shmctl64"), int,
+             (int id, int command, shmid_ds *to))
 {
     return fault_shmctl.fails(BV_CALLER) ? -1 : BV_NEXT(shmctl)(id, command, to);
 }

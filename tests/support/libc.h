@@ -43,8 +43,8 @@ extern LastSocket g_last_socket;
     FAULT(lseek, BV_LARGE("lseek"), off_t, (int fd, off_t at, int whence), (fd, at, whence), -1, EINVAL) \
     FAULT(flock, "flock", int, (int fd, int operation), (fd, operation), -1, EINTR) \
     FAULT(access, "access", int, (const char *path, int mode), (path, mode), -1, EACCES) \
-    FAULT(stat, BV_TIMED(BV_LARGE("stat"), "__stat_time64"), int, (const char *path, struct stat *to), (path, to), -1, EACCES) \
-    FAULT(fstat, BV_TIMED(BV_LARGE("fstat"), "__fstat_time64"), int, (int fd, struct stat *to), (fd, to), -1, EIO) \
+    FAULT(stat, BV_TIMED("stat", "__stat_time64", "__stat64_time64"), int, (const char *path, struct stat *to), (path, to), -1, EACCES) \
+    FAULT(fstat, BV_TIMED("fstat", "__fstat_time64", "__fstat64_time64"), int, (int fd, struct stat *to), (fd, to), -1, EIO) \
     FAULT(remove, "remove", int, (const char *path), (path), -1, EACCES) \
     FAULT(rename, "rename", int, (const char *from, const char *to), (from, to), -1, EACCES) \
     FAULT(mkfifo, "mkfifo", int, (const char *path, mode_t mode), (path, mode), -1, ENOSPC) \
@@ -70,12 +70,12 @@ extern LastSocket g_last_socket;
     FAULT(shutdown, "shutdown", int, (int fd, int how), (fd, how), -1, ENOTCONN) \
     FAULT(send, "send", ssize_t, (int fd, const void *from, size_t n, int flags), (fd, from, n, flags), -1, EPIPE) \
     FAULT(sendto, "sendto", ssize_t, (int fd, const void *from, size_t n, int flags, const sockaddr *to, socklen_t size), (fd, from, n, flags, to, size), -1, ENETUNREACH) \
-    FAULT(sendmsg, "sendmsg", ssize_t, (int fd, const msghdr *message, int flags), (fd, message, flags), -1, EPIPE) \
+    FAULT(sendmsg, BV_TIMED("sendmsg", "sendmsg", "__sendmsg64"), ssize_t, (int fd, const msghdr *message, int flags), (fd, message, flags), -1, EPIPE) \
     FAULT(recvfrom, "recvfrom", ssize_t, (int fd, void *to, size_t n, int flags, sockaddr *from, socklen_t *size), (fd, to, n, flags, from, size), -1, ECONNREFUSED) \
-    FAULT(recvmsg, "recvmsg", ssize_t, (int fd, msghdr *message, int flags), (fd, message, flags), -1, ENOBUFS) \
-    FAULT(setsockopt, "setsockopt", int, (int fd, int level, int option, const void *value, socklen_t size), (fd, level, option, value, size), -1, ENOPROTOOPT) \
-    FAULT(getsockopt, "getsockopt", int, (int fd, int level, int option, void *value, socklen_t *size), (fd, level, option, value, size), -1, ENOPROTOOPT) \
-    FAULT(select, BV_TIMED("select", "__select_time64"), int, (int n, fd_set *r, fd_set *w, fd_set *e, timeval *timeout), (n, r, w, e, timeout), -1, EINTR) \
+    FAULT(recvmsg, BV_TIMED("recvmsg", "recvmsg", "__recvmsg64"), ssize_t, (int fd, msghdr *message, int flags), (fd, message, flags), -1, ENOBUFS) \
+    FAULT(setsockopt, BV_TIMED("setsockopt", "setsockopt", "__setsockopt64"), int, (int fd, int level, int option, const void *value, socklen_t size), (fd, level, option, value, size), -1, ENOPROTOOPT) \
+    FAULT(getsockopt, BV_TIMED("getsockopt", "getsockopt", "__getsockopt64"), int, (int fd, int level, int option, void *value, socklen_t *size), (fd, level, option, value, size), -1, ENOPROTOOPT) \
+    FAULT(select, BV_TIMED("select", "__select_time64", "__select64"), int, (int n, fd_set *r, fd_set *w, fd_set *e, timeval *timeout), (n, r, w, e, timeout), -1, EINTR) \
     FAULT(poll, "poll", int, (pollfd *fds, nfds_t n, int timeout), (fds, n, timeout), -1, ENOMEM) \
     FAULT(epoll_create, "epoll_create", int, (int size), (size), -1, EMFILE) \
     FAULT(epoll_create1, "epoll_create1", int, (int flags), (flags), -1, EMFILE) \
@@ -105,10 +105,10 @@ extern LastSocket g_last_socket;
     FAULT(sigpending, "sigpending", int, (sigset_t *set), (set), -1, EFAULT) \
     FAULT(sigwait, "sigwait", int, (const sigset_t *set, int *number), (set, number), EINVAL, EINVAL) \
     FAULT(sigwaitinfo, "sigwaitinfo", int, (const sigset_t *set, siginfo_t *info), (set, info), -1, EINTR) \
-    FAULT(sigtimedwait, BV_TIMED("sigtimedwait", "__sigtimedwait_time64"), int, (const sigset_t *set, siginfo_t *info, const timespec *timeout), (set, info, timeout), -1, EAGAIN) \
+    FAULT(sigtimedwait, BV_TIMED("sigtimedwait", "__sigtimedwait_time64", "__sigtimedwait64"), int, (const sigset_t *set, siginfo_t *info, const timespec *timeout), (set, info, timeout), -1, EAGAIN) \
     FAULT(usleep, "usleep", int, (useconds_t usec), (usec), -1, EINTR) \
-    FAULT(setitimer, BV_TIMED("setitimer", "__setitimer_time64"), int, (int which, const itimerval *value, itimerval *old), (which, value, old), -1, EINVAL) \
-    FAULT(timer_settime, BV_TIMED("timer_settime", "__timer_settime64"), int, (timer_t timer, int flags, const itimerspec *value, itimerspec *old), (timer, flags, value, old), -1, EINVAL) \
+    FAULT(setitimer, BV_TIMED("setitimer", "__setitimer_time64", "__setitimer64"), int, (int which, const itimerval *value, itimerval *old), (which, value, old), -1, EINVAL) \
+    FAULT(timer_settime, BV_TIMED("timer_settime", "__timer_settime64", "__timer_settime64"), int, (timer_t timer, int flags, const itimerspec *value, itimerspec *old), (timer, flags, value, old), -1, EINVAL) \
     /* libcrypto, whose objects are opaque here, and json-c */ \
     FAULT(cipher_context, "EVP_CIPHER_CTX_new", void *, (), (), nullptr, ENOMEM) \
     FAULT(cipher_init, "EVP_CipherInit_ex", int, (void *context, const void *type, void *engine, const uint8_t *key, const uint8_t *vector, int encrypt), (context, type, engine, key, vector, encrypt), 0, 0) \

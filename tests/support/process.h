@@ -50,13 +50,6 @@ inline size_t thread_count()
     return list_folder("/proc/self/task").size();
 }
 
-// The address space that this process has, in bytes.
-inline size_t address_space()
-{
-    return strtoul(read_file("/proc/self/statm").c_str(), nullptr, 10) *
-           static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
 // While it lives standard input is closed, as some daemons have it: the next descriptor that is
 // opened is 0, and as good as any other.
 class WithoutStdin {

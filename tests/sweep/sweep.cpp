@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -36,13 +35,6 @@ struct Report {
     int blocks; // in use after cleaning
     int calls[128];
 };
-
-Report *shared_report()
-{
-    static Report *report = static_cast<Report *>(
-        mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    return report;
-}
 
 void run_action(const Case::Action &action)
 {
@@ -88,7 +80,7 @@ void run_case(const Case &c, FaultPoint *fault, int nth, Report &report)
 // Runs a case with one fault, or none, in a process of its own. False when it came to no end.
 bool run(const Case &c, FaultPoint *fault, int nth, Report &result)
 {
-    Report &report = *shared_report();
+    static Report &report = *share_with_children<Report>();
     report = Report{};
     fflush(nullptr);
     const int status = run_in_child(

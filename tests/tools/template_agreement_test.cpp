@@ -1,5 +1,5 @@
 // What bv-template passes, the library takes whole and keeps through a rewrite: tried with random
-// templates, many of them faulty. The seed is fixed: a failure comes again.
+// templates, many of them faulty. The seed is fixed: a failure can be repeated.
 
 #include "tools/tool.h"
 

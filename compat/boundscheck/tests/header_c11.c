@@ -1,4 +1,4 @@
-/* The header stands alone in strict C11, and its names are functions with addresses. */
+/* The header compiles on its own in strict C11, and its names are functions with addresses. */
 #include <securec.h>
 
 _Static_assert(EOK == 0 && EINVAL == 22 && ERANGE == 34, "plain codes");

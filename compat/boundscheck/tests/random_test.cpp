@@ -2,7 +2,7 @@
 // where both promise the same. Garbage formats and inputs must neither touch a byte outside the
 // buffers nor take long.
 
-#include "compat/support/guarded.h"
+#include "support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>

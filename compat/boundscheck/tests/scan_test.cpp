@@ -1,4 +1,4 @@
-#include "compat/support/guarded.h"
+#include "support/guarded.h"
 
 #include <gtest/gtest.h>
 #include <securec.h>

@@ -1,5 +1,7 @@
 #include "vector_file.h"
 
+#include "support/hex.h"
+
 #include <climits>
 #include <cstdlib>
 #include <fstream>
@@ -27,11 +29,6 @@ bool holds_here(const Vector &vector)
            vector.integer("bits") == static_cast<int>(sizeof(long) * CHAR_BIT);
 }
 
-char byte_at(const std::string &hex, size_t at)
-{
-    return static_cast<char>(std::strtoul(hex.substr(at, 2).c_str(), nullptr, 16));
-}
-
 } // namespace
 
 std::vector<Vector> vectors_of(const std::string &function)
@@ -57,7 +54,7 @@ std::optional<std::string> parse_quoted(const std::string &value)
         if (value[i] != '\\') {
             text += value[i];
         } else if (value[++i] == 'x') {
-            text += byte_at(value, i + 1);
+            text += from_hex(value.substr(i + 1, 2));
             i += 2;
         } else {
             text += value[i];
@@ -84,11 +81,7 @@ int Vector::integer(const std::string &key) const
 
 std::string Vector::bytes(const std::string &key) const
 {
-    std::string bytes;
-    std::string hex = text(key);
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes += byte_at(hex, i);
-    return bytes;
+    return text(key) == "-" ? "" : from_hex(text(key));
 }
 
 std::optional<std::string> Vector::quoted(const std::string &key) const

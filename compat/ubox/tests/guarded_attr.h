@@ -3,7 +3,7 @@
 #ifndef COMPAT_UBOX_TESTS_GUARDED_ATTR_H
 #define COMPAT_UBOX_TESTS_GUARDED_ATTR_H
 
-#include "compat/support/guarded.h"
+#include "support/guarded.h"
 
 #include <cstdint>
 #include <vector>
@@ -15,7 +15,7 @@ public:
         make_read_only();
     }
 
-    uint8_t *data() const { return reinterpret_cast<uint8_t *>(Guarded::data()); }
+    uint8_t *data() const { return u8(); }
     struct blob_attr *attr() const { return reinterpret_cast<struct blob_attr *>(data()); }
 };
 

@@ -43,19 +43,19 @@ struct Timer : uloop_timeout {
     ~Timer() { uloop_timeout_cancel(this); }
 };
 
-struct Child : uloop_process {
-    std::function<void(Child &, int)> on;
+struct Process : uloop_process {
+    std::function<void(Process &, int)> on;
 
-    explicit Child(std::function<void(Child &, int)> call = {})
+    explicit Process(std::function<void(Process &, int)> call = {})
         : uloop_process(), on(std::move(call))
     {
         cb = [](uloop_process *p, int status) {
-            Child *self = static_cast<Child *>(p);
+            Process *self = static_cast<Process *>(p);
             if (self->on)
                 self->on(*self, status);
         };
     }
-    ~Child() { uloop_process_delete(this); }
+    ~Process() { uloop_process_delete(this); }
 
     // Starts a child that runs this and ends with its result.
     void start(const std::function<int()> &run)

@@ -1,5 +1,7 @@
 #include "loop_support.h"
 
+#include "support/loopback.h"
+
 #include <cerrno>
 #include <memory>
 #include <netinet/in.h>
@@ -174,32 +176,30 @@ TEST_F(UloopFd, ClosedPipeReaderIsAnErrorWithWrite)
 }
 
 // An address on the loopback interface without a listener.
-sockaddr_in nobody(int type)
+sockaddr_in unused_address(int type)
 {
-    sockaddr_in addr = {};
+    sockaddr_in addr = loopback();
     socklen_t size = sizeof(addr);
     int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
 
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
-    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &size);
+    bind(fd, generic(addr), sizeof(addr));
+    getsockname(fd, generic(addr), &size);
     close(fd);
     return addr;
 }
 
-int connect_to_nobody(int type)
+int connect_to_unused(int type)
 {
-    sockaddr_in addr = nobody(type);
+    sockaddr_in addr = unused_address(type);
     int fd = socket(AF_INET, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 
-    connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
+    connect(fd, generic(addr), sizeof(addr));
     return fd;
 }
 
 TEST_F(UloopFd, RefusedConnectIsAnErrorWithEverything)
 {
-    expect_row([] { return connect_to_nobody(SOCK_STREAM); }, ULOOP_READ | ULOOP_WRITE,
+    expect_row([] { return connect_to_unused(SOCK_STREAM); }, ULOOP_READ | ULOOP_WRITE,
                {ULOOP_READ | ULOOP_WRITE, true, true, false});
 }
 
@@ -207,7 +207,7 @@ TEST_F(UloopFd, UnreachableUdpPeerIsAnErrorWithoutEvents)
 {
     expect_row(
         [] {
-            int fd = connect_to_nobody(SOCK_DGRAM);
+            int fd = connect_to_unused(SOCK_DGRAM);
             send_byte(fd);
             return fd;
         },

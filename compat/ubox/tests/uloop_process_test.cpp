@@ -10,12 +10,12 @@ TEST_F(UloopProcess, CallbackGetsTheRawStatus)
 {
     std::vector<int> statuses;
     Watchdog watchdog;
-    auto note = [&](Child &self, int status) {
+    auto note = [&](Process &self, int status) {
         EXPECT_FALSE(self.pending);
         statuses.push_back(status);
         uloop_end();
     };
-    Child coded(note), killed(note);
+    Process coded(note), killed(note);
 
     coded.start([] { return 7; });
     EXPECT_EQ(uloop_process_add(&coded), 0);
@@ -33,8 +33,8 @@ TEST_F(UloopProcess, AllRecordsOfOneChildAreCalled)
 {
     std::string order;
     Watchdog watchdog;
-    Child first([&](Child &, int) { order += "1"; });
-    Child second([&](Child &, int status) {
+    Process first([&](Process &, int) { order += "1"; });
+    Process second([&](Process &, int status) {
         order += "2";
         EXPECT_EQ(WEXITSTATUS(status), 3);
         uloop_end();
@@ -50,7 +50,7 @@ TEST_F(UloopProcess, AllRecordsOfOneChildAreCalled)
 
 TEST_F(UloopProcess, AddAndDeleteTellWhetherItWasPending)
 {
-    Child child;
+    Process child;
 
     child.pid = 999999; // not a child: it just stays
     EXPECT_EQ(uloop_process_delete(&child), -1);
@@ -77,7 +77,8 @@ void run_until_no_child_is_left()
 
 TEST_F(UloopProcess, UnregisteredChildrenAreReapedToo)
 {
-    Child stray, deleted([](Child &, int) { ADD_FAILURE() << "deleted before its child ended"; });
+    Process stray,
+        deleted([](Process &, int) { ADD_FAILURE() << "deleted before its child ended"; });
 
     stray.start([] { return 0; });
     deleted.start([] {
@@ -94,7 +95,7 @@ TEST_F(UloopProcess, UnregisteredChildrenAreReapedToo)
 
 TEST_F(UloopProcess, NothingIsReapedOutsideARun)
 {
-    Child child;
+    Process child;
 
     child.start([] { return 9; });
     int status = 0;
@@ -119,7 +120,7 @@ TEST_F(UloopProcess, CallbackMayAddItsRecordAgain)
 {
     std::vector<int> codes;
     Watchdog watchdog;
-    Child child([&](Child &self, int status) {
+    Process child([&](Process &self, int status) {
         codes.push_back(WEXITSTATUS(status));
         if (codes.size() == 2) {
             uloop_end();
@@ -138,7 +139,7 @@ TEST_F(UloopProcess, CallbackMayAddItsRecordAgain)
 TEST_F(UloopProcess, CallbackMayAddItsRecordForTheSameChildAgainAndAgain)
 {
     int calls = 0;
-    Child child([&](Child &self, int) {
+    Process child([&](Process &self, int) {
         calls++;
         uloop_process_add(&self);
     });
@@ -153,8 +154,8 @@ TEST_F(UloopProcess, CallbackMayAddItsRecordForTheSameChildAgainAndAgain)
 TEST_F(UloopProcess, CallbackMayDeleteAndFreeTheOthers)
 {
     Watchdog watchdog;
-    Child *second = new Child([](Child &, int) { ADD_FAILURE() << "it was deleted"; });
-    Child first([&](Child &, int) {
+    Process *second = new Process([](Process &, int) { ADD_FAILURE() << "it was deleted"; });
+    Process first([&](Process &, int) {
         EXPECT_EQ(uloop_process_delete(second), 0);
         delete second;
         uloop_end();
@@ -171,11 +172,11 @@ TEST_F(UloopProcess, NestedRunCallsTheOtherRecordsOfTheChild)
 {
     std::string order;
     Watchdog watchdog;
-    Child second([&](Child &, int status) {
+    Process second([&](Process &, int status) {
         order += "2";
         EXPECT_EQ(WEXITSTATUS(status), 6);
     });
-    Child first([&](Child &, int) {
+    Process first([&](Process &, int) {
         order += "1";
         uloop_run_timeout(0);
         order += "e";
@@ -194,7 +195,7 @@ TEST_F(UloopProcess, ChildThatEndedBeforeItWasAddedIsReported)
 {
     int code = -1;
     Watchdog watchdog;
-    Child child([&](Child &, int status) {
+    Process child([&](Process &, int status) {
         code = WEXITSTATUS(status);
         uloop_end();
     });
@@ -211,7 +212,7 @@ TEST_F(UloopProcess, ChildIsNotReportedByTheCallWhoseWaitItEnded)
 {
     bool called = false;
     Stopwatch watch;
-    Child child([&](Child &, int) { called = true; });
+    Process child([&](Process &, int) { called = true; });
 
     child.start([] {
         sleep_ms(50);
@@ -229,10 +230,10 @@ TEST_F(UloopProcess, ManyChildrenAtOnceAreAllReported)
 {
     int left = 40;
     Watchdog watchdog;
-    std::vector<Child> children(40);
+    std::vector<Process> children(40);
 
     for (size_t i = 0; i < children.size(); i++) {
-        children[i].on = [&left, i](Child &, int status) {
+        children[i].on = [&left, i](Process &, int status) {
             EXPECT_EQ(WEXITSTATUS(status), static_cast<int>(i));
             if (--left == 0)
                 uloop_end();
@@ -246,7 +247,7 @@ TEST_F(UloopProcess, ManyChildrenAtOnceAreAllReported)
 
 TEST_F(UloopProcess, RecordWithoutCallbackIsTakenOut)
 {
-    Child child;
+    Process child;
 
     child.cb = nullptr;
     child.start([] { return 0; });
@@ -257,8 +258,8 @@ TEST_F(UloopProcess, RecordWithoutCallbackIsTakenOut)
 
 TEST_F(UloopProcess, DoneInACallbackForgetsTheOtherRecords)
 {
-    Child second([](Child &, int) { ADD_FAILURE() << "it was forgotten"; }), other;
-    Child first([](Child &, int) {
+    Process second([](Process &, int) { ADD_FAILURE() << "it was forgotten"; }), other;
+    Process first([](Process &, int) {
         uloop_end();
         uloop_done();
     });
@@ -266,7 +267,7 @@ TEST_F(UloopProcess, DoneInACallbackForgetsTheOtherRecords)
     first.start([] { return 0; });
     second.pid = first.pid;
     other.pid = 999999;
-    for (Child *child : {&first, &second, &other})
+    for (Process *child : {&first, &second, &other})
         uloop_process_add(child);
     uloop_run();
     EXPECT_FALSE(second.pending);
@@ -278,7 +279,7 @@ TEST(UloopProcessIgnored, CallbacksNeverComeWhileSigchldIsIgnored)
 {
     signal(SIGCHLD, SIG_IGN);
     ASSERT_EQ(uloop_init(), 0);
-    Child child([](Child &, int) { ADD_FAILURE() << "the kernel reaped it"; });
+    Process child([](Process &, int) { ADD_FAILURE() << "the kernel reaped it"; });
 
     child.start([] { return 0; });
     uloop_process_add(&child);

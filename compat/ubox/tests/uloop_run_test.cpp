@@ -275,7 +275,7 @@ TEST(UloopLife, WithoutInitTimersCanBeSetButNothingIsWaitedFor)
 TEST(UloopLife, DoneForgetsTimersAndProcessesWithoutCallingThem)
 {
     Timer timer([](Timer &) { ADD_FAILURE(); });
-    Child child([](Child &, int) { ADD_FAILURE(); });
+    Process child([](Process &, int) { ADD_FAILURE(); });
 
     ASSERT_EQ(uloop_init(), 0);
     child.pid = 999999;
@@ -391,7 +391,7 @@ TEST(UloopFork, ChildClosesTheLoopWithoutDisturbingTheParent)
     });
 
     ASSERT_EQ(uloop_fd_add(&fd, ULOOP_READ), 0);
-    Child child;
+    Process child;
     child.start([&fd] { return child_with_a_loop_of_its_own(fd); });
     int status = -1;
     ASSERT_EQ(waitpid(child.pid, &status, 0), child.pid);
@@ -415,7 +415,7 @@ TEST(UloopFork, SignalToTheChildDoesNotEndTheParent)
     ASSERT_EQ(uloop_init(), 0);
     Watchdog watchdog;
     bool ended = false;
-    Child child([&](Child &, int status) {
+    Process child([&](Process &, int status) {
         EXPECT_EQ(WEXITSTATUS(status), SIGTERM);
         ended = true;
         uloop_end();

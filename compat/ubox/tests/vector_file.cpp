@@ -1,6 +1,7 @@
 #include "vector_file.h"
 
-#include <cstdio>
+#include "support/hex.h"
+
 #include <cstdlib>
 #include <fstream>
 
@@ -100,24 +101,12 @@ std::vector<uint8_t> bytes_of(const std::string &word)
         return std::vector<uint8_t>(count,
                                     static_cast<uint8_t>(strtoul(what.c_str(), nullptr, 16)));
 
-    std::vector<uint8_t> bytes;
-    for (size_t i = 0; word != "-" && i + 1 < word.size(); i += 2)
-        bytes.push_back(static_cast<uint8_t>(strtoul(word.substr(i, 2).c_str(), nullptr, 16)));
-    return bytes;
+    return word == "-" ? std::vector<uint8_t>() : from_hex<std::vector<uint8_t>>(word);
 }
 
 std::string hex_of(const void *data, size_t length)
 {
-    const uint8_t *bytes = static_cast<const uint8_t *>(data);
-    std::string hex;
-
-    for (size_t i = 0; i < length; i++) {
-        char digits[3];
-
-        snprintf(digits, sizeof(digits), "%02x", bytes[i]);
-        hex += digits;
-    }
-    return length ? hex : "-";
+    return length > 0 ? to_hex(data, length) : "-";
 }
 
 std::optional<std::string> string_of(const std::string &word)

@@ -495,7 +495,7 @@ TEST_F(Request, RequestIsNotSentInPartWhenMemoryIsShort)
             object.name = name.c_str();
             EXPECT_EQ(ubus_add_object(ctx, &object), UBUS_STATUS_NO_MEMORY);
         }
-        EXPECT_EQ(failing.happened(), 4u);
+        EXPECT_EQ(failing.happened(), 4);
         uint32_t id = 7;
         EXPECT_EQ(ubus_lookup_id(ctx, std::string(1000, 'n').c_str(), &id), UBUS_STATUS_NO_MEMORY);
         EXPECT_EQ(id, 7u);

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include "support/child.h"
@@ -33,8 +32,7 @@ struct Faults {
     std::atomic<int> accepting;
     std::atomic<int> watching;
 };
-Faults *g_faults = static_cast<Faults *>(
-    mmap(nullptr, sizeof(Faults), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+Faults *g_faults = share_with_children<Faults>();
 
 bool strikes(std::atomic<int> &count)
 {

@@ -1,6 +1,6 @@
 // Standard output as text: what the library prints goes to descriptor 1, whichever thread it is.
-#ifndef BV_TESTS_SUPPORT_CAPTURE_H
-#define BV_TESTS_SUPPORT_CAPTURE_H
+#ifndef BV_TESTS_SUPPORT_CAPTURE_STDOUT_H
+#define BV_TESTS_SUPPORT_CAPTURE_STDOUT_H
 
 #include <cstdio>
 #include <string>

@@ -7,7 +7,7 @@
 #include <bv/mtd.h>
 #include <bv/os.h>
 
-#include "support/capture.h"
+#include "support/capture_stdout.h"
 #include "support/faults.h"
 #include "support/files.h"
 
@@ -68,7 +68,7 @@ BV_INTERPOSE(pclose, "pclose", int, (FILE * stream))
     return BV_NEXT(pclose)(stream);
 }
 
-TEST(Held, CapturesAndPipes)
+TEST(CloseOnExec, IsSetForCapturesAndPipes)
 {
     char out[64];
     expect_held(1, [&] { EXPECT_EQ(bv_os_systemex(out, sizeof out, "echo x"), 0); });
@@ -76,13 +76,13 @@ TEST(Held, CapturesAndPipes)
     expect_held(1, [&] { bv_get_pipe("echo x", out, sizeof out); });
 }
 
-TEST(Held, RecordFile)
+TEST(CloseOnExec, IsSetForTheRecordFile)
 {
     expect_held(1, [] { EXPECT_EQ(bv_os_record("%s", "text"), 4); });
     EXPECT_EQ(read_file("/tmp/remoteprint"), "text");
 }
 
-TEST(Held, FilesOfDigestAndCipher)
+TEST(CloseOnExec, IsSetForFilesOfDigestAndCipher)
 {
     write_file("/scratch/plain", std::string(1000, 'x'));
     char digest[65];
@@ -91,14 +91,14 @@ TEST(Held, FilesOfDigestAndCipher)
     expect_held(2, [] { EXPECT_EQ(bv_aes_file_de("/scratch/cipher", "/scratch/back", kKey), 0); });
 }
 
-TEST(Held, DataFile)
+TEST(CloseOnExec, IsSetForTheDataFile)
 {
     bv_list_head none = {&none, &none};
     expect_held(2, [&] { EXPECT_EQ(bv_db_user_write(&none, "/scratch/new.json"), BV_OK); });
     expect_held(1, [&] { EXPECT_EQ(bv_db_user_write(&none, "/scratch/new.json"), BV_OK); });
 }
 
-TEST(Held, DriverAndFlash)
+TEST(CloseOnExec, IsSetForDriverAndFlash)
 {
     write_file("/dev/brovan", "");
     uint8_t record[264] = "operation";

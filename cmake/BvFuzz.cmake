@@ -10,8 +10,8 @@ get_filename_component(BV_TREE "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 option(BV_FUZZ "Build the fuzz targets with libFuzzer (needs clang)" OFF)
 
 if(BV_FUZZ)
-  # Clang puts its run-times into programs only, so here the libraries' own -z defs cannot hold.
-  # These stand behind everything else on the link line, and the last -z counts.
+  # Clang links its run-times into programs only, so the libraries' own -z defs must not count here.
+  # These come last on the link line, and the last -z wins.
   set(CMAKE_C_STANDARD_LIBRARIES "${CMAKE_C_STANDARD_LIBRARIES} -Wl,-z,undefs")
   set(CMAKE_CXX_STANDARD_LIBRARIES "${CMAKE_CXX_STANDARD_LIBRARIES} -Wl,-z,undefs")
   add_custom_target(fuzzers)

@@ -64,8 +64,8 @@ fuzz: deps ## fuzzes every input from outside, FUZZ_SECONDS (60) for each
 soak: build ## calls, events and commits at full length, SOAK_CALLS (200000) remote calls
 	@tests/soak/run "$(BUILD)"
 
-mutation: build ## breaks the library's FILES, one place at a time, and prints what no test noticed
-	@scripts/mutation "$(BUILD)" $(FILES)
+mutation: deps ## breaks the library's FILES, one place at a time, and prints what no test noticed
+	@scripts/mutation $(FILES)
 
 bench: ## runs the benchmarks beside their peers, counts on the target, writes docs/benchmarks.md
 	@scripts/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \

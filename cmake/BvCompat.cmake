@@ -11,8 +11,8 @@ find_package(Threads REQUIRED)
 
 set(BV_COMPAT_BUILT "")
 
-# bv_is_left_over(RESULT LIBRARY NAME): whether a library is a stand-in that this tree, perhaps in an
-# older state, has installed, and that nobody asks for by CMAKE_PREFIX_PATH.
+# bv_is_left_over(RESULT LIBRARY NAME): whether a library is a stand-in that an earlier install of this
+# tree left, and CMAKE_PREFIX_PATH does not ask for it.
 function(bv_is_left_over result library name)
   set(${result} FALSE PARENT_SCOPE)
   get_filename_component(folder "${library}" DIRECTORY)

@@ -10,9 +10,7 @@ for name in bin sbin lib lib32 lib64 libx32; do
     fi
 done
 
-if [ -n "${BV_ROOT_WRITE:-}" ]; then
-    set -- --bind "$BV_ROOT_WRITE" "$BV_ROOT_WRITE" "$@"
-fi
+[ -z "${BV_ROOT_WRITE:-}" ] || set -- --bind "$BV_ROOT_WRITE" "$BV_ROOT_WRITE" "$@"
 old_ifs=$IFS
 IFS=:
 for dir in ${BV_ROOT_READ:-}; do
@@ -30,7 +28,6 @@ IFS=$old_ifs
 # Real root keeps the capabilities that a gateway's services have: changing users, and devices'
 # owners. Anyone else is root in a user namespace of one user, where a real `su` cannot work, so a
 # stand-in on the PATH records its arguments and runs the command.
-
 if [ "$real_root" = 0 ]; then
     set -- --cap-add CAP_SETUID --cap-add CAP_SETGID --cap-add CAP_CHOWN --cap-add CAP_FOWNER \
         --cap-add CAP_DAC_OVERRIDE --cap-add CAP_DAC_READ_SEARCH --cap-add CAP_KILL \
@@ -40,10 +37,11 @@ else
     [ "$emulation" = own ] || set -- --unshare-user --uid 0 --gid 0 "$@"
 fi
 
+for name in passwd group shadow nsswitch.conf pam.d; do
+    set -- --ro-bind "$support/etc/$name" "/etc/$name" "$@"
+done
 for file in $host_files; do
-    if [ -z "$programs" ] && [ -e "$file" ]; then
-        set -- --ro-bind "$file" "$file" "$@"
-    fi
+    [ -n "$programs" ] || set -- --ro-bind-try "$file" "$file" "$@"
 done
 
 # /config/work is a small disk (4 MiB), as on the gateway: tests can fill it.
@@ -52,9 +50,6 @@ exec bwrap --unshare-pid --unshare-net --unshare-ipc --unshare-uts --unshare-cgr
     --tmpfs / --ro-bind "$programs/usr" /usr \
     --dir /etc --dir /etc/template --dir /config/factory --size 4194304 --tmpfs /config/work \
     --dir /var/run --dir /var/tmp --dir /run --dir /home --dir /root --dir /opt/bin \
-    --ro-bind "$support/etc/passwd" /etc/passwd --ro-bind "$support/etc/group" /etc/group \
-    --ro-bind "$support/etc/shadow" /etc/shadow --ro-bind "$support/etc/nsswitch.conf" /etc/nsswitch.conf \
-    --ro-bind "$support/etc/pam.d" /etc/pam.d \
     --ro-bind "$support/bin/cat" /opt/bin/cat \
     --proc /proc --dev /dev --perms 1777 --tmpfs /tmp --perms 1777 --tmpfs /scratch --perms 1777 --tmpfs /dev/shm \
     --ro-bind "$source_tree" "$source_tree" \

@@ -18,9 +18,8 @@ echo $? > /.status
 kill -9 -$! 2> /dev/null'
 set -- sh -c "$inside" sh "$@"
 
-for dir in etc/template config/factory config/work var/run var/tmp run home root opt/bin usr proc dev/shm tmp scratch; do
-    mkdir -p "$folder/$dir"
-done
+(cd "$folder" && mkdir -p etc/template config/factory config/work var/run var/tmp run home root opt/bin usr proc \
+    dev/shm tmp scratch)
 chmod 1777 "$folder/tmp" "$folder/scratch" "$folder/dev/shm"
 cp -R "$support/etc/." "$folder/etc"
 cp "$support/bin/cat" "$support/bin/su" "$folder/opt/bin"
@@ -31,10 +30,7 @@ for name in bin sbin lib lib32 lib64 libx32; do
         set -- -b "/$name" "$@"
     fi
 done
-ln -s /proc/self/fd "$folder/dev/fd"
-ln -s /proc/self/fd/0 "$folder/dev/stdin"
-ln -s /proc/self/fd/1 "$folder/dev/stdout"
-ln -s /proc/self/fd/2 "$folder/dev/stderr"
+(cd "$folder/dev" && ln -s /proc/self/fd fd && ln -s fd/0 stdin && ln -s fd/1 stdout && ln -s fd/2 stderr)
 
 # Who runs this is root by name: the bus knows its users by number. A program that changes its user
 # cannot be traced any further, so the stand-in serves for `su`.
@@ -43,10 +39,7 @@ if [ "$real_root" != 0 ]; then
     sed -i "s/^root:x:0:/root:x:$(id -g):/" "$folder/etc/group"
 fi
 
-for device in null zero full random urandom tty ptmx pts; do
-    [ ! -e "/dev/$device" ] || set -- -b "/dev/$device" "$@"
-done
-for file in $host_files; do
+for file in /dev/null /dev/zero /dev/full /dev/random /dev/urandom /dev/tty /dev/ptmx /dev/pts $host_files; do
     [ ! -e "$file" ] || set -- -b "$file" "$@"
 done
 old_ifs=$IFS

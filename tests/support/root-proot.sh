@@ -23,14 +23,16 @@ set -- sh -c "$inside" sh "$@"
 chmod 1777 "$folder/tmp" "$folder/scratch" "$folder/dev/shm"
 cp -R "$support/etc/." "$folder/etc"
 cp "$support/bin/cat" "$support/bin/su" "$folder/opt/bin"
-for name in bin sbin lib lib32 lib64 libx32; do
-    if [ -L "/$name" ]; then
-        ln -s "$(readlink "/$name")" "$folder/$name"
-    elif [ -d "/$name" ]; then
-        set -- -b "/$name" "$@"
+links=
+for name in /bin /sbin /lib /lib32 /lib64 /libx32; do
+    if [ -L "$name" ]; then
+        links="$links $name"
+    elif [ -d "$name" ]; then
+        set -- -b "$name" "$@"
     fi
 done
-(cd "$folder/dev" && ln -s /proc/self/fd fd && ln -s fd/0 stdin && ln -s fd/1 stdout && ln -s fd/2 stderr)
+[ -z "$links" ] || cp -P $links "$folder"
+cp -P /dev/fd /dev/stdin /dev/stdout /dev/stderr "$folder/dev"
 
 # Who runs this is root by name: the bus knows its users by number. A program that changes its user
 # cannot be traced any further, so the stand-in serves for `su`.

@@ -361,10 +361,12 @@ TEST(DbConvert, WorkingImageWithoutASizeHasRoomForTheSumOfTheLengths)
 
 TEST(DbConvert, ValueThatFillsItsFieldIsTerminated)
 {
-    for (const char *type : {"string", "uint", "mac", "ip"}) {
+    const std::vector<std::pair<const char *, char>> rows = {
+        {"string", '1'}, {"uint", '1'}, {"uint", ' '}, {"mac", '1'}, {"ip", '1'}};
+    for (const auto &[type, fill] : rows) {
         SCOPED_TRACE(type);
         Hand hand({{"p", type, 1000, ""}, {"q", "string", 400, ""}});
-        memset(hand.para(0).value, '1', sizeof hand.para(0).value);
+        memset(hand.para(0).value, fill, sizeof hand.para(0).value);
         memcpy(&hand.para(1), "22222222", 8); // what reading on would find
         const Bytes whole = hand.to_memory();
         hand.para(0).value[1023] = '\0';
@@ -411,7 +413,11 @@ TEST(DbConvert, WithoutAnImageNothingHappens)
     hand.get()->working_image = nullptr;
     EXPECT_EQ(bv_db_user_fill_tomem(hand.get(), 0), 0);
 
-    uint8_t byte = 0;
+    bv_db_inst instance = {};
+    uint8_t byte = kFill;
+    EXPECT_EQ(bv_db_data_get_context(hand.get(), &instance, &byte, 1), BV_OK);
+    EXPECT_EQ(bv_db_data_set_context(hand.get(), &instance, &byte, 1), BV_OK);
+    EXPECT_EQ(byte, kFill);
     EXPECT_EQ(bv_db_user_fill_frommem(&byte, 1, nullptr), 0);
     EXPECT_EQ(bv_db_user_fill_tomem(nullptr, 0), 0);
 }

@@ -20,7 +20,7 @@ sem_t g_there, g_back;
 Clock::time_point g_arrived;
 constexpr uint32_t kEvent = 5;
 
-// The thread behind the bare semaphore.
+// The thread that waits for the bare semaphore.
 void *answer(void *)
 {
     for (;;) {

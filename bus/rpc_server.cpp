@@ -22,7 +22,8 @@ constexpr uint32_t kRegistrySize = 8196;
 constexpr uint32_t kKeySize = 256;
 constexpr uint32_t kObjectNameSize = 128;
 
-static_assert(sizeof(void *) != 4 || sizeof(bv_ubus_handler) == 4, "the registry's record");
+static_assert(sizeof(void *) != 4 || sizeof(bv_ubus_handler) == 4,
+              "the registry stores the address of a handler as 4 bytes");
 
 bv_hash *g_registry;        // from a Key to a bv_ubus_handler
 ubus_context *g_connection; // of the run that serves, or of the last one that ended

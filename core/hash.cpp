@@ -25,13 +25,14 @@ struct Entry {
 
 static_assert(offsetof(bv_hash, hashsize) == 4 && offsetof(bv_hash, keysize) == 8 &&
                   offsetof(bv_hash, datasize) == 12 && offsetof(bv_hash, currnum) == 16,
-              "public record");
+              "callers look into this record");
 static_assert(sizeof(void *) != 4 || (sizeof(bv_hash) == 24 && offsetof(bv_hash, buckets) == 20),
-              "public record");
+              "callers look into this record");
 static_assert(sizeof(void *) != 4 ||
                   (sizeof(Entry) == 16 && offsetof(Entry, key) == 8 && offsetof(Entry, data) == 12),
-              "four pointers");
-static_assert(sizeof(void *) != 4 || sizeof(bv_list_head) == 8, "two pointers");
+              "an entry is two links, its key and its data");
+static_assert(sizeof(void *) != 4 || sizeof(bv_list_head) == 8,
+              "callers embed this record in theirs");
 
 bool is_table(const bv_hash *table)
 {

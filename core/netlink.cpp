@@ -28,10 +28,10 @@ struct DriverMessage {
 
 static_assert(sizeof(nlmsghdr) == kHeaderSize && offsetof(nlmsghdr, nlmsg_type) == 4 &&
                   offsetof(nlmsghdr, nlmsg_pid) == 12,
-              "the kernel's header");
+              "the kernel reads this header");
 static_assert(sizeof(DriverMessage) == 1040 && offsetof(DriverMessage, payload) == kHeaderSize,
-              "what the driver expects as registration");
-static_assert(sizeof(sockaddr_nl) == 12, "the kernel's address");
+              "the driver expects a registration of this size");
+static_assert(sizeof(sockaddr_nl) == 12, "the kernel reads this address");
 
 // The socket of this process's receive thread, -1 while there is none. Only one socket can be bound
 // to the process id, and only its opener, and then its thread, write this.

@@ -48,7 +48,7 @@ struct Event {
 static_assert(sizeof(void *) != 4 || (sizeof(Event) == 16 && offsetof(Event, length) == 12),
               "the payload follows, 8-byte aligned");
 static_assert(sizeof(void *) != 4 || (sizeof(Callback) == 12 && offsetof(Callback, function) == 8),
-              "two links and the function");
+              "a callback has two links and a function, without padding");
 static_assert(sizeof(Event) % 8 == 0, "the payload follows, 8-byte aligned");
 
 struct Notifier {

@@ -22,12 +22,12 @@ struct Message {
 };
 
 static_assert(sizeof(void *) != 4 || (sizeof(Message) == 12 && offsetof(Message, length) == 8),
-              "two links and the length");
+              "a message has two links and its length, without padding");
 static_assert(offsetof(bv_queue, lock) == sizeof(bv_list_head) &&
                   offsetof(bv_queue, count) == sizeof(bv_list_head) + sizeof(pthread_mutex_t) &&
                   offsetof(bv_queue, max) == offsetof(bv_queue, count) + 4 &&
                   offsetof(bv_queue, dropped) == offsetof(bv_queue, count) + 8,
-              "public record");
+              "callers look into this record");
 
 // A message with a copy of data, not linked yet; null if memory is short.
 Message *make_message(const void *data, uint32_t length)

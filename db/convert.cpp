@@ -16,7 +16,8 @@
 namespace {
 
 constexpr uint32_t kValueSize = bv::kParameterTextSize;
-static_assert(sizeof(bv_db_para::value) == kValueSize, "a descriptor's value");
+static_assert(sizeof(bv_db_para::value) == kValueSize,
+              "a value has the size that the tools assume");
 constexpr uint32_t kMacSize = 6;
 constexpr uint32_t kIpSize = 4;
 

@@ -24,7 +24,8 @@ namespace {
 constexpr char kTemplateDir[] = "/etc/template";
 constexpr uint32_t kPathSize = 1024;
 constexpr uint32_t kTextSize = bv::kParameterTextSize;
-static_assert(bv::kMaxParameters == 1310720 / sizeof(bv_db_para), "what one allocation may hold");
+static_assert(bv::kMaxParameters == 1310720 / sizeof(bv_db_para),
+              "the largest allocation holds no more descriptors");
 
 // Looks for a template's file by its name. Several matches give several lines, which are not a path
 // and fail to open.

@@ -14,9 +14,10 @@
 #include <fcntl.h>
 
 // The driver is built for these offsets.
-static_assert(sizeof(bv_ioctl_record) == 264, "the data follows at 264");
-static_assert(offsetof(bv_ioctl_record, len) == 256, "len follows the name");
-static_assert(offsetof(bv_ioctl_record, result) == 260, "result follows len");
+static_assert(sizeof(bv_ioctl_record) == 264, "the driver reads the data after 264 bytes");
+static_assert(offsetof(bv_ioctl_record, len) == 256,
+              "the driver reads len after 256 bytes of name");
+static_assert(offsetof(bv_ioctl_record, result) == 260, "the driver writes result after len");
 
 namespace {
 

@@ -181,7 +181,7 @@ static void apply(const char *family, uint8_t *image, char **assignments)
 
 /* ---- calls ---- */
 
-/* Ends the program when a call fails, be it on the bus or in the owner's database. */
+/* Ends the program when a call fails, on the bus or in the owner's database. */
 static void must(const char *what, uint32_t result, int32_t status)
 {
     if (result == BV_OK && status == BV_OK)
@@ -192,8 +192,8 @@ static void must(const char *what, uint32_t result, int32_t status)
     exit(1);
 }
 
-/* Calls a function in place. What comes back is as long as the owner makes it, whatever was sent:
- * it goes into a buffer that holds the longest answer of the bus. */
+/* Calls a function in place. The answer is as long as the owner makes it, whatever was sent, so it
+ * goes into a buffer that holds the longest answer the bus carries. */
 static uint32_t call(const char *function, void *data, uint32_t len)
 {
     static uint8_t bytes[1024 * 1024];
@@ -205,7 +205,7 @@ static uint32_t call(const char *function, void *data, uint32_t len)
     return result;
 }
 
-/* Calls a configuration function in place and gives back the database's status. */
+/* Calls a configuration function in place and returns the database's status. */
 static int32_t config_call(const char *function, struct config_message *message)
 {
     must(function, call(function, message, sizeof(*message)), BV_OK);

@@ -4,15 +4,15 @@
  *   debug [COLLECTOR [LEVEL]]    COLLECTOR: IPv4 address that messages go to (default 127.0.0.1)
  *                                LEVEL: the levels up to this one are on (default 6)
  *
- * Run `bv-collect` first to see the messages; `debug-session` beside this file does both. Nothing
- * is printed here but what is switched on.
+ * Run `bv-collect` first to see the messages; the script `debug-session` does both. This program
+ * prints only what it switches on.
  */
 #include <stdio.h>
 
 #include <bv/bv.h>
 
-/* Modules and levels are the service's own numbers: 0 to 9 and 0 to 7. Module 0 is no module: its
- * switches turn a level on for all of them. */
+/* Modules and levels are the service's own numbers: 0 to 9 and 0 to 7. Module 0 is special: its
+ * switches turn a level on for all modules. */
 #define MODULE_SENSOR 4
 #define MODULE_REPORT 5
 

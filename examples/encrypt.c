@@ -1,20 +1,21 @@
 /*
- * Encrypting a file so that nobody reads it and nobody changes it unnoticed.
+ * Encrypts a file, so that others can neither read it nor change it unnoticed.
  *
  *   encrypt seal PASSWORD-FILE FROM TO    encrypts FROM into TO, and writes TO.seal beside it
  *   encrypt open PASSWORD-FILE FROM TO    checks FROM against FROM.seal and decrypts it into TO
  *
- * The password is the first line of its file: on a command line everybody on the box could see it.
+ * The password is the first line of its file: on a command line, every user of the box could see
+ * it.
  *
- * What bv_aes_file_en() leaves to its caller is done here: it authenticates nothing, so an HMAC of
- * the ciphertext goes along; it always starts from the same state, so every file gets a key of its
- * own, from the password and a random salt (equal 32-byte pieces within one file still look
- * equal); it reports no failure and cuts no older output, so sizes are compared and old output is
- * removed.
+ * This shows what bv_aes_file_en() leaves to its caller. It authenticates nothing, so an HMAC of
+ * the ciphertext goes along. It always starts from the same state, so every file gets a key of its
+ * own, made of the password and a random salt; equal 32-byte pieces within one file still look
+ * equal. It reports no failure and does not shorten an older output, so sizes are compared and old
+ * output is removed first.
  *
  * TO.seal is one line: salt (32 hexadecimal digits), the plain file's size, HMAC-SHA-256 (64).
  *
- * Exit status: 0 done, 1 not (why is printed), 2 wrong usage.
+ * Exit status: 0 done, 1 failed (the reason is printed), 2 wrong usage.
  */
 #include <stdio.h>
 #include <string.h>
@@ -113,14 +114,14 @@ static int read_seal(struct seal *seal, const char *ciphertext)
         return fail("there is no seal");
     bv_os_fgets(line, sizeof(line), file);
     bv_os_fclose(file);
-    /* As for every text, the bounded scan wants the size of its target behind it. */
+    /* The bounded scan wants the size of each text after its address. */
     if (bv_os_sscanf(line, "%32[0-9a-f] %d %64[0-9a-f]", seal->salt, sizeof(seal->salt),
                      &seal->size, seal->hmac, sizeof(seal->hmac)) != 3)
         return fail("the seal is damaged");
     return 0;
 }
 
-/* Takes equally long wherever the difference is, so that nobody learns how much was right. */
+/* Takes equally long wherever the difference is, so the time does not tell how much was right. */
 static int same_hmac(const char *a, const char *b)
 {
     int difference = 0;

@@ -3,11 +3,11 @@
  *
  *   flash_copy FILE PARTITION    PARTITION: a name of /proc/mtd, like rootfs
  *
- * Block after block is erased, written, read back and compared: an erase that fails is not
- * reported by bv_mtd_erase(), so what is on the flash is the only proof. A copy that is broken off
- * leaves the blocks up to there new and the others old; start it again.
+ * Each block is erased, written, read back and compared: bv_mtd_erase() does not report an erase
+ * that fails, so what is on the flash is the only proof. A copy that is broken off leaves the first
+ * blocks new and the others old; start it again.
  *
- * Exit status: 0 the file is on the flash, 1 not (why is printed), 2 wrong usage.
+ * Exit status: 0 the file is on the flash, 1 failed (the reason is printed), 2 wrong usage.
  */
 #include <inttypes.h>
 #include <stdio.h>

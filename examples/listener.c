@@ -71,7 +71,8 @@ static void take_signals(void)
     bv_os_sigaction(SIGINT, &action, NULL);
 }
 
-/* The order matters: what the callbacks use, the library, the callbacks, and only then events. */
+/* The order matters: what the callbacks use, the library, the callbacks, and only then the events.
+ */
 static int start(void)
 {
     static const char text[] = "listening";

@@ -40,7 +40,7 @@ static struct uloop_timeout stop_timer; /* armed once the loop is there */
 
 static void on_link_event(void *data, uint32_t length)
 {
-    (void)length; /* the payload is terminated by a zero byte behind it */
+    (void)length; /* a zero byte follows the payload */
     bv_os_pthread_mutex_lock(&event_lock);
     bv_os_snprintf(event_text, sizeof(event_text), "%s", (const char *)data);
     bv_os_pthread_mutex_unlock(&event_lock);
@@ -71,7 +71,7 @@ static uint32_t config_read(void *data, uint32_t length)
     return BV_OK;
 }
 
-/* The image's size is known to both sides by the family; of more bytes the database would take none
+/* Both sides know the image's size from the family. Given more bytes, the database would take none
  * and leave an image of zeros. */
 static uint32_t image_size(const char *family)
 {

@@ -85,10 +85,11 @@ clang: deps ## builds all but the stand-ins' tests with clang, warnings are erro
 	@cmake --preset clang
 	@cmake --build build/clang
 
-tidy: configure ## runs clang-tidy over the library, warnings are errors
-	@scripts/install-deps clang-tidy
+tidy: deps ## runs clang-tidy over the library, warnings are errors
+	@scripts/install-deps clang clang-tidy
+	@cmake --preset clang > /dev/null
 	@git ls-files 'os/*.cpp' 'debug/*.cpp' 'core/*.cpp' 'db/*.cpp' 'bus/*.cpp' 'dev/*.cpp' 'crypto/*.cpp' | \
-		xargs -P $$(nproc) -n 4 clang-tidy -p "$(BUILD)" --quiet --warnings-as-errors='*'
+		xargs -P $$(nproc) -n 4 clang-tidy -p build/clang --quiet --warnings-as-errors='*'
 	@echo 'Everything passed clang-tidy.'
 
 format: ## puts every source file into the house format

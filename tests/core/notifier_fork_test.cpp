@@ -51,7 +51,12 @@ uint32_t port_of(int fd)
 bool start_with_driver(int32_t (*init)())
 {
     g_redirect_netlink = true;
-    return init() == BV_OK && port_of(g_last_socket.fd) == static_cast<uint32_t>(getpid());
+    const int32_t result = init();
+    if (g_last_socket.fd < 0)
+        return false;
+    EXPECT_EQ(result, BV_OK);
+    EXPECT_EQ(port_of(g_last_socket.fd), static_cast<uint32_t>(getpid()));
+    return true;
 }
 
 // In a child: whether the parent's socket is closed and one of its own opened.

@@ -294,7 +294,9 @@ TEST_F(Notifier, SignalToTheDispatchThreadLosesNothing)
         dispatcher = pthread_self();
         known = true;
     });
-    signal(SIGUSR1, [](int) {});
+    struct sigaction action = {}; // without SA_RESTART: it ends the wait
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
     send(7, "x");
     ASSERT_TRUE(eventually([] { return known.load(); }));
 

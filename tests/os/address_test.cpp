@@ -71,8 +71,8 @@ TEST(MacPton, NullTextIsAllZeroAndNullOutIsLeftAlone)
 TEST(MacNtop, PrintsLowerCaseOrNothing)
 {
     char out[] = "..................";
-    bv_os_mac_ntop("\x00\x1a\x2b\x3c\x4d\x5e", out, sizeof out);
-    EXPECT_STREQ(out, "00:1a:2b:3c:4d:5e");
+    bv_os_mac_ntop("\x00\x1a\x80\x3c\x4d\xff", out, sizeof out);
+    EXPECT_STREQ(out, "00:1a:80:3c:4d:ff");
     memset(out, '.', 18);
     bv_os_mac_ntop("\1\2\3\4\5\6", out, 17);
     EXPECT_STREQ(out, "") << "it does not fit";

@@ -71,9 +71,9 @@ BV_INTERPOSE(memmove_s, "memmove_s", int, (void *dst, size_t size, const void *s
 TEST(Printb, DumpOfNothingIsAnEmptyLine)
 {
     for (int32_t length : {0, -1, INT32_MIN})
-        EXPECT_EQ(dump(kBytes, length), "\r\n");
+        EXPECT_EQ(dump(kBytes, length), "\r\n") << length;
     for (int32_t length : {0, 16})
-        EXPECT_EQ(dump(nullptr, length), "\r\n");
+        EXPECT_EQ(dump(nullptr, length), "\r\n") << length;
 }
 
 TEST(Printb, ShowsFourWordsALineInMemoryOrder)

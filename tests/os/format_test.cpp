@@ -146,6 +146,7 @@ TEST(Sscanf, EmptyTextEmptiesTheFirstBuffer)
     int number = 7;
     EXPECT_EQ(bv_os_sscanf(nullptr, "%d", &number), -1);
     EXPECT_EQ(bv_os_sscanf("", "%d%s", &number, word, sizeof word), -1);
+    EXPECT_EQ(number, 7);
     EXPECT_STREQ(word, "before");
     EXPECT_EQ(bv_os_sscanf("   ", "%s", word, sizeof word), -1);
     EXPECT_STREQ(word, "before");

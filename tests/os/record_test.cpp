@@ -183,6 +183,6 @@ TEST(Filesize, TellsTheSizeCutTo32BitsAndMinusOneForAMissingFile)
         {0, 0}, {5, 5}, {0x80000000, INT32_MIN}, {0x100000005, 5}};
     for (const auto &[size, told] : sizes) {
         ASSERT_EQ(truncate("/scratch/file", size), 0);
-        EXPECT_EQ(bv_get_filesize("/scratch/file"), told);
+        EXPECT_EQ(bv_get_filesize("/scratch/file"), told) << size;
     }
 }

@@ -185,7 +185,7 @@ TEST_F(Shell, LineThatDoesNotFitIsRunAsAnEmptyOne)
     } rows[] = {
         {bv_os_system, 0}, {bv_os_systemnull, 16}, {bv_os_systembk, 18}, {bv_os_sysprocess, 18}};
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.added);
+        SCOPED_TRACE(&row - rows);
         g_run = false;
         row.run("%s", x(255 - row.added).c_str());
         EXPECT_EQ(last_line().size(), 255u);
@@ -359,6 +359,7 @@ TEST_F(Shell, CaptureLeavesRoomForItsRedirectionAndFilter)
         size_t redirection, filter; // the filter without pattern and delimiter
     } rows[] = {{65535, 23, 58}, {7, 22, 55}};
     for (const auto &row : rows) {
+        SCOPED_TRACE(row.pid);
         g_pid = row.pid;
         for (size_t over : {0, 1}) {
             const size_t length = over == 0 ? 255u : 0u;

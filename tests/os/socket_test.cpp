@@ -79,6 +79,8 @@ TEST_F(Connection, IoctlPassesItsArgumentOn)
     int waiting = 0;
     EXPECT_EQ(bv_os_ioctl(server_, FIONREAD, &waiting), 0);
     EXPECT_EQ(waiting, 5);
+    EXPECT_EQ(bv_os_ioctl(-1, FIONREAD, &waiting), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 TEST_F(Connection, SelectAndEpollReportWhatWasAskedFor)

@@ -11,8 +11,7 @@
 
 namespace {
 
-unsigned g_slept;      // what usleep() was asked for, instead of sleeping
-unsigned g_sleep_left; // what sleep() says is left
+unsigned g_slept; // what usleep() was asked for, instead of sleeping
 
 } // namespace
 
@@ -21,12 +20,6 @@ extern "C" int usleep(useconds_t usec)
     g_slept = usec;
     errno = EINTR;
     return -1;
-}
-
-extern "C" unsigned sleep(unsigned seconds)
-{
-    g_slept = seconds;
-    return g_sleep_left;
 }
 
 TEST(Time, MsleepSleepsAThousandMicrosecondsEachAndWrapsAt32Bits)
@@ -39,15 +32,6 @@ TEST(Time, MsleepSleepsAThousandMicrosecondsEachAndWrapsAt32Bits)
         EXPECT_EQ(errno, EINTR);
         EXPECT_EQ(g_slept, us) << ms;
     }
-}
-
-TEST(Time, SleepsPassTheirResultOn)
-{
-    EXPECT_EQ(bv_os_usleep(12345), -1);
-    EXPECT_EQ(g_slept, 12345u);
-    g_sleep_left = 3;
-    EXPECT_EQ(bv_os_sleep(9), 3u);
-    EXPECT_EQ(g_slept, 9u);
 }
 
 TEST(Time, BrokenDownTimesGoBothWays)

@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <string>
 #include <sys/file.h>
-#include <sys/ioctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <type_traits>
@@ -286,7 +285,7 @@ TEST(Wrappers, PassArgumentsResultAndErrnoOn)
 
 TEST(Wrappers, ShutdownAlwaysAsksForBothDirections)
 {
-    record([] { return bv_os_shutdown(7); });
+    EXPECT_EQ(record([] { return bv_os_shutdown(7); }), value<int>(kResult));
     expect_call("shutdown", {7, SHUT_RDWR});
 }
 
@@ -297,15 +296,17 @@ TEST(Wrappers, OptionalArgumentsAreAlwaysPassedOn)
     const char *path = "/path";
     for (int flags : {0, O_RDONLY | O_NONBLOCK, O_CREAT | O_WRONLY, 0x40000000}) {
         for (auto *open_file : {bv_os_open, bv_os_dev_open}) {
-            record([=] { return open_file(path, flags, mode); });
+            EXPECT_EQ(record([=] { return open_file(path, flags, mode); }), value<int>(kResult));
             expect_call("open", numbers(path, flags, mode));
         }
-        record([=] { return bv_os_sem_open(path, flags, mode, 77u); });
+        EXPECT_EQ(record([=] { return bv_os_sem_open(path, flags, mode, 77u); }),
+                  value<sem_t *>(kResult));
         expect_call("sem_open", numbers(path, flags, mode, 77u));
     }
     int object;
     for (int command : {IPC_RMID, GETVAL, SETVAL, IPC_STAT, 98, 0x7fffffff}) {
-        record([&] { return bv_os_semctl(5, 6, command, &object); });
+        EXPECT_EQ(record([&] { return bv_os_semctl(5, 6, command, &object); }),
+                  value<int>(kResult));
         expect_call("semctl", numbers(5, 6, command, &object));
     }
 }

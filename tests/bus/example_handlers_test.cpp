@@ -51,7 +51,7 @@ TEST(ExampleHandlers, ShortLengthsClearThatMuchOfTheTarget)
         EXPECT_EQ(record(), counted(56));
 
         std::fill_n(record_cleared.begin(), length, 0);
-        EXPECT_EQ(bv_example_set(buffer.data(), length), 0u);
+        EXPECT_EQ(bv_example_set(Bytes(56, 0x77).data(), length), 0u);
         EXPECT_EQ(record(), record_cleared);
     }
 }

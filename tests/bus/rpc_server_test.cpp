@@ -53,12 +53,13 @@ uint32_t keep(void *, uint32_t)
     return g_result;
 }
 
+// Its result shows the length that it was given.
 uint32_t add_one_to_each(void *data, uint32_t len)
 {
     g_handled++;
     for (uint32_t i = 0; i < len; i++)
         static_cast<uint8_t *>(data)[i]++;
-    return 7;
+    return 2 + len;
 }
 
 uint32_t other(void *, uint32_t)
@@ -239,7 +240,7 @@ TEST(RpcServer, RequestsAreServedAsDeclared)
     Bytes cleared(1500);
     cleared[0] = 0x11;
     std::vector<std::tuple<const char *, Bytes, Bytes>> rows = {
-        {"no bytes", request("add_one", 0, {}), reply(7, 0, {})},
+        {"no bytes", request("add_one", 0, {}), reply(2, 0, {})},
         {"other order, with others between",
          join({kDataField, field(7, "zz", {1}), attribute(5, word(9)), kLenField, kFuncField}),
          kKept},
@@ -248,9 +249,9 @@ TEST(RpcServer, RequestsAreServedAsDeclared)
                field(5, "len", word(1)), kDataField}),
          kKept},
         {"malformed field after good ones", join({kKeep, field(9, "x", {})}), kKept},
-        {"smaller length cuts", request("add_one", 2, kThreeBytes), reply(7, 2, {0xab, 0xbc})},
+        {"smaller length cuts", request("add_one", 2, kThreeBytes), reply(4, 2, {0xab, 0xbc})},
         {"larger length continues with zeros", request("add_one", 70, kThreeBytes),
-         reply(7, 70, continued)},
+         reply(72, 70, continued)},
         {"padding is not data", padded, reply(0, 4, {0xaa, 0xbb, 0xcc, 0})},
         {"length without data", request("keep", 5, {}), reply(0, 5, Bytes(5))},
         {"long one", request("keep", 2000, Bytes(2000, 0x55)), reply(0, 2000, Bytes(2000, 0x55))},
@@ -412,14 +413,15 @@ TEST(RpcServer, FunctionNamesAreToldApartUpTo255Characters)
         return 0;
     };
     const auto answer = [&](const std::string &name) {
-        SCOPED_TRACE(name);
         return serve_between(request(name, 3, kThreeBytes), registration);
     };
     expect_reply(answer("keep_"), reply(1111, 3, kThreeBytes));
     expect_reply(answer(std::string(255, 'n')), reply(1111, 3, kThreeBytes));
     for (const std::string &name : {std::string(254, 'n'), std::string(254, 'n') + 'm',
-                                    std::string(), std::string("nobody"), std::string(300, 'n')})
+                                    std::string(), std::string("nobody"), std::string(300, 'n')}) {
+        SCOPED_TRACE(name);
         expect_refused(answer(name));
+    }
 }
 
 TEST(RpcServer, LongerNamesAllMeanTheEmptyOne)
@@ -430,13 +432,12 @@ TEST(RpcServer, LongerNamesAllMeanTheEmptyOne)
             EXPECT_EQ(bv_ubus_server_reg(std::string(256, 'n').c_str(), other), 0);
             return bv_ubus_server_reg(std::string(300, 'm').c_str(), keep);
         }};
-    for (Registration registration : registrations) {
-        Requests requests;
-        for (size_t length : {0, 256, 300, 400, 5000})
-            requests.push_back(request(std::string(length, 'n'), 3, kThreeBytes));
-        for (const Answer &answer : serve(requests, registration))
-            expect_reply(answer, kKept);
-    }
+    for (Registration registration : registrations)
+        for (size_t length : {0, 256, 300, 400, 5000}) {
+            SCOPED_TRACE(length);
+            const Bytes fields = request(std::string(length, 'n'), 3, kThreeBytes);
+            expect_reply(serve({fields}, registration)[0], kKept);
+        }
 }
 
 TEST(RpcServer, HandlerReplacedByAHandlerIsNotCalledAgain)
@@ -561,7 +562,7 @@ TEST(RpcServer, FailedStartIsTheResultAndClosesTheConnectionOnce)
                           if (row.watched) {
                               const Message added = peer.receive();
                               if (row.status == 0)
-                                  shutdown(peer.fd(), SHUT_RDWR);
+                                  shutdown(peer.fd(), SHUT_WR);
                               else
                                   peer.send_status(added, row.status);
                           }

@@ -52,7 +52,6 @@ extern "C" json_object *json_object_from_file(const char *path)
 namespace {
 
 constexpr char kLanPath[] = "/etc/template/lan.json";
-const std::vector<int> kNoRefusals;
 
 class DbAllocation : public Db {
 protected:
@@ -87,8 +86,10 @@ std::vector<int> refuse_each(Action action, Afterwards afterwards)
             status = action();
             refused = nth.happened();
         }
-        if (!refused)
+        if (!refused) {
+            EXPECT_EQ(status, BV_OK);
             return statuses;
+        }
         statuses.push_back(status);
         afterwards();
     }
@@ -115,6 +116,10 @@ TEST_F(DbAllocation, RefusedCallsLeaveTheDatabaseAsItWas)
         for (const bv_list_head *list :
              {&g_st_db_mng.user_list, &g_st_db_mng.private_list, &g_st_db_mng.factory_list})
             EXPECT_EQ(names(*list), Names{});
+    };
+    const auto no_family = [] {
+        EXPECT_EQ(families(), Names{});
+        EXPECT_EQ(bv_db_hash_find("lan"), nullptr);
     };
     const auto no_instances = [] {
         const bv_db_family *family = bv_db_hash_find("lan");
@@ -143,6 +148,9 @@ TEST_F(DbAllocation, RefusedCallsLeaveTheDatabaseAsItWas)
         bv_db_hash_add("lan");
         EXPECT_EQ(bv_db_template_read_single("/etc/template/one", bv_db_hash_find("lan")), BV_OK);
     };
+    const auto nothing = [] {};
+    const std::vector<int> kNever, kOnce = {BV_ERR_MEMORY}, kTwice = {BV_ERR_MEMORY, BV_ERR_MEMORY};
+    const std::vector<int> kFamily = {-1, -1, -1};
     const std::vector<int> kTemplate = {BV_ERR_MEMORY, -1, -1}; // the table, the two images
     const struct {
         const char *what;
@@ -151,49 +159,24 @@ TEST_F(DbAllocation, RefusedCallsLeaveTheDatabaseAsItWas)
         std::vector<int> statuses;
         std::function<void()> unchanged;
     } rows[] = {
-        {"user", [] {}, [] { return bv_db_reg_user("x"); }, {BV_ERR_MEMORY}, nothing_registered},
-        {"private",
-         [] {},
-         [] { return bv_db_reg_private("x"); },
-         {BV_ERR_MEMORY},
-         nothing_registered},
-        {"factory",
-         [] {},
-         [] { return bv_db_reg_factory("x"); },
-         {BV_ERR_MEMORY},
-         nothing_registered},
-        {"family",
-         [] {},
-         [] { return bv_db_hash_add("lan") == nullptr ? -1 : 0; },
-         {-1, -1, -1},
-         [] {
-             EXPECT_EQ(families(), Names{});
-             EXPECT_EQ(bv_db_hash_find("lan"), nullptr);
-         }},
+        {"user", nothing, [] { return bv_db_reg_user("x"); }, kOnce, nothing_registered},
+        {"private", nothing, [] { return bv_db_reg_private("x"); }, kOnce, nothing_registered},
+        {"factory", nothing, [] { return bv_db_reg_factory("x"); }, kOnce, nothing_registered},
+        {"family", nothing, [] { return bv_db_hash_add("lan") == nullptr ? -1 : 0; }, kFamily,
+         no_family},
         {"template", add_family, read_lan, kTemplate, no_parameters},
         {"template again", add_lan_of_one, read_lan, kTemplate, no_parameters},
         {"largest template", add_family,
          [] { return bv_db_template_read_single("/etc/template/large", bv_db_hash_find("lan")); },
          kTemplate, no_parameters},
-        {"instance",
-         add_lan,
-         [] { return bv_db_inst_add("lan", image, 38, 4); },
-         {BV_ERR_MEMORY, BV_ERR_MEMORY},
+        {"instance", add_lan, [] { return bv_db_inst_add("lan", image, 38, 4); }, kTwice,
          no_instances},
-        {"instance of one byte",
-         add_one_byte,
-         [] { return bv_db_inst_add("lan", image, 1, 4); },
-         {BV_ERR_MEMORY, BV_ERR_MEMORY},
-         no_instances},
-        {"instance of nothing",
-         add_family,
-         [] { return bv_db_inst_add("lan", nullptr, 0, 4); },
-         {BV_ERR_MEMORY},
-         no_instances},
-        {"read", add_lan_of_one, [] { return bv_db_read("lan", image, 38, 1); }, kNoRefusals,
-         [] {}},
-        {"write", add_lan_of_one, [] { return bv_db_write("lan", image, 38, 1); }, kNoRefusals,
-         [] {}},
+        {"instance of one byte", add_one_byte, [] { return bv_db_inst_add("lan", image, 1, 4); },
+         kTwice, no_instances},
+        {"instance of nothing", add_family, [] { return bv_db_inst_add("lan", nullptr, 0, 4); },
+         kOnce, no_instances},
+        {"read", add_lan_of_one, [] { return bv_db_read("lan", image, 38, 1); }, kNever, nothing},
+        {"write", add_lan_of_one, [] { return bv_db_write("lan", image, 38, 1); }, kNever, nothing},
     };
     install("lan.json", kLan);
     install("one", std::vector<Parameter>{{"id", "uchar", 1, "1"}});
@@ -206,6 +189,7 @@ TEST_F(DbAllocation, RefusedCallsLeaveTheDatabaseAsItWas)
         row.prepare();
         const auto again = [&] {
             row.unchanged();
+            EXPECT_EQ(row.call(), BV_OK) << "the same call again";
             start_over();
             row.prepare();
         };
@@ -266,6 +250,22 @@ TEST_F(DbAllocation, LoadInAnyOrderNeedsNoMemoryBeyondItsInstances)
     EXPECT_EQ(whole, 4) << "without an index entry the list is walked";
 }
 
+TEST_F(DbAllocation, StartWithoutMemoryLoadsLessAndLeavesAUsableDatabase)
+{
+    install("lan.json", kLan);
+    bv_db_reg_user(kLanPath);
+    write_file(kUserFile, "{\"/etc/template/lan.json\":[" + listed({stored(1), stored(2)}) + "]}");
+    parse_beforehand(kLanPath);
+    parse_beforehand(kUserFile);
+    const auto loaded_less = [] {
+        EXPECT_LT(bv_db_inst_getnum(kLanPath), 2);
+        EXPECT_EQ(bv_db_user_write(&g_st_db_mng.user_list, "/scratch/walk"), BV_OK);
+    };
+    EXPECT_EQ(refuse_each(bv_db_start, loaded_less), std::vector<int>(3 + 3 + 4, BV_OK))
+        << "the family, its template, two instances";
+    EXPECT_EQ(numbers(bv_db_hash_find(kLanPath)), (Numbers{1, 2}));
+}
+
 // Opening takes memory in the C library, and some have emptied the file by then; the text takes
 // none.
 TEST_F(DbAllocation, WriteWithoutMemoryIsWholeOrTheFileCannotBeOpened)
@@ -318,6 +318,16 @@ protected:
 
     int add(uint32_t number) { return bv_db_inst_add(kLanPath, image.data(), 38, number); }
 
+    // How many blocks a call takes and does not free. Its nth allocation is refused.
+    template <typename Call>
+    static size_t blocks_kept(Call call, int status = BV_OK, unsigned refused = 0)
+    {
+        HeapWatch watch(refused);
+        EXPECT_EQ(call(), status);
+        watch.stop();
+        return watch.taken().size() - watch.given_back().size();
+    }
+
     const Bytes image = Bytes(38, 1);
 };
 
@@ -334,6 +344,16 @@ TEST_F(DbHeap, InstanceIsTwoBlocksAndDeletingFreesBoth)
     EXPECT_EQ(bv_db_inst_del(kLanPath, 7), BV_OK);
     EXPECT_EQ(watch.given_back(), blocks);
     EXPECT_TRUE(watch.unlinked(blocks[1])) << "a late use of its links is found";
+}
+
+TEST_F(DbHeap, RefusedCallsFreeWhatTheyTook)
+{
+    bv_db_family *family = bv_db_hash_add(kLanPath);
+    const auto read = [family] { return bv_db_template_read_single(kLanPath, family); };
+    for (unsigned refused : {2, 3})
+        EXPECT_EQ(blocks_kept(read, -1, refused), 0u) << refused;
+    ASSERT_EQ(read(), BV_OK);
+    EXPECT_EQ(blocks_kept([this] { return add(7); }, BV_ERR_MEMORY, 2), 0u);
 }
 
 TEST_F(DbHeap, FreeingAFamilysInstancesFreesAllOfThem)
@@ -387,15 +407,10 @@ TEST_F(DbHeap, LoadKeepsItsInstancesAndNothingElseAndAWriteNothing)
     write_file(kUserFile, "{\"/etc/template/lan.json\":[" + listed(elements) + "]}");
     parse_beforehand(kUserFile);
 
-    const auto blocks_kept = [](int32_t (*call)(bv_list_head *, const char *)) {
-        HeapWatch watch;
-        EXPECT_EQ(call(&g_st_db_mng.user_list, kUserFile), BV_OK);
-        watch.stop();
-        return watch.taken().size() - watch.given_back().size();
-    };
-    EXPECT_EQ(blocks_kept(bv_db_user_read), 2 * 5u);
+    bv_list_head *list = &g_st_db_mng.user_list;
+    EXPECT_EQ(blocks_kept([&] { return bv_db_user_read(list, kUserFile); }), 2 * 5u);
     EXPECT_EQ(numbers(family), (Numbers{3, 1, 2, 4, 6}));
-    EXPECT_EQ(blocks_kept(bv_db_user_write), 0u);
+    EXPECT_EQ(blocks_kept([&] { return bv_db_user_write(list, kUserFile); }), 0u);
 }
 
 } // namespace

@@ -252,7 +252,7 @@ TEST_F(DbFileWriting, FileThatCannotBeOpenedHasItsCode)
     const std::vector<int> open = open_descriptors();
     for (const char *path :
          {"/config/nowhere/data.json", "/config/work", "", static_cast<const char *>(nullptr)})
-        EXPECT_EQ(write(path), BV_ERR_WRITE_OPEN);
+        EXPECT_EQ(write(path), BV_ERR_WRITE_OPEN) << path;
     EXPECT_EQ(bv_db_user_write(nullptr, kUserFile), BV_ERR_WRITE_OPEN);
     EXPECT_FALSE(file_exists(kUserFile));
     EXPECT_EQ(open_descriptors(), open);

@@ -3,6 +3,7 @@
 #include <bv/aes.h>
 
 #include "crypto/reference.h"
+#include "support/capture_stdout.h"
 #include "support/files.h"
 #include "support/guarded.h"
 #include "support/libc.h"
@@ -91,7 +92,6 @@ std::string by_chunks(bool encrypt, const std::string &in)
     return out;
 }
 
-// The input's bytes through one of the two functions into a new output.
 std::string encrypt_file(const std::string &content)
 {
     write_file(kPlain, content);
@@ -204,9 +204,10 @@ TEST_F(AesFile, InputWithoutBytesCreatesTheOutputAndLeavesAnExistingOne)
     }
 }
 
-TEST_F(AesFile, NullArgumentAndOutputThatCannotBeOpenedAreNotReported)
+TEST_F(AesFile, NullArgumentAndOutputThatCannotBeOpenedAreNeitherReturnedNorPrinted)
 {
     write_file(kPlain, "content");
+    CaptureStdout output;
     for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
         EXPECT_EQ(transform(nullptr, kBack, u8(kKey)), 0);
         EXPECT_EQ(transform(kPlain, nullptr, u8(kKey)), 0);
@@ -215,6 +216,7 @@ TEST_F(AesFile, NullArgumentAndOutputThatCannotBeOpenedAreNotReported)
     }
     EXPECT_EQ(bv_aes_file_en(kPlain, "/scratch/no/such/folder", u8(kKey)), 0);
     EXPECT_EQ(bv_aes_file_de(kPlain, "/scratch", u8(kKey)), 0);
+    EXPECT_EQ(output.stop(), "");
 }
 
 TEST_F(AesFile, OutputIsCreatedReadableForAllButTheUmask)
@@ -245,13 +247,18 @@ TEST_F(AesFile, InputIsOpenedSynchronouslyAndTheOutputForBothWays)
     }
 }
 
-TEST_F(AesFile, KeyIsNotReadBeyondItsSixteenBytes)
+TEST_F(AesFile, KeyEndsAfterSixteenBytesAndDescriptorsMayBeZero)
 {
     Guarded key(kKey);
     write_file(kPlain, "content");
-    bv_aes_file_en(kPlain, kCipher, key.u8());
+    WithoutStdin closed;
+    const auto before = open_descriptors();
+    bv_aes_file_en(kPlain, kCipher, key.u8()); // reads from descriptor 0
     bv_aes_file_de(kCipher, kBack, key.u8());
+    bv_aes_file_en("/scratch/missing", "/scratch/out", key.u8()); // could only write to it
+    EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(read_file(kBack), "content");
+    EXPECT_TRUE(file_exists("/scratch/out"));
 }
 
 TEST_F(AesFile, ShortReadsAndWritesAreContinued)
@@ -330,8 +337,8 @@ TEST_F(AesFile, SizesPast2GiBAreNotCut)
         g_size = size;
         const std::string cipher = encrypt_file(plain), back = decrypt_file(cipher);
         g_size = 0;
-        expect_same(cipher, by_chunks(true, plain), 0);
-        expect_same(back, plain, 0);
+        expect_same(cipher, by_chunks(true, plain), static_cast<size_t>(size >> 31));
+        expect_same(back, plain, static_cast<size_t>(size >> 31));
     }
 }
 
@@ -359,9 +366,9 @@ TEST_F(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
     const std::string cipher = reference::aes(true, kKey, std::string(32, 'x'));
     for (FaultPoint *fault : {&fault_cipher_context, &fault_cipher_update}) {
         fault->fail_next();
-        EXPECT_EQ(encrypt_file("content"), "");
+        EXPECT_EQ(encrypt_file("content"), "") << fault->name();
         fault->fail_next();
-        EXPECT_EQ(decrypt_file(cipher), "");
+        EXPECT_EQ(decrypt_file(cipher), "") << fault->name();
         EXPECT_TRUE(file_exists(kBack));
     }
     fault_cipher_update.fail_next();

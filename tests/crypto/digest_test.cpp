@@ -8,6 +8,7 @@
 #include "support/files.h"
 #include "support/libc.h"
 #include "support/process.h"
+#include "support/sanitized.h"
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -151,7 +152,7 @@ TEST(Sm3Text, WithoutAContextThereIsNoDigestAndEveryContextIsFreed)
     g_contexts_freed = 0;
     for (FaultPoint *fault : {&fault_digest_context, &fault_digest_init}) {
         fault->fail_next();
-        EXPECT_EQ(bv_os_sm3_str(kA, 1, out), uint32_t{BV_ERR_MEMORY});
+        EXPECT_EQ(bv_os_sm3_str(kA, 1, out), uint32_t{BV_ERR_MEMORY}) << fault->name();
         fault->fail_next();
         EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), uint32_t{BV_ERR_MEMORY});
     }
@@ -238,7 +239,7 @@ TEST_F(Sm3File, FileWithoutASizeIsReadToItsEnd)
     EXPECT_EQ(sm3_of_file("/scratch/pipe"), sm3(content));
 }
 
-TEST_F(Sm3File, WithoutMemoryForThePieceNothingStaysOpen)
+TEST_F(Sm3File, NothingStaysOpenOrAllocatedWithOrWithoutMemoryForThePiece)
 {
     write_file("/scratch/file", "content");
     const auto before = open_descriptors();
@@ -249,6 +250,9 @@ TEST_F(Sm3File, WithoutMemoryForThePieceNothingStaysOpen)
         EXPECT_EQ(fail.happened(), 1u);
     }
     EXPECT_TRUE(out.untouched());
+    FaultPoint::count_ours_only();
+    watch_our_blocks();
     EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), BV_OK);
+    EXPECT_EQ(kSanitized ? 0 : our_blocks(), 0);
     EXPECT_EQ(open_descriptors(), before);
 }

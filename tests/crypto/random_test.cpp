@@ -85,7 +85,8 @@ TEST_F(Random, NumbersOutOfRangeAndNullLeaveTheBufferAndTheGeneratorAlone)
                 {nullptr, 256, 0},
                 {nullptr, 257, BV_ERR_TOO_LONG}};
     for (const auto &row : rows)
-        EXPECT_EQ(bv_os_random(row.to, row.num), row.result) << row.num;
+        EXPECT_EQ(bv_os_random(row.to, row.num), row.result)
+            << row.num << (row.to == nullptr ? " into null" : "");
     EXPECT_TRUE(buffer.untouched_from(0));
     EXPECT_EQ(g_calls, 0);
 }

@@ -9,6 +9,7 @@
 #include "support/dirty_heap.h"
 #include "support/faults.h"
 #include "support/process.h"
+#include "support/sanitized.h"
 
 #include <gtest/gtest.h>
 
@@ -62,6 +63,16 @@ TEST_F(Driver, RecordHasOneByteMoreThanItsFieldsNeed)
     EXPECT_EQ(record.happened(), 1u);
     EXPECT_EQ(data[0], 'a');
     EXPECT_EQ(output.stop(), "malloc fail\n");
+}
+
+TEST_F(Driver, RecordIsFreedWhateverBecomesOfTheCall)
+{
+    for (const char *name : {"result5", "reject"}) {
+        FaultPoint::count_ours_only();
+        watch_our_blocks();
+        bv_ioctl_call(name, nullptr, 100);
+        EXPECT_EQ(kSanitized ? 0 : our_blocks(), 0) << name;
+    }
 }
 #endif
 

@@ -6,7 +6,9 @@
 #include <bv/os.h>
 
 #include "support/capture_stdout.h"
+#include "support/faults.h"
 #include "support/process.h"
+#include "support/sanitized.h"
 
 #include <gtest/gtest.h>
 
@@ -45,6 +47,9 @@ void expect_calls(const char *name, int info_status, int read_status, int write_
     EXPECT_EQ(bv_mtd_get_info(name, &info), info_status);
     EXPECT_EQ(bv_mtd_write(name, &byte, 0, 1), write_status);
     EXPECT_EQ(bv_mtd_read(name, &byte, 0, 1), read_status);
+    if (write_status == BV_ERR_FAILED && read_status == BV_ERR_FAILED) {
+        EXPECT_EQ(devices::system_calls_on_flash(), 0u);
+    }
     EXPECT_EQ(bv_mtd_erase(name, 0, kBlock), erase_status);
 }
 
@@ -359,6 +364,16 @@ TEST_F(Flash, BlockThatCannotBeReadIsErasedAnyway)
     ASSERT_EQ(bv_mtd_erase("config", 0, 2 * kBlock), BV_OK);
     EXPECT_EQ(devices::erase_requests(), 2u);
 }
+
+#ifndef BV_NOTHING_INTERPOSED
+TEST_F(Flash, MemoryForTheLookIsFreed)
+{
+    FaultPoint::count_ours_only();
+    watch_our_blocks();
+    ASSERT_EQ(bv_mtd_erase("config", 0, kBlock), BV_OK);
+    EXPECT_EQ(kSanitized ? 0 : our_blocks(), 0);
+}
+#endif
 
 TEST_F(Flash, EraseSizeOfZeroIsRefused)
 {

@@ -227,9 +227,9 @@ TEST(Capture, IsReadUpToItsDamage)
          {"x"s, record(packet()).substr(0, 30),
           le(1) + le(1) + le(0xffffffff) + le(0xffffffff) + "x", record(Bytes(1000000, 'x'))}) {
         const Outcome outcome = read_back(good + rest);
-        EXPECT_EQ(outcome.status, 1);
-        EXPECT_EQ(outcome.output.substr(26), kLine);
-        EXPECT_TRUE(contains(outcome.errors, "damaged or cut off"));
+        EXPECT_EQ(outcome.status, 1) << rest.size();
+        EXPECT_EQ(outcome.output.substr(26), kLine) << rest.size();
+        EXPECT_TRUE(contains(outcome.errors, "damaged or cut off")) << rest.size();
     }
 }
 
@@ -245,8 +245,8 @@ TEST(Capture, IsRefusedWhenItIsSomethingElse)
                 {file_head(0xa1b2c3d4, 105), "captured on an unknown kind of network"}};
     for (const auto &row : rows) {
         const Outcome outcome = read_back(row.content);
-        EXPECT_EQ(outcome.status, 1);
-        EXPECT_TRUE(contains(outcome.errors, row.message)) << outcome.errors;
+        EXPECT_EQ(outcome.status, 1) << row.content;
+        EXPECT_TRUE(contains(outcome.errors, row.message)) << row.content << outcome.errors;
     }
     EXPECT_EQ(run_line("-r /nowhere/capture").errors,
               "bv-collect: /nowhere/capture: No such file or directory\n");

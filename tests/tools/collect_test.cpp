@@ -235,7 +235,9 @@ TEST(Collect, SaysWhyItCannotListenAndLeavesOlderCaptureAlone)
 {
     Collector first;
     write_file("/scratch/older", "capture");
-    EXPECT_EQ(run_line("-a 127.0.0.1 -w /scratch/older -p " + std::to_string(first.port())),
+    const std::string port = std::to_string(first.port());
+    EXPECT_EQ(first.errors(), "bv-collect: listening on 127.0.0.1:" + port + "\n");
+    EXPECT_EQ(run_line("-a 127.0.0.1 -w /scratch/older -p " + port),
               (Outcome{1, "", "bv-collect: cannot listen: "s + strerror(EADDRINUSE) + "\n"}));
     EXPECT_EQ(read_file("/scratch/older"), "capture");
 }

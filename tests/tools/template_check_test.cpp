@@ -61,26 +61,26 @@ TEST(TemplateCheck, PassesBothEndsOfEveryType)
 TEST(TemplateCheck, FindsValuesThatDoNotFit)
 {
     const char *const rows[][4] = {
-        {"string", "1", "a",
+        {"string", "1", R"("a")",
          "text of 1 byte is too long for len 1, which counts the zero byte at its end"},
-        {"string", "4", "abcd",
+        {"string", "4", R"("abcd")",
          "text of 4 bytes is too long for len 4, which counts the zero byte at its end"},
-        {"char", "1", "-129", "-129 does not fit type char (-128 to 127)"},
+        {"char", "1", R"("-129")", "-129 does not fit type char (-128 to 127)"},
         {"char", "1", "128", "128 does not fit type char (-128 to 127)"},
         {"uchar", "1", "256", "256 does not fit type uchar (0 to 255)"},
         {"uchar", "1", "-1", "-1 does not fit type uchar (0 to 255)"},
         {"short", "2", "32768", "32768 does not fit type short (-32768 to 32767)"},
         {"ushort", "2", "65536", "65536 does not fit type ushort (0 to 65535)"},
         {"int", "4", "2147483648", "2147483648 does not fit type int (-2147483648 to 2147483647)"},
-        {"uint", "4", "4294967296", "4294967296 does not fit type uint (0 to 4294967295)"}};
+        {"uint", "4", "4294967296", "4294967296 does not fit type uint (0 to 4294967295)"},
+        {"int", "4", "1.5", "'1.5' is not a number"}};
     for (const auto &[type, len, value, why] : rows)
-        EXPECT_EQ(faults_of(parameter(type, len, '"' + std::string(value) + '"')),
-                  "2: value of \"x\": "s + why + "\n");
+        EXPECT_EQ(faults_of(parameter(type, len, value)), "2: value of \"x\": "s + why + "\n");
 
     const struct {
         const char *type, *len, *kind;
         Words values;
-    } kinds[] = {{"int", "4", "a number", {"99999999999999999999", "", "-", "12a", "1.5"}},
+    } kinds[] = {{"int", "4", "a number", {"99999999999999999999", "", "-", "12a"}},
                  {"mac",
                   "6",
                   "a MAC address",

@@ -250,7 +250,6 @@ TEST_F(Sm3File, NothingStaysOpenOrAllocatedWithOrWithoutMemoryForThePiece)
         EXPECT_EQ(fail.happened(), 1u);
     }
     EXPECT_TRUE(out.untouched());
-    FaultPoint::count_ours_only();
     watch_our_blocks();
     EXPECT_EQ(bv_os_sm3_file("/scratch/file", out), BV_OK);
     EXPECT_EQ(kSanitized ? 0 : our_blocks(), 0);

@@ -368,7 +368,6 @@ TEST_F(Flash, BlockThatCannotBeReadIsErasedAnyway)
 #ifndef BV_NOTHING_INTERPOSED
 TEST_F(Flash, MemoryForTheLookIsFreed)
 {
-    FaultPoint::count_ours_only();
     watch_our_blocks();
     ASSERT_EQ(bv_mtd_erase("config", 0, kBlock), BV_OK);
     EXPECT_EQ(kSanitized ? 0 : our_blocks(), 0);

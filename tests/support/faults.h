@@ -180,7 +180,7 @@ public:
 extern void (*g_heap_hook)(const void *freed);
 
 // Notes the blocks that our own code takes, in all threads, from now on; and how many of them are
-// not given back yet.
+// not given back yet. Only our own calls count from then on.
 void watch_our_blocks();
 int our_blocks();
 

@@ -243,6 +243,7 @@ bool HeapWatch::unlinked(const void *address) const
 
 void watch_our_blocks()
 {
+    FaultPoint::count_ours_only();
     start(kOurs);
 }
 

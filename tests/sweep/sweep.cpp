@@ -57,7 +57,6 @@ void run_case(const Case &c, FaultPoint *fault, int nth, Report &report)
     if (fault != nullptr)
         fault->fail_next(nth);
     watch_our_blocks();
-    FaultPoint::count_ours_only();
     report.result = c.call();
     report.happened = fault != nullptr && fault->failures() > 0;
     for (size_t i = 0; i < faults.size(); i++)

@@ -111,6 +111,7 @@ TEST(MatchSpecialChar, ClassifiesEveryByteAsAsciiInAnyLocale)
         bool expected = special.find(static_cast<char>(ch)) != std::string::npos;
         EXPECT_EQ(bv_os_match_special_char(text), expected ? 0 : -1) << ch;
     }
+    setlocale(LC_ALL, "C"); // other tests may run in this process
 }
 
 TEST(Trim, CutsBothEndsInPlace)

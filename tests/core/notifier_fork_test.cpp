@@ -110,7 +110,7 @@ TEST_F(NotifierFork, LockHeldAtTheForkDoesNotStopTheChild)
 TEST_F(NotifierFork, ChildOfAParentWithNothingButASocketOpensItsOwn)
 {
     if (!start_with_driver(bv_netlink_init))
-        GTEST_SKIP() << "no netlink socket of this protocol";
+        GTEST_SKIP() << "user-mode emulation refuses netlink protocols";
     EXPECT_EQ(run_in_child([] {
                   bv_notifier_init();
                   return port_of(g_last_socket.fd) == static_cast<uint32_t>(getpid()) ? 0 : 1;
@@ -121,7 +121,7 @@ TEST_F(NotifierFork, ChildOfAParentWithNothingButASocketOpensItsOwn)
 TEST_F(NotifierFork, ChildClosesTheParentsSocketAndOpensItsOwn)
 {
     if (!start_with_driver(bv_notifier_init))
-        GTEST_SKIP() << "no netlink socket of this protocol";
+        GTEST_SKIP() << "user-mode emulation refuses netlink protocols";
     EXPECT_EQ(run_in_child(has_own_socket_only), 0);
     EXPECT_EQ(port_of(g_last_socket.fd), static_cast<uint32_t>(getpid()));
 }

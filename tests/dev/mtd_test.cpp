@@ -365,7 +365,8 @@ TEST_F(Flash, BlockThatCannotBeReadIsErasedAnyway)
     EXPECT_EQ(devices::erase_requests(), 2u);
 }
 
-#ifndef BV_NOTHING_INTERPOSED
+// A program for the target contains the C++ library, whose blocks would count as ours.
+#if !defined(BV_NOTHING_INTERPOSED) && !defined(__mips__)
 TEST_F(Flash, MemoryForTheLookIsFreed)
 {
     watch_our_blocks();

@@ -48,8 +48,8 @@ constexpr bool numbers_fit_32_bits()
 }
 static_assert(numbers_fit_32_bits(), "a wider number needs wider conversions");
 
-// Null if there is no such type. Every parameter of every instance comes through here: nine calls
-// of the string comparison would cost more than the conversion itself.
+// The row of a type, or null for an unknown name. The comparison is written out because this runs
+// for every parameter of every instance: nine calls would cost more than the conversion itself.
 inline const ParameterType *find_type(const char *name)
 {
     for (const ParameterType &type : kParameterTypes) {

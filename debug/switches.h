@@ -19,7 +19,7 @@ constexpr uint32_t kDebugSwitches = kDebugModules * kDebugLevels;
 // acquire would cost every message that is off a memory barrier.
 extern uint8_t *g_debug_switches __attribute__((visibility("hidden")));
 
-// Makes a new table with all switches off. Without memory there is no table afterwards.
+// Makes a new table with all switches off. If memory is short, the table becomes null.
 void debug_switches_init();
 
 // 64 bits: the product does not wrap, whatever numbers a caller passes.

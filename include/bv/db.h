@@ -221,12 +221,12 @@ BV_API int32_t bv_db_template_read_single(const char *name, bv_db_family *family
  * @param table  the descriptors; the values of known types are replaced, others stay
  * @return 0
  *
- * The image's size is not known, and len is no limit: a type is read in its own width, and a string
- * up to its first NUL among 1024 bytes; without a NUL there it becomes empty. So the caller
- * provides every byte that the types read, also after the last parameter: a string that fills its
- * len without a NUL is read on. Do not pass images of the database, unless the template gives every
- * type its width and every text its NUL. Bytes in front of the image, where negative lengths may
- * lead, read as 0.
+ * The image's size is not known, and len does not limit what is read: each type is read in its own
+ * width, and a string up to the first NUL within 1024 bytes. A string without one becomes empty. So
+ * the caller provides every byte that the types read, even after the last parameter: reading
+ * continues past the len of a string that fills it without a NUL. Do not pass images of the
+ * database, unless the template gives every type its width and every text its NUL. Bytes in front
+ * of the image, where negative lengths may lead, read as 0.
  */
 BV_API int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table);
 
@@ -428,7 +428,7 @@ BV_API int32_t bv_db_inst_getnew(const char *name, uint32_t *out);
  * Counts the instances of a family.
  *
  * @param name  the family's name
- * @return how many there are; 0 also when there is no such family
+ * @return the number of instances; 0 if the family does not exist
  */
 BV_API int32_t bv_db_inst_getnum(const char *name);
 
@@ -440,7 +440,7 @@ BV_API int32_t bv_db_inst_getnum(const char *name);
  * @param buflen  bytes in buf. Pass at least the image size: with less all of buf is cleared, and
  *                the result is still 0. With more the rest of buf is unchanged; above 0x7fffffff
  *                all of it is
- * @param inst    its number; 1 reads the template's defaults when there is no instance 1
+ * @param inst    its number; 1 reads the template's defaults if instance 1 does not exist
  *
  * @retval BV_OK               read; nothing is copied for a family without parameters
  * @retval BV_ERR_NO_FAMILY    no such family

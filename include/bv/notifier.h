@@ -14,8 +14,8 @@
  *
  * The types 0 to 3, 7, 9 and 10 never come from the driver: services may use them.
  *
- * bv_notifier_init(), which bv_libraries_init() calls, starts both threads. They run as long as the
- * process; there is no shutdown.
+ * bv_notifier_init(), which bv_libraries_init() calls, starts both threads. They run until the
+ * process ends and cannot be stopped.
  */
 #ifndef BV_NOTIFIER_H
 #define BV_NOTIFIER_H
@@ -48,8 +48,8 @@ typedef void (*bv_notifier_cb)(void *data, uint32_t length);
 
 /**
  * Starts the notifier: its two threads and their state. While the dispatch thread runs, a further
- * call changes nothing, except that it tries to reach the driver again if there is no receive
- * thread yet, for instance because the driver was loaded later.
+ * call changes nothing but this: without a receive thread it tries to reach the driver again, which
+ * may have been loaded since.
  *
  * If the driver cannot be reached (bv_netlink_init() failed), this is not a failure: events between
  * the service's own threads still work. If the dispatch thread cannot be started, this is not
@@ -76,8 +76,8 @@ BV_API int32_t bv_notifier_init(void);
  * @return 0, also when nothing was registered: with a wrong argument, when memory is short, or
  *         while no dispatch thread runs (see bv_notifier_init())
  *
- * There is no lock: register from one thread at a time. Events may be delivered meanwhile; the new
- * callback may or may not get an event that is being delivered.
+ * Registering takes no lock: do it from one thread at a time. Events may be delivered meanwhile;
+ * the new callback may or may not get an event that is being delivered.
  */
 BV_API int32_t bv_notifier_reg(uint32_t type, bv_notifier_cb callback);
 

@@ -288,7 +288,7 @@ BV_API int bv_os_sscanf(const char *str, const char *format, ...);
  * hot paths. The result of the others is that of system(3): the wait status, or -1.
  *
  * The capturing functions use a file under /tmp, named after the process (the low 16 bits of its
- * id) and an 8-bit sequence number that both share. There is no lock: threads that capture at the
+ * id) and an 8-bit sequence number that both share. They take no lock: threads that capture at the
  * same moment may get each other's output, so callers serialise them.
  * @{
  */

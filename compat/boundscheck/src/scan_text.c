@@ -76,7 +76,8 @@ static bool put_wide(struct text_buffer *buffer, char byte)
     return true;
 }
 
-// Adds one byte. False: there is no room for it, or it is not part of a character of the locale.
+// Adds one byte. Returns false when the buffer is full, or when the byte is not valid in the
+// locale.
 static bool put(struct text_buffer *buffer, char byte)
 {
     if (is_suppressed(buffer))

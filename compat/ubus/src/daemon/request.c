@@ -69,8 +69,8 @@ static void request_invoke(struct client *client, const struct message *message)
     forward_call(object->owner, id, client, message, false);
 }
 
-// DATA or STATUS of an owner, for the caller named in peer. There is no table of open calls: an
-// owner's answers are passed on, and those without a caller are dropped silently.
+// DATA or STATUS of an owner, for the caller named in peer. The daemon does not keep track of open
+// calls: it passes every answer on, and silently drops those whose caller is gone.
 static void forward_answer(struct client *client, const struct message *message)
 {
     int needed = message->type == UBUS_MSG_STATUS ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA;

@@ -31,6 +31,25 @@ namespace {
 
 using UloopRun = LoopTest;
 
+// Two descriptors whose callbacks end the loop.
+struct TwoThatEnd {
+    int calls = 0;
+    SocketPair one, two;
+    std::function<void(Fd &, unsigned int)> end = [this](Fd &, unsigned int) {
+        calls++;
+        uloop_end();
+    };
+    Fd first{one.a, end}, second{two.a, end};
+
+    void make_readable()
+    {
+        for (Fd *fd : {&first, &second})
+            uloop_fd_add(fd, ULOOP_READ);
+        send_byte(one.b);
+        send_byte(two.b);
+    }
+};
+
 TEST_F(UloopRun, NegativeArgumentRunsUntilTheEnd)
 {
     int calls = 0;
@@ -84,22 +103,12 @@ TEST_F(UloopRun, FlagStaysSetUntilTheNextRun)
 
 TEST_F(UloopRun, EndInADescriptorCallbackComesBeforeTheNextDescriptor)
 {
-    int calls = 0;
-    SocketPair one, two;
-    auto on = [&](Fd &, unsigned int) {
-        calls++;
-        uloop_end();
-    };
-    Fd first(one.a, on), second(two.a, on);
-
-    for (Fd *fd : {&first, &second})
-        uloop_fd_add(fd, ULOOP_READ);
-    send_byte(one.b);
-    send_byte(two.b);
+    TwoThatEnd fds;
+    fds.make_readable();
     uloop_run();
-    EXPECT_EQ(calls, 1);
-    uloop_fd_delete(&first);
-    uloop_fd_delete(&second);
+    EXPECT_EQ(fds.calls, 1);
+    uloop_fd_delete(&fds.first);
+    uloop_fd_delete(&fds.second);
 }
 
 TEST_F(UloopRun, EndOfANestedRunEndsTheOuterOne)
@@ -317,24 +326,14 @@ TEST(UloopLife, RecordThatOutlivedItsLoopMustBeDeletedFirst)
 
 TEST(UloopLife, EventsFetchedBeforeDoneAreNotDeliveredAfterwards)
 {
-    int calls = 0;
-    SocketPair one, two;
-    auto on = [&](Fd &, unsigned int) {
-        calls++;
-        uloop_end();
-    };
-    Fd first(one.a, on), second(two.a, on);
-
+    TwoThatEnd fds;
     ASSERT_EQ(uloop_init(), 0);
-    for (Fd *fd : {&first, &second})
-        uloop_fd_add(fd, ULOOP_READ);
-    send_byte(one.b);
-    send_byte(two.b);
+    fds.make_readable();
     uloop_run();
     uloop_done();
     ASSERT_EQ(uloop_init(), 0);
     uloop_run_timeout(0);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(fds.calls, 1);
     uloop_done();
 }
 

@@ -39,6 +39,13 @@ test-compat: deps ## builds the stand-ins of compat/ alone, with clang, and runs
 	@cmake --build build/compat
 	@tests/run build/compat -L compat
 
+test-platform: deps ## the suite against libraries of a platform in a prefix of their own, without the stand-ins
+	@rm -rf build/platform-prefix
+	@tests/package/make-platform build/platform-prefix
+	@cmake --preset ci -B build/platform -DBV_COMPAT=OFF -DCMAKE_PREFIX_PATH="$(CURDIR)/build/platform-prefix"
+	@cmake --build build/platform
+	@tests/run build/platform
+
 test-confined: build ## the suite and the demo as in a container that refuses namespaces, as root and as a plain user
 	@tests/confined
 

@@ -27,6 +27,30 @@ if(BV_TEST_USERLAND) # of a cross build: what fills the root instead of this mac
   list(APPEND BV_TEST_ROOT --userland "${BV_TEST_USERLAND}")
 endif()
 
+# Libraries and the daemon may lie in a prefix of their own: the private root has to show it.
+set(prefixes "")
+foreach(target boundscheck::boundscheck ubox::ubox ubus::ubus)
+  if(TARGET ${target}) # otherwise a stand-in
+    get_target_property(file ${target} IMPORTED_LOCATION)
+    list(APPEND prefixes "${file}")
+  endif()
+endforeach()
+foreach(library IN LISTS BV_JSONC_LINK_LIBRARIES OPENSSL_CRYPTO_LIBRARY)
+  list(APPEND prefixes "${library}")
+endforeach()
+if(NOT TARGET ubusd)
+  list(APPEND prefixes "${BV_UBUSD}")
+endif()
+list(TRANSFORM prefixes REPLACE "/s?bin/[^/]*$|/lib(64|/[^/]*-linux-[^/]*)?/[^/]*$" "")
+list(FILTER prefixes INCLUDE REGEX "^/")
+list(FILTER prefixes EXCLUDE REGEX "^/usr(/|$)|^/lib(/|$)")
+list(REMOVE_DUPLICATES prefixes)
+if(CMAKE_CROSSCOMPILING) # the target's root has them
+  set(prefixes "")
+endif()
+list(JOIN prefixes "\n" lines)
+file(WRITE "${PROJECT_BINARY_DIR}/prefixes" "${lines}\n")
+
 # What ThreadSanitizer is for: the programs with the label `threaded`.
 add_custom_target(threaded_tests)
 
@@ -59,6 +83,10 @@ function(bv_test_kit target kind)
   target_compile_definitions(${target} PRIVATE BV_UBUSD="${BV_UBUSD}")
   target_compile_options(${target} PRIVATE ${BV_TEST_OPTIONS})
 endfunction()
+list(TRANSFORM BV_COMPAT_BUILT REPLACE "(.+)" "\"lib\\1.so\"" OUTPUT_VARIABLE stand_ins)
+list(JOIN stand_ins ", " stand_ins)
+set_source_files_properties(${BV_TREE}/tests/support/faults.cpp PROPERTIES
+  COMPILE_DEFINITIONS "BV_STAND_INS=${stand_ins}")
 bv_test_kit(test_kit STATIC bus.cpp child.cpp faults.cpp wire.cpp)
 bv_test_kit(interposed_heap OBJECT heap.cpp)
 bv_test_kit(interposed_libc OBJECT libc.cpp)

@@ -16,6 +16,8 @@
 using namespace wire;
 
 // Lets a test have an event loop that cannot be made.
+// Event loops differ in which of the two they call.
+BV_FAULT_POINT(epoll_create, int, (int size), (size), -1);
 BV_FAULT_POINT(epoll_create1, int, (int flags), (flags), -1);
 FaultPoint fault_watching;
 // Sees the descriptors that the library has the loop watch.
@@ -532,8 +534,10 @@ TEST(RpcServer, WithoutABusRegistersAndFails)
 TEST(RpcServer, WithoutAnEventLoopFails)
 {
     ScriptedBus bus([](Peer &peer) { peer.hello(); });
+    fault_epoll_create.fail_always(EMFILE);
     fault_epoll_create1.fail_always(EMFILE);
     EXPECT_EQ(bv_ubus_server_init(nullptr, nullptr), -1);
+    fault_epoll_create.pass();
     fault_epoll_create1.pass();
     // The script waits for one connection, made or not made above.
     bv_ubus_free(bv_ubus_connect(nullptr));

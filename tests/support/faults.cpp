@@ -22,9 +22,10 @@ bool is_program(const dl_phdr_info &info, const ElfW(Phdr) & header)
     return here - (info.dlpi_addr + header.p_vaddr) < header.p_memsz;
 }
 
+// libbv, or a stand-in that is built here. A platform's own libraries may not survive a failure.
 bool is_library(const char *object)
 {
-    for (const char *name : {"libbv.so", "libubox.so", "libubus.so", "libboundscheck.so"}) {
+    for (const char *name : {"libbv.so", BV_STAND_INS}) {
         if (strstr(object, name) != nullptr)
             return true;
     }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <link.h>
 
 namespace {
@@ -22,10 +23,12 @@ bool is_program(const dl_phdr_info &info, const ElfW(Phdr) & header)
     return here - (info.dlpi_addr + header.p_vaddr) < header.p_memsz;
 }
 
-// libbv, or a stand-in that is built here. A platform's own libraries may not survive a failure.
+// libbv, and the stand-ins that are built here. A platform's own libraries may not survive a failure.
+constexpr const char *kOurs[] = {"libbv.so", BV_STAND_INS};
+
 bool is_library(const char *object)
 {
-    for (const char *name : {"libbv.so", BV_STAND_INS}) {
+    for (const char *name : kOurs) {
         if (strstr(object, name) != nullptr)
             return true;
     }
@@ -73,6 +76,11 @@ FaultPoint::FaultPoint(const char *name, int error) : name_(name), usual_error_(
 const std::vector<FaultPoint *> &FaultPoint::all()
 {
     return points();
+}
+
+bool FaultPoint::has_all_stand_ins()
+{
+    return std::size(kOurs) == 4;
 }
 
 void FaultPoint::count_ours_only()

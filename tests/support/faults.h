@@ -89,6 +89,8 @@ public:
     // From now on only calls out of our own code count: this program, the library and the
     // stand-ins. json-c and libcrypto do not survive each failure of their own.
     static void count_ours_only();
+    // Whether the three are stand-ins. In a platform's own libraries nothing fails.
+    static bool has_all_stand_ins();
 
 private:
     static constexpr int kAlways = -1;

@@ -158,7 +158,8 @@ void sweep_case(const Case &c)
         failures += count;
         met += std::string(" ") + faults[i]->name() + ":" + std::to_string(count);
     }
-    EXPECT_GT(failures, 0) << "nothing in it fails: it belongs to the plain ones";
+    EXPECT_TRUE(failures > 0 || !FaultPoint::has_all_stand_ins())
+        << "nothing in it fails: it belongs to the plain ones";
     printf("%-28s%4d failures:%s%s\n", c.name, failures, met.c_str(),
            is_cut(c) ? " (the first of each only: shells take long under emulation)" : "");
 }

@@ -90,8 +90,8 @@ static uint32_t config_write(void *data, uint32_t length)
         return BV_ERR_INVALID;
     message->status = bv_db_write(message->family, message->image, image_size(message->family),
                                   message->instance);
-    bv_debug_remote(1, 0x4257, OWNER_MODULE, LEVEL_CHANGE, "%s instance %u written, status %d",
-                    message->family, message->instance, message->status);
+    bv_debug_remote(1, 0x4257, OWNER_MODULE, LEVEL_CHANGE, "%s instance %u written: %s",
+                    message->family, message->instance, bv_status_text(message->status));
     return BV_OK;
 }
 
@@ -205,7 +205,7 @@ int main(int argc, char **argv)
         int32_t status = bv_ubus_server_init(NULL, register_functions);
 
         if (!stop) {
-            fprintf(stderr, "owner: not serving (%d), trying again\n", status);
+            fprintf(stderr, "owner: not serving: %s, trying again\n", bv_status_text(status));
             bv_timer_set(500);
         }
     }

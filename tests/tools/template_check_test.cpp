@@ -146,6 +146,19 @@ TEST(TemplateCheck, FindsWhatWouldNotSurviveARewrite)
     }
 }
 
+// They may be somebody's own, as is one beside the key that it resembles.
+TEST(TemplateCheck, WarnsOfUnknownKeysWithoutCallingThemFaults)
+{
+    write_file(kFile, "{\"paras\":1,\"para\":[" +
+                          parameter("int", "4", "1").insert(1, "\n\"min\":0,") + "]}");
+    const std::string ignored = kFile + ":1: warning: unknown key \"paras\" is ignored\n" + kFile +
+                                ":2: warning: unknown key \"min\" is ignored\n";
+    EXPECT_EQ(run_tool({"check", kFile}), (Outcome{0, ignored, ""}));
+    const Outcome header = run_tool({"header", kFile});
+    EXPECT_EQ(header.errors, ignored);
+    EXPECT_EQ(header.output.rfind("/* Parameters", 0), 0u) << header.output;
+}
+
 TEST(TemplateCheck, FindsTextsThatAreTooLong)
 {
     const std::string longest(1023, 'n');

@@ -108,6 +108,7 @@ void write_output(const Family &family)
 int header(const char *path)
 {
     Family family;
+    warn_on_standard_error();
     if (read_family(path, family) && fault_count() == 0)
         write_output(family);
     return result();

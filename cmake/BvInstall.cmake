@@ -11,11 +11,12 @@ install(TARGETS bv LIBRARY
   DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT development)
 install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
   FILES_MATCHING PATTERN "*.h")
-install(FILES docs/man/libbv.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
-install(FILES docs/man/bv-formats.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT development)
+include(BvMan)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "man" EXCLUDE)
+# The other pages are for those who work on the library.
+foreach(page IN ITEMS formats guide porting status surprises threads)
+  install(FILES docs/${page}.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development)
+endforeach()
 
 if(BV_COMPAT_BUILT)
   install(TARGETS ${BV_COMPAT_BUILT} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

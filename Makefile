@@ -99,7 +99,7 @@ format: ## puts every source file into the house format
 docs: ## makes build/docs/html of the pages and headers; a declaration without its docs is an error
 	@scripts/install-deps doxygen
 	@mkdir -p build/docs
-	@doxygen docs/Doxyfile
+	@BV_VERSION=$$(scripts/version) doxygen docs/Doxyfile
 
 install: build ## installs below PREFIX (default /usr/local), DESTDIR in front of it
 	@DESTDIR="$(DESTDIR)" cmake --install "$(BUILD)" --prefix "$(or $(PREFIX),/usr/local)"

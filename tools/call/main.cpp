@@ -50,6 +50,7 @@ constexpr char kUsage[] =
     "  -s, --socket=PATH      the bus's socket\n"
     "  -m, --timeout=MS       how long to wait, in milliseconds (default 3000)\n"
     "  -h, --help             print this\n"
+    "  -V, --version          print the version\n"
     "\n"
     "The function's result goes to the standard error output.\n"
     "Exit status: 0 the function returned 0, 1 no answer, 2 wrong usage, 3 it returned something\n"

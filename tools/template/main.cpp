@@ -32,6 +32,7 @@ constexpr char kUsage[] =
     "  -n, --name=NAME         name of the structure (default the family's, without .json)\n"
     "  -o, --output=FILE       where the header goes (default the standard output)\n"
     "  -h, --help              print this\n"
+    "  -V, --version           print the version\n"
     "\n"
     "Exit status: 0 no fault, 1 faults were found, 2 a file cannot be read or written, or wrong\n"
     "usage.\n";

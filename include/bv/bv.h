@@ -34,7 +34,7 @@
 #define BV_VERSION_MINOR 0 /**< counts additions */
 #define BV_VERSION_PATCH 0 /**< counts fixes */
 
-/** The version as one number, for #if: 10203 is version 1.2.3. */
+/** The version as one number, which the preprocessor can compare: 10203 is version 1.2.3. */
 #define BV_VERSION_NUMBER (BV_VERSION_MAJOR * 10000 + BV_VERSION_MINOR * 100 + BV_VERSION_PATCH)
 
 /** Makes the text of a version from its three numbers. */

@@ -42,8 +42,7 @@
 /** As BV_VERSION_TEXT(), for arguments that are macros. */
 #define BV_VERSION_TEXT_OF(major, minor, patch) BV_VERSION_TEXT(major, minor, patch)
 /** The version as text, "1.2.3". */
-#define BV_VERSION_STRING                                                                          \
-    BV_VERSION_TEXT_OF(BV_VERSION_MAJOR, BV_VERSION_MINOR, BV_VERSION_PATCH)
+#define BV_VERSION_STRING BV_VERSION_TEXT_OF(BV_VERSION_MAJOR, BV_VERSION_MINOR, BV_VERSION_PATCH)
 /** @} */
 
 #endif

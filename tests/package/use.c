@@ -21,8 +21,8 @@ int main(int argc, char **argv)
     char text[65];
     struct blob_buf message;
 
-    snprintf(text, sizeof(text), "%d.%d.%d", BV_VERSION_NUMBER / 10000, BV_VERSION_NUMBER / 100 % 100,
-             BV_VERSION_NUMBER % 100);
+    snprintf(text, sizeof(text), "%d.%d.%d", BV_VERSION_NUMBER / 10000,
+             BV_VERSION_NUMBER / 100 % 100, BV_VERSION_NUMBER % 100);
     if (argc < 2 || strcmp(text, argv[1]) != 0 || strcmp(BV_VERSION_STRING, argv[1]) != 0)
         return 1;
     bv_os_sha256(text, "abc");

@@ -58,8 +58,8 @@ bool tools::take_options(const CommandLine &line, int argc, char **argv, int &st
     int letter;
     while ((letter = next_option(line, argc, argv)) != -1) {
         if (letter == 'h' || letter == 'V') {
-            const int printed =
-                letter == 'h' ? fputs(line.usage, stdout) : printf("%s " BV_VERSION "\n", line.program);
+            const int printed = letter == 'h' ? fputs(line.usage, stdout)
+                                              : printf("%s " BV_VERSION "\n", line.program);
             status = printed >= 0 && fflush(stdout) == 0 ? 0 : line.failed;
             return false;
         }

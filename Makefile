@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Thin: each target installs what it needs (with apt, through sudo when not root) and calls CMake
 # presets or a script that can be used alone.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, man pages
 # and the pages of docs/; tools/ and examples/ add theirs. Stand-ins that were built go beside the
 # library and are found through a run path of $ORIGIN, so that a prefix works wherever it is unpacked.

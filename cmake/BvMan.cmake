@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # The man pages, which scripts/man-pages makes from docs/man and the public headers.
 find_program(BV_AWK awk NO_CMAKE_FIND_ROOT_PATH)
 mark_as_advanced(BV_AWK)

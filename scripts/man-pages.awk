@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Writes the man pages of section 3 from the comments in the public headers: a page for each header,
 # and for each @name section of a header that has some. Prints each function and variable with its
 # page. scripts/man-pages runs it with the variables folder, version and date (YYYY-MM-DD).

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file bv.h
  * Every header of the library, and its version.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file os.h
  * The platform layer: memory with an allocation limit, bounded copies and prints, shell commands

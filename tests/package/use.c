@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /* use VERSION: a program that installs nothing but uses the whole interface's header, as C and as
  * C++. It compiles only with the defines that the package passes. */
 #if !defined(_GNU_SOURCE) || _FILE_OFFSET_BITS != 64 || _TIME_BITS != 64

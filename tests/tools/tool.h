@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the tests of the tools have in common: a tool's outcome as one value, refused command lines,
 // and lists of faults.
 #ifndef BV_TESTS_TOOLS_TOOL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-call: calls a function that a service offers on the bus, with bytes from the command line, and
 // shows what came back.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-collect: receives the debug messages of services, or reads them from a capture file, and
 // prints one line for each.
 //

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "tools/common/command_line.h"
 
 #include "tools/common/visible.h"

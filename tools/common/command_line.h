@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The command line and the complaints of all the tools.
 #ifndef TOOLS_COMMON_COMMAND_LINE_H
 #define TOOLS_COMMON_COMMAND_LINE_H

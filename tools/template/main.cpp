@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-template: checks templates and data files, and writes C headers for families.
 
 #include "tools/common/command_line.h"

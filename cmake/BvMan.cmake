@@ -7,15 +7,15 @@ if(NOT BV_AWK)
   return()
 endif()
 
-set(man "${CMAKE_BINARY_DIR}/man")
+set(man "${PROJECT_BINARY_DIR}/man")
 file(GLOB sources CONFIGURE_DEPENDS docs/man/* include/bv/*.h)
 add_custom_command(OUTPUT "${man}/man3/libbv.3"
-  COMMAND "${CMAKE_SOURCE_DIR}/scripts/man-pages" "${man}"
+  COMMAND "${PROJECT_SOURCE_DIR}/scripts/man-pages" "${man}"
   DEPENDS ${sources} CHANGELOG.md scripts/man-pages scripts/man-pages.awk scripts/version
   COMMENT "Making the man pages" VERBATIM)
-add_custom_target(man ALL DEPENDS "${man}/man3/libbv.3")
+add_custom_target(bv_man ALL DEPENDS "${man}/man3/libbv.3")
 
 if(BV_TOOLS)
-  install(DIRECTORY "${man}/man1" DESTINATION ${CMAKE_INSTALL_MANDIR})
+  install(DIRECTORY "${man}/man1" DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tools)
 endif()
 install(DIRECTORY "${man}/man3" "${man}/man5" DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Thin: each target installs what it needs (with apt, through sudo when not root) and calls CMake
 # presets or a script that can be used alone.
 
@@ -106,7 +107,7 @@ format: ## puts every source file into the house format
 docs: ## makes build/docs/html of the pages and headers; a declaration without its docs is an error
 	@scripts/install-deps doxygen
 	@mkdir -p build/docs
-	@doxygen docs/Doxyfile
+	@BV_VERSION=$$(scripts/version) doxygen docs/Doxyfile
 
 # Built without the tests, so that it needs few packages and little time.
 INSTALL_BUILD = $(if $(filter command line,$(origin BUILD)),$(BUILD),build/install)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "bench/bus_owners.h"
 
 #include <bv/status.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The processes that the remote-call benchmarks call: an owner of the library's kind, and a bare
 // object on the same bus that takes the same fields, answers with the same fields and completes in
 // the same way.

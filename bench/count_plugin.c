@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A plugin for the user-mode emulator: how many of the emulated processor's instructions a program
 // ran, printed on standard error as "instructions: N" when it exits. Every translated block adds
 // its length to one sum when it is entered, so an instruction is counted as often as it runs. What

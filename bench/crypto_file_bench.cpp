@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files in memory (/dev/shm): the AES helpers beside a context and two system calls for each chunk
 // of 32 bytes, which gives the same bytes, and the SM3 of a file beside that of the same bytes in
 // memory. Names are WORK/SIZE/WAY; compare rows of one WORK/SIZE within one run.

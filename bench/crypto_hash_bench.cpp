@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Hashes and checksums beside other libraries' portable code.
 //
 // The gateway has neither vector nor SHA instructions, so the peers are measured without theirs:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The configuration database: one read beside the look-up in it, a start beside json-c parsing the
 // same files, a commit beside json-c printing the tree that the written file holds. Runs in a
 // private root. Names are WORK/WHO; compare rows of one WORK within one run. --families=N, the

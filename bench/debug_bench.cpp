@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A debug message whose switch is on, beside printing and sending the same number of bytes by hand.
 // Both send to one socket without a reader, so the network is as cheap as it gets and what the
 // library adds weighs most; and one whose switch is off, as nearly all are. Names are WORK/WHO;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "bench/families.h"
 
 #include "tests/support/files.h"

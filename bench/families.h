@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A database of families of 10 parameters and 3 instances; a large gateway has 100. They are
 // registered by the absolute paths of their templates, so that looking for templates, which is
 // another program's work, is not part of a start. For programs that run in a private root.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Counts the system calls of reading and writing flash. Runs in a private root, with the devices
 // that the tests use. Prints lines of NAME COUNT.
 //

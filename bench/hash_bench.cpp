@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The hash table, in the geometries of its two users: the configuration database (2048 buckets,
 // 1024-byte keys) and the registry of remote functions (8196 buckets, whose mask leaves eight in
 // use, 256-byte keys).

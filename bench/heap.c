@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * What one of everything takes of the heap: prints a line "WHAT BYTES" for each, counting what was
  * asked of malloc() and its like and not given back. Its argument is the bus daemon, which it

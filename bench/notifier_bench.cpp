@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // From posting an event to its callback, beside a bare semaphore from one thread to another. Only
 // the way there is timed; the way back tells the posting thread that it may go on. Names are
 // WORK/WHO; compare rows of one WORK within one run.

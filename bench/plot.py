@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 """Draws the plots as SVG, readable on light and on dark pages."""
 
 import math

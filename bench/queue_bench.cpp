@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The message queue beside GLib's asynchronous queue with copied payloads, a kernel message queue
 // and a pipe: 64-byte messages through one thread, and from two producers to two consumers. Names
 // are WORK/WHO; compare rows of one WORK within one run.

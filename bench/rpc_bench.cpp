@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A remote call and its answer, beside a bare object on the same bus that takes the same fields and
 // answers with the same fields and one status; and that beside messages relayed by
 // hand over unix sockets, caller - relay - owner - relay - caller, as the bus daemon does. Runs in

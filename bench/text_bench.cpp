@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bounded copies beside the bounded-check library called directly, and hexadecimal text beside one
 // bounded print for each byte. Names are WORK/SIZE/WHO; compare rows of one WORK/SIZE within one
 // run.

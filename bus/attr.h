@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The header of a blob attribute, read byte by byte: a received attribute may be at any address,
 // and the byte order is the wire's, not the machine's.
 #ifndef BV_BUS_ATTR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Blob wrappers. The library underneath has inline functions for reading attributes and for putting
 // integers. So attributes are read here, and integers are laid out here and put as bytes.
 

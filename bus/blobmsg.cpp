@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Blobmsg wrappers: named, typed fields on top of blob attributes.
 
 #include <bv/ubus.h>

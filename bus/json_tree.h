@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A parsed JSON tree, given back at the end of its scope.
 #ifndef BV_BUS_JSON_TREE_H
 #define BV_BUS_JSON_TREE_H

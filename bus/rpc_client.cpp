@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The caller's side of remote calls: one connection per process, one call at a time.
 
 #include <bv/ubus.h>

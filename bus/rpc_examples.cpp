@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Two example handlers, which read and write a record of the library.
 
 #include <bv/ubus.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "bus/rpc_message.h"
 
 #include "bus/attr.h"

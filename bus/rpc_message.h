@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The two messages of a remote call: the arguments and the answer of the bus method "method". The
 // library and bv-call compile this codec.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The owner's side of remote calls: a registry of functions by name, and one bus object whose only
 // method runs them.
 //

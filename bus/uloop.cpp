@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Event loop wrappers: arguments and results pass through unchanged.
 
 #include <bv/ubus.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # The libraries underneath: json-c and libcrypto are always the installed ones; boundscheck, ubox
 # and ubus may come from compat/. Afterwards the targets PkgConfig::BV_JSONC, bv_libcrypto,
 # boundscheck::boundscheck, ubox::ubox and ubus::ubus exist, BV_UBUSD is the bus daemon's path,

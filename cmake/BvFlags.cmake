@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Definitions, warnings and hardening of every target of this tree, and C++ without its run-time library.
 
 # 64-bit file offsets and times with every C library: musl, the target's, has nothing else, and a

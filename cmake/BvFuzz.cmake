@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # bv_add_fuzz(NAME name SOURCES file... [LIBRARIES target...] [SUBJECT file...]
 #   [DICTIONARY file])
 #

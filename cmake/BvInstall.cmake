@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, man pages
 # and the pages of docs/; tools/ and examples/ add theirs.
 #
@@ -15,11 +16,12 @@ install(TARGETS bv
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} ${development})
 install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${development}
   FILES_MATCHING PATTERN "*.h")
-install(FILES docs/man/libbv.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 ${development})
-install(FILES docs/man/bv-formats.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 ${development})
+include(BvMan)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development}
-  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "man" EXCLUDE)
+# The other pages are for those who work on the library.
+foreach(page IN ITEMS formats guide porting status surprises threads)
+  install(FILES docs/${page}.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs ${development})
+endforeach()
 
 foreach(name IN LISTS BV_COMPAT_BUILT)
   install(TARGETS ${name} LIBRARY DESTINATION ${private} COMPONENT compat

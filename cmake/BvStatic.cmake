@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # The static library: one object file in which only the published names are global, so that a
 # service may have functions of the same names as the library's inner ones.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # bv_add_test(NAME name SOURCES file... [INTERPOSES heap|libc...] [LIBRARIES target...]
 #             [DEFINITIONS def...] [LABELS label...] [NETWORK])
 #

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Removes what the last `cmake --install` of this build tree put somewhere, and the folders that are
 # empty then. DESTDIR must be as it was.
 if(NOT EXISTS install_manifest.txt)

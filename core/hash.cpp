@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Hash table with chains. The geometry is fixed and all keys have one size, so a look-up is one
 // hash over the whole key, padding included, and one comparison for each entry of a chain.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the database does with a table beyond the public calls. Hashing a key of 1024 bytes costs
 // more than all other work on an entry, so adding one and finding it again is one step.
 #ifndef BV_CORE_HASH_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bob Jenkins' hash "lookup2" (1996). The configuration database hashes 1024 bytes on every access.
 // So a little-endian machine loads the key's words whole, and no part of a step may become a call:
 // the gateway's packages are optimised for size, and the compiler would then call memcpy for every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Rings of embedded links. An empty list's head points to itself, so linking and unlinking need
 // no special case for the ends.
 //

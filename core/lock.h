@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A lock that is held to the end of a scope.
 #ifndef BV_CORE_LOCK_H
 #define BV_CORE_LOCK_H

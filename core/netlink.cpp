@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The netlink socket to the gateway's driver, and the thread that reads it.
 
 #include <bv/notifier.h>

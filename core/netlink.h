@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the notifier asks about the driver's socket, beyond the public calls.
 #ifndef BV_CORE_NETLINK_H
 #define BV_CORE_NETLINK_H

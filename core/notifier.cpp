@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Numbered events from any thread to registered callbacks, through one dispatch thread; and the
 // translation of the driver's messages into such events.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bounded message queue. The lock covers linking and counting only. Messages are built, copied out
 // and freed outside it, so a large one never holds up other threads.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Time ticks, which do nothing yet, and the millisecond delay. Services and the start-up call the
 // tick functions, so they stay.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // AES-128-CBC of a work record and of short texts.
 
 #include <bv/aes.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // AES-128-CBC with libcrypto.
 #ifndef BV_CRYPTO_AES_CIPHER_H
 #define BV_CRYPTO_AES_CIPHER_H

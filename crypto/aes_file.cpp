@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // AES-128-CBC of files.
 //
 // An encrypted file is a row of independent messages: 32 bytes of plaintext padded to 48 of

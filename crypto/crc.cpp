@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // CRC-32 and CRC-16. The compiler makes the tables. They are read-only data, which all processes
 // that load the library share.
 

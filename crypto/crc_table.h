@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Reflected cyclic redundancy checks by table, several bytes at a time ("slicing").
 //
 // Table k holds, for each byte value, the CRC of that byte followed by k zero bytes. CRCs are

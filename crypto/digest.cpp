@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Digests as hexadecimal text: SHA-256 with our own code, SM3 with libcrypto.
 
 #include <bv/os.h>

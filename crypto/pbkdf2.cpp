@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // PBKDF2 with HMAC-SHA-256.
 
 #include <bv/sha2.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Random text.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Streaming SHA-256 and SHA-224, and HMAC over them.
 
 #include <bv/sha2.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // SHA-256 compression (FIPS 180-4, 6.2.2), unrolled by templates: one round and one step of the
 // message schedule are written here, and the compiler makes 64 of them.
 //

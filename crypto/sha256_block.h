@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The SHA-256 compression function, shared by the streaming interface and the text digest.
 #ifndef BV_CRYPTO_SHA256_BLOCK_H
 #define BV_CRYPTO_SHA256_BLOCK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Clearing secrets.
 //
 // The compiler removes a plain memset of an object that is not read again. Keys and intermediate

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The calls that services use: instances by the name of their family.
 //
 // A failed copy is not reported here: services pass buffers of any size and expect 0.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The whole database between memory and files: start, reset, restore, commit and the flag that lets
 // it write, and the command word by which a message asks for one of them.
 

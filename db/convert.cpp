@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parameters between text (a descriptor's value) and bytes (an image).
 //
 // Templates come from outside and may claim anything: lengths that do not fit their types, or are

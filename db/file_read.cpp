@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Reads data files, which are JSON.
 //
 // Elements pass through the family's descriptors and working image one after the other, and neither

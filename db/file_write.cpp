@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Writes data files, which are JSON.
 //
 // The text is built in one buffer and written in large pieces: a print call for every line made a

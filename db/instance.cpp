@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Instances: the numbered images of a family.
 //
 // The list is in the order of adding, and walks and data files keep that order. The family record

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The instances of one family by number, while a data file is loaded.
 //
 // A load looks for each number of the file before it stores the element. Walking the list every

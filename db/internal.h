@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the files of the database share: images, walks over instances, parameters and registrations,
 // and the steps that the exported functions take once they have checked their arguments.
 #ifndef BV_DB_INTERNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Members of a JSON object, looked up in their usual order.
 //
 // Data files name parameters in template order, and templates have one order of keys. So one

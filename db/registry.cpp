@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The manager record, the three registration lists and the table of families.
 //
 // Families are in the hash table, as copies of a zeroed record that are filled in place:

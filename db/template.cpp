@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Templates: JSON files that define a family's parameters.
 //
 // A template comes from outside. Elements that lack something are skipped. Lengths are taken as

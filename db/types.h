@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The types that a parameter may have, and the limits of a template. The database and the tools
 // that check and convert parameters read this one table; a new type is a new row.
 //

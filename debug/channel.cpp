@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The debug channel: each message whose switch is on is sent as one UDP datagram, in the format of
 // datagram.h. The socket is not bound or connected and never read, so a missing collector costs a
 // service nothing.

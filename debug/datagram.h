@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The debug datagram, as the channel sends it and bv-collect reads it. Numbers are big-endian, and
 // the text has no terminating zero.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The start of a service: brings up every facility that needs it.
 
 #include <bv/debug.h>

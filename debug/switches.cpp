@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Debug switches: one byte per module and level.
 
 #include <bv/debug.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The switch table, which the channel reads for every message.
 #ifndef BV_DEBUG_SWITCHES_H
 #define BV_DEBUG_SWITCHES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The gateway driver's ioctl channel. The driver has one request number and finds the operation by
 // the name in the record.
 

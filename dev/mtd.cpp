@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Flash partitions by name. The kernel numbers flash devices in the order in which it finds them,
 // which depends on the board. So services use names, and every call looks up the number.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // File transfer. The script knows the transfer client and its options. Only its command line is
 // made here, and scripts in the field rely on these words and quotes.
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * The caller: reads and changes parameters that another service owns, over the bus.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * Debug messages: a small service that watches a temperature and reports over the debug channel.
  *

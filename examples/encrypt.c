@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * Encrypts a file, so that others can neither read it nor change it unnoticed.
  *

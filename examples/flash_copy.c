@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * Flash copy: writes a file to the start of a flash partition, with a progress bar.
  *

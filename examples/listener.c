@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * The listener: prints the events that reach this process, those of the gateway's driver and those
  * that the service's own threads post.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * The messages between the example owner and its callers.
  *

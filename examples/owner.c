@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * The owner: a service that keeps parameter families, persists them and offers them on the bus.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // MAC and IPv4 addresses between text and bytes.
 
 #include <bv/os.h>

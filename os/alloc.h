@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Typed memory of bv_os_malloc(), and its owner.
 #ifndef BV_OS_ALLOC_H
 #define BV_OS_ALLOC_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Accesses without a lock, on purpose.
 //
 // What several threads share without a lock is read and written through these functions only. So

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Integers as bytes, and bytes as digits. Wire formats are big-endian and written byte by byte, so
 // neither the machine's order nor a field's alignment matters.
 #ifndef BV_OS_BYTES_H

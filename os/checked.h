@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Checked arithmetic for counters and sums that have no failure code of their own.
 //
 // A counter that wrapped would silently corrupt sizes and numbers for as long as the service runs,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Dumps for a developer at the device, on standard output.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Descriptors and streams that the library opens for itself, and their owners.
 //
 // Services start programs, through the library's shell functions among others. Those programs must

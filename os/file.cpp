@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // System calls: streams, files, descriptors and the process itself; and a file's size.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Formatted text, to streams and, bounded, to buffers.
 
 #include <bv/os.h>

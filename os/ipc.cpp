@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // System calls: POSIX semaphores, System V semaphores and shared memory.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A name as a hash table wants it: one size for all, zeros after the name.
 #ifndef BV_OS_KEY_H
 #define BV_OS_KEY_H

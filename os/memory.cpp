@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Memory: one limit for every allocation, and copies that know the size of their destination.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Owners: each gives back what it holds at the end of its scope, however the scope is left.
 //
 // Nothing here needs the library: it compiles into any program.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The record file: background services append text to it, and a person at a console reads it.
 // It is under /tmp, so that it does not wear the flash and is gone after a restart.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Shell commands. Every line for the shell is built in a buffer of 256 bytes. A line that does not
 // fit becomes empty, never cut, so that half a command is never run.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // System calls: signals.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // System calls: sockets, ioctl and waiting for descriptors.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A run of bytes that belongs to someone else: where it starts and how long it is.
 //
 // Nothing here needs the library: it compiles into any program.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Strings: each function is one call, the bounded ones into the bounded-check library, the others
 // into the C library.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Texts from users, scripts and the configuration: matching, trimming, hexadecimal digits.
 
 #include <bv/os.h>

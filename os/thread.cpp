@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // System calls: threads and mutexes. Nothing is added: no detaching, no attributes.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // System calls: time, sleeping and timers.
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # cache.sh: where the compilers, libraries and kernel for the target are kept. Sourced.
 #
 # The folder is outside the tree, so that it outlives clean checkouts; BV_TARGET_CACHE moves it. It

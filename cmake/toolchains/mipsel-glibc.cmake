@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # mipsel with glibc: Debian's own cross compiler and a sysroot of its packages, made by
 # `scripts/setup-target glibc`.
 set(BV_LIBC glibc)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # The gateway: mipsel with musl. `scripts/setup-target musl` makes compilers and libraries.
 set(BV_LIBC musl)
 include("${CMAKE_CURRENT_LIST_DIR}/mipsel.cmake")

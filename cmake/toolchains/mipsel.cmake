@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # What both C libraries of the 32-bit little-endian MIPS have in common. BV_LIBC says which one.
 
 # Where scripts/setup-target keeps compilers and sysroots; the same rule as in scripts/cache.sh.

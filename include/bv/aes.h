@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file aes.h
  * AES-128 in CBC mode with PKCS #7 padding (FIPS 197, NIST SP 800-38A, RFC 5652 6.3) for short

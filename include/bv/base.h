@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file base.h
  * What every other header needs: the export mark, the format check and the list link.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file bv.h
  * Every header of the library, and its version.
@@ -33,6 +34,16 @@
 #define BV_VERSION_MAJOR 1 /**< counts incompatible changes */
 #define BV_VERSION_MINOR 0 /**< counts additions */
 #define BV_VERSION_PATCH 0 /**< counts fixes */
+
+/** The version as one number, which the preprocessor can compare: 10203 is version 1.2.3. */
+#define BV_VERSION_NUMBER (BV_VERSION_MAJOR * 10000 + BV_VERSION_MINOR * 100 + BV_VERSION_PATCH)
+
+/** Makes the text of a version from its three numbers. */
+#define BV_VERSION_TEXT(major, minor, patch) #major "." #minor "." #patch
+/** As BV_VERSION_TEXT(), for arguments that are macros. */
+#define BV_VERSION_TEXT_OF(major, minor, patch) BV_VERSION_TEXT(major, minor, patch)
+/** The version as text, "1.2.3". */
+#define BV_VERSION_STRING BV_VERSION_TEXT_OF(BV_VERSION_MAJOR, BV_VERSION_MINOR, BV_VERSION_PATCH)
 /** @} */
 
 #endif

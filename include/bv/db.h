@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file db.h
  * The configuration database: a service's settings as named families of parameters.

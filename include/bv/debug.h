@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file debug.h
  * Start-up, and debug messages: one on/off switch per module and level, and the channel that sends

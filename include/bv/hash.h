@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file hash.h
  * A keyed store with a fixed geometry, and the hash function that spreads its keys.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file ioctl.h
  * Named operations of the gateway's kernel driver, through "/dev/brovan".

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file mtd.h
  * Raw flash partitions by name, as "/proc/mtd" lists them.

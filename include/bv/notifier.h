@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file notifier.h
  * Numbered events from any thread, and from the gateway's driver, to registered callbacks; the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file os.h
  * The platform layer: memory with an allocation limit, bounded copies and prints, shell commands
@@ -58,9 +59,9 @@ struct sigaction;
 /**
  * @name Memory
  *
- * The bounded calls (memcpy, memmove, memset here, strcpy, strncpy, strcat below) are one call each
- * into the bounded-check library. They return 0, or a code of that library; callers should only
- * test for 0:
+ * The bounded calls (memcpy, memmove and memset here, strcpy, strncpy and strcat under Strings) are
+ * one call each into the bounded-check library. They return 0, or a code of that library; callers
+ * should only test for 0:
  *  - nothing is ever written beyond dstsize;
  *  - with a dstsize of 0 or above 0x7fffffff, or a null dst, nothing changes;
  *  - any other failure leaves dst in a known state: the copies clear all dstsize bytes, the fill

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file queue.h
  * A first-in-first-out queue of byte messages with a depth limit.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file sftp.h
  * Copies files to and from a remote host with the gateway's transfer script, "/etc/sftp.sh".

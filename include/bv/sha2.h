@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file sha2.h
  * SHA-256 and SHA-224 (FIPS 180-4), HMAC over them (RFC 2104) and PBKDF2 with HMAC-SHA-256

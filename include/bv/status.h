@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file status.h
  * The status codes of all families: 0 is success, specific failures have the form 0x100000xx, and

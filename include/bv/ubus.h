@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * @file ubus.h
  * The event loop, message buffers, the message bus and JSON under one prefix, and the gateway's

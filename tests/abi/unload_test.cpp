@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A program that loads the library by hand and closes the handle again, as services with plug-ins
 // do, while a thread of the library runs.
 

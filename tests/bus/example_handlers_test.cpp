@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The two example handlers, and what a length other than the record's does to them.
 
 #include <bv/ubus.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the recorded buffers do not show of the blob and blobmsg wrappers: null arguments, addresses
 // that are not aligned, and where exactly name and data are.
 

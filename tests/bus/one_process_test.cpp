@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A process that serves on one thread and calls from another. The platform's bus library shares
 // buffers between connections and does not allow it; here each connection has all that it needs.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Blocks that an owner frees after a call and after a run: services answer for years, and start
 // again whenever the bus was gone.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Owners and callers over a real bus daemon, each a process of its own: services that come, go,
 // crash and come back.
 

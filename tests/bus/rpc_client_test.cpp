@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The caller's side of remote calls against a scripted bus: the bytes it sends, and what it makes
 // of replies that other processes got wrong or never sent.
 

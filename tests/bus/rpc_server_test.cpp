@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The owner's side of remote calls against a scripted bus: the bytes it sends, what it makes of
 // requests that other processes got wrong, and how a run starts and ends.
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "bus/scripted_bus.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A bus daemon that plays a script: it takes one connection after the other on the default socket
 // and says exactly what a test tells it to, lies included.
 #ifndef BV_TESTS_BUS_SCRIPTED_BUS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Included ahead of the replays of the recorded buffers, which then go through this library's
 // functions instead of the ones underneath.
 #ifndef BV_TESTS_BUS_THROUGH_WRAPPERS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Message bus wrappers over a real daemon: an owner with a method of its own and a caller, each a
 // process.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Event loop wrappers: each does what the function underneath does.
 
 #include <bv/ubus.h>

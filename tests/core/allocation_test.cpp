@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Who takes memory and who gives it back: tables, queues and events own copies, and a gateway runs
 // for years. Not for sanitised builds, see HeapWatch.
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include <bv/hash.h>
 
 #include <bv/status.h>

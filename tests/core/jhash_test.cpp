@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The hash decides in which bucket an entry is stored and shows in dumps, so its values are fixed:
 // computed once from the published algorithm with unbounded integers.
 

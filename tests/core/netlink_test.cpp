@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The driver's messages over real netlink sockets.
 //
 // The library's socket is one of the kernel's user-to-user protocol here, and its message to the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The notifier where the system refuses it something, and the order in which its dispatch thread
 // waits and delivers. Each test starts the notifier anew and so needs a process of its own, which
 // CTest gives it.

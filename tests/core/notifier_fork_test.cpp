@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The notifier in a forked child. Each test needs a process of its own, which CTest gives it.
 // ThreadSanitizer knows no threads after such a fork, so these are not among its programs.
 

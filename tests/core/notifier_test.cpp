@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The notifier between the threads of one process.
 
 #include <bv/notifier.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include <bv/queue.h>
 
 #include <bv/os.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The delay is a select() without descriptors. A recorder at the libc boundary shows delays of
 // weeks; without one the call is the real one.
 

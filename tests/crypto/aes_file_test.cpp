@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files encrypted and decrypted, chunk by chunk, whatever happens to them meanwhile.
 
 #include <bv/aes.h>

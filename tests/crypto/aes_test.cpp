@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Records and texts: encrypted and decrypted, at the edges of their memory.
 
 #include <bv/aes.h>

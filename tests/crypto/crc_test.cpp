@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Checksums: against zlib and a bit at a time.
 
 #include <bv/os.h>

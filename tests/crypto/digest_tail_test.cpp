@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What bv_os_sha256() hands to the compression function. This program has one of its own, which
 // only keeps what it is shown: hashing the 512 MiB of the longest text here for real takes seconds.
 

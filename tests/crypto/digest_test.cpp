@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Digests of texts and of files.
 
 #include <bv/os.h>

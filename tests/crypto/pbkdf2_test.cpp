@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Keys derived from passwords.
 
 #include <bv/sha2.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Random text: its digits, its limits, and a generator that fails.
 
 #include <bv/os.h>

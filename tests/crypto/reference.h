@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What libcrypto and zlib make of the same input.
 #ifndef BV_TESTS_CRYPTO_REFERENCE_H
 #define BV_TESTS_CRYPTO_REFERENCE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Nothing secret stays on the stack. Each call runs on a stack of its own, which is searched
 // afterwards: for the secrets, for what HMAC makes of them, and for both as the words that the
 // hash works on.

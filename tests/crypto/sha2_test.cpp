@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The hash, plain and keyed, in one call and in pieces.
 
 #include <bv/sha2.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Tables of published vectors under data/, and bytes that repeat from run to run.
 #ifndef BV_TESTS_CRYPTO_VECTORS_H
 #define BV_TESTS_CRYPTO_VECTORS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Memory: what a refused allocation leaves, and who frees which block. Families are loaded and
 // reset for years, and only the old defaults of a reload may stay allocated.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Start, templates, restore, commits, triggers and dumps.
 
 #include "db/database.h"

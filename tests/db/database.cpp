@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "db/database.h"
 
 #include <bv/hash.h>

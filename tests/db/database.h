@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the tests of the configuration database share: templates, files, images, an empty database.
 #ifndef BV_TESTS_DB_DATABASE_H
 #define BV_TESTS_DB_DATABASE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Loading data files: what each element becomes, whatever the file holds.
 
 #include "db/database.h"

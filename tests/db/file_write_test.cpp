@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Data files as they are written: text, file, and what a full disk leaves.
 
 #include "db/database.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The tree that finds instances by number during a load: it may not grow deep, or a load of many
 // instances takes minutes.
 

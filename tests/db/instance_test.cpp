@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Instances: added, read, written, walked and deleted, by family name and by family record.
 
 #include "db/database.h"

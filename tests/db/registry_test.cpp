@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The table of families and the three lists of registered names.
 
 #include "db/database.h"

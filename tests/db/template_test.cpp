@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Templates: found, read, refused, read again.
 
 #include "db/database.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Blocks taken and freed: a switch table stays allocated on purpose, a datagram's block never.
 
 #include <bv/debug.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The debug channel: its destination, its socket, and its datagrams byte by byte.
 
 #include <bv/debug.h>

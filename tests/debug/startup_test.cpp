@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The start of all facilities in one call, its failures and its repetition.
 
 #include <bv/db.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The switches of the debug channel.
 
 #include <bv/debug.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The gateway's devices as the tests see them: five flash partitions and the driver node.
 //
 // On a workstation devices_fake.cpp replaces the kernel: the devices are ordinary files in /dev,

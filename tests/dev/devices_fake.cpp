@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "dev/devices.h"
 
 #include "support/faults.h"

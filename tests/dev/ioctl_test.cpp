@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The driver channel: the record byte for byte, results, and what happens to the caller's data.
 
 #include "dev/devices.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Flash partitions: names, ranges, chunks, erasing, and devices that fail.
 
 #include "dev/devices.h"

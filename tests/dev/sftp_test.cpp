@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // File transfer: the command line as it reaches the script, and the script's status.
 
 #include <bv/sftp.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The dumps of docs/formats.md against the library: it writes and sends what the page shows, and
 // takes what the page shows.
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "docs/page.h"
 
 #include "support/files.h"

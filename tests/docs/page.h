@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The pages of docs/ as the tests read them. A block is the text between ``` lines below a line
 // <!-- NAME -->.
 #ifndef BV_TESTS_DOCS_PAGE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The page of the status codes and the texts of the codes, against their header.
 
 #include "docs/page.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The example that encrypts files, beside libcrypto's own functions.
 
 #include "support/child.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The example that copies a file to flash.
 
 #include "dev/devices.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The example listener, with netlink messages of another process instead of the driver's.
 
 #include "support/child.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files decrypted that were never encrypted, and files there and back.
 //
 // Input: 16 bytes key, then the file.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Decryption of hexadecimal texts and of records, and texts there and back.
 //
 // Input: 16 bytes key, a byte for the room of the result, then the text.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The bus library, as far as it is the same for both ends of a call: connections and messages.
 #ifndef BV_TESTS_FUZZ_BUS_STUB_H
 #define BV_TESTS_FUZZ_BUS_STUB_H

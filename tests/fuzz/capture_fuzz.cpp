@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The output of commands, captured and trimmed.
 //
 // No shell runs: system() puts the input into the capture file that the command line names, and

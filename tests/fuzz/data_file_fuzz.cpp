@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A data file, loaded into the families of the examples and written back.
 
 #include <bv/db.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Sequences of database calls, each compared with a model of the database: families in three lists,
 // templates that change, instances, data files written, damaged and read again.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the database should hold, worked out by itself: strings for images, vectors for lists, and
 // nothing shared with the library but the conversion of MAC addresses.
 #ifndef BV_TESTS_FUZZ_DATABASE_MODEL_H

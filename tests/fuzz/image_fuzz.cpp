@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Conversions between text and image with descriptors that claim anything.
 //
 // Input: for each of up to 8 descriptors a byte (type, valid, selected), a word (len), a piece

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the fuzz targets share: taking an input apart, blocks that end where their bytes end, and
 // checks that end the process.
 #ifndef BV_TESTS_FUZZ_INPUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Datagrams on the driver's socket, through the library's own receive thread.
 //
 // The socket is ours: recvmsg() hands the thread one datagram after the other. Input: datagrams,

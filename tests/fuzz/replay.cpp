@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Main of a fuzz target outside the fuzz build: every file of the folders named runs once.
 
 #include "fuzz/input.h"

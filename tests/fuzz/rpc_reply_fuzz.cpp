@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Replies to a call. The bus library is played here and gives the input as the owner's answer.
 //
 // The caller's buffer holds what the message brought and not a byte more, as callers promise.

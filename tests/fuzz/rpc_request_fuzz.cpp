@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Arguments of the bus method by which an owner's functions are called.
 //
 // The bus library is played here. The owner connects, publishes its object and leaves its loop at

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A template file, read twice into one family, which is written to a data file in between.
 
 #include <bv/db.h>

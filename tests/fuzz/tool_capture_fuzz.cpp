@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A capture file, as bv-collect reads it. Every packet, written again, must read the same.
 
 #include "fuzz/input.h"

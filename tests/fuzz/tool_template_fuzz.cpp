@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What bv-template reads: a template, then a line of four dashes and a data file for it.
 
 #include "fuzz/input.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The emulated gateway's own devices: a NOR flash chip under the kernel's flash drivers, and the
 // driver's node. Nothing is interposed; faults and counters are the modules' parameters.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Kernel events from the driver itself, over netlink protocol 26. All tests share one process and
 // run in this order: the library's receive thread never ends.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What only a real flash chip does: writing cannot set bits, and single blocks fail.
 
 #include "dev/devices.h"

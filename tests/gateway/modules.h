@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Kernel modules of the emulated gateway: loading, unloading, and their parameters.
 #ifndef TESTS_GATEWAY_MODULES_H
 #define TESTS_GATEWAY_MODULES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A NAND chip, made up by the kernel's simulator. It is written in whole pages, and its erase
 // blocks are far smaller than those of the NOR chip.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The shell functions on a gateway, where su, grep and awk are those of busybox.
 
 #include "support/files.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The library's own sums stop the process instead of wrapping; its byte helpers are big-endian.
 
 #include "os/bytes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Descriptors that the library opens and closes within one call. Another thread may start a program
 // meanwhile, so each must be kept out of it. They are looked at when the library closes them.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Descriptors that the library keeps: out of the programs that a service starts, and never in the
 // place of its standard input, output or error.
 

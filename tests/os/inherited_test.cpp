@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A program that a service starts through the library inherits none of the library's descriptors:
 // neither those that the service keeps, nor those of calls that other threads are in the middle of.
 // The gateway runs this too, with its own kernel, driver and userland.

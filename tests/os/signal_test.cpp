@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include <bv/os.h>
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What a wrapper gets is what the platform's function gets, argument for argument, and what that
 // returns is what the caller gets, errno included. This program interposes every function that has
 // a wrapper; while a test records, they do nothing but note their arguments.

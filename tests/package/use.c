@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /* use VERSION: a program that installs nothing but uses the whole interface's header, as C and as
  * C++. It asks for GNU's extensions itself, as many sources do. */
 #ifndef __cplusplus
@@ -8,6 +9,10 @@
 #include <stdio.h>
 #include <string.h>
 
+#if BV_VERSION_NUMBER < 10000
+#error "the version is no number that #if can compare"
+#endif
+
 typedef char offsets_have_64_bits[sizeof(off_t) == 8 ? 1 : -1];
 typedef char times_have_64_bits[sizeof(time_t) == 8 ? 1 : -1];
 
@@ -16,8 +21,9 @@ int main(int argc, char **argv)
     char text[65];
     struct blob_buf message;
 
-    snprintf(text, sizeof(text), "%d.%d.%d", BV_VERSION_MAJOR, BV_VERSION_MINOR, BV_VERSION_PATCH);
-    if (argc < 2 || strcmp(text, argv[1]) != 0)
+    snprintf(text, sizeof(text), "%d.%d.%d", BV_VERSION_NUMBER / 10000,
+             BV_VERSION_NUMBER / 100 % 100, BV_VERSION_NUMBER % 100);
+    if (argc < 2 || strcmp(text, argv[1]) != 0 || strcmp(BV_VERSION_STRING, argv[1]) != 0)
         return 1;
     bv_os_sha256(text, "abc");
     if (strncmp(text, "ba7816bf", 8) != 0)

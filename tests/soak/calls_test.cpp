@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Remote calls without end: four callers, two owners, and a bus daemon and owners that are killed
 // and come back. Each call ends in the right answer or in the code for what happened.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Commits one after the other, each read back from the file.
 
 #include "soak/soak.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Notifier events by the million: eight threads post, one dispatches.
 
 #include "soak/soak.h"

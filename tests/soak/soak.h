@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the soaks share: how long they run, and whether the memory of a process stays the same.
 //
 // As ordinary tests they are short; tests/soak/run sets the variables that make them long.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the cases of the sweep expect of the test kit, without its interposed functions,
 // whose stack would count.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // How deep each exported function goes into the stack, with all that it calls: a service on the
 // gateway may run it in a thread with a small stack. The stack under the call is painted first, and
 // how much of the paint is gone afterwards is the figure.

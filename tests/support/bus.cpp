@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "support/bus.h"
 
 #include "support/process.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The bus for tests: its daemon, and what is on it.
 
 #ifndef BV_TESTS_SUPPORT_BUS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Standard output as text: what the library prints goes to descriptor 1, whichever thread it is.
 #ifndef BV_TESTS_SUPPORT_CAPTURE_STDOUT_H
 #define BV_TESTS_SUPPORT_CAPTURE_STDOUT_H

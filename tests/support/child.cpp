@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "support/child.h"
 
 #include "support/files.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Children of a test: functions that run in a process of their own, and programs as their users
 // start them, with arguments, output and an exit status.
 #ifndef BV_TESTS_SUPPORT_CHILD_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * confined [-u USER] COMMAND [ARGUMENT ...]: runs a command as an ordinary container starts one.
  *

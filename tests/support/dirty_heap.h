@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Memory that does not come clear by chance: a test that wants to see something cleared would
 // otherwise pass on pages fresh from the system.
 #ifndef BV_TESTS_SUPPORT_DIRTY_HEAP_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # emulation.sh: programs of the target's architecture in the private root. Sourced by `root`.
 #
 # The kernel runs them through user-mode emulation when its binfmt_misc table says so. The

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Events as they reach callbacks, of all types, for tests that look at what became of something.
 // The dispatch thread outlives main(), so nothing here is ever destroyed.
 #ifndef BV_TESTS_SUPPORT_EVENTS_H

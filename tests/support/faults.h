@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Calls made to fail on purpose, and calls counted.
 //
 // The library calls libc through the dynamic linker, so a function of the same name in the test

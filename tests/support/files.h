@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files for tests: whole contents in and out.
 #ifndef BV_TESTS_SUPPORT_FILES_H
 #define BV_TESTS_SUPPORT_FILES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Memory between two unmapped pages, ending exactly where the second begins: one byte read or
 // written too far kills the test.
 #ifndef BV_TESTS_SUPPORT_GUARDED_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // malloc() and its kind, for programs that interpose the heap.
 
 #include "support/faults.h"

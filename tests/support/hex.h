@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bytes as hexadecimal digits and back.
 #ifndef BV_TESTS_SUPPORT_HEX_H
 #define BV_TESTS_SUPPORT_HEX_H

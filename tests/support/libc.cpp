@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "support/libc.h"
 
 #include <linux/netlink.h>

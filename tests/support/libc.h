@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The calls, besides allocations, that the library makes of the C library, libcrypto and json-c and
 // that can fail; each has a fault point. For programs that interpose libc.
 #ifndef BV_TESTS_SUPPORT_LIBC_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Addresses of the loopback interface.
 #ifndef BV_TESTS_SUPPORT_LOOPBACK_H
 #define BV_TESTS_SUPPORT_LOOPBACK_H

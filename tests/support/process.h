@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What this process holds: descriptors, children, threads, memory. And waiting for what another
 // thread or process does.
 #ifndef BV_TESTS_SUPPORT_PROCESS_H

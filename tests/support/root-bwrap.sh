@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # root-bwrap.sh: the private root made of namespaces. Sourced by `root`, whose variables it uses.
 
 set -- -- "$@"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # root-proot.sh: the private root made with ptrace, for places that refuse namespaces. Sourced by
 # `root`, whose variables it uses.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Whether this build has a sanitizer in it: it is slower then, and memory tells nothing, since
 // what was freed is kept.
 #ifndef BV_TESTS_SUPPORT_SANITIZED_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The private root where namespaces are refused: files are private there, but not the kernel.
 #ifndef BV_TESTS_SUPPORT_SHARED_H
 #define BV_TESTS_SUPPORT_SHARED_H

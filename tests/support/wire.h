@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The bus's own bytes, put together and taken apart by hand, so that what the library sends and
 // takes is compared with the format and not with itself.
 //

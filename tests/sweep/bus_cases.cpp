@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The bus: messages, the loop, connections, callers and an owner.
 
 #include "sweep/sweep.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Debug channel, start-up, hash table, queue, notifier and driver events.
 
 #include "sweep/sweep.h"

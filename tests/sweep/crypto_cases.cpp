@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ciphers, digests and random text over libcrypto.
 
 #include "sweep/sweep.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The configuration database: one user, one private and one factory family.
 
 #include "sweep/sweep.h"

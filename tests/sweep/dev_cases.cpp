@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Flash partitions and the driver node: plain files, whose ioctl requests are answered here.
 
 #include "sweep/sweep.h"

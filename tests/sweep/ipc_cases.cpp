@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Threads, semaphores, shared memory, signals and timers: one system call each.
 
 #include "sweep/sweep.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files, streams, the shell, sockets, waiting, memory and text.
 
 #include "sweep/sweep.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Functions that ask nothing of the system that could be refused: they compute, on their arguments'
 // memory alone, or hand their arguments to a function of that kind.
 

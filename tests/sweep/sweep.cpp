@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "sweep/sweep.h"
 
 #include "support/child.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The sweep: a function of the library is called again and again, and each time another one of the
 // calls that it makes fails. Every run has a process of its own, so that a crash or a hang spoils
 // nothing else.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Each exported function with each of the calls that it makes failing, one at a time: nothing
 // crashes or hangs, results are those that the headers promise, no descriptor and no block of
 // memory is lost, and the next call works.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-call with a template, against an owner whose functions read and write its database.
 
 #include "support/bus.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-call against services on a real bus.
 
 #include "support/bus.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Capture files of bv-collect: written from real datagrams, compared byte by byte, read back.
 
 #include "tools/collector.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-collect with datagrams of the library itself, over loopback.
 
 #include "support/shared.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A running bv-collect, and captures made by hand.
 #ifndef BV_TESTS_TOOLS_COLLECTOR_H
 #define BV_TESTS_TOOLS_COLLECTOR_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /* The generated headers as C, with the sizes that C gives their structures. */
 #include "board.h"
 #include "dhcp-host.h"

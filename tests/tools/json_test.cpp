@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The JSON reader of bv-template, on good texts and on garbage.
 
 #include "tools/template/json.h"

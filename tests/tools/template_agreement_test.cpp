@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What bv-template passes, the library takes whole and keeps through a rewrite: tried with random
 // templates, many of them faulty. The seed is fixed: a failure can be repeated.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-template check: every fault that a template can have, with its line.
 
 #include "tools/tool.h"

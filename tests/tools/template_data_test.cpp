@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-template data: every fault that a data file can have, with its line.
 
 #include "tools/tool.h"

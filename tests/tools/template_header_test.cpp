@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The headers that bv-template wrote when this test was built, against the library's own idea of
 // the same families.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the tests of the tools have in common: a tool's outcome as one value, refused command lines,
 // and lists of faults.
 #ifndef BV_TESTS_TOOLS_TOOL_H
@@ -6,6 +7,7 @@
 #include "support/child.h"
 #include "support/files.h"
 
+#include <bv/bv.h>
 #include <gtest/gtest.h>
 
 #include <ostream>
@@ -58,14 +60,17 @@ inline void expect_refused(const Words &line, const std::string &why = "")
     EXPECT_TRUE(contains(outcome.errors, "--help")) << outcome.errors;
 }
 
-// --help goes to standard output; a full disk there is a failure with this status.
+// --help and --version go to standard output; a full disk there is a failure with this status.
 inline void expect_help(const std::string &tool, int failed)
 {
     const Outcome help = run_line("--help");
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.output.rfind("usage: " + tool, 0), 0u);
+    EXPECT_TRUE(contains(help.output, "--version")) << help.output;
     EXPECT_EQ(help.errors, "");
+    EXPECT_EQ(run_line("--version"), (Outcome{0, tool + " " BV_VERSION_STRING "\n", ""}));
     EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' --help > /dev/full"}).status, failed);
+    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' --version > /dev/full"}).status, failed);
 }
 
 // What bv-template says about a file, without the file's name before each line.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What Wireshark makes of a capture of bv-collect with the dissector that comes with it.
 
 #include "tools/collector.h"

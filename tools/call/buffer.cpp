@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "tools/call/buffer.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The bytes of a call: put together from the command line, and shown.
 #ifndef TOOLS_CALL_BUFFER_H
 #define TOOLS_CALL_BUFFER_H

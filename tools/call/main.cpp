@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-call: calls a function that a service offers on the bus, with bytes from the command line, and
 // shows what came back.
 
@@ -50,6 +51,7 @@ constexpr char kUsage[] =
     "  -s, --socket=PATH      the bus's socket\n"
     "  -m, --timeout=MS       how long to wait, in milliseconds (default 3000)\n"
     "  -h, --help             print this\n"
+    "  -V, --version          print the version\n"
     "\n"
     "The function's result goes to the standard error output.\n"
     "Exit status: 0 the function returned 0, 1 no answer, 2 wrong usage, 3 it returned something\n"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parameters by name. The library converts them with the template that services use, so what is
 // sent and shown here is what its database would store and write.
 

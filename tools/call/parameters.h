@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The image of a parameter family within the bytes of a call. Each function returns false after it
 // printed why.
 #ifndef TOOLS_CALL_PARAMETERS_H

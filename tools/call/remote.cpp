@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The messages are those of bv_ubus_client_call(), which cannot tell the bus's answers from the
 // function's: a result of 2 may be either, and a missing object shows late. Here they stay apart.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // One call over the bus.
 #ifndef TOOLS_CALL_REMOTE_H
 #define TOOLS_CALL_REMOTE_H

@@ -1,3 +1,4 @@
+-- SPDX-License-Identifier: ISC
 -- Wireshark dissector for the debug messages of the gateway's services (UDP port 5344).
 --
 -- Put it into Wireshark's folder of personal Lua plug-ins (Help, About, Folders), or load it once:

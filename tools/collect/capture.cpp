@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Capture files: a header of 24 bytes, then 16 bytes and the packet for each packet.
 
 #include "tools/collect/capture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Capture files in the classic pcap format, which Wireshark and tcpdump open.
 //
 // Written: packets that begin with their IPv4 header (link type 228), little-endian, time in

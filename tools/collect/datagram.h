@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Reads debug datagrams.
 #ifndef TOOLS_COLLECT_DATAGRAM_H
 #define TOOLS_COLLECT_DATAGRAM_H

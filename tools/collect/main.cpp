@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-collect: receives the debug messages of services, or reads them from a capture file, and
 // prints one line for each.
 //
@@ -40,6 +41,7 @@ constexpr char kUsage[] =
     "  -r, --read=FILE        read a capture file instead; - is the standard input\n"
     "  -c, --count=COUNT      end after this many datagrams\n"
     "  -h, --help             print this\n"
+    "  -V, --version          print the version\n"
     "\n"
     "SIGINT and SIGTERM end it. Exit status: 0 ended as asked, 1 a socket or file failed,\n"
     "2 wrong usage.\n";

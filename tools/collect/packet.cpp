@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // IPv4 and UDP headers, written and read byte by byte.
 
 #include "tools/collect/packet.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A datagram with its addresses, and the same as an IPv4 packet.
 #ifndef TOOLS_COLLECT_PACKET_H
 #define TOOLS_COLLECT_PACKET_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Datagrams with the addresses they were sent from and to: a capture needs both, and the socket's
 // own address may be "all".
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The socket that debug messages arrive at.
 #ifndef TOOLS_COLLECT_RECEIVER_H
 #define TOOLS_COLLECT_RECEIVER_H

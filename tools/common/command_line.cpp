@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "tools/common/command_line.h"
 
 #include "tools/common/visible.h"
@@ -10,7 +11,7 @@ namespace {
 using tools::CommandLine;
 using tools::Option;
 
-constexpr size_t kMaxOptions = 16; // --help included
+constexpr size_t kMaxOptions = 18; // --help and --version included
 
 const char *g_program = "";
 
@@ -26,7 +27,9 @@ int next_option(const CommandLine &line, int argc, char **argv)
         *to++ = ':';
     }
     names[line.count] = {"help", no_argument, nullptr, 'h'};
+    names[line.count + 1] = {"version", no_argument, nullptr, 'V'};
     *to++ = 'h';
+    *to++ = 'V';
     *to = '\0';
     return getopt_long(argc, argv, letters, names, nullptr);
 }
@@ -65,9 +68,10 @@ bool tools::take_options(const CommandLine &line, int argc, char **argv, int &st
     g_program = line.program;
     int letter;
     while ((letter = next_option(line, argc, argv)) != -1) {
-        if (letter == 'h') {
-            const bool printed = fputs(line.usage, stdout) >= 0 && fflush(stdout) == 0;
-            status = printed ? 0 : line.failed;
+        if (letter == 'h' || letter == 'V') {
+            const int printed = letter == 'h' ? fputs(line.usage, stdout)
+                                              : printf("%s " BV_VERSION "\n", line.program);
+            status = printed >= 0 && fflush(stdout) == 0 ? 0 : line.failed;
             return false;
         }
         if (!take_option(line, letter)) {

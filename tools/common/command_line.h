@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The command line and the complaints of all the tools.
 #ifndef TOOLS_COMMON_COMMAND_LINE_H
 #define TOOLS_COMMON_COMMAND_LINE_H
@@ -9,7 +10,7 @@ namespace tools {
 
 constexpr int kExitUsage = 2;
 
-// An option with an argument; --help needs no row.
+// An option with an argument; --help and --version need no row.
 struct Option {
     const char *name;
     char letter;
@@ -21,13 +22,13 @@ struct Option {
 struct CommandLine {
     const char *program;
     const char *usage;
-    int failed; // exit status when the usage cannot be printed
+    int failed; // exit status when the usage or the version cannot be printed
     const Option *options;
-    size_t count; // at most 15
+    size_t count; // at most 16
 };
 
 // Takes all options, up to `optind`. Returns false when the program ends with `status` instead: it
-// has printed its usage, or what is wrong with the command line.
+// has printed its usage or version, or what is wrong with the command line.
 bool take_options(const CommandLine &line, int argc, char **argv, int &status);
 
 // Prints what is wrong (null: getopt_long() already did) and how to get help. Returns the exit

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files that close themselves.
 #ifndef TOOLS_COMMON_FILE_H
 #define TOOLS_COMMON_FILE_H

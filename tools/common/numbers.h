@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Numbers, and lists of them as people write them: 0,2-4,7
 #ifndef TOOLS_COMMON_NUMBERS_H
 #define TOOLS_COMMON_NUMBERS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "tools/common/visible.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Printing text from elsewhere on a terminal.
 #ifndef TOOLS_COMMON_VISIBLE_H
 #define TOOLS_COMMON_VISIBLE_H

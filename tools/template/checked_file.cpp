@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "tools/template/checked_file.h"
 
 #include "tools/common/command_line.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A file that is checked. Its faults are printed as FILE:LINE: MESSAGE and counted; its warnings
 // are printed alike. Checks that templates and data files share are here too.
 #ifndef TOOLS_TEMPLATE_CHECKED_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Checks a data file.
 //
 //   {"FAMILY": [{"inst": "1", "para": {"NAME": "VALUE", ...}}, ...], ...}

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Checks data files against the templates of their families.
 #ifndef TOOLS_TEMPLATE_DATA_H
 #define TOOLS_TEMPLATE_DATA_H

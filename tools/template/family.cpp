@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Checks a template.
 //
 // The database takes what it can and says nothing: it skips an element that lacks something, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A parameter family as its template defines it.
 #ifndef TOOLS_TEMPLATE_FAMILY_H
 #define TOOLS_TEMPLATE_FAMILY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The header that services lay their images out with.
 //
 // The image is packed and in the order of the template. The assertions repeat it in numbers: they

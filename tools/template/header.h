@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A C header with the packed structure of a family.
 #ifndef TOOLS_TEMPLATE_HEADER_H
 #define TOOLS_TEMPLATE_HEADER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Recursive descent over the bytes of a file; the depth limit bounds the recursion. Strings are
 // decoded where they are: an escape is longer than what it means, and the closing quote makes room
 // for the NUL. A number moves one byte forward for its NUL, over the bracket, comma, colon or space

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // JSON with line numbers.
 //
 // A tree of what a file says and where. Names that occur twice in an object stay in it twice, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The library ignores a key that it does not know, so one with a typing mistake is only missed when
 // it is needed. Keys of one's own are fine: this is a warning, not a fault.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Keys that the library does not read: most are misspelt.
 #ifndef TOOLS_TEMPLATE_KEYS_H
 #define TOOLS_TEMPLATE_KEYS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The database finds a template by its file name alone, anywhere below the template folder, unless
 // the name is the path of something that exists.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The templates of a folder, read when their family is first asked for.
 #ifndef TOOLS_TEMPLATE_LIBRARY_H
 #define TOOLS_TEMPLATE_LIBRARY_H

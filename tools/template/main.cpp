@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // bv-template: checks templates and data files, and writes C headers for families.
 
 #include "tools/common/command_line.h"
@@ -32,6 +33,7 @@ constexpr char kUsage[] =
     "  -n, --name=NAME         name of the structure (default the family's, without .json)\n"
     "  -o, --output=FILE       where the header goes (default the standard output)\n"
     "  -h, --help              print this\n"
+    "  -V, --version           print the version\n"
     "\n"
     "Exit status: 0 no fault, 1 faults were found, 2 a file cannot be read or written, or wrong\n"
     "usage.\n";

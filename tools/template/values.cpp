@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The database stores something of any value without complaint. This is stricter: a text fits when
 // it comes back as the same value.
 

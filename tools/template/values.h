@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Texts that fit the types of parameters.
 #ifndef TOOLS_TEMPLATE_VALUES_H
 #define TOOLS_TEMPLATE_VALUES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the benchmarks use of Google Benchmark, for counting instead of timing: PROGRAM NAME COUNT
 // runs one benchmark's loop COUNT times, and something outside (callgrind, an emulator) counts the
 // instructions of the process. The difference of two runs is free of what starting up takes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // One number that is right for every argument of a formatted print or scan: as a pointer it leads
 // to a large buffer, and as a size it is less than that buffer holds. With all arguments alike, an
 // arbitrary format cannot ask for the wrong type.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bounded prints: arbitrary formats, and single directives with arbitrary values.
 //
 // Input: a byte for the room, one for the directive, two words (the value), a piece (flags, width

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bounded scans: arbitrary formats, and single directives into places of exactly their size.
 //
 // Input: a byte for the directive and one for the capacity of a text, a piece (the format), then

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Memory, string, printf and scanf functions that know the size of their destination.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Types, result codes and limits of the bounded-check functions. Included by securec.h; programs
  * name that header only.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What print and scan formats share: numbers, length letters, argument lists.
 
 #ifndef BOUNDSCHECK_DIRECTIVE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Numbers and length letters of a directive.
 
 #include "directive.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // memcpy_s, memmove_s and memset_s. A valid call costs only a few comparisons more than the C
 // library's function; everything else is handled in a function of its own, off the fast path.
 

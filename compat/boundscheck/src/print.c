@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // vsprintf_s, vsnprintf_s and their relatives with arguments in the call.
 //
 // All but floating point is printed here. Unlike the C library, this refuses directives instead of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parses a print directive: flags, width, precision, length letters, conversion.
 
 #include "print_internal.h"

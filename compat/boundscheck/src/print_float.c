@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Floating point, which the C library converts: one directive at a time, built from the parts that
 // were accepted.
 

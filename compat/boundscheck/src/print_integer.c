@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Integers and pointers.
 
 #include "print_internal.h"

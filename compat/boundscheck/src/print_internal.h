@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parts of the printer. print.c walks over the format, print_directive.c parses a directive, the
 // other files produce its text.
 

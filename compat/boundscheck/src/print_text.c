@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Characters and strings, narrow and wide.
 
 #include "print_internal.h"

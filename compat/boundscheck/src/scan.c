@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // vsscanf_s and sscanf_s: the walk over the format and the result.
 
 #include "securec.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parses a scan directive. Suppression, width and length letters may come in any order.
 
 #include "scan_internal.h"

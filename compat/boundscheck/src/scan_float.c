@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Floating point. The end of the number is found here, by stricter rules than the C library's (no
 // infinity, no hexadecimal); the C library converts it.
 

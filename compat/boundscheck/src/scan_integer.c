@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Integers, pointers and %n.
 
 #include "scan_internal.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parts of the scanner. scan.c walks over the format and decides the result, scan_directive.c and
 // scan_set.c parse directives, the other files convert.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The sets of %[: members, ranges and negation.
 
 #include "scan_internal.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Strings, characters and sets. Each buffer comes with a capacity; a text that does not fit empties
 // it and ends the scan.
 

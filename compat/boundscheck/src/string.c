@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // strcpy_s, strncpy_s and strcat_s. A length is only looked for within the destination's size, so
 // an unterminated source is never read further than needed.
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /* The header compiles on its own in strict C11, and its names are functions with addresses. */
 #include <securec.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /* Programs may ask the compiler to check the format strings of the printf family. */
 #define SECUREC_SUPPORT_FORMAT_WARNING 1
 #include <securec.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The header as programs see it, and the shared object as the loader sees it.
 
 #include <securec.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "support/guarded.h"
 
 #include <gtest/gtest.h>

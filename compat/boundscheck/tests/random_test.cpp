@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Random calls, the same on every run. They are compared with slow models, and with the C library
 // where both promise the same. Garbage formats and inputs must neither touch a byte outside the
 // buffers nor take long.

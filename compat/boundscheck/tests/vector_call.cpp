@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "vector_file.h"
 
 #include "vector_call.h"

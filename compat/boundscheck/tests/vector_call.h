@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Makes the recorded printf and scanf calls, whose argument lists are known only at run time.
 
 #ifndef COMPAT_BOUNDSCHECK_TESTS_VECTOR_CALL_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "vector_file.h"
 
 #include "support/hex.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The recorded calls in vectors.txt: reading the file and the values in it.
 //
 // Value syntax: hex is two digits a byte, "-" for no bytes; quoted text knows \\, \" and \xHH, and

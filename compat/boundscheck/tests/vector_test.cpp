@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Replays every recorded call in vectors.txt and compares the result and every byte of every
 // buffer.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Attributes of a received message.
 //
 // Input: a byte for the check of each slot, a byte for how many bytes can be read beyond or short

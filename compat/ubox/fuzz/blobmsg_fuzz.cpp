@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Fields of a received message: checked, found by name or by place, and copied into another.
 
 #include <libubox/blobmsg.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Balanced tree. Only the first node of each key, its leader, is in the tree; later ones with the
 // same key follow it in the list. The list gives the order, so walking never touches the tree.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ready-made key orders.
 
 #include <libubox/avl-cmp.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Single attributes, and sorting the children of one by id. Whatever the bytes are, nothing is
 // read beyond the length the caller gives.
 

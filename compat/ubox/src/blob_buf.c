@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Building buffers of attributes.
 //
 // A buffer is one outermost attribute. New ones go to the end of `head`, which is that outermost

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Building named fields: extended attributes whose payload starts with the name.
 
 #include <libubox/blobmsg.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Checking and finding fields in bytes that other processes sent. Every length is compared with
 // what is known to be readable before anything after it is read.
 

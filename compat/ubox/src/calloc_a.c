@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // One zeroed allocation for several pieces, so that a record and what it points to are freed
 // with one call and cannot be half there.
 

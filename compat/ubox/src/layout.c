@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The records callers embed in their own, or read field by field through inline functions, are
 // part of the binary interface: a program built against one libubox runs with another. This file
 // holds no code; it refuses to build when a layout moves.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Life cycle of the loop and the order of things within one turn: timers, children, then one
 // descriptor. One descriptor only, so that a timer or a child never waits for a long row of busy
 // sockets.

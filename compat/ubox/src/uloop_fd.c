@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Descriptors: registration with the kernel, and calling back for what it reports.
 //
 // Events are fetched in small batches and dispatched one per turn. Until then a callback may

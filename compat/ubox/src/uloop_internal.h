@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the files of the event loop share. The exported names are in <libubox/uloop.h>.
 
 #ifndef UBOX_ULOOP_INTERNAL_H

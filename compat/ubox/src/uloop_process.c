@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Child processes. Every child that ends is reaped, registered or not: a service that forks
 // helpers and forgets them must not collect zombies.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Signals. A handler notes what came and writes to a pipe that the loop waits on, so a signal
 // ends the wait whichever thread takes it and however close it falls to the start of the wait.
 

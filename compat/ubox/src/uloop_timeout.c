@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Timers: a list in the order of expiry. The loop looks at the front only; there are few timers
 // in a service and most are set to fire late, so a walk on insertion costs less than a tree.
 

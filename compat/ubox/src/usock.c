@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Sockets made ready in one call: Unix sockets for the bus, TCP and UDP by name for the rest.
 
 #include <libubox/usock.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <libubox/avl-cmp.h>

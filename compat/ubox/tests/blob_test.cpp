@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Buffers at their limits and when memory is short, and single attributes.
 
 #include <climits>

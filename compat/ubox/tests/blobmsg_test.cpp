@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Fields beyond the byte vectors: refusals, and received bytes of every kind.
 
 #include "guarded_attr.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Received bytes that must not be written, with an unmapped page right after them.
 
 #ifndef COMPAT_UBOX_TESTS_GUARDED_ATTR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Every header of its own in strict C11, and what only C can do with them: static initialisers.
 
 #include <libubox/avl-cmp.h>

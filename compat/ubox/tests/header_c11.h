@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #ifndef COMPAT_UBOX_TESTS_HEADER_C11_H
 #define COMPAT_UBOX_TESTS_HEADER_C11_H
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Programs include the headers inside extern "C" or without it; both must compile.
 
 extern "C" {

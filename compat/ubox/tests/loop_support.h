@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Records with a function object as callback, and a loop for one test.
 #ifndef COMPAT_UBOX_TESTS_LOOP_SUPPORT_H
 #define COMPAT_UBOX_TESTS_LOOP_SUPPORT_H

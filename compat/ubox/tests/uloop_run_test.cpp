@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Life cycle, ending, nesting and forking.
 
 #include "loop_support.h"

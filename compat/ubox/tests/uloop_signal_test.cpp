@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include "loop_support.h"
 #include "support/shared.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Builds every buffer of vectors.txt and compares it byte for byte.
 //
 // Left out, all marked as quirks there:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Reads vectors.txt, whose head explains the format.
 #ifndef COMPAT_UBOX_TESTS_VECTOR_FILE_H
 #define COMPAT_UBOX_TESTS_VECTOR_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Reads every input of vectors.txt from memory that ends at an unreadable page and compares what is
 // found. Lengths of malformed headers that wrap are compared as they are.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What a bus may send to a client, and what handlers do meanwhile. The client library's code runs
 // here, and its socket reads a stream, which is complete from the start, record by record. Calls made
 // inside handlers go on reading where the outer one stopped; at the end the connection is lost.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What clients send to the bus daemon: its code runs here, and three clients talk to it.
 //
 // Input: records. The first byte of one says which client and how:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Makes allocations of the code under test fail. The target is linked with --wrap for each of the
 // functions here (see CMakeLists.txt), so the fuzzer's own allocations and those of libraries go
 // through; the functions of libubox that allocate fail as a whole.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Client side of the message bus: publishing objects, finding those of others and calling
  * their methods.

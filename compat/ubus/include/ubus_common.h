@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Small things that both ends of the message bus share.
  */

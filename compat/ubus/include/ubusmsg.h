@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * What goes over the message bus socket: the header of a message, its types, its attributes and
  * the status numbers.

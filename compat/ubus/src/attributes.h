@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Taking a message's body apart, for client library and daemon alike.
 
 #ifndef UBUS_ATTRIBUTES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The bytes of the bus protocol, for client library and daemon alike. Numbers are big-endian.
 
 #ifndef UBUS_WIRE_H

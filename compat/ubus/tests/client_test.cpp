@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Client library and daemon together: owner and caller in processes of their own.
 
 #include <functional>

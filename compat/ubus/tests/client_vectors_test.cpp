@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The recorded exchanges, with the test in the daemon's place: the recorded programs act again, and
 // the client library must send the same bytes.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The client library against a daemon played by the test: what it sends, and how it handles what
 // arrives.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // One queue, many senders: a flood into a busy client must not push out others.
 
 #include <atomic>

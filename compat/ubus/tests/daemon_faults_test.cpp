@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The daemon's own code in a child of the test, where system calls fail on demand.
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the daemon withstands: bytes in any portions, limits, garbage, clients that stall or vanish.
 
 #include <chrono>

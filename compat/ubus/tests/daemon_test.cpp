@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the daemon promises a client, message by message.
 
 #include <cerrno>

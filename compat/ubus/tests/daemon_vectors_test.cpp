@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The recorded exchanges, replayed against the daemon.
 
 #include <map>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A daemon played by the test, in the same thread: answers are sent before the call that waits for
 // them, which works because sequence numbers are known beforehand.
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /* The public headers under a strict compiler; built twice, as C11 and as C++17. */
 #include <libubus.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The daemon's ids, with a random source that has bad luck.
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Reader of vectors.txt: exchanges recorded on the bus socket.
 
 #ifndef COMPAT_UBUS_TESTS_VECTORS_H

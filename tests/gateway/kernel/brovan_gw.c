@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // SPDX-License-Identifier: GPL-2.0
 /*
  * The gateway's driver as the library sees it, for tests: the device /dev/brovan with its one

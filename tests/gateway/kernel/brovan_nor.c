@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // SPDX-License-Identifier: GPL-2.0
 /*
  * A NOR flash chip made of memory, for tests: writing only clears bits, erasing goes by whole

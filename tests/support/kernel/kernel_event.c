@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * kernel_event PORT TYPE TEXT: sends one kernel event to the service whose netlink port id is
  * PORT (its process id), as the gateway driver would: a netlink header with the event's code as

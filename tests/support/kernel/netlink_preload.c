@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /*
  * Preloaded into a service where the running kernel has no gateway driver: a socket of the
  * driver's netlink protocol becomes one of the kernel's own user-to-user protocol, so that real

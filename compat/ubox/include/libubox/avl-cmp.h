@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /** Ready-made orders for the keys of a tree (avl.h). */
 #ifndef LIBUBOX_AVL_CMP_H
 #define LIBUBOX_AVL_CMP_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Balanced tree of embedded nodes, threaded by a list in key order.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Tagged binary attributes and the buffers they are built in.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Messages of named, typed fields, built from extended blob attributes.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Doubly linked list with the links embedded in the caller's records.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /**
  * Event loop: descriptors, timers and child processes of one thread.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /** Makes a connected or a listening socket in one call. */
 #ifndef LIBUBOX_USOCK_H
 #define LIBUBOX_USOCK_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: ISC */
 /** Byte order, attribute shorthands, and one allocation for several pieces. */
 #ifndef LIBUBOX_UTILS_H
 #define LIBUBOX_UTILS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Connections: accepting them, cutting their input into messages, and their end.
 
 #include "ubusd.h"

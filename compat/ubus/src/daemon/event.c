@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Events: object 1, with which clients send events and register for them, and the daemon's own
 // events about objects that come and go.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Numbers for clients, objects and types. They are random, so that an id from before a restart of
 // the daemon fits nothing instead of something else.
 

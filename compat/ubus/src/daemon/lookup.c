@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Finding objects by path.
 //
 // A full listing can be longer than a client's queue, which would drop the end of it and leave the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The message bus daemon: options, start and end.
 
 #include "ubusd.h"

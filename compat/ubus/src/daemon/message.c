@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parses messages and builds the daemon's own.
 
 #include "ubusd.h"

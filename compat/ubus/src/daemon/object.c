@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Objects and their types: publishing and withdrawing.
 
 #include "ubusd.h"

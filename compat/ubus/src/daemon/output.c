@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Sending. Short messages to one client are collected while one batch of input is served and go out
 // in one write: an owner's answer and its status wake the caller once. What a socket does not take
 // waits in the client's queue; a message without room there is dropped as a whole, so the stream

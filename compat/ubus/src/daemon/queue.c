@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What a client has not read yet, message by message.
 //
 // A client that floods a busy one must not push out others, so every sender has a share of the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The requests of clients, and passing on calls and answers.
 
 #include "ubusd.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Watching objects: a client's object (the watcher) subscribes to another client's (the target) and
 // gets its notifications as calls.
 

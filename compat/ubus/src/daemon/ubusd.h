@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Shared by the files of the bus daemon.
 //
 // One thread, one event loop. Input is read into one buffer of the daemon and served message by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Calling methods of others.
 
 #include "internal.h"

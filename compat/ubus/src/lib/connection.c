@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Making, losing and dropping the connection to the daemon.
 
 #include "internal.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Waiting for a socket until a deadline.
 
 #include "internal.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Calls from others: finding object and method, running the handler, sending its status. While a
 // handler or call of the context is running, calls are postponed; see the head of libubus.h.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Shared by the files of the bus client library.
 //
 // Everything a context needs is in its connection: nothing is shared between contexts, so threads

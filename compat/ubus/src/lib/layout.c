@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The records of the public headers are shared with programs and with other builds of this library:
 // their layout is fixed.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Publishing, withdrawing and finding objects.
 
 #include "internal.h"

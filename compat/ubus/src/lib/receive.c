@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Receiving: as much as there is in one read, then message by message.
 
 #include "internal.h"

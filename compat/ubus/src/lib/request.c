@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Requests: numbering, waiting for the answer, and matching what arrives with who waits.
 
 #include "internal.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Sending: a message goes out in one call, gathered from its pieces.
 
 #include "internal.h"

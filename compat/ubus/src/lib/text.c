@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Names of the status numbers.
 
 #include "internal.h"

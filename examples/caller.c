@@ -184,10 +184,13 @@ static void apply(const char *family, uint8_t *image, char **assignments)
 /* Ends the program when a call fails, on the bus or in the owner's database. */
 static void must(const char *what, uint32_t result, int32_t status)
 {
-    if (result == BV_OK && status == BV_OK)
+    uint32_t code = result != BV_OK ? result : (uint32_t)status;
+
+    if (code == BV_OK)
         return;
-    printf("refused: %s: result 0x%08" PRIx32 ", status 0x%08" PRIx32 "\n", what, result,
-           (uint32_t)status);
+    /* The owner's functions return codes of the library, so a low number is the bus's. */
+    printf("refused: %s: %s (0x%08" PRIx32 ")\n", what,
+           code < 0x100 ? bv_bus_status_text(code) : bv_status_text(code), code);
     bv_ubus_client_exit();
     exit(1);
 }

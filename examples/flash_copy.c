@@ -25,9 +25,9 @@ struct copy {
     uint8_t *found;    /* the same block, read back */
 };
 
-static int fail(const char *what, int32_t code)
+static int fail(const char *what, const char *why)
 {
-    fprintf(stderr, "\nflash_copy: %s: 0x%08" PRIx32 "\n", what, (uint32_t)code);
+    fprintf(stderr, "\nflash_copy: %s: %s\n", what, why);
     return -1;
 }
 
@@ -52,18 +52,18 @@ static int copy_block(const struct copy *copy, uint32_t offset)
     int32_t code;
 
     if (bv_os_fread(copy->expected, 1, length, copy->file) != length)
-        return fail("the file became shorter", BV_ERR_FAILED);
+        return fail("the file", "became shorter");
     code = bv_mtd_erase(copy->partition, offset, copy->block);
     if (code != BV_OK)
-        return fail("erasing", code);
+        return fail("erasing", bv_status_text(code));
     code = bv_mtd_write(copy->partition, copy->expected, offset, length);
     if (code != BV_OK)
-        return fail("writing", code);
+        return fail("writing", bv_status_text(code));
     code = bv_mtd_read(copy->partition, copy->found, offset, length);
     if (code != BV_OK)
-        return fail("reading back", code);
+        return fail("reading back", bv_status_text(code));
     if (bv_os_memcmp(copy->expected, copy->found, length) != 0)
-        return fail("the flash does not hold what was written", BV_ERR_FAILED);
+        return fail("the flash", "does not hold what was written");
     return 0;
 }
 
@@ -72,7 +72,7 @@ static int copy_all(const struct copy *copy)
     uint32_t offset;
 
     if (copy->expected == NULL || copy->found == NULL)
-        return fail("two blocks of memory", BV_ERR_MEMORY);
+        return fail("two blocks of memory", bv_status_text(BV_ERR_MEMORY));
     show_progress(0, copy->length);
     for (offset = 0; offset < copy->length; offset += copy->block) {
         uint32_t done = copy->length - offset < copy->block ? copy->length : offset + copy->block;
@@ -93,11 +93,11 @@ static int prepare(struct copy *copy, const char *path)
     int32_t code = bv_mtd_get_info(copy->partition, &info);
 
     if (code != BV_OK)
-        return fail("no flash partition of that name that can be written", code);
+        return fail("no flash partition of that name that can be written", bv_status_text(code));
     if (size <= 0)
-        return fail("no such file, or nothing in it", size);
+        return fail(path, size < 0 ? bv_status_text(size) : "nothing in it");
     if ((uint32_t)size > info.size)
-        return fail("the file is larger than the partition", BV_ERR_RANGE);
+        return fail(path, "larger than the partition");
     copy->length = (uint32_t)size;
     copy->block = info.erasesize;
     return 0;

@@ -90,8 +90,8 @@ static uint32_t config_write(void *data, uint32_t length)
         return BV_ERR_INVALID;
     message->status = bv_db_write(message->family, message->image, image_size(message->family),
                                   message->instance);
-    bv_debug_remote(1, 0x4257, OWNER_MODULE, LEVEL_CHANGE, "%s instance %u written, status %d",
-                    message->family, message->instance, message->status);
+    bv_debug_remote(1, 0x4257, OWNER_MODULE, LEVEL_CHANGE, "%s instance %u written: %s",
+                    message->family, message->instance, bv_status_text(message->status));
     return BV_OK;
 }
 
@@ -173,15 +173,43 @@ static void take_signals(void)
     bv_os_sigaction(SIGINT, &action, NULL);
 }
 
-static void start_database(void)
+/* A template that was changed after this program was built has images of another size: calls with
+ * the structures would read and write zeros, and return success. */
+static int templates_match(void)
 {
-    bv_db_reg_factory("board.json");
-    bv_db_reg_user("lan.json");
-    bv_db_reg_user("wireless.json");
-    bv_db_reg_user("dhcp-host.json");
-    bv_db_reg_private("wan.json");
+    static const struct {
+        const char *family;
+        int (*matches)(void);
+    } checks[] = {{BOARD_FAMILY, board_matches},
+                  {LAN_FAMILY, lan_matches},
+                  {WIRELESS_FAMILY, wireless_matches},
+                  {DHCP_HOST_FAMILY, dhcp_host_matches},
+                  {WAN_FAMILY, wan_matches}};
+    int result = 1;
+    size_t i;
+
+    for (i = 0; i < sizeof(checks) / sizeof(checks[0]); i++)
+        if (!checks[i].matches()) {
+            fprintf(stderr, "owner: the template %s is missing, or not the one it was built with\n",
+                    checks[i].family);
+            result = 0;
+        }
+    return result;
+}
+
+/* Returns whether the settings can be used. */
+static int start_database(void)
+{
+    bv_db_reg_factory(BOARD_FAMILY);
+    bv_db_reg_user(LAN_FAMILY);
+    bv_db_reg_user(WIRELESS_FAMILY);
+    bv_db_reg_user(DHCP_HOST_FAMILY);
+    bv_db_reg_private(WAN_FAMILY);
     bv_db_start();
+    if (!templates_match())
+        return 0;
     bv_db_ready();
+    return 1;
 }
 
 int main(int argc, char **argv)
@@ -197,7 +225,8 @@ int main(int argc, char **argv)
     collector.address = bv_os_inet_addr(argc > 1 ? argv[1] : "127.0.0.1");
     bv_debug_set_cfg(&collector);
     bv_notifier_reg(8, on_link_event);
-    start_database();
+    if (!start_database())
+        return 1;
 
     /* The call returns when the loop ends: after a signal, or when the bus is lost, which a
      * service survives by connecting again. */
@@ -205,7 +234,7 @@ int main(int argc, char **argv)
         int32_t status = bv_ubus_server_init(NULL, register_functions);
 
         if (!stop) {
-            fprintf(stderr, "owner: not serving (%d), trying again\n", status);
+            fprintf(stderr, "owner: not serving: %s, trying again\n", bv_status_text(status));
             bv_timer_set(500);
         }
     }

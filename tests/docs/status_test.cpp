@@ -1,10 +1,14 @@
-// The page of the status codes against their header.
+// The page of the status codes and the texts of the codes, against their header.
 
 #include "docs/page.h"
 
+#include <bv/status.h>
+#include <bv/ubus.h>
 #include <gtest/gtest.h>
 
 #include <map>
+#include <regex>
+#include <set>
 #include <sstream>
 
 namespace {
@@ -31,30 +35,52 @@ Codes codes_of_the_header()
     return codes;
 }
 
-// | VALUE | `NAME` | meaning | what to do |
-Codes codes_of_the_page()
+// Each match of a pattern in the page.
+std::vector<std::smatch> rows_of_the_page(const char *pattern)
 {
-    Codes codes;
-    std::istringstream lines(source_file("docs/status.md"));
-    for (std::string line; std::getline(lines, line);) {
-        std::vector<std::string> cells;
-        std::istringstream row(line);
-        for (std::string cell; std::getline(row, cell, '|');)
-            cells.push_back(cell);
-        if (cells.size() < 5 || cells[2].rfind(" `BV_", 0) != 0)
-            continue;
-        EXPECT_GT(cells[3].size(), 5u) << line; // what it means
-        EXPECT_GT(cells[4].size(), 5u) << line; // what to do about it
-        codes[cells[2].substr(2, cells[2].size() - 4)] = value_of(cells[1].substr(1));
-    }
-    return codes;
+    static const std::string page = source_file("docs/status.md");
+    const std::regex row(pattern);
+    return {std::sregex_iterator(page.begin(), page.end(), row), {}};
 }
 
-TEST(StatusPage, HasEveryCodeWithItsValue)
+TEST(StatusPage, HasEveryCodeWithItsValueAndText)
 {
-    Codes header = codes_of_the_header();
-    EXPECT_GT(header.size(), 15u);
-    EXPECT_EQ(codes_of_the_page(), header);
+    Codes on_page;
+    for (const std::smatch &row :
+         rows_of_the_page(R"(\n\| (\S+) \| `(BV_\w+)` \| (.+) \| (.+) \|)")) {
+        on_page[row[2]] = value_of(row[1]);
+        EXPECT_EQ(row[3], bv_status_text(value_of(row[1])));
+    }
+    EXPECT_GT(on_page.size(), 15u);
+    EXPECT_EQ(on_page, codes_of_the_header());
+}
+
+TEST(StatusPage, HasTheTextsOfTheBus)
+{
+    const std::vector<std::smatch> rows = rows_of_the_page(R"(\n\| (\d+) \| ([^`].*) \| (.+) \|)");
+    EXPECT_EQ(rows.size(), 6u);
+    for (const std::smatch &row : rows)
+        EXPECT_EQ(row[2], bv_bus_status_text(value_of(row[1])));
+}
+
+TEST(StatusText, IsDifferentForEveryCodeAndSaysWhenItIsUnknown)
+{
+    const Codes codes = codes_of_the_header();
+    std::set<std::string> texts = {"unknown status"};
+    for (const auto &[name, code] : codes)
+        texts.insert(bv_status_text(code));
+    EXPECT_EQ(texts.size(), codes.size() + 1);
+    EXPECT_STREQ(bv_status_text(int32_t{BV_ERR_FAILED}), bv_status_text(UINT32_MAX));
+
+    std::set<std::string> bus_texts = {"unknown status"};
+    for (int status = UBUS_STATUS_OK; status <= UBUS_STATUS_SYSTEM_ERROR; ++status)
+        bus_texts.insert(bv_bus_status_text(status));
+    EXPECT_EQ(bus_texts.size(), 15u);
+
+    for (int64_t code : {int64_t{0x10000001}, INT64_MAX, int64_t{-2}, int64_t{14}}) {
+        EXPECT_STREQ(bv_status_text(code), "unknown status");
+        EXPECT_STREQ(bv_bus_status_text(code), "unknown status");
+    }
 }
 
 } // namespace

@@ -90,7 +90,7 @@ TEST_F(FlashCopy, LooksBeforeItErases)
     make_file(0x80000 + 1);
     devices::flash_fill("config", 0x5a);
     EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
-    EXPECT_NE(errors_.find("larger than the partition: 0x10000003"), std::string::npos) << errors_;
+    EXPECT_NE(errors_.find("larger than the partition"), std::string::npos) << errors_;
     EXPECT_EQ(copy({"/scratch/image", "nosuch"}), 1);
     EXPECT_NE(errors_.find("no flash partition of that name"), std::string::npos) << errors_;
     EXPECT_EQ(copy({"/scratch/image", "factory"}), 1); // refuses to be opened for writing
@@ -120,13 +120,13 @@ TEST_F(FlashCopy, SaysWhatFailedOnTheWay)
     // The look before the erase reads a block, then come the write and the reading back.
     devices::stop_transfers_after(kBlock + 100);
     EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
-    EXPECT_NE(errors_.find("flash_copy: writing: 0x10000023"), std::string::npos) << errors_;
+    EXPECT_NE(errors_.find("flash_copy: writing: short write"), std::string::npos) << errors_;
     EXPECT_EQ(output_, bar(0, "  0"));
 
     devices::flash_attach();
     devices::stop_transfers_after(2 * kBlock + 100);
     EXPECT_EQ(copy({"/scratch/image", "config"}), 1);
-    EXPECT_NE(errors_.find("flash_copy: reading back: 0x10000022"), std::string::npos) << errors_;
+    EXPECT_NE(errors_.find("flash_copy: reading back: short read"), std::string::npos) << errors_;
 }
 
 TEST_F(FlashCopy, OtherArgumentsAreWrongUsage)

@@ -44,8 +44,14 @@ uint32_t echo(void *, uint32_t)
     return BV_OK;
 }
 
+uint32_t fail(void *, uint32_t)
+{
+    return BV_ERR_INVALID;
+}
+
 int register_functions()
 {
+    bv_ubus_server_reg("fail", fail);
     bv_ubus_server_reg("lan_get", lan_get);
     bv_ubus_server_reg("lan_set", lan_set);
     bv_ubus_server_reg("lan_get_headed", lan_get_headed);
@@ -135,18 +141,29 @@ TEST_F(CallParameters, ArePrintedAsBytesOnRequest)
 TEST_F(CallParameters, AreRefusedWhenTheyWouldBeStoredDifferently)
 {
     const std::pair<std::string, const char *> rows[] = {
-        {"mtu=70000", "70000 does not fit type ushort (0 to 65535)"},
-        {"mtu=", "'' is not a number"},
-        {"ipaddr=10.0.0", "'10.0.0' is not an IPv4 address"},
+        {"mtu=70000", "mtu: '70000' is not a number from 0 to 65535, as type ushort needs"},
+        {"mtu=", "mtu: '' is not a number from 0 to 65535, as type ushort needs"},
+        {"ipaddr=10.0.0", "ipaddr: '10.0.0' is not an IPv4 address, as in 192.168.1.1"},
         {"hostname=abcdefghijklmnopqrstuvwxyz012345",
-         "text of 32 bytes is too long for len 32, which counts the zero byte at its end"},
-        {"speed=1", "the template has no such parameter"},
-        {"=1", "the template has no such parameter"},
-        {"mtu", "is not of the form NAME=VALUE"}};
+         "hostname: text of 32 bytes is too long: len 32 holds 31 and the zero byte at its end"},
+        {"hostname=a\"b", "hostname: a double quote does not survive a rewrite of the data file"},
+        {"hostname=a\\b", "hostname: a backslash does not survive a rewrite of the data file"},
+        {"hostname=\n",
+         "hostname: a control character does not survive a rewrite of the data file"},
+        {"speed=1", "speed=1: the template has no such parameter"},
+        {"=1", "=1: the template has no such parameter"},
+        {"mtu", "mtu: is not of the form NAME=VALUE"}};
     for (const auto &[assignment, why] : rows)
-        EXPECT_EQ(run_line("-T lan.json lan_set mtu=1 " + assignment),
-                  (Outcome{2, "", "bv-call: " + assignment + ": " + why + "\n"}));
+        EXPECT_EQ(run_tool({"-T", "lan.json", "lan_set", "mtu=1", assignment}),
+                  (Outcome{2, "", "bv-call: "s + why + "\n"}));
     EXPECT_EQ(run_line("-T lan.json lan_get").output, kStored);
+}
+
+// What came back may be what was sent, which would look like the function's answer.
+TEST_F(CallParameters, AreNotPrintedWhenTheFunctionFailed)
+{
+    EXPECT_EQ(run_line("-T lan.json fail mtu=1400"),
+              (Outcome{3, "", "bv-call: result 0x10000010 (invalid argument), 43 bytes\n"}));
 }
 
 TEST_F(CallParameters, MayComeFromTemplateDeepInTree)
@@ -167,16 +184,17 @@ TEST_F(CallParameters, NeedTemplateThatDefinesSome)
     };
     EXPECT_EQ(run_line("-T wan.json lan_get"),
               refused("wan.json", "no such template, neither here nor in /etc/template"));
+    EXPECT_EQ(run_line("-T /scratch lan_get"), refused("/scratch", strerror(EISDIR)));
     EXPECT_EQ(run_line("-T lan.json -O 999990 lan_get"),
               refused("--offset", "the image does not fit into a call"));
 
     const std::string bad = "/scratch/bad.json";
     const char *const rows[][2] = {
-        {"{", "cannot be read as a template"},
+        {"{", "not a template; bv-template check says why"},
         {"{\"para\":[]}", "has no parameters"},
         {R"({"para":[{"name":"a","type":"int","len":-2147483648,"value":"1"},
                      {"name":"b","type":"int","len":-2147483648,"value":"1"}]})",
-         "cannot be read as a template"}};
+         "not a template; bv-template check says why"}};
     for (const auto &[content, why] : rows) {
         write_file(bad, content);
         EXPECT_EQ(run_line("-T " + bad + " lan_get"), refused(bad, why));
@@ -201,7 +219,7 @@ TEST_F(CallParameters, OfFaultyTemplateDoNoHarm)
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.errors, "bv-call: result 0x00000000, 3 bytes\n");
     EXPECT_EQ(run_line("-T /scratch/odd.json echo d=5").errors,
-              "bv-call: d=5: its type in the template is unknown\n");
+              "bv-call: d: its type in the template is unknown\n");
 }
 
 } // namespace

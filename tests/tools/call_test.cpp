@@ -138,7 +138,10 @@ TEST_F(Call, WritesBytesUnchanged)
     const Outcome outcome = run_line("-x 00 -w /nowhere/raw echo");
     EXPECT_EQ(outcome.status, 1);
     EXPECT_TRUE(contains(outcome.errors, "/nowhere/raw: No such file or directory"));
-    EXPECT_EQ(run_line("-x 00 -w /dev/full echo").status, 1);
+    EXPECT_EQ(
+        run_line("-x 00 -w /dev/full echo"),
+        (Outcome{1, "",
+                 result("0x00000000", 1) + "bv-call: /dev/full: " + strerror(ENOSPC) + "\n"}));
 }
 
 TEST_F(Call, CarriesMillionBytesAndNoMore)
@@ -148,10 +151,11 @@ TEST_F(Call, CarriesMillionBytesAndNoMore)
     content.back() = 'z';
     write_file("/scratch/million", content);
     EXPECT_EQ(run_line("-f /scratch/million -w /scratch/back reverse"), returned("", 1000000));
-    EXPECT_EQ(run_line("-f /scratch/million -x 00 echo").status, 2);
-    EXPECT_EQ(run_line("-f /scratch/million -t x echo").status, 2);
+    expect_refused(words("-f /scratch/million -x 00 echo"), "--hex: '00' is not");
+    const std::string too_long = ": a call carries at most 1000000 bytes\n";
+    expect_refused(words("-f /scratch/million -t x echo"), "--text" + too_long);
     write_file("/scratch/million", content + "x");
-    EXPECT_EQ(run_line("-f /scratch/million echo").status, 2);
+    expect_refused(words("-f /scratch/million echo"), "/scratch/million" + too_long);
     std::reverse(content.begin(), content.end());
     EXPECT_TRUE(read_file("/scratch/back") == content);
 }
@@ -162,16 +166,14 @@ TEST_F(Call, ReportsTheFunctionsResult)
 {
     EXPECT_EQ(run_line("-t x -p text seven"), (Outcome{3, "x\n", result("0x00000007", 1)}));
     EXPECT_EQ(run_line("no_instance"),
-              (Outcome{3, "", result("0x10000014 (BV_ERR_NO_INSTANCE)", 0)}));
+              (Outcome{3, "", result("0x10000014 (no such instance)", 0)}));
 }
 
 TEST_F(Call, SaysWhyThereIsNoAnswer)
 {
-    EXPECT_EQ(run_line("nonsense"),
-              unanswered("nonsense on brovan.gateway.server",
-                         "the object has no such function, or could not take the bytes"));
-    EXPECT_EQ(run_line("-o nobody echo"),
-              unanswered("echo on nobody", "there is no such object on the bus"));
+    EXPECT_EQ(run_line("nonsense"), unanswered("nonsense on brovan.gateway.server",
+                                               "unknown function or invalid argument"));
+    EXPECT_EQ(run_line("-o nobody echo"), unanswered("echo on nobody", "no such object"));
     EXPECT_EQ(run_line("--socket=/scratch/none echo"),
               unanswered("echo on brovan.gateway.server", "cannot connect to the bus"));
 }
@@ -210,7 +212,7 @@ TEST_F(Call, ReachesAnotherObjectOnAnotherBus)
 {
     BusDaemon other("/scratch/other.sock");
     EXPECT_EQ(run_line("-s /scratch/other.sock echo"),
-              unanswered("echo on brovan.gateway.server", "there is no such object on the bus"));
+              unanswered("echo on brovan.gateway.server", "no such object"));
 
     Service named([] { return bv_ubus_server_init("second", register_functions); });
     ASSERT_TRUE(wait_for_object("second"));
@@ -285,13 +287,27 @@ TEST_F(Call, PrintsNoParametersOfShortReply)
 
 TEST_F(Call, RefusesWhatItDoesNotUnderstandAndCallsNothing)
 {
-    expect_refused({"-x", "0 1", "trace"});
-    expect_refused({std::string(256, 'f')});
-    for (const char *line :
-         {"", "-x 0 trace", "-x 0g trace", "-f /nowhere trace", "-n 1000001 trace", "-n -1 trace",
-          "-m 0 trace", "-p binary trace", "-p parameters trace", "-O 4 trace", "trace name=value",
-          "--nonsense trace"})
-        expect_refused(words(line));
+    const std::string hex =
+        "' is not two hexadecimal digits a byte, of at most 1000000 bytes in all";
+    expect_refused({"-x", "0 1", "trace"}, "bv-call: --hex: '0 1" + hex);
+    expect_refused({std::string(256, 'f')}, "at most 255 characters");
+    const std::pair<const char *, std::string> rows[] = {
+        {"", "which function?"},
+        {"-x 0 trace", "--hex: '0" + hex},
+        {"-x 0g trace", "--hex: '0g" + hex},
+        {"-f /nowhere trace", "bv-call: /nowhere: No such file or directory\n"},
+        {"-f /scratch trace", "bv-call: /scratch: Is a directory\n"},
+        {"-n 1000001 trace", "--size: '1000001' is not a number from 0 to 1000000\n"},
+        {"-n -1 trace", "--size: '-1' is not a number from 0 to 1000000\n"},
+        {"-O 1000001 trace", "--offset: '1000001' is not a number from 0 to 1000000\n"},
+        {"-m 0 trace", "--timeout: '0' is not a number from 1 to 3600000\n"},
+        {"-p binary trace", "--print: 'binary' is not hex, text, parameters or nothing\n"},
+        {"-p parameters trace", "--print=parameters needs a template"},
+        {"-O 4 trace", "--offset needs a template"},
+        {"trace name=value", "NAME=VALUE needs a template"},
+        {"--nonsense trace", "nonsense"}};
+    for (const auto &[line, why] : rows)
+        expect_refused(words(line), why);
     EXPECT_FALSE(file_exists("/scratch/trace"));
     EXPECT_EQ(run_line("trace").status, 0);
     EXPECT_TRUE(file_exists("/scratch/trace"));

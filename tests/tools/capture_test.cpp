@@ -156,7 +156,8 @@ TEST(Capture, ThatCannotBeWrittenEndsTheProgram)
 {
     EXPECT_EQ(run_line("-w /nowhere/capture"),
               (Outcome{1, "", "bv-collect: /nowhere/capture: No such file or directory\n"}));
-    EXPECT_EQ(run_line("-w /dev/full").status, 1);
+    EXPECT_EQ(run_line("-w /dev/full"),
+              (Outcome{1, "", "bv-collect: /dev/full: No space left on device\n"}));
 }
 
 TEST(Capture, IsReadInEitherByteOrderAndUnitOfTime)
@@ -250,6 +251,7 @@ TEST(Capture, IsRefusedWhenItIsSomethingElse)
     }
     EXPECT_EQ(run_line("-r /nowhere/capture").errors,
               "bv-collect: /nowhere/capture: No such file or directory\n");
+    EXPECT_EQ(run_line("-r /scratch").errors, "bv-collect: /scratch: Is a directory\n");
 }
 
 } // namespace

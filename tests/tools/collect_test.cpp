@@ -252,11 +252,15 @@ TEST(Collect, ListensOnPort5344UnlessToldOtherwise)
 TEST(Collect, PrintsHelpAndRefusesWhatItDoesNotUnderstand)
 {
     expect_help("bv-collect", 1);
-    for (const Words &line : {Words{"-p", ""}, Words{"-m", ""}, Words{"-l", "1 2"}})
-        expect_refused(line);
+    const std::string list = " is not a list of at most 32 numbers or ranges from 0 to ";
+    expect_refused({"-p", ""}, "bv-collect: --port: '' is not a number from 0 to 65535\n");
+    expect_refused({"-m", ""}, "--module: ''" + list + "65535, as in 0,2-4\n");
+    expect_refused({"-l", "1 2"}, "--level: '1 2'" + list + "255, as in 0,2-4\n");
+    expect_refused({"-c", "1\x1b"}, "--count: '1\\x1b' is not a number from 1 to 1000000000\n");
+    expect_refused({"-a", "host"}, "--address: 'host' is not an IPv4 address");
     for (const char *line :
-         {"-p 65536", "-p 1x", "-p -1", "-a host", "-m 1,", "-m 4-2", "-m 1-", "-m 65536", "-l 256",
-          "-c 0", "-c x", "--nonsense", "argument", "-w", "-r a -w b",
+         {"-p 65536", "-p 1x", "-p -1", "-m 1,", "-m 4-2", "-m 1-", "-m 65536", "-l 256", "-c 0",
+          "--nonsense", "argument", "-w", "-r a -w b",
           "-m 1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1"})
         expect_refused(words(line));
 }

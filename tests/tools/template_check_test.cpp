@@ -60,33 +60,30 @@ TEST(TemplateCheck, PassesBothEndsOfEveryType)
 
 TEST(TemplateCheck, FindsValuesThatDoNotFit)
 {
-    const char *const rows[][4] = {
-        {"string", "1", R"("a")",
-         "text of 1 byte is too long for len 1, which counts the zero byte at its end"},
-        {"string", "4", R"("abcd")",
-         "text of 4 bytes is too long for len 4, which counts the zero byte at its end"},
-        {"char", "1", R"("-129")", "-129 does not fit type char (-128 to 127)"},
-        {"char", "1", "128", "128 does not fit type char (-128 to 127)"},
-        {"uchar", "1", "256", "256 does not fit type uchar (0 to 255)"},
-        {"uchar", "1", "-1", "-1 does not fit type uchar (0 to 255)"},
-        {"short", "2", "32768", "32768 does not fit type short (-32768 to 32767)"},
-        {"ushort", "2", "65536", "65536 does not fit type ushort (0 to 65535)"},
-        {"int", "4", "2147483648", "2147483648 does not fit type int (-2147483648 to 2147483647)"},
-        {"uint", "4", "4294967296", "4294967296 does not fit type uint (0 to 4294967295)"},
-        {"int", "4", "1.5", "'1.5' is not a number"}};
-    for (const auto &[type, len, value, why] : rows)
-        EXPECT_EQ(faults_of(parameter(type, len, value)), "2: value of \"x\": "s + why + "\n");
+    const char *const strings[][3] = {{"1", "a", "1 byte is too long: len 1 holds 0"},
+                                      {"4", "abcd", "4 bytes is too long: len 4 holds 3"}};
+    for (const auto &[len, value, why] : strings)
+        EXPECT_EQ(faults_of(parameter("string", len, '"' + std::string(value) + '"')),
+                  "2: value of \"x\": text of "s + why + " and the zero byte at its end\n");
 
     const struct {
         const char *type, *len, *kind;
         Words values;
-    } kinds[] = {{"int", "4", "a number", {"99999999999999999999", "", "-", "12a"}},
+    } kinds[] = {{"char", "1", "a number from -128 to 127, as type char needs", {"-129", "128"}},
+                 {"uchar", "1", "a number from 0 to 255, as type uchar needs", {"256", "-1"}},
+                 {"short", "2", "a number from -32768 to 32767, as type short needs", {"32768"}},
+                 {"ushort", "2", "a number from 0 to 65535, as type ushort needs", {"65536"}},
+                 {"int",
+                  "4",
+                  "a number from -2147483648 to 2147483647, as type int needs",
+                  {"2147483648", "1.5", "99999999999999999999", "", "-", "12a"}},
+                 {"uint", "4", "a number from 0 to 4294967295, as type uint needs", {"4294967296"}},
                  {"mac",
                   "6",
-                  "a MAC address",
+                  "a MAC address, as in 02:00:00:00:00:01",
                   {"02:00:00:00:00", "02:00:00:00:00:01 ", "002:0:0:0:0:1", "02:00:00:00:00:0g",
                    "2::0:0:0:1"}},
-                 {"ip", "4", "an IPv4 address", {"192.168.1", "::1"}}};
+                 {"ip", "4", "an IPv4 address, as in 192.168.1.1", {"192.168.1", "::1"}}};
     for (const auto &row : kinds)
         for (const std::string &value : row.values)
             EXPECT_EQ(faults_of(parameter(row.type, row.len, '"' + value + '"')),
@@ -149,6 +146,19 @@ TEST(TemplateCheck, FindsWhatWouldNotSurviveARewrite)
     }
 }
 
+// They may be somebody's own, as is one beside the key that it resembles.
+TEST(TemplateCheck, WarnsOfUnknownKeysWithoutCallingThemFaults)
+{
+    write_file(kFile, "{\"paras\":1,\"para\":[" +
+                          parameter("int", "4", "1").insert(1, "\n\"min\":0,") + "]}");
+    const std::string ignored = kFile + ":1: warning: unknown key \"paras\" is ignored\n" + kFile +
+                                ":2: warning: unknown key \"min\" is ignored\n";
+    EXPECT_EQ(run_tool({"check", kFile}), (Outcome{0, ignored, ""}));
+    const Outcome header = run_tool({"header", kFile});
+    EXPECT_EQ(header.errors, ignored);
+    EXPECT_EQ(header.output.rfind("/* Parameters", 0), 0u) << header.output;
+}
+
 TEST(TemplateCheck, FindsTextsThatAreTooLong)
 {
     const std::string longest(1023, 'n');
@@ -201,7 +211,8 @@ TEST(TemplateCheck, ReportsEveryFaultOfEveryFile)
     EXPECT_EQ(run_line("check /scratch/a.json /scratch/b.json"),
               (Outcome{1,
                        "/scratch/a.json:1: len 2 does not fit type int, which takes 4\n"
-                       "/scratch/a.json:1: value of \"x\": 'x' is not a number\n"
+                       "/scratch/a.json:1: value of \"x\": 'x' is not a number from -2147483648 to "
+                       "2147483647, as type int needs\n"
                        "/scratch/b.json:1: not JSON: a value is expected\n",
                        ""}));
 }

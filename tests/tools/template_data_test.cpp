@@ -40,6 +40,13 @@ TEST_F(DataCheck, ReportsFaultsWithTheirLines)
     expect_cases("data", kFile, "data-faults");
 }
 
+TEST_F(DataCheck, WarnsOfMisspeltKeys)
+{
+    EXPECT_EQ(faults("{\"lan.json\":[{\"ints\":\"1\",\"para\":{}}]}"),
+              "1: warning: unknown key \"ints\", did you mean \"inst\"?\n"
+              "1: \"inst\" is missing: the element is skipped\n");
+}
+
 TEST_F(DataCheck, FindsTemplatesInSubfolders)
 {
     ASSERT_EQ(mkdir("/etc/template/sub", 0700), 0);

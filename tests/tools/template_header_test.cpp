@@ -95,8 +95,28 @@ TEST(Header, ReadsTheDefaultsThatTheLibraryStored)
     EXPECT_EQ(image.SIZE_WIDTH_, 8);
     EXPECT_EQ(image.INTERVAL_MAX, 9);
     EXPECT_EQ(image.typeof_unqual_, 10);
+    EXPECT_EQ(image.BV_OK_, 11);
     EXPECT_EQ(image.ODD_NAMES_SIZE_2, 0);
     EXPECT_EQ(image.gr____e, 5);
+}
+
+TEST(Header, MatchesOnlyTheTemplateThatItWasMadeFrom)
+{
+    const std::string path = "/etc/template/lan.json";
+    write_file(path, read_file(kTemplates + "lan.json"));
+    ASSERT_EQ(bv_db_init(), BV_OK);
+    EXPECT_EQ(lan_matches(), 0) << "not registered";
+    bv_db_reg_user(LAN_FAMILY);
+    EXPECT_EQ(lan_matches(), 0) << "not loaded";
+    bv_db_start();
+    EXPECT_EQ(lan_matches(), 1);
+
+    write_file(path, R"({"para":[{"name":"mtu","type":"ushort","len":2,"value":"1500"}]})");
+    bv_db_template();
+    EXPECT_EQ(lan_matches(), 0) << "another size";
+    remove(path.c_str());
+    bv_db_template();
+    EXPECT_EQ(lan_matches(), 0) << "no template";
 }
 
 TEST(Header, TakesNameAndFileFromTheCommandLine)
@@ -109,6 +129,9 @@ TEST(Header, TakesNameAndFileFromTheCommandLine)
                              "#define HOME_NET_FAMILY \"lan.json\"\n",
                              "FAMILY_ASSERT(offsetof(struct home_net, dhcp) == 42, \"dhcp\");\n"})
         EXPECT_TRUE(contains(header, line)) << line;
+    EXPECT_TRUE(contains(run_line("header -n bv_db_para " + kTemplates + "lan.json").output,
+                         "struct bv_db_para_ {\n"))
+        << "the library's own name";
 }
 
 TEST(Header, IsNotMadeFromFaultyTemplate)
@@ -125,7 +148,8 @@ TEST(Header, ThatCannotBeWrittenIsReported)
     const std::string lan = kTemplates + "lan.json";
     EXPECT_EQ(run_line("header -o /nowhere/lan.h " + lan),
               (Outcome{2, "", "bv-template: /nowhere/lan.h: No such file or directory\n"}));
-    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' header '" + lan + "' > /dev/full"}).status, 2);
+    EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' header '" + lan + "' > /dev/full"}),
+              (Outcome{2, "", "bv-template: standard output: No space left on device\n"}));
 }
 
 // Half a header could still be included; but a device is not the tool's to remove.
@@ -133,7 +157,7 @@ TEST(Header, ThatBreaksOffIsRemovedUnlessItIsADevice)
 {
     ASSERT_EQ(symlink("/dev/full", "/scratch/full.h"), 0);
     EXPECT_EQ(run_line("header -o /scratch/full.h " + kTemplates + "lan.json"),
-              (Outcome{2, "", "bv-template: /scratch/full.h: the header is incomplete\n"}));
+              (Outcome{2, "", "bv-template: /scratch/full.h: No space left on device\n"}));
     EXPECT_TRUE(file_exists("/scratch/full.h"));
 
     // The small disk is full.

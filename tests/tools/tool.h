@@ -46,13 +46,15 @@ inline bool contains(const std::string &text, const std::string &part)
     return text.find(part) != std::string::npos;
 }
 
-// A command line is wrong usage, which the tool says before it does anything.
-inline void expect_refused(const Words &line)
+// A command line is wrong usage, which the tool says before it does anything. It says `why` if that
+// is given.
+inline void expect_refused(const Words &line, const std::string &why = "")
 {
     const Outcome outcome = run_tool(line);
     SCOPED_TRACE(testing::PrintToString(line));
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.output, "");
+    EXPECT_TRUE(contains(outcome.errors, why)) << outcome.errors;
     EXPECT_TRUE(contains(outcome.errors, "--help")) << outcome.errors;
 }
 

@@ -70,37 +70,6 @@ Buffer g_bytes;
 
 // ---- what came back ----
 
-// The library's code of a number, in parentheses; empty if there is none.
-const char *code_of(uint32_t result)
-{
-#define CODE(name)                                                                                 \
-    case static_cast<uint32_t>(name):                                                              \
-        return " (" #name ")"
-    switch (result) {
-        CODE(BV_ERR_FAILED);
-        CODE(BV_ERR_RANGE);
-        CODE(BV_ERR_WRITE_OPEN);
-        CODE(BV_ERR_NO_FAMILY);
-        CODE(BV_ERR_INVALID);
-        CODE(BV_ERR_NULL);
-        CODE(BV_ERR_NO_INSTANCE);
-        CODE(BV_ERR_EXISTS);
-        CODE(BV_ERR_FULL);
-        CODE(BV_ERR_OPEN);
-        CODE(BV_ERR_SHORT_READ);
-        CODE(BV_ERR_SHORT_WRITE);
-        CODE(BV_ERR_NO_FILE);
-        CODE(BV_ERR_RECORD);
-        CODE(BV_ERR_CHANNEL);
-        CODE(BV_ERR_EMPTY);
-        CODE(BV_ERR_MEMORY);
-        CODE(BV_ERR_TOO_LONG);
-    default:
-        return "";
-    }
-#undef CODE
-}
-
 bool write_raw(const char *path, const Buffer &bytes)
 {
     File file(open_or_standard(path, "wb"));
@@ -108,7 +77,9 @@ bool write_raw(const char *path, const Buffer &bytes)
         return complain(path, strerror(errno));
     const bool written =
         fwrite(bytes.data, 1, bytes.length, file.get()) == bytes.length && fflush(file.get()) == 0;
-    return (close_file(file.release()) && written) || complain(path, "cannot be written");
+    const int why = errno;
+    return close_file(file.release()) && written ? true
+                                                 : complain(path, strerror(written ? errno : why));
 }
 
 // Bytes up to the first zero one.
@@ -137,20 +108,25 @@ bool print_form(const Buffer &bytes, uint32_t offset)
     }
 }
 
-// On standard error, since the bytes may go to standard output.
+// On standard error, since the bytes may go to standard output. Other numbers than status codes
+// mean what the function wants.
 void show_result(uint32_t result)
 {
-    fprintf(stderr, "bv-call: result 0x%08" PRIx32 "%s, %" PRIu32 " byte%s\n", result,
-            code_of(result), g_bytes.length, g_bytes.length == 1 ? "" : "s");
+    fprintf(stderr, "bv-call: result 0x%08" PRIx32, result);
+    if (result >> 8 == 0x100000 || result == UINT32_MAX)
+        fprintf(stderr, " (%s)", bv_status_text(result));
+    fprintf(stderr, ", %" PRIu32 " byte%s\n", g_bytes.length, g_bytes.length == 1 ? "" : "s");
 }
 
-// Returns false after it printed what failed.
-bool show_bytes()
+// Returns false after it printed what failed. When the function failed there are no parameters to
+// print: the bytes may still be those that were sent.
+bool show_bytes(uint32_t result)
 {
     const bool written = g_options.write == nullptr || write_raw(g_options.write, g_bytes);
-    const bool printed = print_form(g_bytes, g_options.offset);
+    const bool skipped = result != BV_OK && g_options.form == Form::Parameters;
+    const bool printed = skipped || print_form(g_bytes, g_options.offset);
     if (fflush(stdout) != 0 || ferror(stdout) != 0)
-        return complain("standard output", "cannot be written");
+        return complain("standard output", strerror(errno));
     return written && printed;
 }
 
@@ -199,19 +175,28 @@ int call(char **assignments)
         return kExitNoAnswer;
     }
     show_result(result);
-    if (!show_bytes())
+    if (!show_bytes(result))
         return kExitNoAnswer;
     return result == BV_OK ? 0 : kExitResult;
 }
 
 // ---- the command line ----
 
+constexpr char kTooLong[] = "a call carries at most 1000000 bytes";
+static_assert(kMaxBytes == 1000000);
+
+bool add_text(const char *text)
+{
+    return g_bytes.add(text, strlen(text)) || complain("--text", kTooLong);
+}
+
 bool add_file(const char *path)
 {
     const File file(open_or_standard(path, "rb"));
     if (!file)
         return complain(path, strerror(errno));
-    return g_bytes.add_file(file.get());
+    return g_bytes.add_file(file.get()) ||
+           complain(path, ferror(file.get()) != 0 ? strerror(errno) : kTooLong);
 }
 
 bool take_form(const char *text)
@@ -262,19 +247,22 @@ Form default_form()
 }
 
 constexpr Option kOptions[] = {
-    {"hex", 'x', nullptr, [](const char *text) { return g_bytes.add_hex(text); }},
-    {"text", 't', nullptr, [](const char *text) { return g_bytes.add(text, strlen(text)); }},
-    {"file", 'f', nullptr, add_file},
+    {"hex", 'x', nullptr, [](const char *text) { return g_bytes.add_hex(text); },
+     "two hexadecimal digits a byte, of at most 1000000 bytes in all"},
+    {"text", 't', nullptr, add_text, nullptr},
+    {"file", 'f', nullptr, add_file, nullptr},
     {"size", 'n', nullptr,
-     [](const char *text) { return parse_number(text, kMaxBytes, g_options.size); }},
-    {"template", 'T', &g_options.template_name, nullptr},
+     [](const char *text) { return parse_number(text, kMaxBytes, g_options.size); },
+     "a number from 0 to 1000000"},
+    {"template", 'T', &g_options.template_name, nullptr, nullptr},
     {"offset", 'O', nullptr,
-     [](const char *text) { return parse_number(text, kMaxBytes, g_options.offset); }},
-    {"print", 'p', nullptr, take_form},
-    {"write", 'w', &g_options.write, nullptr},
-    {"object", 'o', &g_options.remote.object, nullptr},
-    {"socket", 's', &g_options.remote.socket, nullptr},
-    {"timeout", 'm', nullptr, take_timeout}};
+     [](const char *text) { return parse_number(text, kMaxBytes, g_options.offset); },
+     "a number from 0 to 1000000"},
+    {"print", 'p', nullptr, take_form, "hex, text, parameters or nothing"},
+    {"write", 'w', &g_options.write, nullptr, nullptr},
+    {"object", 'o', &g_options.remote.object, nullptr, nullptr},
+    {"socket", 's', &g_options.remote.socket, nullptr, nullptr},
+    {"timeout", 'm', nullptr, take_timeout, "a number from 1 to 3600000"}};
 
 } // namespace
 

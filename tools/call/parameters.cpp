@@ -9,9 +9,11 @@
 #include "db/internal.h"
 #include "db/types.h"
 #include "tools/common/command_line.h"
+#include "tools/common/file.h"
 #include "tools/common/visible.h"
 #include "tools/template/values.h"
 
+#include <cerrno>
 #include <cstring>
 #include <unistd.h>
 
@@ -46,6 +48,14 @@ bool lengths_add_up(json_object *para)
     return sum >= INT32_MIN;
 }
 
+// Why a file cannot be read at all, or null.
+const char *file_fault(const char *path)
+{
+    const tools::File file(fopen(path, "rb"));
+    return !file || (getc(file.get()) == EOF && ferror(file.get()) != 0) ? strerror(errno)
+                                                                         : nullptr;
+}
+
 bool read_template(const char *path)
 {
     const bv::JsonTree tree(bv_json_object_from_file(path));
@@ -62,14 +72,17 @@ bv_db_para *find(const char *name, size_t length)
     return nullptr;
 }
 
-// The library would store something else instead; here it is a typing mistake.
-bool check_value(const bv_db_para &para, const char *assignment, const char *value)
+// The library would store something else instead, or write a data file that it cannot read again;
+// here it is a typing mistake.
+bool check_value(const bv_db_para &para, const char *value)
 {
     const bv::ParameterType *type = bv::find_type(para.type);
     if (type == nullptr)
-        return complain(assignment, "its type in the template is unknown");
+        return complain(para.name, "its type in the template is unknown");
     tools::Reason why;
-    return tools::value_fits(*type, para.len, value, why) || complain(assignment, why.text);
+    return (tools::value_fits(*type, para.len, value, why) &&
+            tools::text_survives(value, strlen(value), why)) ||
+           complain(para.name, why.text);
 }
 
 } // namespace
@@ -79,14 +92,17 @@ bool tools::open_template(const char *name)
     g_template_name = name;
     char in_folder[1024];
     const char *path = name;
-    if (access(path, F_OK) != 0) {
+    if (access(path, F_OK) != 0 && errno == ENOENT) {
         snprintf(in_folder, sizeof(in_folder), "/etc/template/%s", name);
         path = in_folder;
-        if (access(path, F_OK) != 0)
+        if (access(path, F_OK) != 0 && errno == ENOENT)
             return complain(name, "no such template, neither here nor in /etc/template");
     }
+    const char *fault = file_fault(path);
+    if (fault != nullptr)
+        return complain(path, fault);
     if (!read_template(path))
-        return complain(path, "cannot be read as a template");
+        return complain(path, "not a template; bv-template check says why");
     if (g_family.image_size <= 0 || g_family.default_image == nullptr)
         return complain(path, "has no parameters");
     return true;
@@ -113,7 +129,7 @@ bool tools::set_parameter(Buffer &bytes, uint32_t offset, const char *assignment
     bv_db_para *para = find(assignment, static_cast<size_t>(equals - assignment));
     if (para == nullptr)
         return complain(assignment, "the template has no such parameter");
-    if (!check_value(*para, assignment, equals + 1))
+    if (!check_value(*para, equals + 1))
         return false;
     bv_os_strcpy(para->value, sizeof(para->value), equals + 1);
 

@@ -3,6 +3,8 @@
 
 #include "tools/call/remote.h"
 
+#include <bv/status.h>
+
 #include "bus/rpc_message.h"
 #include "os/owned.h"
 
@@ -42,26 +44,6 @@ void take_reply(ubus_request *request, int, blob_attr *message)
     reply.fault = read_reply(message, reply);
 }
 
-const char *status_text(int status)
-{
-    switch (status) {
-    case UBUS_STATUS_INVALID_ARGUMENT:
-        return "the object has no such function, or could not take the bytes";
-    case UBUS_STATUS_METHOD_NOT_FOUND:
-        return "the object offers no functions to call";
-    case UBUS_STATUS_NOT_FOUND:
-        return "there is no such object on the bus";
-    case UBUS_STATUS_PERMISSION_DENIED:
-        return "the bus does not permit it";
-    case UBUS_STATUS_TIMEOUT:
-        return "no answer in time";
-    case UBUS_STATUS_CONNECTION_FAILED:
-        return "the connection to the bus was lost";
-    default:
-        return "the bus could not carry the call";
-    }
-}
-
 // SIGALRM comes after the timeout; with 0 it does not come.
 void set_alarm(int timeout_ms)
 {
@@ -76,7 +58,7 @@ const char *call(ubus_context *bus, const Remote &remote, Reply &reply)
     int status = bv_ubus_lookup_id(bus, remote.object, &object);
     set_alarm(0); // the call itself has a limit
     if (status != UBUS_STATUS_OK)
-        return status_text(status);
+        return bv_bus_status_text(status);
 
     static blob_buf request;
     if (!bv::rpc_build_request(request, remote.function, {reply.bytes.data, reply.bytes.length}))
@@ -85,7 +67,7 @@ const char *call(ubus_context *bus, const Remote &remote, Reply &reply)
     status = bv_ubus_invoke(bus, object, bv::kMethodName, request.head, take_reply, &reply,
                             remote.timeout_ms);
     bv_blob_buf_free(&request);
-    return status != UBUS_STATUS_OK ? status_text(status) : reply.fault;
+    return status != UBUS_STATUS_OK ? bv_bus_status_text(status) : reply.fault;
 }
 
 } // namespace

@@ -53,8 +53,8 @@ function debug_message.dissector(buffer, pinfo, tree)
 
     local text = ""
     if size > HEAD then
-        text = buffer(HEAD):string()
-        item:add(fields.text, buffer(HEAD))
+        text = buffer(HEAD):string(ENC_UTF_8)
+        item:add_packet_field(fields.text, buffer(HEAD), ENC_UTF_8)
     end
     pinfo.cols.info = string.format("module %u level %u tag 0x%04x: %s", module:uint(),
                                     level:uint(), tag:uint(), text)

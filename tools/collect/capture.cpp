@@ -4,6 +4,7 @@
 
 #include "os/bytes.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -92,7 +93,7 @@ const char *tools::Capture::open(FILE *file)
     swapped_ = false;
     uint8_t header[kFileHeader];
     if (fread(header, sizeof(header), 1, file) != 1)
-        return "not a capture file";
+        return ferror(file) != 0 ? strerror(errno) : "not a capture file";
     const char *fault = read_magic(number_at(header));
     if (fault != nullptr)
         return fault;

@@ -137,7 +137,7 @@ int report(unsigned skipped, unsigned dropped)
         fprintf(stderr, ", %u dropped by the system", dropped);
     fputc('\n', stderr);
     if (fflush(stdout) != 0 || ferror(stdout) != 0)
-        return fail("standard output", "cannot be written");
+        return fail("standard output", strerror(errno));
     return 0;
 }
 
@@ -164,7 +164,9 @@ int read_capture()
     }
     const int status = report(capture.skipped, 0);
     const bool damaged = result == Capture::Result::Damaged;
-    return damaged ? fail(g_options.read, "damaged or cut off") : status;
+    if (!damaged)
+        return status;
+    return fail(g_options.read, ferror(file.get()) != 0 ? strerror(errno) : "damaged or cut off");
 }
 
 // ---- from the network ----
@@ -250,13 +252,15 @@ bool take_count(const char *text)
 }
 
 constexpr Option kOptions[] = {
-    {"address", 'a', nullptr, take_address},
-    {"port", 'p', nullptr, take_port},
-    {"module", 'm', nullptr, [](const char *text) { return g_options.modules.add(text, 65535); }},
-    {"level", 'l', nullptr, [](const char *text) { return g_options.levels.add(text, 255); }},
-    {"write", 'w', &g_options.write, nullptr},
-    {"read", 'r', &g_options.read, nullptr},
-    {"count", 'c', nullptr, take_count}};
+    {"address", 'a', nullptr, take_address, "an IPv4 address, as in 192.168.1.1"},
+    {"port", 'p', nullptr, take_port, "a number from 0 to 65535"},
+    {"module", 'm', nullptr, [](const char *text) { return g_options.modules.add(text, 65535); },
+     "a list of at most 32 numbers or ranges from 0 to 65535, as in 0,2-4"},
+    {"level", 'l', nullptr, [](const char *text) { return g_options.levels.add(text, 255); },
+     "a list of at most 32 numbers or ranges from 0 to 255, as in 0,2-4"},
+    {"write", 'w', &g_options.write, nullptr, nullptr},
+    {"read", 'r', &g_options.read, nullptr, nullptr},
+    {"count", 'c', nullptr, take_count, "a number from 1 to 1000000000"}};
 
 } // namespace
 

@@ -3,6 +3,7 @@
 #include "tools/common/visible.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
@@ -30,6 +31,17 @@ int next_option(const CommandLine &line, int argc, char **argv)
     return getopt_long(argc, argv, letters, names, nullptr);
 }
 
+// Shows an argument that may be anything, even very long.
+bool complain_of_argument(const CommandLine &line, const Option &option)
+{
+    const char *argument = optarg;
+    fprintf(stderr, "%s: --%s: '", line.program, option.name);
+    tools::print_visible(stderr,
+                         bv::bytes_of(argument, static_cast<uint32_t>(strnlen(argument, 60))));
+    fprintf(stderr, "' is not %s\n", option.expected);
+    return false;
+}
+
 // Returns false after it printed what is wrong.
 bool take_option(const CommandLine &line, int letter)
 {
@@ -37,15 +49,13 @@ bool take_option(const CommandLine &line, int letter)
         const Option &option = line.options[i];
         if (option.letter != letter)
             continue;
-        if (option.text != nullptr)
-            *option.text = optarg;
-        else if (!option.take(optarg))
-            break;
+        if (option.text == nullptr)
+            return option.take(optarg) ||
+                   (option.expected != nullptr && complain_of_argument(line, option));
+        *option.text = optarg;
         return true;
     }
-    if (letter != '?') // else getopt_long() printed it
-        fprintf(stderr, "%s: -%c: invalid argument '%s'\n", line.program, letter, optarg);
-    return false;
+    return false; // getopt_long() printed it
 }
 
 } // namespace

@@ -15,6 +15,7 @@ struct Option {
     char letter;
     const char **text;                  // keeps the argument as it is
     bool (*take)(const char *argument); // if text is null: reads it; false when it is invalid
+    const char *expected;               // what it reads, as in "an address"; null: take complains
 };
 
 struct CommandLine {

@@ -19,6 +19,7 @@ constexpr size_t kMaxMessage = 512;
 
 unsigned g_faults;
 bool g_trouble;
+bool g_output_taken;
 
 // Reads to the end of the file, into a block that starts with a free byte. Null with errno; the
 // caller frees.
@@ -64,26 +65,45 @@ bool number_stays(const char *text)
     return strtoull(text, nullptr, 10) != ULLONG_MAX || errno == 0;
 }
 
+void print_line(FILE *to, const char *path, unsigned line, const char *kind, const char *format,
+                va_list arguments)
+{
+    char message[kMaxMessage];
+    vsnprintf(message, sizeof(message), format, arguments);
+    tools::print_visible(to, path);
+    fprintf(to, ":%u: %s", line, kind);
+    tools::print_visible(to, message);
+    fputc('\n', to);
+}
+
 } // namespace
 
 void tools::CheckedFile::fault(unsigned line, const char *format, ...) const
 {
-    char message[kMaxMessage];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(message, sizeof(message), format, arguments);
+    print_line(stdout, path, line, "", format, arguments);
     va_end(arguments);
-    print_visible(stdout, path);
-    printf(":%u: ", line);
-    print_visible(stdout, message);
-    putchar('\n');
     ++g_faults;
+}
+
+void tools::CheckedFile::warn(unsigned line, const char *format, ...) const
+{
+    va_list arguments;
+    va_start(arguments, format);
+    print_line(g_output_taken ? stderr : stdout, path, line, "warning: ", format, arguments);
+    va_end(arguments);
 }
 
 bool tools::file_trouble(const char *path, const char *why)
 {
     g_trouble = true;
     return complain(path, why);
+}
+
+void tools::warn_on_standard_error()
+{
+    g_output_taken = true;
 }
 
 unsigned tools::fault_count()

@@ -1,5 +1,5 @@
-// A file that is checked. Its faults are printed as FILE:LINE: MESSAGE and counted. Checks that
-// templates and data files share are here too.
+// A file that is checked. Its faults are printed as FILE:LINE: MESSAGE and counted; its warnings
+// are printed alike. Checks that templates and data files share are here too.
 #ifndef TOOLS_TEMPLATE_CHECKED_FILE_H
 #define TOOLS_TEMPLATE_CHECKED_FILE_H
 
@@ -15,6 +15,9 @@ struct CheckedFile {
 
     // Reports one fault on standard output.
     void fault(unsigned line, const char *format, ...) const __attribute__((format(printf, 3, 4)));
+
+    // Prints a warning, which is not counted.
+    void warn(unsigned line, const char *format, ...) const __attribute__((format(printf, 3, 4)));
 
     // Reads and parses the file. Returns false after it reported why not.
     bool read(JsonDocument &document) const;
@@ -36,6 +39,9 @@ struct CheckedFile {
 // Prints on standard error that a file cannot be used at all. Returns false, so that callers can
 // return that.
 bool file_trouble(const char *path, const char *why);
+
+// From now on warnings go to standard error: standard output is for a header.
+void warn_on_standard_error();
 
 // What was reported, of all files together.
 unsigned fault_count();

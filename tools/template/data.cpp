@@ -7,6 +7,7 @@
 #include "tools/template/data.h"
 
 #include "tools/template/checked_file.h"
+#include "tools/template/keys.h"
 #include "tools/template/values.h"
 
 #include <cinttypes>
@@ -44,7 +45,9 @@ private:
             file_.fault(element.line, "an element is not an object: it is skipped");
             return false;
         }
+        static constexpr const char *kKeys[] = {"inst", "para"};
         file_.check_names_once(element);
+        check_keys(file_, element, kKeys);
         const Json *inst = element.member("inst");
         if (inst == nullptr || element.member("para") == nullptr) {
             file_.fault(element.line, "\"%s\" is missing: the element is skipped",

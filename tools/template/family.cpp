@@ -7,6 +7,7 @@
 #include "tools/template/family.h"
 
 #include "tools/template/checked_file.h"
+#include "tools/template/keys.h"
 #include "tools/template/values.h"
 
 #include <cinttypes>
@@ -54,7 +55,9 @@ public:
             file_.fault(object_.line, "an element of \"para\" is not an object: it is skipped");
             return false;
         }
+        static constexpr const char *kKeys[] = {"name", "type", "len", "value"};
         file_.check_names_once(object_);
+        check_keys(file_, object_, kKeys);
         if (!is_complete())
             return false;
         check_name(names);
@@ -212,7 +215,9 @@ bool tools::read_family(const char *path, Family &family)
         file.fault(root.line, "a template is an object with \"para\"");
         return false;
     }
+    static constexpr const char *kKeys[] = {"para", "getfunc", "setfunc"};
     file.check_names_once(root);
+    check_keys(file, root, kKeys);
     check_function(file, root, "getfunc");
     check_function(file, root, "setfunc");
     const Json *para = root.member("para");

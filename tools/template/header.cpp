@@ -1,7 +1,8 @@
 // The header that services lay their images out with.
 //
 // The image is packed and in the order of the template. The assertions repeat it in numbers: they
-// catch a compiler that packs differently, and a header edited by hand.
+// catch a compiler that packs differently, and a header edited by hand. What they cannot see, a
+// template that is changed later, a function checks when the program runs.
 
 #include "tools/template/header.h"
 
@@ -60,6 +61,12 @@ bool is_limit(const char *name)
     return false;
 }
 
+// What <bv/db.h> defines, which the header includes too: macros, and structures.
+bool is_ours(const char *name, bool is_structure)
+{
+    return strncmp(name, "BV_", 3) == 0 || (is_structure && strncmp(name, "bv_", 3) == 0);
+}
+
 // A family's file name without ".json".
 size_t stem_length(const char *name)
 {
@@ -114,7 +121,8 @@ private:
         for (size_t i = 0; i < length; ++i)
             *to++ = isalnum(static_cast<unsigned char>(name[i])) != 0 ? name[i] : '_';
         *to = '\0';
-        if (is_listed(kClaimed, identifier, strlen(identifier)) || is_limit(identifier))
+        if (is_listed(kClaimed, identifier, strlen(identifier)) || is_limit(identifier) ||
+            is_ours(identifier, count_ == kStructure))
             memcpy(to++, "_", 2);
         for (unsigned number = 2; is_taken(identifier); ++number)
             snprintf(to, 12, "_%u", number);
@@ -154,7 +162,7 @@ void write_top(FILE *to, const Family &family, const Names &names)
     fprintf(to,
             "/* Parameters of the family %s, packed as in its image. Written by bv-template. */\n"
             "#ifndef %s\n#define %s\n\n"
-            "#include <stddef.h>\n#include <stdint.h>\n\n"
+            "#include <bv/db.h>\n#include <stddef.h>\n#include <stdint.h>\n\n"
             "#define %s \"%s\"\n#define %s %" PRId64 "\n\n",
             family.name, names[Names::kGuardMacro], names[Names::kGuardMacro],
             names[Names::kFamilyMacro], family.name, names[Names::kSizeMacro], family.size);
@@ -195,7 +203,22 @@ void write_assertions(FILE *to, const Family &family, const Names &names)
                 name, offset, name);
         offset += family.parameters[i].len;
     }
-    fputs("#undef FAMILY_ASSERT\n\n#endif\n", to);
+    fputs("#undef FAMILY_ASSERT\n\n", to);
+}
+
+// A template may change after the program was built. Copies of another size than the image's leave
+// zeros or nothing, and no status tells.
+void write_match(FILE *to, const Names &names)
+{
+    fprintf(
+        to,
+        "/* Returns 1 when the database has the family and its image has the structure's size.\n"
+        " * Otherwise the template is missing or is not the one that this header was made from,\n"
+        " * and instances must not be read or written with the structure. */\n"
+        "static inline int %s_matches(void)\n{\n"
+        "    const bv_db_family *family = bv_db_hash_find(%s);\n"
+        "    return family && family->image_size == %s;\n}\n\n#endif\n",
+        names[Names::kStructure], names[Names::kFamilyMacro], names[Names::kSizeMacro]);
 }
 
 } // namespace
@@ -208,5 +231,6 @@ bool tools::write_header(FILE *to, const Family &family, const char *structure)
     write_top(to, family, names);
     write_structure(to, family, names);
     write_assertions(to, family, names);
+    write_match(to, names);
     return true;
 }

@@ -85,9 +85,9 @@ bool write_whole(FILE *file, const Family &family)
 void write_output(const Family &family)
 {
     if (g_options.output == nullptr) {
-        if (!write_whole(stdout, family))
-            file_trouble("standard output", "the header is incomplete");
-        return;
+        if (!write_header(stdout, family, g_options.name))
+            file_trouble("standard output", strerror(errno));
+        return; // result() flushes it
     }
     File file(fopen(g_options.output, "w"));
     if (!file) {
@@ -96,9 +96,10 @@ void write_output(const Family &family)
     }
     const bool removable = is_regular(file.get());
     const bool written = write_whole(file.get(), family);
+    const int why = errno;
     if (close_file(file.release()) && written)
         return;
-    file_trouble(g_options.output, "the header is incomplete");
+    file_trouble(g_options.output, strerror(written ? errno : why));
     if (removable)
         remove(g_options.output);
 }
@@ -107,14 +108,15 @@ void write_output(const Family &family)
 int header(const char *path)
 {
     Family family;
+    warn_on_standard_error();
     if (read_family(path, family) && fault_count() == 0)
         write_output(family);
     return result();
 }
 
-constexpr Option kOptions[] = {{"templates", 't', &g_options.templates, nullptr},
-                               {"name", 'n', &g_options.name, nullptr},
-                               {"output", 'o', &g_options.output, nullptr}};
+constexpr Option kOptions[] = {{"templates", 't', &g_options.templates, nullptr, nullptr},
+                               {"name", 'n', &g_options.name, nullptr, nullptr},
+                               {"output", 'o', &g_options.output, nullptr, nullptr}};
 
 } // namespace
 

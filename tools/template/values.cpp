@@ -3,6 +3,7 @@
 
 #include "tools/template/values.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
 #include <cinttypes>
@@ -17,24 +18,22 @@ using tools::Reason;
 
 bool number_fits(const ParameterType &type, const char *text, Reason &why)
 {
-    int64_t number;
-    if (!tools::parse_decimal(text, number))
-        return why.set("'%.40s' is not a number", text);
     const bool is_signed = type.kind == bv::TypeKind::Signed;
     const int64_t highest = (int64_t{1} << (8 * type.size - (is_signed ? 1 : 0))) - 1;
     const int64_t lowest = is_signed ? -highest - 1 : 0;
-    return (number >= lowest && number <= highest) ||
-           why.set("%.40s does not fit type %s (%" PRId64 " to %" PRId64 ")", text, type.name,
-                   lowest, highest);
+    int64_t number;
+    return (tools::parse_decimal(text, number) && number >= lowest && number <= highest) ||
+           why.set("'%.40s' is not a number from %" PRId64 " to %" PRId64 ", as type %s needs",
+                   text, lowest, highest, type.name);
 }
 
 bool string_fits(int32_t len, const char *text, Reason &why)
 {
     const size_t length = strlen(text);
     return (len > 0 && length < static_cast<size_t>(len)) ||
-           why.set("text of %zu byte%s is too long for len %" PRId32
-                   ", which counts the zero byte at its end",
-                   length, length == 1 ? "" : "s", len);
+           why.set("text of %zu byte%s is too long: len %" PRId32 " holds %" PRId32
+                   " and the zero byte at its end",
+                   length, length == 1 ? "" : "s", len, std::max(len - 1, 0));
 }
 
 // Six groups of one or two hexadecimal digits.
@@ -92,9 +91,10 @@ bool tools::value_fits(const ParameterType &type, int32_t len, const char *text,
     case bv::TypeKind::Unsigned:
         return number_fits(type, text, why);
     case bv::TypeKind::Mac:
-        return is_mac(text) || why.set("'%.40s' is not a MAC address", text);
+        return is_mac(text) ||
+               why.set("'%.40s' is not a MAC address, as in 02:00:00:00:00:01", text);
     case bv::TypeKind::Ip:
-        return is_ip(text) || why.set("'%.40s' is not an IPv4 address", text);
+        return is_ip(text) || why.set("'%.40s' is not an IPv4 address, as in 192.168.1.1", text);
     }
     return false;
 }

@@ -17,10 +17,10 @@
  *
  * A program that is compiled with strict -std=c11 includes this header before those of the C
  * library: it then asks for all platform types. Included later, it leaves out bv_os_sigwaitinfo()
- * and bv_os_sigtimedwait(), whose siginfo_t does not exist there. With -D_DEFAULT_SOURCE any order
- * works. On 32-bit glibc `pkg-config --cflags bv` passes -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64: the
- * library is built with 64-bit offsets and times, and struct stat and struct timeval must have the
- * same layout on both sides.
+ * and bv_os_sigtimedwait(), whose siginfo_t does not exist there. With -D_DEFAULT_SOURCE, or
+ * -std=gnu11, any order works. On 32-bit glibc `pkg-config --cflags bv` passes
+ * -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64: the library is built with 64-bit offsets and times, and
+ * struct stat and struct timeval must have the same layout on both sides.
  */
 #ifndef BV_OS_H
 #define BV_OS_H

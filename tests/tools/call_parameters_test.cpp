@@ -44,7 +44,7 @@ uint32_t echo(void *, uint32_t)
     return BV_OK;
 }
 
-int register_functions()
+int register_lan()
 {
     bv_ubus_server_reg("lan_get", lan_get);
     bv_ubus_server_reg("lan_set", lan_set);
@@ -59,7 +59,7 @@ int own()
     bv_db_reg_user("lan.json");
     bv_db_start();
     bv_db_ready();
-    return bv_ubus_server_init(nullptr, register_functions);
+    return bv_ubus_server_init(nullptr, register_lan);
 }
 
 class CallParameters : public ::testing::Test {

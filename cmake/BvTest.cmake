@@ -97,20 +97,37 @@ function(bv_add_test)
   if(NOT T_LIBRARIES)
     set(T_LIBRARIES bv::bv)
   endif()
-  add_executable(${T_NAME} ${T_SOURCES})
-  foreach(interposed IN LISTS T_INTERPOSES)
-    target_sources(${T_NAME} PRIVATE $<TARGET_OBJECTS:interposed_${interposed}>)
+  set(objects ${T_INTERPOSES})
+  list(TRANSFORM objects PREPEND interposed_)
+  set(targets ${T_NAME})
+  # C is compiled apart: the precompiled headers are C++.
+  set(c_sources ${T_SOURCES})
+  list(FILTER c_sources INCLUDE REGEX "\\.c$")
+  list(FILTER T_SOURCES EXCLUDE REGEX "\\.c$")
+  if(c_sources)
+    add_library(${T_NAME}_c OBJECT EXCLUDE_FROM_ALL ${c_sources})
+    list(APPEND objects ${T_NAME}_c)
+    list(APPEND targets ${T_NAME}_c)
+  endif()
+  list(TRANSFORM objects REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>")
+  add_executable(${T_NAME} ${T_SOURCES} ${objects})
+  foreach(target IN LISTS targets)
+    target_include_directories(${target} PRIVATE ${BV_TREE} ${BV_TREE}/tests)
+    target_compile_definitions(${target} PRIVATE
+      BV_TEST_SOURCE_DIR="${BV_TREE}/tests"
+      BV_UBUSD="${BV_UBUSD}"
+      ${T_DEFINITIONS})
+    # The macros of the test framework compare and convert in ways that -Wconversion dislikes.
+    target_compile_options(${target} PRIVATE ${BV_TEST_OPTIONS}
+      $<$<COMPILE_LANGUAGE:CXX>:-Wno-conversion -Wno-sign-conversion>)
+    target_link_libraries(${target} PRIVATE ${T_LIBRARIES})
   endforeach()
-  target_include_directories(${T_NAME} PRIVATE ${BV_TREE} ${BV_TREE}/tests)
-  target_compile_definitions(${T_NAME} PRIVATE
-    BV_TEST_SOURCE_DIR="${BV_TREE}/tests"
-    BV_UBUSD="${BV_UBUSD}"
-    ${T_DEFINITIONS})
-  # The macros of the test framework compare and convert in ways that -Wconversion dislikes.
-  target_compile_options(${T_NAME} PRIVATE ${BV_TEST_OPTIONS}
-    $<$<COMPILE_LANGUAGE:CXX>:-Wno-conversion -Wno-sign-conversion>)
-  if(NOT T_SOURCES MATCHES "\\.c(;|$)") # they are C++ headers, and CMake would want them as C too
+  # The C++ files of a program are compiled as one, which is far quicker. GCC has a warning for
+  # fixtures in the unnamed namespace of an included file.
+  if(NOT CMAKE_DISABLE_PRECOMPILE_HEADERS)
     target_precompile_headers(${T_NAME} REUSE_FROM test_headers)
+    set_target_properties(${T_NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
+    target_compile_options(${T_NAME} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
   endif()
   target_link_libraries(${T_NAME} PRIVATE test_kit ${T_LIBRARIES} GTest::gtest GTest::gtest_main
     Threads::Threads ${CMAKE_DL_LIBS})

@@ -132,7 +132,7 @@ namespace {
 std::atomic<bool> g_entered{false};
 std::atomic<bool> g_leave{false};
 
-void linger(void *, uint32_t)
+void stay(void *, uint32_t)
 {
     g_entered = true;
     while (!g_leave)
@@ -157,7 +157,7 @@ TEST(NotifierAllocation, EventIsOneBlockGivenBackWithOrWithoutCallbacks)
 TEST(NotifierAllocation, EventStaysUntilItsCallbacksAreDone)
 {
     ASSERT_EQ(bv_notifier_init(), 0);
-    bv_notifier_reg(1, linger);
+    bv_notifier_reg(1, stay);
     HeapWatch watch;
     bv_notifier_send(1, "x", 1);
     watch.stop();
@@ -171,9 +171,9 @@ TEST(NotifierAllocation, RegistrationIsOneBlockAndAnIgnoredOneNone)
 {
     ASSERT_EQ(bv_notifier_init(), 0);
     HeapWatch watch;
-    bv_notifier_reg(14, linger);
+    bv_notifier_reg(14, stay);
     bv_notifier_reg(1, nullptr);
-    bv_notifier_reg(1, linger);
+    bv_notifier_reg(1, stay);
     watch.stop();
     EXPECT_EQ(watch.taken(), (Sizes{3 * sizeof(void *)}));
 }

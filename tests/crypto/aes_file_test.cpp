@@ -58,7 +58,7 @@ BV_INTERPOSE(open, BV_LARGE("open"), int, (const char *path, int flags, mode_t m
 
 namespace {
 
-const std::string kKey = "sixteen byte key";
+const std::string kFileKey = "sixteen byte key";
 const char *const kPlain = "/scratch/plain";
 const char *const kCipher = "/scratch/cipher";
 const char *const kBack = "/scratch/back";
@@ -89,7 +89,7 @@ std::string by_chunks(bool encrypt, const std::string &in)
     const size_t size = encrypt ? 32 : 48;
     std::string out;
     for (size_t at = 0; at < in.size(); at += size)
-        out += reference::aes(encrypt, kKey, in.substr(at, size));
+        out += reference::aes(encrypt, kFileKey, in.substr(at, size));
     return out;
 }
 
@@ -97,7 +97,7 @@ std::string encrypt_file(const std::string &content)
 {
     write_file(kPlain, content);
     unlink(kCipher);
-    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kFileKey)), 0);
     return read_file(kCipher);
 }
 
@@ -105,7 +105,7 @@ std::string decrypt_file(const std::string &content)
 {
     write_file(kCipher, content);
     unlink(kBack);
-    EXPECT_EQ(bv_aes_file_de(kCipher, kBack, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_de(kCipher, kBack, u8(kFileKey)), 0);
     return read_file(kBack);
 }
 
@@ -163,29 +163,29 @@ TEST_F(AesFile, ForgedPaddingsNeverWriteMoreThanTheyHold)
         std::string chunk(48, 'p');
         for (int i = 1; i <= (padding == 0 ? 1 : padding); i++)
             chunk[48 - i] = static_cast<char>(padding);
-        cipher += reference::aes(true, kKey, chunk).substr(0, 48);
+        cipher += reference::aes(true, kFileKey, chunk).substr(0, 48);
         plain += chunk.substr(0, padding >= 1 && padding <= 16 ? 48 - padding : 32);
     }
     expect_same(decrypt_file(cipher), plain, 0);
 
     std::string longest; // 47 bytes from every chunk, through several batches
     for (int i = 0; i < 300; i++)
-        longest += reference::aes(true, kKey, std::string(47, 'p') + '\1').substr(0, 48);
+        longest += reference::aes(true, kFileKey, std::string(47, 'p') + '\1').substr(0, 48);
     expect_same(decrypt_file(longest), by_chunks(false, longest), 0);
     EXPECT_EQ(read_file(kBack).size(), 300u * 47);
 }
 
 TEST_F(AesFile, LongerOutputKeepsItsOldTail)
 {
-    const std::string cipher = reference::aes(true, kKey, "short");
+    const std::string cipher = reference::aes(true, kFileKey, "short");
     write_file(kPlain, "short");
     write_file(kCipher, std::string(100, 'o'));
-    bv_aes_file_en(kPlain, kCipher, u8(kKey));
+    bv_aes_file_en(kPlain, kCipher, u8(kFileKey));
     EXPECT_EQ(read_file(kCipher), cipher + std::string(84, 'o'));
 
     write_file(kBack, std::string(100, 'o'));
     write_file(kCipher, cipher);
-    bv_aes_file_de(kCipher, kBack, u8(kKey));
+    bv_aes_file_de(kCipher, kBack, u8(kFileKey));
     EXPECT_EQ(read_file(kBack), "short" + std::string(95, 'o'));
 }
 
@@ -196,10 +196,10 @@ TEST_F(AesFile, InputWithoutBytesCreatesTheOutputAndLeavesAnExistingOne)
         for (const char *input : {"/scratch/empty", "/scratch/missing", "/scratch"}) {
             SCOPED_TRACE(input);
             unlink("/scratch/out");
-            EXPECT_EQ(transform(input, "/scratch/out", u8(kKey)), 0);
+            EXPECT_EQ(transform(input, "/scratch/out", u8(kFileKey)), 0);
             EXPECT_TRUE(file_exists("/scratch/out"));
             write_file("/scratch/out", "old");
-            EXPECT_EQ(transform(input, "/scratch/out", u8(kKey)), 0);
+            EXPECT_EQ(transform(input, "/scratch/out", u8(kFileKey)), 0);
             EXPECT_EQ(read_file("/scratch/out"), "old");
         }
     }
@@ -210,13 +210,13 @@ TEST_F(AesFile, NullArgumentAndOutputThatCannotBeOpenedAreNeitherReturnedNorPrin
     write_file(kPlain, "content");
     CaptureStdout output;
     for (auto *transform : {bv_aes_file_en, bv_aes_file_de}) {
-        EXPECT_EQ(transform(nullptr, kBack, u8(kKey)), 0);
-        EXPECT_EQ(transform(kPlain, nullptr, u8(kKey)), 0);
+        EXPECT_EQ(transform(nullptr, kBack, u8(kFileKey)), 0);
+        EXPECT_EQ(transform(kPlain, nullptr, u8(kFileKey)), 0);
         EXPECT_EQ(transform(kPlain, kBack, nullptr), 0);
         EXPECT_FALSE(file_exists(kBack));
     }
-    EXPECT_EQ(bv_aes_file_en(kPlain, "/scratch/no/such/folder", u8(kKey)), 0);
-    EXPECT_EQ(bv_aes_file_de(kPlain, "/scratch", u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en(kPlain, "/scratch/no/such/folder", u8(kFileKey)), 0);
+    EXPECT_EQ(bv_aes_file_de(kPlain, "/scratch", u8(kFileKey)), 0);
     EXPECT_EQ(output.stop(), "");
 }
 
@@ -238,7 +238,7 @@ TEST_F(AesFile, InputIsOpenedSynchronouslyAndTheOutputForBothWays)
         write_file(kPlain, "content");
         std::vector<Opened> opened;
         g_opened = &opened;
-        transform(kPlain, "/scratch/out", u8(kKey));
+        transform(kPlain, "/scratch/out", u8(kFileKey));
         g_opened = nullptr;
         ASSERT_EQ(opened.size(), 2u);
         EXPECT_EQ(opened[0].path, kPlain);
@@ -250,7 +250,7 @@ TEST_F(AesFile, InputIsOpenedSynchronouslyAndTheOutputForBothWays)
 
 TEST_F(AesFile, KeyEndsAfterSixteenBytesAndDescriptorsMayBeZero)
 {
-    Guarded key(kKey);
+    Guarded key(kFileKey);
     write_file(kPlain, "content");
     WithoutStdin closed;
     const auto before = open_descriptors();
@@ -271,8 +271,8 @@ TEST_F(AesFile, ShortReadsAndWritesAreContinued)
             unlink(kCipher);
             unlink(kBack);
             *limit = most;
-            bv_aes_file_en(kPlain, kCipher, u8(kKey));
-            bv_aes_file_de(kCipher, kBack, u8(kKey));
+            bv_aes_file_en(kPlain, kCipher, u8(kFileKey));
+            bv_aes_file_de(kCipher, kBack, u8(kFileKey));
             *limit = SIZE_MAX;
             expect_same(read_file(kCipher), by_chunks(true, plain), most);
             expect_same(read_file(kBack), plain, most);
@@ -286,7 +286,7 @@ TEST_F(AesFile, EncryptionEndsWhereReadingOrWritingDoes)
     const auto encrypted = [&] {
         write_file(kPlain, plain);
         unlink(kCipher);
-        EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+        EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kFileKey)), 0);
         let_calls_through();
         return read_file(kCipher);
     };
@@ -313,7 +313,7 @@ TEST_F(AesFile, FileOfUpTo32BytesIsEncryptedInPlace)
     for (size_t size : {1u, 15u, 16u, 31u, 32u}) {
         const std::string plain = RandomBytes(93).bytes(size);
         write_file(kPlain, plain);
-        bv_aes_file_en(kPlain, kPlain, u8(kKey));
+        bv_aes_file_en(kPlain, kPlain, u8(kFileKey));
         expect_same(read_file(kPlain), by_chunks(true, plain), size);
     }
 }
@@ -324,7 +324,7 @@ TEST_F(AesFile, FileOfAnySizeIsDecryptedInPlaceAndKeepsItsOldEnd)
         const std::string plain = RandomBytes(94).bytes(size);
         const std::string cipher = by_chunks(true, plain);
         write_file(kCipher, cipher);
-        bv_aes_file_de(kCipher, kCipher, u8(kKey));
+        bv_aes_file_de(kCipher, kCipher, u8(kFileKey));
         expect_same(read_file(kCipher), plain + cipher.substr(size), size);
     }
 }
@@ -347,14 +347,14 @@ TEST_F(AesFile, FullDiskEndsTheWorkAndIsNotReported)
 {
     write_file(kPlain, RandomBytes(89).bytes(200000));
     fault_write.fail_next(2, ENOSPC);
-    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en(kPlain, kCipher, u8(kFileKey)), 0);
     EXPECT_EQ(fault_write.calls(), 2);
     EXPECT_EQ(read_file(kCipher).size(), 128u * 48);
 
     fault_write.pass();
     write_file(kPlain, std::string(8 << 20, 'x')); // the small disk holds 4 MiB
     end_shared_files_after(4 << 20);
-    EXPECT_EQ(bv_aes_file_en(kPlain, "/config/work/cipher", u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_en(kPlain, "/config/work/cipher", u8(kFileKey)), 0);
     const std::string written = read_file("/config/work/cipher");
     EXPECT_GT(written.size(), 1u << 20);
     EXPECT_LT(written.size(), 8u << 20);
@@ -364,7 +364,7 @@ TEST_F(AesFile, FullDiskEndsTheWorkAndIsNotReported)
 TEST_F(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
 {
     const auto before = open_descriptors();
-    const std::string cipher = reference::aes(true, kKey, std::string(32, 'x'));
+    const std::string cipher = reference::aes(true, kFileKey, std::string(32, 'x'));
     for (FaultPoint *fault : {&fault_cipher_context, &fault_cipher_update}) {
         fault->fail_next();
         EXPECT_EQ(encrypt_file("content"), "") << fault->name();
@@ -373,7 +373,7 @@ TEST_F(AesFile, WithoutACipherNothingIsWrittenAndNothingStaysOpen)
         EXPECT_TRUE(file_exists(kBack));
     }
     fault_cipher_update.fail_next();
-    EXPECT_EQ(bv_aes_file_de("/usr/bin/env", "/scratch/out", u8(kKey)), 0);
-    EXPECT_EQ(bv_aes_file_en("/scratch/missing", "/scratch/no/such/folder", u8(kKey)), 0);
+    EXPECT_EQ(bv_aes_file_de("/usr/bin/env", "/scratch/out", u8(kFileKey)), 0);
+    EXPECT_EQ(bv_aes_file_en("/scratch/missing", "/scratch/no/such/folder", u8(kFileKey)), 0);
     EXPECT_EQ(open_descriptors(), before);
 }

@@ -16,7 +16,7 @@ constexpr char kTemplate[] = R"({"getfunc":"get","setfunc":"set","para":[
   {"name":"number","type":"uint","len":"4","value":"0"},
   {"name":"host","type":"string","len":"60","value":"gateway"}]})";
 constexpr uint32_t kInstances = 50;
-constexpr uint32_t kWarmUp = 500;
+constexpr uint32_t kWarmUpCommits = 500;
 
 struct Image {
     uint32_t number;
@@ -81,7 +81,7 @@ TEST(Soak, EveryCommitIsReadBack)
         }
         ASSERT_EQ(bv_db_commit(), BV_OK);
         ASSERT_TRUE(file_is_right(commit)) << "commit " << commit;
-        memory.note(kWarmUp);
+        memory.note(kWarmUpCommits);
     }
     printf("%u commits of %u instances in %.1f s\n", commits, kInstances,
            soak::seconds() - started);

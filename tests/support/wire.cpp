@@ -143,6 +143,12 @@ Bytes invoke(uint16_t sequence, uint32_t object, const std::string &method, cons
                        attribute(kAttrData, fields));
 }
 
+Bytes event_register(uint32_t object, const std::string &pattern)
+{
+    return invoke(1, 1, "register",
+                  field(5, "object", word(object)) + field(3, "pattern", text(pattern)));
+}
+
 Bytes Message::bytes() const
 {
     return head.empty() ? message(type, sequence, peer, attributes) : head + attributes;

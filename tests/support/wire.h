@@ -95,6 +95,7 @@ Bytes message(uint8_t type, uint16_t sequence, uint32_t peer, const Bytes &attri
 Bytes add_object(uint16_t sequence, const std::string &path, const Bytes &methods);
 Bytes invoke(uint16_t sequence, uint32_t object, const std::string &method,
              const Bytes &fields = {});
+Bytes event_register(uint32_t object, const std::string &pattern);
 
 // True when all of it went out; the other side may be gone.
 bool send_all(int fd, const Bytes &bytes);

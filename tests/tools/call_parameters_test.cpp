@@ -50,7 +50,7 @@ uint32_t fail(void *, uint32_t)
     return BV_ERR_INVALID;
 }
 
-int register_functions()
+int register_lan()
 {
     bv_ubus_server_reg("fail", fail);
     bv_ubus_server_reg("lan_get", lan_get);
@@ -66,7 +66,7 @@ int own()
     bv_db_reg_user("lan.json");
     bv_db_start();
     bv_db_ready();
-    return bv_ubus_server_init(nullptr, register_functions);
+    return bv_ubus_server_init(nullptr, register_lan);
 }
 
 class CallParameters : public ::testing::Test {

@@ -39,7 +39,7 @@ std::string odd_token(Random &random)
     return random.pick(tokens);
 }
 
-struct Kind {
+struct ParameterKind {
     const char *type;
     const char *len;
     const char *values[3];
@@ -47,7 +47,7 @@ struct Kind {
 
 std::string element(Random &random, int number)
 {
-    const Kind kinds[] = {
+    const ParameterKind kinds[] = {
         {"string", "8", {"\"\"", "\"abc\"", "\"sevench\""}},
         {"char", "1", {"\"-128\"", "127", "\"+7\""}},
         {"uchar", "1", {"\"255\"", "0", "\"007\""}},
@@ -57,7 +57,7 @@ std::string element(Random &random, int number)
         {"uint", "4", {"\"4294967295\"", "4294967295", "\"1\""}},
         {"mac", "6", {"\"2:0:0:0:A:f\"", "\"00:11:22:33:44:55\"", "\"AA:bb:1:2:3:4\""}},
         {"ip", "4", {"\"10.0.0.1\"", "\"0.0.0.0\"", "\"255.255.255.255\""}}};
-    const Kind &kind = random.pick(kinds);
+    const ParameterKind &kind = random.pick(kinds);
     const std::string members[] = {"\"name\":\"p" + std::to_string(number) + "\"",
                                    std::string("\"type\":\"") + kind.type + "\"",
                                    std::string("\"len\":") + kind.len,

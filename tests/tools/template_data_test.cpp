@@ -5,7 +5,7 @@
 
 namespace {
 
-const std::string kFile = "/config/work/userdata.json";
+const std::string kDataFile = "/config/work/userdata.json";
 
 class DataCheck : public ::testing::Test {
 protected:
@@ -19,11 +19,11 @@ protected:
 
     static std::string faults(const std::string &content)
     {
-        return faults_in("data", kFile, content);
+        return faults_in("data", kDataFile, content);
     }
 };
 
-const char kGood[] =
+const char kGoodData[] =
     R"({"lan.json":[{"inst":"1","para":{"ip":"10.0.0.1","mtu":"1400","host":"gateway"}}]})";
 const char kAmbiguous[] = "1: several templates are called \"lan.json\": none is taken\n";
 
@@ -38,7 +38,7 @@ TEST_F(DataCheck, ReportsFaultsWithTheirLines)
 {
     write_file("/etc/template/bad.json", "{\"para\":\n17}");
     write_file("/etc/template/none.json", "{\"para\":[]}");
-    expect_cases("data", kFile, "data-faults");
+    expect_cases("data", kDataFile, "data-faults");
 }
 
 TEST_F(DataCheck, WarnsOfMisspeltKeys)
@@ -52,18 +52,18 @@ TEST_F(DataCheck, FindsTemplatesInSubfolders)
 {
     ASSERT_EQ(mkdir("/etc/template/sub", 0700), 0);
     ASSERT_EQ(rename("/etc/template/lan.json", "/etc/template/sub/lan.json"), 0);
-    EXPECT_EQ(faults(kGood), "");
+    EXPECT_EQ(faults(kGoodData), "");
     ASSERT_EQ(symlink("sub/lan.json", "/etc/template/linked.json"), 0);
     EXPECT_EQ(faults("{\"linked.json\":[]}"), "");
     write_file("/etc/template/lan.json", "{}");
-    EXPECT_EQ(faults(kGood), kAmbiguous);
+    EXPECT_EQ(faults(kGoodData), kAmbiguous);
 }
 
 TEST_F(DataCheck, CountsFoldersWithTheNameOfATemplate)
 {
     ASSERT_EQ(mkdir("/etc/template/sub", 0700), 0);
     ASSERT_EQ(mkdir("/etc/template/sub/lan.json", 0700), 0);
-    EXPECT_EQ(faults(kGood), kAmbiguous);
+    EXPECT_EQ(faults(kGoodData), kAmbiguous);
 }
 
 TEST_F(DataCheck, TakesPathAsNameOfFamily)
@@ -78,7 +78,7 @@ TEST_F(DataCheck, TakesPathAsNameOfFamily)
 TEST_F(DataCheck, SaysWhatCannotBeRead)
 {
     EXPECT_EQ(run_line("data /nowhere.json").status, 2);
-    EXPECT_EQ(run_line("data -t /nowhere " + kFile),
+    EXPECT_EQ(run_line("data -t /nowhere " + kDataFile),
               (Outcome{2, "", "bv-template: /nowhere: No such file or directory\n"}));
 }
 
@@ -86,11 +86,12 @@ TEST_F(DataCheck, SaysWhatCannotBeRead)
 TEST_F(DataCheck, DoesNotReadTemplateThatIsAPipe)
 {
     ASSERT_EQ(mkfifo("/etc/template/pipe.json", 0600), 0);
-    write_file(kFile, "{\"pipe.json\":[],\n\"/etc/template/pipe.json\":[]}");
+    write_file(kDataFile, "{\"pipe.json\":[],\n\"/etc/template/pipe.json\":[]}");
     EXPECT_EQ(
-        run_tool({"data", kFile}),
+        run_tool({"data", kDataFile}),
         (Outcome{2,
-                 kFile + ":1: the template of \"pipe.json\" has no usable parameters\n" + kFile +
+                 kDataFile + ":1: the template of \"pipe.json\" has no usable parameters\n" +
+                     kDataFile +
                      ":2: the template of \"/etc/template/pipe.json\" has no usable parameters\n",
                  "bv-template: /etc/template/pipe.json: is not a file\n"}));
 }

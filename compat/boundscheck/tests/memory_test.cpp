@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr size_t kLimit = SECUREC_MEM_MAX_LEN;
+constexpr size_t kMemoryLimit = SECUREC_MEM_MAX_LEN;
 
 std::string numbered_bytes(size_t size)
 {
@@ -90,14 +90,14 @@ TEST(BoundscheckMemory, NullSourceWipesTheWholeDestinationEvenWithNothingToCopy)
 
 TEST(BoundscheckMemory, SizeIsCheckedBeforePointers)
 {
-    for (size_t bad : {size_t{0}, kLimit + 1, SIZE_MAX}) {
+    for (size_t bad : {size_t{0}, kMemoryLimit + 1, SIZE_MAX}) {
         EXPECT_EQ(memcpy_s(nullptr, bad, nullptr, 1), ERANGE);
         EXPECT_EQ(memmove_s(nullptr, bad, nullptr, 1), ERANGE);
         EXPECT_EQ(memset_s(nullptr, bad, 0, 1), ERANGE);
     }
-    EXPECT_EQ(memcpy_s(nullptr, kLimit, nullptr, 1), EINVAL);
-    EXPECT_EQ(memmove_s(nullptr, kLimit, nullptr, 1), EINVAL);
-    EXPECT_EQ(memset_s(nullptr, kLimit, 0, 1), EINVAL);
+    EXPECT_EQ(memcpy_s(nullptr, kMemoryLimit, nullptr, 1), EINVAL);
+    EXPECT_EQ(memmove_s(nullptr, kMemoryLimit, nullptr, 1), EINVAL);
+    EXPECT_EQ(memset_s(nullptr, kMemoryLimit, 0, 1), EINVAL);
 }
 
 TEST(BoundscheckMemory, SetWritesCountBytesAndFillsTheWholeDestinationWhenCountIsTooLarge)

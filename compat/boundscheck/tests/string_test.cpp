@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t kLimit = SECUREC_STRING_MAX_LEN;
+constexpr size_t kStringLimit = SECUREC_STRING_MAX_LEN;
 
 // What a failed call leaves of 0xee bytes: only the first one is cleared.
 std::string emptied(size_t size)
@@ -59,14 +59,14 @@ TEST(BoundscheckString, StringsOf64KiBAreCopiedAndAppendedWhole)
 
 TEST(BoundscheckString, SizeIsCheckedBeforePointers)
 {
-    for (size_t bad : {size_t{0}, kLimit + 1, SIZE_MAX}) {
+    for (size_t bad : {size_t{0}, kStringLimit + 1, SIZE_MAX}) {
         EXPECT_EQ(strcpy_s(nullptr, bad, nullptr), ERANGE);
         EXPECT_EQ(strncpy_s(nullptr, bad, nullptr, 1), ERANGE);
         EXPECT_EQ(strcat_s(nullptr, bad, nullptr), ERANGE);
     }
-    EXPECT_EQ(strcpy_s(nullptr, kLimit, nullptr), EINVAL);
-    EXPECT_EQ(strncpy_s(nullptr, kLimit, nullptr, 1), EINVAL);
-    EXPECT_EQ(strcat_s(nullptr, kLimit, nullptr), EINVAL);
+    EXPECT_EQ(strcpy_s(nullptr, kStringLimit, nullptr), EINVAL);
+    EXPECT_EQ(strncpy_s(nullptr, kStringLimit, nullptr, 1), EINVAL);
+    EXPECT_EQ(strcat_s(nullptr, kStringLimit, nullptr), EINVAL);
 }
 
 TEST(BoundscheckString, NullSourceIsReportedBeforeACountOutOfRange)
@@ -74,8 +74,8 @@ TEST(BoundscheckString, NullSourceIsReportedBeforeACountOutOfRange)
     Guarded dest(8);
     EXPECT_EQ(strncpy_s(dest.data(), 8, nullptr, SIZE_MAX), EINVAL_AND_RESET);
     EXPECT_EQ(strncpy_s(dest.data(), 8, nullptr, 0), EINVAL_AND_RESET);
-    EXPECT_EQ(strncpy_s(dest.data(), 8, "a", kLimit + 1), ERANGE_AND_RESET);
-    EXPECT_EQ(strncpy_s(dest.data(), 8, "a", kLimit), EOK);
+    EXPECT_EQ(strncpy_s(dest.data(), 8, "a", kStringLimit + 1), ERANGE_AND_RESET);
+    EXPECT_EQ(strncpy_s(dest.data(), 8, "a", kStringLimit), EOK);
     EXPECT_STREQ(dest.data(), "a");
 }
 

@@ -102,26 +102,26 @@ private:
 
 // ---- the programs of the record
 
-struct blob_buf g_buf;
+struct blob_buf g_fields;
 
 // The request that the caller of the record sends.
 struct blob_attr *request(const char *func)
 {
     const uint8_t data[] = {1, 2, 3, 4, 5};
-    blob_buf_init(&g_buf, 0);
-    blobmsg_add_string(&g_buf, "func", func);
-    blobmsg_add_u32(&g_buf, "len", sizeof(data));
-    blobmsg_add_field(&g_buf, BLOBMSG_TYPE_UNSPEC, "data", data, sizeof(data));
-    return g_buf.head;
+    blob_buf_init(&g_fields, 0);
+    blobmsg_add_string(&g_fields, "func", func);
+    blobmsg_add_u32(&g_fields, "len", sizeof(data));
+    blobmsg_add_field(&g_fields, BLOBMSG_TYPE_UNSPEC, "data", data, sizeof(data));
+    return g_fields.head;
 }
 
 struct blob_attr *reply(const wire::Bytes &data = {0xaa, 0xbb, 0xcc})
 {
-    blob_buf_init(&g_buf, 0);
-    blobmsg_add_u32(&g_buf, "return", 0);
-    blobmsg_add_u32(&g_buf, "len", uint32_t(data.size()));
-    blobmsg_add_field(&g_buf, BLOBMSG_TYPE_UNSPEC, "data", data.data(), unsigned(data.size()));
-    return g_buf.head;
+    blob_buf_init(&g_fields, 0);
+    blobmsg_add_u32(&g_fields, "return", 0);
+    blobmsg_add_u32(&g_fields, "len", uint32_t(data.size()));
+    blobmsg_add_field(&g_fields, BLOBMSG_TYPE_UNSPEC, "data", data.data(), unsigned(data.size()));
+    return g_fields.head;
 }
 
 RecordedBus *g_bus;
@@ -137,8 +137,8 @@ void answer_deferred(struct uloop_timeout *)
 
 struct uloop_timeout g_later = {{}, false, answer_deferred, {}};
 
-int serve(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-          const char *method, struct blob_attr *msg)
+int serve_recorded(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+                   const char *method, struct blob_attr *msg)
 {
     std::string group = g_bus->group();
 
@@ -184,7 +184,7 @@ const struct blobmsg_policy kPolicy[kPolicyCount] = {
     {"len", BLOBMSG_TYPE_INT32},
     {"data", BLOBMSG_TYPE_UNSPEC},
 };
-const struct ubus_method kMethods[] = {UBUS_METHOD("method", serve, kPolicy)};
+const struct ubus_method kMethods[] = {UBUS_METHOD("method", serve_recorded, kPolicy)};
 struct ubus_object_type g_type = UBUS_OBJECT_TYPE("obj", kMethods);
 
 struct ubus_object make_object(const char *path)
@@ -367,11 +367,11 @@ TEST(ClientVectors, CallFromTheCommandLine)
     Answers answers = {};
 
     EXPECT_EQ(ubus_lookup_id(ctx, kPath, &id), 0);
-    blob_buf_init(&g_buf, 0);
-    blobmsg_add_string(&g_buf, "func", "status");
-    blobmsg_add_u32(&g_buf, "len", 2);
-    blobmsg_add_string(&g_buf, "data", "xy");
-    EXPECT_EQ(ubus_invoke(ctx, id, "method", g_buf.head, count_answer, &answers, 30000), 0);
+    blob_buf_init(&g_fields, 0);
+    blobmsg_add_string(&g_fields, "func", "status");
+    blobmsg_add_u32(&g_fields, "len", 2);
+    blobmsg_add_string(&g_fields, "data", "xy");
+    EXPECT_EQ(ubus_invoke(ctx, id, "method", g_fields.head, count_answer, &answers, 30000), 0);
     EXPECT_EQ(answers.count, 1);
     ubus_free(ctx);
     EXPECT_EQ(bus.finish(), 2);
@@ -416,11 +416,12 @@ void listen_for(const char *connection, const char *pattern, bool with_lookup, i
     object.methods = &any;
     object.n_methods = 1;
     EXPECT_EQ(ubus_add_object(ctx, &object), 0);
-    blob_buf_init(&g_buf, 0);
-    blobmsg_add_u32(&g_buf, "object", object.id);
-    blobmsg_add_string(&g_buf, "pattern", pattern);
+    blob_buf_init(&g_fields, 0);
+    blobmsg_add_u32(&g_fields, "object", object.id);
+    blobmsg_add_string(&g_fields, "pattern", pattern);
     EXPECT_EQ(
-        ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "register", g_buf.head, nullptr, nullptr, 0), 0);
+        ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "register", g_fields.head, nullptr, nullptr, 0),
+        0);
     if (with_lookup) {
         std::vector<std::string> paths;
         EXPECT_EQ(ubus_lookup(ctx, nullptr, collect_path, &paths), 0);
@@ -443,13 +444,13 @@ TEST(ClientVectors, SenderOfEvents)
     struct ubus_context *ctx = ubus_connect(kSocket);
     ASSERT_NE(ctx, nullptr);
 
-    blob_buf_init(&g_buf, 0);
-    blobmsg_add_string(&g_buf, "id", "my.event");
-    void *data = blobmsg_open_table(&g_buf, "data");
-    blobmsg_add_u32(&g_buf, "a", 1);
-    blobmsg_close_table(&g_buf, data);
-    EXPECT_EQ(ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "send", g_buf.head, nullptr, nullptr, 0),
-              0);
+    blob_buf_init(&g_fields, 0);
+    blobmsg_add_string(&g_fields, "id", "my.event");
+    void *data = blobmsg_open_table(&g_fields, "data");
+    blobmsg_add_u32(&g_fields, "a", 1);
+    blobmsg_close_table(&g_fields, data);
+    EXPECT_EQ(
+        ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "send", g_fields.head, nullptr, nullptr, 0), 0);
     ubus_free(ctx);
     EXPECT_EQ(bus.finish(), 1);
 }

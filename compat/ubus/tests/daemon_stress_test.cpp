@@ -387,12 +387,6 @@ TEST(DaemonLimits, LastDescriptorIsNotGivenToAClientWithoutItsNames)
     }
 }
 
-Bytes event_register(uint32_t object, const std::string &pattern)
-{
-    return invoke(1, 1, "register",
-                  field(5, "object", word(object)) + field(3, "pattern", text(pattern)));
-}
-
 Bytes subscribe(uint32_t object, uint32_t target)
 {
     return message(kSubscribe, 1, 0,

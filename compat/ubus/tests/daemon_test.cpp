@@ -341,12 +341,6 @@ TEST_F(Daemon, MessageSentRightBeforeHangingUpIsServed)
 
 // ---- events
 
-Bytes event_register(uint32_t object, const std::string &pattern)
-{
-    return invoke(1, 1, "register",
-                  field(5, "object", word(object)) + field(3, "pattern", text(pattern)));
-}
-
 Bytes event_send(const std::string &event, const Bytes &fields = {})
 {
     return invoke(1, 1, "send", field(3, "id", text(event)) + field(2, "data", fields));

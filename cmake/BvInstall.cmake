@@ -19,7 +19,7 @@ install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${developme
 include(BvMan)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development})
 # The other pages are for those who work on the library.
-foreach(page IN ITEMS formats guide porting status surprises threads)
+foreach(page IN ITEMS formats guide porting status surprises threads troubleshooting cross-compiling)
   install(FILES docs/${page}.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs ${development})
 endforeach()
 

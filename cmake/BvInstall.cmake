@@ -18,10 +18,10 @@ install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${developme
   FILES_MATCHING PATTERN "*.h")
 include(BvMan)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development})
-# The other pages are for those who work on the library.
-foreach(page IN ITEMS formats guide porting status surprises threads troubleshooting cross-compiling)
-  install(FILES docs/${page}.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs ${development})
-endforeach()
+# The pages left out are for those who work on the library.
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development}
+  FILES_MATCHING PATTERN "*.md" PATTERN "man" EXCLUDE
+  REGEX "/docs/(benchmarks|design|fuzzing|target)" EXCLUDE)
 
 foreach(name IN LISTS BV_COMPAT_BUILT)
   install(TARGETS ${name} LIBRARY DESTINATION ${private} COMPONENT compat

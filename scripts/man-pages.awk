@@ -68,6 +68,8 @@ function end_comment(    title)
 }
 
 FNR == 1 {
+    if (comment != "")
+        fail("a comment of " header ".h without a declaration")
     header = FILENAME
     gsub(/.*\/|\.h$/, "", header)
     comment = declaration = reading = ""
@@ -76,6 +78,8 @@ FNR == 1 {
 header == "bv" { next } # libbv(3) describes it
 
 reading == "comment" || /^\/\*\*/ {
+    if (reading != "comment" && comment != "")
+        fail("the comment before this one has no declaration")
     line = $0
     ends = sub(/ *\*\/$/, "", line)
     if (reading == "comment")
@@ -114,13 +118,19 @@ reading == "remark" || /^\/\*/ {
     next
 }
 
-reading == "declaration" || /^(typedef|BV_API|extern BV_API) / {
+reading == "body" { # of an inline function
+    if (/^\}/)
+        reading = ""
+    next
+}
+
+reading == "declaration" || /^(typedef|BV_API|extern BV_API|static inline) / {
     declaration = (reading == "declaration" ? declaration " " : "") $0
     reading = "declaration"
-    if (declaration ~ /^typedef struct/ ? !/^\}/ : !/;/)
+    if (declaration ~ /^typedef struct/ ? !/^\}/ : declaration ~ /^static/ ? !/^\{/ : !/;/)
         next
-    reading = ""
-    gsub(/ +/, " ", declaration)
+    reading = declaration ~ /^static/ ? "body" : ""
+    gsub(/ +| \{$/, " ", declaration)
     if (comment == "")
         fail("no comment: " declaration)
     if (declaration ~ /^typedef/) {
@@ -131,7 +141,7 @@ reading == "declaration" || /^(typedef|BV_API|extern BV_API) / {
         next
     }
     kind = declaration ~ /^extern/ ? "variable" : "function"
-    gsub(/extern |BV_API |;$| ?BV_PRINTF\([0-9, ]*\)/, "", declaration)
+    gsub(/extern |BV_API |static inline | $|;$| ?BV_PRINTF\([0-9, ]*\)/, "", declaration)
     if (!match(declaration, kind == "variable" ? "[a-z0-9_]+$" : "[a-z0-9_]+[(]"))
         fail("no name: " declaration)
     name = substr(declaration, RSTART, RLENGTH)

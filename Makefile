@@ -101,8 +101,18 @@ docs: ## makes build/docs/html of the pages and headers; a declaration without i
 	@mkdir -p build/docs
 	@doxygen docs/Doxyfile
 
-install: build ## installs below PREFIX (default /usr/local), DESTDIR in front of it
-	@DESTDIR="$(DESTDIR)" cmake --install "$(BUILD)" --prefix "$(or $(PREFIX),/usr/local)"
+# Built without the tests, so that it needs few packages and little time.
+INSTALL_BUILD = $(if $(filter command line,$(origin BUILD)),$(BUILD),build/install)
+PREFIX ?= /usr/local
+
+install: ## installs below PREFIX (default /usr/local), DESTDIR in front of it
+	@scripts/install-deps --build
+	@cmake -S . -B "$(INSTALL_BUILD)" -G Ninja -DBV_TESTS=OFF -DCMAKE_INSTALL_PREFIX="$(PREFIX)"
+	@cmake --build "$(INSTALL_BUILD)"
+	@DESTDIR="$(DESTDIR)" cmake --install "$(INSTALL_BUILD)"
+
+uninstall: ## removes what `make install` installed, with the same DESTDIR
+	@DESTDIR="$(DESTDIR)" cmake --build "$(INSTALL_BUILD)" --target uninstall
 
 clean: ## removes the build trees
 	@rm -rf build

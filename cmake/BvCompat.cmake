@@ -1,62 +1,62 @@
 # The libraries underneath: json-c and libcrypto are always the installed ones; boundscheck, ubox
-# and ubus may come from compat/. Afterwards the targets json-c::json-c, OpenSSL::Crypto,
-# boundscheck::boundscheck, ubox::ubox and ubus::ubus exist, BV_UBUSD is the bus daemon's path, and
-# BV_COMPAT_BUILT lists the stand-ins that this tree builds.
+# and ubus may come from compat/. Afterwards the targets PkgConfig::BV_JSONC, bv_libcrypto,
+# boundscheck::boundscheck, ubox::ubox and ubus::ubus exist, BV_UBUSD is the bus daemon's path,
+# BV_COMPAT_BUILT lists the stand-ins that this tree builds, and BV_CALLER_DEFINITIONS what callers
+# must define before the public headers.
 
+# Targets that a static library passes on must be known to the whole of a surrounding project.
 find_package(PkgConfig REQUIRED)
-pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
-add_library(json-c::json-c ALIAS PkgConfig::JSONC)
+pkg_check_modules(BV_JSONC REQUIRED IMPORTED_TARGET GLOBAL json-c)
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+add_library(bv_libcrypto INTERFACE)
+target_include_directories(bv_libcrypto SYSTEM INTERFACE ${OPENSSL_INCLUDE_DIR})
+target_link_libraries(bv_libcrypto INTERFACE ${OPENSSL_CRYPTO_LIBRARY})
+set(THREADS_PREFER_PTHREAD_FLAG OFF)
 find_package(Threads REQUIRED)
 
 set(BV_COMPAT_BUILT "")
-
-# bv_is_left_over(RESULT LIBRARY NAME): whether a library is a stand-in that an earlier install of this
-# tree left, and CMAKE_PREFIX_PATH does not ask for it.
-function(bv_is_left_over result library name)
-  set(${result} FALSE PARENT_SCOPE)
-  get_filename_component(folder "${library}" DIRECTORY)
-  foreach(prefix IN LISTS CMAKE_PREFIX_PATH)
-    cmake_path(IS_PREFIX prefix "${folder}" NORMALIZE asked_for)
-    if(asked_for)
-      return()
-    endif()
-  endforeach()
-  if(EXISTS "${folder}/bv/stand-ins")
-    file(STRINGS "${folder}/bv/stand-ins" installed)
-    if(name IN_LIST installed)
-      set(${result} TRUE PARENT_SCOPE)
-    endif()
+string(REPLACE "," ";" BV_COMPAT_WANTED "${BV_COMPAT}")
+foreach(name IN LISTS BV_COMPAT_WANTED)
+  if(NOT name MATCHES "^(AUTO|ON|OFF|boundscheck|ubox|ubus)$")
+    message(FATAL_ERROR "BV_COMPAT=${BV_COMPAT}: it is AUTO, ON, OFF, or a list of boundscheck, ubox and ubus")
   endif()
-endfunction()
+endforeach()
 
 # bv_underneath(NAME HEADER): an imported target for an installed library, or the stand-in.
 function(bv_underneath name header)
   string(TOUPPER ${name} upper)
-  set(found FALSE)
-  if(NOT BV_COMPAT STREQUAL "ON")
+  set(include BV_${upper}_INCLUDE)
+  set(library BV_${upper}_LIBRARY)
+  if(BV_COMPAT STREQUAL "ON" OR name IN_LIST BV_COMPAT_WANTED)
+    set(${library} "")
+  else()
     # Looked for every time: what was there may be gone.
-    find_path(BV_${upper}_INCLUDE ${header} NO_CACHE)
-    find_library(BV_${upper}_LIBRARY ${name} NO_CACHE)
-    bv_is_left_over(left_over "${BV_${upper}_LIBRARY}" ${name})
-    if(BV_${upper}_INCLUDE AND BV_${upper}_LIBRARY
-       AND NOT (left_over AND BV_COMPAT STREQUAL "AUTO"))
-      set(found TRUE)
-    endif()
+    unset(${include} CACHE)
+    unset(${library} CACHE)
+    find_path(${include} ${header})
+    find_library(${library} ${name})
+    mark_as_advanced(${include} ${library})
   endif()
 
-  if(found)
-    add_library(${name}::${name} UNKNOWN IMPORTED GLOBAL)
+  if(${include} AND ${library})
+    # Linked by its name, never by its path: the loader would look for a library without a SONAME at
+    # the very place where it was found here.
+    if(${library} MATCHES "\\.a$")
+      add_library(${name}::${name} STATIC IMPORTED GLOBAL)
+    else()
+      add_library(${name}::${name} SHARED IMPORTED GLOBAL)
+      set_target_properties(${name}::${name} PROPERTIES IMPORTED_NO_SONAME TRUE)
+    endif()
     set_target_properties(${name}::${name} PROPERTIES
-      IMPORTED_LOCATION "${BV_${upper}_LIBRARY}"
-      INTERFACE_INCLUDE_DIRECTORIES "${BV_${upper}_INCLUDE}")
-    message(STATUS "${name}: installed (${BV_${upper}_LIBRARY})")
-  elseif(BV_COMPAT STREQUAL "OFF")
-    message(FATAL_ERROR
-      "${name}: header ${header} or library ${name} not found, and BV_COMPAT=OFF forbids the stand-in")
-  else()
+      IMPORTED_LOCATION "${${library}}"
+      INTERFACE_INCLUDE_DIRECTORIES "${${include}}")
+    message(STATUS "${name}: installed (${${library}})")
+  elseif(BV_COMPAT STREQUAL "AUTO" OR BV_COMPAT STREQUAL "ON" OR name IN_LIST BV_COMPAT_WANTED)
     set(BV_COMPAT_BUILT ${BV_COMPAT_BUILT} ${name} PARENT_SCOPE)
     message(STATUS "${name}: stand-in from compat/${name}")
+  else()
+    message(FATAL_ERROR
+      "${name}: header ${header} or library ${name} not found, and BV_COMPAT=${BV_COMPAT} forbids the stand-in")
   endif()
 endfunction()
 
@@ -67,10 +67,37 @@ bv_underneath(ubus libubus.h)
 if("ubus" IN_LIST BV_COMPAT_BUILT)
   set(BV_UBUSD "$<TARGET_FILE:ubusd>")
 else()
-  find_program(BV_UBUSD_PROGRAM ubusd PATHS /usr/sbin /sbin NO_CACHE)
+  unset(BV_UBUSD_PROGRAM CACHE)
+  find_program(BV_UBUSD_PROGRAM ubusd PATHS /usr/sbin /sbin)
+  mark_as_advanced(BV_UBUSD_PROGRAM)
   set(BV_UBUSD "${BV_UBUSD_PROGRAM}")
-endif()
-if(NOT "ubox" IN_LIST BV_COMPAT_BUILT AND TARGET ubox::ubox AND TARGET ubus::ubus
-   AND NOT "ubus" IN_LIST BV_COMPAT_BUILT)
   set_property(TARGET ubus::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES ubox::ubox)
+endif()
+
+# In a 32-bit program file offsets and times must have 64 bits, as in the library; many C libraries
+# want to be asked for that.
+include(CheckCSourceCompiles)
+check_c_source_compiles("#include <sys/types.h>
+  #include <time.h>
+  typedef char wide[sizeof(off_t) == 8 && sizeof(time_t) == 8 ? 1 : -1];
+  int main(void) { return 0; }" BV_WIDE_BY_DEFAULT)
+set(BV_CALLER_DEFINITIONS "")
+if(NOT BV_WIDE_BY_DEFAULT)
+  set(BV_CALLER_DEFINITIONS _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+# The platform's own headers may want more than the compiler's default mode declares.
+if(TARGET ubus::ubus AND TARGET ubox::ubox)
+  include(CMakePushCheckState)
+  cmake_push_check_state(RESET)
+  get_target_property(CMAKE_REQUIRED_INCLUDES ubox::ubox INTERFACE_INCLUDE_DIRECTORIES)
+  get_target_property(ubus ubus::ubus INTERFACE_INCLUDE_DIRECTORIES)
+  list(APPEND CMAKE_REQUIRED_INCLUDES ${ubus} ${BV_JSONC_INCLUDE_DIRS})
+  check_c_source_compiles("#include <libubox/uloop.h>
+    #include <libubox/blobmsg.h>
+    #include <libubus.h>
+    int main(void) { return 0; }" BV_BUS_HEADERS_NEED_NOTHING)
+  cmake_pop_check_state()
+  if(NOT BV_BUS_HEADERS_NEED_NOTHING)
+    list(APPEND BV_CALLER_DEFINITIONS _GNU_SOURCE)
+  endif()
 endif()

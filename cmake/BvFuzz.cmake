@@ -30,7 +30,7 @@ function(bv_add_fuzz)
   target_link_libraries(${target} PRIVATE ${F_LIBRARIES} Threads::Threads ${CMAKE_DL_LIBS})
   set_target_properties(${target} PROPERTIES
     LINKER_LANGUAGE CXX
-    RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/fuzz"
+    RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz"
     ENABLE_EXPORTS ON)
 
   if(BV_FUZZ)
@@ -42,7 +42,7 @@ function(bv_add_fuzz)
     list(TRANSFORM F_SUBJECT PREPEND ${BV_TREE}/)
     list(JOIN F_SUBJECT " " subject)
     # Read by the scripts in tests/fuzz.
-    file(WRITE "${CMAKE_BINARY_DIR}/fuzz/${F_NAME}.about"
+    file(WRITE "${PROJECT_BINARY_DIR}/fuzz/${F_NAME}.about"
       "corpus='${CMAKE_CURRENT_SOURCE_DIR}/corpus/${F_NAME}'\n"
       "dictionary='${CMAKE_CURRENT_SOURCE_DIR}/${F_DICTIONARY}'\n"
       "subject='${subject}'\n")

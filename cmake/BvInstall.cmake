@@ -1,55 +1,95 @@
 # What `cmake --install` puts where: the library with its headers, bv.pc, a CMake package, man pages
-# and the pages of docs/; tools/ and examples/ add theirs. Stand-ins that were built go beside the
-# library and are found through a run path of $ORIGIN, so that a prefix works wherever it is unpacked.
+# and the pages of docs/; tools/ and examples/ add theirs.
+#
+# Stand-ins go into folders of their own, so that they never meet a platform's libraries of the same
+# names: LIBDIR/bv, which libbv finds through a run path, and INCLUDEDIR/bv-compat. A prefix works
+# wherever it is unpacked.
 
 include(CMakePackageConfigHelpers)
 
-# The defines that the public headers need from every caller, in one place for both packages.
-set(BV_CALLER_DEFINES -D_GNU_SOURCE -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)
+set(private ${CMAKE_INSTALL_LIBDIR}/bv)
+set(development COMPONENT development)
 
-install(TARGETS bv LIBRARY
-  DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT development)
-install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+install(TARGETS bv
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} ${development})
+install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${development}
   FILES_MATCHING PATTERN "*.h")
-install(FILES docs/man/libbv.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
-install(FILES docs/man/bv-formats.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT development)
-install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+install(FILES docs/man/libbv.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 ${development})
+install(FILES docs/man/bv-formats.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 ${development})
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development}
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "man" EXCLUDE)
 
-if(BV_COMPAT_BUILT)
-  install(TARGETS ${BV_COMPAT_BUILT} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-  foreach(name IN LISTS BV_COMPAT_BUILT)
-    install(DIRECTORY compat/${name}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-      COMPONENT development FILES_MATCHING PATTERN "*.h")
-  endforeach()
-  set_property(TARGET bv ${BV_COMPAT_BUILT} PROPERTY INSTALL_RPATH "$ORIGIN")
-  # By this file cmake/BvCompat.cmake tells them from the platform's own.
-  list(JOIN BV_COMPAT_BUILT "\n" names)
-  file(WRITE "${CMAKE_BINARY_DIR}/packaging/stand-ins" "${names}\n")
-  install(FILES "${CMAKE_BINARY_DIR}/packaging/stand-ins"
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/bv COMPONENT development)
-endif()
+foreach(name IN LISTS BV_COMPAT_BUILT)
+  install(TARGETS ${name} LIBRARY DESTINATION ${private} COMPONENT compat
+    ARCHIVE DESTINATION ${private} ${development})
+  install(DIRECTORY compat/${name}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/bv-compat
+    ${development} FILES_MATCHING PATTERN "*.h")
+  set_property(TARGET ${name} PROPERTY INSTALL_RPATH "$ORIGIN")
+  set_property(TARGET bv PROPERTY INSTALL_RPATH "$ORIGIN/bv")
+endforeach()
 if(TARGET ubusd)
-  file(RELATIVE_PATH libraries "/${CMAKE_INSTALL_SBINDIR}" "/${CMAKE_INSTALL_LIBDIR}")
-  set_property(TARGET ubusd PROPERTY INSTALL_RPATH "$ORIGIN/${libraries}")
-  install(TARGETS ubusd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+  # The daemon can be started by a name that a platform's does not have.
+  set_property(TARGET ubusd PROPERTY INSTALL_RPATH "$ORIGIN")
+  install(TARGETS ubusd RUNTIME DESTINATION ${private} COMPONENT compat)
+  file(RELATIVE_PATH daemon "/${CMAKE_INSTALL_SBINDIR}" "/${private}/ubusd")
+  set(link "${PROJECT_BINARY_DIR}/packaging/bv-ubusd")
+  file(MAKE_DIRECTORY "${PROJECT_BINARY_DIR}/packaging")
+  file(CREATE_LINK "${daemon}" "${link}" SYMBOLIC)
+  install(FILES "${link}" DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT compat)
 endif()
 
-string(REPLACE ";" " " BV_PC_DEFINES "${BV_CALLER_DEFINES}")
+# What a service needs to compile and link: the include folders, the bus libraries, and where the
+# loader finds stand-ins of them. What only libbv needs the linker looks for, too.
+set(BV_RUN_PATH "-rpath-link")
+if("ubox" IN_LIST BV_COMPAT_BUILT OR "ubus" IN_LIST BV_COMPAT_BUILT)
+  set(BV_RUN_PATH "-rpath")
+endif()
+set(BV_PC_INCLUDE "-I\${includedir}")
+set(BV_PC_LIBRARIES "-L\${libdir} -lbv")
+if(BV_COMPAT_BUILT)
+  string(APPEND BV_PC_INCLUDE " -I\${includedir}/bv-compat")
+  string(APPEND BV_PC_LIBRARIES " -L\${libdir}/bv")
+endif()
+if(BV_COMPAT_BUILT AND BUILD_SHARED_LIBS)
+  string(APPEND BV_PC_LIBRARIES " -Wl,${BV_RUN_PATH},\${libdir}/bv")
+  if(BV_RUN_PATH STREQUAL "-rpath") # where there is no folder pkgconfig, ${libdir} leads nowhere
+    string(APPEND BV_PC_LIBRARIES " -Wl,-rpath,${CMAKE_INSTALL_FULL_LIBDIR}/bv")
+  endif()
+endif()
+string(APPEND BV_PC_LIBRARIES " -lubus -lubox")
+set(BV_PC_PRIVATE "-lboundscheck -lcrypto ${CMAKE_THREAD_LIBS_INIT}")
+set(BV_LIBRARY_SUFFIX "${CMAKE_SHARED_LIBRARY_SUFFIX}")
+if(NOT BUILD_SHARED_LIBS) # there is no shared library that would bring them
+  string(APPEND BV_PC_LIBRARIES " ${BV_PC_PRIVATE}")
+  set(BV_PC_PRIVATE "")
+  set(BV_LIBRARY_SUFFIX "${CMAKE_STATIC_LIBRARY_SUFFIX}")
+endif()
+set(BV_PC_DEFINITIONS "")
+foreach(definition IN LISTS BV_CALLER_DEFINITIONS)
+  string(APPEND BV_PC_DEFINITIONS " -D${definition}")
+endforeach()
 # From the folder of bv.pc back to the prefix, however deep the library folder is.
 file(RELATIVE_PATH BV_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
-configure_file(packaging/bv.pc.in "${CMAKE_BINARY_DIR}/packaging/bv.pc" @ONLY)
-install(FILES "${CMAKE_BINARY_DIR}/packaging/bv.pc"
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+string(REGEX REPLACE "/$" "" BV_PC_TO_PREFIX "${BV_PC_TO_PREFIX}")
+configure_file(packaging/bv.pc.in "${PROJECT_BINARY_DIR}/packaging/bv.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/packaging/bv.pc"
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig ${development})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/bv)
 configure_package_config_file(packaging/bvConfig.cmake.in
-  "${CMAKE_BINARY_DIR}/packaging/bvConfig.cmake"
+  "${PROJECT_BINARY_DIR}/packaging/bvConfig.cmake"
   INSTALL_DESTINATION ${package_dir}
   PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
-write_basic_package_version_file("${CMAKE_BINARY_DIR}/packaging/bvConfigVersion.cmake"
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/packaging/bvConfigVersion.cmake"
   COMPATIBILITY SameMajorVersion)
 install(FILES
-  "${CMAKE_BINARY_DIR}/packaging/bvConfig.cmake" "${CMAKE_BINARY_DIR}/packaging/bvConfigVersion.cmake"
-  DESTINATION ${package_dir} COMPONENT development)
+  "${PROJECT_BINARY_DIR}/packaging/bvConfig.cmake" "${PROJECT_BINARY_DIR}/packaging/bvConfigVersion.cmake"
+  DESTINATION ${package_dir} ${development})
+
+if(BV_TOP_LEVEL)
+  add_custom_target(uninstall
+    COMMAND ${CMAKE_COMMAND} -P "${PROJECT_SOURCE_DIR}/cmake/uninstall.cmake"
+    WORKING_DIRECTORY "${PROJECT_BINARY_DIR}" VERBATIM)
+endif()

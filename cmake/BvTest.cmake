@@ -103,7 +103,7 @@ function(bv_add_test)
   target_link_libraries(${T_NAME} PRIVATE test_kit ${T_LIBRARIES} GTest::gtest GTest::gtest_main
     Threads::Threads ${CMAKE_DL_LIBS})
   set_target_properties(${T_NAME} PROPERTIES
-    RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests"
+    RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests"
     CROSSCOMPILING_EMULATOR "${BV_TEST_ROOT}"
     ENABLE_EXPORTS ON
     DEFINE_SYMBOL "") # a definition for each program would spoil the precompiled header

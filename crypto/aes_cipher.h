@@ -10,6 +10,7 @@ namespace bv {
 
 constexpr size_t kAesBlockSize = 16;
 constexpr size_t kAesKeySize = 16;
+constexpr uint8_t kAesZeroVector[kAesBlockSize] = {};
 
 // Owns a cipher context that starts from a zero initialisation vector. valid() is false when
 // libcrypto could not make one; then nothing else may be called.
@@ -20,9 +21,8 @@ public:
     AesCipher(const uint8_t *key, Direction direction) : ctx_(EVP_CIPHER_CTX_new())
     {
         // Passed explicitly: a null vector means "unchanged", which is not zero in every libcrypto.
-        static constexpr uint8_t kZero[kAesBlockSize] = {};
-        valid_ = ctx_ != nullptr &&
-                 EVP_CipherInit_ex(ctx_, EVP_aes_128_cbc(), nullptr, key, kZero, direction) == 1;
+        valid_ = ctx_ != nullptr && EVP_CipherInit_ex(ctx_, EVP_aes_128_cbc(), nullptr, key,
+                                                      kAesZeroVector, direction) == 1;
     }
     ~AesCipher() { EVP_CIPHER_CTX_free(ctx_); } // clears the key schedule too
     AesCipher(const AesCipher &) = delete;

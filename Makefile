@@ -57,6 +57,12 @@ test-sanitize: deps ## the suite under the sanitizers, and a part of it under me
 test-target: ## builds for mipsel and runs the suite under user-mode emulation
 	@scripts/test-target
 
+test-arm64: ## the same for 64-bit ARM with glibc
+	@scripts/test-target arm64
+
+test-compilers: ## builds and tests with COMPILERS, or with all of the last years (slow)
+	@scripts/test-compilers $(COMPILERS)
+
 test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell and main-job tests
 	@scripts/setup-target musl kernel > /dev/null
 	@cmake --preset mipsel-musl > /dev/null

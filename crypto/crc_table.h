@@ -139,7 +139,7 @@ template <typename Word, unsigned Slices>
 BV_INLINE Word crc_slice(const CrcTables<Word, Slices> &tables, Word crc, const uint8_t *data)
 {
     return crc_slice(tables, crc, data,
-                     std::make_integer_sequence<unsigned, Slices / sizeof(size_t) - 1>());
+                     std::make_integer_sequence<unsigned, Slices / unsigned{sizeof(size_t)} - 1>());
 }
 
 // What crc becomes over kCrcStretch zero bytes: the sum of what each of its bytes becomes.
@@ -160,7 +160,8 @@ BV_INLINE Word crc_pair(const CrcTables<Word, Slices> &tables, Word crc, const u
         crc = crc_slice(tables, crc, data + at);
         second = crc_slice(tables, second, data + kCrcStretch + at);
     }
-    return crc_skip(tables, crc, std::make_integer_sequence<unsigned, sizeof(Word)>()) ^ second;
+    return crc_skip(tables, crc, std::make_integer_sequence<unsigned, unsigned{sizeof(Word)}>()) ^
+           second;
 }
 
 // Continues crc over the data, without inverting it at either end.

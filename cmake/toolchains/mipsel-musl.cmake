@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: ISC
 # The gateway: mipsel with musl. `scripts/setup-target musl` makes compilers and libraries.
-set(BV_LIBC musl)
-include("${CMAKE_CURRENT_LIST_DIR}/mipsel.cmake")
+set(CMAKE_SYSTEM_PROCESSOR mipsel)
+set(BV_EMULATOR qemu-mipsel-static)
+set(BV_USERLAND userland-musl)
+include("${CMAKE_CURRENT_LIST_DIR}/emulated.cmake")
 
 set(BV_MUSL "${BV_TARGET_CACHE}/musl-prefix")
 set(CMAKE_C_COMPILER "${BV_TARGET_CACHE}/bin/mipsel-musl-gcc")

@@ -312,7 +312,7 @@ TEST_F(Notifier, SignalToTheDispatchThreadLosesNothing)
 
 TEST_F(Notifier, EventsOfEightThreadsArriveOnceAndInEachThreadsOrder)
 {
-    constexpr uint32_t kThreads = 8, kEach = 5000;
+    constexpr uint32_t kThreads = 8, kEvents = 5000;
     struct Mark {
         uint32_t thread, number;
     };
@@ -331,7 +331,7 @@ TEST_F(Notifier, EventsOfEightThreadsArriveOnceAndInEachThreadsOrder)
     std::vector<std::thread> threads;
     for (uint32_t t = 0; t < kThreads; t++) {
         threads.emplace_back([t] {
-            for (uint32_t n = 0; n < kEach; n++) {
+            for (uint32_t n = 0; n < kEvents; n++) {
                 const Mark mark = {t, n};
                 bv_notifier_send(5, &mark, sizeof(mark));
             }
@@ -339,7 +339,7 @@ TEST_F(Notifier, EventsOfEightThreadsArriveOnceAndInEachThreadsOrder)
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_TRUE(eventually([] { return total == kThreads * kEach; }, 60000)) << total;
+    EXPECT_TRUE(eventually([] { return total == kThreads * kEvents; }, 60000)) << total;
     EXPECT_EQ(wrong, 0u);
 }
 

@@ -31,6 +31,14 @@ void *call(void *function)
     return nullptr;
 }
 
+void run_in_thread(const pthread_attr_t *attributes, std::function<void()> &function)
+{
+    pthread_t thread;
+    if (pthread_create(&thread, attributes, call, &function) != 0)
+        abort();
+    pthread_join(thread, nullptr);
+}
+
 // A stack after a call has run on it.
 class UsedStack {
 public:
@@ -38,17 +46,13 @@ public:
         : memory_(
               mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))
     {
-        // Once elsewhere first: at the first call of a function the dynamic linker saves all
-        // registers, and what they hold, on the stack.
-        function();
-
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);
+        // Once on another stack first: at the first call of a function, those at the end of the
+        // thread included, the dynamic linker saves all registers, and what they hold.
+        run_in_thread(nullptr, function);
         pthread_attr_setstack(&attributes, memory_, kStackSize);
-        pthread_t thread;
-        if (pthread_create(&thread, &attributes, call, &function) != 0)
-            abort();
-        pthread_join(thread, nullptr);
+        run_in_thread(&attributes, function);
         pthread_attr_destroy(&attributes);
 
         // Most of it was never touched; searching that too would take seconds.

@@ -7,13 +7,23 @@
 # called by name, shell and tools are the host's, and programs of the build tree that tests start
 # are wrapped. BV_ROOT_EMULATION=wrapped asks for that.
 
-emulator=qemu-mipsel-static
 table=/proc/sys/fs/binfmt_misc
+
+# The machine is known by a program of the userland: its class (32 or 64 bits) and ELF number.
+elf() { od -An -tx1 -j"$2" -N"$3" "$1" | tr -d ' '; }
+class=$(elf "$userland/bin/busybox" 4 1)
+machine=$(elf "$userland/bin/busybox" 18 2)
+case $machine in
+0800) cpu=mipsel ;;
+b700) cpu=aarch64 ;;
+esac
+emulator=qemu-$cpu-static
+export BV_ROOT_EMULATOR="$emulator"
 
 # A table entry whose interpreter the kernel has open already (flag F) works in any root.
 machine_runs_target_code() {
-    [ -e "$table/qemu-mipsel" ] && grep -q '^enabled' "$table/qemu-mipsel" &&
-        grep -q '^flags:.*F' "$table/qemu-mipsel"
+    [ -e "$table/qemu-$cpu" ] && grep -q '^enabled' "$table/qemu-$cpu" &&
+        grep -q '^flags:.*F' "$table/qemu-$cpu"
 }
 
 # Prints native, own or wrapped: how target programs are run here.
@@ -51,20 +61,19 @@ enter_namespace() {
 # busybox knows what it is to be.
 register_emulator() {
     mount -t binfmt_misc none "$table"
-    for file in /usr/lib/binfmt.d/qemu-mipsel.conf /usr/share/qemu/binfmt.d/qemu-mipsel.conf; do
+    for file in "/usr/lib/binfmt.d/qemu-$cpu.conf" "/usr/share/qemu/binfmt.d/qemu-$cpu.conf"; do
         if [ -e "$file" ]; then
             cat "$file" > "$table/register"
             return 0
         fi
     done
     path=$(command -v "$emulator")
-    printf '%s' ":qemu-mipsel:M::\\x7f\\x45\\x4c\\x46\\x01\\x01\\x01\\x00\\x00\\x00\\x00\\x00\\x00\\x00\\x00\\x00\\x02\\x00\\x08\\x00:\\xff\\xff\\xff\\xff\\xff\\xff\\xff\\x00\\xfe\\xff\\xff\\xff\\xff\\xff\\xff\\xff\\xfe\\xff\\xff\\xff:$path:OF" > "$table/register"
+    printf '%s' ":qemu-$cpu:M::\\x7f\\x45\\x4c\\x46\\x$class\\x01\\x01\\x00\\x00\\x00\\x00\\x00\\x00\\x00\\x00\\x00\\x02\\x00\\x${machine%??}\\x00:\\xff\\xff\\xff\\xff\\xff\\xff\\xff\\x00\\xfe\\xff\\xff\\xff\\xff\\xff\\xff\\xff\\xfe\\xff\\xff\\xff:$path:OF" > "$table/register"
 }
 
-# Whether a file is a program for 32-bit little-endian MIPS (ELF machine 8).
+# Whether a file is a program or a library of that machine.
 is_target_program() {
-    [ -f "$1" ] || return 1
-    case $(od -An -tx1 -j16 -N4 "$1" | tr -d ' ') in 02000800 | 03000800) ;; *) return 1 ;; esac
+    [ -f "$1" ] && [ "$(elf "$1" 18 2)" = "$machine" ]
 }
 
 # Prints the target programs below a folder that tests and examples start.

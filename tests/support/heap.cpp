@@ -147,7 +147,14 @@ BV_INTERPOSE(calloc, "calloc", void *, (size_t n, size_t size))
 {
     if (fault_calloc.fails(BV_CALLER))
         return nullptr;
-    void *block = BV_NEXT(calloc)(n, size);
+    // dlsym() of older C libraries (glibc before 2.34) comes here itself, and does without.
+    static thread_local bool looking;
+    if (looking)
+        return nullptr;
+    looking = true;
+    const auto next = BV_NEXT(calloc);
+    looking = false;
+    void *block = next(n, size);
     if (watch() == kOurs)
         note_taken(BV_CALLER, block, n * size);
     return block;

@@ -71,10 +71,11 @@ TEST(BoundscheckHeader, LibraryHasItsPlainNameAndNeedsOnlyTheCLibrary)
     std::string dynamic = output_of("readelf -d '" BOUNDSCHECK_LIBRARY "'");
     EXPECT_NE(dynamic.find("soname: [libboundscheck.so]"), std::string::npos) << dynamic;
 #if !defined(BV_SANITIZED)
-    size_t needed = 0;
+    // The loader is a part of the C library: on some machines the stack protector's value is there.
     for (size_t at = dynamic.find("(NEEDED)"); at != std::string::npos;
-         at = dynamic.find("(NEEDED)", at + 1), ++needed)
-        EXPECT_NE(dynamic.substr(at, 60).find("[libc.so"), std::string::npos);
-    EXPECT_EQ(needed, 1u) << dynamic;
+         at = dynamic.find("(NEEDED)", at + 1)) {
+        const std::string needed = dynamic.substr(dynamic.find('[', at), 8);
+        EXPECT_TRUE(needed == "[libc.so" || needed == "[ld-linu") << dynamic;
+    }
 #endif
 }

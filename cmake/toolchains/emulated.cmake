@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: ISC
-# What both C libraries of the 32-bit little-endian MIPS have in common. BV_LIBC says which one.
+# What all machines have in common whose programs run under user-mode emulation here. BV_EMULATOR is
+# the emulator, BV_USERLAND the root folder to test in.
 
 # Where scripts/setup-target keeps compilers and sysroots; the same rule as in scripts/cache.sh.
 if(NOT BV_TARGET_CACHE)
@@ -15,12 +16,11 @@ endif()
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES BV_TARGET_CACHE)
 
 set(CMAKE_SYSTEM_NAME Linux)
-set(CMAKE_SYSTEM_PROCESSOR mipsel)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# The private root that tests run in consists of these mipsel programs.
-set(BV_TEST_USERLAND "${BV_TARGET_CACHE}/userland-${BV_LIBC}")
-set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-mipsel-static;-L;${BV_TEST_USERLAND}")
+# The private root that tests run in consists of that machine's programs.
+set(BV_TEST_USERLAND "${BV_TARGET_CACHE}/${BV_USERLAND}")
+set(CMAKE_CROSSCOMPILING_EMULATOR "${BV_EMULATOR};-L;${BV_TEST_USERLAND}")

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: ISC
 # The libraries underneath: json-c and libcrypto are always the installed ones; boundscheck, ubox
 # and ubus may come from compat/. Afterwards the targets PkgConfig::BV_JSONC, bv_libcrypto,
-# boundscheck::boundscheck, ubox::ubox and ubus::ubus exist, BV_UBUSD is the bus daemon's path,
+# bv::boundscheck, bv::ubox and bv::ubus exist, BV_UBUSD is the bus daemon's path,
 # BV_COMPAT_BUILT lists the stand-ins that this tree builds, and BV_CALLER_DEFINITIONS what callers
 # must define before the public headers.
 
@@ -14,6 +14,13 @@ target_include_directories(bv_libcrypto SYSTEM INTERFACE ${OPENSSL_INCLUDE_DIR})
 target_link_libraries(bv_libcrypto INTERFACE ${OPENSSL_CRYPTO_LIBRARY})
 set(THREADS_PREFER_PTHREAD_FLAG OFF)
 find_package(Threads REQUIRED)
+# Old C libraries have the timers apart.
+include(CheckFunctionExists)
+check_function_exists(timer_settime BV_TIMERS_IN_LIBC)
+set(BV_LIBC_PARTS ${CMAKE_THREAD_LIBS_INIT})
+if(NOT BV_TIMERS_IN_LIBC)
+  list(APPEND BV_LIBC_PARTS -lrt)
+endif()
 
 set(BV_COMPAT_BUILT "")
 string(REPLACE "," ";" BV_COMPAT_WANTED "${BV_COMPAT}")
@@ -43,12 +50,12 @@ function(bv_underneath name header)
     # Linked by its name, never by its path: the loader would look for a library without a SONAME at
     # the very place where it was found here.
     if(${library} MATCHES "\\.a$")
-      add_library(${name}::${name} STATIC IMPORTED GLOBAL)
+      add_library(bv::${name} STATIC IMPORTED GLOBAL)
     else()
-      add_library(${name}::${name} SHARED IMPORTED GLOBAL)
-      set_target_properties(${name}::${name} PROPERTIES IMPORTED_NO_SONAME TRUE)
+      add_library(bv::${name} SHARED IMPORTED GLOBAL)
+      set_target_properties(bv::${name} PROPERTIES IMPORTED_NO_SONAME TRUE)
     endif()
-    set_target_properties(${name}::${name} PROPERTIES
+    set_target_properties(bv::${name} PROPERTIES
       IMPORTED_LOCATION "${${library}}"
       INTERFACE_INCLUDE_DIRECTORIES "${${include}}")
     message(STATUS "${name}: installed (${${library}})")
@@ -66,13 +73,13 @@ bv_underneath(ubox libubox/uloop.h)
 bv_underneath(ubus libubus.h)
 
 if("ubus" IN_LIST BV_COMPAT_BUILT)
-  set(BV_UBUSD "$<TARGET_FILE:ubusd>")
+  set(BV_UBUSD "$<TARGET_FILE:bv_ubusd>")
 else()
   unset(BV_UBUSD_PROGRAM CACHE)
   find_program(BV_UBUSD_PROGRAM ubusd PATHS /usr/sbin /sbin)
   mark_as_advanced(BV_UBUSD_PROGRAM)
   set(BV_UBUSD "${BV_UBUSD_PROGRAM}")
-  set_property(TARGET ubus::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES ubox::ubox)
+  set_property(TARGET bv::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES bv::ubox)
 endif()
 
 # In a 32-bit program file offsets and times must have 64 bits, as in the library; many C libraries
@@ -87,11 +94,11 @@ if(NOT BV_WIDE_BY_DEFAULT)
   set(BV_CALLER_DEFINITIONS _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
 # The platform's own headers may want more than the compiler's default mode declares.
-if(TARGET ubus::ubus AND TARGET ubox::ubox)
+if(TARGET bv::ubus AND TARGET bv::ubox)
   include(CMakePushCheckState)
   cmake_push_check_state(RESET)
-  get_target_property(CMAKE_REQUIRED_INCLUDES ubox::ubox INTERFACE_INCLUDE_DIRECTORIES)
-  get_target_property(ubus ubus::ubus INTERFACE_INCLUDE_DIRECTORIES)
+  get_target_property(CMAKE_REQUIRED_INCLUDES bv::ubox INTERFACE_INCLUDE_DIRECTORIES)
+  get_target_property(ubus bv::ubus INTERFACE_INCLUDE_DIRECTORIES)
   list(APPEND CMAKE_REQUIRED_INCLUDES ${ubus} ${BV_JSONC_INCLUDE_DIRS})
   check_c_source_compiles("#include <libubox/uloop.h>
     #include <libubox/blobmsg.h>

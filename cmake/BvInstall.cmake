@@ -24,17 +24,17 @@ install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development}
   REGEX "/docs/(benchmarks|design|fuzzing|target)" EXCLUDE)
 
 foreach(name IN LISTS BV_COMPAT_BUILT)
-  install(TARGETS ${name} LIBRARY DESTINATION ${private} COMPONENT compat
+  install(TARGETS bv_${name} LIBRARY DESTINATION ${private} COMPONENT compat
     ARCHIVE DESTINATION ${private} ${development})
   install(DIRECTORY compat/${name}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/bv-compat
     ${development} FILES_MATCHING PATTERN "*.h")
-  set_property(TARGET ${name} PROPERTY INSTALL_RPATH "$ORIGIN")
+  set_property(TARGET bv_${name} PROPERTY INSTALL_RPATH "$ORIGIN")
   set_property(TARGET bv PROPERTY INSTALL_RPATH "$ORIGIN/bv")
 endforeach()
-if(TARGET ubusd)
+if(TARGET bv_ubusd)
   # The daemon can be started by a name that a platform's does not have.
-  set_property(TARGET ubusd PROPERTY INSTALL_RPATH "$ORIGIN")
-  install(TARGETS ubusd RUNTIME DESTINATION ${private} COMPONENT compat)
+  set_property(TARGET bv_ubusd PROPERTY INSTALL_RPATH "$ORIGIN")
+  install(TARGETS bv_ubusd RUNTIME DESTINATION ${private} COMPONENT compat)
   file(RELATIVE_PATH daemon "/${CMAKE_INSTALL_SBINDIR}" "/${private}/ubusd")
   set(link "${PROJECT_BINARY_DIR}/packaging/bv-ubusd")
   file(MAKE_DIRECTORY "${PROJECT_BINARY_DIR}/packaging")
@@ -63,7 +63,8 @@ if(BV_COMPAT_BUILT AND BUILD_SHARED_LIBS)
   endif()
 endif()
 string(APPEND BV_PC_LIBRARIES " -lubus -lubox")
-set(BV_PC_PRIVATE "-lboundscheck -lcrypto ${CMAKE_THREAD_LIBS_INIT}")
+list(JOIN BV_LIBC_PARTS " " libc_parts)
+set(BV_PC_PRIVATE "-lboundscheck -lcrypto ${libc_parts}")
 set(BV_LIBRARY_SUFFIX "${CMAKE_SHARED_LIBRARY_SUFFIX}")
 if(NOT BUILD_SHARED_LIBS) # there is no shared library that would bring them
   string(APPEND BV_PC_LIBRARIES " ${BV_PC_PRIVATE}")

@@ -30,7 +30,7 @@ endif()
 
 # Libraries and the daemon may lie in a prefix of their own: the private root has to show it.
 set(prefixes "")
-foreach(target boundscheck::boundscheck ubox::ubox ubus::ubus)
+foreach(target bv::boundscheck bv::ubox bv::ubus)
   if(TARGET ${target}) # otherwise a stand-in
     get_target_property(file ${target} IMPORTED_LOCATION)
     list(APPEND prefixes "${file}")
@@ -39,7 +39,7 @@ endforeach()
 foreach(library IN LISTS BV_JSONC_LINK_LIBRARIES OPENSSL_CRYPTO_LIBRARY)
   list(APPEND prefixes "${library}")
 endforeach()
-if(NOT TARGET ubusd)
+if(NOT TARGET bv_ubusd)
   list(APPEND prefixes "${BV_UBUSD}")
 endif()
 list(TRANSFORM prefixes REPLACE "/s?bin/[^/]*$|/lib(64|/[^/]*-linux-[^/]*)?/[^/]*$" "")
@@ -136,8 +136,8 @@ function(bv_add_test)
     CROSSCOMPILING_EMULATOR "${BV_TEST_ROOT}"
     ENABLE_EXPORTS ON
     DEFINE_SYMBOL "") # a definition for each program would spoil the precompiled header
-  if(TARGET ubusd)
-    add_dependencies(${T_NAME} ubusd)
+  if(TARGET bv_ubusd)
+    add_dependencies(${T_NAME} bv_ubusd)
   endif()
   if("threaded" IN_LIST T_LABELS)
     add_dependencies(threaded_tests ${T_NAME})

@@ -69,6 +69,12 @@ test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell
 	@cmake --build build/mipsel-musl
 	@tests/gateway/run build/mipsel-musl
 
+test-debian: ## builds the Debian packages; installs, tests and removes them in a clean Debian
+	@tests/package/debian
+
+test-package: ## from a minimal Debian to a service's programs, in every way to install and to link
+	@tests/package/journey
+
 fuzz: deps ## fuzzes every input from outside, FUZZ_SECONDS (60) for each
 	@scripts/install-deps clang llvm libclang-rt-dev
 	@cmake --preset fuzz

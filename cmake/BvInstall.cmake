@@ -40,6 +40,7 @@ if(TARGET bv_ubusd)
   file(MAKE_DIRECTORY "${PROJECT_BINARY_DIR}/packaging")
   file(CREATE_LINK "${daemon}" "${link}" SYMBOLIC)
   install(FILES "${link}" DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT compat)
+  install(FILES compat/ubus/bv-ubusd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT compat)
 endif()
 
 # What a service needs to compile and link: the include folders, the bus libraries, and where the

@@ -6,7 +6,7 @@ FUZZ_SECONDS ?= 60
 export FUZZ_SECONDS
 
 .DEFAULT_GOAL := help
-.PHONY: configure $(shell sed -n 's/^\([a-z-]*\):.*\#\#.*/\1/p' $(MAKEFILE_LIST))
+.PHONY: configure $(shell sed -n 's/^\([a-z0-9-]*\):.*\#\#.*/\1/p' $(MAKEFILE_LIST))
 
 # Where CI is set, warnings are errors.
 PRESET := $(if $(CI),ci,default)
@@ -15,14 +15,14 @@ PRESET := $(if $(CI),ci,default)
 BUILD ?= build/$(PRESET)
 
 help: ## lists the targets
-	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*## /\t/' | expand -t 16
+	@grep -E '^[a-z0-9-]+:.*##' $(MAKEFILE_LIST) | sed 's/:.*## /\t/' | expand -t 16
 
 deps: ## installs the missing Debian packages
 	@scripts/install-deps
 	@tests/support/root-way > /dev/null 2>&1 || scripts/install-deps proot || tests/support/root-way
 
 configure: deps
-	@cmake --preset $(PRESET) -B "$(BUILD)"
+	@cmake -S . -B "$(BUILD)" -G Ninja $(if $(CI),-DBV_WERROR=ON)
 
 build: configure ## builds everything for this workstation
 	@cmake --build "$(BUILD)"

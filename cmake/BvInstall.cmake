@@ -17,7 +17,7 @@ install(TARGETS bv
 install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${development}
   FILES_MATCHING PATTERN "*.h")
 include(BvMan)
-install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development})
+install(FILES README.md CHANGELOG.md SECURITY.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development})
 # The pages left out are for those who work on the library.
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development}
   FILES_MATCHING PATTERN "*.md" PATTERN "man" EXCLUDE
@@ -40,7 +40,6 @@ if(TARGET bv_ubusd)
   file(MAKE_DIRECTORY "${PROJECT_BINARY_DIR}/packaging")
   file(CREATE_LINK "${daemon}" "${link}" SYMBOLIC)
   install(FILES "${link}" DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT compat)
-  install(FILES compat/ubus/bv-ubusd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT compat)
 endif()
 
 # What a service needs to compile and link: the include folders, the bus libraries, and where the

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: ISC
+// What the files of the kit share. All of it belongs to the owner's thread.
+//
+//   say.cpp      lines for people: stderr, syslog, debug channel
+//   values.cpp   values as text: what a type and a file can hold; JSON of families
+//   change.cpp   planned changes of instances: all are checked, then all are made
+//   store.cpp    data files: lock, load, commit, revert, reset
+//   run.cpp      bv_service_run(): start, loop, bus connections, end
+//   object.cpp   NAME.config: requests and answers, events, rights
+//   client.cpp   the caller's half
+#ifndef BV_SERVICE_INTERNAL_H
+#define BV_SERVICE_INTERNAL_H
+
+#include <bv/bv.h>
+#include <bv/service.h>
+
+namespace bv::service {
+
+// The service that runs, or null.
+extern const struct bv_service *g_service;
+
+// ---- say.cpp ----
+
+// One line on stderr, in syslog (LOG_ERR) and on the debug channel.
+void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// One line in syslog (LOG_INFO) and on the debug channel only.
+void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Why a request was refused, for the one who asked.
+struct Words {
+    char text[512] = "";
+    // Writes the text, and returns `status`.
+    int32_t refuse(int32_t status, const char *format, ...) __attribute__((format(printf, 3, 4)));
+};
+
+// A text that grows. After a failed allocation it stays as it is, and failed is true.
+struct Text {
+    char *bytes = nullptr; // terminated, or null while empty
+    uint32_t length = 0;
+    uint32_t capacity = 0;
+    bool failed = false;
+    ~Text();
+    void put(const char *text);
+    void put(const char *text, uint32_t length);
+    // With quotes around it, and escaped as JSON wants it.
+    void put_quoted(const char *text);
+};
+
+// ---- values.cpp ----
+
+const struct bv_service_family *find_listed(const char *family);
+
+// Whether every value of an image would come back from a data file: no quote, backslash or control
+// character, each string terminated in its len. The words name the parameter and the range.
+int32_t check_image(const bv_db_family &family, const uint8_t *image, Words &words);
+// Sets the parameter of an image from its text: type, range, length.
+int32_t set_value(const bv_db_family &family, uint8_t *image, const char *parameter,
+                  const char *text, Words &words);
+// Appends {"inst":"1","para":{...}}; without values for a hidden family.
+void put_instance(Text &out, const bv_db_family &family, const uint8_t *image, int32_t number,
+                  bool hidden);
+
+// ---- change.cpp ----
+
+// The changes of one request, in order. An instance appears once.
+struct Change {
+    const struct bv_service_family *listed;
+    bv_db_family *family;
+    int32_t instance;
+    uint8_t *is; // null: delete
+};
+struct Plan {
+    Change *changes = nullptr;
+    uint32_t count = 0;
+    uint32_t capacity = 0;
+    ~Plan();
+};
+enum class Meaning { Set, Add, Import };
+
+// Reads a request in the form of a data file. Nothing is changed, whatever the result.
+int32_t plan_from_json(Plan &plan, struct json_object *data, Meaning meaning, Words &words);
+int32_t plan_one(Plan &plan, const char *family, const void *image_or_null, int32_t instance,
+                 Words &words);
+// Asks the checks of all, then makes all of them: memory is taken before the first is made.
+// Instances that would not differ are left out. Calls `changed`, counts, and sends the events.
+int32_t make(Plan &plan, Words &words);
+
+// ---- store.cpp ----
+
+// Registers, reads the templates and loads the families. 0, or an exit status, which was said.
+int load();
+// Saves the families of one store that changed; see bv_service_commit().
+int32_t commit(enum bv_service_store store);
+int32_t revert(const struct bv_service_family &family);
+int32_t reset(const struct bv_service_family &family);
+// The instances that the data file has, as put_instance() writes them: [...] of one family.
+int32_t put_saved(Text &out, const struct bv_service_family &family, Words &words);
+
+// For "status": where the families came from, when they were saved last and with which result.
+struct StoreState {
+    const char *loaded; // "file", "good" or "defaults"
+    int64_t saved;      // seconds since 1970; 0: never
+    int32_t saved_status;
+};
+const StoreState &store_state();
+bool is_unsaved(const struct bv_service_family &family);
+
+// ---- object.cpp ----
+
+// After a change of a family: count, and tell those who watch. Never waits.
+void announce(const struct bv_service_family &family);
+// Publishes NAME.config on a connection of its own, in the event loop. False without a bus.
+bool publish();
+void unpublish();
+
+} // namespace bv::service
+
+#endif

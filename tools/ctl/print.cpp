@@ -1,0 +1,124 @@
+/* SPDX-License-Identifier: ISC */
+#include "tools/common/visible.h"
+#include "tools/ctl/ctl.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kMaxColumns = 24;
+constexpr const char *kGap = "  ";
+
+bool has_colours()
+{
+    static int known = -1;
+    if (known < 0) {
+        const char *no_color = getenv("NO_COLOR");
+        const char *terminal = getenv("TERM");
+        known = isatty(STDOUT_FILENO) != 0 && (no_color == nullptr || *no_color == '\0') &&
+                terminal != nullptr && strcmp(terminal, "dumb") != 0;
+    }
+    return known != 0;
+}
+
+void start_style(tools::Style style)
+{
+    if (style != tools::Style::Plain && has_colours())
+        fputs(style == tools::Style::Bold ? "\033[1m" : "\033[2m", stdout);
+}
+
+void end_style(tools::Style style)
+{
+    if (style != tools::Style::Plain && has_colours())
+        fputs("\033[0m", stdout);
+}
+
+// The text as print_visible() prints it.
+json_object *visible_text(const char *text)
+{
+    char *bytes = nullptr;
+    size_t length = 0;
+    FILE *memory = open_memstream(&bytes, &length);
+    if (memory == nullptr)
+        return nullptr;
+    tools::print_visible(memory, text);
+    fclose(memory);
+    json_object *visible = json_object_new_string(bytes);
+    free(bytes);
+    return visible;
+}
+
+// Characters of UTF-8.
+int width_of(const char *text)
+{
+    int width = 0;
+    for (; *text != '\0'; ++text)
+        width += (*text & 0xc0) != 0x80 ? 1 : 0;
+    return width;
+}
+
+} // namespace
+
+void tools::print_styled(Style style, const char *text)
+{
+    start_style(style);
+    print_visible(stdout, text);
+    end_style(style);
+}
+
+void tools::Table::start_row(Style style)
+{
+    json_object *row = json_object_new_array();
+    append(row, json_object_new_int(static_cast<int>(style)));
+    append(rows_, row);
+}
+
+void tools::Table::cell(const char *text)
+{
+    append(element(rows_, count_of(rows_) - 1), visible_text(text));
+}
+
+void tools::Table::print()
+{
+    int widths[kMaxColumns] = {};
+    for (size_t i = 0; i < count_of(rows_); ++i) {
+        json_object *row = element(rows_, i);
+        for (size_t k = 1; k < count_of(row) && k < kMaxColumns; ++k) {
+            const int width = width_of(text_of(element(row, k)));
+            widths[k] = width > widths[k] ? width : widths[k];
+        }
+    }
+    for (size_t i = 0; i < count_of(rows_); ++i) {
+        json_object *row = element(rows_, i);
+        const auto style = static_cast<Style>(bv_json_object_get_int(element(row, 0)));
+        size_t last = count_of(row) - 1; // empty cells at the end leave no blanks
+        while (last > 0 && *text_of(element(row, last)) == '\0')
+            --last;
+        printf("%*s", indent_, "");
+        start_style(style);
+        for (size_t k = 1; k <= last; ++k) {
+            const char *text = text_of(element(row, k));
+            fputs(text, stdout);
+            if (k < last)
+                printf("%*s%s", k < kMaxColumns ? widths[k] - width_of(text) : 0, "", kGap);
+        }
+        end_style(style);
+        putchar('\n');
+    }
+}
+
+void tools::print_json(json_object *value)
+{
+    puts(json_object_to_json_string_ext(value, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED |
+                                                   JSON_C_TO_STRING_NOSLASHESCAPE));
+}
+
+void tools::print_json_line(json_object *value)
+{
+    puts(json_object_to_json_string_ext(value,
+                                        JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
+    fflush(stdout);
+}

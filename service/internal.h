@@ -105,13 +105,30 @@ struct StoreState {
 const StoreState &store_state();
 bool is_unsaved(const struct bv_service_family &family);
 
+// ---- run.cpp ----
+
+constexpr uint32_t kMaxServiceName = 100;
+bool is_service_name(const char *name);
+
 // ---- object.cpp ----
 
+// Takes memory for the counters of the families; false when it is short.
+bool open_object();
+void close_object();
 // After a change of a family: count, and tell those who watch. Never waits.
 void announce(const struct bv_service_family &family);
-// Publishes NAME.config on a connection of its own, in the event loop. False without a bus.
-bool publish();
+// Publishes NAME.config on a connection of its own, in the event loop.
+enum class Published { Yes, NoBus, NameTaken };
+Published publish();
 void unpublish();
+
+// ---- messages: object.cpp and client.cpp ----
+
+constexpr uint32_t kMessageVersion = 1;
+constexpr uint32_t kMaxPart = 65536;              // bytes of an answer in one reply
+constexpr int32_t kStartAgain = BV_ERR_EMPTY;     // the answer is another one by now
+constexpr char kObjectSuffix[] = ".config";       // of the object's name
+constexpr char kEventSuffix[] = ".config.changed"; // of the event's
 
 } // namespace bv::service
 

@@ -1,0 +1,323 @@
+// SPDX-License-Identifier: ISC
+// bv_service_run(): checks the structure, loads the families, and serves until it is told to end.
+//
+// Signals and bv_service_end() write to a pipe, which the loop watches and the pauses wait on. What
+// is in the pipe stays there, so a signal counts whenever it comes: also between connecting to the
+// bus and the loop's first wait.
+
+#include "service/internal.h"
+
+#include <fcntl.h>
+#include <poll.h>
+
+namespace bv::service {
+
+const struct bv_service *g_service;
+
+namespace {
+
+// Without a bus, the next attempt comes after this.
+constexpr int kPauseMs = 1000;
+
+int g_end_pipe[2] = {-1, -1};
+uloop_fd g_end_watch;
+uloop_timeout g_leave_loop;
+Published g_published;
+
+// ---- the structure ----
+
+bool is_name_character(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_' || c == '.';
+}
+
+// Says what is wrong with the structure; the result is the exit status.
+int bad_use(const char *what, uint32_t index, const char *fault)
+{
+    say("bv_service_run: %s[%" PRIu32 "] %s", what, index, fault);
+    return BV_SERVICE_BAD_USE;
+}
+
+// Why the entry at `index` of a table cannot have its name; null when it can.
+template <typename Entry>
+const char *name_fault(const Entry *table, uint32_t index, uint32_t longest)
+{
+    const char *name = table[index].name;
+    if (name == nullptr || *name == '\0')
+        return "has no name";
+    if (bv_os_strlen(name) > longest)
+        return "has a name that is too long";
+    for (uint32_t i = 0; i < index; ++i)
+        if (bv_os_strcmp(name, table[i].name) == 0)
+            return "has a name that is there twice";
+    return nullptr;
+}
+
+int check_families(const bv_service &service)
+{
+    constexpr uint32_t kMaxName = 204; // what the library finds
+    for (uint32_t i = 0; i < service.n_families; ++i) {
+        const bv_service_family &family = service.families[i];
+        const char *fault = name_fault(service.families, i, kMaxName);
+        if (fault == nullptr && family.store > BV_SERVICE_FACTORY)
+            fault = "has a store that is not one of enum bv_service_store";
+        if (fault == nullptr && (family.flags & ~BV_SERVICE_HIDDEN) != 0)
+            fault = "has unknown flags";
+        if (fault != nullptr)
+            return bad_use("families", i, fault);
+    }
+    return 0;
+}
+
+int check_functions(const bv_service &service)
+{
+    constexpr uint32_t kMaxName = 255; // what bv_ubus_server_reg() takes
+    for (uint32_t i = 0; i < service.n_functions; ++i) {
+        const char *fault = name_fault(service.functions, i, kMaxName);
+        if (fault == nullptr && service.functions[i].handler == nullptr)
+            fault = "has no handler";
+        if (fault != nullptr)
+            return bad_use("functions", i, fault);
+    }
+    return 0;
+}
+
+int check_numbers(const char *what, const bv_service_name *table, uint32_t count, uint32_t highest)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        const char *fault = name_fault(table, i, UINT32_MAX);
+        if (fault == nullptr && table[i].number > highest)
+            fault = "has a number that is too high";
+        if (fault != nullptr)
+            return bad_use(what, i, fault);
+    }
+    return 0;
+}
+
+int check_tables(const bv_service &service)
+{
+    const struct {
+        const char *what;
+        const void *table;
+        uint32_t count;
+    } tables[] = {{"families", service.families, service.n_families},
+                  {"functions", service.functions, service.n_functions},
+                  {"writers", service.writers, service.n_writers},
+                  {"modules", service.modules, service.n_modules},
+                  {"levels", service.levels, service.n_levels}};
+    for (const auto &row : tables)
+        if (row.table == nullptr && row.count != 0)
+            return bad_use(row.what, 0, "is not there: the table is null");
+    for (uint32_t i = 0; i < service.n_writers; ++i)
+        if (service.writers[i] == nullptr)
+            return bad_use("writers", i, "is null");
+    int status = check_families(service);
+    if (status == 0)
+        status = check_functions(service);
+    if (status == 0)
+        status = check_numbers("modules", service.modules, service.n_modules, 9);
+    return status != 0 ? status : check_numbers("levels", service.levels, service.n_levels, 7);
+}
+
+int check_structure(const bv_service *service)
+{
+    if (g_service != nullptr) {
+        say("bv_service_run: it runs already");
+        return BV_SERVICE_BAD_USE;
+    }
+    if (service == nullptr || service->size != sizeof(*service)) {
+        say("bv_service_run: the member size is not sizeof(struct bv_service) of this library");
+        return BV_SERVICE_BAD_USE;
+    }
+    const char *fault = nullptr;
+    const char *name = service->name;
+    if (!is_service_name(name))
+        fault = "name: 1 to 100 characters of a-z, A-Z, 0-9, '-', '_' and '.' are allowed";
+    else if (service->object != nullptr &&
+             (*service->object == '\0' || bv_os_strlen(service->object) > 127))
+        fault = "object: 1 to 127 characters are allowed";
+    else if ((service->flags & ~BV_SERVICE_COMMIT_AT_END) != 0)
+        fault = "flags: unknown ones are set";
+    if (fault == nullptr)
+        return check_tables(*service);
+    say("bv_service_run: %s", fault);
+    return BV_SERVICE_BAD_USE;
+}
+
+// ---- the end ----
+
+void on_signal(int)
+{
+    const int saved = errno;
+    bv_service_end();
+    errno = saved;
+}
+
+// Takes SIGTERM and SIGINT; connecting to the bus would take them otherwise.
+class Signals {
+public:
+    Signals()
+    {
+        struct sigaction action = {};
+        action.sa_handler = on_signal;
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGTERM, &action, &old_[0]);
+        sigaction(SIGINT, &action, &old_[1]);
+    }
+    ~Signals()
+    {
+        sigaction(SIGTERM, &old_[0], nullptr);
+        sigaction(SIGINT, &old_[1], nullptr);
+    }
+    Signals(const Signals &) = delete;
+    Signals &operator=(const Signals &) = delete;
+
+private:
+    struct sigaction old_[2];
+};
+
+// Whether the service is to end; waits for it at most so long.
+bool is_ending(int wait_ms)
+{
+    pollfd end = {g_end_pipe[0], POLLIN, 0};
+    int ready;
+    do
+        ready = poll(&end, 1, wait_ms);
+    while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+// ---- serving ----
+
+void end_loop(uloop_fd *, unsigned int)
+{
+    uloop_end();
+}
+
+void leave_loop(uloop_timeout *)
+{
+    uloop_end();
+}
+
+// The registration callback: everything that one run of the loop needs.
+int prepare()
+{
+    for (uint32_t i = 0; i < g_service->n_functions; ++i)
+        bv_ubus_server_reg(g_service->functions[i].name, g_service->functions[i].handler);
+    if (bv_uloop_init() != 0)
+        return 0; // the server finds the same and returns
+    g_end_watch.fd = g_end_pipe[0];
+    g_end_watch.cb = end_loop;
+    bv_uloop_fd_add(&g_end_watch, ULOOP_READ);
+    g_published = publish();
+    // The functions alone are not enough: the loop ends in its first turn.
+    g_leave_loop.cb = leave_loop;
+    if (g_published != Published::Yes)
+        bv_uloop_timeout_set(&g_leave_loop, 0);
+    return 0;
+}
+
+// Serves until the bus goes or the service ends. False when an object's name is taken.
+bool serve()
+{
+    const char *object = g_service->object != nullptr ? g_service->object : g_service->name;
+    g_published = Published::NoBus;
+    const int32_t status = bv_ubus_server_init(object, prepare);
+    bv_uloop_fd_delete(&g_end_watch);
+    bv_uloop_timeout_cancel(&g_leave_loop);
+    unpublish();
+    return status != UBUS_STATUS_INVALID_ARGUMENT && g_published != Published::NameTaken;
+}
+
+int serve_until_end()
+{
+    bool said = false;
+    bool was_taken = false;
+    while (!is_ending(0)) {
+        const bool taken = !serve();
+        if (g_published == Published::Yes && !taken)
+            said = false; // there was a bus
+        if (is_ending(0))
+            break;
+        // The bus may not have noticed yet that an earlier process with this name has ended.
+        if (taken && was_taken) {
+            say("%s: another process serves an object of this name: end it first",
+                g_service->name);
+            return BV_SERVICE_NAME_TAKEN;
+        }
+        was_taken = taken;
+        if (!said && !taken) {
+            say("%s: no connection to the bus: trying again each second; is its daemon running?",
+                g_service->name);
+            said = true;
+        }
+        is_ending(kPauseMs);
+    }
+    return BV_SERVICE_ENDED;
+}
+
+int start_and_serve()
+{
+    if (bv_libraries_init() != BV_OK || !open_object()) {
+        say("%s: no memory: the library could not start", g_service->name);
+        return BV_SERVICE_NO_MEMORY;
+    }
+    int status = load();
+    if (status == 0 && g_service->start != nullptr)
+        status = g_service->start();
+    if (status != 0)
+        return status;
+    status = serve_until_end();
+    if ((g_service->flags & BV_SERVICE_COMMIT_AT_END) != 0)
+        bv_service_commit();
+    if (g_service->end != nullptr)
+        g_service->end();
+    return status;
+}
+
+} // namespace
+
+bool is_service_name(const char *name)
+{
+    if (name == nullptr)
+        return false;
+    uint32_t length = 0;
+    while (length <= kMaxServiceName && is_name_character(name[length]))
+        ++length;
+    return length >= 1 && length <= kMaxServiceName && name[length] == '\0';
+}
+
+} // namespace bv::service
+
+using namespace bv::service;
+
+int bv_service_run(const struct bv_service *service)
+{
+    int status = check_structure(service);
+    if (status != 0)
+        return status;
+    if (pipe2(g_end_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        say("%s: no pipe: %s", service->name, strerror(errno));
+        return BV_SERVICE_NO_MEMORY;
+    }
+    {
+        const Signals signals;
+        g_service = service;
+        status = start_and_serve();
+        close_object();
+        g_service = nullptr;
+    }
+    for (int &fd : g_end_pipe) {
+        close(fd);
+        fd = -1;
+    }
+    return status;
+}
+
+// Also the signal handler's: it only writes a byte. A full pipe ends the service too.
+void bv_service_end(void)
+{
+    const ssize_t written = write(g_end_pipe[1], "", 1);
+    (void)written;
+}

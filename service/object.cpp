@@ -330,6 +330,7 @@ int32_t read_status(json_object *, Text &out, Words &)
     const StoreState &store = store_state();
     List members(out, '{', '}');
     members.text("version", BV_VERSION_STRING);
+    members.text("object", g_service->object != nullptr ? g_service->object : g_service->name);
     members.number("pid", getpid());
     members.number("started", g_started);
     members.text("loaded", store.loaded);

@@ -117,6 +117,23 @@ void list_briefly(json_object *services)
         puts("No service with families is running.");
 }
 
+// Objects of services that are not built on the kit. The functions of those that are may be on an
+// object of any name, which the status has.
+json_object *find_other_objects()
+{
+    json_object *others = json_object_new_array();
+    const JsonTree bare(find_bare_objects());
+    const JsonTree services(ask_all("status"));
+    for (size_t i = 0; i < count_of(bare.get()); ++i) {
+        bool known = false;
+        for (const auto &service : Members(services.get()))
+            known |= strcmp(text_of(service.value(), "object"), text_of(element(bare.get(), i))) == 0;
+        if (!known)
+            append(others, share(element(bare.get(), i)));
+    }
+    return others;
+}
+
 void list_bare(json_object *bare)
 {
     if (count_of(bare) == 0)
@@ -439,7 +456,7 @@ int tools::do_list(Arguments arguments)
     const JsonTree functions(g_options.service != nullptr || g_options.json
                                  ? ask_all("functions")
                                  : json_object_new_object());
-    const JsonTree bare(g_options.service == nullptr ? find_bare_objects() : nullptr);
+    const JsonTree bare(g_options.service == nullptr ? find_other_objects() : nullptr);
     if (g_options.json) {
         const JsonTree all(json_object_new_object());
         for (const auto &service : Members(services)) {

@@ -227,6 +227,22 @@ json_object *tools::member(json_object *object, const char *name)
     return bv_json_object_object_get(object, name);
 }
 
+tools::Members::Members(json_object *object)
+    : first_(bv_json_object_is_type(object, json_type_object) != 0
+                 ? json_object_get_object(object)->head
+                 : nullptr)
+{
+}
+
+json_object *tools::find(json_object *array, const char *name, const char *text)
+{
+    const size_t count = count_of(array);
+    for (size_t i = 0; i < count; ++i)
+        if (strcmp(text_of(element(array, i), name), text) == 0)
+            return element(array, i);
+    return nullptr;
+}
+
 void tools::put(json_object *object, const char *name, json_object *value)
 {
     json_object_object_add(object, name, value);
@@ -345,6 +361,15 @@ int tools::find_target(const char *text, Target &target)
         return wrong_arguments("%s: '%s' should be the number of an instance, as in %s.1", text,
                                text + best / 2 + 1, target.family);
     return 0;
+}
+
+int tools::find_whole_family(const char *text, const char *verb, Target &target)
+{
+    const int status = find_target(text, target);
+    if (status != 0 || target.instance[0] == '\0')
+        return status;
+    return wrong_arguments("%s: %s takes a whole family, as in 'bv-ctl %s %s'", text, verb, verb,
+                           target.family);
 }
 
 json_object *tools::find_bare_objects()

@@ -3,7 +3,6 @@
 
 #include <bv/service.h>
 
-#include "tools/common/visible.h"
 #include "tools/ctl/ctl.h"
 
 #include <cstdio>
@@ -100,12 +99,9 @@ int take_back(const char *op, Arguments arguments)
         put(requests.get(), g_options.service, static_cast<json_object *>(nullptr));
     for (; *arguments != nullptr; ++arguments) {
         Target target;
-        const int status = find_target(*arguments, target);
+        const int status = find_whole_family(*arguments, op, target);
         if (status != 0)
             return status;
-        if (target.instance[0] != '\0')
-            return wrong_arguments("%s: %s takes whole families, as in 'bv-ctl %s %s'", *arguments,
-                                   op, op, target.family);
         append(array_in(requests.get(), target.service), json_object_new_string(target.family));
     }
     return send_each(op, requests.get());
@@ -115,13 +111,10 @@ int take_back(const char *op, Arguments arguments)
 
 void print_saved(const char *service, json_object *unsaved)
 {
-    print_styled(Style::Bold, service);
-    fputs(count_of(unsaved) == 0 ? ": nothing to save" : ": saved", stdout);
-    for (size_t i = 0; i < count_of(unsaved); ++i) {
-        fputs(i == 0 ? " " : ", ", stdout);
-        print_visible(stdout, text_of(element(unsaved, i)));
-    }
-    putchar('\n');
+    if (count_of(unsaved) == 0)
+        print_line(Style::Plain, "%s: nothing to save", service);
+    for (size_t i = 0; i < count_of(unsaved); ++i)
+        print_line(Style::Plain, "%s: saved %s", service, text_of(element(unsaved, i)));
 }
 
 json_object *commit_data()
@@ -151,8 +144,8 @@ void print_switches(const char *service, json_object *switches)
             share(member(one, "on")));
         object_in(levels.get(), text_of(one, "level"));
     }
-    print_styled(Style::Bold, service);
-    puts(count_of(switches) == 0 ? ": names no debug switches" : "");
+    print_line(Style::Bold, "%s%s", service,
+               count_of(switches) == 0 ? ": names no debug switches" : "");
     Table table(2);
     table.start_row(Style::Faint);
     table.cell("MODULE");
@@ -233,10 +226,8 @@ int tools::do_add(Arguments arguments)
         return 0;
     }
     // What "show" and "del" take.
-    print_visible(stdout, target.family);
-    putchar('.');
-    print_visible(stdout, text_of(element(member(got, target.family), 0), "inst"));
-    putchar('\n');
+    print_line(Style::Plain, "%s.%s", target.family,
+               text_of(element(member(got, target.family), 0), "inst"));
     return 0;
 }
 

@@ -16,6 +16,7 @@
 #include "bus/json_tree.h"
 
 #include <cstddef>
+#include <cstdio>
 
 namespace tools {
 
@@ -60,6 +61,8 @@ const char *text_of(json_object *object, const char *member);
 size_t count_of(json_object *array);
 json_object *element(json_object *array, size_t index);
 json_object *member(json_object *object, const char *name);
+// The first element that has this text as that member, or null.
+json_object *find(json_object *array, const char *name, const char *text);
 
 // Puts a text or a value, which is taken over, into an object.
 void put(json_object *object, const char *name, const char *text);
@@ -90,12 +93,7 @@ public:
         const char *name() const { return static_cast<const char *>(at->k); }
         json_object *value() const { return static_cast<json_object *>(const_cast<void *>(at->v)); }
     };
-    explicit Members(json_object *object)
-        : first_(bv_json_object_is_type(object, json_type_object) != 0
-                     ? json_object_get_object(object)->head
-                     : nullptr)
-    {
-    }
+    explicit Members(json_object *object);
     Iterator begin() const { return {first_}; }
     static Iterator end() { return {nullptr}; }
 
@@ -127,15 +125,17 @@ struct Target {
 };
 // Finds the family and its owner. Returns 0, or an exit status after it printed why not.
 int find_target(const char *text, Target &target);
+// The same for a verb that takes no instances.
+int find_whole_family(const char *text, const char *verb, Target &target);
 
 // Objects of services that are not built on the kit.
 json_object *find_bare_objects();
 
 // ---- print.cpp ----
 
-enum class Style { Plain, Bold, Faint };
-// Prints a text visibly, in a style where standard output is a terminal.
-void print_styled(Style style, const char *text);
+enum class Style { Plain, Bold, Faint }; // where standard output is a terminal
+// Prints a line, visibly.
+void print_line(Style style, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // Columns as wide as their widest cell.
 class Table {
@@ -147,12 +147,8 @@ public:
 
     void start_row(Style style = Style::Plain);
     void cell(const char *text);
-    template <typename... Texts>
-    void row(Style style, Texts... texts)
-    {
-        start_row(style);
-        (cell(texts), ...);
-    }
+    // A whole row; the cells end with a null.
+    void row(Style style, ...) __attribute__((sentinel));
     void print();
 
 private:
@@ -160,9 +156,8 @@ private:
     json_object *rows_; // arrays: the style's number, then the cells
 };
 
-void print_json(json_object *value);
-// On one line.
-void print_json_line(json_object *value);
+// Prints JSON as the database writes it. False, with errno, when it cannot be written.
+bool print_json(json_object *value, FILE *to = stdout);
 
 } // namespace tools
 

@@ -6,12 +6,11 @@
 
 #include "tools/common/command_line.h"
 #include "tools/common/file.h"
-#include "tools/common/visible.h"
 #include "tools/ctl/ctl.h"
-#include "tools/template/checked_file.h"
 #include "tools/template/values.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,49 +20,9 @@ namespace {
 
 using namespace tools;
 
-// ---- export: the format is that of the database, docs/formats.md ----
+using Tokener = bv::Owned<json_tokener *, nullptr, json_tokener_free>;
 
-void write_quoted(FILE *to, const char *text)
-{
-    json_object *quoted = json_object_new_string(text);
-    fputs(json_object_to_json_string_ext(quoted, JSON_C_TO_STRING_NOSLASHESCAPE), to);
-    bv_json_object_put(quoted);
-}
-
-void write_instance(FILE *to, json_object *instance)
-{
-    fputs("\t\t{\n\t\t\t\"inst\":", to);
-    write_quoted(to, text_of(instance, "inst"));
-    fputs(",\n\t\t\t\"para\":{", to);
-    const char *gap = "\n";
-    for (const auto &parameter : Members(member(instance, "para"))) {
-        fprintf(to, "%s\t\t\t\t", gap);
-        write_quoted(to, parameter.name());
-        fputc(':', to);
-        write_quoted(to, text_of(parameter.value()));
-        gap = ",\n";
-    }
-    fputs("\n\t\t\t}\n\t\t}", to);
-}
-
-void write_families(FILE *to, json_object *families)
-{
-    const char *gap = "\n";
-    fputc('{', to);
-    for (const auto &family : Members(families)) {
-        fprintf(to, "%s\t", gap);
-        write_quoted(to, family.name());
-        fputs(":[\n", to);
-        for (size_t i = 0; i < count_of(family.value()); ++i) {
-            if (i > 0)
-                fputs(",\n", to);
-            write_instance(to, element(family.value(), i));
-        }
-        fputs("\n\t]", to);
-        gap = ",\n";
-    }
-    fputs("\n}\n", to);
-}
+// ---- export ----
 
 // Adds a service's families. False after it printed why they cannot be exported.
 bool add_families(json_object *all, const char *service, json_object *families)
@@ -91,135 +50,141 @@ bool write_file(const char *path, json_object *families)
     File file(open_or_standard(path, "w"));
     if (!file)
         return complain(path, strerror(errno));
-    write_families(file.get(), families);
-    const bool written = fflush(file.get()) == 0 && ferror(file.get()) == 0;
+    const bool written = print_json(families, file.get());
     return (close_file(file.release()) && written) || complain(path, strerror(errno));
 }
 
 // ---- import ----
 
+// Reads a whole file into a tree. Null after it printed why not.
+json_object *read_tree(const char *path)
+{
+    const File file(open_or_standard(path, "r"));
+    if (!file) {
+        complain(path, strerror(errno));
+        return nullptr;
+    }
+    const Tokener tokener(json_tokener_new());
+    json_object *tree = nullptr;
+    char piece[4096];
+    int line = 1;
+    size_t length;
+    size_t end = 0; // of what was understood in the piece
+    do {
+        length = tokener ? fread(piece, 1, sizeof(piece), file.get()) : 0;
+        if (tree == nullptr && length > 0) {
+            tree = json_tokener_parse_ex(tokener.get(), piece, static_cast<int>(length));
+            end = json_tokener_get_parse_end(tokener.get());
+        } else {
+            end = 0;
+        }
+        while (tree != nullptr && end < length && strchr(" \t\r\n", piece[end]) != nullptr)
+            ++end;
+        for (size_t i = 0; i < end; ++i)
+            line += piece[i] == '\n' ? 1 : 0;
+    } while (length > 0 && end == length);
+    if (tree != nullptr && length == 0)
+        return tree;
+    refused("%s: line %d: %s", path, line,
+            ferror(file.get()) != 0 ? strerror(errno) : "this is not JSON");
+    bv_json_object_put(tree);
+    return nullptr;
+}
+
 class Import {
 public:
     Import(const char *path, json_object *services)
-        : file_{strcmp(path, "-") == 0 ? "/dev/stdin" : path}, services_(services),
-          requests_(json_object_new_object())
+        : path_(path), services_(services), requests_(json_object_new_object())
     {
     }
 
-    // Reads the file. False after every fault was printed.
-    bool read()
+    // Checks the file. False after every fault was printed.
+    bool check()
     {
-        report_on_standard_error();
-        JsonDocument document;
-        if (!file_.read(document))
+        const JsonTree root(read_tree(path_));
+        if (!root)
             return false;
-        const Json &root = *document.root();
-        if (root.kind != Json::Kind::Object)
-            file_.fault(root.line, "should be an object of families, as 'bv-ctl export' writes it");
-        file_.check_names_once(root);
-        for (const Json &family : root)
-            take_family(family);
-        return fault_count() == 0 && !had_file_trouble();
+        if (json_object_is_type(root.get(), json_type_object) == 0)
+            fault("it should be an object of families, as 'bv-ctl export' writes it");
+        for (const auto &family : Members(root.get()))
+            take_family(family.name(), family.value());
+        return !failed_;
     }
 
     // What each service is to be sent.
     json_object *requests() const { return requests_.get(); }
 
 private:
-    // The family's description, and its owner. Null after it printed why there is none.
-    json_object *find_owner(const Json &family, const char *&owner) const
+    __attribute__((format(printf, 2, 3))) void fault(const char *format, ...)
     {
-        json_object *details = nullptr;
-        for (const auto &service : Members(services_)) {
-            json_object *one = member(service.value(), family.name);
-            if (one == nullptr)
-                continue;
-            if (details != nullptr) {
-                file_.fault(family.name_line, "%s and %s both own %.80s: say -s SERVICE", owner,
-                            service.name(), family.name);
-                return nullptr;
-            }
-            details = one;
-            owner = service.name();
-        }
-        if (details == nullptr)
-            file_.fault(family.name_line, "no running service owns %.80s", family.name);
-        return details;
+        char text[512];
+        va_list arguments;
+        va_start(arguments, format);
+        vsnprintf(text, sizeof(text), format, arguments);
+        va_end(arguments);
+        refused("%s: %s", path_, text);
+        failed_ = true;
     }
 
-    void take_family(const Json &family)
+    void take_family(const char *name, json_object *instances)
     {
         const char *owner = nullptr;
-        json_object *details = find_owner(family, owner);
-        if (details == nullptr)
-            return;
-        if (family.kind != Json::Kind::Array)
-            return file_.fault(family.line, "%.80s should be an array of instances", family.name);
-        json_object *instances = array_in(object_in(requests_.get(), owner), family.name);
-        Seen seen(file_, family.count());
-        for (const Json &instance : family)
-            take_instance(instance, member(details, "para"), instances, seen);
-    }
-
-    void take_instance(const Json &instance, json_object *known, json_object *instances, Seen &seen)
-    {
-        const Json *inst = instance.member("inst");
-        const Json *para = instance.member("para");
-        if (inst == nullptr || para == nullptr || para->kind != Json::Kind::Object)
-            return file_.fault(instance.line, "an instance needs \"inst\" and \"para\"");
-        int32_t number;
-        if (!file_.take_number(*inst, "\"inst\"", number))
-            return;
-        const unsigned line = seen.add(number, instance.line);
-        if (line != 0)
-            file_.fault(instance.line, "instance %d again, first in line %u", number, line);
-        json_object *taken = json_object_new_object();
-        append(instances, taken);
-        put(taken, "inst", inst->text);
-        file_.check_names_once(*para);
-        for (const Json &value : *para)
-            if (check_value(value, known))
-                put(object_in(taken, "para"), value.name, value.text);
-    }
-
-    bool check_value(const Json &value, json_object *known) const
-    {
-        json_object *parameter = nullptr;
-        for (size_t i = 0; i < count_of(known) && parameter == nullptr; ++i)
-            if (strcmp(text_of(element(known, i), "name"), value.name) == 0)
-                parameter = element(known, i);
-        if (parameter == nullptr) {
-            file_.fault(value.name_line, "the family has no parameter \"%.80s\"", value.name);
-            return false;
+        for (const auto &service : Members(services_)) {
+            if (member(service.value(), name) == nullptr)
+                continue;
+            if (owner != nullptr)
+                return fault("%s and %s both own %s: say -s SERVICE", owner, service.name(), name);
+            owner = service.name();
         }
-        if (file_.take_text(value, value.name) == nullptr)
-            return false;
+        if (owner == nullptr)
+            return fault("no running service owns %s", name);
+        if (json_object_is_type(instances, json_type_array) == 0)
+            return fault("%s should be an array of instances", name);
+        put(object_in(requests_.get(), owner), name, share(instances));
+        known_ = member(member(member(services_, owner), name), "para");
+        for (size_t i = 0; i < count_of(instances); ++i)
+            check_instance(name, instances, i);
+    }
+
+    void check_instance(const char *family, json_object *instances, size_t index)
+    {
+        json_object *instance = element(instances, index);
+        json_object *para = member(instance, "para");
+        const char *number = text_of(instance, "inst");
+        int64_t value;
+        if (!parse_decimal(number, value) || value < INT32_MIN || value > INT32_MAX ||
+            json_object_is_type(para, json_type_object) == 0)
+            return fault("%s: element %zu needs a number \"inst\" and an object \"para\"", family,
+                         index + 1);
+        if (find(instances, "inst", number) != instance)
+            fault("%s.%s is there twice", family, number);
+        for (const auto &parameter : Members(para))
+            check_value(family, number, parameter.name(), parameter.value());
+    }
+
+    void check_value(const char *family, const char *number, const char *name, json_object *value)
+    {
+        json_object *parameter = find(known_, "name", name);
+        if (parameter == nullptr)
+            return fault("%s.%s.%s: the family has no such parameter", family, number, name);
+        const char *text = text_of(value);
+        const size_t length = json_object_is_type(value, json_type_string) != 0
+                                  ? static_cast<size_t>(json_object_get_string_len(value))
+                                  : strlen(text);
         const bv::ParameterType *type = bv::find_type(text_of(parameter, "type"));
         Reason why;
-        if (text_survives(value.text, value.length, why) &&
-            (type == nullptr ||
-             value_fits(*type, bv_json_object_get_int(member(parameter, "len")), value.text, why)))
-            return true;
-        file_.fault(value.line, "%.80s: %s", value.name, why.text);
-        return false;
+        if (!text_survives(text, length, why) ||
+            (type != nullptr &&
+             !value_fits(*type, bv_json_object_get_int(member(parameter, "len")), text, why)))
+            fault("%s.%s.%s: %s", family, number, name, why.text);
     }
 
-    CheckedFile file_;
+    const char *path_;
     json_object *services_;
+    json_object *known_ = nullptr; // the parameters of the family that is checked
     JsonTree requests_;
+    bool failed_ = false;
 };
-
-void print_imported(const char *service, json_object *families)
-{
-    print_styled(Style::Bold, service);
-    const char *gap = ": imported ";
-    for (const auto &family : Members(families)) {
-        fputs(gap, stdout);
-        print_visible(stdout, family.name());
-        gap = ", ";
-    }
-    putchar('\n');
-}
 
 } // namespace
 
@@ -243,14 +208,15 @@ int tools::do_import(Arguments arguments)
     if (services == nullptr || g_failed)
         return kExitRefused;
     Import import(*arguments, services);
-    if (!import.read())
+    if (!import.check())
         return refused("nothing was changed");
     int status = 0;
     for (const auto &service : Members(import.requests())) {
         if (ask(service.name(), "import", share(service.value()), nullptr) != BV_OK)
             status = refused("nothing of %s was changed", service.name());
         else if (!g_options.json)
-            print_imported(service.name(), service.value());
+            for (const auto &family : Members(service.value()))
+                print_line(Style::Plain, "%s: imported %s", service.name(), family.name());
     }
     if (status == 0 && g_options.json)
         print_json(import.requests());

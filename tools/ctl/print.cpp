@@ -2,6 +2,7 @@
 #include "tools/common/visible.h"
 #include "tools/ctl/ctl.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,11 +63,20 @@ int width_of(const char *text)
 
 } // namespace
 
-void tools::print_styled(Style style, const char *text)
+void tools::print_line(Style style, const char *format, ...)
 {
+    char *text = nullptr;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    if (length < 0)
+        return;
     start_style(style);
     print_visible(stdout, text);
     end_style(style);
+    putchar('\n');
+    free(text);
 }
 
 void tools::Table::start_row(Style style)
@@ -79,6 +89,16 @@ void tools::Table::start_row(Style style)
 void tools::Table::cell(const char *text)
 {
     append(element(rows_, count_of(rows_) - 1), visible_text(text));
+}
+
+void tools::Table::row(Style style, ...)
+{
+    start_row(style);
+    va_list cells;
+    va_start(cells, style);
+    while (const char *text = va_arg(cells, const char *))
+        cell(text);
+    va_end(cells);
 }
 
 void tools::Table::print()
@@ -110,15 +130,10 @@ void tools::Table::print()
     }
 }
 
-void tools::print_json(json_object *value)
+bool tools::print_json(json_object *value, FILE *to)
 {
-    puts(json_object_to_json_string_ext(value, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED |
-                                                   JSON_C_TO_STRING_NOSLASHESCAPE));
-}
-
-void tools::print_json_line(json_object *value)
-{
-    puts(json_object_to_json_string_ext(value,
-                                        JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
-    fflush(stdout);
+    constexpr int kFlags =
+        JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_PRETTY_TAB | JSON_C_TO_STRING_NOSLASHESCAPE;
+    fprintf(to, "%s\n", json_object_to_json_string_ext(value, kFlags));
+    return fflush(to) == 0 && ferror(to) == 0;
 }

@@ -5,7 +5,6 @@
 
 #include "os/owned.h"
 #include "tools/common/numbers.h"
-#include "tools/common/visible.h"
 #include "tools/ctl/ctl.h"
 
 #include <csignal>
@@ -44,24 +43,16 @@ void print_change(const char *service, const char *family, const char *number, c
         put(line.get(), "name", name);
         put(line.get(), "was", share(was));
         put(line.get(), "is", share(is));
-        print_json_line(line.get());
-        return;
+        puts(json_object_to_json_string_ext(line.get(), JSON_C_TO_STRING_PLAIN));
+    } else {
+        char clock[16] = "";
+        const time_t now = time(nullptr);
+        tm local;
+        if (localtime_r(&now, &local) != nullptr)
+            strftime(clock, sizeof(clock), "%H:%M:%S", &local);
+        print_line(Style::Plain, "%s %s %s.%s.%s %s -> %s", clock, service, family, number, name,
+                   was != nullptr ? text_of(was) : "-", is != nullptr ? text_of(is) : "-");
     }
-    char clock[16] = "";
-    char path[256];
-    const time_t now = time(nullptr);
-    tm local;
-    if (localtime_r(&now, &local) != nullptr)
-        strftime(clock, sizeof(clock), "%H:%M:%S", &local);
-    snprintf(path, sizeof(path), "%s.%s.%s", family, number, name);
-    print_styled(Style::Faint, clock);
-    printf(" %s ", service);
-    print_styled(Style::Bold, path);
-    putchar(' ');
-    print_visible(stdout, was != nullptr ? text_of(was) : "-");
-    fputs(" -> ", stdout);
-    print_visible(stdout, is != nullptr ? text_of(is) : "-");
-    putchar('\n');
     fflush(stdout);
 }
 
@@ -159,12 +150,9 @@ int tools::do_watch(Arguments arguments)
                    ? watch_each(services)
                    : refused("no service with families is running; 'bv-ctl wait SERVICE' waits");
     Target target;
-    const int status = find_target(*arguments, target);
+    const int status = find_whole_family(*arguments, "watch", target);
     if (status != 0)
         return status;
-    if (target.instance[0] != '\0')
-        return wrong_arguments("%s: watch takes a whole family, as in 'bv-ctl watch %s'",
-                               *arguments, target.family);
     return watch_service(target.service, target.family);
 }
 

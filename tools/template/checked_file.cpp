@@ -21,7 +21,6 @@ constexpr size_t kMaxMessage = 512;
 unsigned g_faults;
 bool g_trouble;
 bool g_output_taken;
-bool g_output_not_for_faults;
 
 // Reads to the end of the file, into a block that starts with a free byte. Null with errno; the
 // caller frees.
@@ -84,7 +83,7 @@ void tools::CheckedFile::fault(unsigned line, const char *format, ...) const
 {
     va_list arguments;
     va_start(arguments, format);
-    print_line(g_output_not_for_faults ? stderr : stdout, path, line, "", format, arguments);
+    print_line(stdout, path, line, "", format, arguments);
     va_end(arguments);
     ++g_faults;
 }
@@ -106,11 +105,6 @@ bool tools::file_trouble(const char *path, const char *why)
 void tools::warn_on_standard_error()
 {
     g_output_taken = true;
-}
-
-void tools::report_on_standard_error()
-{
-    g_output_taken = g_output_not_for_faults = true;
 }
 
 unsigned tools::fault_count()

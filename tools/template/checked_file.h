@@ -44,9 +44,6 @@ bool file_trouble(const char *path, const char *why);
 // From now on warnings go to standard error: standard output is for a header.
 void warn_on_standard_error();
 
-// From now on faults go there too.
-void report_on_standard_error();
-
 // What was reported, of all files together.
 unsigned fault_count();
 bool had_file_trouble();

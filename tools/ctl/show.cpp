@@ -176,7 +176,7 @@ int collect(json_object *all, const char *service, json_object *data, const char
             if (is_hidden(details) && !g_options.json)
                 fill_hidden(instance, details);
             if (*parameter != '\0' && !keep_only(instance, parameter))
-                return refused("%s shows no parameter %s; 'bv-ctl show %s' has those that it shows",
+                return refused("%s has no parameter %s; 'bv-ctl show %s' shows those it has",
                                family.name(), parameter, family.name());
             append(array_in(all, family.name()), share(instance));
         }

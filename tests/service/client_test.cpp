@@ -118,8 +118,7 @@ TEST(ServiceClient, LongAnswersAreWholeAlsoWhileTheyChange)
                                  .c_str());
         return 0;
     });
-    int whole = 0;
-    for (int i = 0; i < 30; i++) {
+    for (int i = 0; i < 8; i++) {
         const std::string answer = caller.ask("get");
         if (answer.substr(0, 2) == "7:") // changed again and again
             continue;
@@ -127,12 +126,10 @@ TEST(ServiceClient, LongAnswersAreWholeAlsoWhileTheyChange)
         ASSERT_NE(parsed, nullptr) << answer.substr(0, 80);
         EXPECT_EQ(bv_json_object_array_length(bv_json_object_object_get(parsed, "lan.json")), 1999u);
         bv_json_object_put(parsed);
-        ++whole;
     }
     changer.signal(SIGKILL);
     changer.wait();
     EXPECT_EQ(caller.ask("get").substr(0, 1), "{");
-    RecordProperty("whole", whole);
 }
 
 TEST(ServiceClient, CallsWaitForTheBusAndTheOwnerIfTold)

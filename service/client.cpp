@@ -381,11 +381,7 @@ const char *family_in(const char *data, char (&family)[1024])
 class Described {
 public:
     Described() = default;
-    ~Described()
-    {
-        free(family_.para);
-        free(family_.working_image);
-    }
+    ~Described() { free(family_.para); }
     Described(const Described &) = delete;
     Described &operator=(const Described &) = delete;
 
@@ -410,10 +406,7 @@ public:
             if (!read_parameter(family_.para[i], bv_json_object_array_get_idx(para, i)))
                 return false;
         is_hidden_ = json_object_get_boolean(bv_json_object_object_get(description, "hidden")) != 0;
-        // The conversions use room up to the next multiple of 32.
-        family_.working_image =
-            static_cast<uint8_t *>(calloc(1, static_cast<size_t>(family_.image_size) + 32));
-        return family_.working_image != nullptr;
+        return true;
     }
 
 private:
@@ -481,11 +474,10 @@ int32_t fill_image(Client &client, const char *service, bv_db_family &family, co
         return malformed(client, service);
     json_object *values =
         bv_json_object_object_get(bv_json_object_array_get_idx(instances, 0), "para");
-    for (int32_t i = 0; i < family.para_count; ++i) {
-        const char *text =
-            bv_json_object_get_string(bv_json_object_object_get(values, family.para[i].name));
+    for (const bv_db_para &para : parameters(family)) {
+        const char *text = bv_json_object_get_string(bv_json_object_object_get(values, para.name));
         if (text == nullptr ||
-            set_value(family, image, family.para[i].name, text, client.words) != BV_OK)
+            set_value(family, image, para.name, text, strlen(text), client.words) != BV_OK)
             return malformed(client, service);
     }
     return BV_OK;
@@ -552,7 +544,19 @@ int on_event(ubus_context *, ubus_object *listener, ubus_request_data *, const c
     return UBUS_STATUS_OK;
 }
 
-// Asks the bus for the events. Which service sent one does not matter: all counters are compared.
+void register_pattern(Client &client, const char *pattern)
+{
+    blob_buf message = {};
+    if (bv_blobmsg_buf_init(&message) == 0 &&
+        bv_blobmsg_add_u32(&message, "object", client.listener.id) == 0 &&
+        bv_blobmsg_add_string(&message, "pattern", pattern) == 0)
+        bv_ubus_invoke(client.connection, UBUS_SYSTEM_OBJECT_EVENT, "register", message.head,
+                       nullptr, nullptr, kCallTimeoutMs);
+    bv_blob_buf_free(&message);
+}
+
+// Asks the bus for the events of the service and of new objects, as a restarted service has. What
+// came does not matter: all counters are compared. Should this fail, they are compared anyway.
 void listen(Client &client)
 {
     static constexpr ubus_method kAny = {nullptr, on_event, 0, 0, nullptr, 0};
@@ -561,17 +565,12 @@ void listen(Client &client)
     client.listener.methods = &kAny;
     client.listener.n_methods = 1;
     if (bv_ubus_add_object(client.connection, &client.listener) != UBUS_STATUS_OK)
-        return; // the counters are asked for anyway
+        return;
     char pattern[kMaxServiceName + sizeof(kEventSuffix)];
     snprintf(pattern, sizeof(pattern), "%s%s", client.service,
              client.service[0] != '\0' ? kEventSuffix : "*");
-    blob_buf message = {};
-    if (bv_blobmsg_buf_init(&message) == 0 &&
-        bv_blobmsg_add_u32(&message, "object", client.listener.id) == 0 &&
-        bv_blobmsg_add_string(&message, "pattern", pattern) == 0)
-        bv_ubus_invoke(client.connection, UBUS_SYSTEM_OBJECT_EVENT, "register", message.head,
-                       nullptr, nullptr, kCallTimeoutMs);
-    bv_blob_buf_free(&message);
+    register_pattern(client, pattern);
+    register_pattern(client, "ubus.object.add");
 }
 
 class Watch {

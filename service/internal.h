@@ -14,6 +14,10 @@
 #include <bv/bv.h>
 #include <bv/service.h>
 
+#include "core/list.h"
+#include "db/types.h"
+#include "os/owned.h"
+
 namespace bv::service {
 
 // The service that runs, or null.
@@ -50,12 +54,38 @@ struct Text {
 
 const struct bv_service_family *find_listed(const char *family);
 
+// The descriptors of a loaded family, all of which are valid; for a range-for loop.
+struct Parameters {
+    const bv_db_family &family;
+    const bv_db_para *begin() const { return family.para; }
+    const bv_db_para *end() const { return family.para + family.para_count; }
+};
+inline Parameters parameters(const bv_db_family &family)
+{
+    return {family};
+}
+inline auto instances(const bv_db_family &family)
+{
+    return each<bv_db_inst>(family.inst_list);
+}
+// Null when there is none; else also where it is in the image.
+const bv_db_para *find_parameter(const bv_db_family &family, const char *name, int32_t &position);
+
+// The text of one value; good until the next call.
+const char *value_text(const bv_db_para &para, const uint8_t *value);
+// Whether a text can be stored, and is the same when it comes back; the words say why not.
+bool value_fits(const bv_db_para &para, const char *text, size_t length, Words &words);
+// Stores a text that fits. All bytes of the value are set.
+void put_value(const bv_db_para &para, uint8_t *value, const char *text);
+// Bytes after a text's NUL do not count.
+bool same_values(const bv_db_family &family, const uint8_t *a, const uint8_t *b);
+
 // Whether every value of an image would come back from a data file: no quote, backslash or control
-// character, each string terminated in its len. The words name the parameter and the range.
+// character, each string terminated in its len. The words name the parameter.
 int32_t check_image(const bv_db_family &family, const uint8_t *image, Words &words);
 // Sets the parameter of an image from its text: type, range, length.
 int32_t set_value(const bv_db_family &family, uint8_t *image, const char *parameter,
-                  const char *text, Words &words);
+                  const char *text, size_t length, Words &words);
 // Appends {"inst":"1","para":{...}}; without values for a hidden family.
 void put_instance(Text &out, const bv_db_family &family, const uint8_t *image, int32_t number,
                   bool hidden);
@@ -67,7 +97,8 @@ struct Change {
     const struct bv_service_family *listed;
     bv_db_family *family;
     int32_t instance;
-    uint8_t *is; // null: delete
+    uint8_t *is;  // null: delete
+    uint8_t *was; // set by make(); null: added
 };
 struct Plan {
     Change *changes = nullptr;
@@ -77,13 +108,24 @@ struct Plan {
 };
 enum class Meaning { Set, Add, Import };
 
+// Takes over `is`, from malloc(), whatever the result; null deletes. False without memory.
+bool add_change(Plan &plan, const bv_service_family &listed, bv_db_family &family, int32_t instance,
+                uint8_t *is);
+// The planned change of an instance, or null.
+Change *find_change(const Plan &plan, const bv_db_family &family, int32_t instance);
+// Plans to delete all instances of a family that the plan does not name.
+bool add_removals(Plan &plan, const bv_service_family &listed, bv_db_family &family);
+// A copy of an image, for free(); null without memory.
+uint8_t *copy_image(const bv_db_family &family, const void *image);
+
 // Reads a request in the form of a data file. Nothing is changed, whatever the result.
 int32_t plan_from_json(Plan &plan, struct json_object *data, Meaning meaning, Words &words);
 int32_t plan_one(Plan &plan, const char *family, const void *image_or_null, int32_t instance,
                  Words &words);
 // Asks the checks of all, then makes all of them: memory is taken before the first is made.
 // Instances that would not differ are left out. Calls `changed`, counts, and sends the events.
-int32_t make(Plan &plan, Words &words);
+// Without `ask` no check is asked.
+int32_t make(Plan &plan, Words &words, bool ask = true);
 
 // ---- store.cpp ----
 

@@ -196,8 +196,7 @@ void put_parameters(Text &out, const Named &named)
     const Json parsed(defaults.bytes);
     json_object *values = bv_json_object_object_get(parsed.object, "para");
     List list(out, '[', ']');
-    for (int32_t i = 0; i < family.para_count && family.para[i].valid == 1; ++i) {
-        const bv_db_para &para = family.para[i];
+    for (const bv_db_para &para : parameters(family)) {
         list.next();
         List members(out, '{', '}');
         members.text("name", para.name);
@@ -226,11 +225,9 @@ void put_family(Text &out, const Named &named)
     members.key("instances");
     {
         List numbers(out, '[', ']');
-        int32_t number;
-        for (const bv_db_inst *at = bv_db_data_get_inst_first(named.family, &number); at != nullptr;
-             at = bv_db_data_get_inst_next(named.family, number, &number)) {
+        for (const bv_db_inst &instance : instances(*named.family)) {
             numbers.next();
-            snprintf(digits, sizeof(digits), "\"%" PRId32 "\"", number);
+            snprintf(digits, sizeof(digits), "\"%" PRId32 "\"", instance.number);
             out.put(digits);
         }
     }
@@ -260,24 +257,23 @@ int32_t read_instances(json_object *data, Text &out, Words &words)
         const bool hidden = is_hidden(*named.listed);
         const size_t count = numbers != nullptr ? bv_json_object_array_length(numbers) : 0;
         list.key(named.listed->name);
-        List instances(out, '[', ']');
-        bv_db_inst *instance;
+        List elements(out, '[', ']');
         for (size_t i = 0; i < count; ++i) {
+            bv_db_inst *instance;
             const int32_t status = find_instance(
                 *named.family, bv_json_object_array_get_idx(numbers, i), instance, words);
             if (status != BV_OK)
                 return status;
-            instances.next();
+            elements.next();
             put_instance(out, *named.family, instance->image, instance->number, hidden);
         }
-        int32_t number;
-        instance = count == 0 ? bv_db_data_get_inst_first(named.family, &number) : nullptr;
-        for (; instance != nullptr;
-             instance = bv_db_data_get_inst_next(named.family, number, &number)) {
-            instances.next();
-            put_instance(out, *named.family, instance->image, instance->number, hidden);
+        if (count == 0) {
+            for (const bv_db_inst &instance : instances(*named.family)) {
+                elements.next();
+                put_instance(out, *named.family, instance.image, instance.number, hidden);
+            }
         }
-        return BV_OK;
+        return static_cast<int32_t>(BV_OK);
     });
 }
 
@@ -384,12 +380,12 @@ int32_t write_add(json_object *data, Text &out, Words &words)
     for (uint32_t i = 0; i < plan.count;) {
         const Change &first = plan.changes[i];
         list.key(first.listed->name);
-        List instances(out, '[', ']');
+        List elements(out, '[', ']');
         for (; i < plan.count && plan.changes[i].listed == first.listed; ++i) {
             const bv_db_inst *added = bv_db_data_get_inst(first.family, plan.changes[i].instance);
             if (added == nullptr)
                 continue; // `changed` has deleted it
-            instances.next();
+            elements.next();
             put_instance(out, *first.family, added->image, added->number,
                          is_hidden(*first.listed));
         }
@@ -409,7 +405,7 @@ int32_t write_del(json_object *data, Text &, Words &words)
                 bv_db_inst *instance;
                 int32_t result = find_instance(
                     *named.family, bv_json_object_array_get_idx(numbers, i), instance, words);
-                if (result == BV_OK)
+                if (result == BV_OK && find_change(plan, *named.family, instance->number) == nullptr)
                     result = plan_one(plan, named.listed->name, nullptr, instance->number, words);
                 if (result != BV_OK)
                     return result;

@@ -242,14 +242,12 @@ int serve_until_end()
             break;
         // The bus may not have noticed yet that an earlier process with this name has ended.
         if (taken && was_taken) {
-            say("%s: another process serves an object of this name: end it first",
-                g_service->name);
+            say("another process serves an object of this name: end it first");
             return BV_SERVICE_NAME_TAKEN;
         }
         was_taken = taken;
         if (!said && !taken) {
-            say("%s: no connection to the bus: trying again each second; is its daemon running?",
-                g_service->name);
+            say("no connection to the bus: trying again each second; is its daemon running?");
             said = true;
         }
         is_ending(kPauseMs);
@@ -260,7 +258,7 @@ int serve_until_end()
 int start_and_serve()
 {
     if (bv_libraries_init() != BV_OK || !open_object()) {
-        say("%s: no memory: the library could not start", g_service->name);
+        say("no memory: the library could not start");
         return BV_SERVICE_NO_MEMORY;
     }
     int status = load();

@@ -1,0 +1,780 @@
+// SPDX-License-Identifier: ISC
+// Data files: load, commit, revert, reset.
+//
+// A file is never rewritten in place. The families are written to FILE.tmp, followed by what other
+// services have in FILE; the result is parsed and compared with memory, synced and renamed to FILE.
+// The old file stays as FILE.good. So at any moment FILE or FILE.good is whole, and a start takes
+// the first that is. FILE.lock serialises the services that share a file.
+
+#include "service/internal.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/file.h>
+
+#include "tools/template/values.h"
+
+namespace {
+
+using namespace bv::service;
+
+constexpr size_t kPathSize = 1024;
+constexpr int kLockWaitMs = 2000;
+constexpr int kLockStepMs = 10;
+
+struct Place {
+    const char *path;
+    int32_t (*register_family)(const char *name);
+};
+constexpr Place kPlaces[] = {{"/config/work/userdata.json", bv_db_reg_user},
+                             {"/config/work/privdata.json", bv_db_reg_private},
+                             {"/config/factory/factory.json", bv_db_reg_factory}};
+constexpr uint32_t kStores = sizeof kPlaces / sizeof *kPlaces;
+
+StoreState g_state = {"defaults", 0, BV_OK};
+
+void close_file(int fd)
+{
+    const int error = errno;
+    close(fd);
+    errno = error;
+}
+using File = bv::Owned<int, -1, close_file>;
+
+// The families of a store, for a range-for loop.
+class FamiliesOf {
+public:
+    struct End {};
+    class Iterator {
+    public:
+        explicit Iterator(uint32_t store) : store_(store) { skip(); }
+        const bv_service_family &operator*() const { return g_service->families[at_]; }
+        void operator++()
+        {
+            ++at_;
+            skip();
+        }
+        bool operator!=(End) const { return at_ < g_service->n_families; }
+
+    private:
+        void skip()
+        {
+            while (at_ < g_service->n_families && g_service->families[at_].store != store_)
+                ++at_;
+        }
+        uint32_t store_;
+        uint32_t at_ = 0;
+    };
+    explicit FamiliesOf(uint32_t store) : store_(store) {}
+    Iterator begin() const { return Iterator(store_); }
+    End end() const { return {}; }
+
+private:
+    uint32_t store_;
+};
+
+bool is_ours(uint32_t store, const char *name, size_t length)
+{
+    for (const bv_service_family &family : FamiliesOf(store))
+        if (strlen(family.name) == length && memcmp(family.name, name, length) == 0)
+            return true;
+    return false;
+}
+
+bv_db_family &record(const bv_service_family &family)
+{
+    return *bv_db_hash_find(family.name);
+}
+
+// ---- files ----
+
+struct Name {
+    char text[kPathSize + 16];
+    operator const char *() const { return text; }
+};
+
+// The file, and what is beside it. A link is followed, so that it stays one.
+class Path {
+public:
+    explicit Path(uint32_t store)
+    {
+        snprintf(file_, sizeof file_, "%s", kPlaces[store].path);
+        char target[kPathSize];
+        for (int links = 0; links < 8; ++links) {
+            const ssize_t length = readlink(file_, target, sizeof target - 1);
+            if (length <= 0)
+                break;
+            target[length] = '\0';
+            char *last = *target == '/' ? file_ : strrchr(file_, '/') + 1;
+            snprintf(last, sizeof file_ - static_cast<size_t>(last - file_), "%s", target);
+        }
+    }
+    const char *file() const { return file_; }
+    Name with(const char *suffix) const
+    {
+        Name name;
+        snprintf(name.text, sizeof name.text, "%s%s", file_, suffix);
+        return name;
+    }
+
+private:
+    char file_[kPathSize];
+};
+
+// Holds FILE.lock. Without it the file can be read, as it is replaced at once.
+class Lock {
+public:
+    explicit Lock(const Path &path)
+        : file_(open(path.with(".lock"), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {
+        for (int waited = 0; file_ && !held_; waited += kLockStepMs) {
+            held_ = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
+            if (held_ || errno != EWOULDBLOCK || waited >= kLockWaitMs)
+                break;
+            bv_os_usleep(kLockStepMs * 1000);
+        }
+    }
+    bool held() const { return held_; }
+
+private:
+    File file_;
+    bool held_ = false;
+};
+
+// A file's text with its tree.
+struct Contents {
+    Text text;
+    json_object *tree = nullptr;
+    const char *from = nullptr; // as in StoreState
+    Contents() = default;
+    ~Contents() { clear(); }
+    Contents(const Contents &) = delete;
+    void clear()
+    {
+        bv_json_object_put(tree);
+        tree = nullptr;
+        text.length = 0;
+    }
+};
+
+// Reads a file. False with errno, which is 0 for a file that is not a JSON object.
+bool read_file(const char *path, Contents &out)
+{
+    const File file(open(path, O_RDONLY | O_CLOEXEC));
+    if (!file)
+        return false;
+    char buffer[4096];
+    ssize_t got;
+    while ((got = read(file.get(), buffer, sizeof buffer)) > 0)
+        out.text.put(buffer, static_cast<uint32_t>(got));
+    if (got < 0)
+        return false;
+    errno = out.text.failed ? ENOMEM : 0;
+    if (errno != 0 || out.text.length == 0)
+        return false;
+    out.tree = bv_json_tokener_parse(out.text.bytes);
+    errno = 0;
+    return bv_json_object_is_type(out.tree, json_type_object) != 0;
+}
+
+// Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
+// nothing in it. `repair`: moves a damaged file away. False when there is nothing to go on with,
+// which was said.
+bool read_store(const Path &path, bool repair, Contents &out)
+{
+    out.from = "file";
+    if (read_file(path.file(), out))
+        return true;
+    const int error = errno;
+    if (error != 0 && error != ENOENT) {
+        say("%s cannot be read: %s", path.file(), strerror(error));
+        return false;
+    }
+    const char *what = error == 0 ? "is damaged" : "is missing";
+    out.clear();
+    out.from = "good";
+    if (read_file(path.with(".good"), out)) {
+        if (repair && error == 0)
+            rename(path.file(), path.with(".bad"));
+        if (repair)
+            say("%s %s: taking what was saved before, from .good%s", path.file(), what,
+                error == 0 ? "; the damaged file is now .bad" : "");
+        return true;
+    }
+    if (error == 0 || errno != ENOENT) {
+        say("%s %s, and its .good cannot be read either: repair it, or remove both to start with "
+            "the defaults",
+            path.file(), what);
+        return false;
+    }
+    out.clear();
+    out.from = "defaults";
+    out.tree = json_object_new_object();
+    return out.tree != nullptr;
+}
+
+// ---- what a file has ----
+
+// Takes the values of an element. One that does not fit is replaced by the default; one that is
+// missing stays as it is in the image, which has those of the element before.
+void take_values(const bv_db_family &family, json_object *para, uint8_t *image, bool report)
+{
+    int32_t position = 0;
+    for (const bv_db_para &wanted : parameters(family)) {
+        json_object *value = bv_json_object_object_get(para, wanted.name);
+        const char *text = bv_json_object_get_string(value);
+        if (text != nullptr) {
+            const size_t length = bv_json_object_is_type(value, json_type_string) != 0
+                                      ? static_cast<size_t>(json_object_get_string_len(value))
+                                      : strlen(text);
+            Words why;
+            if (value_fits(wanted, text, length, why))
+                put_value(wanted, image + position, text);
+            else
+                memcpy(image + position, family.default_image + position,
+                       static_cast<size_t>(wanted.len));
+            if (report && *why.text != '\0')
+                note("%s.%s: %s; it takes its default", family.name, wanted.name, why.text);
+        }
+        position += wanted.len;
+    }
+}
+
+// Says which values of an element the family has no parameter for.
+void report_unknown(const bv_db_family &family, json_object *para)
+{
+    json_object_iterator at = json_object_iter_begin(para);
+    const json_object_iterator end = json_object_iter_end(para);
+    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
+        int32_t position;
+        if (find_parameter(family, json_object_iter_peek_name(&at), position) == nullptr)
+            note("%s.%.80s: no such parameter; it is left out", family.name,
+                 json_object_iter_peek_name(&at));
+    }
+}
+
+// Plans the instance of one element. False without memory.
+bool plan_element(const bv_service_family &listed, bv_db_family &family, json_object *element,
+                  uint8_t *image, Plan &plan, bool report)
+{
+    json_object *inst = bv_json_object_object_get(element, "inst");
+    json_object *para = bv_json_object_object_get(element, "para");
+    if (inst == nullptr || para == nullptr) {
+        if (report)
+            note("%s: an element without \"inst\" or \"para\" is left out", family.name);
+        return true;
+    }
+    if (bv_json_object_is_type(para, json_type_object) != 0) {
+        take_values(family, para, image, report);
+        if (report)
+            report_unknown(family, para);
+    }
+    const int32_t number = bv_json_object_get_int(inst);
+    const Change *known = find_change(plan, family, number);
+    if (known != nullptr) {
+        memcpy(known->is, image, static_cast<size_t>(family.image_size));
+        return true;
+    }
+    uint8_t *copy = copy_image(family, image);
+    return copy != nullptr && add_change(plan, listed, family, number, copy);
+}
+
+// Plans the instances that a file has of a family. One that it lacks has an instance 1 with the
+// defaults: that is also what a family without instances is saved as. False without memory.
+bool plan_saved(json_object *tree, const bv_service_family &listed, Plan &plan, bool report)
+{
+    bv_db_family &family = record(listed);
+    json_object *elements = bv_json_object_object_get(tree, family.name);
+    uint8_t *image = copy_image(family, family.default_image);
+    bool done = image != nullptr;
+    const size_t count = bv_json_object_is_type(elements, json_type_array) != 0
+                             ? bv_json_object_array_length(elements)
+                             : 0;
+    for (size_t i = 0; done && i < count; ++i) {
+        json_object *element = bv_json_object_array_get_idx(elements, i);
+        if (bv_json_object_is_type(element, json_type_object) != 0)
+            done = plan_element(listed, family, element, image, plan, report);
+    }
+    if (!done || plan.count != 0) {
+        free(image);
+        return done;
+    }
+    memcpy(image, family.default_image, static_cast<size_t>(family.image_size));
+    return add_change(plan, listed, family, 1, image);
+}
+
+// Whether a file has a family as it is in memory.
+bool is_saved(json_object *tree, const bv_service_family &listed)
+{
+    const bv_db_family &family = record(listed);
+    Plan plan;
+    if (!plan_saved(tree, listed, plan, false))
+        return false;
+    if (family.inst_count == 0)
+        return plan.count == 1 && plan.changes->instance == 1 &&
+               same_values(family, plan.changes->is, family.default_image);
+    for (const bv_db_inst &instance : instances(family)) {
+        const Change *saved = find_change(plan, family, instance.number);
+        if (saved == nullptr || !same_values(family, saved->is, instance.image))
+            return false;
+    }
+    return plan.count == static_cast<uint32_t>(family.inst_count);
+}
+
+bool are_saved(json_object *tree, uint32_t store)
+{
+    for (const bv_service_family &family : FamiliesOf(store))
+        if (!is_saved(tree, family))
+            return false;
+    return true;
+}
+
+// Whether a file has all that another one has of other services.
+bool has_others(json_object *tree, json_object *wanted, uint32_t store)
+{
+    json_object_iterator at = json_object_iter_begin(wanted);
+    const json_object_iterator end = json_object_iter_end(wanted);
+    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
+        const char *name = json_object_iter_peek_name(&at);
+        json_object *value = nullptr;
+        if (!is_ours(store, name, strlen(name)) &&
+            (json_object_object_get_ex(tree, name, &value) == 0 ||
+             json_object_equal(value, json_object_iter_peek_value(&at)) == 0))
+            return false;
+    }
+    return true;
+}
+
+// ---- the members of other services, as bytes ----
+
+const char *skip_space(const char *at)
+{
+    return at + strspn(at, " \t\r\n");
+}
+
+// To after the closing quote, or to the end of the text.
+const char *skip_string(const char *at)
+{
+    for (++at; *at != '\0' && *at != '"'; ++at)
+        if (*at == '\\' && at[1] != '\0')
+            ++at;
+    return *at == '"' ? at + 1 : at;
+}
+
+// To the comma or brace after a value.
+const char *skip_value(const char *at)
+{
+    for (int depth = 0; *at != '\0';) {
+        if (depth == 0 && (*at == ',' || *at == '}'))
+            break;
+        if (*at == '{' || *at == '[')
+            ++depth;
+        if (*at == '}' || *at == ']')
+            --depth;
+        at = *at == '"' ? skip_string(at) : at + 1;
+    }
+    return at;
+}
+
+// Appends the members that are not this store's. The text was parsed; what this reads in another
+// way than the parser did, a comment for instance, shows when the result is compared.
+void put_others(Text &out, const char *text, uint32_t store)
+{
+    const char *at = skip_space(text);
+    while (*at == '{' || *at == ',') {
+        const char *const name = skip_space(at + 1);
+        if (*name != '"')
+            break;
+        const char *const after = skip_string(name);
+        at = skip_value(after);
+        const char *end = at;
+        while (end > after && strchr(" \t\r\n", end[-1]) != nullptr)
+            --end;
+        if (is_ours(store, name + 1, static_cast<size_t>(after - name - 2)))
+            continue;
+        out.put(",\n\t");
+        out.put(name, static_cast<uint32_t>(end - name));
+    }
+}
+
+// ---- saving ----
+
+constexpr char kEnd[] = "\n}\n"; // of what the library writes
+constexpr uint32_t kEndLength = sizeof kEnd - 1;
+
+// Writes the families of a store. The list that the library takes is made for this.
+bool write_families(uint32_t store, const char *path)
+{
+    bv_list_head list;
+    bv::list_init(list);
+    uint32_t count = 0;
+    auto *records = static_cast<bv_db_reg *>(calloc(g_service->n_families, sizeof(bv_db_reg)));
+    if (records == nullptr)
+        return false;
+    for (const bv_service_family &family : FamiliesOf(store)) {
+        bv_db_reg &one = records[count++];
+        snprintf(one.name, sizeof one.name, "%s", family.name);
+        bv::list_append(list, one.link);
+    }
+    const int32_t status = bv_db_user_write(&list, path);
+    free(records);
+    return status == BV_OK;
+}
+
+// Appends what other services have, and gives the file the owner and mode of the old one.
+bool complete(int fd, const Text &ours, uint32_t store, const Contents &present, const Path &path)
+{
+    Text rest;
+    if (present.text.length != 0)
+        put_others(rest, present.text.bytes, store);
+    rest.put(kEnd);
+    if (rest.failed) {
+        errno = ENOMEM;
+        return false;
+    }
+    off_t at = ours.length - kEndLength;
+    for (uint32_t done = 0; done < rest.length;) {
+        const ssize_t wrote = pwrite(fd, rest.bytes + done, rest.length - done, at + done);
+        if (wrote < 0)
+            return false;
+        done += static_cast<uint32_t>(wrote);
+    }
+    struct stat old;
+    if (stat(path.file(), &old) != 0 && stat(path.with(".good"), &old) != 0)
+        return true;
+    return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
+}
+
+bool sync_folder(const Path &path)
+{
+    Name folder = path.with("");
+    *(strrchr(folder.text, '/') + 1) = '\0';
+    const File file(open(folder.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return file && fsync(file.get()) == 0;
+}
+
+// Puts the written file in place of the old one, which becomes .good.
+bool put_in_place(const Path &path)
+{
+    const Name made = path.with(".good.tmp");
+    unlink(made);
+    if (link(path.file(), made) == 0)
+        rename(made, path.with(".good"));
+    else if (errno != ENOENT)
+        note("%s.good cannot be made: %s", path.file(), strerror(errno));
+    return rename(path.with(".tmp"), path.file()) == 0 && sync_folder(path);
+}
+
+// Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
+bool write_beside(uint32_t store, const Contents &present, const Path &path, bool &equal)
+{
+    const Name tmp = path.with(".tmp");
+    unlink(tmp);
+    errno = 0;
+    if (!write_families(store, tmp))
+        return false;
+    Contents ours;
+    if (!read_file(tmp, ours))
+        return false;
+    const File file(open(tmp, O_WRONLY | O_CLOEXEC));
+    if (!file || !complete(file.get(), ours.text, store, present, path))
+        return false;
+    Contents written;
+    if (!read_file(tmp, written))
+        return false;
+    errno = 0;
+    if (!are_saved(written.tree, store) || !has_others(written.tree, present.tree, store))
+        return false;
+    equal = strcmp(present.from, "file") == 0 && written.text.length == present.text.length &&
+            memcmp(written.text.bytes, present.text.bytes, written.text.length) == 0;
+    return equal || fsync(file.get()) == 0;
+}
+
+int32_t check_families(uint32_t store)
+{
+    for (const bv_service_family &listed : FamiliesOf(store)) {
+        const bv_db_family &family = record(listed);
+        for (const bv_db_inst &instance : instances(family)) {
+            Words words;
+            if (check_image(family, instance.image, words) == BV_OK)
+                continue;
+            say("nothing is saved: instance %d of %s", instance.number, words.text);
+            return BV_ERR_INVALID;
+        }
+    }
+    return BV_OK;
+}
+
+int32_t save(uint32_t store)
+{
+    const int32_t status = check_families(store);
+    if (status != BV_OK)
+        return status;
+    const Path path(store);
+    const Lock lock(path);
+    if (!lock.held()) {
+        say("%s cannot be saved: %s.lock: %s", path.file(), kPlaces[store].path, strerror(errno));
+        return BV_ERR_WRITE_OPEN;
+    }
+    Contents present;
+    if (!read_store(path, true, present))
+        return BV_ERR_WRITE_OPEN;
+    if (strcmp(present.from, "file") == 0 && are_saved(present.tree, store))
+        return BV_OK;
+
+    bool equal = false;
+    if (write_beside(store, present, path, equal) && (equal || put_in_place(path))) {
+        if (equal)
+            unlink(path.with(".tmp"));
+        return BV_OK;
+    }
+    const int error = errno;
+    unlink(path.with(".tmp"));
+    say("%s cannot be saved: %s", path.file(),
+        error != 0 ? strerror(error) : "it does not come back as written; is the disk full?");
+    return BV_ERR_WRITE_OPEN;
+}
+
+// ---- loading ----
+
+// Looks for a template as the database does: the one file of that name below the folder.
+const char *g_wanted; // nftw() passes nothing on
+char g_found[kPathSize];
+int g_matches;
+
+int match(const char *path, const struct stat *, int, FTW *at)
+{
+    if (strcmp(path + at->base, g_wanted) != 0)
+        return 0;
+    ++g_matches;
+    snprintf(g_found, sizeof g_found, "%s", path);
+    return 0;
+}
+
+// Refuses what the database would skip, cut or store as something else. Null, or why.
+const char *find_fault(const bv_db_family &family, Words &words)
+{
+    for (const bv_db_para &para : parameters(family)) {
+        if (para.valid == 0)
+            return "a parameter lacks its name, type, len or value, or is too long";
+        const bv::ParameterType *type = bv::find_type(para.type);
+        int32_t position;
+        words.refuse(0, "\"%.60s\" has an unknown type", para.name);
+        if (type == nullptr)
+            return words.text;
+        words.refuse(0, "\"%.60s\" has a len that does not fit its type", para.name);
+        if (para.len < 1 || (type->size != 0 && para.len != type->size))
+            return words.text;
+        tools::Reason why;
+        words.refuse(0, "\"%.60s\" is a name twice, or not a name", para.name);
+        if (*para.name == '\0' || !tools::text_survives(para.name, strlen(para.name), why) ||
+            find_parameter(family, para.name, position) != &para)
+            return words.text;
+        Words reason;
+        if (!value_fits(para, para.value, strlen(para.value), reason))
+            return words.refuse(0, "\"%.60s\": %s", para.name, reason.text), words.text;
+    }
+    return family.para_count == 0 ? "it has no parameters, or is not a template" : nullptr;
+}
+
+int load_template(const bv_service_family &listed)
+{
+    g_wanted = listed.name;
+    g_matches = 0;
+    nftw("/etc/template", match, 8, FTW_PHYS);
+    if (g_matches != 1) {
+        say("%s: %s below /etc/template: %s", listed.name,
+            g_matches == 0 ? "there is no template of this name"
+                           : "there are several templates of this name",
+            g_matches == 0 ? "install it" : "leave one");
+        return BV_SERVICE_TEMPLATE;
+    }
+    bv_db_family *family = bv_db_hash_add(listed.name);
+    const int32_t status = kPlaces[listed.store].register_family(listed.name);
+    if (family == nullptr || (status != BV_OK && status != BV_ERR_EXISTS))
+        return say("no memory for %s", listed.name), BV_SERVICE_NO_MEMORY;
+    bv_db_template_read_single(g_found, family);
+    Words words;
+    const char *fault = find_fault(*family, words);
+    if (fault != nullptr) {
+        say("%s: %s: run bv-template check on it", g_found, fault);
+        return BV_SERVICE_TEMPLATE;
+    }
+    if (family->image_size != static_cast<int32_t>(listed.size)) {
+        say("%s: it has %d bytes, but the program was built for %u: install the template that "
+            "belongs to the program",
+            g_found, family->image_size, listed.size);
+        return BV_SERVICE_SIZE;
+    }
+    return BV_SERVICE_ENDED;
+}
+
+// The conversions' own descriptors and image hold the defaults again: what a later load through
+// the bare interface starts from.
+void refill(bv_db_family &family)
+{
+    const auto size = static_cast<size_t>(family.image_size);
+    void *copy = calloc(1, size + bv::kParameterTextSize);
+    if (copy == nullptr)
+        return;
+    memcpy(copy, family.default_image, size);
+    bv_db_user_fill_frommem(copy, family.para_count, family.para);
+    bv_db_user_fill_tomem(&family, 0);
+    free(copy);
+}
+
+// Without memory some instances may be missing: the service must not go on.
+bool fill(const bv_service_family &listed, json_object *tree)
+{
+    bv_db_family &family = record(listed);
+    Plan plan;
+    if (!plan_saved(tree, listed, plan, true))
+        return false;
+    bv_db_data_free(&family);
+    for (uint32_t i = 0; i < plan.count; ++i)
+        if (bv_db_data_add_inst(&family, plan.changes[i].is, listed.size,
+                                plan.changes[i].instance) != BV_OK)
+            return false;
+    return true;
+}
+
+int load_store(uint32_t store)
+{
+    const Path path(store);
+    const Lock lock(path);
+    Contents contents;
+    if (!read_store(path, lock.held(), contents))
+        return BV_SERVICE_DATA;
+    for (const bv_service_family &family : FamiliesOf(store))
+        if (!fill(family, contents.tree))
+            return say("no memory for %s", family.name), BV_SERVICE_NO_MEMORY;
+    if (strcmp(contents.from, "good") == 0 || strcmp(g_state.loaded, "defaults") == 0)
+        g_state.loaded = contents.from;
+    return BV_SERVICE_ENDED;
+}
+
+// The family is to have exactly the planned instances.
+int32_t replace(const bv_service_family &family, Plan &plan)
+{
+    Words words;
+    if (!add_removals(plan, family, record(family)))
+        return BV_ERR_MEMORY;
+    const int32_t status = make(plan, words, false);
+    if (status == BV_OK)
+        refill(record(family));
+    return status;
+}
+
+int32_t commit_stores(uint32_t first, uint32_t last)
+{
+    if (g_service == nullptr)
+        return BV_ERR_FAILED;
+    int32_t result = BV_OK;
+    for (uint32_t store = first; store <= last; ++store) {
+        const int32_t status = commit(static_cast<bv_service_store>(store));
+        if (result == BV_OK)
+            result = status;
+    }
+    return result;
+}
+
+} // namespace
+
+int bv::service::load()
+{
+    g_state = {"defaults", 0, BV_OK};
+    for (uint32_t i = 0; i < g_service->n_families; ++i) {
+        const int status = load_template(g_service->families[i]);
+        if (status != BV_SERVICE_ENDED)
+            return status;
+    }
+    for (uint32_t store = 0; store < kStores; ++store) {
+        const int status =
+            FamiliesOf(store).begin() != FamiliesOf::End() ? load_store(store) : BV_SERVICE_ENDED;
+        if (status != BV_SERVICE_ENDED)
+            return status;
+    }
+    bv_db_ready();
+    return BV_SERVICE_ENDED;
+}
+
+int32_t bv::service::commit(bv_service_store store)
+{
+    if (!(FamiliesOf(store).begin() != FamiliesOf::End()))
+        return BV_OK;
+    g_state.saved_status = save(store);
+    if (g_state.saved_status == BV_OK)
+        g_state.saved = time(nullptr);
+    for (const bv_service_family &family : FamiliesOf(store))
+        refill(record(family));
+    return g_state.saved_status;
+}
+
+int32_t bv::service::revert(const bv_service_family &family)
+{
+    const Path path(family.store);
+    Contents contents;
+    Plan plan;
+    if (!read_store(path, false, contents))
+        return BV_ERR_NO_FILE;
+    return plan_saved(contents.tree, family, plan, false) ? replace(family, plan) : BV_ERR_MEMORY;
+}
+
+int32_t bv::service::reset(const bv_service_family &family)
+{
+    Plan plan;
+    return plan_saved(nullptr, family, plan, false) ? replace(family, plan) : BV_ERR_MEMORY;
+}
+
+int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words &words)
+{
+    const Path path(family.store);
+    Contents contents;
+    Plan plan;
+    if (!read_store(path, false, contents))
+        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", path.file());
+    if (!plan_saved(contents.tree, family, plan, false))
+        return words.refuse(BV_ERR_MEMORY, "no memory");
+    for (uint32_t i = 0; i < plan.count; ++i) {
+        out.put(i == 0 ? "[" : ",");
+        put_instance(out, record(family), plan.changes[i].is, plan.changes[i].instance,
+                     (family.flags & BV_SERVICE_HIDDEN) != 0);
+    }
+    out.put("]");
+    return BV_OK;
+}
+
+const StoreState &bv::service::store_state()
+{
+    return g_state;
+}
+
+bool bv::service::is_unsaved(const bv_service_family &family)
+{
+    const Path path(family.store);
+    Contents contents;
+    return !read_store(path, false, contents) || !is_saved(contents.tree, family);
+}
+
+int32_t bv_service_commit()
+{
+    return commit_stores(BV_SERVICE_USER, BV_SERVICE_PRIVATE);
+}
+
+int32_t bv_service_commit_factory()
+{
+    return commit_stores(BV_SERVICE_FACTORY, BV_SERVICE_FACTORY);
+}
+
+int32_t bv_service_revert(const char *family)
+{
+    const bv_service_family *listed = family == nullptr ? nullptr : find_listed(family);
+    return listed == nullptr ? BV_ERR_NO_FAMILY : revert(*listed);
+}
+
+int32_t bv_service_reset(const char *family)
+{
+    const bv_service_family *listed = family == nullptr ? nullptr : find_listed(family);
+    return listed == nullptr ? BV_ERR_NO_FAMILY : reset(*listed);
+}

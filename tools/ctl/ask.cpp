@@ -58,15 +58,6 @@ bool has_kit(json_object *objects, const char *name)
     return json_object_object_get_ex(objects, config, nullptr) != 0;
 }
 
-bool is_bare(const char *service)
-{
-    const JsonTree objects(find_bare_objects());
-    for (size_t i = 0; i < count_of(objects.get()); ++i)
-        if (strcmp(text_of(element(objects.get(), i)), service) == 0)
-            return true;
-    return false;
-}
-
 // ---- refusals ----
 
 // What a person can do about a failure, or null.
@@ -85,16 +76,19 @@ void print_refusal(const bv_service_client *client, const char *service, bool wr
 {
     const char *words = bv_service_words(client);
     const char *hint = advice(status, writes);
-    if (*words != '\0')
-        refused("%s: %s (%s)", service, words, bv_service_text(status));
+    const char *text = bv_service_text(status);
+    if (*words != '\0' && strcmp(text, bv_status_text(INT32_MAX)) == 0)
+        refused("%s: %s (status 0x%x)", service, words, static_cast<unsigned>(status));
+    else if (*words != '\0' && (status == BV_ERR_INVALID || strstr(words, text) != nullptr))
+        refused("%s: %s", service, words);
+    else if (*words != '\0')
+        refused("%s: %s (%s)", service, words, text);
     else if (hint != nullptr)
-        refused("%s: %s: %s", service, bv_service_text(status), hint);
+        refused("%s: %s: %s", service, text, hint);
     else if (status != UBUS_STATUS_NOT_FOUND)
-        refused("%s: %s", service, bv_service_text(status));
+        refused("%s: %s", service, text);
     else if (is_bare(service))
-        refused("%s is a service without settings for bv-ctl; call its functions with "
-                "'bv-call -o %s FUNCTION'",
-                service, service);
+        refuse_bare(service);
     else
         refused("no service %s is running; 'bv-ctl list' shows those that are", service);
 }
@@ -385,4 +379,20 @@ json_object *tools::find_bare_objects()
         if (json_object_get_boolean(object.value()) != 0 && !has_kit(objects.get(), object.name()))
             append(bare, json_object_new_string(object.name()));
     return bare;
+}
+
+bool tools::is_bare(const char *service)
+{
+    const JsonTree objects(find_bare_objects());
+    for (size_t i = 0; i < count_of(objects.get()); ++i)
+        if (strcmp(text_of(element(objects.get(), i)), service) == 0)
+            return true;
+    return false;
+}
+
+int tools::refuse_bare(const char *service)
+{
+    return refused("%s is a service without settings for bv-ctl; call its functions with "
+                   "'bv-call -o %s FUNCTION'",
+                   service, service);
 }

@@ -130,6 +130,8 @@ int find_whole_family(const char *text, const char *verb, Target &target);
 
 // Objects of services that are not built on the kit.
 json_object *find_bare_objects();
+bool is_bare(const char *service);
+int refuse_bare(const char *service);
 
 // ---- print.cpp ----
 

@@ -161,6 +161,8 @@ int tools::do_wait(Arguments arguments)
     unsigned seconds = kDefaultWait_s;
     if (arguments[1] != nullptr && !parse_number(arguments[1], kMaxWait_s, seconds))
         return wrong_arguments("'%s' should be seconds, from 0 to %u", arguments[1], kMaxWait_s);
+    if (is_bare(arguments[0]))
+        return refuse_bare(arguments[0]);
     const Client client(bv_service_open(arguments[0], seconds * 1000));
     if (!client)
         return refused("'%s' cannot be the name of a service", arguments[0]);

@@ -125,7 +125,7 @@ TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
 TEST_F(CtlSession, TurnsDebugSwitches)
 {
     EXPECT_EQ(output("debug dhcp error on"), "");
-    EXPECT_EQ(output("debug"), "sample\n  MODULE  error\n  dhcp    on\n  dns     off\n");
+    EXPECT_EQ(output("debug"), "sample\n  dhcp  error  on\n  dns   error  off\n");
 }
 
 TEST_F(CtlSession, PointsToBvCallForOtherServices)

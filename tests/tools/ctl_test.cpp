@@ -163,9 +163,8 @@ TEST_F(Ctl, SendsWhatTheArgumentsName)
 TEST_F(Ctl, ShowsAndTurnsDebugSwitches)
 {
     EXPECT_EQ(run_line("debug").output, "network\n"
-                                        "  MODULE  error  info\n"
-                                        "  dhcp    on     off\n"
-                                        "  dns     off\n"
+                                        "  dhcp  error  on   info  off\n"
+                                        "  dns   error  off\n"
                                         "wifi: names no debug switches\n");
     requests();
     expect_request("debug dhcp info on",

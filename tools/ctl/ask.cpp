@@ -25,8 +25,6 @@ using Connection = bv::Owned<ubus_context *, nullptr, bv_ubus_free>;
 // Connecting to the bus and looking up wait without limit. No request takes that long.
 constexpr unsigned kLimit = 20;
 
-constexpr char kSuffix[] = ".config";
-
 void complain(const char *end, const char *format, va_list arguments)
 {
     char text[1024];
@@ -43,19 +41,11 @@ void note_object(ubus_context *, ubus_object_data *object, void *priv)
 {
     blob_attr *method;
     int rest;
-    bool callable = false;
     if (object->path == nullptr || object->signature == nullptr)
         return;
-    blob_for_each_attr(method, object->signature, rest) callable |=
-        strcmp(bv_blobmsg_name(method), "method") == 0;
-    put(static_cast<json_object *>(priv), object->path, json_object_new_boolean(callable ? 1 : 0));
-}
-
-bool has_kit(json_object *objects, const char *name)
-{
-    char config[256];
-    snprintf(config, sizeof(config), "%s%s", name, kSuffix);
-    return json_object_object_get_ex(objects, config, nullptr) != 0;
+    blob_for_each_attr(method, object->signature,
+                       rest) if (strcmp(bv_blobmsg_name(method), "method") == 0)
+        put(static_cast<json_object *>(priv), object->path, static_cast<json_object *>(nullptr));
 }
 
 // ---- refusals ----
@@ -366,28 +356,25 @@ int tools::find_whole_family(const char *text, const char *verb, Target &target)
                            target.family);
 }
 
-json_object *tools::find_bare_objects()
+json_object *tools::find_callable_objects()
 {
-    json_object *bare = json_object_new_array();
-    const JsonTree objects(json_object_new_object());
+    json_object *objects = json_object_new_object();
     alarm(kLimit);
     const Connection bus(bv_ubus_connect(nullptr));
     if (bus)
-        ubus_lookup(bus.get(), nullptr, note_object, objects.get());
+        ubus_lookup(bus.get(), nullptr, note_object, objects);
     alarm(0);
-    for (const auto &object : Members(objects.get()))
-        if (json_object_get_boolean(object.value()) != 0 && !has_kit(objects.get(), object.name()))
-            append(bare, json_object_new_string(object.name()));
-    return bare;
+    return objects;
 }
 
 bool tools::is_bare(const char *service)
 {
-    const JsonTree objects(find_bare_objects());
-    for (size_t i = 0; i < count_of(objects.get()); ++i)
-        if (strcmp(text_of(element(objects.get(), i)), service) == 0)
-            return true;
-    return false;
+    const JsonTree objects(find_callable_objects());
+    if (json_object_object_get_ex(objects.get(), service, nullptr) == 0)
+        return false;
+    // Asked last: a service that starts just now is on the bus with both objects then.
+    const Client client(bv_service_open(service, 0));
+    return bv_service_request(client.get(), "counters", nullptr, nullptr) == UBUS_STATUS_NOT_FOUND;
 }
 
 int tools::refuse_bare(const char *service)

@@ -20,15 +20,13 @@ using namespace tools;
 bool read_assignments(Arguments arguments, json_object *para)
 {
     for (; *arguments != nullptr; ++arguments) {
-        const char *equals = strchr(*arguments, '=');
+        char *equals = strchr(*arguments, '=');
         if (equals == nullptr || equals == *arguments) {
             wrong_arguments("'%s' should be NAME=VALUE", *arguments);
             return false;
         }
-        json_object *name =
-            json_object_new_string_len(*arguments, static_cast<int>(equals - *arguments));
-        put(para, text_of(name), equals + 1);
-        bv_json_object_put(name);
+        *equals = '\0';
+        put(para, *arguments, equals + 1);
     }
     return true;
 }
@@ -133,34 +131,25 @@ bool has_switch(json_object *switches, const char *module, const char *level)
     return false;
 }
 
-// One row a module, one column a level, each as they come first.
+// One row a module.
 void print_switches(const char *service, json_object *switches)
 {
-    const JsonTree modules(json_object_new_object());
-    const JsonTree levels(json_object_new_object());
-    for (size_t i = 0; i < count_of(switches); ++i) {
-        json_object *one = element(switches, i);
-        put(object_in(modules.get(), text_of(one, "module")), text_of(one, "level"),
-            share(member(one, "on")));
-        object_in(levels.get(), text_of(one, "level"));
-    }
     print_line(Style::Bold, "%s%s", service,
                count_of(switches) == 0 ? ": names no debug switches" : "");
     Table table(2);
-    table.start_row(Style::Faint);
-    table.cell("MODULE");
-    for (const auto &level : Members(levels.get()))
-        table.cell(level.name());
-    for (const auto &module : Members(modules.get())) {
-        table.start_row();
-        table.cell(module.name());
-        for (const auto &level : Members(levels.get())) {
-            json_object *on = member(module.value(), level.name());
-            table.cell(on == nullptr ? "" : json_object_get_boolean(on) != 0 ? "on" : "off");
+    const char *module = nullptr;
+    for (size_t i = 0; i < count_of(switches); ++i) {
+        json_object *one = element(switches, i);
+        const char *next = text_of(one, "module");
+        if (module == nullptr || strcmp(next, module) != 0) {
+            table.start_row();
+            table.cell(next);
         }
+        module = next;
+        table.cell(text_of(one, "level"));
+        table.cell(json_object_get_boolean(member(one, "on")) != 0 ? "on" : "off");
     }
-    if (count_of(switches) != 0)
-        table.print();
+    table.print();
 }
 
 // The only service that has a switch, or null after it printed why there is none.

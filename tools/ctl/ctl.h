@@ -128,8 +128,9 @@ int find_target(const char *text, Target &target);
 // The same for a verb that takes no instances.
 int find_whole_family(const char *text, const char *verb, Target &target);
 
-// Objects of services that are not built on the kit.
-json_object *find_bare_objects();
+// The names of the objects that bv-call can call, as members.
+json_object *find_callable_objects();
+// Whether a service is not built on the kit, but bv-call can call it.
 bool is_bare(const char *service);
 int refuse_bare(const char *service);
 
@@ -155,7 +156,7 @@ public:
 
 private:
     int indent_;
-    json_object *rows_; // arrays: the style's number, then the cells
+    json_object *rows_; // arrays: what starts the style, then the cells
 };
 
 // Prints JSON as the database writes it. False, with errno, when it cannot be written.

@@ -104,7 +104,7 @@ public:
         const JsonTree root(read_tree(path_));
         if (!root)
             return false;
-        if (json_object_is_type(root.get(), json_type_object) == 0)
+        if (bv_json_object_is_type(root.get(), json_type_object) == 0)
             fault("it should be an object of families, as 'bv-ctl export' writes it");
         for (const auto &family : Members(root.get()))
             take_family(family.name(), family.value());
@@ -138,7 +138,7 @@ private:
         }
         if (owner == nullptr)
             return fault("no running service owns %s", name);
-        if (json_object_is_type(instances, json_type_array) == 0)
+        if (bv_json_object_is_type(instances, json_type_array) == 0)
             return fault("%s should be an array of instances", name);
         put(object_in(requests_.get(), owner), name, share(instances));
         known_ = member(member(member(services_, owner), name), "para");
@@ -153,7 +153,7 @@ private:
         const char *number = text_of(instance, "inst");
         int64_t value;
         if (!parse_decimal(number, value) || value < INT32_MIN || value > INT32_MAX ||
-            json_object_is_type(para, json_type_object) == 0)
+            bv_json_object_is_type(para, json_type_object) == 0)
             return fault("%s: element %zu needs a number \"inst\" and an object \"para\"", family,
                          index + 1);
         if (find(instances, "inst", number) != instance)
@@ -168,9 +168,9 @@ private:
         if (parameter == nullptr)
             return fault("%s.%s.%s: the family has no such parameter", family, number, name);
         const char *text = text_of(value);
-        const size_t length = json_object_is_type(value, json_type_string) != 0
-                                  ? static_cast<size_t>(json_object_get_string_len(value))
-                                  : strlen(text);
+        // A number has none, and no zero bytes either.
+        const auto string_length = static_cast<size_t>(json_object_get_string_len(value));
+        const size_t length = string_length != 0 ? string_length : strlen(text);
         const bv::ParameterType *type = bv::find_type(text_of(parameter, "type"));
         Reason why;
         if (!text_survives(text, length, why) ||

@@ -17,28 +17,27 @@ constexpr char kUsage[] =
     "usage: bv-ctl [-s SERVICE] [--json] VERB [ARGUMENT...]\n"
     "Shows and changes the parameters of running services.\n"
     "\n"
-    "  list [SERVICE]               services, their families and functions\n"
+    "  list [SERVICE]               services and their families\n"
     "  show [FAMILY[.INSTANCE[.PARAMETER]]...]\n"
     "  set FAMILY[.INSTANCE] NAME=VALUE...\n"
     "  add FAMILY[.INSTANCE] [NAME=VALUE...]\n"
     "  del FAMILY.INSTANCE...\n"
-    "  diff [FAMILY...]             running, saved and default values that differ\n"
+    "  diff [FAMILY...]             running, saved and default values\n"
     "  commit [SERVICE]             saves\n"
     "  revert FAMILY...             takes back to what is saved\n"
     "  reset FAMILY...              takes back to the defaults\n"
-    "  export FILE, import FILE     all families as a data file; - is the standard\n"
-    "                               output or input\n"
-    "  watch [FAMILY]               prints changes until Ctrl-C\n"
+    "  export FILE, import FILE     families as a data file\n"
+    "  watch [FAMILY]               prints changes\n"
     "  debug [MODULE LEVEL on|off]  debug messages\n"
     "  status [SERVICE]\n"
-    "  wait SERVICE [SECONDS]       until the service runs\n"
+    "  wait SERVICE [SECONDS]       until it runs\n"
     "\n"
     "  -s, --service=SERVICE  which one, where several own a family\n"
     "  -j, --json             print JSON\n"
-    "  -h, --help             this; after a verb: its own\n"
+    "  -h, --help             this, or about a verb: bv-ctl set --help\n"
     "  -V, --version\n"
     "\n"
-    "A FAMILY is lan.json or lan. Exit status: 0 done, 1 refused, 2 wrong use.\n";
+    "FAMILY is lan.json or lan. Exit status: 0 done, 1 refused, 2 wrong use.\n";
 
 struct Verb {
     const char *name;
@@ -49,73 +48,65 @@ struct Verb {
 
 constexpr int kAny = 10000;
 
+// Usages begin after the program's name.
 constexpr Verb kVerbs[] = {
     {"list", do_list, 0, 1,
-     "usage: bv-ctl list [SERVICE]\n"
-     "Lists the running services with their families and instances; of one service\n"
-     "also the parameters with types, sizes and defaults, and the functions.\n"},
+     "[SERVICE]\n"
+     "Lists services, families and instances; of one service also the parameters with\n"
+     "types, sizes and defaults, and the functions.\n"},
     {"show", do_show, 0, kAny,
-     "usage: bv-ctl show [FAMILY[.INSTANCE[.PARAMETER]]...]\n"
-     "Shows running values: of all families, a family, an instance, or one value.\n"
-     "\n"
-     "  bv-ctl show lan\n"
-     "  bv-ctl show lan.1.mtu\n"},
+     "[FAMILY[.INSTANCE[.PARAMETER]]...]\n"
+     "Shows running values: bv-ctl show lan; bv-ctl show lan.1.mtu\n"},
     {"set", do_set, 2, kAny,
-     "usage: bv-ctl set FAMILY[.INSTANCE] NAME=VALUE...\n"
-     "Changes parameters of a running service, all or none. The instance can be left\n"
-     "out where there is only one. 'bv-ctl commit' saves the change.\n"
-     "\n"
-     "  bv-ctl set lan mtu=1400 hostname=router\n"},
+     "FAMILY[.INSTANCE] NAME=VALUE...\n"
+     "Changes parameters, all or none: bv-ctl set lan mtu=1400 hostname=router\n"
+     "INSTANCE can be left out where there is only one. 'bv-ctl commit' saves.\n"},
     {"add", do_add, 1, kAny,
-     "usage: bv-ctl add FAMILY[.INSTANCE] [NAME=VALUE...]\n"
-     "Adds an instance and prints its name. Parameters that are not named have their\n"
-     "defaults. Without INSTANCE it takes the next free number.\n"},
+     "FAMILY[.INSTANCE] [NAME=VALUE...]\n"
+     "Adds an instance with defaults for what is not named, and prints its name.\n"},
     {"del", do_del, 1, kAny,
-     "usage: bv-ctl del FAMILY.INSTANCE...\n"
+     "FAMILY.INSTANCE...\n"
      "Deletes instances.\n"},
     {"diff", do_diff, 0, kAny,
-     "usage: bv-ctl diff [FAMILY...]\n"
-     "Shows parameters that are not saved, or that differ from their defaults.\n"},
+     "[FAMILY...]\n"
+     "Shows values that are not saved, or differ from their defaults.\n"},
     {"commit", do_commit, 0, 1,
-     "usage: bv-ctl commit [--factory] [SERVICE]\n"
+     "[--factory] [SERVICE]\n"
      "Saves the families of all services, or of one.\n"
      "\n"
      "  -f, --factory  the factory families instead of all others\n"},
     {"revert", do_revert, 0, kAny,
-     "usage: bv-ctl revert FAMILY...\n"
-     "       bv-ctl revert -s SERVICE\n"
+     "FAMILY... | -s SERVICE\n"
      "Takes families, or all of a service, back to what is saved.\n"},
     {"reset", do_reset, 0, kAny,
-     "usage: bv-ctl reset FAMILY...\n"
-     "       bv-ctl reset -s SERVICE\n"
+     "FAMILY... | -s SERVICE\n"
      "Takes families, or all of a service, back to their defaults: one instance,\n"
      "number 1. What is saved stays until 'bv-ctl commit'.\n"},
     {"export", do_export, 1, 1,
-     "usage: bv-ctl export FILE\n"
+     "FILE\n"
      "Writes the running values of all families, or of -s SERVICE, as a data file.\n"
      "- is the standard output. Hidden families are left out.\n"},
     {"import", do_import, 1, 1,
-     "usage: bv-ctl import FILE\n"
-     "Takes families from a data file. Afterwards each family in it has exactly the\n"
-     "instances in it; other families stay. Everything is checked first. Each service\n"
-     "takes all of its families or none. - is the standard input.\n"},
+     "FILE\n"
+     "Takes families from a data file, which is checked first; - is the standard\n"
+     "input. Each family in it then has exactly its instances. A service takes all\n"
+     "or nothing.\n"},
     {"watch", do_watch, 0, 1,
-     "usage: bv-ctl watch [FAMILY]\n"
-     "Prints each change of a family, or of all families, until Ctrl-C. With --json\n"
-     "each is an object on a line of its own.\n"},
+     "[FAMILY]\n"
+     "Prints each change until Ctrl-C.\n"},
     {"debug", do_debug, 0, 3,
-     "usage: bv-ctl debug [MODULE LEVEL on|off]\n"
-     "Shows the debug switches that services name, or turns one on or off.\n"
-     "'bv-collect' prints the messages.\n"},
+     "[MODULE LEVEL on|off]\n"
+     "Shows the debug switches, or turns one on or off. 'bv-collect' prints the\n"
+     "messages.\n"},
     {"status", do_status, 0, 1,
-     "usage: bv-ctl status [SERVICE]\n"
+     "[SERVICE]\n"
      "Shows since when services run, where their settings came from, when they were\n"
-     "saved, and counts of calls, refusals and dropped messages.\n"},
+     "saved, and counts of calls.\n"},
     {"wait", do_wait, 1, 2,
-     "usage: bv-ctl wait SERVICE [SECONDS]\n"
-     "Waits until a service runs and answers, at most 30 seconds unless told.\n"},
+     "SERVICE [SECONDS]\n"
+     "Waits until a service answers, at most 30 seconds unless told.\n"},
     {"names", do_names, 0, 0,
-     "usage: bv-ctl names\n"
+     "\n"
      "Prints services, families, instances and parameters for shell completion.\n"},
 };
 
@@ -166,8 +157,11 @@ Options tools::g_options;
 int main(int argc, char **argv)
 {
     const Verb *verb = verb_of(argv + 1);
-    const CommandLine line = {"bv-ctl", verb != nullptr ? verb->usage : kUsage, kExitRefused,
-                              kOptions, std::size(kOptions)};
+    char usage[512];
+    if (verb != nullptr)
+        snprintf(usage, sizeof(usage), "usage: bv-ctl %s %s", verb->name, verb->usage);
+    const CommandLine line = {"bv-ctl", verb != nullptr ? usage : kUsage, kExitRefused, kOptions,
+                              std::size(kOptions)};
     int status;
     if (!take_options(line, argc, argv, status))
         return status;
@@ -178,7 +172,7 @@ int main(int argc, char **argv)
         return wrong_arguments("'%s' is not a verb", argv[optind]);
     const int count = argc - optind - 1;
     if (count < verb->least || count > verb->most) {
-        fputs(verb->usage, stderr);
+        fprintf(stderr, "usage: bv-ctl %s %s", verb->name, verb->usage);
         return kExitUsage;
     }
     if (g_options.factory && verb->run != do_commit)

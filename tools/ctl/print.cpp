@@ -25,16 +25,17 @@ bool has_colours()
     return known != 0;
 }
 
-void start_style(tools::Style style)
+// What switches the terminal to a style; "" where there are no colours.
+const char *start_of(tools::Style style)
 {
-    if (style != tools::Style::Plain && has_colours())
-        fputs(style == tools::Style::Bold ? "\033[1m" : "\033[2m", stdout);
+    if (style == tools::Style::Plain || !has_colours())
+        return "";
+    return style == tools::Style::Bold ? "\033[1m" : "\033[2m";
 }
 
-void end_style(tools::Style style)
+const char *end_of(const char *start)
 {
-    if (style != tools::Style::Plain && has_colours())
-        fputs("\033[0m", stdout);
+    return *start != '\0' ? "\033[0m" : "";
 }
 
 // The text as print_visible() prints it.
@@ -72,17 +73,16 @@ void tools::print_line(Style style, const char *format, ...)
     va_end(arguments);
     if (length < 0)
         return;
-    start_style(style);
+    fputs(start_of(style), stdout);
     print_visible(stdout, text);
-    end_style(style);
-    putchar('\n');
+    puts(end_of(start_of(style)));
     free(text);
 }
 
 void tools::Table::start_row(Style style)
 {
     json_object *row = json_object_new_array();
-    append(row, json_object_new_int(static_cast<int>(style)));
+    append(row, json_object_new_string(start_of(style)));
     append(rows_, row);
 }
 
@@ -113,20 +113,18 @@ void tools::Table::print()
     }
     for (size_t i = 0; i < count_of(rows_); ++i) {
         json_object *row = element(rows_, i);
-        const auto style = static_cast<Style>(bv_json_object_get_int(element(row, 0)));
+        const char *start = text_of(element(row, 0));
         size_t last = count_of(row) - 1; // empty cells at the end leave no blanks
         while (last > 0 && *text_of(element(row, last)) == '\0')
             --last;
-        printf("%*s", indent_, "");
-        start_style(style);
+        printf("%*s%s", indent_, "", start);
         for (size_t k = 1; k <= last; ++k) {
             const char *text = text_of(element(row, k));
             fputs(text, stdout);
             if (k < last)
                 printf("%*s%s", k < kMaxColumns ? widths[k] - width_of(text) : 0, "", kGap);
         }
-        end_style(style);
-        putchar('\n');
+        puts(end_of(start));
     }
 }
 

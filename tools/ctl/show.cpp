@@ -37,7 +37,7 @@ struct Ranges {
                 snprintf(text, sizeof(text), "%zu instances", count);
                 return;
             }
-            strcpy(text + length, range);
+            memcpy(text + length, range, strlen(range) + 1);
             length += strlen(range);
         }
     }
@@ -84,10 +84,10 @@ void list_briefly(json_object *services, json_object *others)
         table.print();
     else
         puts("No service with families is running.");
-    if (count_of(others) > 0)
+    if (json_object_object_length(others) > 0)
         puts("\nWithout families here; call their functions with 'bv-call -o OBJECT FUNCTION':");
-    for (size_t i = 0; i < count_of(others); ++i)
-        print_line(Style::Plain, "  %s", text_of(element(others, i)));
+    for (const auto &object : Members(others))
+        print_line(Style::Plain, "  %s", object.name());
 }
 
 void list_fully(json_object *families, json_object *functions)
@@ -114,22 +114,15 @@ void list_fully(json_object *families, json_object *functions)
         print_line(Style::Plain, "  %s", text_of(element(functions, i)));
 }
 
-// Objects of services that are not built on the kit. The functions of those that are may be on an
-// object of any name, which the status has.
+// The names, as members, of objects of services that are not built on the kit. The functions of
+// those that are may be on an object of any name, which the status has.
 json_object *find_other_objects()
 {
-    json_object *others = json_object_new_array();
-    const JsonTree bare(find_bare_objects());
+    json_object *objects = find_callable_objects();
     const JsonTree services(ask_all("status"));
-    for (size_t i = 0; i < count_of(bare.get()); ++i) {
-        bool known = false;
-        for (const auto &service : Members(services.get()))
-            known |=
-                strcmp(text_of(service.value(), "object"), text_of(element(bare.get(), i))) == 0;
-        if (!known)
-            append(others, share(element(bare.get(), i)));
-    }
-    return others;
+    for (const auto &service : Members(services.get()))
+        json_object_object_del(objects, text_of(service.value(), "object"));
+    return objects;
 }
 
 // Puts each service's answer into its object of `all`.
@@ -206,7 +199,7 @@ void print_families(json_object *all)
         for (size_t i = 0; i < count_of(family.value()); ++i) {
             json_object *instance = element(family.value(), i);
             if (!first)
-                putchar('\n');
+                puts("");
             first = false;
             print_line(Style::Bold, "%s.%s", family.name(), text_of(instance, "inst"));
             Table table(2);
@@ -367,7 +360,8 @@ int tools::do_list(Arguments arguments)
         const JsonTree all(json_object_new_object());
         add_answers(object_in(all.get(), "services"), "families", services);
         add_answers(object_in(all.get(), "services"), "functions", functions.get());
-        put(all.get(), "other_objects", share(others.get()));
+        for (const auto &object : Members(others.get()))
+            append(array_in(all.get(), "other_objects"), json_object_new_string(object.name()));
         print_json(all.get());
     } else if (in_full) {
         list_fully(member(services, g_options.service), member(functions.get(), g_options.service));

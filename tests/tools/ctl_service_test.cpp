@@ -109,7 +109,7 @@ TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
     }));
     sample_.signal(SIGTERM);
     sample_.wait();
-    EXPECT_TRUE(contains(refusal("wait sample 0"), "sample is not there after 0 seconds"));
+    EXPECT_TRUE(contains(refusal("wait sample 0"), "sample is not there after 0 s"));
     sample_.launch();
     EXPECT_EQ(output("wait sample"), "");
     output("set lan hostname=again");

@@ -316,6 +316,27 @@ TEST_F(Ctl, NeedsTheServiceWhereSeveralOwnFamily)
     EXPECT_EQ(run_line("-s network show lan.1.mtu").output, "1400\n");
 }
 
+// The words that bash offers for the last one of a line.
+std::string completions(const std::string &line)
+{
+    const std::string source = BV_TEST_SOURCE_DIR "/../tools/ctl/bv-ctl.bash";
+    return run({"/bin/bash", "-c",
+                "bv-ctl() { '" BV_TOOL "' \"$@\"; }; compopt() { :; }; . '" + source + "'; " +
+                    "COMP_WORDS=(" + line + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " +
+                    "_bv_ctl bv-ctl \"${COMP_WORDS[COMP_CWORD]}\"; echo \"${COMPREPLY[*]}\""})
+        .output;
+}
+
+TEST_F(Ctl, IsCompletedByBash)
+{
+    EXPECT_EQ(completions("bv-ctl re"), "revert reset\n");
+    EXPECT_EQ(completions("bv-ctl -s ''"), "network wifi\n");
+    EXPECT_EQ(completions("bv-ctl -s wifi show lan.json.2"), "\n");
+    EXPECT_EQ(completions("bv-ctl del r"), "radio.json.1\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 mtu=9 h"), "hostname=\n");
+    EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
+}
+
 TEST(CtlUsage, IsPrintedForToolAndForEachVerb)
 {
     expect_help("bv-ctl", 1);

@@ -261,13 +261,13 @@ json_object *tools::array_in(json_object *object, const char *name)
 int32_t tools::ask(const char *service, const char *op, json_object *data, json_object **answer)
 {
     const JsonTree owned(data);
-    const Client client(bv_service_open(service, 0));
+    const Client client(bv_service_open(service, g_options.wait_ms));
     if (!client) {
         refused("'%s' cannot be the name of a service", service);
         return BV_ERR_INVALID;
     }
     char *text = nullptr;
-    alarm(kLimit);
+    alarm(g_options.wait_ms == 0 ? kLimit : 0);
     int32_t status = bv_service_request(
         client.get(), op,
         data != nullptr ? json_object_to_json_string_ext(data, JSON_C_TO_STRING_PLAIN) : nullptr,

@@ -26,6 +26,7 @@ struct Options {
     const char *service; // null: every service
     bool json;
     bool factory;
+    uint32_t wait_ms; // for a service that is away; set by watch
 };
 extern Options g_options;
 

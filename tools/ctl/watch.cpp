@@ -69,7 +69,6 @@ json_object *by_number(json_object *instances)
 struct Watching {
     const char *service;
     json_object *families; // as they were seen last
-    bool failed;
 };
 
 void print_changes(const char *service, const char *family, json_object *before, json_object *after)
@@ -94,7 +93,6 @@ void family_changed(const char *, const char *family, void *priv)
     json_object *query = json_object_new_object();
     array_in(query, family);
     json_object *got = nullptr;
-    // It may be restarting: the next call tells.
     if (ask(watching.service, "get", query, &got) != BV_OK)
         return;
     const JsonTree answer(got);
@@ -107,7 +105,8 @@ void family_changed(const char *, const char *family, void *priv)
 
 int watch_service(const char *service, const char *family)
 {
-    Watching watching = {service, json_object_new_object(), false};
+    Watching watching = {service, json_object_new_object()};
+    g_options.wait_ms = kPatience_ms; // it may be restarting while we ask what changed
     const JsonTree seen(watching.families);
     const Client client(bv_service_open(service, kPatience_ms));
     const int32_t status =
@@ -168,7 +167,7 @@ int tools::do_wait(Arguments arguments)
         return refused("'%s' cannot be the name of a service", arguments[0]);
     const int32_t status = bv_service_request(client.get(), "counters", nullptr, nullptr);
     if (status != BV_OK)
-        return refused("%s is not there after %u seconds: %s", arguments[0], seconds,
+        return refused("%s is not there after %u s: %s", arguments[0], seconds,
                        bv_service_text(status));
     if (g_options.json)
         puts("{}");

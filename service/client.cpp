@@ -18,7 +18,7 @@ struct bv_service_client {
     char service[kMaxServiceName + 1]; // empty: whoever owns the family
     uint32_t wait_ms;
     ubus_context *connection; // null while not connected
-    bool was_sent;        // a change, by the call that runs: it may have been made
+    bool was_sent;            // a change, by the call that runs: it may have been made
     bool is_watching;
     bool has_event;       // one came since the families were looked at last
     ubus_object listener; // gets the events
@@ -124,7 +124,7 @@ struct Request {
 
 bool is_read(const Request &request)
 {
-    static constexpr const char *kReads[] = {"families", "get",      "saved",
+    static constexpr const char *kReads[] = {"families",  "get",      "saved",
                                              "functions", "counters", "status"};
     for (const char *op : kReads)
         if (strcmp(op, request.op) == 0)
@@ -538,8 +538,8 @@ int32_t set_at(Client &client, const char *service, const char *name, const void
 
 int on_event(ubus_context *, ubus_object *listener, ubus_request_data *, const char *, blob_attr *)
 {
-    auto *client = reinterpret_cast<Client *>(reinterpret_cast<char *>(listener) -
-                                              offsetof(Client, listener));
+    auto *client =
+        reinterpret_cast<Client *>(reinterpret_cast<char *>(listener) - offsetof(Client, listener));
     client->has_event = true;
     return UBUS_STATUS_OK;
 }
@@ -733,10 +733,9 @@ int32_t bv_service_request(struct bv_service_client *client, const char *op, con
         return BV_ERR_NULL;
     char family[1024];
     Text text;
-    const int32_t status =
-        with_owner(*client, family_in(data, family), [&](const char *owner) {
-            return ask(*client, owner, {op, data}, text);
-        });
+    const int32_t status = with_owner(*client, family_in(data, family), [&](const char *owner) {
+        return ask(*client, owner, {op, data}, text);
+    });
     if (status == BV_OK && answer != nullptr && text.length != 0) {
         *answer = text.bytes;
         text.bytes = nullptr;

@@ -167,9 +167,9 @@ void unpublish();
 // ---- messages: object.cpp and client.cpp ----
 
 constexpr uint32_t kMessageVersion = 1;
-constexpr uint32_t kMaxPart = 65536;              // bytes of an answer in one reply
-constexpr int32_t kStartAgain = BV_ERR_EMPTY;     // the answer is another one by now
-constexpr char kObjectSuffix[] = ".config";       // of the object's name
+constexpr uint32_t kMaxPart = 65536;               // bytes of an answer in one reply
+constexpr int32_t kStartAgain = BV_ERR_EMPTY;      // the answer is another one by now
+constexpr char kObjectSuffix[] = ".config";        // of the object's name
 constexpr char kEventSuffix[] = ".config.changed"; // of the event's
 
 } // namespace bv::service

@@ -114,11 +114,11 @@ int32_t find_instance(const bv_db_family &family, json_object *number, bv_db_ins
         wanted > INT32_MAX)
         return words.refuse(BV_ERR_INVALID, "%s: \"%.40s\" is not the number of an instance",
                             family.name, text != nullptr ? text : "null");
-    instance = bv_db_data_get_inst(const_cast<bv_db_family *>(&family),
-                                   static_cast<int32_t>(wanted));
-    return instance != nullptr ? BV_OK
-                               : words.refuse(BV_ERR_NO_INSTANCE, "%s.%s: no such instance",
-                                              family.name, text);
+    instance =
+        bv_db_data_get_inst(const_cast<bv_db_family *>(&family), static_cast<int32_t>(wanted));
+    return instance != nullptr
+               ? BV_OK
+               : words.refuse(BV_ERR_NO_INSTANCE, "%s.%s: no such instance", family.name, text);
 }
 
 // Calls `visit` for each family that `data` names as a member, with the member's array; for all
@@ -142,8 +142,8 @@ int32_t each_family(json_object *data, Words &words, Visit visit)
     {
         status = find_family(name, named, words);
         if (status == BV_OK && !bv_json_object_is_type(numbers, json_type_array))
-            status = words.refuse(BV_ERR_INVALID, "%s: the numbers of instances are not an array",
-                                  name);
+            status =
+                words.refuse(BV_ERR_INVALID, "%s: the numbers of instances are not an array", name);
         if (status == BV_OK)
             status = visit(named, numbers);
         if (status != BV_OK)
@@ -179,7 +179,8 @@ int32_t each_name(json_object *data, Words &words, Visit visit)
 // An object made by json-c, given back at the end of the scope.
 struct Json {
     json_object *object;
-    explicit Json(const char *text) : object(text != nullptr ? bv_json_tokener_parse(text) : nullptr)
+    explicit Json(const char *text)
+        : object(text != nullptr ? bv_json_tokener_parse(text) : nullptr)
     {
     }
     ~Json() { bv_json_object_put(object); }
@@ -386,8 +387,7 @@ int32_t write_add(json_object *data, Text &out, Words &words)
             if (added == nullptr)
                 continue; // `changed` has deleted it
             elements.next();
-            put_instance(out, *first.family, added->image, added->number,
-                         is_hidden(*first.listed));
+            put_instance(out, *first.family, added->image, added->number, is_hidden(*first.listed));
         }
     }
     return BV_OK;
@@ -398,20 +398,19 @@ int32_t write_del(json_object *data, Text &, Words &words)
     if (data == nullptr)
         return words.refuse(BV_ERR_INVALID, "data must name the instances");
     Plan plan;
-    const int32_t status =
-        each_family(data, words, [&](const Named &named, json_object *numbers) {
-            const size_t count = bv_json_object_array_length(numbers);
-            for (size_t i = 0; i < count; ++i) {
-                bv_db_inst *instance;
-                int32_t result = find_instance(
-                    *named.family, bv_json_object_array_get_idx(numbers, i), instance, words);
-                if (result == BV_OK && find_change(plan, *named.family, instance->number) == nullptr)
-                    result = plan_one(plan, named.listed->name, nullptr, instance->number, words);
-                if (result != BV_OK)
-                    return result;
-            }
-            return static_cast<int32_t>(BV_OK);
-        });
+    const int32_t status = each_family(data, words, [&](const Named &named, json_object *numbers) {
+        const size_t count = bv_json_object_array_length(numbers);
+        for (size_t i = 0; i < count; ++i) {
+            bv_db_inst *instance;
+            int32_t result = find_instance(*named.family, bv_json_object_array_get_idx(numbers, i),
+                                           instance, words);
+            if (result == BV_OK && find_change(plan, *named.family, instance->number) == nullptr)
+                result = plan_one(plan, named.listed->name, nullptr, instance->number, words);
+            if (result != BV_OK)
+                return result;
+        }
+        return static_cast<int32_t>(BV_OK);
+    });
     return status == BV_OK ? make(plan, words) : status;
 }
 
@@ -434,9 +433,10 @@ int32_t for_named(json_object *data, Words &words, int32_t (*step)(const bv_serv
         return status;
     return each_name(data, words, [&](const Named &named) {
         const int32_t result = step(*named.listed);
-        return result == BV_OK ? BV_OK
-                               : words.refuse(result, "%s: the data file cannot be used, or no memory",
-                                              named.listed->name);
+        return result == BV_OK
+                   ? BV_OK
+                   : words.refuse(result, "%s: the data file cannot be used, or no memory",
+                                  named.listed->name);
     });
 }
 

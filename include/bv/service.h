@@ -24,7 +24,7 @@
  * - A process is one owner, on the thread that runs bv_service_run(). All functions of the owner's
  *   half belong to that thread; handlers and callbacks run on it.
  * - A client belongs to one thread at a time. The bus library shares buffers between connections,
- * so all clients of a process, and the owner, belong on one thread.
+ *   so all clients of a process, and the owner, belong on one thread.
  * - Families are called by their names, the file names of their templates: "lan.json".
  * - Texts that are passed in are copied, unless it says otherwise; structures of the owner stay the
  *   caller's and must not change while it runs.
@@ -45,13 +45,12 @@ extern "C" {
  * @{
  */
 
-/** Where a family is saved. */
-enum bv_service_store {
-    BV_SERVICE_USER = 0,    /**< /config/work/userdata.json */
-    BV_SERVICE_PRIVATE = 1, /**< /config/work/privdata.json */
-    BV_SERVICE_FACTORY =
-        2, /**< /config/factory/factory.json, written by bv_service_commit_factory() only */
-};
+/** Where a family is saved: bv_service_family.store. */
+typedef enum bv_service_store {
+    BV_SERVICE_USER = 0,    /* /config/work/userdata.json */
+    BV_SERVICE_PRIVATE = 1, /* /config/work/privdata.json */
+    BV_SERVICE_FACTORY = 2  /* /config/factory/factory.json, by bv_service_commit_factory() only */
+} bv_service_store;
 
 /** For bv_service_family.flags: other programs see the names of the parameters, not the values. */
 #define BV_SERVICE_HIDDEN 1u
@@ -59,78 +58,76 @@ enum bv_service_store {
 /** For bv_service.flags: save the families before the service ends. */
 #define BV_SERVICE_COMMIT_AT_END 1u
 
+/**
+ * Called before a change; must change nothing.
+ *
+ * @param was       the image now; null when the instance is to be added
+ * @param is        the image wanted; null when the instance is to be deleted
+ * @param instance  its number
+ * @return 0 to take it; any other code refuses it, and the caller gets that code
+ *
+ * Of several changes that come together, all are checked before the first one is made.
+ */
+typedef uint32_t (*bv_service_check)(const void *was, const void *is, uint32_t instance);
+
+/** Called after a change, with the arguments of bv_service_check. */
+typedef void (*bv_service_changed)(const void *was, const void *is, uint32_t instance);
+
 /** A family that the service owns. Members that are not named are zero. */
-struct bv_service_family {
-    const char *name; /**< its template's file name */
-    uint32_t size;    /**< bytes of the packed structure, NAME_SIZE; must be the template's */
-    uint32_t store;   /**< enum bv_service_store */
-    uint32_t flags;   /**< BV_SERVICE_HIDDEN, or 0 */
-
-    /**
-     * Called before a change; must change nothing. May be null: then every change is taken.
-     *
-     * @param was       the image now; null when the instance is to be added
-     * @param is        the image wanted; null when the instance is to be deleted
-     * @param instance  its number
-     * @return 0 to take it; any other code refuses it, and the caller gets that code
-     *
-     * Of several changes that come together, all are checked before the first one is made.
-     */
-    uint32_t (*check)(const void *was, const void *is, uint32_t instance);
-
-    /** Called after a change, with the arguments of `check`. May be null. */
-    void (*changed)(const void *was, const void *is, uint32_t instance);
-};
+typedef struct bv_service_family {
+    const char *name;           /**< its template's file name */
+    uint32_t size;              /**< bytes of the packed structure, NAME_SIZE: the template's */
+    uint32_t store;             /**< where it is saved: a bv_service_store */
+    uint32_t flags;             /**< BV_SERVICE_HIDDEN, or 0 */
+    bv_service_check check;     /**< may refuse changes; null: every change is taken */
+    bv_service_changed changed; /**< is told of changes; may be null */
+} bv_service_family;
 
 /** A function offered to other services: see bv_ubus_server_reg(). */
-struct bv_service_function {
-    const char *name;
-    bv_ubus_handler handler;
-};
+typedef struct bv_service_function {
+    const char *name;        /**< for callers, at most 255 characters */
+    bv_ubus_handler handler; /**< runs on the owner's thread */
+} bv_service_function;
 
 /** The name of a debug module or level, for people: bv-ctl debug. */
-struct bv_service_name {
-    const char *name;
-    uint32_t number;
-};
+typedef struct bv_service_name {
+    const char *name; /**< any text */
+    uint32_t number;  /**< a module, 0 to 9, or a level, 0 to 7 */
+} bv_service_name;
 
-/** A service. Members that are not named are zero. */
-struct bv_service {
+/** A service. Members that are not named are zero; a table may be null when its count is 0. */
+typedef struct bv_service {
     uint32_t size;      /**< sizeof(struct bv_service): tells the kit which members there are */
     uint32_t flags;     /**< BV_SERVICE_COMMIT_AT_END, or 0 */
     const char *name;   /**< 1 to 100 characters of a-z, A-Z, 0-9, '-', '_' and '.' */
     const char *object; /**< the object of the functions; null: the service's name */
-    const struct bv_service_family *families;
-    uint32_t n_families;
-    uint32_t n_functions;
-    const struct bv_service_function *functions;
+    const struct bv_service_family *families;    /**< those that it owns, no name twice */
+    uint32_t n_families;                         /**< how many */
+    uint32_t n_functions;                        /**< how many functions */
+    const struct bv_service_function *functions; /**< those that it offers, no name twice */
     const char *const *writers;            /**< users that may change families, besides root */
     const struct bv_service_name *modules; /**< debug modules that can be named */
     const struct bv_service_name *levels;  /**< debug levels that can be named */
-    uint32_t n_writers;
-    uint32_t n_modules;
-    uint32_t n_levels;
+    uint32_t n_writers;                    /**< how many writers */
+    uint32_t n_modules;                    /**< how many modules */
+    uint32_t n_levels;                     /**< how many levels */
+    int (*start)(void); /**< called once the families are loaded, before anything is served. A
+                             result other than 0 is the exit status. May be null */
+    void (*end)(void);  /**< called at the end of a service that has served, after the last
+                             commit. May be null */
+} bv_service;
 
-    /** Called once the families are loaded, before anything is served. A result other than 0 ends
-     * the service with it as exit status. May be null. */
-    int (*start)(void);
-
-    /** Called when the service ends, after the last commit. May be null. */
-    void (*end)(void);
-};
-
-/** Exit statuses of bv_service_run(). A line on stderr, in syslog and on the debug channel says
- * what is wrong, where, and what to do. @{ */
-#define BV_SERVICE_ENDED 0     /**< ended by SIGTERM, SIGINT or bv_service_end() */
+/** The service was ended by SIGTERM, SIGINT or bv_service_end(). For the other exit statuses of
+ * bv_service_run() a line on stderr, in syslog and on the debug channel says what is wrong, where,
+ * and what to do. */
+#define BV_SERVICE_ENDED 0
 #define BV_SERVICE_BAD_USE 2   /**< the structure has a fault, for instance a name twice */
 #define BV_SERVICE_NO_MEMORY 3 /**< the library could not start */
 #define BV_SERVICE_TEMPLATE 4  /**< a template is missing or has faults */
 #define BV_SERVICE_SIZE 5      /**< a template's size is not the program's */
-#define BV_SERVICE_DATA                                                                            \
-    6                           /**< neither the data file nor its .good can be read: nothing was  \
-                                     changed */
+/** Neither the data file nor its .good can be read: nothing was changed. */
+#define BV_SERVICE_DATA 6
 #define BV_SERVICE_NAME_TAKEN 7 /**< another process serves an object of that name */
-/** @} */
 
 /**
  * Runs a service until SIGTERM, SIGINT or bv_service_end().
@@ -212,7 +209,7 @@ BV_API int32_t bv_service_reset(const char *family);
  * @{
  */
 
-/** A client; made by bv_service_open(). */
+/* A client, made by bv_service_open(). */
 struct bv_service_client;
 
 /**

@@ -124,7 +124,8 @@ TEST(ServiceClient, LongAnswersAreWholeAlsoWhileTheyChange)
             continue;
         json_object *parsed = bv_json_tokener_parse(answer.c_str());
         ASSERT_NE(parsed, nullptr) << answer.substr(0, 80);
-        EXPECT_EQ(bv_json_object_array_length(bv_json_object_object_get(parsed, "lan.json")), 1999u);
+        EXPECT_EQ(bv_json_object_array_length(bv_json_object_object_get(parsed, "lan.json")),
+                  1999u);
         bv_json_object_put(parsed);
     }
     changer.signal(SIGKILL);
@@ -184,7 +185,8 @@ TEST(ServiceClient, ClientLeavesInterruptsToTheProgram)
     sample.start();
     Service caller([] {
         const Caller watcher;
-        bv_service_watch(watcher, nullptr, [](const char *, const char *, void *) {}, nullptr, 0);
+        bv_service_watch(
+            watcher, nullptr, [](const char *, const char *, void *) {}, nullptr, 0);
         return 0;
     });
     usleep(100000);

@@ -155,8 +155,9 @@ TEST_F(ServiceObject, ChangesAreMadeCountedAndUndone)
     EXPECT_EQ(caller.ask("get", R"({"lan.json":["2"]})").substr(0, 9), "10000014:");
     EXPECT_EQ(count(), "3");
 
-    EXPECT_EQ(caller.ask("set", R"({"lan.json":[{"inst":"1","para":{"mtu":"70000"}}]})").substr(0, 9),
-              "10000010:");
+    EXPECT_EQ(
+        caller.ask("set", R"({"lan.json":[{"inst":"1","para":{"mtu":"70000"}}]})").substr(0, 9),
+        "10000010:");
     EXPECT_EQ(caller.ask("set", R"({"lan.json":[{"inst":"1","para":{"hostname":"refused"}}]})")
                   .substr(0, 3),
               "77:");
@@ -212,23 +213,22 @@ TEST_F(ServiceObject, LongAnswersComeInPartsOfOneGeneration)
 
 TEST_F(ServiceObject, RequestsWithoutTheirFieldsAreInvalid)
 {
-    const Build faulty[] = {
-        [](blob_buf *) {},
-        [](blob_buf *b) { bv_blobmsg_add_string(b, "op", "get"); },
-        [](blob_buf *b) { bv_blobmsg_add_u32(b, "version", 1); },
-        [](blob_buf *b) {
-            bv_blobmsg_add_u32(b, "version", 2);
-            bv_blobmsg_add_string(b, "op", "get");
-        },
-        [](blob_buf *b) {
-            bv_blobmsg_add_string(b, "version", "1");
-            bv_blobmsg_add_string(b, "op", "get");
-        },
-        [](blob_buf *b) {
-            bv_blobmsg_add_u32(b, "version", 1);
-            bv_blobmsg_add_u32(b, "op", 1);
-        },
-        [](blob_buf *b) { bv_blob_put_raw(b, "\x03\xff\xff\xf0", 4); }};
+    const Build faulty[] = {[](blob_buf *) {},
+                            [](blob_buf *b) { bv_blobmsg_add_string(b, "op", "get"); },
+                            [](blob_buf *b) { bv_blobmsg_add_u32(b, "version", 1); },
+                            [](blob_buf *b) {
+                                bv_blobmsg_add_u32(b, "version", 2);
+                                bv_blobmsg_add_string(b, "op", "get");
+                            },
+                            [](blob_buf *b) {
+                                bv_blobmsg_add_string(b, "version", "1");
+                                bv_blobmsg_add_string(b, "op", "get");
+                            },
+                            [](blob_buf *b) {
+                                bv_blobmsg_add_u32(b, "version", 1);
+                                bv_blobmsg_add_u32(b, "op", 1);
+                            },
+                            [](blob_buf *b) { bv_blob_put_raw(b, "\x03\xff\xff\xf0", 4); }};
     for (const Build &build : faulty) {
         for (const char *method : {"read", "write"}) {
             const Reply answer = send(method, build);
@@ -258,9 +258,8 @@ TEST(ServiceRights, OnlyRootAndTheNamedUsersWrite)
                         wire::attribute(wire::kAttrMethod, wire::text(method)),
                         wire::attribute(wire::kAttrData, fields)});
         if (user != nullptr)
-            attributes =
-                wire::join({attributes, wire::attribute(wire::kAttrUser, wire::text(user)),
-                            wire::attribute(wire::kAttrGroup, wire::text("root"))});
+            attributes = wire::join({attributes, wire::attribute(wire::kAttrUser, wire::text(user)),
+                                     wire::attribute(wire::kAttrGroup, wire::text("root"))});
         peer.send({wire::kInvoke, 7, kScriptedCaller, attributes});
         wire::Message message;
         do

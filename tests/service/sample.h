@@ -76,7 +76,7 @@ public:
         const int32_t status = bv_service_request(client_, op, data, &answer);
         char code[16];
         snprintf(code, sizeof(code), "%x: ", static_cast<unsigned>(status));
-        std::string result = status != 0 ? std::string(code) + bv_service_words(client_)
+        std::string result = status != 0         ? std::string(code) + bv_service_words(client_)
                              : answer != nullptr ? answer
                                                  : "";
         free(answer);

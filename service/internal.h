@@ -48,6 +48,8 @@ struct Text {
     void put(const char *text, uint32_t length);
     // With quotes around it, and escaped as JSON wants it.
     void put_quoted(const char *text);
+    // Formats at most 255 characters.
+    void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
 };
 
 // ---- values.cpp ----

@@ -67,21 +67,11 @@ int32_t take_values(const bv_db_family &family, uint8_t *image, json_object *par
 {
     json_object_iterator at = json_object_iter_begin(para);
     const json_object_iterator end = json_object_iter_end(para);
-    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
-        const char *name = json_object_iter_peek_name(&at);
-        json_object *value = json_object_iter_peek_value(&at);
-        const bool is_text = bv_json_object_is_type(value, json_type_string) != 0;
-        if (!is_text && bv_json_object_is_type(value, json_type_int) == 0)
-            return words.refuse(BV_ERR_INVALID, "%s.%.80s: the value must be a text", family.name,
-                                name);
-        const char *text = bv_json_object_get_string(value);
-        const size_t length =
-            is_text ? static_cast<size_t>(json_object_get_string_len(value)) : strlen(text);
-        const int32_t status = set_value(family, image, name, text, length, words);
-        if (status != BV_OK)
-            return status;
-    }
-    return BV_OK;
+    int32_t status = BV_OK;
+    for (; status == BV_OK && !json_object_iter_equal(&at, &end); json_object_iter_next(&at))
+        status = set_value(family, image, json_object_iter_peek_name(&at),
+                           json_object_iter_peek_value(&at), words);
+    return status;
 }
 
 // The number of an element's instance, which must suit what is meant.

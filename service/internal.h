@@ -83,9 +83,9 @@ bool same_values(const bv_db_family &family, const uint8_t *a, const uint8_t *b)
 // Whether every value of an image would come back from a data file: no quote, backslash or control
 // character, each string terminated in its len. The words name the parameter.
 int32_t check_image(const bv_db_family &family, const uint8_t *image, Words &words);
-// Sets the parameter of an image from its text: type, range, length.
+// Sets the parameter of an image: type, range, length.
 int32_t set_value(const bv_db_family &family, uint8_t *image, const char *parameter,
-                  const char *text, size_t length, Words &words);
+                  struct json_object *value, Words &words);
 // Appends {"inst":"1","para":{...}}; without values for a hidden family.
 void put_instance(Text &out, const bv_db_family &family, const uint8_t *image, int32_t number,
                   bool hidden);

@@ -42,42 +42,25 @@ void close_file(int fd)
 }
 using File = bv::Owned<int, -1, close_file>;
 
-// The families of a store, for a range-for loop.
-class FamiliesOf {
-public:
-    struct End {};
-    class Iterator {
-    public:
-        explicit Iterator(uint32_t store) : store_(store) { skip(); }
-        const bv_service_family &operator*() const { return g_service->families[at_]; }
-        void operator++()
-        {
-            ++at_;
-            skip();
-        }
-        bool operator!=(End) const { return at_ < g_service->n_families; }
-
-    private:
-        void skip()
-        {
-            while (at_ < g_service->n_families && g_service->families[at_].store != store_)
-                ++at_;
-        }
-        uint32_t store_;
-        uint32_t at_ = 0;
-    };
-    explicit FamiliesOf(uint32_t store) : store_(store) {}
-    Iterator begin() const { return Iterator(store_); }
-    End end() const { return {}; }
-
-private:
-    uint32_t store_;
+// The families that the service lists.
+struct Listed {
+    const bv_service_family *begin() const { return g_service->families; }
+    const bv_service_family *end() const { return g_service->families + g_service->n_families; }
 };
 
 bool is_ours(uint32_t store, const char *name, size_t length)
 {
-    for (const bv_service_family &family : FamiliesOf(store))
-        if (strlen(family.name) == length && memcmp(family.name, name, length) == 0)
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && strlen(family.name) == length &&
+            memcmp(family.name, name, length) == 0)
+            return true;
+    return false;
+}
+
+bool is_used(uint32_t store)
+{
+    for (const bv_service_family &family : Listed())
+        if (family.store == store)
             return true;
     return false;
 }
@@ -179,101 +162,82 @@ bool read_file(const char *path, Contents &out)
 }
 
 // Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
-// nothing in it. `repair`: moves a damaged file away. False when there is nothing to go on with,
-// which was said.
+// nothing in it. `repair` says so, and moves a damaged file away. False when there is nothing to go
+// on with: nothing was changed then.
 bool read_store(const Path &path, bool repair, Contents &out)
 {
     out.from = "file";
     if (read_file(path.file(), out))
         return true;
     const int error = errno;
-    if (error != 0 && error != ENOENT) {
-        say("%s cannot be read: %s", path.file(), strerror(error));
-        return false;
+    const char *why = error == 0 ? "is damaged" : strerror(error);
+    bool missing = error == ENOENT;
+    if (missing || error == 0) {
+        out.clear();
+        out.from = "good";
+        if (read_file(path.with(".good"), out)) {
+            if (repair && error == 0)
+                rename(path.file(), path.with(".bad"));
+            if (repair)
+                say("%s: %s: taking what was saved before, from .good", path.file(), why);
+            return true;
+        }
+        missing = missing && errno == ENOENT;
     }
-    const char *what = error == 0 ? "is damaged" : "is missing";
-    out.clear();
-    out.from = "good";
-    if (read_file(path.with(".good"), out)) {
-        if (repair && error == 0)
-            rename(path.file(), path.with(".bad"));
-        if (repair)
-            say("%s %s: taking what was saved before, from .good%s", path.file(), what,
-                error == 0 ? "; the damaged file is now .bad" : "");
-        return true;
+    if (missing) {
+        out.clear();
+        out.from = "defaults";
+        out.tree = json_object_new_object();
+    } else if (repair) {
+        say("%s: %s, and there is no .good: repair it, or remove both to start with the defaults",
+            path.file(), why);
     }
-    if (error == 0 || errno != ENOENT) {
-        say("%s %s, and its .good cannot be read either: repair it, or remove both to start with "
-            "the defaults",
-            path.file(), what);
-        return false;
-    }
-    out.clear();
-    out.from = "defaults";
-    out.tree = json_object_new_object();
-    return out.tree != nullptr;
+    return missing && out.tree != nullptr;
 }
 
 // ---- what a file has ----
 
 // Takes the values of an element. One that does not fit is replaced by the default; one that is
 // missing stays as it is in the image, which has those of the element before.
-void take_values(const bv_db_family &family, json_object *para, uint8_t *image, bool report)
+void take_values(const bv_db_family &family, json_object *values, uint8_t *image, bool report)
 {
-    int32_t position = 0;
-    for (const bv_db_para &wanted : parameters(family)) {
-        json_object *value = bv_json_object_object_get(para, wanted.name);
-        const char *text = bv_json_object_get_string(value);
-        if (text != nullptr) {
-            const size_t length = bv_json_object_is_type(value, json_type_string) != 0
-                                      ? static_cast<size_t>(json_object_get_string_len(value))
-                                      : strlen(text);
-            Words why;
-            if (value_fits(wanted, text, length, why))
-                put_value(wanted, image + position, text);
-            else
-                memcpy(image + position, family.default_image + position,
-                       static_cast<size_t>(wanted.len));
-            if (report && *why.text != '\0')
-                note("%s.%s: %s; it takes its default", family.name, wanted.name, why.text);
-        }
-        position += wanted.len;
-    }
-}
-
-// Says which values of an element the family has no parameter for.
-void report_unknown(const bv_db_family &family, json_object *para)
-{
-    json_object_iterator at = json_object_iter_begin(para);
-    const json_object_iterator end = json_object_iter_end(para);
+    json_object_iterator at = json_object_iter_begin(values);
+    const json_object_iterator end = json_object_iter_end(values);
     for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
+        const char *name = json_object_iter_peek_name(&at);
+        json_object *value = json_object_iter_peek_value(&at);
+        if (value == nullptr)
+            continue;
+        Words why;
+        const int32_t status = set_value(family, image, name, value, why);
         int32_t position;
-        if (find_parameter(family, json_object_iter_peek_name(&at), position) == nullptr)
-            note("%s.%.80s: no such parameter; it is left out", family.name,
-                 json_object_iter_peek_name(&at));
+        const bv_db_para *para = find_parameter(family, name, position);
+        if (status != BV_OK && para != nullptr)
+            memcpy(image + position, family.default_image + position,
+                   static_cast<size_t>(para->len));
+        if (status != BV_OK && report)
+            note("%s: the value in the file is left out", why.text);
     }
 }
 
 // Plans the instance of one element. False without memory.
-bool plan_element(const bv_service_family &listed, bv_db_family &family, json_object *element,
-                  uint8_t *image, Plan &plan, bool report)
+bool plan_element(const bv_service_family &listed, json_object *element, uint8_t *image, Plan &plan,
+                  bool report)
 {
+    bv_db_family &family = record(listed);
     json_object *inst = bv_json_object_object_get(element, "inst");
-    json_object *para = bv_json_object_object_get(element, "para");
-    if (inst == nullptr || para == nullptr) {
+    json_object *values = bv_json_object_object_get(element, "para");
+    if (inst == nullptr || values == nullptr) {
         if (report)
             note("%s: an element without \"inst\" or \"para\" is left out", family.name);
         return true;
     }
-    if (bv_json_object_is_type(para, json_type_object) != 0) {
-        take_values(family, para, image, report);
-        if (report)
-            report_unknown(family, para);
-    }
+    if (bv_json_object_is_type(values, json_type_object) != 0)
+        take_values(family, values, image, report);
     const int32_t number = bv_json_object_get_int(inst);
     const Change *known = find_change(plan, family, number);
     if (known != nullptr) {
-        memcpy(known->is, image, static_cast<size_t>(family.image_size));
+        memcpy(known->is, image, listed.size);
         return true;
     }
     uint8_t *copy = copy_image(family, image);
@@ -294,7 +258,7 @@ bool plan_saved(json_object *tree, const bv_service_family &listed, Plan &plan, 
     for (size_t i = 0; done && i < count; ++i) {
         json_object *element = bv_json_object_array_get_idx(elements, i);
         if (bv_json_object_is_type(element, json_type_object) != 0)
-            done = plan_element(listed, family, element, image, plan, report);
+            done = plan_element(listed, element, image, plan, report);
     }
     if (!done || plan.count != 0) {
         free(image);
@@ -324,8 +288,8 @@ bool is_saved(json_object *tree, const bv_service_family &listed)
 
 bool are_saved(json_object *tree, uint32_t store)
 {
-    for (const bv_service_family &family : FamiliesOf(store))
-        if (!is_saved(tree, family))
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && !is_saved(tree, family))
             return false;
     return true;
 }
@@ -412,7 +376,9 @@ bool write_families(uint32_t store, const char *path)
     auto *records = static_cast<bv_db_reg *>(calloc(g_service->n_families, sizeof(bv_db_reg)));
     if (records == nullptr)
         return false;
-    for (const bv_service_family &family : FamiliesOf(store)) {
+    for (const bv_service_family &family : Listed()) {
+        if (family.store != store)
+            continue;
         bv_db_reg &one = records[count++];
         snprintf(one.name, sizeof one.name, "%s", family.name);
         bv::list_append(list, one.link);
@@ -491,26 +457,26 @@ bool write_beside(uint32_t store, const Contents &present, const Path &path, boo
     return equal || fsync(file.get()) == 0;
 }
 
-int32_t check_families(uint32_t store)
+// Whether every value would come back from a file.
+bool check_families(uint32_t store)
 {
-    for (const bv_service_family &listed : FamiliesOf(store)) {
+    for (const bv_service_family &listed : Listed()) {
+        if (listed.store != store)
+            continue;
         const bv_db_family &family = record(listed);
-        for (const bv_db_inst &instance : instances(family)) {
-            Words words;
-            if (check_image(family, instance.image, words) == BV_OK)
-                continue;
-            say("nothing is saved: instance %d of %s", instance.number, words.text);
-            return BV_ERR_INVALID;
-        }
+        Words words;
+        for (const bv_db_inst &instance : instances(family))
+            if (check_image(family, instance.image, words) != BV_OK)
+                return say("nothing is saved: instance %d of %s", instance.number, words.text),
+                       false;
     }
-    return BV_OK;
+    return true;
 }
 
 int32_t save(uint32_t store)
 {
-    const int32_t status = check_families(store);
-    if (status != BV_OK)
-        return status;
+    if (!check_families(store))
+        return BV_ERR_INVALID;
     const Path path(store);
     const Lock lock(path);
     if (!lock.held()) {
@@ -552,30 +518,38 @@ int match(const char *path, const struct stat *, int, FTW *at)
     return 0;
 }
 
-// Refuses what the database would skip, cut or store as something else. Null, or why.
-const char *find_fault(const bv_db_family &family, Words &words)
+// What the database would skip, cut or store as something else. False with the words set.
+bool check_parameter(const bv_db_family &family, const bv_db_para &para, Words &words)
 {
-    for (const bv_db_para &para : parameters(family)) {
-        if (para.valid == 0)
-            return "a parameter lacks its name, type, len or value, or is too long";
-        const bv::ParameterType *type = bv::find_type(para.type);
-        int32_t position;
-        words.refuse(0, "\"%.60s\" has an unknown type", para.name);
-        if (type == nullptr)
-            return words.text;
-        words.refuse(0, "\"%.60s\" has a len that does not fit its type", para.name);
-        if (para.len < 1 || (type->size != 0 && para.len != type->size))
-            return words.text;
-        tools::Reason why;
-        words.refuse(0, "\"%.60s\" is a name twice, or not a name", para.name);
-        if (*para.name == '\0' || !tools::text_survives(para.name, strlen(para.name), why) ||
-            find_parameter(family, para.name, position) != &para)
-            return words.text;
-        Words reason;
-        if (!value_fits(para, para.value, strlen(para.value), reason))
-            return words.refuse(0, "\"%.60s\": %s", para.name, reason.text), words.text;
-    }
-    return family.para_count == 0 ? "it has no parameters, or is not a template" : nullptr;
+    const bv::ParameterType *type = bv::find_type(para.type);
+    int32_t position;
+    tools::Reason why;
+    Words unfit;
+    const char *fault = nullptr;
+    if (para.valid == 0)
+        fault = "it lacks its name, type, len or value, or is too long";
+    else if (type == nullptr)
+        fault = "its type is unknown";
+    else if (para.len < 1 || (type->size != 0 && para.len != type->size))
+        fault = "its len does not fit its type";
+    else if (*para.name == '\0' || !tools::text_survives(para.name, strlen(para.name), why))
+        fault = "its name cannot be used";
+    else if (find_parameter(family, para.name, position) != &para)
+        fault = "its name is there twice";
+    else if (!value_fits(para, para.value, strlen(para.value), unfit))
+        fault = unfit.text;
+    words.refuse(0, "parameter %d, \"%.60s\": %s", static_cast<int>(&para - family.para) + 1,
+                 para.name, fault == nullptr ? "" : fault);
+    return fault == nullptr;
+}
+
+bool check_template(const bv_db_family &family, Words &words)
+{
+    words.refuse(0, "it has no parameters, or is not a template");
+    for (const bv_db_para &para : parameters(family))
+        if (!check_parameter(family, para, words))
+            return false;
+    return family.para_count > 0;
 }
 
 int load_template(const bv_service_family &listed)
@@ -596,9 +570,8 @@ int load_template(const bv_service_family &listed)
         return say("no memory for %s", listed.name), BV_SERVICE_NO_MEMORY;
     bv_db_template_read_single(g_found, family);
     Words words;
-    const char *fault = find_fault(*family, words);
-    if (fault != nullptr) {
-        say("%s: %s: run bv-template check on it", g_found, fault);
+    if (!check_template(*family, words)) {
+        say("%s: %s: run bv-template check on it", g_found, words.text);
         return BV_SERVICE_TEMPLATE;
     }
     if (family->image_size != static_cast<int32_t>(listed.size)) {
@@ -608,20 +581,6 @@ int load_template(const bv_service_family &listed)
         return BV_SERVICE_SIZE;
     }
     return BV_SERVICE_ENDED;
-}
-
-// The conversions' own descriptors and image hold the defaults again: what a later load through
-// the bare interface starts from.
-void refill(bv_db_family &family)
-{
-    const auto size = static_cast<size_t>(family.image_size);
-    void *copy = calloc(1, size + bv::kParameterTextSize);
-    if (copy == nullptr)
-        return;
-    memcpy(copy, family.default_image, size);
-    bv_db_user_fill_frommem(copy, family.para_count, family.para);
-    bv_db_user_fill_tomem(&family, 0);
-    free(copy);
 }
 
 // Without memory some instances may be missing: the service must not go on.
@@ -646,79 +605,67 @@ int load_store(uint32_t store)
     Contents contents;
     if (!read_store(path, lock.held(), contents))
         return BV_SERVICE_DATA;
-    for (const bv_service_family &family : FamiliesOf(store))
-        if (!fill(family, contents.tree))
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && !fill(family, contents.tree))
             return say("no memory for %s", family.name), BV_SERVICE_NO_MEMORY;
     if (strcmp(contents.from, "good") == 0 || strcmp(g_state.loaded, "defaults") == 0)
         g_state.loaded = contents.from;
     return BV_SERVICE_ENDED;
 }
 
-// The family is to have exactly the planned instances.
+// Plans what the data file has of a family. The words say why not.
+int32_t plan_from_file(const bv_service_family &family, Plan &plan, Words &words)
+{
+    const Path path(family.store);
+    Contents contents;
+    if (!read_store(path, false, contents))
+        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", path.file());
+    return plan_saved(contents.tree, family, plan, false)
+               ? BV_OK
+               : words.refuse(BV_ERR_MEMORY, "no memory");
+}
+
+// The family has exactly the planned instances afterwards.
 int32_t replace(const bv_service_family &family, Plan &plan)
 {
     Words words;
-    if (!add_removals(plan, family, record(family)))
-        return BV_ERR_MEMORY;
-    const int32_t status = make(plan, words, false);
-    if (status == BV_OK)
-        refill(record(family));
-    return status;
-}
-
-int32_t commit_stores(uint32_t first, uint32_t last)
-{
-    if (g_service == nullptr)
-        return BV_ERR_FAILED;
-    int32_t result = BV_OK;
-    for (uint32_t store = first; store <= last; ++store) {
-        const int32_t status = commit(static_cast<bv_service_store>(store));
-        if (result == BV_OK)
-            result = status;
-    }
-    return result;
+    return add_removals(plan, family, record(family)) ? make(plan, words, false) : BV_ERR_MEMORY;
 }
 
 } // namespace
 
 int bv::service::load()
 {
+    int status = BV_SERVICE_ENDED;
     g_state = {"defaults", 0, BV_OK};
-    for (uint32_t i = 0; i < g_service->n_families; ++i) {
-        const int status = load_template(g_service->families[i]);
-        if (status != BV_SERVICE_ENDED)
-            return status;
-    }
-    for (uint32_t store = 0; store < kStores; ++store) {
-        const int status =
-            FamiliesOf(store).begin() != FamiliesOf::End() ? load_store(store) : BV_SERVICE_ENDED;
-        if (status != BV_SERVICE_ENDED)
-            return status;
-    }
+    for (const bv_service_family &family : Listed())
+        if (status == BV_SERVICE_ENDED)
+            status = load_template(family);
+    for (uint32_t store = 0; store < kStores; ++store)
+        if (status == BV_SERVICE_ENDED && is_used(store))
+            status = load_store(store);
     bv_db_ready();
-    return BV_SERVICE_ENDED;
+    return status;
 }
 
 int32_t bv::service::commit(bv_service_store store)
 {
-    if (!(FamiliesOf(store).begin() != FamiliesOf::End()))
+    if (g_service == nullptr)
+        return BV_ERR_FAILED;
+    if (!is_used(store))
         return BV_OK;
     g_state.saved_status = save(store);
     if (g_state.saved_status == BV_OK)
         g_state.saved = time(nullptr);
-    for (const bv_service_family &family : FamiliesOf(store))
-        refill(record(family));
     return g_state.saved_status;
 }
 
 int32_t bv::service::revert(const bv_service_family &family)
 {
-    const Path path(family.store);
-    Contents contents;
     Plan plan;
-    if (!read_store(path, false, contents))
-        return BV_ERR_NO_FILE;
-    return plan_saved(contents.tree, family, plan, false) ? replace(family, plan) : BV_ERR_MEMORY;
+    Words words;
+    const int32_t status = plan_from_file(family, plan, words);
+    return status == BV_OK ? replace(family, plan) : status;
 }
 
 int32_t bv::service::reset(const bv_service_family &family)
@@ -729,20 +676,15 @@ int32_t bv::service::reset(const bv_service_family &family)
 
 int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words &words)
 {
-    const Path path(family.store);
-    Contents contents;
     Plan plan;
-    if (!read_store(path, false, contents))
-        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", path.file());
-    if (!plan_saved(contents.tree, family, plan, false))
-        return words.refuse(BV_ERR_MEMORY, "no memory");
-    for (uint32_t i = 0; i < plan.count; ++i) {
+    const int32_t status = plan_from_file(family, plan, words);
+    for (uint32_t i = 0; status == BV_OK && i < plan.count; ++i) {
         out.put(i == 0 ? "[" : ",");
         put_instance(out, record(family), plan.changes[i].is, plan.changes[i].instance,
                      (family.flags & BV_SERVICE_HIDDEN) != 0);
     }
-    out.put("]");
-    return BV_OK;
+    out.put(status == BV_OK ? "]" : "");
+    return status;
 }
 
 const StoreState &bv::service::store_state()
@@ -752,19 +694,20 @@ const StoreState &bv::service::store_state()
 
 bool bv::service::is_unsaved(const bv_service_family &family)
 {
-    const Path path(family.store);
     Contents contents;
-    return !read_store(path, false, contents) || !is_saved(contents.tree, family);
+    return !read_store(Path(family.store), false, contents) || !is_saved(contents.tree, family);
 }
 
 int32_t bv_service_commit()
 {
-    return commit_stores(BV_SERVICE_USER, BV_SERVICE_PRIVATE);
+    const int32_t user = commit(BV_SERVICE_USER);
+    const int32_t others = commit(BV_SERVICE_PRIVATE);
+    return user != BV_OK ? user : others;
 }
 
 int32_t bv_service_commit_factory()
 {
-    return commit_stores(BV_SERVICE_FACTORY, BV_SERVICE_FACTORY);
+    return commit(BV_SERVICE_FACTORY);
 }
 
 int32_t bv_service_revert(const char *family)

@@ -96,12 +96,19 @@ int32_t bv::service::check_image(const bv_db_family &family, const uint8_t *imag
 }
 
 int32_t bv::service::set_value(const bv_db_family &family, uint8_t *image, const char *parameter,
-                               const char *text, size_t length, Words &words)
+                               json_object *value, Words &words)
 {
     int32_t position;
     const bv_db_para *para = find_parameter(family, parameter, position);
     if (para == nullptr)
         return words.refuse(BV_ERR_INVALID, "%s.%.80s: no such parameter", family.name, parameter);
+    const bool is_text = bv_json_object_is_type(value, json_type_string) != 0;
+    if (!is_text && bv_json_object_is_type(value, json_type_int) == 0)
+        return words.refuse(BV_ERR_INVALID, "%s.%s: the value must be a text", family.name,
+                            parameter);
+    const char *text = bv_json_object_get_string(value);
+    const size_t length =
+        is_text ? static_cast<size_t>(json_object_get_string_len(value)) : strlen(text);
     Words why;
     if (!value_fits(*para, text, length, why))
         return words.refuse(BV_ERR_INVALID, "%s.%s: %s", family.name, parameter, why.text);

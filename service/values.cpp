@@ -103,7 +103,8 @@ int32_t bv::service::set_value(const bv_db_family &family, uint8_t *image, const
     if (para == nullptr)
         return words.refuse(BV_ERR_INVALID, "%s.%.80s: no such parameter", family.name, parameter);
     const bool is_text = bv_json_object_is_type(value, json_type_string) != 0;
-    if (!is_text && bv_json_object_is_type(value, json_type_int) == 0)
+    if (value == nullptr || bv_json_object_is_type(value, json_type_array) != 0 ||
+        bv_json_object_is_type(value, json_type_object) != 0)
         return words.refuse(BV_ERR_INVALID, "%s.%s: the value must be a text", family.name,
                             parameter);
     const char *text = bv_json_object_get_string(value);

@@ -3,7 +3,7 @@
 // recorded; then every folder is made that a disk may have after them: of the calls up to some
 // point, those that no sync has covered yet are there or not, each by itself, and of such a write
 // there may be the first half, or zeros. A service that starts then has the old settings or the
-// new ones.
+// new ones. The same calls are made to fail, too.
 #include "service/fixture.h"
 #include "support/faults.h"
 
@@ -34,6 +34,17 @@ std::map<int, int> g_of_fd;         // -1: the folder itself
 std::map<FILE *, std::pair<int, size_t>> g_of_stream;
 std::vector<std::string> g_first; // contents of the files that are there at the beginning
 int g_nodes;
+
+// The call that fails, counted from 1, and how many there were.
+int g_failing, g_asked;
+
+bool fails(bool concerned)
+{
+    if (!g_recording || !concerned || ++g_asked != g_failing)
+        return false;
+    errno = EIO;
+    return true;
+}
 
 constexpr char kFolder[] = "/config/work/";
 
@@ -68,6 +79,8 @@ void moved(int node, const std::string &to, const std::string &from)
 
 BV_INTERPOSE(cut_open, BV_LARGE("open"), int, (const char *path, int flags, mode_t mode))
 {
+    if (fails(!name_of(path).empty()))
+        return -1;
     const int fd = BV_NEXT(cut_open)(path, flags, mode);
     if (!g_recording || fd < 0)
         return fd;
@@ -81,6 +94,8 @@ BV_INTERPOSE(cut_open, BV_LARGE("open"), int, (const char *path, int flags, mode
 
 BV_INTERPOSE(cut_fopen, BV_LARGE("fopen"), FILE *, (const char *path, const char *mode))
 {
+    if (fails(!name_of(path).empty()))
+        return nullptr;
     FILE *file = BV_NEXT(cut_fopen)(path, mode);
     if (file != nullptr && g_recording)
         g_of_stream.erase(file);
@@ -92,6 +107,8 @@ BV_INTERPOSE(cut_fopen, BV_LARGE("fopen"), FILE *, (const char *path, const char
 
 BV_INTERPOSE(cut_fwrite, "fwrite", size_t, (const void *from, size_t size, size_t n, FILE *file))
 {
+    if (g_recording && fails(g_of_stream.count(file) != 0))
+        return 0;
     const size_t done = BV_NEXT(cut_fwrite)(from, size, n, file);
     if (g_recording && g_of_stream.count(file) != 0) {
         auto &at = g_of_stream[file];
@@ -105,6 +122,8 @@ BV_INTERPOSE(cut_fwrite, "fwrite", size_t, (const void *from, size_t size, size_
 BV_INTERPOSE(cut_pwrite, BV_LARGE("pwrite"), ssize_t,
              (int fd, const void *from, size_t size, off_t offset))
 {
+    if (g_recording && fails(g_of_fd.count(fd) != 0))
+        return -1;
     const ssize_t done = BV_NEXT(cut_pwrite)(fd, from, size, offset);
     if (g_recording && g_of_fd.count(fd) != 0 && done > 0)
         g_calls.push_back(
@@ -115,6 +134,8 @@ BV_INTERPOSE(cut_pwrite, BV_LARGE("pwrite"), ssize_t,
 
 BV_INTERPOSE(cut_fsync, "fsync", int, (int fd))
 {
+    if (g_recording && fails(g_of_fd.count(fd) != 0))
+        return -1;
     const int result = BV_NEXT(cut_fsync)(fd);
     if (g_recording && g_of_fd.count(fd) != 0)
         g_calls.push_back(
@@ -124,6 +145,8 @@ BV_INTERPOSE(cut_fsync, "fsync", int, (int fd))
 
 BV_INTERPOSE(cut_rename, "rename", int, (const char *from, const char *to))
 {
+    if (fails(!name_of(from).empty()))
+        return -1;
     const int result = BV_NEXT(cut_rename)(from, to);
     if (result == 0 && !name_of(from).empty())
         moved(g_names.at(name_of(from)), name_of(to), name_of(from));
@@ -132,14 +155,28 @@ BV_INTERPOSE(cut_rename, "rename", int, (const char *from, const char *to))
 
 BV_INTERPOSE(cut_link, "link", int, (const char *from, const char *to))
 {
+    if (fails(!name_of(from).empty()))
+        return -1;
     const int result = BV_NEXT(cut_link)(from, to);
     if (result == 0 && !name_of(from).empty())
         moved(g_names.at(name_of(from)), name_of(to), "");
     return result;
 }
 
+BV_INTERPOSE(cut_fchmod, "fchmod", int, (int fd, mode_t mode))
+{
+    return g_recording && fails(g_of_fd.count(fd) != 0) ? -1 : BV_NEXT(cut_fchmod)(fd, mode);
+}
+
+BV_INTERPOSE(cut_fchown, "fchown", int, (int fd, uid_t user, gid_t group))
+{
+    return g_recording && fails(g_of_fd.count(fd) != 0) ? -1 : BV_NEXT(cut_fchown)(fd, user, group);
+}
+
 BV_INTERPOSE(cut_unlink, "unlink", int, (const char *path))
 {
+    if (fails(!name_of(path).empty()))
+        return -1;
     const int result = BV_NEXT(cut_unlink)(path);
     if (result == 0 && !name_of(path).empty())
         moved(g_names.at(name_of(path)), "", name_of(path));
@@ -371,4 +408,31 @@ TEST_F(PowerCut, WhileDamageIsRepairedLeavesOldOrNewSettings)
     write_work(folder);
     record([] { save("lan", 1300); });
     expect("lan", {"1400", "1300"});
+}
+
+TEST_F(PowerCut, CallThatFailsLeavesOldSettings)
+{
+    save("lan", 1200);
+    save("lan", 1400);
+    const Folder before = read_work();
+    for (g_failing = 1;; ++g_failing) {
+        write_work(before);
+        ASSERT_EQ(start("lan"), BV_SERVICE_ENDED);
+        set_mtu("lan.json", 1300);
+        int32_t status = 0;
+        g_asked = 0;
+        record([&] { status = bv_service_commit(); });
+        const bool last = g_asked < g_failing;
+        ASSERT_EQ(start("lan"), BV_SERVICE_ENDED);
+        if (status == BV_OK)
+            ASSERT_EQ(mtu_of("lan.json"), "1300") << g_failing;
+        else
+            ASSERT_TRUE(status == static_cast<int32_t>(BV_ERR_WRITE_OPEN) &&
+                        (mtu_of("lan.json") == "1400" || mtu_of("lan.json") == "1300"))
+                << g_failing << " " << mtu_of("lan.json");
+        if (last)
+            break;
+    }
+    EXPECT_GT(g_failing, 12);
+    g_failing = 0;
 }

@@ -1,10 +1,17 @@
 /* SPDX-License-Identifier: ISC */
 #include "service/fixture.h"
 
+#include "support/child.h"
+#include "support/faults.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 
 using namespace bv::service;
+
+// Nobody waits in these tests.
+BV_FAULT_POINT(usleep, int, (useconds_t usec), (usec), 0);
 
 namespace {
 
@@ -321,4 +328,75 @@ TEST_F(Store, OddElementsOfAFileNeverKeepTheServiceDown)
     write_file(kUserFile, R"({"lan.json":{"inst":"1"}})");
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     EXPECT_EQ(values("lan.json", 1), kDefaults);
+}
+
+TEST_F(Store, ServicesThatSaveAtTheSameTimeKeepAllThatTheySaved)
+{
+    const auto save_often = [](const char *name) {
+        if (start_service({family_of(name, kLan)}) != BV_SERVICE_ENDED)
+            return 1;
+        for (int i = 1; i <= 50; ++i) {
+            const std::string json = "{\"" + std::string(name) +
+                                     R"(":[{"inst":"1","para":{"mtu":")" + std::to_string(i) +
+                                     "\"}}]}";
+            if (request(json) != BV_OK || bv_service_commit() != BV_OK)
+                return 2;
+        }
+        return 0;
+    };
+    Child one([&] { return save_often("one.json"); }, 60);
+    Child two([&] { return save_often("two.json"); }, 60);
+    EXPECT_EQ(one.wait(), 0);
+    EXPECT_EQ(two.wait(), 0);
+    EXPECT_EQ(values_of_file(kUserFile, "one.json", 1), with_mtu(50));
+    EXPECT_EQ(values_of_file(kUserFile, "two.json", 1), with_mtu(50));
+}
+
+TEST_F(Store, HeldLockKeepsFromSavingButNotFromStarting)
+{
+    const int lock = open("/config/work/userdata.json.lock", O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    fault_usleep.fail_always();
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(bv_service_commit(), BV_ERR_WRITE_OPEN);
+    EXPECT_FALSE(file_exists(kUserFile));
+    close(lock);
+    EXPECT_EQ(bv_service_commit(), BV_OK);
+    fault_usleep.pass();
+}
+
+TEST_F(Store, OwnerIsKept)
+{
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    if (chown(kUserFile, 12, 34) != 0)
+        GTEST_SKIP() << "no other users here";
+    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    struct stat status;
+    ASSERT_EQ(stat(kUserFile, &status), 0);
+    EXPECT_EQ(status.st_uid, 12u);
+    EXPECT_EQ(status.st_gid, 34u);
+}
+
+TEST_F(Store, CommitWithoutMemoryLeavesTheOldFile)
+{
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    const std::string before = read_file(kUserFile);
+    bool refused = true;
+    for (unsigned nth = 1; refused; ++nth) {
+        int32_t status;
+        {
+            FailAllocation next(nth);
+            status = bv_service_commit();
+            refused = next.happened();
+        }
+        if (status == BV_OK)
+            break;
+        ASSERT_EQ(status, static_cast<int32_t>(BV_ERR_WRITE_OPEN)) << nth;
+        ASSERT_EQ(read_file(kUserFile), before) << nth;
+    }
+    EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
 }

@@ -156,8 +156,10 @@ bool read_file(const char *path, Contents &out)
     errno = out.text.failed ? ENOMEM : 0;
     if (errno != 0 || out.text.length == 0)
         return false;
-    out.tree = bv_json_tokener_parse(out.text.bytes);
-    errno = 0;
+    json_tokener_error error = json_tokener_success;
+    out.tree = json_tokener_parse_verbose(out.text.bytes, &error);
+    // Without memory the parser finds no fault, but gives nothing either.
+    errno = out.tree == nullptr && error <= json_tokener_continue ? ENOMEM : 0;
     return bv_json_object_is_type(out.tree, json_type_object) != 0;
 }
 

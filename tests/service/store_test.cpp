@@ -383,6 +383,7 @@ TEST_F(Store, CommitWithoutMemoryLeavesTheOldFile)
 {
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     ASSERT_EQ(bv_service_commit(), BV_OK);
+    write_file(std::string(kUserFile) + ".good", "{}");
     ASSERT_EQ(request(set_mtu(1400)), BV_OK);
     const std::string before = read_file(kUserFile);
     bool refused = true;
@@ -393,6 +394,7 @@ TEST_F(Store, CommitWithoutMemoryLeavesTheOldFile)
             status = bv_service_commit();
             refused = next.happened();
         }
+        ASSERT_FALSE(file_exists(std::string(kUserFile) + ".bad")) << nth;
         if (status == BV_OK)
             break;
         ASSERT_EQ(status, static_cast<int32_t>(BV_ERR_WRITE_OPEN)) << nth;

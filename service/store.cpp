@@ -72,44 +72,42 @@ bv_db_family &record(const bv_service_family &family)
 
 // ---- files ----
 
-struct Name {
-    char text[kPathSize + 16];
-    operator const char *() const { return text; }
-};
-
 // The file, and what is beside it. A link is followed, so that it stays one.
-class Path {
-public:
-    explicit Path(uint32_t store)
+struct Paths {
+    char file[kPathSize];
+    char tmp[kPathSize + 16];
+    char good[kPathSize + 16];
+    char linked[kPathSize + 16]; // becomes .good
+    char bad[kPathSize + 16];
+    char lock[kPathSize + 16];
+    char folder[kPathSize];
+
+    explicit Paths(uint32_t store)
     {
-        snprintf(file_, sizeof file_, "%s", kPlaces[store].path);
+        snprintf(file, sizeof file, "%s", kPlaces[store].path);
         char target[kPathSize];
         for (int links = 0; links < 8; ++links) {
-            const ssize_t length = readlink(file_, target, sizeof target - 1);
+            const ssize_t length = readlink(file, target, sizeof target - 1);
             if (length <= 0)
                 break;
             target[length] = '\0';
-            char *last = *target == '/' ? file_ : strrchr(file_, '/') + 1;
-            snprintf(last, sizeof file_ - static_cast<size_t>(last - file_), "%s", target);
+            char *last = *target == '/' ? file : strrchr(file, '/') + 1;
+            snprintf(last, sizeof file - static_cast<size_t>(last - file), "%s", target);
         }
+        snprintf(tmp, sizeof tmp, "%s.tmp", file);
+        snprintf(good, sizeof good, "%s.good", file);
+        snprintf(linked, sizeof linked, "%s.good.tmp", file);
+        snprintf(bad, sizeof bad, "%s.bad", file);
+        snprintf(lock, sizeof lock, "%s.lock", file);
+        snprintf(folder, sizeof folder, "%.*s", static_cast<int>(strrchr(file, '/') + 1 - file),
+                 file);
     }
-    const char *file() const { return file_; }
-    Name with(const char *suffix) const
-    {
-        Name name;
-        snprintf(name.text, sizeof name.text, "%s%s", file_, suffix);
-        return name;
-    }
-
-private:
-    char file_[kPathSize];
 };
 
 // Holds FILE.lock. Without it the file can be read, as it is replaced at once.
 class Lock {
 public:
-    explicit Lock(const Path &path)
-        : file_(open(path.with(".lock"), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    explicit Lock(const Paths &paths) : file_(open(paths.lock, O_RDWR | O_CREAT | O_CLOEXEC, 0600))
     {
         for (int waited = 0; file_ && !held_; waited += kLockStepMs) {
             held_ = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
@@ -166,10 +164,10 @@ bool read_file(const char *path, Contents &out)
 // Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
 // nothing in it. `repair` says so, and moves a damaged file away. False when there is nothing to go
 // on with: nothing was changed then.
-bool read_store(const Path &path, bool repair, Contents &out)
+bool read_store(const Paths &paths, bool repair, Contents &out)
 {
     out.from = "file";
-    if (read_file(path.file(), out))
+    if (read_file(paths.file, out))
         return true;
     const int error = errno;
     const char *why = error == 0 ? "is damaged" : strerror(error);
@@ -177,11 +175,11 @@ bool read_store(const Path &path, bool repair, Contents &out)
     if (missing || error == 0) {
         out.clear();
         out.from = "good";
-        if (read_file(path.with(".good"), out)) {
+        if (read_file(paths.good, out)) {
             if (repair && error == 0)
-                rename(path.file(), path.with(".bad"));
+                rename(paths.file, paths.bad);
             if (repair)
-                say("%s: %s: taking what was saved before, from .good", path.file(), why);
+                say("%s: %s: taking what was saved before, from .good", paths.file, why);
             return true;
         }
         missing = missing && errno == ENOENT;
@@ -191,8 +189,7 @@ bool read_store(const Path &path, bool repair, Contents &out)
         out.from = "defaults";
         out.tree = json_object_new_object();
     } else if (repair) {
-        say("%s: %s, and there is no .good: repair it, or remove both to start with the defaults",
-            path.file(), why);
+        say("%s: %s, and %s cannot be used: repair or remove them", paths.file, why, paths.good);
     }
     return missing && out.tree != nullptr;
 }
@@ -203,21 +200,16 @@ bool read_store(const Path &path, bool repair, Contents &out)
 // missing stays as it is in the image, which has those of the element before.
 void take_values(const bv_db_family &family, json_object *values, uint8_t *image, bool report)
 {
-    json_object_iterator at = json_object_iter_begin(values);
-    const json_object_iterator end = json_object_iter_end(values);
-    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
-        const char *name = json_object_iter_peek_name(&at);
-        json_object *value = json_object_iter_peek_value(&at);
-        if (value == nullptr)
-            continue;
+    for (const Members::Member member : Members{values}) {
         Words why;
-        const int32_t status = set_value(family, image, name, value, why);
+        if (member.value == nullptr || set_value(family, image, member, why) == BV_OK)
+            continue;
         int32_t position;
-        const bv_db_para *para = find_parameter(family, name, position);
-        if (status != BV_OK && para != nullptr)
+        const bv_db_para *para = find_parameter(family, member.name, position);
+        if (para != nullptr)
             memcpy(image + position, family.default_image + position,
                    static_cast<size_t>(para->len));
-        if (status != BV_OK && report)
+        if (report)
             note("%s: the value in the file is left out", why.text);
     }
 }
@@ -234,8 +226,7 @@ bool plan_element(const bv_service_family &listed, json_object *element, uint8_t
             note("%s: an element without \"inst\" or \"para\" is left out", family.name);
         return true;
     }
-    if (bv_json_object_is_type(values, json_type_object) != 0)
-        take_values(family, values, image, report);
+    take_values(family, values, image, report);
     const int32_t number = bv_json_object_get_int(inst);
     const Change *known = find_change(plan, family, number);
     if (known != nullptr) {
@@ -273,19 +264,16 @@ bool plan_saved(json_object *tree, const bv_service_family &listed, Plan &plan, 
 // Whether a file has a family as it is in memory.
 bool is_saved(json_object *tree, const bv_service_family &listed)
 {
-    const bv_db_family &family = record(listed);
+    bv_db_family &family = record(listed);
     Plan plan;
-    if (!plan_saved(tree, listed, plan, false))
+    if (!plan_saved(tree, listed, plan, false) || !add_removals(plan, listed, family))
         return false;
-    if (family.inst_count == 0)
-        return plan.count == 1 && plan.changes->instance == 1 &&
-               same_values(family, plan.changes->is, family.default_image);
-    for (const bv_db_inst &instance : instances(family)) {
-        const Change *saved = find_change(plan, family, instance.number);
-        if (saved == nullptr || !same_values(family, saved->is, instance.image))
-            return false;
+    if (family.inst_count != 0) {
+        drop_equal(plan);
+        return plan.count == 0;
     }
-    return plan.count == static_cast<uint32_t>(family.inst_count);
+    return plan.count == 1 && plan.changes->instance == 1 &&
+           same_values(family, plan.changes->is, family.default_image);
 }
 
 bool are_saved(json_object *tree, uint32_t store)
@@ -299,14 +287,11 @@ bool are_saved(json_object *tree, uint32_t store)
 // Whether a file has all that another one has of other services.
 bool has_others(json_object *tree, json_object *wanted, uint32_t store)
 {
-    json_object_iterator at = json_object_iter_begin(wanted);
-    const json_object_iterator end = json_object_iter_end(wanted);
-    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
-        const char *name = json_object_iter_peek_name(&at);
+    for (const Members::Member member : Members{wanted}) {
         json_object *value = nullptr;
-        if (!is_ours(store, name, strlen(name)) &&
-            (json_object_object_get_ex(tree, name, &value) == 0 ||
-             json_object_equal(value, json_object_iter_peek_value(&at)) == 0))
+        if (!is_ours(store, member.name, strlen(member.name)) &&
+            (json_object_object_get_ex(tree, member.name, &value) == 0 ||
+             json_object_equal(value, member.value) == 0))
             return false;
     }
     return true;
@@ -391,7 +376,7 @@ bool write_families(uint32_t store, const char *path)
 }
 
 // Appends what other services have, and gives the file the owner and mode of the old one.
-bool complete(int fd, const Text &ours, uint32_t store, const Contents &present, const Path &path)
+bool complete(int fd, const Text &ours, uint32_t store, const Contents &present, const Paths &paths)
 {
     Text rest;
     if (present.text.length != 0)
@@ -409,47 +394,40 @@ bool complete(int fd, const Text &ours, uint32_t store, const Contents &present,
         done += static_cast<uint32_t>(wrote);
     }
     struct stat old;
-    if (stat(path.file(), &old) != 0 && stat(path.with(".good"), &old) != 0)
+    if (stat(paths.file, &old) != 0 && stat(paths.good, &old) != 0)
         return true;
     return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
 }
 
-bool sync_folder(const Path &path)
-{
-    Name folder = path.with("");
-    *(strrchr(folder.text, '/') + 1) = '\0';
-    const File file(open(folder.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return file && fsync(file.get()) == 0;
-}
-
 // Puts the written file in place of the old one, which becomes .good.
-bool put_in_place(const Path &path)
+bool put_in_place(const Paths &paths)
 {
-    const Name made = path.with(".good.tmp");
-    unlink(made);
-    if (link(path.file(), made) == 0)
-        rename(made, path.with(".good"));
+    unlink(paths.linked);
+    if (link(paths.file, paths.linked) == 0)
+        rename(paths.linked, paths.good);
     else if (errno != ENOENT)
-        note("%s.good cannot be made: %s", path.file(), strerror(errno));
-    return rename(path.with(".tmp"), path.file()) == 0 && sync_folder(path);
+        note("%s cannot be made: %s", paths.good, strerror(errno));
+    if (rename(paths.tmp, paths.file) != 0)
+        return false;
+    const File folder(open(paths.folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && fsync(folder.get()) == 0;
 }
 
 // Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
-bool write_beside(uint32_t store, const Contents &present, const Path &path, bool &equal)
+bool write_beside(uint32_t store, const Contents &present, const Paths &paths, bool &equal)
 {
-    const Name tmp = path.with(".tmp");
-    unlink(tmp);
+    unlink(paths.tmp);
     errno = 0;
-    if (!write_families(store, tmp))
+    if (!write_families(store, paths.tmp))
         return false;
     Contents ours;
-    if (!read_file(tmp, ours))
+    if (!read_file(paths.tmp, ours))
         return false;
-    const File file(open(tmp, O_WRONLY | O_CLOEXEC));
-    if (!file || !complete(file.get(), ours.text, store, present, path))
+    const File file(open(paths.tmp, O_WRONLY | O_CLOEXEC));
+    if (!file || !complete(file.get(), ours.text, store, present, paths))
         return false;
     Contents written;
-    if (!read_file(tmp, written))
+    if (!read_file(paths.tmp, written))
         return false;
     errno = 0;
     if (!are_saved(written.tree, store) || !has_others(written.tree, present.tree, store))
@@ -479,27 +457,27 @@ int32_t save(uint32_t store)
 {
     if (!check_families(store))
         return BV_ERR_INVALID;
-    const Path path(store);
-    const Lock lock(path);
+    const Paths paths(store);
+    const Lock lock(paths);
     if (!lock.held()) {
-        say("%s cannot be saved: %s.lock: %s", path.file(), kPlaces[store].path, strerror(errno));
+        say("%s cannot be saved: %s: %s", paths.file, paths.lock, strerror(errno));
         return BV_ERR_WRITE_OPEN;
     }
     Contents present;
-    if (!read_store(path, true, present))
+    if (!read_store(paths, true, present))
         return BV_ERR_WRITE_OPEN;
     if (strcmp(present.from, "file") == 0 && are_saved(present.tree, store))
         return BV_OK;
 
     bool equal = false;
-    if (write_beside(store, present, path, equal) && (equal || put_in_place(path))) {
+    if (write_beside(store, present, paths, equal) && (equal || put_in_place(paths))) {
         if (equal)
-            unlink(path.with(".tmp"));
+            unlink(paths.tmp);
         return BV_OK;
     }
     const int error = errno;
-    unlink(path.with(".tmp"));
-    say("%s cannot be saved: %s", path.file(),
+    unlink(paths.tmp);
+    say("%s cannot be saved: %s", paths.file,
         error != 0 ? strerror(error) : "it does not come back as written; is the disk full?");
     return BV_ERR_WRITE_OPEN;
 }
@@ -520,36 +498,25 @@ int match(const char *path, const struct stat *, int, FTW *at)
     return 0;
 }
 
-// What the database would skip, cut or store as something else. False with the words set.
-bool check_parameter(const bv_db_family &family, const bv_db_para &para, Words &words)
+// Whether the database takes a parameter as it is, and would not skip it, cut it, or store it as
+// something else.
+bool check_parameter(const bv_db_family &family, const bv_db_para &para)
 {
     const bv::ParameterType *type = bv::find_type(para.type);
     int32_t position;
-    tools::Reason why;
-    Words unfit;
-    const char *fault = nullptr;
-    if (para.valid == 0)
-        fault = "it lacks its name, type, len or value, or is too long";
-    else if (type == nullptr)
-        fault = "its type is unknown";
-    else if (para.len < 1 || (type->size != 0 && para.len != type->size))
-        fault = "its len does not fit its type";
-    else if (*para.name == '\0' || !tools::text_survives(para.name, strlen(para.name), why))
-        fault = "its name cannot be used";
-    else if (find_parameter(family, para.name, position) != &para)
-        fault = "its name is there twice";
-    else if (!value_fits(para, para.value, strlen(para.value), unfit))
-        fault = unfit.text;
-    words.refuse(0, "parameter %d, \"%.60s\": %s", static_cast<int>(&para - family.para) + 1,
-                 para.name, fault == nullptr ? "" : fault);
-    return fault == nullptr;
+    Words why;
+    tools::Reason reason;
+    return para.valid != 0 && type != nullptr && para.len > 0 &&
+           (type->size == 0 || para.len == type->size) && *para.name != '\0' &&
+           tools::text_survives(para.name, strlen(para.name), reason) &&
+           find_parameter(family, para.name, position) == &para &&
+           value_fits(para, para.value, strlen(para.value), why);
 }
 
-bool check_template(const bv_db_family &family, Words &words)
+bool check_template(const bv_db_family &family)
 {
-    words.refuse(0, "it has no parameters, or is not a template");
     for (const bv_db_para &para : parameters(family))
-        if (!check_parameter(family, para, words))
+        if (!check_parameter(family, para))
             return false;
     return family.para_count > 0;
 }
@@ -560,10 +527,7 @@ int load_template(const bv_service_family &listed)
     g_matches = 0;
     nftw("/etc/template", match, 8, FTW_PHYS);
     if (g_matches != 1) {
-        say("%s: %s below /etc/template: %s", listed.name,
-            g_matches == 0 ? "there is no template of this name"
-                           : "there are several templates of this name",
-            g_matches == 0 ? "install it" : "leave one");
+        say("/etc/template has %d templates %s: install one", g_matches, listed.name);
         return BV_SERVICE_TEMPLATE;
     }
     bv_db_family *family = bv_db_hash_add(listed.name);
@@ -571,14 +535,12 @@ int load_template(const bv_service_family &listed)
     if (family == nullptr || (status != BV_OK && status != BV_ERR_EXISTS))
         return say("no memory for %s", listed.name), BV_SERVICE_NO_MEMORY;
     bv_db_template_read_single(g_found, family);
-    Words words;
-    if (!check_template(*family, words)) {
-        say("%s: %s: run bv-template check on it", g_found, words.text);
+    if (!check_template(*family)) {
+        say("%s has faults: bv-template check tells which", g_found);
         return BV_SERVICE_TEMPLATE;
     }
     if (family->image_size != static_cast<int32_t>(listed.size)) {
-        say("%s: it has %d bytes, but the program was built for %u: install the template that "
-            "belongs to the program",
+        say("%s has %d bytes, and the program wants %u: install the two that belong together",
             g_found, family->image_size, listed.size);
         return BV_SERVICE_SIZE;
     }
@@ -602,10 +564,10 @@ bool fill(const bv_service_family &listed, json_object *tree)
 
 int load_store(uint32_t store)
 {
-    const Path path(store);
-    const Lock lock(path);
+    const Paths paths(store);
+    const Lock lock(paths);
     Contents contents;
-    if (!read_store(path, lock.held(), contents))
+    if (!read_store(paths, lock.held(), contents))
         return BV_SERVICE_DATA;
     for (const bv_service_family &family : Listed())
         if (family.store == store && !fill(family, contents.tree))
@@ -618,10 +580,10 @@ int load_store(uint32_t store)
 // Plans what the data file has of a family. The words say why not.
 int32_t plan_from_file(const bv_service_family &family, Plan &plan, Words &words)
 {
-    const Path path(family.store);
+    const Paths paths(family.store);
     Contents contents;
-    if (!read_store(path, false, contents))
-        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", path.file());
+    if (!read_store(paths, false, contents))
+        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", paths.file);
     return plan_saved(contents.tree, family, plan, false)
                ? BV_OK
                : words.refuse(BV_ERR_MEMORY, "no memory");
@@ -697,7 +659,7 @@ const StoreState &bv::service::store_state()
 bool bv::service::is_unsaved(const bv_service_family &family)
 {
     Contents contents;
-    return !read_store(Path(family.store), false, contents) || !is_saved(contents.tree, family);
+    return !read_store(Paths(family.store), false, contents) || !is_saved(contents.tree, family);
 }
 
 int32_t bv_service_commit()

@@ -22,6 +22,8 @@ using namespace bv::service;
 constexpr size_t kPathSize = 1024;
 constexpr int kLockWaitMs = 2000;
 constexpr int kLockStepMs = 10;
+constexpr int kReadTries = 5;
+constexpr int kReadStepMs = 100;
 
 struct Place {
     const char *path;
@@ -161,25 +163,34 @@ bool read_file(const char *path, Contents &out)
     return bv_json_object_is_type(out.tree, json_type_object) != 0;
 }
 
+// Look: says nothing and does not wait. Repair: moves a damaged file away, so the lock is needed.
+enum class Access { Look, Load, Repair };
+
 // Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
-// nothing in it. `repair` says so, and moves a damaged file away. False when there is nothing to go
-// on with: nothing was changed then.
-bool read_store(const Paths &paths, bool repair, Contents &out)
+// nothing in it. False when there is nothing to go on with: nothing was changed then.
+bool read_store(const Paths &paths, Access access, Contents &out)
 {
-    out.from = "file";
-    if (read_file(paths.file, out))
-        return true;
-    const int error = errno;
-    const char *why = error == 0 ? "is damaged" : strerror(error);
+    // A service on the bare interface may be rewriting the file just now.
+    int error = 0;
+    for (int tries = access == Access::Look ? 1 : kReadTries; error == 0 && tries > 0; --tries) {
+        out.clear();
+        out.from = "file";
+        if (read_file(paths.file, out))
+            return true;
+        error = errno;
+        if (error == 0 && tries > 1)
+            bv_os_usleep(kReadStepMs * 1000);
+    }
+    const char *why = error == 0 ? "it is damaged" : strerror(error);
     bool missing = error == ENOENT;
     if (missing || error == 0) {
         out.clear();
         out.from = "good";
         if (read_file(paths.good, out)) {
-            if (repair && error == 0)
+            if (access == Access::Repair && error == 0)
                 rename(paths.file, paths.bad);
-            if (repair)
-                say("%s: %s: taking what was saved before, from .good", paths.file, why);
+            if (access != Access::Look)
+                say("%s: %s: taking %s, which was saved before", paths.file, why, paths.good);
             return true;
         }
         missing = missing && errno == ENOENT;
@@ -188,7 +199,7 @@ bool read_store(const Paths &paths, bool repair, Contents &out)
         out.clear();
         out.from = "defaults";
         out.tree = json_object_new_object();
-    } else if (repair) {
+    } else if (access != Access::Look) {
         say("%s: %s, and %s cannot be used: repair or remove them", paths.file, why, paths.good);
     }
     return missing && out.tree != nullptr;
@@ -464,7 +475,7 @@ int32_t save(uint32_t store)
         return BV_ERR_WRITE_OPEN;
     }
     Contents present;
-    if (!read_store(paths, true, present))
+    if (!read_store(paths, Access::Repair, present))
         return BV_ERR_WRITE_OPEN;
     if (strcmp(present.from, "file") == 0 && are_saved(present.tree, store))
         return BV_OK;
@@ -567,7 +578,7 @@ int load_store(uint32_t store)
     const Paths paths(store);
     const Lock lock(paths);
     Contents contents;
-    if (!read_store(paths, lock.held(), contents))
+    if (!read_store(paths, lock.held() ? Access::Repair : Access::Load, contents))
         return BV_SERVICE_DATA;
     for (const bv_service_family &family : Listed())
         if (family.store == store && !fill(family, contents.tree))
@@ -582,7 +593,7 @@ int32_t plan_from_file(const bv_service_family &family, Plan &plan, Words &words
 {
     const Paths paths(family.store);
     Contents contents;
-    if (!read_store(paths, false, contents))
+    if (!read_store(paths, Access::Look, contents))
         return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", paths.file);
     return plan_saved(contents.tree, family, plan, false)
                ? BV_OK
@@ -659,7 +670,8 @@ const StoreState &bv::service::store_state()
 bool bv::service::is_unsaved(const bv_service_family &family)
 {
     Contents contents;
-    return !read_store(Paths(family.store), false, contents) || !is_saved(contents.tree, family);
+    return !read_store(Paths(family.store), Access::Look, contents) ||
+           !is_saved(contents.tree, family);
 }
 
 int32_t bv_service_commit()

@@ -5,13 +5,23 @@
 #include "support/faults.h"
 
 #include <fcntl.h>
+#include <functional>
 #include <sys/file.h>
 #include <sys/mount.h>
 
 using namespace bv::service;
 
-// Nobody waits in these tests.
-BV_FAULT_POINT(usleep, int, (useconds_t usec), (usec), 0);
+// Waiting takes no time while this fails, and something may happen instead.
+std::function<void()> g_meanwhile;
+FaultPoint fault_wait("usleep");
+BV_INTERPOSE(wait, "usleep", int, (useconds_t usec))
+{
+    if (!fault_wait.fails(BV_CALLER))
+        return BV_NEXT(wait)(usec);
+    if (g_meanwhile)
+        g_meanwhile();
+    return 0;
+}
 
 namespace {
 
@@ -19,7 +29,20 @@ constexpr char kDefaults[] = R"({"ipaddr":"192.168.1.1","mtu":"1500","hostname":
 constexpr char kOther[] =
     "\t\"vpn.json\" : [ {\"inst\" : \"1\", \"para\": {\"key\": \"a,}\\\"]b\"} } ]";
 
-class Store : public Parts {};
+class Store : public Parts {
+protected:
+    void SetUp() override
+    {
+        Parts::SetUp();
+        fault_wait.fail_always();
+    }
+    void TearDown() override
+    {
+        Parts::TearDown();
+        fault_wait.pass();
+        g_meanwhile = nullptr;
+    }
+};
 
 int start_lan()
 {
@@ -116,6 +139,28 @@ TEST_F(Store, DamagedFileBecomesBadAndGoodIsLoaded)
     EXPECT_EQ(bv_service_commit(), BV_OK);
     EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
     EXPECT_NE(read_file(kUserFile).find("\"vpn.json\":[]"), std::string::npos);
+}
+
+TEST_F(Store, FileThatIsBeingWrittenIsNotDamaged)
+{
+    const std::string whole = R"({"lan.json":[{"inst":"1","para":{"mtu":"1400"}}]})";
+    write_file(kUserFile, whole.substr(0, 30));
+    g_meanwhile = [&] { write_file(kUserFile, whole); };
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(values("lan.json", 1), with_mtu(1400));
+}
+
+TEST_F(Store, FileIsMovedAwayUnderTheLockOnly)
+{
+    write_file(kUserFile, "{");
+    write_file(std::string(kUserFile) + ".good", "{}");
+    const int lock = open("/config/work/userdata.json.lock", O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(read_file(kUserFile), "{");
+    close(lock);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(read_file(std::string(kUserFile) + ".bad"), "{");
 }
 
 TEST_F(Store, MissingFileWithGoodBesideItIsLoadedFromThere)
@@ -332,6 +377,7 @@ TEST_F(Store, OddElementsOfAFileNeverKeepTheServiceDown)
 
 TEST_F(Store, ServicesThatSaveAtTheSameTimeKeepAllThatTheySaved)
 {
+    fault_wait.pass();
     const auto save_often = [](const char *name) {
         if (start_service({family_of(name, kLan)}) != BV_SERVICE_ENDED)
             return 1;
@@ -356,13 +402,11 @@ TEST_F(Store, HeldLockKeepsFromSavingButNotFromStarting)
 {
     const int lock = open("/config/work/userdata.json.lock", O_RDWR | O_CREAT, 0600);
     ASSERT_EQ(flock(lock, LOCK_EX), 0);
-    fault_usleep.fail_always();
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     EXPECT_EQ(bv_service_commit(), BV_ERR_WRITE_OPEN);
     EXPECT_FALSE(file_exists(kUserFile));
     close(lock);
     EXPECT_EQ(bv_service_commit(), BV_OK);
-    fault_usleep.pass();
 }
 
 TEST_F(Store, OwnerIsKept)

@@ -45,7 +45,7 @@ struct Text {
     bool failed = false;
     ~Text();
     void put(const char *text);
-    void put(const char *text, uint32_t length);
+    void put(const char *text, uint32_t size);
     // With quotes around it, and escaped as JSON wants it.
     void put_quoted(const char *text);
 };

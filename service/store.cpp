@@ -46,8 +46,8 @@ using File = bv::Owned<int, -1, close_file>;
 
 // The families that the service lists.
 struct Listed {
-    const bv_service_family *begin() const { return g_service->families; }
-    const bv_service_family *end() const { return g_service->families + g_service->n_families; }
+    static const bv_service_family *begin() { return g_service->families; }
+    static const bv_service_family *end() { return g_service->families + g_service->n_families; }
 };
 
 bool is_ours(uint32_t store, const char *name, size_t length)

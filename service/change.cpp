@@ -62,28 +62,6 @@ int32_t next_number(const Plan &plan, const bv_db_family &family)
     return highest < INT32_MAX - 1 ? highest + 1 : 0;
 }
 
-// Sets what the "para" of an element names.
-int32_t take_values(const bv_db_family &family, uint8_t *image, json_object *para, Words &words)
-{
-    json_object_iterator at = json_object_iter_begin(para);
-    const json_object_iterator end = json_object_iter_end(para);
-    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
-        const char *name = json_object_iter_peek_name(&at);
-        json_object *value = json_object_iter_peek_value(&at);
-        const bool is_text = bv_json_object_is_type(value, json_type_string) != 0;
-        if (!is_text && bv_json_object_is_type(value, json_type_int) == 0)
-            return words.refuse(BV_ERR_INVALID, "%s.%.80s: the value must be a text", family.name,
-                                name);
-        const char *text = bv_json_object_get_string(value);
-        const size_t length =
-            is_text ? static_cast<size_t>(json_object_get_string_len(value)) : strlen(text);
-        const int32_t status = set_value(family, image, name, text, length, words);
-        if (status != BV_OK)
-            return status;
-    }
-    return BV_OK;
-}
-
 // The number of an element's instance, which must suit what is meant.
 int32_t take_instance(const Plan &plan, const bv_db_family &family, json_object *element,
                       Meaning meaning, int32_t &number, Words &words)
@@ -126,7 +104,10 @@ int32_t plan_element(Plan &plan, const bv_service_family &listed, bv_db_family &
     uint8_t *image = copy_image(family, base);
     if (image == nullptr || !add_change(plan, listed, family, number, image))
         return no_memory(words);
-    return para == nullptr ? BV_OK : take_values(family, image, para, words);
+    for (const Members::Member member : Members{para})
+        if (set_value(family, image, member, words) != BV_OK)
+            return BV_ERR_INVALID;
+    return BV_OK;
 }
 
 int32_t plan_family(Plan &plan, const char *name, json_object *elements, Meaning meaning,
@@ -158,18 +139,6 @@ bool differs(const Change &change)
     if (change.is == nullptr || instance == nullptr)
         return change.is != nullptr || instance != nullptr;
     return !same_values(*change.family, instance->image, change.is);
-}
-
-void leave_out_equal(Plan &plan)
-{
-    uint32_t kept = 0;
-    for (uint32_t i = 0; i < plan.count; ++i) {
-        if (differs(plan.changes[i]))
-            plan.changes[kept++] = plan.changes[i];
-        else
-            free(plan.changes[i].is);
-    }
-    plan.count = kept;
 }
 
 int32_t ask_checks(const Plan &plan, Words &words)
@@ -247,6 +216,18 @@ bv::service::Plan::~Plan()
     free(changes);
 }
 
+void bv::service::drop_equal(Plan &plan)
+{
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < plan.count; ++i) {
+        if (differs(plan.changes[i]))
+            plan.changes[kept++] = plan.changes[i];
+        else
+            free(plan.changes[i].is);
+    }
+    plan.count = kept;
+}
+
 uint8_t *bv::service::copy_image(const bv_db_family &family, const void *image)
 {
     auto *copy = static_cast<uint8_t *>(malloc(image_size(family)));
@@ -293,11 +274,8 @@ int32_t bv::service::plan_from_json(Plan &plan, json_object *data, Meaning meani
 {
     if (bv_json_object_is_type(data, json_type_object) == 0)
         return words.refuse(BV_ERR_INVALID, "an object of families is expected");
-    json_object_iterator at = json_object_iter_begin(data);
-    const json_object_iterator end = json_object_iter_end(data);
-    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
-        const int32_t status = plan_family(plan, json_object_iter_peek_name(&at),
-                                           json_object_iter_peek_value(&at), meaning, words);
+    for (const Members::Member member : Members{data}) {
+        const int32_t status = plan_family(plan, member.name, member.value, meaning, words);
         if (status != BV_OK)
             return status;
     }
@@ -327,7 +305,7 @@ int32_t bv::service::plan_one(Plan &plan, const char *family, const void *image_
 
 int32_t bv::service::make(Plan &plan, Words &words, bool ask)
 {
-    leave_out_equal(plan);
+    drop_equal(plan);
     const int32_t status = ask ? ask_checks(plan, words) : BV_OK;
     if (status != BV_OK)
         return status;

@@ -45,9 +45,36 @@ struct Text {
     bool failed = false;
     ~Text();
     void put(const char *text);
-    void put(const char *text, uint32_t length);
+    void put(const char *text, uint32_t size);
     // With quotes around it, and escaped as JSON wants it.
     void put_quoted(const char *text);
+    // Formats at most 255 characters.
+    void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
+};
+
+// The members of a JSON object, for a range-for loop; none of anything else.
+struct Members {
+    struct Member {
+        const char *name;
+        json_object *value; // null for JSON's null
+    };
+    struct Iterator {
+        lh_entry *at;
+        Member operator*() const
+        {
+            return {static_cast<const char *>(lh_entry_k(at)),
+                    static_cast<json_object *>(lh_entry_v(at))};
+        }
+        void operator++() { at = lh_entry_next(at); }
+        bool operator!=(const Iterator &other) const { return at != other.at; }
+    };
+    json_object *object;
+    Iterator begin() const
+    {
+        const bool is_object = bv_json_object_is_type(object, json_type_object) != 0;
+        return {is_object ? json_object_get_object(object)->head : nullptr};
+    }
+    static Iterator end() { return {nullptr}; }
 };
 
 // ---- values.cpp ----
@@ -83,9 +110,11 @@ bool same_values(const bv_db_family &family, const uint8_t *a, const uint8_t *b)
 // Whether every value of an image would come back from a data file: no quote, backslash or control
 // character, each string terminated in its len. The words name the parameter.
 int32_t check_image(const bv_db_family &family, const uint8_t *image, Words &words);
-// Sets the parameter of an image from its text: type, range, length.
+// Sets the parameter of an image: type, range, length.
 int32_t set_value(const bv_db_family &family, uint8_t *image, const char *parameter,
                   const char *text, size_t length, Words &words);
+int32_t set_value(const bv_db_family &family, uint8_t *image, const Members::Member &member,
+                  Words &words);
 // Appends {"inst":"1","para":{...}}; without values for a hidden family.
 void put_instance(Text &out, const bv_db_family &family, const uint8_t *image, int32_t number,
                   bool hidden);
@@ -111,6 +140,8 @@ enum class Meaning { Set, Add, Import };
 // Takes over `is`, from malloc(), whatever the result; null deletes. False without memory.
 bool add_change(Plan &plan, const bv_service_family &listed, bv_db_family &family, int32_t instance,
                 uint8_t *is);
+// Leaves out what is in memory already.
+void drop_equal(Plan &plan);
 // The planned change of an instance, or null.
 Change *find_change(const Plan &plan, const bv_db_family &family, int32_t instance);
 // Plans to delete all instances of a family that the plan does not name.

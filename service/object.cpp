@@ -27,471 +27,419 @@ uint32_t g_calls;
 uint32_t g_refused;
 uint32_t g_dropped; // events that could not be sent
 
-constexpr char kNoMemory[] = "the service is out of memory";
+// A request's working state.
+struct Call {
+    Text &out;
+    Words &words;
+    Plan plan;
+};
 
 // ---- pieces of answers ----
+//
+// Each value and each member ends with a comma, which the closing bracket replaces.
 
-// {"a":..,"b":..} and [..]: a comma before each member but the first.
-class List {
-public:
-    List(Text &out, char open, char close) : out_(out), close_(close) { out_.put(&open, 1); }
-    ~List() { out_.put(&close_, 1); }
-    List(const List &) = delete;
-    List &operator=(const List &) = delete;
+void close(Text &out, char bracket)
+{
+    if (out.length != 0 && out.bytes[out.length - 1] == ',')
+        --out.length;
+    out.put(&bracket, 1);
+    out.put(",", 1);
+}
 
-    void next()
-    {
-        out_.put(first_ ? "" : ",");
-        first_ = false;
-    }
-    void key(const char *name)
-    {
-        next();
-        out_.put_quoted(name);
-        out_.put(":");
-    }
-    void text(const char *name, const char *value)
-    {
-        key(name);
-        out_.put_quoted(value);
-    }
-    void number(const char *name, int64_t value)
-    {
-        char digits[24];
-        snprintf(digits, sizeof(digits), "%" PRId64, value);
-        text(name, digits);
-    }
-    void truth(const char *name, bool value)
-    {
-        key(name);
-        out_.put(value ? "true" : "false");
-    }
+void put_text(Text &out, const char *text)
+{
+    out.put_quoted(text);
+    out.put(",", 1);
+}
 
-private:
-    Text &out_;
-    const char close_;
-    bool first_ = true;
-};
+void put_member(Text &out, const char *name, const char *text)
+{
+    out.print("\"%s\":", name);
+    put_text(out, text);
+}
 
-struct CountText {
-    char text[24];
-
-    explicit CountText(const bv_service_family &family)
-    {
-        const auto index = static_cast<size_t>(&family - g_service->families);
-        snprintf(text, sizeof(text), "%" PRIu32 ".%" PRIu32, g_start_number, g_changes[index]);
-    }
-};
+void put_count(Text &out, const bv_service_family &family)
+{
+    out.print("\"%" PRIu32 ".%" PRIu32 "\",", g_start_number,
+              g_changes[&family - g_service->families]);
+}
 
 bool is_hidden(const bv_service_family &family)
 {
     return (family.flags & BV_SERVICE_HIDDEN) != 0;
 }
 
+void put_image(Text &out, const bv_service_family &listed, const bv_db_inst &instance)
+{
+    put_instance(out, *bv_db_hash_find(listed.name), instance.image, instance.number,
+                 is_hidden(listed));
+    out.put(",", 1);
+}
+
 // ---- what requests name ----
 
-struct Named {
-    const bv_service_family *listed;
-    bv_db_family *family;
-};
-
-int32_t find_family(const char *name, Named &named, Words &words)
+int32_t invalid(Call &call, const char *what)
 {
-    named.listed = name != nullptr ? find_listed(name) : nullptr;
-    named.family = named.listed != nullptr ? bv_db_hash_find(name) : nullptr;
-    return named.family != nullptr
-               ? BV_OK
-               : words.refuse(BV_ERR_NO_FAMILY, "%s: %s does not have this family",
-                              name != nullptr ? name : "null", g_service->name);
+    return call.words.refuse(BV_ERR_INVALID, "%s", what);
 }
 
-int32_t find_instance(const bv_db_family &family, json_object *number, bv_db_inst *&instance,
-                      Words &words)
+// `numbers`: the array of instances that the request names with the family, or null.
+using Visit = int32_t (*)(Call &call, const bv_service_family &listed, bv_db_family &family,
+                          json_object *numbers);
+
+int32_t visit_named(Call &call, const char *name, json_object *numbers, Visit visit)
 {
-    const char *text = bv_json_object_get_string(number);
-    int64_t wanted;
-    if (text == nullptr || !tools::parse_decimal(text, wanted) || wanted < INT32_MIN ||
-        wanted > INT32_MAX)
-        return words.refuse(BV_ERR_INVALID, "%s: \"%.40s\" is not the number of an instance",
-                            family.name, text != nullptr ? text : "null");
-    instance =
-        bv_db_data_get_inst(const_cast<bv_db_family *>(&family), static_cast<int32_t>(wanted));
-    return instance != nullptr
-               ? BV_OK
-               : words.refuse(BV_ERR_NO_INSTANCE, "%s.%s: no such instance", family.name, text);
+    const bv_service_family *listed = name != nullptr ? find_listed(name) : nullptr;
+    if (listed == nullptr)
+        return call.words.refuse(BV_ERR_NO_FAMILY, "%.80s: %s does not have this family",
+                                 name != nullptr ? name : "null", g_service->name);
+    if (numbers != nullptr && !bv_json_object_is_type(numbers, json_type_array))
+        return invalid(call, "the numbers of instances are not an array");
+    return visit(call, *listed, *bv_db_hash_find(name), numbers);
 }
 
-// Calls `visit` for each family that `data` names as a member, with the member's array; for all
-// families, with null, when there is no data. Ends with the first refusal.
-template <typename Visit>
-int32_t each_family(json_object *data, Words &words, Visit visit)
+// Visits the families that the data names, all without data: "lan.json", ["lan.json", ...] or
+// {"lan.json":["1"], ...}. Ends with the first refusal.
+int32_t each_family(Call &call, json_object *data, Visit visit)
 {
-    Named named;
     int32_t status = BV_OK;
     if (data == nullptr) {
-        for (uint32_t i = 0; i < g_service->n_families && status == BV_OK; ++i) {
-            status = find_family(g_service->families[i].name, named, words);
+        for (uint32_t i = 0; i < g_service->n_families && status == BV_OK; ++i)
+            status = visit_named(call, g_service->families[i].name, nullptr, visit);
+    } else if (bv_json_object_is_type(data, json_type_object)) {
+        json_object_object_foreach(data, name, numbers)
+        {
             if (status == BV_OK)
-                status = visit(named, nullptr);
+                status = visit_named(call, name, numbers, visit);
         }
-        return status;
-    }
-    if (!bv_json_object_is_type(data, json_type_object))
-        return words.refuse(BV_ERR_INVALID, "data is not an object of families");
-    json_object_object_foreach(data, name, numbers)
-    {
-        status = find_family(name, named, words);
-        if (status == BV_OK && !bv_json_object_is_type(numbers, json_type_array))
+    } else if (bv_json_object_is_type(data, json_type_array)) {
+        const size_t count = bv_json_object_array_length(data);
+        for (size_t i = 0; i < count && status == BV_OK; ++i)
             status =
-                words.refuse(BV_ERR_INVALID, "%s: the numbers of instances are not an array", name);
-        if (status == BV_OK)
-            status = visit(named, numbers);
-        if (status != BV_OK)
-            return status;
+                visit_named(call, bv_json_object_get_string(bv_json_object_array_get_idx(data, i)),
+                            nullptr, visit);
+    } else {
+        status = visit_named(call, bv_json_object_get_string(data), nullptr, visit);
     }
-    return BV_OK;
+    return status;
 }
 
-// The same for ["lan.json", ...].
-template <typename Visit>
-int32_t each_name(json_object *data, Words &words, Visit visit)
+// Calls `visit` for the instances of the array, all for an empty one or none.
+int32_t each_instance(Call &call, const bv_service_family &listed, bv_db_family &family,
+                      json_object *numbers,
+                      int32_t (*visit)(Call &, const bv_service_family &, const bv_db_inst &))
 {
-    Named named;
-    if (data == nullptr)
-        return each_family(nullptr, words,
-                           [&](const Named &all, json_object *) { return visit(all); });
-    if (!bv_json_object_is_type(data, json_type_array))
-        return words.refuse(BV_ERR_INVALID, "data is not an array of families");
-    const size_t count = bv_json_object_array_length(data);
-    for (size_t i = 0; i < count; ++i) {
-        int32_t status = find_family(
-            bv_json_object_get_string(bv_json_object_array_get_idx(data, i)), named, words);
-        if (status == BV_OK)
-            status = visit(named);
-        if (status != BV_OK)
-            return status;
+    const size_t count = numbers != nullptr ? bv_json_object_array_length(numbers) : 0;
+    int32_t status = BV_OK;
+    for (size_t i = 0; i < count && status == BV_OK; ++i) {
+        const char *text = bv_json_object_get_string(bv_json_object_array_get_idx(numbers, i));
+        int64_t number;
+        if (text == nullptr || !tools::parse_decimal(text, number) || number < INT32_MIN ||
+            number > INT32_MAX)
+            return invalid(call, "the number of an instance is not one");
+        const bv_db_inst *found = bv_db_data_get_inst(&family, static_cast<int32_t>(number));
+        if (found == nullptr)
+            return call.words.refuse(BV_ERR_NO_INSTANCE, "%s.%s: no such instance", family.name,
+                                     text);
+        status = visit(call, listed, *found);
     }
-    return BV_OK;
+    if (count == 0)
+        for (const bv_db_inst &instance : instances(family))
+            visit(call, listed, instance);
+    return status;
 }
 
 // ---- read ----
 
-// An object made by json-c, given back at the end of the scope.
-struct Json {
-    json_object *object;
-    explicit Json(const char *text)
-        : object(text != nullptr ? bv_json_tokener_parse(text) : nullptr)
-    {
-    }
-    ~Json() { bv_json_object_put(object); }
-    Json(const Json &) = delete;
-    Json &operator=(const Json &) = delete;
-};
-
-void put_parameters(Text &out, const Named &named)
+void put_parameters(Text &out, const bv_service_family &listed, const bv_db_family &family)
 {
-    const bv_db_family &family = *named.family;
-    Text defaults;
-    if (!is_hidden(*named.listed))
-        put_instance(defaults, family, family.default_image, 1, false);
-    const Json parsed(defaults.bytes);
-    json_object *values = bv_json_object_object_get(parsed.object, "para");
-    List list(out, '[', ']');
+    const uint8_t *value = family.default_image;
     for (const bv_db_para &para : parameters(family)) {
-        list.next();
-        List members(out, '{', '}');
-        members.text("name", para.name);
-        members.text("type", para.type);
-        members.key("len");
-        char digits[16];
-        snprintf(digits, sizeof(digits), "%" PRId32, para.len);
-        out.put(digits);
-        json_object *value = bv_json_object_object_get(values, para.name);
-        if (value != nullptr)
-            members.text("value", bv_json_object_get_string(value));
+        out.put("{");
+        put_member(out, "name", para.name);
+        put_member(out, "type", para.type);
+        out.print("\"len\":%" PRId32 ",", para.len);
+        if (!is_hidden(listed))
+            put_member(out, "value", value_text(para, value));
+        value += para.len;
+        close(out, '}');
     }
 }
 
-void put_family(Text &out, const Named &named)
+int32_t put_family(Call &call, const bv_service_family &listed, bv_db_family &family, json_object *)
 {
     static constexpr const char *kStores[] = {"user", "private", "factory"};
-    List members(out, '{', '}');
-    members.key("size");
-    char digits[16];
-    snprintf(digits, sizeof(digits), "%" PRId32, named.family->image_size);
-    out.put(digits);
-    members.text("store", kStores[named.listed->store]);
-    members.truth("hidden", is_hidden(*named.listed));
-    members.text("count", CountText(*named.listed).text);
-    members.key("instances");
-    {
-        List numbers(out, '[', ']');
-        for (const bv_db_inst &instance : instances(*named.family)) {
-            numbers.next();
-            snprintf(digits, sizeof(digits), "\"%" PRId32 "\"", instance.number);
-            out.put(digits);
-        }
-    }
-    members.key("para");
-    put_parameters(out, named);
-}
-
-int32_t read_families(json_object *data, Text &out, Words &words)
-{
-    List list(out, '{', '}');
-    const auto put = [&](const Named &named) {
-        list.key(named.listed->name);
-        put_family(out, named);
-        return BV_OK;
-    };
-    if (data == nullptr)
-        return each_name(nullptr, words, put);
-    Named named;
-    const int32_t status = find_family(bv_json_object_get_string(data), named, words);
-    return status == BV_OK ? put(named) : status;
-}
-
-int32_t read_instances(json_object *data, Text &out, Words &words)
-{
-    List list(out, '{', '}');
-    return each_family(data, words, [&](const Named &named, json_object *numbers) {
-        const bool hidden = is_hidden(*named.listed);
-        const size_t count = numbers != nullptr ? bv_json_object_array_length(numbers) : 0;
-        list.key(named.listed->name);
-        List elements(out, '[', ']');
-        for (size_t i = 0; i < count; ++i) {
-            bv_db_inst *instance;
-            const int32_t status = find_instance(
-                *named.family, bv_json_object_array_get_idx(numbers, i), instance, words);
-            if (status != BV_OK)
-                return status;
-            elements.next();
-            put_instance(out, *named.family, instance->image, instance->number, hidden);
-        }
-        if (count == 0) {
-            for (const bv_db_inst &instance : instances(*named.family)) {
-                elements.next();
-                put_instance(out, *named.family, instance.image, instance.number, hidden);
-            }
-        }
-        return static_cast<int32_t>(BV_OK);
-    });
-}
-
-int32_t read_saved(json_object *data, Text &out, Words &words)
-{
-    List list(out, '{', '}');
-    return each_family(data, words, [&](const Named &named, json_object *) {
-        list.key(named.listed->name);
-        return put_saved(out, *named.listed, words);
-    });
-}
-
-int32_t read_functions(json_object *, Text &out, Words &)
-{
-    List list(out, '[', ']');
-    for (uint32_t i = 0; i < g_service->n_functions; ++i) {
-        list.next();
-        out.put_quoted(g_service->functions[i].name);
-    }
+    Text &out = call.out;
+    out.put_quoted(listed.name);
+    out.print(":{\"size\":%" PRId32 ",\"store\":\"%s\",\"hidden\":%s,\"count\":", family.image_size,
+              kStores[listed.store], is_hidden(listed) ? "true" : "false");
+    put_count(out, listed);
+    out.put("\"instances\":[");
+    for (const bv_db_inst &instance : instances(family))
+        out.print("\"%" PRId32 "\",", instance.number);
+    close(out, ']');
+    out.put("\"para\":[");
+    put_parameters(out, listed, family);
+    close(out, ']');
+    close(out, '}');
     return BV_OK;
 }
 
-int32_t read_counters(json_object *, Text &out, Words &)
+int32_t put_instance_of(Call &call, const bv_service_family &listed, const bv_db_inst &instance)
 {
-    List list(out, '{', '}');
-    for (uint32_t i = 0; i < g_service->n_families; ++i)
-        list.text(g_service->families[i].name, CountText(g_service->families[i]).text);
+    put_image(call.out, listed, instance);
     return BV_OK;
 }
 
-int32_t read_debug(json_object *, Text &out, Words &)
+int32_t put_instances(Call &call, const bv_service_family &listed, bv_db_family &family,
+                      json_object *numbers)
 {
-    List list(out, '[', ']');
+    call.out.put_quoted(listed.name);
+    call.out.put(":[");
+    const int32_t status = each_instance(call, listed, family, numbers, put_instance_of);
+    close(call.out, ']');
+    return status;
+}
+
+int32_t put_saved_instances(Call &call, const bv_service_family &listed, bv_db_family &,
+                            json_object *)
+{
+    call.out.put_quoted(listed.name);
+    call.out.put(":");
+    const int32_t status = put_saved(call.out, listed, call.words);
+    call.out.put(",", 1);
+    return status;
+}
+
+int32_t put_counter(Call &call, const bv_service_family &listed, bv_db_family &, json_object *)
+{
+    call.out.put_quoted(listed.name);
+    call.out.put(":");
+    put_count(call.out, listed);
+    return BV_OK;
+}
+
+// An object with a member for each family.
+template <Visit visit>
+int32_t read_each(Call &call, json_object *data)
+{
+    call.out.put("{");
+    const int32_t status = each_family(call, data, visit);
+    close(call.out, '}');
+    return status;
+}
+
+int32_t read_functions(Call &call, json_object *)
+{
+    call.out.put("[");
+    for (uint32_t i = 0; i < g_service->n_functions; ++i)
+        put_text(call.out, g_service->functions[i].name);
+    close(call.out, ']');
+    return BV_OK;
+}
+
+int32_t read_debug(Call &call, json_object *)
+{
+    call.out.put("[");
     for (uint32_t m = 0; m < g_service->n_modules; ++m) {
         for (uint32_t l = 0; l < g_service->n_levels; ++l) {
             const bv_service_name &module = g_service->modules[m];
             const bv_service_name &level = g_service->levels[l];
-            list.next();
-            List members(out, '{', '}');
-            members.text("module", module.name);
-            members.text("level", level.name);
-            members.truth("on", bv_debug_get_switch(module.number, level.number) != 0);
+            call.out.put("{");
+            put_member(call.out, "module", module.name);
+            put_member(call.out, "level", level.name);
+            call.out.print("\"on\":%s},", bv_debug_get_switch(module.number, level.number) != 0
+                                              ? "true"
+                                              : "false");
         }
     }
+    close(call.out, ']');
     return BV_OK;
 }
 
-int32_t read_status(json_object *, Text &out, Words &)
+int32_t put_unsaved(Call &call, const bv_service_family &listed, bv_db_family &, json_object *)
+{
+    if (is_unsaved(listed))
+        put_text(call.out, listed.name);
+    return BV_OK;
+}
+
+int32_t read_status(Call &call, json_object *)
 {
     const StoreState &store = store_state();
-    List members(out, '{', '}');
-    members.text("version", BV_VERSION_STRING);
-    members.text("object", g_service->object != nullptr ? g_service->object : g_service->name);
-    members.number("pid", getpid());
-    members.number("started", g_started);
-    members.text("loaded", store.loaded);
+    char saved[24] = "";
     if (store.saved != 0)
-        members.number("saved", store.saved);
-    else
-        members.text("saved", "");
-    members.number("saved_status", store.saved_status);
-    members.number("calls", g_calls);
-    members.number("refused", g_refused);
-    members.number("dropped", g_dropped);
-    members.key("unsaved");
-    List unsaved(out, '[', ']');
-    for (uint32_t i = 0; i < g_service->n_families; ++i) {
-        if (!is_unsaved(g_service->families[i]))
-            continue;
-        unsaved.next();
-        out.put_quoted(g_service->families[i].name);
-    }
+        snprintf(saved, sizeof(saved), "%" PRId64, store.saved);
+    call.out.print("{\"version\":\"" BV_VERSION_STRING "\",\"object\":");
+    call.out.put_quoted(g_service->object != nullptr ? g_service->object : g_service->name);
+    call.out.print(",\"pid\":\"%d\",\"started\":\"%" PRId64
+                   "\",\"loaded\":\"%s\",\"saved\":\"%s\",\"saved_status\":\"%" PRId32 "\",",
+                   getpid(), g_started, store.loaded, saved, store.saved_status);
+    call.out.print("\"calls\":\"%" PRIu32 "\",\"refused\":\"%" PRIu32 "\",\"dropped\":\"%" PRIu32
+                   "\",\"unsaved\":[",
+                   g_calls, g_refused, g_dropped);
+    each_family(call, nullptr, put_unsaved);
+    close(call.out, ']');
+    close(call.out, '}');
     return BV_OK;
 }
 
 // ---- write ----
 
-int32_t change(json_object *data, Meaning meaning, Plan &plan, Words &words)
+int32_t change(Call &call, json_object *data, Meaning meaning)
 {
-    const int32_t status = plan_from_json(plan, data, meaning, words);
-    return status == BV_OK ? make(plan, words) : status;
+    const int32_t status = plan_from_json(call.plan, data, meaning, call.words);
+    return status == BV_OK ? make(call.plan, call.words) : status;
 }
 
-int32_t write_set(json_object *data, Text &, Words &words)
+int32_t write_set(Call &call, json_object *data)
 {
-    Plan plan;
-    return change(data, Meaning::Set, plan, words);
+    return change(call, data, Meaning::Set);
 }
 
-int32_t write_import(json_object *data, Text &, Words &words)
+int32_t write_import(Call &call, json_object *data)
 {
-    Plan plan;
-    return change(data, Meaning::Import, plan, words);
+    return change(call, data, Meaning::Import);
 }
 
-int32_t write_add(json_object *data, Text &out, Words &words)
+int32_t write_add(Call &call, json_object *data)
 {
-    Plan plan;
-    const int32_t status = change(data, Meaning::Add, plan, words);
-    if (status != BV_OK)
-        return status;
+    const int32_t status = change(call, data, Meaning::Add);
     // The changes of a family follow each other.
-    List list(out, '{', '}');
-    for (uint32_t i = 0; i < plan.count;) {
-        const Change &first = plan.changes[i];
-        list.key(first.listed->name);
-        List elements(out, '[', ']');
-        for (; i < plan.count && plan.changes[i].listed == first.listed; ++i) {
-            const bv_db_inst *added = bv_db_data_get_inst(first.family, plan.changes[i].instance);
-            if (added == nullptr)
-                continue; // `changed` has deleted it
-            elements.next();
-            put_instance(out, *first.family, added->image, added->number, is_hidden(*first.listed));
+    const Plan &plan = call.plan;
+    call.out.put("{");
+    for (uint32_t i = 0; status == BV_OK && i < plan.count; ++i) {
+        const Change &added = plan.changes[i];
+        if (i == 0 || added.listed != plan.changes[i - 1].listed) {
+            call.out.put_quoted(added.listed->name);
+            call.out.put(":[");
         }
+        const bv_db_inst *instance = bv_db_data_get_inst(added.family, added.instance);
+        if (instance != nullptr) // `changed` has not deleted it
+            put_image(call.out, *added.listed, *instance);
+        if (i + 1 == plan.count || added.listed != plan.changes[i + 1].listed)
+            close(call.out, ']');
     }
-    return BV_OK;
+    close(call.out, '}');
+    return status;
 }
 
-int32_t write_del(json_object *data, Text &, Words &words)
+int32_t plan_to_delete(Call &call, const bv_service_family &listed, const bv_db_inst &instance)
 {
-    if (data == nullptr)
-        return words.refuse(BV_ERR_INVALID, "data must name the instances");
-    Plan plan;
-    const int32_t status = each_family(data, words, [&](const Named &named, json_object *numbers) {
-        const size_t count = bv_json_object_array_length(numbers);
-        for (size_t i = 0; i < count; ++i) {
-            bv_db_inst *instance;
-            int32_t result = find_instance(*named.family, bv_json_object_array_get_idx(numbers, i),
-                                           instance, words);
-            if (result == BV_OK && find_change(plan, *named.family, instance->number) == nullptr)
-                result = plan_one(plan, named.listed->name, nullptr, instance->number, words);
-            if (result != BV_OK)
-                return result;
-        }
-        return static_cast<int32_t>(BV_OK);
-    });
-    return status == BV_OK ? make(plan, words) : status;
+    const bv_db_family *family = bv_db_hash_find(listed.name);
+    return find_change(call.plan, *family, instance.number) != nullptr
+               ? BV_OK
+               : plan_one(call.plan, listed.name, nullptr, instance.number, call.words);
 }
 
-int32_t write_commit(json_object *data, Text &, Words &words)
+int32_t delete_instances(Call &call, const bv_service_family &listed, bv_db_family &family,
+                         json_object *numbers)
+{
+    if (numbers == nullptr || bv_json_object_array_length(numbers) == 0)
+        return invalid(call, "del needs the numbers of the instances");
+    return each_instance(call, listed, family, numbers, plan_to_delete);
+}
+
+int32_t write_del(Call &call, json_object *data)
+{
+    const int32_t status = each_family(call, data, delete_instances);
+    return status == BV_OK ? make(call.plan, call.words) : status;
+}
+
+int32_t write_commit(Call &call, json_object *data)
 {
     const char *store = bv_json_object_get_string(data);
     if (store != nullptr && bv_os_strcmp(store, "factory") != 0)
-        return words.refuse(BV_ERR_INVALID, "commit takes no data, or \"factory\"");
+        return invalid(call, "commit takes no data, or \"factory\"");
     const int32_t status = store != nullptr ? bv_service_commit_factory() : bv_service_commit();
+    return status == BV_OK ? status
+                           : call.words.refuse(
+                                 status, "not saved: the system log of the service has the cause");
+}
+
+int32_t undo(Call &call, const bv_service_family &listed,
+             int32_t (*step)(const bv_service_family &))
+{
+    const int32_t status = step(listed);
     return status == BV_OK
-               ? BV_OK
-               : words.refuse(status, "not saved: the system log of the service has the cause");
+               ? status
+               : call.words.refuse(status, "%s: no memory, or the data file cannot be used",
+                                   listed.name);
+}
+
+int32_t revert_family(Call &call, const bv_service_family &listed, bv_db_family &, json_object *)
+{
+    return undo(call, listed, revert);
+}
+
+int32_t reset_family(Call &call, const bv_service_family &listed, bv_db_family &, json_object *)
+{
+    return undo(call, listed, reset);
+}
+
+int32_t accept(Call &, const bv_service_family &, bv_db_family &, json_object *)
+{
+    return BV_OK;
 }
 
 // All names are looked at before the first family changes.
-int32_t for_named(json_object *data, Words &words, int32_t (*step)(const bv_service_family &))
+template <Visit visit>
+int32_t write_each(Call &call, json_object *data)
 {
-    const int32_t status = each_name(data, words, [](const Named &) { return BV_OK; });
-    if (status != BV_OK)
-        return status;
-    return each_name(data, words, [&](const Named &named) {
-        const int32_t result = step(*named.listed);
-        return result == BV_OK
-                   ? BV_OK
-                   : words.refuse(result, "%s: the data file cannot be used, or no memory",
-                                  named.listed->name);
-    });
+    const int32_t status = each_family(call, data, accept);
+    return status == BV_OK ? each_family(call, data, visit) : status;
 }
 
-int32_t write_revert(json_object *data, Text &, Words &words)
+const bv_service_name *find_named(const bv_service_name *table, uint32_t count, json_object *data,
+                                  const char *member)
 {
-    return for_named(data, words, revert);
-}
-
-int32_t write_reset(json_object *data, Text &, Words &words)
-{
-    return for_named(data, words, reset);
-}
-
-const bv_service_name *find_named(const bv_service_name *table, uint32_t count, json_object *name)
-{
-    const char *text = bv_json_object_get_string(name);
+    const char *text = bv_json_object_get_string(bv_json_object_object_get(data, member));
     for (uint32_t i = 0; i < count && text != nullptr; ++i)
         if (bv_os_strcmp(table[i].name, text) == 0)
             return &table[i];
     return nullptr;
 }
 
-int32_t write_debug(json_object *data, Text &, Words &words)
+int32_t write_debug(Call &call, json_object *data)
 {
-    const bv_service_name *module = find_named(g_service->modules, g_service->n_modules,
-                                               bv_json_object_object_get(data, "module"));
-    const bv_service_name *level = find_named(g_service->levels, g_service->n_levels,
-                                              bv_json_object_object_get(data, "level"));
+    const bv_service_name *module =
+        find_named(g_service->modules, g_service->n_modules, data, "module");
+    const bv_service_name *level =
+        find_named(g_service->levels, g_service->n_levels, data, "level");
     json_object *on = bv_json_object_object_get(data, "on");
     if (module == nullptr || level == nullptr)
-        return words.refuse(BV_ERR_INVALID, "%s has no such debug %s", g_service->name,
-                            module == nullptr ? "module" : "level");
+        return call.words.refuse(BV_ERR_INVALID, "%s has no such debug %s", g_service->name,
+                                 module == nullptr ? "module" : "level");
     if (!bv_json_object_is_type(on, json_type_boolean))
-        return words.refuse(BV_ERR_INVALID, "\"on\" is neither true nor false");
+        return invalid(call, "\"on\" is neither true nor false");
     bv_debug_set_switch(module->number, level->number, json_object_get_boolean(on) != 0);
     return BV_OK;
 }
 
 // ---- requests ----
 
-using Operation = int32_t (*)(json_object *data, Text &out, Words &words);
-
-struct NamedOperation {
+struct Operation {
     const char *name;
-    Operation run;
+    int32_t (*run)(Call &call, json_object *data);
 };
 
-constexpr NamedOperation kReads[] = {{"families", read_families}, {"get", read_instances},
-                                     {"saved", read_saved},       {"functions", read_functions},
-                                     {"counters", read_counters}, {"debug", read_debug},
-                                     {"status", read_status}};
-constexpr NamedOperation kWrites[] = {{"set", write_set},       {"add", write_add},
-                                      {"del", write_del},       {"import", write_import},
-                                      {"commit", write_commit}, {"revert", write_revert},
-                                      {"reset", write_reset},   {"debug", write_debug}};
+constexpr Operation kReads[] = {{"families", read_each<put_family>},
+                                {"get", read_each<put_instances>},
+                                {"saved", read_each<put_saved_instances>},
+                                {"counters", read_each<put_counter>},
+                                {"functions", read_functions},
+                                {"debug", read_debug},
+                                {"status", read_status},
+                                {nullptr, nullptr}};
+constexpr Operation kWrites[] = {{"set", write_set},
+                                 {"add", write_add},
+                                 {"del", write_del},
+                                 {"import", write_import},
+                                 {"commit", write_commit},
+                                 {"revert", write_each<revert_family>},
+                                 {"reset", write_each<reset_family>},
+                                 {"debug", write_debug},
+                                 {nullptr, nullptr}};
 
 enum Field { kVersion, kOp, kData, kOffset, kGeneration, kFieldCount };
 constexpr blobmsg_policy kFields[] = {{"version", BLOBMSG_TYPE_INT32},
@@ -506,21 +454,25 @@ uint32_t number_of(blob_attr *field)
     return field != nullptr ? bv_blobmsg_get_u32(field) : 0;
 }
 
-template <size_t Count>
-int32_t run_operation(const NamedOperation (&table)[Count], blob_attr *const *fields, Text &out,
-                      Words &words)
+int32_t run_operation(const Operation *row, blob_attr *const *fields, Call &call)
 {
     const char *op = bv_blobmsg_get_string(fields[kOp]);
-    for (const NamedOperation &row : table) {
-        if (bv_os_strcmp(row.name, op) != 0)
-            continue;
-        const Json data(bv_blobmsg_get_string(fields[kData]));
-        if (fields[kData] != nullptr && data.object == nullptr)
-            return words.refuse(BV_ERR_INVALID, "data is not JSON");
-        const int32_t status = row.run(data.object, out, words);
-        return status == BV_OK && out.failed ? words.refuse(BV_ERR_MEMORY, kNoMemory) : status;
-    }
-    return words.refuse(BV_ERR_INVALID, "there is no operation \"%.40s\"", op);
+    while (row->name != nullptr && bv_os_strcmp(row->name, op) != 0)
+        ++row;
+    if (row->name == nullptr)
+        return call.words.refuse(BV_ERR_INVALID, "there is no operation \"%.40s\"", op);
+    const char *text = bv_blobmsg_get_string(fields[kData]);
+    const Owned<json_object *, nullptr, bv_json_object_put> data(
+        text != nullptr ? bv_json_tokener_parse(text) : nullptr);
+    if (text != nullptr && !data)
+        return invalid(call, "data is not JSON");
+    const int32_t status = row->run(call, data.get());
+    if (status == BV_OK && call.out.failed)
+        return call.words.refuse(BV_ERR_MEMORY, "the service is out of memory");
+    // The outermost value's comma.
+    if (call.out.length != 0)
+        call.out.bytes[--call.out.length] = '\0';
+    return status;
 }
 
 // Sends the part of the answer that the request asks for.
@@ -542,7 +494,7 @@ int reply(ubus_context *ctx, ubus_request_data *request, blob_attr *const *field
         failed |= bv_blobmsg_add_string(&g_reply, "words", words.text);
     failed |= bv_blobmsg_add_u32(&g_reply, "generation", generation);
     failed |= bv_blobmsg_add_u32(&g_reply, "total", status == BV_OK ? answer.length : 0);
-    if (status == BV_OK && answer.bytes != nullptr) {
+    if (status == BV_OK && answer.length != 0) {
         uint32_t length = answer.length - offset;
         if (length > kMaxPart)
             length = kMaxPart;
@@ -555,9 +507,7 @@ int reply(ubus_context *ctx, ubus_request_data *request, blob_attr *const *field
     return UBUS_STATUS_OK;
 }
 
-template <size_t Count>
-int serve(const NamedOperation (&table)[Count], ubus_context *ctx, ubus_request_data *request,
-          blob_attr *message, bool only_one_part)
+int serve(const Operation *table, ubus_context *ctx, ubus_request_data *request, blob_attr *message)
 {
     blob_attr *fields[kFieldCount];
     if (bv_blobmsg_parse(kFields, kFieldCount, fields, bv_blob_data(message),
@@ -566,8 +516,9 @@ int serve(const NamedOperation (&table)[Count], ubus_context *ctx, ubus_request_
         return UBUS_STATUS_INVALID_ARGUMENT;
     Text answer;
     Words words;
-    const int32_t status = run_operation(table, fields, answer, words);
-    if (only_one_part) { // to ask for a second part would be to change again
+    Call call = {answer, words, {}};
+    const int32_t status = run_operation(table, fields, call);
+    if (table == kWrites) { // to ask for a second part would be to change again
         fields[kOffset] = nullptr;
         answer.length = answer.length <= kMaxPart ? answer.length : 0;
     }
@@ -591,7 +542,7 @@ int on_read(ubus_context *ctx, ubus_object *, ubus_request_data *request, const 
             blob_attr *message)
 {
     ++g_calls;
-    return serve(kReads, ctx, request, message, false);
+    return serve(kReads, ctx, request, message);
 }
 
 int on_write(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *,
@@ -602,7 +553,7 @@ int on_write(ubus_context *ctx, ubus_object *, ubus_request_data *request, const
         ++g_refused;
         return UBUS_STATUS_PERMISSION_DENIED;
     }
-    return serve(kWrites, ctx, request, message, true);
+    return serve(kWrites, ctx, request, message);
 }
 
 constexpr ubus_method kMethods[] = {{"read", on_read, 0, 0, kFields, kFieldCount},
@@ -679,9 +630,11 @@ void announce(const struct bv_service_family &family)
     pollfd socket = {g_connection->sock.fd, POLLOUT, 0};
     char id[kMaxServiceName + sizeof(kEventSuffix)];
     snprintf(id, sizeof(id), "%s%s", g_service->name, kEventSuffix);
-    int failed = bv_blobmsg_buf_init(&g_event_data) | bv_blobmsg_buf_init(&g_event);
+    Text count;
+    count.print("%" PRIu32 ".%" PRIu32, g_start_number, g_changes[&family - g_service->families]);
+    int failed = count.failed | bv_blobmsg_buf_init(&g_event_data) | bv_blobmsg_buf_init(&g_event);
     failed |= bv_blobmsg_add_string(&g_event_data, "family", family.name);
-    failed |= bv_blobmsg_add_string(&g_event_data, "count", CountText(family).text);
+    failed |= bv_blobmsg_add_string(&g_event_data, "count", count.bytes);
     failed |= bv_blobmsg_add_string(&g_event, "id", id);
     if (failed == 0)
         failed = bv_blobmsg_add_field(&g_event, BLOBMSG_TYPE_TABLE, "data",

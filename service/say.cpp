@@ -89,12 +89,20 @@ void bv::service::Text::put_quoted(const char *text)
     put("\"", 1);
     for (; *text != '\0'; ++text) {
         const auto byte = static_cast<unsigned char>(*text);
-        char escape[8];
-        if (byte < 0x20)
-            snprintf(escape, sizeof escape, "\\u%04x", byte);
+        if (byte < 0x20 || byte == '"' || byte == '\\')
+            print("\\u%04x", byte);
         else
-            snprintf(escape, sizeof escape, byte == '"' || byte == '\\' ? "\\%c" : "%c", *text);
-        put(escape);
+            put(text, 1);
     }
     put("\"", 1);
+}
+
+void bv::service::Text::print(const char *format, ...)
+{
+    char piece[256];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(piece, sizeof piece, format, arguments);
+    va_end(arguments);
+    put(piece);
 }

@@ -22,6 +22,8 @@ using namespace bv::service;
 constexpr size_t kPathSize = 1024;
 constexpr int kLockWaitMs = 2000;
 constexpr int kLockStepMs = 10;
+constexpr int kReadTries = 5;
+constexpr int kReadStepMs = 100;
 
 struct Place {
     const char *path;
@@ -42,42 +44,25 @@ void close_file(int fd)
 }
 using File = bv::Owned<int, -1, close_file>;
 
-// The families of a store, for a range-for loop.
-class FamiliesOf {
-public:
-    struct End {};
-    class Iterator {
-    public:
-        explicit Iterator(uint32_t store) : store_(store) { skip(); }
-        const bv_service_family &operator*() const { return g_service->families[at_]; }
-        void operator++()
-        {
-            ++at_;
-            skip();
-        }
-        bool operator!=(End) const { return at_ < g_service->n_families; }
-
-    private:
-        void skip()
-        {
-            while (at_ < g_service->n_families && g_service->families[at_].store != store_)
-                ++at_;
-        }
-        uint32_t store_;
-        uint32_t at_ = 0;
-    };
-    explicit FamiliesOf(uint32_t store) : store_(store) {}
-    Iterator begin() const { return Iterator(store_); }
-    End end() const { return {}; }
-
-private:
-    uint32_t store_;
+// The families that the service lists.
+struct Listed {
+    static const bv_service_family *begin() { return g_service->families; }
+    static const bv_service_family *end() { return g_service->families + g_service->n_families; }
 };
 
 bool is_ours(uint32_t store, const char *name, size_t length)
 {
-    for (const bv_service_family &family : FamiliesOf(store))
-        if (strlen(family.name) == length && memcmp(family.name, name, length) == 0)
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && strlen(family.name) == length &&
+            memcmp(family.name, name, length) == 0)
+            return true;
+    return false;
+}
+
+bool is_used(uint32_t store)
+{
+    for (const bv_service_family &family : Listed())
+        if (family.store == store)
             return true;
     return false;
 }
@@ -89,44 +74,42 @@ bv_db_family &record(const bv_service_family &family)
 
 // ---- files ----
 
-struct Name {
-    char text[kPathSize + 16];
-    operator const char *() const { return text; }
-};
-
 // The file, and what is beside it. A link is followed, so that it stays one.
-class Path {
-public:
-    explicit Path(uint32_t store)
+struct Paths {
+    char file[kPathSize];
+    char tmp[kPathSize + 16];
+    char good[kPathSize + 16];
+    char linked[kPathSize + 16]; // becomes .good
+    char bad[kPathSize + 16];
+    char lock[kPathSize + 16];
+    char folder[kPathSize];
+
+    explicit Paths(uint32_t store)
     {
-        snprintf(file_, sizeof file_, "%s", kPlaces[store].path);
+        snprintf(file, sizeof file, "%s", kPlaces[store].path);
         char target[kPathSize];
         for (int links = 0; links < 8; ++links) {
-            const ssize_t length = readlink(file_, target, sizeof target - 1);
+            const ssize_t length = readlink(file, target, sizeof target - 1);
             if (length <= 0)
                 break;
             target[length] = '\0';
-            char *last = *target == '/' ? file_ : strrchr(file_, '/') + 1;
-            snprintf(last, sizeof file_ - static_cast<size_t>(last - file_), "%s", target);
+            char *last = *target == '/' ? file : strrchr(file, '/') + 1;
+            snprintf(last, sizeof file - static_cast<size_t>(last - file), "%s", target);
         }
+        snprintf(tmp, sizeof tmp, "%s.tmp", file);
+        snprintf(good, sizeof good, "%s.good", file);
+        snprintf(linked, sizeof linked, "%s.good.tmp", file);
+        snprintf(bad, sizeof bad, "%s.bad", file);
+        snprintf(lock, sizeof lock, "%s.lock", file);
+        snprintf(folder, sizeof folder, "%.*s", static_cast<int>(strrchr(file, '/') + 1 - file),
+                 file);
     }
-    const char *file() const { return file_; }
-    Name with(const char *suffix) const
-    {
-        Name name;
-        snprintf(name.text, sizeof name.text, "%s%s", file_, suffix);
-        return name;
-    }
-
-private:
-    char file_[kPathSize];
 };
 
 // Holds FILE.lock. Without it the file can be read, as it is replaced at once.
 class Lock {
 public:
-    explicit Lock(const Path &path)
-        : file_(open(path.with(".lock"), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    explicit Lock(const Paths &paths) : file_(open(paths.lock, O_RDWR | O_CREAT | O_CLOEXEC, 0600))
     {
         for (int waited = 0; file_ && !held_; waited += kLockStepMs) {
             held_ = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
@@ -173,107 +156,92 @@ bool read_file(const char *path, Contents &out)
     errno = out.text.failed ? ENOMEM : 0;
     if (errno != 0 || out.text.length == 0)
         return false;
-    out.tree = bv_json_tokener_parse(out.text.bytes);
-    errno = 0;
+    json_tokener_error error = json_tokener_success;
+    out.tree = json_tokener_parse_verbose(out.text.bytes, &error);
+    // Without memory the parser finds no fault, but gives nothing either.
+    errno = out.tree == nullptr && error <= json_tokener_continue ? ENOMEM : 0;
     return bv_json_object_is_type(out.tree, json_type_object) != 0;
 }
 
+// Look: says nothing and does not wait. Repair: moves a damaged file away, so the lock is needed.
+enum class Access { Look, Load, Repair };
+
 // Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
-// nothing in it. `repair`: moves a damaged file away. False when there is nothing to go on with,
-// which was said.
-bool read_store(const Path &path, bool repair, Contents &out)
+// nothing in it. False when there is nothing to go on with: nothing was changed then.
+bool read_store(const Paths &paths, Access access, Contents &out)
 {
-    out.from = "file";
-    if (read_file(path.file(), out))
-        return true;
-    const int error = errno;
-    if (error != 0 && error != ENOENT) {
-        say("%s cannot be read: %s", path.file(), strerror(error));
-        return false;
+    // A service on the bare interface may be rewriting the file just now.
+    int error = 0;
+    for (int tries = access == Access::Look ? 1 : kReadTries; error == 0 && tries > 0; --tries) {
+        out.clear();
+        out.from = "file";
+        if (read_file(paths.file, out))
+            return true;
+        error = errno;
+        if (error == 0 && tries > 1)
+            bv_os_usleep(kReadStepMs * 1000);
     }
-    const char *what = error == 0 ? "is damaged" : "is missing";
-    out.clear();
-    out.from = "good";
-    if (read_file(path.with(".good"), out)) {
-        if (repair && error == 0)
-            rename(path.file(), path.with(".bad"));
-        if (repair)
-            say("%s %s: taking what was saved before, from .good%s", path.file(), what,
-                error == 0 ? "; the damaged file is now .bad" : "");
-        return true;
+    const char *why = error == 0 ? "it is damaged" : strerror(error);
+    bool missing = error == ENOENT;
+    if (missing || error == 0) {
+        out.clear();
+        out.from = "good";
+        if (read_file(paths.good, out)) {
+            if (access == Access::Repair && error == 0)
+                rename(paths.file, paths.bad);
+            if (access != Access::Look)
+                say("%s: %s: taking %s, which was saved before", paths.file, why, paths.good);
+            return true;
+        }
+        missing = missing && errno == ENOENT;
     }
-    if (error == 0 || errno != ENOENT) {
-        say("%s %s, and its .good cannot be read either: repair it, or remove both to start with "
-            "the defaults",
-            path.file(), what);
-        return false;
+    if (missing) {
+        out.clear();
+        out.from = "defaults";
+        out.tree = json_object_new_object();
+    } else if (access != Access::Look) {
+        say("%s: %s, and %s cannot be used: repair or remove them", paths.file, why, paths.good);
     }
-    out.clear();
-    out.from = "defaults";
-    out.tree = json_object_new_object();
-    return out.tree != nullptr;
+    return missing && out.tree != nullptr;
 }
 
 // ---- what a file has ----
 
 // Takes the values of an element. One that does not fit is replaced by the default; one that is
 // missing stays as it is in the image, which has those of the element before.
-void take_values(const bv_db_family &family, json_object *para, uint8_t *image, bool report)
+void take_values(const bv_db_family &family, json_object *values, uint8_t *image, bool report)
 {
-    int32_t position = 0;
-    for (const bv_db_para &wanted : parameters(family)) {
-        json_object *value = bv_json_object_object_get(para, wanted.name);
-        const char *text = bv_json_object_get_string(value);
-        if (text != nullptr) {
-            const size_t length = bv_json_object_is_type(value, json_type_string) != 0
-                                      ? static_cast<size_t>(json_object_get_string_len(value))
-                                      : strlen(text);
-            Words why;
-            if (value_fits(wanted, text, length, why))
-                put_value(wanted, image + position, text);
-            else
-                memcpy(image + position, family.default_image + position,
-                       static_cast<size_t>(wanted.len));
-            if (report && *why.text != '\0')
-                note("%s.%s: %s; it takes its default", family.name, wanted.name, why.text);
-        }
-        position += wanted.len;
-    }
-}
-
-// Says which values of an element the family has no parameter for.
-void report_unknown(const bv_db_family &family, json_object *para)
-{
-    json_object_iterator at = json_object_iter_begin(para);
-    const json_object_iterator end = json_object_iter_end(para);
-    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
+    for (const Members::Member member : Members{values}) {
+        Words why;
+        if (member.value == nullptr || set_value(family, image, member, why) == BV_OK)
+            continue;
         int32_t position;
-        if (find_parameter(family, json_object_iter_peek_name(&at), position) == nullptr)
-            note("%s.%.80s: no such parameter; it is left out", family.name,
-                 json_object_iter_peek_name(&at));
+        const bv_db_para *para = find_parameter(family, member.name, position);
+        if (para != nullptr)
+            memcpy(image + position, family.default_image + position,
+                   static_cast<size_t>(para->len));
+        if (report)
+            note("%s: the value in the file is left out", why.text);
     }
 }
 
 // Plans the instance of one element. False without memory.
-bool plan_element(const bv_service_family &listed, bv_db_family &family, json_object *element,
-                  uint8_t *image, Plan &plan, bool report)
+bool plan_element(const bv_service_family &listed, json_object *element, uint8_t *image, Plan &plan,
+                  bool report)
 {
+    bv_db_family &family = record(listed);
     json_object *inst = bv_json_object_object_get(element, "inst");
-    json_object *para = bv_json_object_object_get(element, "para");
-    if (inst == nullptr || para == nullptr) {
+    json_object *values = bv_json_object_object_get(element, "para");
+    if (inst == nullptr || values == nullptr) {
         if (report)
             note("%s: an element without \"inst\" or \"para\" is left out", family.name);
         return true;
     }
-    if (bv_json_object_is_type(para, json_type_object) != 0) {
-        take_values(family, para, image, report);
-        if (report)
-            report_unknown(family, para);
-    }
+    take_values(family, values, image, report);
     const int32_t number = bv_json_object_get_int(inst);
     const Change *known = find_change(plan, family, number);
     if (known != nullptr) {
-        memcpy(known->is, image, static_cast<size_t>(family.image_size));
+        memcpy(known->is, image, listed.size);
         return true;
     }
     uint8_t *copy = copy_image(family, image);
@@ -294,7 +262,7 @@ bool plan_saved(json_object *tree, const bv_service_family &listed, Plan &plan, 
     for (size_t i = 0; done && i < count; ++i) {
         json_object *element = bv_json_object_array_get_idx(elements, i);
         if (bv_json_object_is_type(element, json_type_object) != 0)
-            done = plan_element(listed, family, element, image, plan, report);
+            done = plan_element(listed, element, image, plan, report);
     }
     if (!done || plan.count != 0) {
         free(image);
@@ -307,25 +275,22 @@ bool plan_saved(json_object *tree, const bv_service_family &listed, Plan &plan, 
 // Whether a file has a family as it is in memory.
 bool is_saved(json_object *tree, const bv_service_family &listed)
 {
-    const bv_db_family &family = record(listed);
+    bv_db_family &family = record(listed);
     Plan plan;
-    if (!plan_saved(tree, listed, plan, false))
+    if (!plan_saved(tree, listed, plan, false) || !add_removals(plan, listed, family))
         return false;
-    if (family.inst_count == 0)
-        return plan.count == 1 && plan.changes->instance == 1 &&
-               same_values(family, plan.changes->is, family.default_image);
-    for (const bv_db_inst &instance : instances(family)) {
-        const Change *saved = find_change(plan, family, instance.number);
-        if (saved == nullptr || !same_values(family, saved->is, instance.image))
-            return false;
+    if (family.inst_count != 0) {
+        drop_equal(plan);
+        return plan.count == 0;
     }
-    return plan.count == static_cast<uint32_t>(family.inst_count);
+    return plan.count == 1 && plan.changes->instance == 1 &&
+           same_values(family, plan.changes->is, family.default_image);
 }
 
 bool are_saved(json_object *tree, uint32_t store)
 {
-    for (const bv_service_family &family : FamiliesOf(store))
-        if (!is_saved(tree, family))
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && !is_saved(tree, family))
             return false;
     return true;
 }
@@ -333,14 +298,11 @@ bool are_saved(json_object *tree, uint32_t store)
 // Whether a file has all that another one has of other services.
 bool has_others(json_object *tree, json_object *wanted, uint32_t store)
 {
-    json_object_iterator at = json_object_iter_begin(wanted);
-    const json_object_iterator end = json_object_iter_end(wanted);
-    for (; !json_object_iter_equal(&at, &end); json_object_iter_next(&at)) {
-        const char *name = json_object_iter_peek_name(&at);
+    for (const Members::Member member : Members{wanted}) {
         json_object *value = nullptr;
-        if (!is_ours(store, name, strlen(name)) &&
-            (json_object_object_get_ex(tree, name, &value) == 0 ||
-             json_object_equal(value, json_object_iter_peek_value(&at)) == 0))
+        if (!is_ours(store, member.name, strlen(member.name)) &&
+            (json_object_object_get_ex(tree, member.name, &value) == 0 ||
+             json_object_equal(value, member.value) == 0))
             return false;
     }
     return true;
@@ -412,7 +374,9 @@ bool write_families(uint32_t store, const char *path)
     auto *records = static_cast<bv_db_reg *>(calloc(g_service->n_families, sizeof(bv_db_reg)));
     if (records == nullptr)
         return false;
-    for (const bv_service_family &family : FamiliesOf(store)) {
+    for (const bv_service_family &family : Listed()) {
+        if (family.store != store)
+            continue;
         bv_db_reg &one = records[count++];
         snprintf(one.name, sizeof one.name, "%s", family.name);
         bv::list_append(list, one.link);
@@ -423,7 +387,7 @@ bool write_families(uint32_t store, const char *path)
 }
 
 // Appends what other services have, and gives the file the owner and mode of the old one.
-bool complete(int fd, const Text &ours, uint32_t store, const Contents &present, const Path &path)
+bool complete(int fd, const Text &ours, uint32_t store, const Contents &present, const Paths &paths)
 {
     Text rest;
     if (present.text.length != 0)
@@ -441,47 +405,40 @@ bool complete(int fd, const Text &ours, uint32_t store, const Contents &present,
         done += static_cast<uint32_t>(wrote);
     }
     struct stat old;
-    if (stat(path.file(), &old) != 0 && stat(path.with(".good"), &old) != 0)
+    if (stat(paths.file, &old) != 0 && stat(paths.good, &old) != 0)
         return true;
     return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
 }
 
-bool sync_folder(const Path &path)
-{
-    Name folder = path.with("");
-    *(strrchr(folder.text, '/') + 1) = '\0';
-    const File file(open(folder.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return file && fsync(file.get()) == 0;
-}
-
 // Puts the written file in place of the old one, which becomes .good.
-bool put_in_place(const Path &path)
+bool put_in_place(const Paths &paths)
 {
-    const Name made = path.with(".good.tmp");
-    unlink(made);
-    if (link(path.file(), made) == 0)
-        rename(made, path.with(".good"));
+    unlink(paths.linked);
+    if (link(paths.file, paths.linked) == 0)
+        rename(paths.linked, paths.good);
     else if (errno != ENOENT)
-        note("%s.good cannot be made: %s", path.file(), strerror(errno));
-    return rename(path.with(".tmp"), path.file()) == 0 && sync_folder(path);
+        note("%s cannot be made: %s", paths.good, strerror(errno));
+    if (rename(paths.tmp, paths.file) != 0)
+        return false;
+    const File folder(open(paths.folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && fsync(folder.get()) == 0;
 }
 
 // Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
-bool write_beside(uint32_t store, const Contents &present, const Path &path, bool &equal)
+bool write_beside(uint32_t store, const Contents &present, const Paths &paths, bool &equal)
 {
-    const Name tmp = path.with(".tmp");
-    unlink(tmp);
+    unlink(paths.tmp);
     errno = 0;
-    if (!write_families(store, tmp))
+    if (!write_families(store, paths.tmp))
         return false;
     Contents ours;
-    if (!read_file(tmp, ours))
+    if (!read_file(paths.tmp, ours))
         return false;
-    const File file(open(tmp, O_WRONLY | O_CLOEXEC));
-    if (!file || !complete(file.get(), ours.text, store, present, path))
+    const File file(open(paths.tmp, O_WRONLY | O_CLOEXEC));
+    if (!file || !complete(file.get(), ours.text, store, present, paths))
         return false;
     Contents written;
-    if (!read_file(tmp, written))
+    if (!read_file(paths.tmp, written))
         return false;
     errno = 0;
     if (!are_saved(written.tree, store) || !has_others(written.tree, present.tree, store))
@@ -491,47 +448,47 @@ bool write_beside(uint32_t store, const Contents &present, const Path &path, boo
     return equal || fsync(file.get()) == 0;
 }
 
-int32_t check_families(uint32_t store)
+// Whether every value would come back from a file.
+bool check_families(uint32_t store)
 {
-    for (const bv_service_family &listed : FamiliesOf(store)) {
+    for (const bv_service_family &listed : Listed()) {
+        if (listed.store != store)
+            continue;
         const bv_db_family &family = record(listed);
-        for (const bv_db_inst &instance : instances(family)) {
-            Words words;
-            if (check_image(family, instance.image, words) == BV_OK)
-                continue;
-            say("nothing is saved: instance %d of %s", instance.number, words.text);
-            return BV_ERR_INVALID;
-        }
+        Words words;
+        for (const bv_db_inst &instance : instances(family))
+            if (check_image(family, instance.image, words) != BV_OK)
+                return say("nothing is saved: instance %d of %s", instance.number, words.text),
+                       false;
     }
-    return BV_OK;
+    return true;
 }
 
 int32_t save(uint32_t store)
 {
-    const int32_t status = check_families(store);
-    if (status != BV_OK)
-        return status;
-    const Path path(store);
-    const Lock lock(path);
+    if (!check_families(store))
+        return BV_ERR_INVALID;
+    const Paths paths(store);
+    const Lock lock(paths);
     if (!lock.held()) {
-        say("%s cannot be saved: %s.lock: %s", path.file(), kPlaces[store].path, strerror(errno));
+        say("%s cannot be saved: %s: %s", paths.file, paths.lock, strerror(errno));
         return BV_ERR_WRITE_OPEN;
     }
     Contents present;
-    if (!read_store(path, true, present))
+    if (!read_store(paths, Access::Repair, present))
         return BV_ERR_WRITE_OPEN;
     if (strcmp(present.from, "file") == 0 && are_saved(present.tree, store))
         return BV_OK;
 
     bool equal = false;
-    if (write_beside(store, present, path, equal) && (equal || put_in_place(path))) {
+    if (write_beside(store, present, paths, equal) && (equal || put_in_place(paths))) {
         if (equal)
-            unlink(path.with(".tmp"));
+            unlink(paths.tmp);
         return BV_OK;
     }
     const int error = errno;
-    unlink(path.with(".tmp"));
-    say("%s cannot be saved: %s", path.file(),
+    unlink(paths.tmp);
+    say("%s cannot be saved: %s", paths.file,
         error != 0 ? strerror(error) : "it does not come back as written; is the disk full?");
     return BV_ERR_WRITE_OPEN;
 }
@@ -552,30 +509,27 @@ int match(const char *path, const struct stat *, int, FTW *at)
     return 0;
 }
 
-// Refuses what the database would skip, cut or store as something else. Null, or why.
-const char *find_fault(const bv_db_family &family, Words &words)
+// Whether the database takes a parameter as it is, and would not skip it, cut it, or store it as
+// something else.
+bool check_parameter(const bv_db_family &family, const bv_db_para &para)
 {
-    for (const bv_db_para &para : parameters(family)) {
-        if (para.valid == 0)
-            return "a parameter lacks its name, type, len or value, or is too long";
-        const bv::ParameterType *type = bv::find_type(para.type);
-        int32_t position;
-        words.refuse(0, "\"%.60s\" has an unknown type", para.name);
-        if (type == nullptr)
-            return words.text;
-        words.refuse(0, "\"%.60s\" has a len that does not fit its type", para.name);
-        if (para.len < 1 || (type->size != 0 && para.len != type->size))
-            return words.text;
-        tools::Reason why;
-        words.refuse(0, "\"%.60s\" is a name twice, or not a name", para.name);
-        if (*para.name == '\0' || !tools::text_survives(para.name, strlen(para.name), why) ||
-            find_parameter(family, para.name, position) != &para)
-            return words.text;
-        Words reason;
-        if (!value_fits(para, para.value, strlen(para.value), reason))
-            return words.refuse(0, "\"%.60s\": %s", para.name, reason.text), words.text;
-    }
-    return family.para_count == 0 ? "it has no parameters, or is not a template" : nullptr;
+    const bv::ParameterType *type = bv::find_type(para.type);
+    int32_t position;
+    Words why;
+    tools::Reason reason;
+    return para.valid != 0 && type != nullptr && para.len > 0 &&
+           (type->size == 0 || para.len == type->size) && *para.name != '\0' &&
+           tools::text_survives(para.name, strlen(para.name), reason) &&
+           find_parameter(family, para.name, position) == &para &&
+           value_fits(para, para.value, strlen(para.value), why);
+}
+
+bool check_template(const bv_db_family &family)
+{
+    for (const bv_db_para &para : parameters(family))
+        if (!check_parameter(family, para))
+            return false;
+    return family.para_count > 0;
 }
 
 int load_template(const bv_service_family &listed)
@@ -584,10 +538,7 @@ int load_template(const bv_service_family &listed)
     g_matches = 0;
     nftw("/etc/template", match, 8, FTW_PHYS);
     if (g_matches != 1) {
-        say("%s: %s below /etc/template: %s", listed.name,
-            g_matches == 0 ? "there is no template of this name"
-                           : "there are several templates of this name",
-            g_matches == 0 ? "install it" : "leave one");
+        say("/etc/template has %d templates %s: install one", g_matches, listed.name);
         return BV_SERVICE_TEMPLATE;
     }
     bv_db_family *family = bv_db_hash_add(listed.name);
@@ -595,33 +546,16 @@ int load_template(const bv_service_family &listed)
     if (family == nullptr || (status != BV_OK && status != BV_ERR_EXISTS))
         return say("no memory for %s", listed.name), BV_SERVICE_NO_MEMORY;
     bv_db_template_read_single(g_found, family);
-    Words words;
-    const char *fault = find_fault(*family, words);
-    if (fault != nullptr) {
-        say("%s: %s: run bv-template check on it", g_found, fault);
+    if (!check_template(*family)) {
+        say("%s has faults: bv-template check tells which", g_found);
         return BV_SERVICE_TEMPLATE;
     }
     if (family->image_size != static_cast<int32_t>(listed.size)) {
-        say("%s: it has %d bytes, but the program was built for %u: install the template that "
-            "belongs to the program",
+        say("%s has %d bytes, and the program wants %u: install the two that belong together",
             g_found, family->image_size, listed.size);
         return BV_SERVICE_SIZE;
     }
     return BV_SERVICE_ENDED;
-}
-
-// The conversions' own descriptors and image hold the defaults again: what a later load through
-// the bare interface starts from.
-void refill(bv_db_family &family)
-{
-    const auto size = static_cast<size_t>(family.image_size);
-    void *copy = calloc(1, size + bv::kParameterTextSize);
-    if (copy == nullptr)
-        return;
-    memcpy(copy, family.default_image, size);
-    bv_db_user_fill_frommem(copy, family.para_count, family.para);
-    bv_db_user_fill_tomem(&family, 0);
-    free(copy);
 }
 
 // Without memory some instances may be missing: the service must not go on.
@@ -641,84 +575,72 @@ bool fill(const bv_service_family &listed, json_object *tree)
 
 int load_store(uint32_t store)
 {
-    const Path path(store);
-    const Lock lock(path);
+    const Paths paths(store);
+    const Lock lock(paths);
     Contents contents;
-    if (!read_store(path, lock.held(), contents))
+    if (!read_store(paths, lock.held() ? Access::Repair : Access::Load, contents))
         return BV_SERVICE_DATA;
-    for (const bv_service_family &family : FamiliesOf(store))
-        if (!fill(family, contents.tree))
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && !fill(family, contents.tree))
             return say("no memory for %s", family.name), BV_SERVICE_NO_MEMORY;
     if (strcmp(contents.from, "good") == 0 || strcmp(g_state.loaded, "defaults") == 0)
         g_state.loaded = contents.from;
     return BV_SERVICE_ENDED;
 }
 
-// The family is to have exactly the planned instances.
+// Plans what the data file has of a family. The words say why not.
+int32_t plan_from_file(const bv_service_family &family, Plan &plan, Words &words)
+{
+    const Paths paths(family.store);
+    Contents contents;
+    if (!read_store(paths, Access::Look, contents))
+        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", paths.file);
+    return plan_saved(contents.tree, family, plan, false)
+               ? BV_OK
+               : words.refuse(BV_ERR_MEMORY, "no memory");
+}
+
+// The family has exactly the planned instances afterwards.
 int32_t replace(const bv_service_family &family, Plan &plan)
 {
     Words words;
-    if (!add_removals(plan, family, record(family)))
-        return BV_ERR_MEMORY;
-    const int32_t status = make(plan, words, false);
-    if (status == BV_OK)
-        refill(record(family));
-    return status;
-}
-
-int32_t commit_stores(uint32_t first, uint32_t last)
-{
-    if (g_service == nullptr)
-        return BV_ERR_FAILED;
-    int32_t result = BV_OK;
-    for (uint32_t store = first; store <= last; ++store) {
-        const int32_t status = commit(static_cast<bv_service_store>(store));
-        if (result == BV_OK)
-            result = status;
-    }
-    return result;
+    return add_removals(plan, family, record(family)) ? make(plan, words, false) : BV_ERR_MEMORY;
 }
 
 } // namespace
 
 int bv::service::load()
 {
+    int status = BV_SERVICE_ENDED;
     g_state = {"defaults", 0, BV_OK};
-    for (uint32_t i = 0; i < g_service->n_families; ++i) {
-        const int status = load_template(g_service->families[i]);
-        if (status != BV_SERVICE_ENDED)
-            return status;
-    }
-    for (uint32_t store = 0; store < kStores; ++store) {
-        const int status =
-            FamiliesOf(store).begin() != FamiliesOf::End() ? load_store(store) : BV_SERVICE_ENDED;
-        if (status != BV_SERVICE_ENDED)
-            return status;
-    }
+    for (const bv_service_family &family : Listed())
+        if (status == BV_SERVICE_ENDED)
+            status = load_template(family);
+    for (uint32_t store = 0; store < kStores; ++store)
+        if (status == BV_SERVICE_ENDED && is_used(store))
+            status = load_store(store);
     bv_db_ready();
-    return BV_SERVICE_ENDED;
+    return status;
 }
 
 int32_t bv::service::commit(bv_service_store store)
 {
-    if (!(FamiliesOf(store).begin() != FamiliesOf::End()))
+    if (g_service == nullptr)
+        return BV_ERR_FAILED;
+    if (!is_used(store))
         return BV_OK;
     g_state.saved_status = save(store);
     if (g_state.saved_status == BV_OK)
         g_state.saved = time(nullptr);
-    for (const bv_service_family &family : FamiliesOf(store))
-        refill(record(family));
     return g_state.saved_status;
 }
 
 int32_t bv::service::revert(const bv_service_family &family)
 {
-    const Path path(family.store);
-    Contents contents;
     Plan plan;
-    if (!read_store(path, false, contents))
-        return BV_ERR_NO_FILE;
-    return plan_saved(contents.tree, family, plan, false) ? replace(family, plan) : BV_ERR_MEMORY;
+    Words words;
+    const int32_t status = plan_from_file(family, plan, words);
+    return status == BV_OK ? replace(family, plan) : status;
 }
 
 int32_t bv::service::reset(const bv_service_family &family)
@@ -729,20 +651,15 @@ int32_t bv::service::reset(const bv_service_family &family)
 
 int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words &words)
 {
-    const Path path(family.store);
-    Contents contents;
     Plan plan;
-    if (!read_store(path, false, contents))
-        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", path.file());
-    if (!plan_saved(contents.tree, family, plan, false))
-        return words.refuse(BV_ERR_MEMORY, "no memory");
-    for (uint32_t i = 0; i < plan.count; ++i) {
+    const int32_t status = plan_from_file(family, plan, words);
+    for (uint32_t i = 0; status == BV_OK && i < plan.count; ++i) {
         out.put(i == 0 ? "[" : ",");
         put_instance(out, record(family), plan.changes[i].is, plan.changes[i].instance,
                      (family.flags & BV_SERVICE_HIDDEN) != 0);
     }
-    out.put("]");
-    return BV_OK;
+    out.put(status == BV_OK ? "]" : "");
+    return status;
 }
 
 const StoreState &bv::service::store_state()
@@ -752,19 +669,21 @@ const StoreState &bv::service::store_state()
 
 bool bv::service::is_unsaved(const bv_service_family &family)
 {
-    const Path path(family.store);
     Contents contents;
-    return !read_store(path, false, contents) || !is_saved(contents.tree, family);
+    return !read_store(Paths(family.store), Access::Look, contents) ||
+           !is_saved(contents.tree, family);
 }
 
 int32_t bv_service_commit()
 {
-    return commit_stores(BV_SERVICE_USER, BV_SERVICE_PRIVATE);
+    const int32_t user = commit(BV_SERVICE_USER);
+    const int32_t others = commit(BV_SERVICE_PRIVATE);
+    return user != BV_OK ? user : others;
 }
 
 int32_t bv_service_commit_factory()
 {
-    return commit_stores(BV_SERVICE_FACTORY, BV_SERVICE_FACTORY);
+    return commit(BV_SERVICE_FACTORY);
 }
 
 int32_t bv_service_revert(const char *family)

@@ -100,13 +100,26 @@ int32_t bv::service::set_value(const bv_db_family &family, uint8_t *image, const
 {
     int32_t position;
     const bv_db_para *para = find_parameter(family, parameter, position);
-    if (para == nullptr)
-        return words.refuse(BV_ERR_INVALID, "%s.%.80s: no such parameter", family.name, parameter);
     Words why;
-    if (!value_fits(*para, text, length, why))
-        return words.refuse(BV_ERR_INVALID, "%s.%s: %s", family.name, parameter, why.text);
+    why.refuse(0, "no such parameter");
+    if (para == nullptr || !value_fits(*para, text, length, why))
+        return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name, parameter, why.text);
     put_value(*para, image + position, text);
     return BV_OK;
+}
+
+int32_t bv::service::set_value(const bv_db_family &family, uint8_t *image,
+                               const Members::Member &member, Words &words)
+{
+    const json_type type = json_object_get_type(member.value);
+    const char *text = bv_json_object_get_string(member.value);
+    if (text == nullptr || type == json_type_object || type == json_type_array)
+        return words.refuse(BV_ERR_INVALID, "%s.%.80s: the value must be a text", family.name,
+                            member.name);
+    const size_t length = type == json_type_string
+                              ? static_cast<size_t>(json_object_get_string_len(member.value))
+                              : strlen(text);
+    return set_value(family, image, member.name, text, length, words);
 }
 
 bool bv::service::same_values(const bv_db_family &family, const uint8_t *a, const uint8_t *b)

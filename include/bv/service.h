@@ -191,9 +191,10 @@ BV_API int32_t bv_service_change(const char *family, const void *image, uint32_t
  * Takes a family back to what its data file has. `check` is not asked; `changed` is called for
  * every instance that differs.
  *
- * @retval BV_OK             reverted; a family that the file does not name has its defaults
+ * @retval BV_OK             reverted; a family that the file does not name has its defaults, and so
+ *                           has every family before the first commit
  * @retval BV_ERR_NO_FAMILY  not a family of this service
- * @retval BV_ERR_NO_FILE    the file cannot be read: nothing changed
+ * @retval BV_ERR_NO_FILE    neither the file nor its .good can be read: nothing changed
  * @retval BV_ERR_MEMORY     no memory: nothing changed
  */
 BV_API int32_t bv_service_revert(const char *family);

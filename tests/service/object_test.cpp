@@ -129,7 +129,9 @@ TEST_F(ServiceObject, InstancesAreReadAndHiddenValuesAreNot)
     EXPECT_EQ(caller.ask("get", R"({"lan.json":["1x"]})").substr(0, 9), "10000010:");
     EXPECT_EQ(caller.ask("get", R"({"lan.json":[null]})").substr(0, 9), "10000010:");
     EXPECT_EQ(caller.ask("get", R"({"lan.json":"1"})").substr(0, 9), "10000010:");
-    EXPECT_EQ(caller.ask("get", R"(["lan.json"])").substr(0, 9), "10000010:");
+    EXPECT_EQ(caller.ask("get", R"(["lan.json"])"), kLan1);
+    EXPECT_EQ(caller.ask("get", R"("lan.json")"), kLan1);
+    EXPECT_EQ(caller.ask("get", "[7]").substr(0, 9), "1000000a:");
     EXPECT_EQ(caller.ask("get", "{").substr(0, 9), "10000010:");
 }
 

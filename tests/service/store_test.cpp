@@ -1,10 +1,27 @@
 /* SPDX-License-Identifier: ISC */
 #include "service/fixture.h"
 
+#include "support/child.h"
+#include "support/faults.h"
+
+#include <fcntl.h>
+#include <functional>
+#include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 
 using namespace bv::service;
+
+// Waiting takes no time while this fails, and something may happen instead.
+std::function<void()> g_meanwhile;
+FaultPoint fault_wait("usleep");
+BV_INTERPOSE(wait, "usleep", int, (useconds_t usec))
+{
+    if (!fault_wait.fails(BV_CALLER))
+        return BV_NEXT(wait)(usec);
+    if (g_meanwhile)
+        g_meanwhile();
+    return 0;
+}
 
 namespace {
 
@@ -12,7 +29,20 @@ constexpr char kDefaults[] = R"({"ipaddr":"192.168.1.1","mtu":"1500","hostname":
 constexpr char kOther[] =
     "\t\"vpn.json\" : [ {\"inst\" : \"1\", \"para\": {\"key\": \"a,}\\\"]b\"} } ]";
 
-class Store : public Parts {};
+class Store : public Parts {
+protected:
+    void SetUp() override
+    {
+        Parts::SetUp();
+        fault_wait.fail_always();
+    }
+    void TearDown() override
+    {
+        Parts::TearDown();
+        fault_wait.pass();
+        g_meanwhile = nullptr;
+    }
+};
 
 int start_lan()
 {
@@ -109,6 +139,28 @@ TEST_F(Store, DamagedFileBecomesBadAndGoodIsLoaded)
     EXPECT_EQ(bv_service_commit(), BV_OK);
     EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
     EXPECT_NE(read_file(kUserFile).find("\"vpn.json\":[]"), std::string::npos);
+}
+
+TEST_F(Store, FileThatIsBeingWrittenIsNotDamaged)
+{
+    const std::string whole = R"({"lan.json":[{"inst":"1","para":{"mtu":"1400"}}]})";
+    write_file(kUserFile, whole.substr(0, 30));
+    g_meanwhile = [&] { write_file(kUserFile, whole); };
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(values("lan.json", 1), with_mtu(1400));
+}
+
+TEST_F(Store, FileIsMovedAwayUnderTheLockOnly)
+{
+    write_file(kUserFile, "{");
+    write_file(std::string(kUserFile) + ".good", "{}");
+    const int lock = open("/config/work/userdata.json.lock", O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(read_file(kUserFile), "{");
+    close(lock);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(read_file(std::string(kUserFile) + ".bad"), "{");
 }
 
 TEST_F(Store, MissingFileWithGoodBesideItIsLoadedFromThere)
@@ -321,4 +373,76 @@ TEST_F(Store, OddElementsOfAFileNeverKeepTheServiceDown)
     write_file(kUserFile, R"({"lan.json":{"inst":"1"}})");
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     EXPECT_EQ(values("lan.json", 1), kDefaults);
+}
+
+TEST_F(Store, ServicesThatSaveAtTheSameTimeKeepAllThatTheySaved)
+{
+    fault_wait.pass();
+    const auto save_often = [](const char *name) {
+        if (start_service({family_of(name, kLan)}) != BV_SERVICE_ENDED)
+            return 1;
+        for (int i = 1; i <= 50; ++i) {
+            const std::string json = "{\"" + std::string(name) +
+                                     R"(":[{"inst":"1","para":{"mtu":")" + std::to_string(i) +
+                                     "\"}}]}";
+            if (request(json) != BV_OK || bv_service_commit() != BV_OK)
+                return 2;
+        }
+        return 0;
+    };
+    Child one([&] { return save_often("one.json"); }, 60);
+    Child two([&] { return save_often("two.json"); }, 60);
+    EXPECT_EQ(one.wait(), 0);
+    EXPECT_EQ(two.wait(), 0);
+    EXPECT_EQ(values_of_file(kUserFile, "one.json", 1), with_mtu(50));
+    EXPECT_EQ(values_of_file(kUserFile, "two.json", 1), with_mtu(50));
+}
+
+TEST_F(Store, HeldLockKeepsFromSavingButNotFromStarting)
+{
+    const int lock = open("/config/work/userdata.json.lock", O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(bv_service_commit(), BV_ERR_WRITE_OPEN);
+    EXPECT_FALSE(file_exists(kUserFile));
+    close(lock);
+    EXPECT_EQ(bv_service_commit(), BV_OK);
+}
+
+TEST_F(Store, OwnerIsKept)
+{
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    if (chown(kUserFile, 12, 34) != 0)
+        GTEST_SKIP() << "no other users here";
+    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    struct stat status;
+    ASSERT_EQ(stat(kUserFile, &status), 0);
+    EXPECT_EQ(status.st_uid, 12u);
+    EXPECT_EQ(status.st_gid, 34u);
+}
+
+TEST_F(Store, CommitWithoutMemoryLeavesTheOldFile)
+{
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    write_file(std::string(kUserFile) + ".good", "{}");
+    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    const std::string before = read_file(kUserFile);
+    bool refused = true;
+    for (unsigned nth = 1; refused; ++nth) {
+        int32_t status;
+        {
+            FailAllocation next(nth);
+            status = bv_service_commit();
+            refused = next.happened();
+        }
+        ASSERT_FALSE(file_exists(std::string(kUserFile) + ".bad")) << nth;
+        if (status == BV_OK)
+            break;
+        ASSERT_EQ(status, static_cast<int32_t>(BV_ERR_WRITE_OPEN)) << nth;
+        ASSERT_EQ(read_file(kUserFile), before) << nth;
+    }
+    EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
 }

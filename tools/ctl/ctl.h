@@ -58,7 +58,7 @@ int refused(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // What is not there, or has another type, is an empty text and has no members and elements.
 const char *text_of(json_object *value);
-const char *text_of(json_object *object, const char *member);
+const char *text_of(json_object *object, const char *name);
 size_t count_of(json_object *array);
 json_object *element(json_object *array, size_t index);
 json_object *member(json_object *object, const char *name);

@@ -56,6 +56,8 @@ const char *advice(int32_t status, bool writes)
     if (status == UBUS_STATUS_PERMISSION_DENIED)
         return writes ? "only root and the users that the service names may change it"
                       : "the bus's access rules keep you from reading it";
+    if (status == UBUS_STATUS_INVALID_ARGUMENT)
+        return "the request is too long for the bus, or the service is of another version";
     if (status == UBUS_STATUS_CONNECTION_FAILED)
         return "is ubusd running?";
     return status == UBUS_STATUS_TIMEOUT ? "it is busy or hangs" : nullptr;

@@ -142,22 +142,25 @@ private:
             return fault("%s should be an array of instances", name);
         put(object_in(requests_.get(), owner), name, share(instances));
         known_ = member(member(member(services_, owner), name), "para");
+        const JsonTree seen(json_object_new_object());
         for (size_t i = 0; i < count_of(instances); ++i)
-            check_instance(name, instances, i);
+            check_instance(name, element(instances, i), i + 1, seen.get());
     }
 
-    void check_instance(const char *family, json_object *instances, size_t index)
+    void check_instance(const char *family, json_object *instance, size_t place, json_object *seen)
     {
-        json_object *instance = element(instances, index);
         json_object *para = member(instance, "para");
         const char *number = text_of(instance, "inst");
         int64_t value;
         if (!parse_decimal(number, value) || value < INT32_MIN || value > INT32_MAX ||
             bv_json_object_is_type(para, json_type_object) == 0)
             return fault("%s: element %zu needs a number \"inst\" and an object \"para\"", family,
-                         index + 1);
-        if (find(instances, "inst", number) != instance)
+                         place);
+        char canonical[16]; // "01" is 1
+        snprintf(canonical, sizeof(canonical), "%d", static_cast<int>(value));
+        if (member(seen, canonical) != nullptr)
             fault("%s.%s is there twice", family, number);
+        put(seen, canonical, canonical);
         for (const auto &parameter : Members(para))
             check_value(family, number, parameter.name(), parameter.value());
     }

@@ -30,10 +30,11 @@ int32_t no_memory(Words &words)
 const bv_service_family *find_family(const char *name, bv_db_family *&family, Words &words)
 {
     const bv_service_family *listed = find_listed(name);
-    family = listed == nullptr ? nullptr : bv_db_hash_find(name);
-    if (family == nullptr)
+    if (listed == nullptr)
         words.refuse(0, "%.80s: no such family", name);
-    return family == nullptr ? nullptr : listed;
+    else
+        family = bv_db_hash_find(name);
+    return listed;
 }
 
 // A whole number, in quotes or not. The highest one is refused: the database proposes the number

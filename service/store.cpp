@@ -457,9 +457,10 @@ bool check_families(uint32_t store)
         const bv_db_family &family = record(listed);
         Words words;
         for (const bv_db_inst &instance : instances(family))
-            if (check_image(family, instance.image, words) != BV_OK)
-                return say("nothing is saved: instance %d of %s", instance.number, words.text),
-                       false;
+            if (check_image(family, instance.image, words) != BV_OK) {
+                say("nothing is saved: instance %d of %s", instance.number, words.text);
+                return false;
+            }
     }
     return true;
 }
@@ -588,18 +589,6 @@ int load_store(uint32_t store)
     return BV_SERVICE_ENDED;
 }
 
-// Plans what the data file has of a family. The words say why not.
-int32_t plan_from_file(const bv_service_family &family, Plan &plan, Words &words)
-{
-    const Paths paths(family.store);
-    Contents contents;
-    if (!read_store(paths, Access::Look, contents))
-        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", paths.file);
-    return plan_saved(contents.tree, family, plan, false)
-               ? BV_OK
-               : words.refuse(BV_ERR_MEMORY, "no memory");
-}
-
 // The family has exactly the planned instances afterwards.
 int32_t replace(const bv_service_family &family, Plan &plan)
 {
@@ -637,10 +626,11 @@ int32_t bv::service::commit(bv_service_store store)
 
 int32_t bv::service::revert(const bv_service_family &family)
 {
+    Contents contents;
     Plan plan;
-    Words words;
-    const int32_t status = plan_from_file(family, plan, words);
-    return status == BV_OK ? replace(family, plan) : status;
+    if (!read_store(Paths(family.store), Access::Look, contents))
+        return BV_ERR_NO_FILE;
+    return plan_saved(contents.tree, family, plan, false) ? replace(family, plan) : BV_ERR_MEMORY;
 }
 
 int32_t bv::service::reset(const bv_service_family &family)
@@ -651,15 +641,19 @@ int32_t bv::service::reset(const bv_service_family &family)
 
 int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words &words)
 {
+    Contents contents;
     Plan plan;
-    const int32_t status = plan_from_file(family, plan, words);
-    for (uint32_t i = 0; status == BV_OK && i < plan.count; ++i) {
+    if (!read_store(Paths(family.store), Access::Look, contents))
+        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPlaces[family.store].path);
+    if (!plan_saved(contents.tree, family, plan, false))
+        out.failed = true;
+    for (uint32_t i = 0; i < plan.count; ++i) {
         out.put(i == 0 ? "[" : ",");
         put_instance(out, record(family), plan.changes[i].is, plan.changes[i].instance,
                      (family.flags & BV_SERVICE_HIDDEN) != 0);
     }
-    out.put(status == BV_OK ? "]" : "");
-    return status;
+    out.put("]");
+    return BV_OK;
 }
 
 const StoreState &bv::service::store_state()

@@ -30,10 +30,16 @@ int32_t no_memory(Words &words)
 const bv_service_family *find_family(const char *name, bv_db_family *&family, Words &words)
 {
     const bv_service_family *listed = find_listed(name);
-    family = listed == nullptr ? nullptr : bv_db_hash_find(name);
-    if (family == nullptr)
+    if (listed == nullptr)
         words.refuse(0, "%.80s: no such family", name);
-    return family == nullptr ? nullptr : listed;
+    else
+        family = bv_db_hash_find(name);
+    return listed;
+}
+
+bool is_file(Meaning meaning)
+{
+    return meaning == Meaning::Load || meaning == Meaning::Saved;
 }
 
 // A whole number, in quotes or not. The highest one is refused: the database proposes the number
@@ -63,10 +69,9 @@ int32_t next_number(const Plan &plan, const bv_db_family &family)
 }
 
 // The number of an element's instance, which must suit what is meant.
-int32_t take_instance(const Plan &plan, const bv_db_family &family, json_object *element,
+int32_t take_instance(const Plan &plan, const bv_db_family &family, json_object *inst,
                       Meaning meaning, int32_t &number, Words &words)
 {
-    json_object *inst = bv_json_object_object_get(element, "inst");
     const char *text = bv_json_object_get_string(inst);
     if (meaning == Meaning::Add && text != nullptr && *text == '\0') {
         number = next_number(plan, family);
@@ -84,42 +89,84 @@ int32_t take_instance(const Plan &plan, const bv_db_family &family, json_object 
     return BV_OK;
 }
 
-int32_t plan_element(Plan &plan, const bv_service_family &listed, bv_db_family &family,
-                     json_object *element, Meaning meaning, Words &words)
+// In a file, a parameter that an element lacks is as in the element before.
+const uint8_t *base_image(const Plan &plan, const bv_db_family &family, Meaning meaning,
+                          int32_t number)
 {
-    json_object *para = nullptr;
-    if (bv_json_object_is_type(element, json_type_object) == 0 ||
-        (json_object_object_get_ex(element, "para", &para) != 0 &&
-         bv_json_object_is_type(para, json_type_object) == 0))
-        return words.refuse(BV_ERR_INVALID, "%s: an instance is {\"inst\":..., \"para\":{...}}",
-                            family.name);
-    int32_t number = 0;
-    int32_t status = take_instance(plan, family, element, meaning, number, words);
-    if (status != BV_OK)
-        return status;
-
-    const uint8_t *base = family.default_image;
     if (meaning == Meaning::Set)
-        base = find_instance(family, number)->image;
-    uint8_t *image = copy_image(family, base);
-    if (image == nullptr || !add_change(plan, listed, family, number, image))
-        return no_memory(words);
-    for (const Members::Member member : Members{para})
-        if (set_value(family, image, member, words) != BV_OK)
-            return BV_ERR_INVALID;
+        return find_instance(family, number)->image;
+    const bool is_next =
+        is_file(meaning) && plan.count != 0 && plan.changes[plan.count - 1].family == &family;
+    return is_next ? plan.changes[plan.count - 1].is : family.default_image;
+}
+
+// Sets what the "para" of an element names. What does not fit takes its default when it is from a
+// file, and refuses a request.
+int32_t take_values(const bv_db_family &family, uint8_t *image, json_object *para, Meaning meaning,
+                    Words &words)
+{
+    for (const Members::Member member : Members{para}) {
+        if (is_file(meaning) && member.value == nullptr)
+            continue;
+        const int32_t status = set_value(family, image, member, words);
+        if (status != BV_OK && !is_file(meaning))
+            return status;
+        int32_t at;
+        const bv_db_para *unfit =
+            status == BV_OK ? nullptr : find_parameter(family, member.name, at);
+        if (unfit != nullptr)
+            memcpy(image + at, family.default_image + at, static_cast<size_t>(unfit->len));
+        if (status != BV_OK && meaning == Meaning::Load)
+            note("%s: the value in the file is left out", words.text);
+    }
     return BV_OK;
 }
 
-int32_t plan_family(Plan &plan, const char *name, json_object *elements, Meaning meaning,
-                    Words &words)
+int32_t plan_element(Plan &plan, const bv_service_family &listed, bv_db_family &family,
+                     json_object *element, Meaning meaning, Words &words)
+{
+    const bool is_object = bv_json_object_is_type(element, json_type_object) != 0;
+    json_object *inst = is_object ? bv_json_object_object_get(element, "inst") : nullptr;
+    json_object *para = nullptr;
+    const bool has_para = is_object && json_object_object_get_ex(element, "para", &para) != 0;
+    if (is_file(meaning) && (inst == nullptr || para == nullptr))
+        return BV_OK;
+    if (!is_file(meaning) &&
+        (!is_object || (has_para && bv_json_object_is_type(para, json_type_object) == 0)))
+        return words.refuse(BV_ERR_INVALID, "%s: an instance is {\"inst\":..., \"para\":{...}}",
+                            family.name);
+    int32_t number = bv_json_object_get_int(inst);
+    int32_t status =
+        is_file(meaning) ? BV_OK : take_instance(plan, family, inst, meaning, number, words);
+    if (status != BV_OK)
+        return status;
+
+    uint8_t *image = copy_image(family, base_image(plan, family, meaning, number));
+    Change *known = find_change(plan, family, number);
+    if (image == nullptr)
+        return no_memory(words);
+    if (known != nullptr) {
+        free(known->is);
+        known->is = image;
+    } else if (!add_change(plan, listed, family, number, image)) {
+        return no_memory(words);
+    }
+    return take_values(family, image, para, meaning, words);
+}
+
+} // namespace
+
+int32_t bv::service::plan_family(Plan &plan, const char *name, json_object *elements,
+                                 Meaning meaning, Words &words)
 {
     bv_db_family *family;
     const bv_service_family *listed = find_family(name, family, words);
     if (listed == nullptr)
         return BV_ERR_NO_FAMILY;
-    if (bv_json_object_is_type(elements, json_type_array) == 0)
+    const bool is_array = bv_json_object_is_type(elements, json_type_array) != 0;
+    if (!is_array && !is_file(meaning))
         return words.refuse(BV_ERR_INVALID, "%s: an array of instances is expected", name);
-    const size_t count = bv_json_object_array_length(elements);
+    const size_t count = is_array ? bv_json_object_array_length(elements) : 0;
     for (size_t i = 0; i < count; ++i) {
         const int32_t status = plan_element(
             plan, *listed, *family, bv_json_object_array_get_idx(elements, i), meaning, words);
@@ -130,6 +177,8 @@ int32_t plan_family(Plan &plan, const char *name, json_object *elements, Meaning
         return no_memory(words);
     return BV_OK;
 }
+
+namespace {
 
 // ---- making ----
 

@@ -340,10 +340,22 @@ bool is_away(const Client &client, int32_t status)
            (client.service[0] == '\0' && status == BV_ERR_NO_FAMILY);
 }
 
-// Runs a step with the name of the family's owner, and again as long as the owner is away and the
-// client waits. A change is not sent twice.
-template <typename Step>
-int32_t with_owner(Client &client, const char *family, Step step)
+// One call of the interface.
+struct Job {
+    int32_t (*run)(Client &client, const char *owner, const Job &job);
+    const char *family;
+    // What get and set have:
+    void *image;
+    uint32_t size;
+    int32_t instance;
+    // What a request has:
+    Request request;
+    Text *answer;
+};
+
+// Runs a job at the family's owner, and again as long as the owner is away and the client waits. A
+// change is not sent twice.
+int32_t at_owner(Client &client, const Job &job)
 {
     const int64_t deadline = now_ms() + client.wait_ms;
     for (;;) {
@@ -352,11 +364,11 @@ int32_t with_owner(Client &client, const char *family, Step step)
         client.words.text[0] = '\0';
         client.was_sent = false;
         int32_t status = BV_OK;
-        if (client.service[0] == '\0')
-            status = family != nullptr ? find_owner(client, family, owner)
-                                       : static_cast<int32_t>(UBUS_STATUS_NOT_FOUND);
+        if (owner[0] == '\0')
+            status = job.family != nullptr ? find_owner(client, job.family, owner)
+                                           : static_cast<int32_t>(UBUS_STATUS_NOT_FOUND);
         if (status == BV_OK)
-            status = step(owner);
+            status = job.run(client, owner, job);
         const int64_t left = deadline - now_ms();
         if (!is_away(client, status) || client.was_sent || left <= 0)
             return status;
@@ -483,23 +495,20 @@ int32_t fill_image(Client &client, const char *service, bv_db_family &family, co
     return BV_OK;
 }
 
-int32_t get_from(Client &client, const char *service, const char *name, void *image, uint32_t size,
-                 int32_t instance)
+int32_t get_at(Client &client, const char *service, const Job &job)
 {
     Described described;
-    int32_t status = describe(client, service, name, size, described);
+    int32_t status = describe(client, service, job.family, job.size, described);
     if (status != BV_OK)
         return status;
     if (described.is_hidden())
         return client.words.refuse(UBUS_STATUS_PERMISSION_DENIED, "%s hides the values of %s",
-                                   service, name);
+                                   service, job.family);
     Text data, answer;
-    char number[16];
-    snprintf(number, sizeof(number), ":[\"%" PRId32 "\"]}", instance);
     data.put("{");
-    data.put_quoted(name);
-    data.put(number);
-    const bv::Owned<void *, nullptr, free> filled(calloc(1, size));
+    data.put_quoted(job.family);
+    data.print(":[\"%" PRId32 "\"]}", job.instance);
+    const bv::Owned<void *, nullptr, free> filled(calloc(1, job.size));
     if (data.failed || !filled)
         return BV_ERR_MEMORY;
     status = ask(client, service, {"get", data.bytes}, answer);
@@ -507,31 +516,35 @@ int32_t get_from(Client &client, const char *service, const char *name, void *im
         status = fill_image(client, service, described.family(), answer.bytes,
                             static_cast<uint8_t *>(filled.get()));
     if (status == BV_OK)
-        memcpy(image, filled.get(), size);
+        memcpy(job.image, filled.get(), job.size);
     return status;
 }
 
-int32_t set_at(Client &client, const char *service, const char *name, const void *image,
-               uint32_t size, int32_t instance)
+int32_t set_at(Client &client, const char *service, const Job &job)
 {
     Described described;
-    int32_t status = describe(client, service, name, size, described);
-    const auto *bytes = static_cast<const uint8_t *>(image);
+    const auto *image = static_cast<const uint8_t *>(job.image);
+    int32_t status = describe(client, service, job.family, job.size, described);
     if (status == BV_OK)
-        status = check_image(described.family(), bytes, client.words);
+        status = check_image(described.family(), image, client.words);
     if (status != BV_OK)
         return status;
     Text data, answer;
     data.put("{");
-    data.put_quoted(name);
+    data.put_quoted(job.family);
     data.put(":[");
-    put_instance(data, described.family(), bytes, instance, false);
+    put_instance(data, described.family(), image, job.instance, false);
     data.put("]}");
     if (data.failed)
         return BV_ERR_MEMORY;
     status = ask(client, service, {"set", data.bytes}, answer);
     return status == BV_ERR_NO_INSTANCE ? ask(client, service, {"add", data.bytes}, answer)
                                         : status;
+}
+
+int32_t request_at(Client &client, const char *service, const Job &job)
+{
+    return ask(client, service, job.request, *job.answer);
 }
 
 // ---- watching ----
@@ -709,9 +722,8 @@ int32_t bv_service_get(struct bv_service_client *client, const char *family, voi
 {
     if (client == nullptr || family == nullptr || image == nullptr)
         return BV_ERR_NULL;
-    return with_owner(*client, family, [&](const char *owner) {
-        return get_from(*client, owner, family, image, size, static_cast<int32_t>(instance));
-    });
+    return at_owner(*client,
+                    {get_at, family, image, size, static_cast<int32_t>(instance), {}, nullptr});
 }
 
 int32_t bv_service_set(struct bv_service_client *client, const char *family, const void *image,
@@ -719,9 +731,13 @@ int32_t bv_service_set(struct bv_service_client *client, const char *family, con
 {
     if (client == nullptr || family == nullptr || image == nullptr)
         return BV_ERR_NULL;
-    return with_owner(*client, family, [&](const char *owner) {
-        return set_at(*client, owner, family, image, size, static_cast<int32_t>(instance));
-    });
+    return at_owner(*client, {set_at,
+                              family,
+                              const_cast<void *>(image),
+                              size,
+                              static_cast<int32_t>(instance),
+                              {},
+                              nullptr});
 }
 
 int32_t bv_service_request(struct bv_service_client *client, const char *op, const char *data,
@@ -733,9 +749,8 @@ int32_t bv_service_request(struct bv_service_client *client, const char *op, con
         return BV_ERR_NULL;
     char family[1024];
     Text text;
-    const int32_t status = with_owner(*client, family_in(data, family), [&](const char *owner) {
-        return ask(*client, owner, {op, data}, text);
-    });
+    const int32_t status =
+        at_owner(*client, {request_at, family_in(data, family), nullptr, 0, 0, {op, data}, &text});
     if (status == BV_OK && answer != nullptr && text.length != 0) {
         *answer = text.bytes;
         text.bytes = nullptr;

@@ -135,7 +135,8 @@ struct Plan {
     uint32_t capacity = 0;
     ~Plan();
 };
-enum class Meaning { Set, Add, Import };
+// Load and Saved are of data files: what does not fit is left out. Load says so.
+enum class Meaning { Set, Add, Import, Load, Saved };
 
 // Takes over `is`, from malloc(), whatever the result; null deletes. False without memory.
 bool add_change(Plan &plan, const bv_service_family &listed, bv_db_family &family, int32_t instance,
@@ -151,6 +152,9 @@ uint8_t *copy_image(const bv_db_family &family, const void *image);
 
 // Reads a request in the form of a data file. Nothing is changed, whatever the result.
 int32_t plan_from_json(Plan &plan, struct json_object *data, Meaning meaning, Words &words);
+// The same for one family.
+int32_t plan_family(Plan &plan, const char *name, struct json_object *elements, Meaning meaning,
+                    Words &words);
 int32_t plan_one(Plan &plan, const char *family, const void *image_or_null, int32_t instance,
                  Words &words);
 // Asks the checks of all, then makes all of them: memory is taken before the first is made.

@@ -32,92 +32,84 @@ bool is_name_character(char c)
            c == '_' || c == '.';
 }
 
-// Says what is wrong with the structure; the result is the exit status.
-int bad_use(const char *what, uint32_t index, const char *fault)
+// A table of the structure. Each entry begins with its name.
+struct Table {
+    const char *what;
+    const void *entries;
+    uint32_t count;
+    uint32_t entry_size;
+    uint32_t longest_name;
+    const char *(*fault)(const void *entry); // what is wrong with the rest; null: nothing
+};
+
+const char *family_fault(const void *entry)
 {
-    say("bv_service_run: %s[%" PRIu32 "] %s", what, index, fault);
-    return BV_SERVICE_BAD_USE;
+    const auto *family = static_cast<const bv_service_family *>(entry);
+    return family->store > BV_SERVICE_FACTORY          ? "has an unknown store"
+           : (family->flags & ~BV_SERVICE_HIDDEN) != 0 ? "has unknown flags"
+                                                       : nullptr;
 }
 
-// Why the entry at `index` of a table cannot have its name; null when it can.
-template <typename Entry>
-const char *name_fault(const Entry *table, uint32_t index, uint32_t longest)
+const char *function_fault(const void *entry)
 {
-    const char *name = table[index].name;
-    if (name == nullptr || *name == '\0')
-        return "has no name";
-    if (bv_os_strlen(name) > longest)
-        return "has a name that is too long";
-    for (uint32_t i = 0; i < index; ++i)
-        if (bv_os_strcmp(name, table[i].name) == 0)
-            return "has a name that is there twice";
+    return static_cast<const bv_service_function *>(entry)->handler == nullptr ? "has no handler"
+                                                                               : nullptr;
+}
+
+template <uint32_t highest>
+const char *number_fault(const void *entry)
+{
+    return static_cast<const bv_service_name *>(entry)->number > highest
+               ? "has a number that is too high"
+               : nullptr;
+}
+
+const char *no_fault(const void *)
+{
     return nullptr;
 }
 
-int check_families(const bv_service &service)
+const char *find_fault(const Table &table, uint32_t index)
 {
-    constexpr uint32_t kMaxName = 204; // what the library finds
-    for (uint32_t i = 0; i < service.n_families; ++i) {
-        const bv_service_family &family = service.families[i];
-        const char *fault = name_fault(service.families, i, kMaxName);
-        if (fault == nullptr && family.store > BV_SERVICE_FACTORY)
-            fault = "has a store that is not one of enum bv_service_store";
-        if (fault == nullptr && (family.flags & ~BV_SERVICE_HIDDEN) != 0)
-            fault = "has unknown flags";
-        if (fault != nullptr)
-            return bad_use("families", i, fault);
-    }
-    return 0;
-}
-
-int check_functions(const bv_service &service)
-{
-    constexpr uint32_t kMaxName = 255; // what bv_ubus_server_reg() takes
-    for (uint32_t i = 0; i < service.n_functions; ++i) {
-        const char *fault = name_fault(service.functions, i, kMaxName);
-        if (fault == nullptr && service.functions[i].handler == nullptr)
-            fault = "has no handler";
-        if (fault != nullptr)
-            return bad_use("functions", i, fault);
-    }
-    return 0;
-}
-
-int check_numbers(const char *what, const bv_service_name *table, uint32_t count, uint32_t highest)
-{
-    for (uint32_t i = 0; i < count; ++i) {
-        const char *fault = name_fault(table, i, UINT32_MAX);
-        if (fault == nullptr && table[i].number > highest)
-            fault = "has a number that is too high";
-        if (fault != nullptr)
-            return bad_use(what, i, fault);
-    }
-    return 0;
+    if (table.entries == nullptr)
+        return "is missing: the table is null";
+    const auto name = [&](uint32_t at) {
+        return *reinterpret_cast<const char *const *>(static_cast<const char *>(table.entries) +
+                                                      at * table.entry_size);
+    };
+    if (name(index) == nullptr || *name(index) == '\0')
+        return "has no name";
+    if (bv_os_strlen(name(index)) > table.longest_name)
+        return "has a name that is too long";
+    for (uint32_t i = 0; i < index; ++i)
+        if (bv_os_strcmp(name(i), name(index)) == 0)
+            return "has a name that is there twice";
+    return table.fault(static_cast<const char *>(table.entries) + index * table.entry_size);
 }
 
 int check_tables(const bv_service &service)
 {
-    const struct {
-        const char *what;
-        const void *table;
-        uint32_t count;
-    } tables[] = {{"families", service.families, service.n_families},
-                  {"functions", service.functions, service.n_functions},
-                  {"writers", service.writers, service.n_writers},
-                  {"modules", service.modules, service.n_modules},
-                  {"levels", service.levels, service.n_levels}};
-    for (const auto &row : tables)
-        if (row.table == nullptr && row.count != 0)
-            return bad_use(row.what, 0, "is not there: the table is null");
-    for (uint32_t i = 0; i < service.n_writers; ++i)
-        if (service.writers[i] == nullptr)
-            return bad_use("writers", i, "is null");
-    int status = check_families(service);
-    if (status == 0)
-        status = check_functions(service);
-    if (status == 0)
-        status = check_numbers("modules", service.modules, service.n_modules, 9);
-    return status != 0 ? status : check_numbers("levels", service.levels, service.n_levels, 7);
+    // Templates are found by at most 204 characters, and functions registered by 255.
+    const Table tables[] = {
+        {"families", service.families, service.n_families, sizeof(*service.families), 204,
+         family_fault},
+        {"functions", service.functions, service.n_functions, sizeof(*service.functions), 255,
+         function_fault},
+        {"writers", service.writers, service.n_writers, sizeof(*service.writers), 255, no_fault},
+        {"modules", service.modules, service.n_modules, sizeof(*service.modules), 255,
+         number_fault<9>},
+        {"levels", service.levels, service.n_levels, sizeof(*service.levels), 255,
+         number_fault<7>}};
+    for (const Table &table : tables) {
+        for (uint32_t i = 0; i < table.count; ++i) {
+            const char *fault = find_fault(table, i);
+            if (fault != nullptr) {
+                say("bv_service_run: %s[%" PRIu32 "] %s", table.what, i, fault);
+                return BV_SERVICE_BAD_USE;
+            }
+        }
+    }
+    return 0;
 }
 
 int check_structure(const bv_service *service)

@@ -12,8 +12,14 @@ namespace {
 constexpr size_t kLineSize = 256;
 
 // As in syslog; bv-collect shows the numbers.
-void send_line(int priority, const char *line)
+void send_line(int priority, const char *format, va_list arguments)
 {
+    char line[kLineSize];
+    vsnprintf(line, sizeof line, format, arguments);
+    if (priority == LOG_ERR)
+        fprintf(stderr, "%s: %s\n",
+                bv::service::g_service == nullptr ? "bv-service" : bv::service::g_service->name,
+                line);
     syslog(priority, "%s", line);
     bv_debug_header header = {};
     header.level = static_cast<uint8_t>(priority);
@@ -24,23 +30,18 @@ void send_line(int priority, const char *line)
 
 void bv::service::say(const char *format, ...)
 {
-    char line[kLineSize];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(line, sizeof line, format, arguments);
+    send_line(LOG_ERR, format, arguments);
     va_end(arguments);
-    fprintf(stderr, "%s: %s\n", g_service == nullptr ? "bv-service" : g_service->name, line);
-    send_line(LOG_ERR, line);
 }
 
 void bv::service::note(const char *format, ...)
 {
-    char line[kLineSize];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(line, sizeof line, format, arguments);
+    send_line(LOG_INFO, format, arguments);
     va_end(arguments);
-    send_line(LOG_INFO, line);
 }
 
 int32_t bv::service::Words::refuse(int32_t status, const char *format, ...)
@@ -65,20 +66,16 @@ void bv::service::Text::put(const char *text)
 void bv::service::Text::put(const char *text, uint32_t size)
 {
     constexpr uint32_t kMost = UINT32_MAX / 4;
-    if (failed || size > kMost || length > kMost) {
-        failed = true;
-        return;
-    }
-    if (length + size >= capacity) {
+    failed = failed || size > kMost || length > kMost;
+    if (!failed && length + size >= capacity) {
         const uint32_t wanted = (length + size) * 2 + 64;
         auto *grown = static_cast<char *>(realloc(bytes, wanted));
-        if (grown == nullptr) {
-            failed = true;
-            return;
-        }
-        bytes = grown;
-        capacity = wanted;
+        failed = grown == nullptr;
+        bytes = failed ? bytes : grown;
+        capacity = failed ? capacity : wanted;
     }
+    if (failed)
+        return;
     memcpy(bytes + length, text, size);
     length += size;
     bytes[length] = '\0';

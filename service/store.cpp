@@ -207,69 +207,20 @@ bool read_store(const Paths &paths, Access access, Contents &out)
 
 // ---- what a file has ----
 
-// Takes the values of an element. One that does not fit is replaced by the default; one that is
-// missing stays as it is in the image, which has those of the element before.
-void take_values(const bv_db_family &family, json_object *values, uint8_t *image, bool report)
-{
-    for (const Members::Member member : Members{values}) {
-        Words why;
-        if (member.value == nullptr || set_value(family, image, member, why) == BV_OK)
-            continue;
-        int32_t position;
-        const bv_db_para *para = find_parameter(family, member.name, position);
-        if (para != nullptr)
-            memcpy(image + position, family.default_image + position,
-                   static_cast<size_t>(para->len));
-        if (report)
-            note("%s: the value in the file is left out", why.text);
-    }
-}
-
-// Plans the instance of one element. False without memory.
-bool plan_element(const bv_service_family &listed, json_object *element, uint8_t *image, Plan &plan,
-                  bool report)
-{
-    bv_db_family &family = record(listed);
-    json_object *inst = bv_json_object_object_get(element, "inst");
-    json_object *values = bv_json_object_object_get(element, "para");
-    if (inst == nullptr || values == nullptr) {
-        if (report)
-            note("%s: an element without \"inst\" or \"para\" is left out", family.name);
-        return true;
-    }
-    take_values(family, values, image, report);
-    const int32_t number = bv_json_object_get_int(inst);
-    const Change *known = find_change(plan, family, number);
-    if (known != nullptr) {
-        memcpy(known->is, image, listed.size);
-        return true;
-    }
-    uint8_t *copy = copy_image(family, image);
-    return copy != nullptr && add_change(plan, listed, family, number, copy);
-}
-
 // Plans the instances that a file has of a family. One that it lacks has an instance 1 with the
 // defaults: that is also what a family without instances is saved as. False without memory.
-bool plan_saved(json_object *tree, const bv_service_family &listed, Plan &plan, bool report)
+bool plan_saved(json_object *tree, const bv_service_family &listed, Plan &plan,
+                Meaning meaning = Meaning::Saved)
 {
     bv_db_family &family = record(listed);
-    json_object *elements = bv_json_object_object_get(tree, family.name);
+    Words words;
+    if (plan_family(plan, listed.name, bv_json_object_object_get(tree, listed.name), meaning,
+                    words) != BV_OK)
+        return false;
+    if (plan.count != 0)
+        return true;
     uint8_t *image = copy_image(family, family.default_image);
-    bool done = image != nullptr;
-    const size_t count = bv_json_object_is_type(elements, json_type_array) != 0
-                             ? bv_json_object_array_length(elements)
-                             : 0;
-    for (size_t i = 0; done && i < count; ++i) {
-        json_object *element = bv_json_object_array_get_idx(elements, i);
-        if (bv_json_object_is_type(element, json_type_object) != 0)
-            done = plan_element(listed, element, image, plan, report);
-    }
-    if (!done || plan.count != 0) {
-        free(image);
-        return done;
-    }
-    memcpy(image, family.default_image, static_cast<size_t>(family.image_size));
-    return add_change(plan, listed, family, 1, image);
+    return image != nullptr && add_change(plan, listed, family, 1, image);
 }
 
 // Whether a file has a family as it is in memory.
@@ -277,7 +228,7 @@ bool is_saved(json_object *tree, const bv_service_family &listed)
 {
     bv_db_family &family = record(listed);
     Plan plan;
-    if (!plan_saved(tree, listed, plan, false) || !add_removals(plan, listed, family))
+    if (!plan_saved(tree, listed, plan) || !add_removals(plan, listed, family))
         return false;
     if (family.inst_count != 0) {
         drop_equal(plan);
@@ -457,9 +408,10 @@ bool check_families(uint32_t store)
         const bv_db_family &family = record(listed);
         Words words;
         for (const bv_db_inst &instance : instances(family))
-            if (check_image(family, instance.image, words) != BV_OK)
-                return say("nothing is saved: instance %d of %s", instance.number, words.text),
-                       false;
+            if (check_image(family, instance.image, words) != BV_OK) {
+                say("nothing is saved: instance %d of %s", instance.number, words.text);
+                return false;
+            }
     }
     return true;
 }
@@ -563,7 +515,7 @@ bool fill(const bv_service_family &listed, json_object *tree)
 {
     bv_db_family &family = record(listed);
     Plan plan;
-    if (!plan_saved(tree, listed, plan, true))
+    if (!plan_saved(tree, listed, plan, Meaning::Load))
         return false;
     bv_db_data_free(&family);
     for (uint32_t i = 0; i < plan.count; ++i)
@@ -586,18 +538,6 @@ int load_store(uint32_t store)
     if (strcmp(contents.from, "good") == 0 || strcmp(g_state.loaded, "defaults") == 0)
         g_state.loaded = contents.from;
     return BV_SERVICE_ENDED;
-}
-
-// Plans what the data file has of a family. The words say why not.
-int32_t plan_from_file(const bv_service_family &family, Plan &plan, Words &words)
-{
-    const Paths paths(family.store);
-    Contents contents;
-    if (!read_store(paths, Access::Look, contents))
-        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", paths.file);
-    return plan_saved(contents.tree, family, plan, false)
-               ? BV_OK
-               : words.refuse(BV_ERR_MEMORY, "no memory");
 }
 
 // The family has exactly the planned instances afterwards.
@@ -637,29 +577,34 @@ int32_t bv::service::commit(bv_service_store store)
 
 int32_t bv::service::revert(const bv_service_family &family)
 {
+    Contents contents;
     Plan plan;
-    Words words;
-    const int32_t status = plan_from_file(family, plan, words);
-    return status == BV_OK ? replace(family, plan) : status;
+    if (!read_store(Paths(family.store), Access::Look, contents))
+        return BV_ERR_NO_FILE;
+    return plan_saved(contents.tree, family, plan) ? replace(family, plan) : BV_ERR_MEMORY;
 }
 
 int32_t bv::service::reset(const bv_service_family &family)
 {
     Plan plan;
-    return plan_saved(nullptr, family, plan, false) ? replace(family, plan) : BV_ERR_MEMORY;
+    return plan_saved(nullptr, family, plan) ? replace(family, plan) : BV_ERR_MEMORY;
 }
 
 int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words &words)
 {
+    Contents contents;
     Plan plan;
-    const int32_t status = plan_from_file(family, plan, words);
-    for (uint32_t i = 0; status == BV_OK && i < plan.count; ++i) {
+    if (!read_store(Paths(family.store), Access::Look, contents))
+        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPlaces[family.store].path);
+    if (!plan_saved(contents.tree, family, plan))
+        out.failed = true;
+    for (uint32_t i = 0; i < plan.count; ++i) {
         out.put(i == 0 ? "[" : ",");
         put_instance(out, record(family), plan.changes[i].is, plan.changes[i].instance,
                      (family.flags & BV_SERVICE_HIDDEN) != 0);
     }
-    out.put(status == BV_OK ? "]" : "");
-    return status;
+    out.put("]");
+    return BV_OK;
 }
 
 const StoreState &bv::service::store_state()

@@ -252,4 +252,44 @@ TEST(ServiceClient, WatchOfOneFamilyFindsItAndEndsInTime)
     EXPECT_EQ(bv_service_watch(caller, nullptr, on_change, &watcher, 0), UBUS_STATUS_NOT_FOUND);
 }
 
+// An object like a service's that counts without telling anybody.
+int count_silently(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                   blob_attr *)
+{
+    static int reads = 0;
+    const std::string answer = R"({"lan.json":"1.)" + std::to_string(reads++) + R"("})";
+    blob_buf reply = {};
+    bv_blobmsg_buf_init(&reply);
+    bv_blobmsg_add_u32(&reply, "status", 0);
+    bv_blobmsg_add_u32(&reply, "generation", 0);
+    bv_blobmsg_add_u32(&reply, "total", static_cast<uint32_t>(answer.size()));
+    bv_blobmsg_add_string(&reply, "data", answer.c_str());
+    bv_ubus_send_reply(bus, request, reply.head);
+    bv_blob_buf_free(&reply);
+    return 0;
+}
+
+TEST(ServiceClient, WatchSeesChangesWhoseEventsAreLost)
+{
+    BusDaemon daemon;
+    Service silent([] {
+        static const ubus_method methods[] = {{"read", count_silently, 0, 0, nullptr, 0},
+                                              {"write", count_silently, 0, 0, nullptr, 0}};
+        static ubus_object_type type = {"silent", 0, methods, 2};
+        static ubus_object object = {};
+        object.name = "silent.config";
+        object.type = &type;
+        object.methods = methods;
+        object.n_methods = 2;
+        ubus_context *bus = bv_ubus_connect(nullptr);
+        bv_ubus_add_object(bus, &object);
+        bv_uloop_fd_add(&bus->sock, ULOOP_READ | ULOOP_BLOCKING);
+        return bv_uloop_run();
+    });
+    const Caller caller("silent", 20000);
+    Watcher watcher = {caller, "", 0, 2};
+    EXPECT_EQ(bv_service_watch(caller, "lan.json", on_change, &watcher, 0), BV_OK);
+    EXPECT_EQ(watcher.seen, "silent/lan.json silent/lan.json ");
+}
+
 } // namespace

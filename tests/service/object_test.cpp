@@ -191,6 +191,26 @@ TEST_F(ServiceObject, StatusCountsCallsAndRefusals)
     EXPECT_EQ(caller.ask("functions"), R"(["rename_host","finish"])");
 }
 
+TEST_F(ServiceObject, EachChangeSendsAnEventWithTheCounter)
+{
+    wire::Client listener;
+    const uint32_t object = listener.publish_unnamed();
+    ASSERT_NE(object, 0u);
+    ASSERT_EQ(listener.ask(wire::event_register(object, "sample.config.changed")), 0u);
+    caller.ask("set", R"({"lan.json":[{"inst":"1","para":{"mtu":"1400"}}]})");
+
+    const wire::Message event = listener.read();
+    EXPECT_EQ(event.type, wire::kInvoke);
+    EXPECT_EQ(event.string(wire::kAttrMethod), "sample.config.changed");
+    const std::string counters = caller.ask("counters");
+    const size_t count = counters.find(R"("lan.json":")") + 12;
+    const std::string now = counters.substr(count, counters.find('"', count) - count);
+    EXPECT_EQ(now.substr(now.size() - 2), ".1");
+    EXPECT_EQ(wire::to_hex(event.payload(wire::kAttrData)),
+              wire::to_hex(wire::join({wire::field(3, "family", wire::text("lan.json")),
+                                       wire::field(3, "count", wire::text(now))})));
+}
+
 TEST_F(ServiceObject, LongAnswersComeInPartsOfOneGeneration)
 {
     add_many();

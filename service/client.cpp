@@ -333,10 +333,12 @@ int32_t find_owner(Client &client, const char *family, char *owner)
 
 // ---- whole calls ----
 
-// Whether waiting can help: there is no bus, or no owner.
+// Whether waiting can help: there is no bus, or no owner. A call to an owner that ends before it
+// answers ends by its timeout: the bus does not tell.
 bool is_away(const Client &client, int32_t status)
 {
     return status == UBUS_STATUS_CONNECTION_FAILED || status == UBUS_STATUS_NOT_FOUND ||
+           status == UBUS_STATUS_TIMEOUT ||
            (client.service[0] == '\0' && status == BV_ERR_NO_FAMILY);
 }
 

@@ -170,6 +170,8 @@ TEST_F(Ctl, ShowsAndTurnsDebugSwitches)
     expect_request("debug dhcp info on",
                    "network debug\nwifi debug\n"
                    "network debug {\"module\":\"dhcp\",\"level\":\"info\",\"on\":true}\n");
+    EXPECT_EQ(run_line("-s network debug dns error off").status, 0);
+    EXPECT_TRUE(contains(requests(), "\"on\":false}"));
     EXPECT_EQ(run_line("debug dns info on"),
               (Outcome{1, "", "bv-ctl: no debug switch dns info; 'bv-ctl debug' shows all\n"}));
 }
@@ -316,6 +318,7 @@ TEST_F(Ctl, NeedsTheServiceWhereSeveralOwnFamily)
     EXPECT_EQ(run_line("-s network show lan.1.mtu").output, "1400\n");
 }
 
+#ifdef BV_HOST_PROGRAMS
 // The words that bash offers for the last one of a line.
 std::string completions(const std::string &line)
 {
@@ -327,6 +330,15 @@ std::string completions(const std::string &line)
         .output;
 }
 
+TEST_F(Ctl, IsColouredOnlyOnTerminal)
+{
+    const std::string on_terminal = "TERM=linux script -qec '" BV_TOOL " show radio' /dev/null";
+    EXPECT_EQ(run({"/bin/sh", "-c", on_terminal}).output,
+              "\033[1mradio.json.1\033[0m\r\n  channel  11\r\n");
+    EXPECT_EQ(run({"/bin/sh", "-c", "NO_COLOR=1 " + on_terminal}).output,
+              "radio.json.1\r\n  channel  11\r\n");
+}
+
 TEST_F(Ctl, IsCompletedByBash)
 {
     EXPECT_EQ(completions("bv-ctl re"), "revert reset\n");
@@ -336,6 +348,8 @@ TEST_F(Ctl, IsCompletedByBash)
     EXPECT_EQ(completions("bv-ctl set lan.1 mtu=9 h"), "hostname=\n");
     EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
 }
+
+#endif
 
 TEST(CtlUsage, IsPrintedForToolAndForEachVerb)
 {

@@ -108,7 +108,7 @@ clang: deps ## builds all but the stand-ins' tests with clang, warnings are erro
 tidy: deps ## runs clang-tidy over the library, warnings are errors
 	@scripts/install-deps clang clang-tidy
 	@cmake --preset clang > /dev/null
-	@git ls-files 'os/*.cpp' 'debug/*.cpp' 'core/*.cpp' 'db/*.cpp' 'bus/*.cpp' 'dev/*.cpp' 'crypto/*.cpp' | \
+	@git ls-files 'os/*.cpp' 'debug/*.cpp' 'core/*.cpp' 'db/*.cpp' 'bus/*.cpp' 'dev/*.cpp' 'crypto/*.cpp' 'service/*.cpp' | \
 		xargs -P $$(nproc) -n 4 clang-tidy -p build/clang --quiet --warnings-as-errors='*'
 	@echo 'Everything passed clang-tidy.'
 

@@ -16,6 +16,20 @@ install(TARGETS bv
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} ${development})
 install(DIRECTORY include/bv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${development}
   FILES_MATCHING PATTERN "*.h")
+if(BV_SERVICE)
+  install(TARGETS bvservice
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} ${development})
+  # It finds libbv beside it, in a prefix that the loader does not know.
+  set(run_path "")
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    list(APPEND run_path "$ORIGIN")
+  endif()
+  if("ubox" IN_LIST BV_COMPAT_BUILT OR "ubus" IN_LIST BV_COMPAT_BUILT)
+    list(APPEND run_path "$ORIGIN/bv")
+  endif()
+  set_property(TARGET bvservice PROPERTY INSTALL_RPATH "${run_path}")
+endif()
 include(BvMan)
 install(FILES README.md CHANGELOG.md SECURITY.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} ${development})
 # The pages left out are for those who work on the library.
@@ -66,10 +80,14 @@ string(APPEND BV_PC_LIBRARIES " -lubus -lubox")
 list(JOIN BV_LIBC_PARTS " " libc_parts)
 set(BV_PC_PRIVATE "-lboundscheck -lcrypto ${libc_parts}")
 set(BV_LIBRARY_SUFFIX "${CMAKE_SHARED_LIBRARY_SUFFIX}")
+set(BV_LIBRARY_KIND SHARED)
+set(BV_SERVICE_VERSION ".${PROJECT_VERSION}")
 if(NOT BUILD_SHARED_LIBS) # there is no shared library that would bring them
   string(APPEND BV_PC_LIBRARIES " ${BV_PC_PRIVATE}")
   set(BV_PC_PRIVATE "")
   set(BV_LIBRARY_SUFFIX "${CMAKE_STATIC_LIBRARY_SUFFIX}")
+  set(BV_LIBRARY_KIND STATIC)
+  set(BV_SERVICE_VERSION "")
 endif()
 set(BV_PC_DEFINITIONS "")
 foreach(definition IN LISTS BV_CALLER_DEFINITIONS)
@@ -81,6 +99,11 @@ string(REGEX REPLACE "/$" "" BV_PC_TO_PREFIX "${BV_PC_TO_PREFIX}")
 configure_file(packaging/bv.pc.in "${PROJECT_BINARY_DIR}/packaging/bv.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/packaging/bv.pc"
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig ${development})
+if(BV_SERVICE)
+  configure_file(packaging/bv-service.pc.in "${PROJECT_BINARY_DIR}/packaging/bv-service.pc" @ONLY)
+  install(FILES "${PROJECT_BINARY_DIR}/packaging/bv-service.pc"
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig ${development})
+endif()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/bv)
 configure_package_config_file(packaging/bvConfig.cmake.in

@@ -478,7 +478,7 @@ function put_page(page,    i, other, header, title, about)
     put(".Nm " other)
     put(".Nd " about)
     put(".Sh LIBRARY")
-    put(".Ql $(pkg-config --cflags --libs bv)")
+    put(".Ql $(pkg-config --cflags --libs bv" (header == "service" ? "-service" : "") ")")
     put(".Sh SYNOPSIS")
     put(".In bv/" header ".h")
     for (i = 1; i <= item_count; ++i) {

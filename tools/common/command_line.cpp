@@ -22,9 +22,12 @@ int next_option(const CommandLine &line, int argc, char **argv)
     char letters[2 * kMaxOptions + 1];
     char *to = letters;
     for (size_t i = 0; i < line.count; ++i) {
-        names[i] = {line.options[i].name, required_argument, nullptr, line.options[i].letter};
-        *to++ = line.options[i].letter;
-        *to++ = ':';
+        const Option &option = line.options[i];
+        const bool is_flag = option.flag != nullptr;
+        names[i] = {option.name, is_flag ? no_argument : required_argument, nullptr, option.letter};
+        *to++ = option.letter;
+        if (!is_flag)
+            *to++ = ':';
     }
     names[line.count] = {"help", no_argument, nullptr, 'h'};
     names[line.count + 1] = {"version", no_argument, nullptr, 'V'};
@@ -52,6 +55,8 @@ bool take_option(const CommandLine &line, int letter)
         const Option &option = line.options[i];
         if (option.letter != letter)
             continue;
+        if (option.flag != nullptr)
+            return *option.flag = true;
         if (option.text == nullptr)
             return option.take(optarg) ||
                    (option.expected != nullptr && complain_of_argument(line, option));

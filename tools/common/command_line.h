@@ -10,13 +10,14 @@ namespace tools {
 
 constexpr int kExitUsage = 2;
 
-// An option with an argument; --help and --version need no row.
+// An option with an argument, or a flag; --help and --version need no row.
 struct Option {
     const char *name;
     char letter;
     const char **text;                  // keeps the argument as it is
     bool (*take)(const char *argument); // if text is null: reads it; false when it is invalid
     const char *expected;               // what it reads, as in "an address"; null: take complains
+    bool *flag = nullptr;               // set instead: the option has no argument
 };
 
 struct CommandLine {

@@ -1,0 +1,313 @@
+// SPDX-License-Identifier: ISC
+// bv_service_run(): checks the structure, loads the families, and serves until it is told to end.
+//
+// Signals and bv_service_end() write to a pipe, which the loop watches and the pauses wait on. What
+// is in the pipe stays there, so a signal counts whenever it comes: also between connecting to the
+// bus and the loop's first wait.
+
+#include "service/internal.h"
+
+#include <fcntl.h>
+#include <poll.h>
+
+namespace bv::service {
+
+const struct bv_service *g_service;
+
+namespace {
+
+// Without a bus, the next attempt comes after this.
+constexpr int kPauseMs = 1000;
+
+int g_end_pipe[2] = {-1, -1};
+uloop_fd g_end_watch;
+uloop_timeout g_leave_loop;
+Published g_published;
+
+// ---- the structure ----
+
+bool is_name_character(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_' || c == '.';
+}
+
+// A table of the structure. Each entry begins with its name.
+struct Table {
+    const char *what;
+    const void *entries;
+    uint32_t count;
+    uint32_t entry_size;
+    uint32_t longest_name;
+    const char *(*fault)(const void *entry); // what is wrong with the rest; null: nothing
+};
+
+const char *family_fault(const void *entry)
+{
+    const auto *family = static_cast<const bv_service_family *>(entry);
+    return family->store > BV_SERVICE_FACTORY          ? "has an unknown store"
+           : (family->flags & ~BV_SERVICE_HIDDEN) != 0 ? "has unknown flags"
+                                                       : nullptr;
+}
+
+const char *function_fault(const void *entry)
+{
+    return static_cast<const bv_service_function *>(entry)->handler == nullptr ? "has no handler"
+                                                                               : nullptr;
+}
+
+template <uint32_t highest>
+const char *number_fault(const void *entry)
+{
+    return static_cast<const bv_service_name *>(entry)->number > highest
+               ? "has a number that is too high"
+               : nullptr;
+}
+
+const char *no_fault(const void *)
+{
+    return nullptr;
+}
+
+const char *find_fault(const Table &table, uint32_t index)
+{
+    if (table.entries == nullptr)
+        return "is missing: the table is null";
+    const auto name = [&](uint32_t at) {
+        return *reinterpret_cast<const char *const *>(static_cast<const char *>(table.entries) +
+                                                      at * table.entry_size);
+    };
+    if (name(index) == nullptr || *name(index) == '\0')
+        return "has no name";
+    if (bv_os_strlen(name(index)) > table.longest_name)
+        return "has a name that is too long";
+    for (uint32_t i = 0; i < index; ++i)
+        if (bv_os_strcmp(name(i), name(index)) == 0)
+            return "has a name that is there twice";
+    return table.fault(static_cast<const char *>(table.entries) + index * table.entry_size);
+}
+
+int check_tables(const bv_service &service)
+{
+    // Templates are found by at most 204 characters, and functions registered by 255.
+    const Table tables[] = {
+        {"families", service.families, service.n_families, sizeof(*service.families), 204,
+         family_fault},
+        {"functions", service.functions, service.n_functions, sizeof(*service.functions), 255,
+         function_fault},
+        {"writers", service.writers, service.n_writers, sizeof(*service.writers), 255, no_fault},
+        {"modules", service.modules, service.n_modules, sizeof(*service.modules), 255,
+         number_fault<9>},
+        {"levels", service.levels, service.n_levels, sizeof(*service.levels), 255,
+         number_fault<7>}};
+    for (const Table &table : tables) {
+        for (uint32_t i = 0; i < table.count; ++i) {
+            const char *fault = find_fault(table, i);
+            if (fault != nullptr) {
+                say("bv_service_run: %s[%" PRIu32 "] %s", table.what, i, fault);
+                return BV_SERVICE_BAD_USE;
+            }
+        }
+    }
+    return 0;
+}
+
+int check_structure(const bv_service *service)
+{
+    if (g_service != nullptr) {
+        say("bv_service_run: it runs already");
+        return BV_SERVICE_BAD_USE;
+    }
+    if (service == nullptr || service->size != sizeof(*service)) {
+        say("bv_service_run: the member size is not sizeof(struct bv_service) of this library");
+        return BV_SERVICE_BAD_USE;
+    }
+    const char *fault = nullptr;
+    const char *name = service->name;
+    if (!is_service_name(name))
+        fault = "name: 1 to 100 characters of a-z, A-Z, 0-9, '-', '_' and '.' are allowed";
+    else if (service->object != nullptr &&
+             (*service->object == '\0' || bv_os_strlen(service->object) > 127))
+        fault = "object: 1 to 127 characters are allowed";
+    else if ((service->flags & ~BV_SERVICE_COMMIT_AT_END) != 0)
+        fault = "flags: unknown ones are set";
+    if (fault == nullptr)
+        return check_tables(*service);
+    say("bv_service_run: %s", fault);
+    return BV_SERVICE_BAD_USE;
+}
+
+// ---- the end ----
+
+void on_signal(int)
+{
+    const int saved = errno;
+    bv_service_end();
+    errno = saved;
+}
+
+// Takes SIGTERM and SIGINT; connecting to the bus would take them otherwise.
+class Signals {
+public:
+    Signals()
+    {
+        struct sigaction action = {};
+        action.sa_handler = on_signal;
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGTERM, &action, &old_[0]);
+        sigaction(SIGINT, &action, &old_[1]);
+    }
+    ~Signals()
+    {
+        sigaction(SIGTERM, &old_[0], nullptr);
+        sigaction(SIGINT, &old_[1], nullptr);
+    }
+    Signals(const Signals &) = delete;
+    Signals &operator=(const Signals &) = delete;
+
+private:
+    struct sigaction old_[2];
+};
+
+// Whether the service is to end; waits for it at most so long.
+bool is_ending(int wait_ms)
+{
+    pollfd end = {g_end_pipe[0], POLLIN, 0};
+    int ready;
+    do
+        ready = poll(&end, 1, wait_ms);
+    while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+// ---- serving ----
+
+void end_loop(uloop_fd *, unsigned int)
+{
+    uloop_end();
+}
+
+void leave_loop(uloop_timeout *)
+{
+    uloop_end();
+}
+
+// The registration callback: everything that one run of the loop needs.
+int prepare()
+{
+    for (uint32_t i = 0; i < g_service->n_functions; ++i)
+        bv_ubus_server_reg(g_service->functions[i].name, g_service->functions[i].handler);
+    if (bv_uloop_init() != 0)
+        return 0; // the server finds the same and returns
+    g_end_watch.fd = g_end_pipe[0];
+    g_end_watch.cb = end_loop;
+    bv_uloop_fd_add(&g_end_watch, ULOOP_READ);
+    g_published = publish();
+    // The functions alone are not enough: the loop ends in its first turn.
+    g_leave_loop.cb = leave_loop;
+    if (g_published != Published::Yes)
+        bv_uloop_timeout_set(&g_leave_loop, 0);
+    return 0;
+}
+
+// Serves until the bus goes or the service ends. False when an object's name is taken.
+bool serve()
+{
+    const char *object = g_service->object != nullptr ? g_service->object : g_service->name;
+    g_published = Published::NoBus;
+    const int32_t status = bv_ubus_server_init(object, prepare);
+    bv_uloop_fd_delete(&g_end_watch);
+    bv_uloop_timeout_cancel(&g_leave_loop);
+    unpublish();
+    return status != UBUS_STATUS_INVALID_ARGUMENT && g_published != Published::NameTaken;
+}
+
+int serve_until_end()
+{
+    bool said = false;
+    bool was_taken = false;
+    while (!is_ending(0)) {
+        const bool taken = !serve();
+        if (g_published == Published::Yes && !taken)
+            said = false; // there was a bus
+        if (is_ending(0))
+            break;
+        // The bus may not have noticed yet that an earlier process with this name has ended.
+        if (taken && was_taken) {
+            say("another process serves an object of this name: end it first");
+            return BV_SERVICE_NAME_TAKEN;
+        }
+        was_taken = taken;
+        if (!said && !taken) {
+            say("no connection to the bus: trying again each second; is its daemon running?");
+            said = true;
+        }
+        is_ending(kPauseMs);
+    }
+    return BV_SERVICE_ENDED;
+}
+
+int start_and_serve()
+{
+    if (bv_libraries_init() != BV_OK || !open_object()) {
+        say("no memory: the library could not start");
+        return BV_SERVICE_NO_MEMORY;
+    }
+    int status = load();
+    if (status == 0 && g_service->start != nullptr)
+        status = g_service->start();
+    if (status != 0)
+        return status;
+    status = serve_until_end();
+    if ((g_service->flags & BV_SERVICE_COMMIT_AT_END) != 0)
+        bv_service_commit();
+    if (g_service->end != nullptr)
+        g_service->end();
+    return status;
+}
+
+} // namespace
+
+bool is_service_name(const char *name)
+{
+    if (name == nullptr)
+        return false;
+    uint32_t length = 0;
+    while (length <= kMaxServiceName && is_name_character(name[length]))
+        ++length;
+    return length >= 1 && length <= kMaxServiceName && name[length] == '\0';
+}
+
+} // namespace bv::service
+
+using namespace bv::service;
+
+int bv_service_run(const struct bv_service *service)
+{
+    int status = check_structure(service);
+    if (status != 0)
+        return status;
+    if (pipe2(g_end_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        say("%s: no pipe: %s", service->name, strerror(errno));
+        return BV_SERVICE_NO_MEMORY;
+    }
+    {
+        const Signals signals;
+        g_service = service;
+        status = start_and_serve();
+        close_object();
+        g_service = nullptr;
+    }
+    for (int &fd : g_end_pipe) {
+        close(fd);
+        fd = -1;
+    }
+    return status;
+}
+
+// Also the signal handler's: it only writes a byte. A full pipe ends the service too.
+void bv_service_end(void)
+{
+    const ssize_t written = write(g_end_pipe[1], "", 1);
+    (void)written;
+}

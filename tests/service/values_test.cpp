@@ -1,0 +1,76 @@
+/* SPDX-License-Identifier: ISC */
+#include "service/fixture.h"
+
+using namespace bv::service;
+
+namespace {
+
+const ::Parameters kTypes = {{"s", "string", 4, "abc"},  {"c", "char", 1, "-1"},
+                             {"uc", "uchar", 1, "1"},    {"sh", "short", 2, "-2"},
+                             {"us", "ushort", 2, "2"},   {"i", "int", 4, "-3"},
+                             {"ui", "uint", 4, "3"},     {"m", "mac", 6, "02:00:00:00:00:01"},
+                             {"ip", "ip", 4, "10.0.0.1"}};
+
+class Values : public Parts {
+protected:
+    void SetUp() override
+    {
+        Parts::SetUp();
+        ASSERT_EQ(start_service({family_of("t.json", kTypes)}), BV_SERVICE_ENDED);
+    }
+    static int32_t set(const std::string &name, const std::string &value)
+    {
+        return request(R"({"t.json":[{"inst":"1","para":{")" + name + "\":\"" + value + "\"}}]}");
+    }
+};
+
+} // namespace
+
+TEST_F(Values, ExtremesOfEachTypeComeBackAsTheyWere)
+{
+    const std::string all =
+        R"({"s":"","c":"-128","uc":"255","sh":"-32768","us":"65535","i":"-2147483648",)"
+        R"("ui":"4294967295","m":"ff:ff:ff:ff:ff:ff","ip":"255.255.255.255"})";
+    ASSERT_EQ(request(R"({"t.json":[{"inst":"1","para":)" + all + "}]}"), BV_OK) << words();
+    EXPECT_EQ(values("t.json", 1), all);
+}
+
+TEST_F(Values, WhatDoesNotFitIsRefusedByName)
+{
+    const std::string before = values("t.json", 1);
+    const struct {
+        const char *name, *value;
+    } cases[] = {{"s", "abcd"},    {"s", "a\\\"b"},     {"s", "a\\\\"},       {"s", "\\u0001"},
+                 {"s", "\\u0000"}, {"c", "128"},        {"uc", "-1"},         {"sh", "32768"},
+                 {"us", "65536"},  {"i", "2147483648"}, {"ui", "4294967296"}, {"ui", ""},
+                 {"i", "1x"},      {"m", "02:00:00"},   {"ip", "1.2.3"},      {"none", "1"}};
+    for (const auto &one : cases) {
+        EXPECT_EQ(set(one.name, one.value), BV_ERR_INVALID) << one.name << " " << one.value;
+        EXPECT_EQ(words().rfind(std::string("t.json.") + one.name + ":", 0), 0u) << words();
+    }
+    EXPECT_EQ(values("t.json", 1), before);
+}
+
+TEST_F(Values, ShorterTextLeavesNothingOfTheLongerOne)
+{
+    ASSERT_EQ(set("s", "xyz"), BV_OK);
+    ASSERT_EQ(set("s", "q"), BV_OK);
+    const bv_db_family *family = bv_db_hash_find("t.json");
+    EXPECT_EQ(memcmp(bv_db_data_get_inst(const_cast<bv_db_family *>(family), 1)->image, "q\0\0", 4),
+              0);
+}
+
+TEST_F(Values, TextsAreQuotedForJson)
+{
+    Text text;
+    text.put_quoted("a\"\\\n\x7f\xc3\xa4");
+    EXPECT_STREQ(text.bytes, "\"a\\\"\\\\\\u000a\x7f\xc3\xa4\"");
+}
+
+TEST_F(Values, HiddenFamilyShowsNoValues)
+{
+    const bv_db_family *family = bv_db_hash_find("t.json");
+    Text text;
+    put_instance(text, *family, family->default_image, -5, true);
+    EXPECT_STREQ(text.bytes, R"({"inst":"-5","para":{}})");
+}

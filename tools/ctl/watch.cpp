@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: ISC
+// watch, wait.
+
+#include <bv/service.h>
+
+#include "os/owned.h"
+#include "tools/common/numbers.h"
+#include "tools/ctl/ctl.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using bv::JsonTree;
+
+namespace {
+
+using namespace tools;
+
+using Client = bv::Owned<bv_service_client *, nullptr, bv_service_close>;
+
+// A restart of a service or of the bus ends no watching.
+constexpr uint32_t kPatience_ms = 24 * 60 * 60 * 1000;
+constexpr unsigned kMaxWait_s = 24 * 60 * 60;
+constexpr unsigned kDefaultWait_s = 30;
+
+// ---- what changed ----
+
+// Prints one change; null where there was or is no value.
+void print_change(const char *service, const char *family, const char *number, const char *name,
+                  json_object *was, json_object *is)
+{
+    if (g_options.json) {
+        const JsonTree line(json_object_new_object());
+        put(line.get(), "service", service);
+        put(line.get(), "family", family);
+        put(line.get(), "inst", number);
+        put(line.get(), "name", name);
+        put(line.get(), "was", share(was));
+        put(line.get(), "is", share(is));
+        puts(json_object_to_json_string_ext(line.get(), JSON_C_TO_STRING_PLAIN));
+    } else {
+        char clock[16] = "";
+        const time_t now = time(nullptr);
+        tm local;
+        if (localtime_r(&now, &local) != nullptr)
+            strftime(clock, sizeof(clock), "%H:%M:%S", &local);
+        print_line(Style::Plain, "%s %s %s.%s.%s %s -> %s", clock, service, family, number, name,
+                   was != nullptr ? text_of(was) : "-", is != nullptr ? text_of(is) : "-");
+    }
+    fflush(stdout);
+}
+
+// {"1":{"mtu":"1500"}}: easier to compare than the array of a data file.
+json_object *by_number(json_object *instances)
+{
+    json_object *all = json_object_new_object();
+    for (size_t i = 0; i < count_of(instances); ++i)
+        put(all, text_of(element(instances, i), "inst"),
+            share(member(element(instances, i), "para")));
+    return all;
+}
+
+struct Watching {
+    const char *service;
+    json_object *families; // as they were seen last
+};
+
+void print_changes(const char *service, const char *family, json_object *before, json_object *after)
+{
+    for (const auto &instance : Members(after))
+        for (const auto &parameter : Members(instance.value())) {
+            json_object *was = member(member(before, instance.name()), parameter.name());
+            if (was == nullptr || strcmp(text_of(was), text_of(parameter.value())) != 0)
+                print_change(service, family, instance.name(), parameter.name(), was,
+                             parameter.value());
+        }
+    for (const auto &instance : Members(before))
+        for (const auto &parameter : Members(instance.value()))
+            if (member(after, instance.name()) == nullptr)
+                print_change(service, family, instance.name(), parameter.name(), parameter.value(),
+                             nullptr);
+}
+
+void family_changed(const char *, const char *family, void *priv)
+{
+    auto &watching = *static_cast<Watching *>(priv);
+    json_object *query = json_object_new_object();
+    array_in(query, family);
+    json_object *got = nullptr;
+    if (ask(watching.service, "get", query, &got) != BV_OK)
+        return;
+    const JsonTree answer(got);
+    json_object *after = by_number(member(got, family));
+    json_object *before = member(watching.families, family);
+    if (before != nullptr)
+        print_changes(watching.service, family, before, after);
+    put(watching.families, family, after);
+}
+
+int watch_service(const char *service, const char *family)
+{
+    Watching watching = {service, json_object_new_object()};
+    g_options.wait_ms = kPatience_ms; // it may be restarting while we ask what changed
+    const JsonTree seen(watching.families);
+    const Client client(bv_service_open(service, kPatience_ms));
+    const int32_t status =
+        client ? bv_service_watch(client.get(), family, family_changed, &watching, 0)
+               : BV_ERR_MEMORY;
+    return status == BV_OK ? 0 : refused("%s: %s", service, bv_service_text(status));
+}
+
+// Several services: a process for each, since watching one takes a thread, and the bus library
+// knows only one.
+int watch_each(json_object *services)
+{
+    for (const auto &service : Members(services)) {
+        const pid_t parent = getpid();
+        const pid_t child = fork();
+        if (child < 0)
+            return refused("cannot watch %s: no memory for a process", service.name());
+        if (child > 0)
+            continue;
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        _exit(getppid() == parent ? watch_service(service.name(), nullptr) : 0);
+    }
+    int result = 0;
+    int status;
+    while (wait(&status) > 0)
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+            result = kExitRefused;
+    return result;
+}
+
+} // namespace
+
+int tools::do_watch(Arguments arguments)
+{
+    json_object *services = all_families();
+    if (services == nullptr)
+        return kExitRefused;
+    if (*arguments == nullptr)
+        return json_object_object_length(services) > 0
+                   ? watch_each(services)
+                   : refused("no service with families is running; 'bv-ctl wait SERVICE' waits");
+    Target target;
+    const int status = find_whole_family(*arguments, "watch", target);
+    if (status != 0)
+        return status;
+    return watch_service(target.service, target.family);
+}
+
+int tools::do_wait(Arguments arguments)
+{
+    unsigned seconds = kDefaultWait_s;
+    if (arguments[1] != nullptr && !parse_number(arguments[1], kMaxWait_s, seconds))
+        return wrong_arguments("'%s' should be seconds, from 0 to %u", arguments[1], kMaxWait_s);
+    if (is_bare(arguments[0]))
+        return refuse_bare(arguments[0]);
+    const Client client(bv_service_open(arguments[0], seconds * 1000));
+    if (!client)
+        return refused("'%s' cannot be the name of a service", arguments[0]);
+    const int32_t status = bv_service_request(client.get(), "counters", nullptr, nullptr);
+    if (status != BV_OK)
+        return refused("%s is not there after %u s: %s", arguments[0], seconds,
+                       bv_service_text(status));
+    if (g_options.json)
+        puts("{}");
+    return 0;
+}

@@ -376,7 +376,7 @@ bool put_in_place(const Paths &paths)
 }
 
 // Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
-bool write_beside(uint32_t store, const Contents &present, const Paths &paths, bool &equal)
+bool write_beside(uint32_t store, const Contents &present, const Paths &paths)
 {
     unlink(paths.tmp);
     errno = 0;
@@ -392,11 +392,8 @@ bool write_beside(uint32_t store, const Contents &present, const Paths &paths, b
     if (!read_file(paths.tmp, written))
         return false;
     errno = 0;
-    if (!are_saved(written.tree, store) || !has_others(written.tree, present.tree, store))
-        return false;
-    equal = strcmp(present.from, "file") == 0 && written.text.length == present.text.length &&
-            memcmp(written.text.bytes, present.text.bytes, written.text.length) == 0;
-    return equal || fsync(file.get()) == 0;
+    return are_saved(written.tree, store) && has_others(written.tree, present.tree, store) &&
+           fsync(file.get()) == 0;
 }
 
 // Whether every value would come back from a file.
@@ -432,16 +429,13 @@ int32_t save(uint32_t store)
     if (strcmp(present.from, "file") == 0 && are_saved(present.tree, store))
         return BV_OK;
 
-    bool equal = false;
-    if (write_beside(store, present, paths, equal) && (equal || put_in_place(paths))) {
-        if (equal)
-            unlink(paths.tmp);
+    if (write_beside(store, present, paths) && put_in_place(paths))
         return BV_OK;
-    }
     const int error = errno;
     unlink(paths.tmp);
     say("%s cannot be saved: %s", paths.file,
-        error != 0 ? strerror(error) : "it does not come back as written; is the disk full?");
+        error != 0 ? strerror(error)
+                   : "what was written is not complete: is the disk full, or a comment in it?");
     return BV_ERR_WRITE_OPEN;
 }
 

@@ -25,6 +25,8 @@
  *   half belong to that thread; handlers and callbacks run on it.
  * - A client belongs to one thread at a time. The bus library shares buffers between connections,
  *   so all clients of a process, and the owner, belong on one thread.
+ * - A client leaves the program's signals as they are: SIGINT and SIGTERM still end it. An owner
+ *   takes both while it runs.
  * - Families are called by their names, the file names of their templates: "lan.json".
  * - Texts that are passed in are copied, unless it says otherwise; structures of the owner stay the
  *   caller's and must not change while it runs.
@@ -250,7 +252,8 @@ BV_API int32_t bv_service_set(struct bv_service_client *client, const char *fami
                               const void *image, uint32_t size, uint32_t instance);
 
 /**
- * Sends any request of NAME.config: docs/formats.md lists them. Used by bv-ctl.
+ * Sends any request of NAME.config: docs/formats.md lists them. Used by bv-ctl. A client of
+ * any service asks the owner of the family that the data names first, and gets 4 without one.
  *
  * @param op      the operation, for instance "get"
  * @param data    its argument, JSON; null for none
@@ -277,7 +280,7 @@ typedef void (*bv_service_changed_cb)(const char *service, const char *family, v
  * Watches families. It listens for the owner's events, and asks the owner every 5 seconds too,
  * since an event may be lost. A restart of the owner counts as a change.
  *
- * @param family   what to watch; null for all of the client's service
+ * @param family   what to watch; null for all of the client's service, or of all services
  * @param changed  called once at the beginning for each family, then after each change
  * @param priv     for changed
  * @param ms       how long to watch, in milliseconds; 0 without limit

@@ -64,6 +64,10 @@ TEST_F(Changes, SetTakesOnlyWhatIsNamed)
 TEST_F(Changes, NothingIsSaidWhenNothingDiffers)
 {
     EXPECT_EQ(request(R"({"lan.json":[{"inst":"1","para":{"mtu":"1500"}}]})"), BV_OK);
+    Lan lan;
+    ASSERT_EQ(bv_db_read("lan.json", &lan, sizeof lan, 1), BV_OK);
+    lan.hostname[10] = 'x'; // after the NUL
+    EXPECT_EQ(bv_service_change("lan.json", &lan, 1), BV_OK);
     EXPECT_EQ(g_calls, Lines{});
     EXPECT_EQ(announced(), Lines{});
 }

@@ -2,6 +2,7 @@
 // The caller's half: finding owners, typed access, waiting and watching.
 
 #include "service/sample.h"
+#include "support/wire.h"
 
 #include <cstring>
 #include <fstream>
@@ -78,6 +79,9 @@ TEST(ServiceClient, OwnerOfAFamilyIsFoundAmongTheServices)
     first.service.n_families = 1;
     first.start();
     second.start();
+
+    wire::Client stranger; // its object has a name like ours, and other methods
+    EXPECT_NE(stranger.publish("stranger.config"), 0u);
 
     const Caller anyone(nullptr);
     EXPECT_STREQ(get_lan(anyone).hostname, "gateway");

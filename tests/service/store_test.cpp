@@ -96,6 +96,16 @@ TEST_F(Store, OtherServicesMembersStayByteForByte)
     EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
 }
 
+TEST_F(Store, MembersThatCannotBeCopiedAsTheyAreKeepTheOldFile)
+{
+    const std::string text = R"({"lan.json":[], /* the parser takes comments */ "vpn.json":[]})";
+    write_file(kUserFile, text);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    EXPECT_EQ(bv_service_commit(), BV_ERR_WRITE_OPEN);
+    EXPECT_EQ(read_file(kUserFile), text);
+}
+
 TEST_F(Store, OldFileStaysAsGoodWithOwnerAndMode)
 {
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);

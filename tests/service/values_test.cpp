@@ -60,11 +60,17 @@ TEST_F(Values, ShorterTextLeavesNothingOfTheLongerOne)
               0);
 }
 
-TEST_F(Values, TextsAreQuotedForJson)
+TEST_F(Values, QuotedTextsComeBackFromJson)
 {
+    const std::string odd = "a\"\\\n\x01\x7f\xc3\xa4/";
     Text text;
-    text.put_quoted("a\"\\\n\x7f\xc3\xa4");
-    EXPECT_STREQ(text.bytes, "\"a\\\"\\\\\\u000a\x7f\xc3\xa4\"");
+    text.put_quoted(odd.c_str());
+    for (const char byte : std::string(text.bytes))
+        EXPECT_GE(static_cast<unsigned char>(byte), 0x20) << text.bytes;
+    json_object *tree = json_tokener_parse(text.bytes);
+    ASSERT_NE(tree, nullptr) << text.bytes;
+    EXPECT_EQ(json_object_get_string(tree), odd);
+    json_object_put(tree);
 }
 
 TEST_F(Values, HiddenFamilyShowsNoValues)

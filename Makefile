@@ -60,6 +60,12 @@ test-target: ## builds for mipsel and runs the suite under user-mode emulation
 test-arm64: ## the same for 64-bit ARM with glibc
 	@scripts/test-target arm64
 
+test-musl: deps ## the suite with musl, for x86_64, without emulation
+	@scripts/setup-target amd64 > /dev/null
+	@cmake --preset musl > /dev/null
+	@cmake --build build/musl -- --quiet
+	@tests/run build/musl
+
 test-compilers: ## builds and tests with COMPILERS, or with all of the last years (slow)
 	@scripts/test-compilers $(COMPILERS)
 

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: ISC
-# What all machines have in common whose programs run under user-mode emulation here. BV_EMULATOR is
-# the emulator, BV_USERLAND the root folder to test in.
+# What all machines have in common whose programs do not run here by themselves, most of them under
+# user-mode emulation. BV_EMULATOR is the emulator, BV_USERLAND the root folder to test in.
 
 # Where scripts/setup-target keeps compilers and sysroots; the same rule as in scripts/cache.sh.
 if(NOT BV_TARGET_CACHE)

@@ -16,6 +16,7 @@ machine=$(elf "$userland/bin/busybox" 18 2)
 case $machine in
 0800) cpu=mipsel ;;
 b700) cpu=aarch64 ;;
+3e00) cpu=x86_64 ;;
 esac
 emulator=qemu-$cpu-static
 export BV_ROOT_EMULATOR="$emulator"
@@ -30,7 +31,7 @@ machine_runs_target_code() {
 emulation_kind() {
     if [ "${BV_ROOT_EMULATION:-}" = wrapped ]; then
         echo wrapped
-    elif machine_runs_target_code; then
+    elif [ "$(uname -m)" = "$cpu" ] || machine_runs_target_code; then
         echo native
     elif unshare -U -r -m mount -t binfmt_misc none "$table" 2> /dev/null; then
         echo own

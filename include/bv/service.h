@@ -231,6 +231,8 @@ BV_API void bv_service_close(struct bv_service_client *client);
 /**
  * Reads an instance.
  *
+ * @param client    from bv_service_open()
+ * @param family    its name
  * @param image     gets the family's packed structure
  * @param size      NAME_SIZE; must be the owner's
  * @param instance  its number
@@ -255,6 +257,7 @@ BV_API int32_t bv_service_set(struct bv_service_client *client, const char *fami
  * Sends any request of NAME.config: docs/formats.md lists them. Used by bv-ctl. A client of
  * any service asks the owner of the family that the data names first, and gets 4 without one.
  *
+ * @param client  from bv_service_open()
  * @param op      the operation, for instance "get"
  * @param data    its argument, JSON; null for none
  * @param answer  gets the whole answer as JSON, for free(); null when there is none. May be null
@@ -266,8 +269,9 @@ BV_API int32_t bv_service_request(struct bv_service_client *client, const char *
 /**
  * Lists the running services that use the kit.
  *
- * @param found  called with each service's name, in alphabetical order
- * @param priv   for found
+ * @param client  from bv_service_open()
+ * @param found   called with each service's name, in alphabetical order
+ * @param priv    for found
  * @return 0, or a status of the bus
  */
 BV_API int32_t bv_service_list(struct bv_service_client *client,
@@ -280,6 +284,7 @@ typedef void (*bv_service_changed_cb)(const char *service, const char *family, v
  * Watches families. It listens for the owner's events, and asks the owner every 5 seconds too,
  * since an event may be lost. A restart of the owner counts as a change.
  *
+ * @param client   from bv_service_open()
  * @param family   what to watch; null for all of the client's service, or of all services
  * @param changed  called once at the beginning for each family, then after each change
  * @param priv     for changed

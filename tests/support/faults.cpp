@@ -24,8 +24,9 @@ bool is_program(const dl_phdr_info &info, const ElfW(Phdr) & header)
     return here - (info.dlpi_addr + header.p_vaddr) < header.p_memsz;
 }
 
-// libbv, and the stand-ins that are built here. A platform's own libraries may not survive a failure.
-constexpr const char *kOurs[] = {"libbv.so", BV_STAND_INS};
+// The libraries of this tree, and the stand-ins that are built here. A platform's own libraries may
+// not survive a failure.
+constexpr const char *kOurs[] = {"libbv.so", "libbvservice.so", BV_STAND_INS};
 
 bool is_library(const char *object)
 {
@@ -81,7 +82,7 @@ const std::vector<FaultPoint *> &FaultPoint::all()
 
 bool FaultPoint::has_all_stand_ins()
 {
-    return std::size(kOurs) == 4;
+    return std::size(kOurs) == 5;
 }
 
 void FaultPoint::count_ours_only()

@@ -55,7 +55,7 @@ bool take_number(json_object *value, int32_t &number)
     return true;
 }
 
-// The number after the highest one in use, or 0 when there is none.
+// The number after the highest one in use, or 0 if no number is left.
 int32_t next_number(const Plan &plan, const bv_db_family &family)
 {
     int32_t highest = 0;

@@ -333,8 +333,8 @@ int32_t find_owner(Client &client, const char *family, char *owner)
 
 // ---- whole calls ----
 
-// Whether waiting can help: there is no bus, or no owner. A call to an owner that ends before it
-// answers ends by its timeout: the bus does not tell.
+// Whether waiting can help because the bus or the owner is missing. If the owner ends before it
+// answers, the call times out: the bus does not report the loss.
 bool is_away(const Client &client, int32_t status)
 {
     return status == UBUS_STATUS_CONNECTION_FAILED || status == UBUS_STATUS_NOT_FOUND ||

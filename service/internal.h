@@ -95,7 +95,7 @@ inline auto instances(const bv_db_family &family)
 {
     return each<bv_db_inst>(family.inst_list);
 }
-// Null when there is none; else also where it is in the image.
+// Null if the family has none of that name; otherwise also gives its place in the image.
 const bv_db_para *find_parameter(const bv_db_family &family, const char *name, int32_t &position);
 
 // The text of one value; good until the next call.

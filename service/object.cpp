@@ -460,7 +460,7 @@ int32_t run_operation(const Operation *row, blob_attr *const *fields, Call &call
     while (row->name != nullptr && bv_os_strcmp(row->name, op) != 0)
         ++row;
     if (row->name == nullptr)
-        return call.words.refuse(BV_ERR_INVALID, "there is no operation \"%.40s\"", op);
+        return call.words.refuse(BV_ERR_INVALID, "unknown operation \"%.40s\"", op);
     const char *text = bv_blobmsg_get_string(fields[kData]);
     const Owned<json_object *, nullptr, bv_json_object_put> data(
         text != nullptr ? bv_json_tokener_parse(text) : nullptr);
@@ -620,7 +620,7 @@ void unpublish()
     g_connection = nullptr;
 }
 
-// The bus's own object passes the event on. Nobody waits for its answer, and when the socket is
+// The bus's own object passes the event on. The owner does not wait for an answer, and when the socket is
 // full the event is lost: those who watch read the counters too.
 void announce(const struct bv_service_family &family)
 {

@@ -167,7 +167,7 @@ bool read_file(const char *path, Contents &out)
 enum class Access { Look, Load, Repair };
 
 // Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
-// nothing in it. False when there is nothing to go on with: nothing was changed then.
+// nothing in it. False, with nothing changed, when the service cannot start from it.
 bool read_store(const Paths &paths, Access access, Contents &out)
 {
     // A service on the bare interface may be rewriting the file just now.

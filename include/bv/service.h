@@ -146,7 +146,10 @@ typedef struct bv_service {
  */
 BV_API int bv_service_run(const struct bv_service *service);
 
-/** Ends bv_service_run() after the handler or callback that runs now. */
+/**
+ * Ends bv_service_run() after the handler or callback that runs now. Does nothing when no service
+ * runs. Safe in a signal handler.
+ */
 BV_API void bv_service_end(void);
 
 /**
@@ -168,7 +171,7 @@ BV_API void bv_service_end(void);
  */
 BV_API int32_t bv_service_commit(void);
 
-/** As bv_service_commit(), for the factory families. */
+/** As bv_service_commit(), for the factory families: same results. */
 BV_API int32_t bv_service_commit_factory(void);
 
 /**
@@ -185,13 +188,15 @@ BV_API int32_t bv_service_commit_factory(void);
  * @retval BV_ERR_MEMORY       no memory
  * @return otherwise what `check` refused with
  *
- * bv_db_write() changes a family too, but nobody is told.
+ * bv_db_write() changes a family too, but neither calls `check` and `changed` nor sends an event.
  */
 BV_API int32_t bv_service_change(const char *family, const void *image, uint32_t instance);
 
 /**
  * Takes a family back to what its data file has. `check` is not asked; `changed` is called for
  * every instance that differs.
+ *
+ * @param family  its name
  *
  * @retval BV_OK             reverted; a family that the file does not name has its defaults, and so
  *                           has every family before the first commit
@@ -201,8 +206,15 @@ BV_API int32_t bv_service_change(const char *family, const void *image, uint32_t
  */
 BV_API int32_t bv_service_revert(const char *family);
 
-/** As bv_service_revert(), to the defaults of its template: one instance, number 1. No file
- * changes. */
+/**
+ * Takes a family back to the defaults of its template: one instance, number 1. No file changes.
+ *
+ * @param family  its name
+ *
+ * @retval BV_OK             reset
+ * @retval BV_ERR_NO_FAMILY  not a family of this service
+ * @retval BV_ERR_MEMORY     no memory: nothing changed
+ */
 BV_API int32_t bv_service_reset(const char *family);
 
 /** @} */
@@ -247,20 +259,30 @@ BV_API int32_t bv_service_get(struct bv_service_client *client, const char *fami
                               uint32_t size, uint32_t instance);
 
 /**
- * Changes an instance, or adds it if the number does not exist. Results as of bv_service_get(), and
- * what the owner refused with; bv_service_words() names the parameter.
+ * Changes an instance, or adds it if the number does not exist. Nothing is saved.
+ *
+ * @param client    from bv_service_open()
+ * @param family    its name
+ * @param image     the family's packed structure
+ * @param size      NAME_SIZE; must be the owner's
+ * @param instance  its number
+ *
+ * @return as bv_service_get(), 6 also when the user may not write; BV_ERR_INVALID also for a value
+ *         that a file would not keep; otherwise the code that the owner refused with.
+ *         bv_service_words() names the parameter
  */
 BV_API int32_t bv_service_set(struct bv_service_client *client, const char *family,
                               const void *image, uint32_t size, uint32_t instance);
 
 /**
  * Sends any request of NAME.config: docs/formats.md lists them. Used by bv-ctl. A client of
- * any service asks the owner of the family that the data names first, and gets 4 without one.
+ * any service asks the owner of the family that the data names first, and gets 4 if the data names
+ * none.
  *
  * @param client  from bv_service_open()
  * @param op      the operation, for instance "get"
  * @param data    its argument, JSON; null for none
- * @param answer  gets the whole answer as JSON, for free(); null when there is none. May be null
+ * @param answer  gets the whole answer as JSON, for free(); null if it is empty. May be null
  * @return as bv_service_get()
  */
 BV_API int32_t bv_service_request(struct bv_service_client *client, const char *op,

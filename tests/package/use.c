@@ -10,7 +10,7 @@
 #include <string.h>
 
 #if BV_VERSION_NUMBER < 10000
-#error "the version is no number that #if can compare"
+#error "#if cannot compare BV_VERSION_NUMBER"
 #endif
 
 typedef char offsets_have_64_bits[sizeof(off_t) == 8 ? 1 : -1];

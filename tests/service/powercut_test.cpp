@@ -165,7 +165,7 @@ BV_INTERPOSE(cut_link, "link", int, (const char *from, const char *to))
 
 BV_INTERPOSE(cut_usleep, "usleep", int, (useconds_t))
 {
-    return BV_NEXT(cut_usleep)(0); // nobody else writes
+    return BV_NEXT(cut_usleep)(0); // no other process writes
 }
 
 BV_INTERPOSE(cut_fchmod, "fchmod", int, (int fd, mode_t mode))

@@ -305,7 +305,7 @@ TEST_F(Store, RevertAndResetTouchOneFamilyOnly)
     EXPECT_EQ(values("lan.json", 1), kDefaults);
     EXPECT_EQ(values("wan.json", 1), with_mtu(1200));
 
-    // Nothing of the longer name is left behind the shorter one's NUL.
+    // After the NUL of the shorter name no byte of the longer one is left.
     Lan lan;
     ASSERT_EQ(bv_db_read("lan.json", &lan, sizeof lan, 1), BV_OK);
     EXPECT_EQ(std::string(lan.hostname, sizeof lan.hostname),

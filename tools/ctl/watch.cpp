@@ -31,7 +31,7 @@ constexpr unsigned kDefaultWait_s = 30;
 
 // ---- what changed ----
 
-// Prints one change; null where there was or is no value.
+// Prints one change; null for a value that did not exist before, or does not now.
 void print_change(const char *service, const char *family, const char *number, const char *name,
                   json_object *was, json_object *is)
 {

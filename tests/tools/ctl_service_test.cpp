@@ -71,7 +71,7 @@ TEST_F(CtlSession, PassesRefusalsOn)
          "lan.json.mtu: '70000' is not a number from 0 to 65535, as type ushort needs"},
         {"set lan mtu=9 hostname=refused", "lan.json.1: the service refuses this (status 0x77)"},
         {"set lan mtu=9 speed=1", "lan.json.speed: no such parameter"},
-        {"add lan.1", "lan.json.1: exists already (already exists)"},
+        {"add lan.1", "lan.json.1: already exists"},
         {"del lan.1 lan.9", "lan.json.9: no such instance"}};
     for (const auto &[line, why] : rows)
         EXPECT_EQ(refusal(line), std::string("bv-ctl: sample: ") + why + "\n");

@@ -280,7 +280,9 @@ int32_t find_owner(Client &client, const char *family, char *owner)
     Names names;
     Text quoted;
     int32_t status = list_services(client, names);
+    quoted.put("{");
     quoted.quote(family);
+    quoted.put(":[]}");
     if (status != BV_OK || quoted.failed)
         return status != BV_OK ? status : BV_ERR_MEMORY;
     status = BV_ERR_NO_FAMILY;

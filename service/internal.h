@@ -144,7 +144,8 @@ inline auto instances(const Family &family)
 {
     return each<bv_db_inst>(family.record->inst_list);
 }
-const bv_service_family *find_listed(const char *family); // null: not a family of the service
+// Null, with the words set, for a family that is not the service's.
+const bv_service_family *find_listed(const char *family, Words &words);
 
 // The text of one value; good until the next call.
 const char *value_text(const bv_db_para &para, const uint8_t *value);
@@ -165,30 +166,31 @@ void put_instance(Text &out, const Family &family, int32_t number, const uint8_t
 // What is to become of one instance.
 struct Change {
     Change *next;
+    Family family;
     int32_t number;
     bv_db_inst *present; // null: to be added
-    bool added;          // made for the plan
-    bool named;          // otherwise it stays as it is
     uint8_t *is;         // what is wanted; null: to be deleted
-    uint8_t *was;        // null: added
+    uint8_t *was;        // what it was; null: added
+    bool added;          // by make()
+    bool named;          // otherwise it stays as it is
 };
 
-// What is to become of one family: its instances, and those to be added, in this order.
-struct FamilyPlan {
-    FamilyPlan *next;
-    Family family;
-    Change *first;
-    Change **end;
-    void *by_number; // a tree of tsearch(), until something is made
-    int32_t highest; // number
-};
-
-// The changes of one request.
+// The changes of one request, those of a family together.
 struct Plan {
-    FamilyPlan *first = nullptr;
+    struct Iterator {
+        Change *at;
+        Change &operator*() const { return *at; }
+        void operator++() { at = at->next; }
+        bool operator!=(const Iterator &other) const { return at != other.at; }
+    };
+    Change *first = nullptr;
+    Change **end_ = &first;
+    void *tree = nullptr; // of tsearch(), by family and number
     Plan() = default;
     Plan(const Plan &) = delete;
     ~Plan();
+    Iterator begin() const { return {first}; }
+    static Iterator end() { return {nullptr}; }
 };
 
 // What the instances of a request or of a data file (Load, Saved) mean. In a file, what does not

@@ -155,7 +155,7 @@ bool is_saved(json_object *tree, const bv_service_family &listed)
     if (plan_saved(plan, tree, listed, Meaning::Saved) != BV_OK)
         return false;
     drop_equal(plan);
-    const Change *change = plan.first->first;
+    const Change *change = plan.first;
     if (change == nullptr || family.record->inst_count != 0)
         return change == nullptr;
     return change->next == nullptr && change->number == 1 &&
@@ -442,9 +442,9 @@ int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words
     if (plan_saved(plan, contents.tree, family, Meaning::Saved) != BV_OK)
         return words.no_memory();
     out.item("[");
-    for (const Change *change = plan.first->first; change != nullptr; change = change->next)
-        if (change->is != nullptr)
-            put_instance(out, Family(family), change->number, change->is);
+    for (const Change &change : plan)
+        if (change.is != nullptr)
+            put_instance(out, change.family, change.number, change.is);
     out.put("]");
     return BV_OK;
 }
@@ -491,12 +491,14 @@ int32_t bv_service_commit_factory()
 
 int32_t bv_service_revert(const char *family)
 {
-    const bv_service_family *listed = find_listed(family);
+    Words words;
+    const bv_service_family *listed = find_listed(family, words);
     return listed == nullptr ? BV_ERR_NO_FAMILY : revert(*listed);
 }
 
 int32_t bv_service_reset(const char *family)
 {
-    const bv_service_family *listed = find_listed(family);
+    Words words;
+    const bv_service_family *listed = find_listed(family, words);
     return listed == nullptr ? BV_ERR_NO_FAMILY : reset(*listed);
 }

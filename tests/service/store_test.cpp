@@ -73,9 +73,9 @@ TEST_F(Store, CommittedValuesAreThereAfterRestart)
 {
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     ASSERT_EQ(request(set_mtu(1400)), BV_OK);
-    EXPECT_TRUE(is_unsaved(*find_listed("lan.json")));
+    EXPECT_TRUE(is_unsaved(*listed("lan.json")));
     EXPECT_EQ(bv_service_commit(), BV_OK);
-    EXPECT_FALSE(is_unsaved(*find_listed("lan.json")));
+    EXPECT_FALSE(is_unsaved(*listed("lan.json")));
     EXPECT_EQ(list_folder("/config/work"),
               (std::vector<std::string>{"userdata.json", "userdata.json.lock"}));
 
@@ -348,7 +348,7 @@ TEST_F(Store, SavedInstancesAreShownWhileOthersRun)
     ASSERT_EQ(request(set_mtu(1300)), BV_OK);
     Text text;
     Words why;
-    ASSERT_EQ(put_saved(text, *find_listed("lan.json"), why), BV_OK);
+    ASSERT_EQ(put_saved(text, *listed("lan.json"), why), BV_OK);
     EXPECT_EQ(std::string(text.bytes), std::string(R"([{"inst":"1","para":)") + kDefaults + "}]");
 }
 

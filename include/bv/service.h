@@ -292,7 +292,7 @@ BV_API int32_t bv_service_request(struct bv_service_client *client, const char *
  * Lists the running services that use the kit.
  *
  * @param client  from bv_service_open()
- * @param found   called with each service's name, in alphabetical order
+ * @param found   called with each service's name, in the alphabetical order of the objects NAME.config
  * @param priv    for found
  * @return 0, or a status of the bus
  */

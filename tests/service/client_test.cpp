@@ -101,7 +101,7 @@ TEST(ServiceClient, OwnerOfAFamilyIsFoundAmongTheServices)
                   },
                   &names),
               0);
-    EXPECT_EQ(names, "b b-service ");
+    EXPECT_EQ(names, "b-service b "); // in the order of their objects' names
 }
 
 TEST(ServiceClient, LongAnswersAreWholeAlsoWhileTheyChange)

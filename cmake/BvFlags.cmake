@@ -47,15 +47,15 @@ function(bv_without_cxx_runtime target)
 endfunction()
 
 # bv_small(TARGET): for code that waits for people and files, so that only its size counts. MIPS16
-# instructions, which OpenWrt's packages for such machines use too, save a third.
-include(CheckCXXSourceCompiles)
-set(CMAKE_REQUIRED_FLAGS -mips16)
-check_cxx_source_compiles("int main() { return 0; }" BV_HAS_MIPS16)
-unset(CMAKE_REQUIRED_FLAGS)
+# instructions, which OpenWrt uses for the packages of such machines, save a third. Everything is
+# bound at the start, so the stubs that MIPS has for binding later are left out.
+include(CheckCXXCompilerFlag)
+check_cxx_compiler_flag(-mips16 BV_HAS_MIPS16)
 function(bv_small target)
   target_compile_options(${target} PRIVATE -Os -ffunction-sections -fdata-sections)
+  target_link_options(${target} PRIVATE -Wl,--gc-sections)
   if(BV_HAS_MIPS16)
     target_compile_options(${target} PRIVATE -mips16)
+    target_link_options(${target} PRIVATE "-Wl,-T,${PROJECT_SOURCE_DIR}/cmake/no-lazy-stubs.ld")
   endif()
-  target_link_options(${target} PRIVATE -Wl,--gc-sections)
 endfunction()

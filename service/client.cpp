@@ -552,8 +552,3 @@ const char *bv_service_words(const struct bv_service_client *client)
 {
     return client != nullptr ? client->words.text : "";
 }
-
-const char *bv_service_text(int32_t result)
-{
-    return result >= 0 && result < 0x1000 ? bv_bus_status_text(result) : bv_status_text(result);
-}

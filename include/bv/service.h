@@ -326,7 +326,10 @@ BV_API const char *bv_service_words(const struct bv_service_client *client);
 
 /** Any result of the caller's half as words: see bv_status_text() and bv_bus_status_text(). Never
  * null. */
-BV_API const char *bv_service_text(int32_t result);
+static inline const char *bv_service_text(int32_t result)
+{
+    return result >= 0 && result < 0x1000 ? bv_bus_status_text(result) : bv_status_text(result);
+}
 
 /** @} */
 

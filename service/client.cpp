@@ -180,10 +180,10 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
         uint32_t id = 0;
         client.words.text[0] = '\0';
         int32_t status = look_up(client, path, take_id, &id);
-        if (status == UBUS_STATUS_OK) {
-            client.was_sent = !reads;
-            status = ask_for_all(client, id, request, answer);
-        }
+        if (status != UBUS_STATUS_OK)
+            return status;
+        client.was_sent = !reads;
+        status = ask_for_all(client, id, request, answer);
         const bool is_cut = status == UBUS_STATUS_CONNECTION_FAILED && start == 0 && reads;
         if (status != kStartAgain && !is_cut)
             return status;

@@ -27,8 +27,11 @@ configure: deps
 build: configure ## builds everything for this workstation
 	@cmake --build "$(BUILD)"
 
-demo: configure ## shows the main job, start to end
-	@cmake --build "$(BUILD)" --target demo_programs
+demo: deps ## shows the main job, start to end
+	@echo 'Building the library and the examples in $(BUILD) ...'
+	@mkdir -p "$(BUILD)"
+	@{ cmake -S . -B "$(BUILD)" -G Ninja $(if $(CI),-DBV_WERROR=ON) && \
+	    cmake --build "$(BUILD)" --target demo_programs; } > "$(BUILD)/demo.log" 2>&1 || { cat "$(BUILD)/demo.log"; exit 1; }
 	@examples/demo "$(BUILD)"
 
 test: build ## builds and runs every test of the workstation build

@@ -72,7 +72,7 @@ test-musl: deps ## the suite with musl, for x86_64, without emulation
 test-compilers: ## builds and tests with COMPILERS, or with all of the last years (slow)
 	@scripts/test-compilers $(COMPILERS)
 
-test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell and main-job tests
+test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell, main-job and console tests
 	@scripts/setup-target musl kernel > /dev/null
 	@cmake --preset mipsel-musl > /dev/null
 	@cmake --build build/mipsel-musl

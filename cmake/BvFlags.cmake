@@ -49,8 +49,8 @@ endfunction()
 # bv_small(TARGET): for code that waits for people and files, so that only its size counts. MIPS16
 # instructions, which OpenWrt uses for the packages of such machines, save a third. Everything is
 # bound at the start, so the stubs that MIPS has for binding later are left out.
-include(CheckCXXCompilerFlag)
-check_cxx_compiler_flag(-mips16 BV_HAS_MIPS16)
+include(CheckCCompilerFlag)
+check_c_compiler_flag(-mips16 BV_HAS_MIPS16)
 function(bv_small target)
   target_compile_options(${target} PRIVATE -Os -ffunction-sections -fdata-sections)
   target_link_options(${target} PRIVATE -Wl,--gc-sections)

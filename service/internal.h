@@ -36,7 +36,8 @@ void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Why a request was refused, for the one who asked.
 struct Words {
-    char text[512] = "";
+    char text[512];
+    Words() { text[0] = '\0'; }
     // Writes the text, and returns `status`.
     int32_t refuse(int32_t status, const char *format, ...) __attribute__((format(printf, 3, 4)));
     int32_t no_memory() { return refuse(BV_ERR_MEMORY, "the service is out of memory"); }
@@ -95,16 +96,9 @@ bool number_of(json_object *value, int32_t &number);
 // Takes what Text::hex() wrote, without the quotes. False for anything else.
 bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
 
-// Walks the members of an object in a text that json-c has parsed, comments included.
-struct RawMember {
-    const char *start; // after the brace or comma in front of it
-    const char *name;  // its opening quote; null: no more members
-    const char *name_end;
-    const char *end; // the comma or brace after it
-    bool ends_in_line_comment;
-};
-RawMember first_member(const char *object);
-RawMember next_member(const RawMember &member);
+// Appends the members of an object that are not of this store, byte for byte and with their
+// comments. json-c must have parsed the text.
+void put_others(Text &out, const char *text, uint32_t store);
 // The names in all objects of a text without comments: the parser keeps the last of equal ones.
 // SIZE_MAX if it has a NaN or Infinity, which the parser takes for numbers.
 size_t count_raw_names(const char *text);
@@ -144,6 +138,8 @@ inline auto instances(const Family &family)
 {
     return each<bv_db_inst>(family.record->inst_list);
 }
+// Whether the service keeps a family of this name in a store.
+bool is_stored(uint32_t store, const char *name, size_t length);
 // Null, with the words set, for a family that is not the service's.
 const bv_service_family *find_listed(const char *family, Words &words);
 

@@ -51,6 +51,15 @@ const bv_db_para *find_parameter(const Family &family, const char *name, int32_t
 
 } // namespace
 
+bool bv::service::is_stored(uint32_t store, const char *name, size_t length)
+{
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && strlen(family.name) == length &&
+            memcmp(family.name, name, length) == 0)
+            return true;
+    return false;
+}
+
 const bv_service_family *bv::service::find_listed(const char *family, Words &words)
 {
     if (g_service != nullptr && family != nullptr)

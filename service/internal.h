@@ -256,6 +256,11 @@ bool is_bus_alive(int end_fd);
 
 // ---- object.cpp ----
 
+// Of the functions: the service's, if it names none.
+inline const char *object_name()
+{
+    return g_service->object != nullptr ? g_service->object : g_service->name;
+}
 // Takes memory for the counters of the families; false when it is short.
 bool open_object();
 void close_object();

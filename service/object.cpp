@@ -35,11 +35,6 @@ struct Call {
     int32_t invalid(const char *what) { return words.refuse(BV_ERR_INVALID, "%s", what); }
 };
 
-const char *object_name()
-{
-    return g_service->object != nullptr ? g_service->object : g_service->name;
-}
-
 // How often a family changed, and since which start.
 struct Count {
     char text[24];

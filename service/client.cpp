@@ -287,7 +287,7 @@ int32_t ask_owner(Client &client, const char *family, const Request &request, Te
             status = ask(client, owner, request, answer);
         if (!is_away(client, status) || client.was_sent || now_ms() >= deadline)
             return status;
-        bv_os_msleep(kRetryMs);
+        bv_os_usleep(kRetryMs * 1000);
     }
 }
 
@@ -518,7 +518,7 @@ int32_t bv_service_list(struct bv_service_client *client,
     int32_t status;
     while ((status = list_services(*client, names)) == UBUS_STATUS_CONNECTION_FAILED &&
            now_ms() < deadline)
-        bv_os_msleep(kRetryMs);
+        bv_os_usleep(kRetryMs * 1000);
     for (const char *name = names.begin(); status == BV_OK && name < names.end();
          name = Names::next(name))
         found(name, priv);

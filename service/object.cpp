@@ -497,10 +497,10 @@ bool is_read(const char *op, bool has_data)
 
 bool open_object()
 {
-    char digits[9] = ""; // hexadecimal
-    bv_os_random(reinterpret_cast<uint8_t *>(digits), sizeof(digits) - 1);
-    g_start_number = static_cast<uint32_t>(strtoul(digits, nullptr, 16));
-    g_started = bv_os_time(nullptr);
+    uint8_t digits[8]; // hexadecimal
+    bv_os_random(digits, sizeof(digits));
+    read_hex(reinterpret_cast<char *>(digits), reinterpret_cast<uint8_t *>(&g_start_number), 4);
+    g_started = time(nullptr);
     g_calls = g_refused = g_dropped = 0;
     g_changes = static_cast<uint32_t *>(calloc(g_service->n_families + 1, sizeof(uint32_t)));
     return g_changes != nullptr;

@@ -217,6 +217,32 @@ bool differs(const Change &change)
     return !same_values(change.family, change.present->image, change.is);
 }
 
+int32_t ask_checks(const Plan &plan, Words &words)
+{
+    for (const Change &change : plan) {
+        const bv_service_check ask = change.family.listed->check;
+        const uint8_t *was = change.present != nullptr ? change.present->image : nullptr;
+        const uint32_t status =
+            ask != nullptr ? ask(was, change.is, static_cast<uint32_t>(change.number)) : 0;
+        if (status != 0)
+            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
+                                change.family.name(), change.number);
+    }
+    return BV_OK;
+}
+
+// A callback may change the families again, so the instances are not looked at any more.
+void tell(const Plan &plan)
+{
+    for (const Change &change : plan) {
+        const bv_service_family &listed = *change.family.listed;
+        if (listed.changed != nullptr)
+            listed.changed(change.was, change.is, static_cast<uint32_t>(change.number));
+        if (change.next == nullptr || change.next->family.listed != &listed)
+            announce(listed);
+    }
+}
+
 // Copies what an instance is now, or adds the new one: all that needs memory.
 bool prepare(Change &change)
 {
@@ -302,23 +328,13 @@ void bv::service::drop_equal(Plan &plan)
     }
 }
 
-int32_t bv::service::check(Plan &plan, Words &words)
+int32_t bv::service::make(Plan &plan, How how, Words &words)
 {
     drop_equal(plan);
-    for (const Change &change : plan) {
-        const bv_service_check ask = change.family.listed->check;
-        const uint8_t *was = change.present != nullptr ? change.present->image : nullptr;
-        const uint32_t status =
-            ask != nullptr ? ask(was, change.is, static_cast<uint32_t>(change.number)) : 0;
-        if (status != 0)
-            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
-                                change.family.name(), change.number);
-    }
-    return BV_OK;
-}
-
-int32_t bv::service::make(Plan &plan, Words &words, bool silent)
-{
+    const bool asks = how == How::Request || how == How::Check;
+    const int32_t status = asks ? ask_checks(plan, words) : BV_OK;
+    if (status != BV_OK || how == How::Check)
+        return status;
     bool ready = true;
     for (Change &change : plan)
         ready = ready && prepare(change);
@@ -331,15 +347,8 @@ int32_t bv::service::make(Plan &plan, Words &words, bool silent)
     }
     if (!ready)
         return words.no_memory();
-    // A callback may change the families again, so the instances are not looked at any more.
-    for (const Change &change : plan) {
-        const bv_service_family &listed = *change.family.listed;
-        if (!silent && listed.changed != nullptr)
-            listed.changed(change.was, change.is, static_cast<uint32_t>(change.number));
-        const bool is_last = change.next == nullptr || change.next->family.listed != &listed;
-        if (!silent && is_last)
-            announce(listed);
-    }
+    if (how != How::Load)
+        tell(plan);
     return BV_OK;
 }
 
@@ -347,8 +356,7 @@ int32_t bv_service_change(const char *family, const void *image, uint32_t instan
 {
     Plan plan;
     Words words;
-    int32_t status = plan_instance(plan, family, static_cast<int32_t>(instance), image, words);
-    if (status == BV_OK)
-        status = check(plan, words);
-    return status == BV_OK ? make(plan, words) : status;
+    const int32_t status =
+        plan_instance(plan, family, static_cast<int32_t>(instance), image, words);
+    return status == BV_OK ? make(plan, How::Request, words) : status;
 }

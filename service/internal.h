@@ -202,12 +202,12 @@ int32_t plan_family(Plan &plan, const bv_service_family &listed, json_object *el
 // Plans one instance; a null image deletes it.
 int32_t plan_instance(Plan &plan, const char *family, int32_t number, const void *image,
                       Words &words);
-// Leaves out what would not differ, and asks the checks of the rest.
-int32_t check(Plan &plan, Words &words);
-// Makes all changes or, when memory is short, none. Calls `changed`, counts, and sends the events,
-// unless it is `silent`.
-int32_t make(Plan &plan, Words &words, bool silent = false);
+// Leaves out what would not differ.
 void drop_equal(Plan &plan);
+// Asks the checks, makes all changes or none, calls `changed`, counts, and sends the events. Check
+// only asks; Undo does not ask; Load neither asks nor tells.
+enum class How { Request, Check, Undo, Load };
+int32_t make(Plan &plan, How how, Words &words);
 
 // ---- template.cpp ----
 

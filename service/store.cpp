@@ -313,7 +313,7 @@ bool fill(const bv_service_family &listed, json_object *tree)
     Words words;
     bv_db_data_free(Family(listed).record);
     return plan_saved(plan, tree, listed, Meaning::Load) == BV_OK &&
-           make(plan, words, true) == BV_OK;
+           make(plan, How::Load, words) == BV_OK;
 }
 
 int load_store(uint32_t store)
@@ -336,10 +336,8 @@ int32_t take_over(const bv_service_family &family, json_object *tree)
 {
     Plan plan;
     Words words;
-    if (plan_saved(plan, tree, family, Meaning::Saved) != BV_OK)
-        return BV_ERR_MEMORY;
-    drop_equal(plan);
-    return make(plan, words);
+    const int32_t status = plan_saved(plan, tree, family, Meaning::Saved);
+    return status == BV_OK ? make(plan, How::Undo, words) : status;
 }
 
 } // namespace

@@ -66,7 +66,7 @@ Path path_of(uint32_t store)
             break;
         target.text[length] = '\0';
         char *last = *target.text == '/' ? file.text : strrchr(file.text, '/') + 1;
-        snprintf(last, sizeof file.text - static_cast<size_t>(last - file.text), "%s", target.text);
+        snprintf(last, static_cast<size_t>(file.text + kPathSize - last), "%s", target.text);
     }
     return file;
 }

@@ -150,31 +150,40 @@ struct Elements {
                                                        : family.record->default_image;
     }
 
-    int32_t take(json_object *element)
+    // Finds the instance that an element of a request means.
+    int32_t find(json_object *inst, Change *&change)
     {
-        json_object *inst =
-            meaning == Meaning::Delete ? element : bv_json_object_object_get(element, "inst");
-        json_object *para = nullptr;
-        const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
-        int32_t number = bv_json_object_get_int(inst);
-        int32_t status = BV_OK;
-        if (!is_file(meaning))
-            status = take_number(inst, number);
-        else if (inst == nullptr || para == nullptr)
-            return BV_OK;
-        if (status == BV_OK && !is_file(meaning) && has_para &&
-            bv_json_object_is_type(para, json_type_object) == 0)
-            status = words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object", family.name());
-        Change *change = status == BV_OK ? change_of(plan, family, number) : nullptr;
-        if (status == BV_OK && change == nullptr)
-            return words.no_memory();
-        if (status == BV_OK && !is_file(meaning))
-            status = check_instance(*change, meaning, words);
+        int32_t number = 0;
+        const int32_t status = take_number(inst, number);
         if (status != BV_OK)
             return status;
-        highest = number > highest ? number : highest;
+        change = change_of(plan, family, number);
+        return change == nullptr ? words.no_memory() : check_instance(*change, meaning, words);
+    }
+
+    int32_t take(json_object *element)
+    {
+        const bool is_delete = meaning == Meaning::Delete;
+        json_object *inst = is_delete ? element : bv_json_object_object_get(element, "inst");
+        json_object *para = nullptr;
+        Change *change = nullptr;
+        const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
+        int32_t status = BV_OK;
+        if (!is_file(meaning)) {
+            if (has_para && bv_json_object_is_type(para, json_type_object) == 0)
+                return words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object",
+                                    family.name());
+            status = find(inst, change);
+        } else if (inst == nullptr || para == nullptr) {
+            return BV_OK;
+        } else {
+            change = change_of(plan, family, bv_json_object_get_int(inst));
+        }
+        if (change == nullptr || status != BV_OK)
+            return change == nullptr && status == BV_OK ? words.no_memory() : status;
+        highest = change->number > highest ? change->number : highest;
         change->named = true;
-        if (meaning == Meaning::Delete)
+        if (is_delete)
             return BV_OK;
         if (!set_image(*change, base_of(*change)))
             return words.no_memory();
@@ -234,13 +243,17 @@ int32_t ask_checks(const Plan &plan, Words &words)
 // A callback may change the families again, so the instances are not looked at any more.
 void tell(const Plan &plan)
 {
+    const bv_service_family *told = nullptr;
     for (const Change &change : plan) {
-        const bv_service_family &listed = *change.family.listed;
-        if (listed.changed != nullptr)
-            listed.changed(change.was, change.is, static_cast<uint32_t>(change.number));
-        if (change.next == nullptr || change.next->family.listed != &listed)
-            announce(listed);
+        const bv_service_family *listed = change.family.listed;
+        if (told != nullptr && told != listed)
+            announce(*told);
+        told = listed;
+        if (listed->changed != nullptr)
+            listed->changed(change.was, change.is, static_cast<uint32_t>(change.number));
     }
+    if (told != nullptr)
+        announce(*told);
 }
 
 // Copies what an instance is now, or adds the new one: all that needs memory.

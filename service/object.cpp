@@ -223,7 +223,7 @@ int32_t read_image(Call &call)
 {
     const bv_service_family *listed;
     const bv_db_inst *instance;
-    int32_t number;
+    int32_t number = 0;
     int32_t status = take_target(call, listed, number);
     if (status != BV_OK)
         return status;
@@ -240,7 +240,7 @@ int32_t read_image(Call &call)
 int32_t write_image(Call &call)
 {
     const bv_service_family *listed;
-    int32_t number;
+    int32_t number = 0;
     int32_t status = take_target(call, listed, number);
     if (status != BV_OK)
         return status;

@@ -52,7 +52,6 @@ struct Path {
     {
         snprintf(text, sizeof text, "%.*s%s", kPathSize - 1, file, suffix);
     }
-    operator const char *() const { return text; }
 };
 
 // Follows a link, so that it stays one.
@@ -61,7 +60,7 @@ Path path_of(uint32_t store)
     Path file(kPaths[store]);
     Path target("");
     for (int links = 0; links < 8; ++links) {
-        const ssize_t length = readlink(file, target.text, sizeof target.text - 1);
+        const ssize_t length = readlink(file.text, target.text, sizeof target.text - 1);
         if (length <= 0)
             break;
         target.text[length] = '\0';
@@ -111,9 +110,9 @@ bool read_store(const char *path, Access access, Contents &out)
     bool missing = error == ENOENT;
     if (missing || error == 0) {
         out.from = "good";
-        if (read_file(Path(path, ".good"), out)) {
+        if (read_file(Path(path, ".good").text, out)) {
             if (access == Access::Repair && error == 0)
-                rename(path, Path(path, ".bad"));
+                rename(path, Path(path, ".bad").text);
             if (access != Access::Look)
                 say("%s: %s: taking %s.good, which was saved before", path, why, path);
             return true;
@@ -219,7 +218,7 @@ bool complete(int fd, const Text &ours, uint32_t store, const Contents &present,
         done += static_cast<uint32_t>(wrote);
     }
     struct stat old;
-    if (stat(path, &old) != 0 && stat(Path(path, ".good"), &old) != 0)
+    if (stat(path, &old) != 0 && stat(Path(path, ".good").text, &old) != 0)
         return true;
     return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
 }
@@ -229,16 +228,16 @@ bool put_in_place(const char *path)
 {
     const Path good(path, ".good");
     const Path linked(path, ".good.tmp");
-    unlink(linked);
-    if (link(path, linked) == 0)
-        rename(linked, good);
+    unlink(linked.text);
+    if (link(path, linked.text) == 0)
+        rename(linked.text, good.text);
     else if (errno != ENOENT)
         note("%s cannot be made: %s", good.text, strerror(errno));
-    if (rename(Path(path, ".tmp"), path) != 0)
+    if (rename(Path(path, ".tmp").text, path) != 0)
         return false;
     Path folder(path);
     strrchr(folder.text, '/')[1] = '\0';
-    const File opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const File opened(open(folder.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return opened && fsync(opened.get()) == 0;
 }
 
@@ -246,16 +245,16 @@ bool put_in_place(const char *path)
 bool write_beside(uint32_t store, const Contents &present, const char *path)
 {
     const Path beside(path, ".tmp");
-    unlink(beside);
+    unlink(beside.text);
     errno = 0;
-    if (!write_families(store, beside))
+    if (!write_families(store, beside.text))
         return false;
     Contents written;
-    if (!read_file(beside, written))
+    if (!read_file(beside.text, written))
         return false;
-    const File file(open(beside, O_WRONLY | O_CLOEXEC));
+    const File file(open(beside.text, O_WRONLY | O_CLOEXEC));
     if (!file || !complete(file.get(), written.text, store, present, path) ||
-        !read_file(beside, written))
+        !read_file(beside.text, written))
         return false;
     errno = 0;
     return are_saved(written.tree, store) && has_others(written.tree, present.tree, store) &&
@@ -283,10 +282,11 @@ int32_t save(uint32_t store)
 {
     if (!check_families(store))
         return BV_ERR_INVALID;
-    const Path path = path_of(store);
-    const Lock lock(Path(path, ".lock"));
+    const Path resolved = path_of(store);
+    const char *path = resolved.text;
+    const Lock lock(Path(path, ".lock").text);
     if (!lock.held()) {
-        say("%s cannot be saved: %s.lock: %s", path.text, path.text, strerror(errno));
+        say("%s cannot be saved: %s.lock: %s", path, path, strerror(errno));
         return BV_ERR_WRITE_OPEN;
     }
     Contents present;
@@ -298,8 +298,8 @@ int32_t save(uint32_t store)
     if (write_beside(store, present, path) && put_in_place(path))
         return BV_OK;
     const int error = errno;
-    unlink(Path(path, ".tmp"));
-    say("%s cannot be saved: %s", path.text,
+    unlink(Path(path, ".tmp").text);
+    say("%s cannot be saved: %s", path,
         error != 0 ? strerror(error) : "what was written is not complete: is the disk full?");
     return BV_ERR_WRITE_OPEN;
 }
@@ -318,8 +318,9 @@ bool fill(const bv_service_family &listed, json_object *tree)
 
 int load_store(uint32_t store)
 {
-    const Path path = path_of(store);
-    const Lock lock(Path(path, ".lock"));
+    const Path resolved = path_of(store);
+    const char *path = resolved.text;
+    const Lock lock(Path(path, ".lock").text);
     Contents contents;
     if (!read_store(path, lock.held() ? Access::Repair : Access::Load, contents))
         return BV_SERVICE_DATA;
@@ -392,7 +393,7 @@ int bv::service::load()
 int32_t bv::service::revert(const bv_service_family &family)
 {
     Contents contents;
-    return read_store(path_of(family.store), Access::Look, contents)
+    return read_store(path_of(family.store).text, Access::Look, contents)
                ? take_over(family, contents.tree)
                : static_cast<int32_t>(BV_ERR_NO_FILE);
 }
@@ -406,7 +407,7 @@ int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words
 {
     Contents contents;
     Plan plan;
-    if (!read_store(path_of(family.store), Access::Look, contents))
+    if (!read_store(path_of(family.store).text, Access::Look, contents))
         return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPaths[family.store]);
     if (plan_saved(plan, contents.tree, family, Meaning::Saved) != BV_OK)
         return words.no_memory();
@@ -426,7 +427,7 @@ const StoreState &bv::service::store_state()
 bool bv::service::is_unsaved(const bv_service_family &family)
 {
     Contents contents;
-    return !read_store(path_of(family.store), Access::Look, contents) ||
+    return !read_store(path_of(family.store).text, Access::Look, contents) ||
            !is_saved(contents.tree, family);
 }
 

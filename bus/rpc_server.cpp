@@ -10,6 +10,7 @@
 #include "bus/rpc_message.h"
 #include "core/hash.h"
 #include "os/alloc.h"
+#include "os/inline.h"
 #include "os/key.h"
 
 #include <bv/hash.h>

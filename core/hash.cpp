@@ -14,6 +14,7 @@
 #include "core/list.h"
 #include "os/alloc.h"
 #include "os/checked.h"
+#include "os/inline.h"
 #include "os/span.h"
 
 #include <bv/status.h>

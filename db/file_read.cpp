@@ -11,6 +11,7 @@
 #include "db/instance_index.h"
 #include "db/internal.h"
 #include "db/json_members.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 #include <bv/ubus.h>

@@ -11,6 +11,7 @@
 #include "core/list.h"
 #include "db/internal.h"
 #include "os/alloc.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 

@@ -14,6 +14,7 @@
 #include "db/types.h"
 #include "os/alloc.h"
 #include "os/checked.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 #include <bv/ubus.h>

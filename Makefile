@@ -103,6 +103,22 @@ bench: deps ## runs the benchmarks beside their peers, counts on the gateway, wr
 	@cmake --build build/mipsel-bench -- --quiet
 	@bench/report build/bench build/mipsel-bench
 
+test-counts: build/counts ## fails when a hot call takes over 3 % more instructions on the gateway than bench/counts says
+	@bench/check-counts bench/counts build/counts
+
+counts: build/counts ## counts anew and writes bench/counts; the commit says why a figure changes
+	@awk 'FNR == NR { new[$$1]; next } !($$1 in new)' build/counts bench/counts > build/counts.rest
+	@cat build/counts.rest build/counts > bench/counts
+
+.PHONY: build/counts
+build/counts: deps
+	@scripts/install-deps qemu-user
+	@scripts/setup-target musl > /dev/null
+	@cmake --preset mipsel-bench > /dev/null
+	@cmake --build build/mipsel-bench -- --quiet
+	@bench/report --counts build/mipsel-bench > build/counts.new
+	@mv build/counts.new build/counts
+
 size: deps ## footprint of the library on mipsel musl: sections, folders, heap
 	@scripts/size
 

@@ -372,7 +372,8 @@ int32_t look_at(const Watch &watch, const char *service)
 {
     Text answer;
     const int32_t status = ask(watch.client, service, {"counters", nullptr}, answer);
-    const bv::JsonTree counters(status == BV_OK ? bv_json_tokener_parse(answer.bytes) : nullptr);
+    const bool has_answer = status == BV_OK && answer.length != 0;
+    const bv::JsonTree counters(has_answer ? bv_json_tokener_parse(answer.bytes) : nullptr);
     bool found = watch.family == nullptr;
     for (const Members::Member member : Members{counters.get()}) {
         if (watch.family != nullptr && strcmp(member.name, watch.family) != 0)

@@ -196,10 +196,15 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
 
 // The names of the services, each with its terminator.
 struct Names {
+    struct Iterator {
+        const char *at;
+        const char *operator*() const { return at; }
+        void operator++() { at += strlen(at) + 1; }
+        bool operator!=(const Iterator &other) const { return at != other.at; }
+    };
     Text text;
-    const char *begin() const { return text.bytes; }
-    const char *end() const { return text.bytes + text.length; }
-    static const char *next(const char *name) { return name + strlen(name) + 1; }
+    Iterator begin() const { return {text.bytes}; }
+    Iterator end() const { return {text.bytes + text.length}; }
 };
 
 // Whether an object that is called like ours has our methods.
@@ -247,7 +252,7 @@ int32_t find_owner(Client &client, const char *family, char *owner)
     data.put(":[]}");
     if (status != BV_OK || data.failed)
         return status != BV_OK ? status : static_cast<int32_t>(BV_ERR_MEMORY);
-    for (const char *name = names.begin(); name < names.end(); name = Names::next(name)) {
+    for (const char *name : names) {
         Text answer;
         status = ask(client, name, {"counters", data.bytes}, answer);
         if (status == BV_OK)
@@ -400,9 +405,8 @@ int32_t look(const Watch &watch)
     Names names;
     int32_t status = list_services(client, names);
     bool found = watch.family == nullptr;
-    for (const char *name = names.begin(); status == BV_OK && name < names.end();
-         name = Names::next(name)) {
-        const int32_t result = look_at(watch, name);
+    for (const char *name : names) {
+        const int32_t result = status == BV_OK ? look_at(watch, name) : status;
         found = found || result == BV_OK;
         if (result == UBUS_STATUS_CONNECTION_FAILED)
             status = result;
@@ -520,9 +524,9 @@ int32_t bv_service_list(struct bv_service_client *client,
     while ((status = list_services(*client, names)) == UBUS_STATUS_CONNECTION_FAILED &&
            now_ms() < deadline)
         bv_os_usleep(kRetryMs * 1000);
-    for (const char *name = names.begin(); status == BV_OK && name < names.end();
-         name = Names::next(name))
-        found(name, priv);
+    for (const char *name : names)
+        if (status == BV_OK)
+            found(name, priv);
     return status;
 }
 

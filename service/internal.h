@@ -100,7 +100,7 @@ bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
 // comments. json-c must have parsed the text.
 void put_others(Text &out, const char *text, uint32_t store);
 // The names in all objects of a text without comments: the parser keeps the last of equal ones.
-// SIZE_MAX if it has a NaN or Infinity, which the parser takes for numbers.
+// SIZE_MAX for what the parser takes besides JSON even if it is strict: NaN, Infinity, 1. and 'a'.
 size_t count_raw_names(const char *text);
 
 // ---- values.cpp ----

@@ -227,7 +227,8 @@ size_t bv::service::count_raw_names(const char *text)
 {
     size_t count = 0;
     for (const char *at = text; *at != '\0'; at = *at == '"' ? skip_string(at) : at + 1) {
-        if (*at == 'N' || *at == 'I')
+        const bool is_cut = *at == '.' && (at[1] < '0' || at[1] > '9'); // as in 1.
+        if (is_cut || strchr("NI'", *at) != nullptr)
             return SIZE_MAX;
         count += *at == ':' ? 1 : 0;
     }

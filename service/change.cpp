@@ -166,21 +166,22 @@ struct Elements {
         const bool is_delete = meaning == Meaning::Delete;
         json_object *inst = is_delete ? element : bv_json_object_object_get(element, "inst");
         json_object *para = nullptr;
-        Change *change = nullptr;
         const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
-        int32_t status = BV_OK;
-        if (!is_file(meaning)) {
+        Change *change = nullptr;
+        if (is_file(meaning)) {
+            if (inst == nullptr || para == nullptr)
+                return BV_OK;
+            change = change_of(plan, family, bv_json_object_get_int(inst));
+            if (change == nullptr)
+                return words.no_memory();
+        } else {
             if (has_para && bv_json_object_is_type(para, json_type_object) == 0)
                 return words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object",
                                     family.name());
-            status = find(inst, change);
-        } else if (inst == nullptr || para == nullptr) {
-            return BV_OK;
-        } else {
-            change = change_of(plan, family, bv_json_object_get_int(inst));
+            const int32_t status = find(inst, change);
+            if (status != BV_OK)
+                return status;
         }
-        if (change == nullptr || status != BV_OK)
-            return change == nullptr && status == BV_OK ? words.no_memory() : status;
         highest = change->number > highest ? change->number : highest;
         change->named = true;
         if (is_delete)

@@ -103,15 +103,15 @@ int32_t check_instance(const Change &change, Meaning meaning, Words &words)
 // Sets what the "para" of an element names.
 int32_t take_values(Change &change, json_object *para, Meaning meaning, Words &words)
 {
-    for (const Members::Member member : Members{para}) {
-        if (is_file(meaning) && member.value == nullptr)
+    for (const Members::Member &member : Members(para)) {
+        if (is_file(meaning) && member.value() == nullptr)
             continue;
         const int32_t status = set_value(change.family, change.is, member, words);
         if (status == BV_OK)
             continue;
         if (!is_file(meaning))
             return status;
-        set_default(change.family, change.is, member.name);
+        set_default(change.family, change.is, member.name());
         if (meaning == Meaning::Load)
             note("%s: the value in the file is left out", words.text);
     }
@@ -298,11 +298,11 @@ int32_t bv::service::plan_request(Plan &plan, json_object *data, Meaning meaning
 {
     if (bv_json_object_is_type(data, json_type_object) == 0)
         return words.refuse(BV_ERR_INVALID, "an object of families is expected");
-    for (const Members::Member member : Members{data}) {
-        const bv_service_family *listed = find_listed(member.name, words);
+    for (const Members::Member &member : Members(data)) {
+        const bv_service_family *listed = find_listed(member.name(), words);
         const int32_t status = listed == nullptr
                                    ? static_cast<int32_t>(BV_ERR_NO_FAMILY)
-                                   : plan_family(plan, *listed, member.value, meaning, words);
+                                   : plan_family(plan, *listed, member.value(), meaning, words);
         if (status != BV_OK)
             return status;
     }

@@ -380,17 +380,17 @@ int32_t look_at(const Watch &watch, const char *service)
     const bool has_answer = status == BV_OK && answer.length != 0;
     const bv::JsonTree counters(has_answer ? bv_json_tokener_parse(answer.bytes) : nullptr);
     bool found = watch.family == nullptr;
-    for (const Members::Member member : Members{counters.get()}) {
-        if (watch.family != nullptr && strcmp(member.name, watch.family) != 0)
+    for (const Members::Member &member : Members(counters.get())) {
+        if (watch.family != nullptr && strcmp(member.name(), watch.family) != 0)
             continue;
         found = true;
         char key[1200];
-        snprintf(key, sizeof(key), "%s/%s", service, member.name);
+        snprintf(key, sizeof(key), "%s/%s", service, member.name());
         if (!watch.client.is_watching ||
-            json_object_equal(bv_json_object_object_get(watch.known, key), member.value) != 0)
+            json_object_equal(bv_json_object_object_get(watch.known, key), member.value()) != 0)
             continue;
-        json_object_object_add(watch.known, key, json_object_get(member.value));
-        watch.changed(service, member.name, watch.priv);
+        json_object_object_add(watch.known, key, json_object_get(member.value()));
+        watch.changed(service, member.name(), watch.priv);
     }
     return status != BV_OK || found ? status : static_cast<int32_t>(BV_ERR_NO_FAMILY);
 }

@@ -19,10 +19,13 @@
 #include "core/list.h"
 #include "db/types.h"
 #include "os/owned.h"
+#include "tools/common/json_members.h"
 
 #include <cerrno>
 
 namespace bv::service {
+
+using tools::Members;
 
 // The service that runs, or null.
 extern const struct bv_service *g_service;
@@ -59,31 +62,6 @@ struct Text {
     // A JSON string: with quotes and escapes. Names need none: they are checked at the start.
     void quote(const char *text);
     void hex(const uint8_t *data, size_t count); // with quotes, two digits for each byte
-};
-
-// The members of a JSON object, for a range-for loop; none of anything else.
-struct Members {
-    struct Member {
-        const char *name;
-        json_object *value; // null for JSON's null
-    };
-    struct Iterator {
-        lh_entry *at;
-        Member operator*() const
-        {
-            return {static_cast<const char *>(lh_entry_k(at)),
-                    static_cast<json_object *>(lh_entry_v(at))};
-        }
-        void operator++() { at = lh_entry_next(at); }
-        bool operator!=(const Iterator &other) const { return at != other.at; }
-    };
-    json_object *object;
-    Iterator begin() const
-    {
-        const bool is_object = bv_json_object_is_type(object, json_type_object) != 0;
-        return {is_object ? json_object_get_object(object)->head : nullptr};
-    }
-    static Iterator end() { return {nullptr}; }
 };
 
 // The elements of an array; 0 of anything else.

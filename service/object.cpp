@@ -54,10 +54,10 @@ int32_t each_family(Call &call, Visit visit)
 {
     if (call.data != nullptr && !bv_json_object_is_type(call.data, json_type_object))
         return call.invalid("data is not an object of families");
-    for (const Members::Member member : Members{call.data}) {
-        if (find_listed(member.name, call.words) == nullptr)
+    for (const Members::Member &member : Members(call.data)) {
+        if (find_listed(member.name(), call.words) == nullptr)
             return BV_ERR_NO_FAMILY;
-        if (!bv_json_object_is_type(member.value, json_type_array))
+        if (!bv_json_object_is_type(member.value(), json_type_array))
             return call.invalid("the numbers of instances are not an array");
     }
     int32_t status = BV_OK;

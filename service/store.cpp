@@ -163,11 +163,11 @@ bool are_saved(json_object *tree, uint32_t store)
 // Whether a file has all that another one has of other services.
 bool has_others(json_object *tree, json_object *wanted, uint32_t store)
 {
-    for (const Members::Member member : Members{wanted}) {
+    for (const Members::Member &member : Members(wanted)) {
         json_object *value = nullptr;
-        if (!is_stored(store, member.name, strlen(member.name)) &&
-            (json_object_object_get_ex(tree, member.name, &value) == 0 ||
-             json_object_equal(value, member.value) == 0))
+        if (!is_stored(store, member.name(), strlen(member.name())) &&
+            (json_object_object_get_ex(tree, member.name(), &value) == 0 ||
+             json_object_equal(value, member.value()) == 0))
             return false;
     }
     return true;

@@ -29,8 +29,8 @@ int match(const char *path, const struct stat *, int, FTW *at)
 size_t count_members(json_object *value)
 {
     size_t count = 0;
-    for (const Members::Member member : Members{value})
-        count += 1 + count_members(member.value);
+    for (const Members::Member &member : Members(value))
+        count += 1 + count_members(member.value());
     for (size_t i = 0; i < count_of(value); ++i)
         count += count_members(bv_json_object_array_get_idx(value, i));
     return count;

@@ -103,8 +103,8 @@ int32_t bv::service::set_value(const Family &family, uint8_t *image, const Membe
     int32_t position;
     size_t length;
     tools::Reason why;
-    const bv_db_para *para = find_parameter(family, member.name, position);
-    const char *text = text_of(member.value, length);
+    const bv_db_para *para = find_parameter(family, member.name(), position);
+    const char *text = text_of(member.value(), length);
     if (para == nullptr) {
         why.set("no such parameter");
     } else if (text == nullptr) {
@@ -114,7 +114,7 @@ int32_t bv::service::set_value(const Family &family, uint8_t *image, const Membe
         put_value(*para, image + position, text);
         return BV_OK;
     }
-    return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name(), member.name, why.text);
+    return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name(), member.name(), why.text);
 }
 
 void bv::service::set_default(const Family &family, uint8_t *image, const char *parameter)

@@ -16,7 +16,9 @@
 
 #include "crypto/aes_cipher.h"
 #include "crypto/wipe.h"
+#include "os/bytes.h"
 #include "os/descriptor.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 
@@ -42,8 +44,8 @@ constexpr size_t kOutSize = kCipherBatch; // a damaged message may give up to 47
 
 void mix_block(uint8_t *block, const uint8_t *with)
 {
-    for (size_t i = 0; i < kAesBlockSize; ++i)
-        block[i] = static_cast<uint8_t>(block[i] ^ with[i]);
+    for (size_t i = 0; i < kAesBlockSize; i += 4) // any order of a word's bytes will do
+        bv::put_be32(block + i, bv::get_be32(block + i) ^ bv::get_be32(with + i));
 }
 
 // The ciphertext block that the chain mixes into the next one; at the start the zero vector.
@@ -61,33 +63,26 @@ private:
     uint8_t block_[kAesBlockSize] = {};
 };
 
-// Encrypts one message and returns the bytes written, 0 after a failure.
-size_t encrypt_message(AesCipher &cipher, ChainEnd &chain, const uint8_t *plain, size_t length,
-                       uint8_t *out)
-{
-    const size_t total = kAesBlockSize * (length / kAesBlockSize + 1);
-    const size_t padding = total - length;
-
-    uint8_t padded[kCipherChunk];
-    bv_os_memcpy(padded, sizeof(padded), plain, static_cast<uint32_t>(length));
-    memset(padded + length, static_cast<int>(padding), padding);
-    mix_block(padded, chain.block());
-    const bool done = cipher.update(out, padded, total) == total;
-    bv::wipe(padded);
-    if (!done)
-        return 0;
-    chain.move_to_end_of(out, total);
-    return total;
-}
-
 // Encrypts a batch of messages; only the last batch may end in a short message.
 size_t encrypt_batch(AesCipher &cipher, ChainEnd &chain, const uint8_t *in, size_t length,
                      uint8_t *out)
 {
+    uint8_t padded[kCipherChunk];
     size_t written = 0;
-    for (size_t at = 0; at < length; at += kPlainChunk)
-        written += encrypt_message(cipher, chain, in + at, std::min(length - at, kPlainChunk),
-                                   out + written);
+    for (size_t at = 0; at < length; at += kPlainChunk) {
+        const size_t count = std::min(length - at, kPlainChunk);
+        const size_t total = kAesBlockSize * (count / kAesBlockSize + 1);
+        const size_t padding = total - count;
+
+        bv_os_memcpy(padded, sizeof(padded), in + at, static_cast<uint32_t>(count));
+        memset(padded + count, static_cast<int>(padding), padding);
+        mix_block(padded, chain.block());
+        if (cipher.update(out + written, padded, total) == total) {
+            chain.move_to_end_of(out + written, total);
+            written += total;
+        }
+    }
+    bv::wipe(padded);
     return written;
 }
 

@@ -27,8 +27,12 @@ configure: deps
 build: configure ## builds everything for this workstation
 	@cmake --build "$(BUILD)"
 
-demo: configure ## shows the main job, start to end
-	@cmake --build "$(BUILD)" --target demo_programs
+demo: deps ## shows the main job, start to end
+	@echo 'Building the library and the examples in $(BUILD) ...'
+	@mkdir -p "$(BUILD)"
+	@{ cmake -S . -B "$(BUILD)" -G Ninja $(if $(CI),-DBV_WERROR=ON) && \
+	    cmake --build "$(BUILD)" --target demo_programs; } > "$(BUILD)/demo.log" 2>&1 || \
+	    { cat "$(BUILD)/demo.log"; exit 1; }
 	@examples/demo "$(BUILD)"
 
 test: build ## builds and runs every test of the workstation build
@@ -69,7 +73,7 @@ test-musl: deps ## the suite with musl, for x86_64, without emulation
 test-compilers: ## builds and tests with COMPILERS, or with all of the last years (slow)
 	@scripts/test-compilers $(COMPILERS)
 
-test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell and main-job tests
+test-gateway: ## boots the emulated gateway: flash, driver, events, shell, main job, serial console
 	@scripts/setup-target musl kernel > /dev/null
 	@cmake --preset mipsel-musl > /dev/null
 	@cmake --build build/mipsel-musl
@@ -93,15 +97,31 @@ soak: build ## calls, events and commits at full length, SOAK_CALLS (200000) rem
 mutation: deps ## breaks the library's FILES, one place at a time, and prints what no test noticed
 	@scripts/mutation $(FILES)
 
-bench: ## runs the benchmarks beside their peers, counts on the target, writes docs/benchmarks.md
+bench: deps ## runs the benchmarks beside their peers, counts on the gateway, writes docs/benchmarks.md
 	@scripts/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \
-		libmbedtls-dev zlib1g-dev valgrind util-linux qemu-user
-	@scripts/setup-target musl > /dev/null
+		libmbedtls-dev zlib1g-dev util-linux qemu-user
 	@cmake --preset bench > /dev/null
 	@cmake --build build/bench -- --quiet
+	@scripts/setup-target musl > /dev/null
 	@cmake --preset mipsel-bench > /dev/null
 	@cmake --build build/mipsel-bench -- --quiet
 	@bench/report build/bench build/mipsel-bench
+
+test-counts: build/counts ## fails when a hot call takes over 3 % more instructions on the gateway than bench/counts says
+	@bench/check-counts bench/counts build/counts
+
+counts: build/counts ## counts anew and writes bench/counts; the commit says why a figure changes
+	@awk 'FNR == NR { new[$$1]; next } !($$1 in new)' build/counts bench/counts > build/counts.rest
+	@cat build/counts.rest build/counts > bench/counts
+
+.PHONY: build/counts
+build/counts: deps
+	@scripts/install-deps qemu-user
+	@scripts/setup-target musl > /dev/null
+	@cmake --preset mipsel-bench > /dev/null
+	@cmake --build build/mipsel-bench -- --quiet
+	@bench/report --counts build/mipsel-bench > build/counts.new
+	@mv build/counts.new build/counts
 
 size: deps ## footprint of the library on mipsel musl: sections, folders, heap
 	@scripts/size

@@ -71,15 +71,14 @@ void make_collector()
     }
 }
 
-BENCHMARK(remote_bv)->Name("debug-on/bv");
-BENCHMARK(remote_off)->Name("debug-off/bv");
-BENCHMARK(remote_bare)->Name("debug-on/snprintf-and-sendto");
-
 } // namespace
 
 int main(int argc, char **argv)
 {
     make_collector();
+    benchmark::RegisterBenchmark("debug-on/bv", remote_bv);
+    benchmark::RegisterBenchmark("debug-off/bv", remote_off);
+    benchmark::RegisterBenchmark("debug-on/snprintf-and-sendto", remote_bare);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

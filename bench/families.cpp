@@ -64,20 +64,22 @@ void add_instances(const std::string &family)
 
 } // namespace
 
-std::vector<std::string> make_families(int count)
+std::vector<std::string> make_families(int count, bool named)
 {
-    std::vector<std::string> paths;
+    std::vector<std::string> names;
     const std::string text = template_text();
     if (bv_db_init() != BV_OK)
         fail("no database");
     for (int i = 0; i < count; i++) {
-        paths.push_back("/etc/template/family-" + std::to_string(i) + ".json");
-        write_file(paths.back(), text);
-        bv_db_reg_user(paths.back().c_str());
+        const std::string file = "family-" + std::to_string(i) + ".json";
+        const std::string path = "/etc/template/" + file;
+        write_file(path, text);
+        names.push_back(named ? file : path);
+        bv_db_reg_user(names.back().c_str());
     }
     bv_db_start();
-    for (const std::string &path : paths)
-        add_instances(path);
+    for (const std::string &name : names)
+        add_instances(name);
     bv_db_ready();
     if (bv_db_commit() != BV_OK)
         fail("the commit failed");
@@ -85,8 +87,8 @@ std::vector<std::string> make_families(int count)
     // What was written must be what is read again: a benchmark of a database that lost its
     // instances would look very fast.
     bv_db_start();
-    for (const std::string &path : paths)
-        if (bv_db_inst_getnum(path.c_str()) != kInstances)
+    for (const std::string &name : names)
+        if (bv_db_inst_getnum(name.c_str()) != kInstances)
             fail("instances are missing after a start");
-    return paths;
+    return names;
 }

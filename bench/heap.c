@@ -157,6 +157,35 @@ static pid_t start_owner(void)
     return owner;
 }
 
+static int answer(struct ubus_context *bus, struct ubus_object *object,
+                  struct ubus_request_data *req, const char *method, struct blob_attr *message)
+{
+    (void)bus, (void)object, (void)req, (void)method, (void)message;
+    return 0;
+}
+
+/* What is the bus library's of all that: the same without ours. */
+static void bare(void)
+{
+    static const struct ubus_method methods[] = {{.name = "call", .handler = answer}};
+    static struct ubus_object_type type = {.name = "bare", .methods = methods, .n_methods = 1};
+    static struct ubus_object object = {
+        .name = "bare", .type = &type, .methods = methods, .n_methods = 1};
+
+    taken();
+    struct ubus_context *bus = ubus_connect(NULL);
+    if (bus == NULL)
+        fail("the bare program finds no bus");
+    report("bare: connection");
+    if (uloop_init() != 0 || ubus_add_object(bus, &object) != 0)
+        fail("the bare object is refused");
+    ubus_add_uloop(bus);
+    report("bare: object");
+    ubus_free(bus);
+    uloop_done();
+    taken();
+}
+
 static void bus(const char *path_of_daemon)
 {
     static uint8_t data[64];
@@ -171,6 +200,7 @@ static void bus(const char *path_of_daemon)
         fail("the call failed");
     report("caller: what a call of 64 bytes leaves");
     bv_ubus_client_exit();
+    bare();
 
     kill(owner, SIGKILL);
     kill(daemon, SIGKILL);

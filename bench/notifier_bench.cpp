@@ -62,9 +62,6 @@ void event_semaphore(benchmark::State &state)
     time_posts(state, [] { sem_post(&g_there); });
 }
 
-BENCHMARK(event_bv)->Name("event/bv")->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(event_semaphore)->Name("event/semaphore")->UseManualTime()->Unit(benchmark::kMicrosecond);
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -76,6 +73,8 @@ int main(int argc, char **argv)
         return 1;
     bv_notifier_reg(kEvent, called);
 
+    benchmark::RegisterBenchmark("event/bv", event_bv)->UseManualTime();
+    benchmark::RegisterBenchmark("event/semaphore", event_semaphore)->UseManualTime();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

@@ -1,129 +1,109 @@
 # SPDX-License-Identifier: ISC
-"""Draws the plots as SVG, readable on light and on dark pages."""
+"""Figures as people read them: numbers, and plots as SVG for light and for dark pages."""
 
 import math
 from html import escape
 
-WIDTH = 900
 STYLE = """
 text { font-family: sans-serif; font-size: 12px; fill: #24292f }
 .title { font-size: 15px; font-weight: bold }
-.small { font-size: 11px; fill: #59636e }
-.axis { stroke: #59636e; fill: none }
 .grid { stroke: #8c959f; stroke-opacity: 0.3 }
+.axis, .goal { stroke: #24292f; stroke-width: 2 }
 .met { fill: #1f9d8a } .missed { fill: #d9742b } .none { fill: #7d8590 }
-.goal { stroke: #24292f; stroke-width: 2 }
 .line { fill: none; stroke-width: 2 }
-.peer { stroke-dasharray: 5 4 }
 .c0 { stroke: #1f9d8a } .c1 { stroke: #3f7fd6 } .c2 { stroke: #d9742b } .c3 { stroke: #a765c9 }
-@media (prefers-color-scheme: dark) {
-  text { fill: #e6edf3 }
-  .small { fill: #9198a1 }
-  .axis { stroke: #9198a1 }
-  .goal { stroke: #e6edf3 }
-}
+@media (prefers-color-scheme: dark) { text { fill: #e6edf3 } .axis, .goal { stroke: #e6edf3 } }
 """
+UNITS = {"": {1e6: " M", 0: ""}, "ns": {1e6: " ms", 1e3: " µs", 0: " ns"}}
+# How the figures of a panel are made of nanoseconds and the number.
+CONVERT = {"ns": lambda time, number: time, "ms": lambda time, number: time / 1e6,
+           "1/s": lambda time, number: 1e9 / time, "µs": lambda time, number: time * number / 1e3}
 
 
-def text(x, y, words, kind="", anchor="start", turn=""):
-    return f'<text x="{x:.1f}" y="{y:.1f}" class="{kind}" text-anchor="{anchor}"{turn}>{escape(words)}</text>'
+def number(figure, unit=""):
+    """To about four digits, thousands apart."""
+    size = next(size for size in UNITS[unit] if figure >= size)
+    figure /= size or 1
+    digits = f"{figure:,.0f}".replace(",", " ") if figure >= 1000 else f"{figure:.4g}"
+    return digits + UNITS[unit][size]
+
+
+def text(x, y, words, anchor="start", kind=""):
+    return (f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" class="{kind}">'
+            f"{escape(words)}</text>")
 
 
 def line(x1, y1, x2, y2, kind):
     return f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" class="{kind}"/>'
 
 
-def bar(x1, x2, y, height, kind):
-    return (f'<rect x="{min(x1, x2):.1f}" y="{y:.1f}" width="{max(abs(x2 - x1), 1):.1f}" height="{height}" '
-            f'class="{kind}"/>')
-
-
-def curve(points, kind):
-    path = " ".join(f"{x:.1f},{y:.1f}" for x, y in points)
-    return f'<polyline points="{path}" class="line {kind}"/>'
-
-
-def svg(height, parts):
-    size = f'width="{WIDTH}" height="{height}" viewBox="0 0 {WIDTH} {height}"'
-    return "\n".join([f'<svg xmlns="http://www.w3.org/2000/svg" {size}>', f"<style>{STYLE}</style>", *parts, "</svg>", ""])
+def svg(height, title, parts):
+    return "\n".join([
+        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 900 {height}" width="900">',
+        f"<style>{STYLE}</style>", text(12, 24, title, kind="title"), *parts, "</svg>", ""])
 
 
 def scale(low, high, start, end, convert=math.log):
-    """Values between low and high to places between start and end."""
-    low, high = convert(low), convert(high)
-    return lambda value: start + (convert(value) - low) / (high - low) * (end - start)
+    """Values between low and high to places between start and end, what is outside to an end."""
+    span = convert(high) - convert(low)
+    return lambda value: start + (end - start) * (
+        convert(min(max(value, low), high)) - convert(low)) / span
 
 
-def round_ticks(high):
-    """Round numbers from 0 to beyond the highest value."""
-    step = 10 ** math.floor(math.log10(high / 2))
-    step *= next(factor for factor in (1, 2, 5, 10) if high / (step * factor) <= 6)
-    return [step * i for i in range(math.ceil(high / step) + 1)]
+def bars(side, rows):
+    """A bar from 1 to each figure's worth; the dot at its end is seen also when that is 1."""
+    rows = [(row, row.figures[side]) for row in rows
+            if side in row.figures and row.figures[side].ratios]
+    bottom = 22 * len(rows) + 66
+    steps = (0.2, 0.5, 0.7, 1, 1.5, 2, 3, 5, 10, 20, 50)
+    place = scale(steps[0], steps[-1], 372, 740)
+    parts = [text(12, 46, "Right of 1 is better than the peer. Green: goal met; orange: missed; "
+                          "grey: no goal. The stroke is the goal. At the right: ours / its.")]
+    for step in steps:
+        parts += [line(place(step), 58, place(step), bottom, "axis" if step == 1 else "grid"),
+                  text(place(step), bottom + 16, f"{step:g}", "middle")]
+    for y, (row, figure) in zip(range(74, bottom, 22), rows):
+        x, kind = place(figure.worth(figure.ratio)), figure.verdict or "none"
+        left, width = min(x, place(1)), abs(x - place(1))
+        parts += [text(360, y + 4, f"{row.what}, beside {row.peer}", "end"),
+                  f'<g class="{kind}"><circle cx="{x:.1f}" cy="{y}" r="5"/>',
+                  f'<rect x="{left:.1f}" y="{y - 4}" width="{width:.1f}" height="8"/></g>',
+                  text(752, y + 4, f"{figure.ours} / {figure.its}")]
+        if figure.verdict:
+            goal = place(figure.worth(figure.limit))
+            parts.append(line(goal, y - 9, goal, y + 9, "goal"))
+    return svg(bottom + 30, f"Times as good as the peer, on the {side}", parts)
 
 
-def bars(title, rows, caption):
-    """How many times as good as its peer each row is, on a logarithmic axis; right of 1 is better."""
-    height = 28 * len(rows) + 118
-    bottom = height - 48
-    goals = [row.times_as_good(row.goal) for row in rows if row.goal]
-    values = goals + [row.times_as_good(row.ratio) for row in rows]
-    steps = (0.1, 0.2, 0.5, 0.7, 1, 1.5, 2, 3, 5, 10, 20, 50, 100, 1000)
-    first = max(step for step in steps if step < min(values + [0.9]))
-    last = min(step for step in steps if step > max(values + [1.4]))
-    place = scale(first, last, 330, 690)
-
-    parts = [text(12, 24, title, "title"), text(702, 47, "ours / its")]
-    if goals:
-        parts += [bar(12, 26, 38, 10, "met"), text(32, 47, "goal met"), bar(122, 136, 38, 10, "missed"),
-                  text(142, 47, "goal missed"), bar(232, 246, 38, 10, "none"), text(252, 47, "no goal"),
-                  line(330, 36, 330, 50, "goal"), text(339, 47, "goal")]
-    for tick in (step for step in steps if first <= step <= last):
-        parts += [line(place(tick), 58, place(tick), bottom, "axis" if tick == 1 else "grid"),
-                  text(place(tick), bottom + 16, f"{tick:g}", "small", "middle")]
-    parts.append(text(510, bottom + 36, f"{caption} (logarithmic)", "small", "middle"))
-    for y, row in zip(range(66, height, 28), rows):
-        parts += [text(318, y + 6, row.what, "", "end"), text(318, y + 18, f"beside {row.peer_name}", "small", "end"),
-                  bar(place(1), place(row.times_as_good(row.ratio)), y, 14, row.verdict() or "none"),
-                  text(702, y + 11, f"{row.ours} / {row.peer}")]
-        if row.goal:
-            goal = place(row.times_as_good(row.goal))
-            parts.append(line(goal, y - 3, goal, y + 17, "goal"))
-    return svg(height, parts)
+def growth(plan):
+    parts = []
+    for left, panel in zip((78, 518), plan["panels"]):
+        parts += draw_panel(plan, *panel, left, left + 358)
+    return svg(440, plan["title"], parts)
 
 
-def growth(plan, figures):
-    width = (WIDTH - 20) / len(plan["panels"])
-    parts = [text(12, 24, plan["title"], "title")]
-    for index, panel in enumerate(plan["panels"]):
-        parts += draw_panel(plan, panel, figures, 78 + index * width, (index + 1) * width - 4)
-    return svg(440, parts)
-
-
-def draw_panel(plan, panel, figures, left, right):
-    title, unit, convert, logarithmic, series = panel
-    numbers = plan["numbers"]
-    curves = [[convert(figures[number][name], number) for number in numbers] for _, name in series]
+def draw_panel(plan, title, unit, axis, series, left, right):
+    numbers = list(plan["figures"])
+    curves = [[CONVERT[unit](figures[name], n) for n, figures in plan["figures"].items()]
+              for _, name in series]
     low, high = min(map(min, curves)), max(map(max, curves))
-    ticks = round_ticks(high)
-    if logarithmic:
-        ticks = [10 ** e for e in range(math.floor(math.log10(low)), math.ceil(math.log10(high)) + 1)]
-    many = numbers[-1] > 20
-    across = scale(numbers[0], numbers[-1], left, right, math.log if many else float)
-    up = scale(ticks[0], ticks[-1], 384, 112, math.log if logarithmic else float)
-
-    parts = [text(left, 54, title), line(left, 384, right, 384, "axis"), line(left, 112, left, 384, "axis"),
-             text((left + right) / 2, 424, plan["axis"] + (" (logarithmic)" if many else ""), "small", "middle"),
-             text(left - 50, 248, unit + (" (logarithmic)" if logarithmic else ""), "small", "middle",
-                  f' transform="rotate(-90 {left - 50:.1f} 248)"')]
+    if axis == "log":
+        exponents = range(math.floor(math.log10(low)), math.ceil(math.log10(high)) + 1)
+        ticks = [10.0 ** exponent for exponent in exponents]
+    else:
+        step = next(f * 10 ** e for e in range(9) for f in (1, 2, 5) if high <= f * 10 ** e * 6)
+        ticks = [step * i for i in range(math.ceil(high / step) + 1)]
+    across = scale(numbers[0], numbers[-1], left, right, math.log if numbers[-1] > 20 else float)
+    up = scale(ticks[0], ticks[-1], 384, 112, math.log if axis == "log" else float)
+    parts = [text(left, 54, f"{title}, {unit}"),
+             text((left + right) / 2, 424, plan["axis"], "middle")]
     for tick in ticks:
         parts += [line(left, up(tick), right, up(tick), "grid"),
-                  text(left - 8, up(tick) + 4, f"{tick:,.10g}".replace(",", " "), "small", "end")]
-    for number in numbers:
-        parts += [line(across(number), 384, across(number), 388, "axis"),
-                  text(across(number), 402, str(number), "small", "middle")]
-    for index, (label, name) in enumerate(series):
-        x, y = left + index % 2 * 185, 74 + index // 2 * 18
-        kind = f"c{index}" + ("" if name.split("/")[1] in ("bv", "find", "find-absent", "fill") else " peer")
-        parts += [curve([(x, y - 4), (x + 26, y - 4)], kind), text(x + 32, y, label),
-                  curve(zip(map(across, numbers), map(up, curves[index])), kind)]
+                  text(left - 8, up(tick) + 4, number(tick), "end")]
+    parts += [text(across(n), 402, str(n), "middle") for n in numbers]
+    for index, ((label, _), curve) in enumerate(zip(series, curves)):
+        x, y, kind = left + index % 2 * 185, 74 + index // 2 * 18, f"line c{index}"
+        path = " ".join(f"{across(n):.1f},{up(value):.1f}" for n, value in zip(numbers, curve))
+        parts += [line(x, y - 4, x + 26, y - 4, kind), text(x + 32, y, label),
+                  f'<polyline points="{path}" class="{kind}"/>']
     return parts

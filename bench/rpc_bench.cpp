@@ -190,7 +190,7 @@ void add(const char *work, uint32_t size, const char *who, bool (*call)(uint32_t
             if (!call(size))
                 abort();
     };
-    benchmark::RegisterBenchmark(name.c_str(), run)->UseRealTime()->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark(name.c_str(), run)->UseRealTime();
 }
 
 void add_callers(const char *who, std::vector<Caller> &callers)
@@ -200,9 +200,7 @@ void add_callers(const char *who, std::vector<Caller> &callers)
         auto run = [&callers, count](benchmark::State &state) {
             many_callers(state, callers, count);
         };
-        benchmark::RegisterBenchmark(name.c_str(), run)
-            ->UseRealTime()
-            ->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark(name.c_str(), run)->UseRealTime();
     }
 }
 
@@ -224,7 +222,7 @@ int main(int argc, char **argv)
     for (uint32_t size : kSizes) {
         add("rpc", size, "bv", call_bv);
         add("rpc", size, "bare-object", call_bare);
-        add("bus", size, "bv-bus", call_bare); // the daemon, without the library's calls
+        add("bus", size, "bv", call_bare); // the daemon, without the library's calls
         add("bus", size, "4-hop-relay", call_relay);
     }
     add_callers("bv", bv_callers);

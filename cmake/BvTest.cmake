@@ -15,7 +15,7 @@ find_package(GTest REQUIRED)
 # Where the kit is; compat/ uses it as a project of its own.
 get_filename_component(BV_TREE "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 
-set(BV_TEST_FOLDERS abi package os debug core db bus dev crypto service examples tools docs compat fuzz sweep stack soak CACHE STRING
+set(BV_TEST_FOLDERS abi package os debug core db bus dev crypto service examples tools docs bench compat fuzz sweep stack soak CACHE STRING
   "Folders of tests to build")
 
 execute_process(COMMAND "${BV_TREE}/tests/support/root-way"

@@ -1,368 +1,345 @@
 // SPDX-License-Identifier: ISC
-// Changes of instances: planned first, then made all together or not at all.
+// Changes of instances: planned first, then made all together or not at all. A plan finds instances
+// in a tree: a walk for each of a thousand would take seconds on the gateway.
 
 #include "service/internal.h"
 
-#include "tools/template/values.h"
+#include <search.h>
 
 namespace {
 
 using namespace bv::service;
 
-bv_db_inst *find_instance(const bv_db_family &family, int32_t number)
+int compare(const void *a, const void *b)
 {
-    return bv_db_data_get_inst(const_cast<bv_db_family *>(&family), number);
+    const auto &one = *static_cast<const Change *>(a);
+    const auto &other = *static_cast<const Change *>(b);
+    if (one.family.listed != other.family.listed)
+        return one.family.listed < other.family.listed ? -1 : 1;
+    return one.number < other.number ? -1 : one.number > other.number ? 1 : 0;
 }
 
-uint32_t image_size(const bv_db_family &family)
+// The list keeps the changes.
+void drop_tree(Plan &plan)
 {
-    return static_cast<uint32_t>(family.image_size);
+    tdestroy(plan.tree, [](void *) {});
+    plan.tree = nullptr;
 }
 
-int32_t no_memory(Words &words)
+void drop_change(Change *change)
 {
-    return words.refuse(BV_ERR_MEMORY, "no memory");
+    free(change->is);
+    free(change->was);
+    free(change);
 }
 
-// ---- planning ----
-
-// A family that is served, or null with the words set.
-const bv_service_family *find_family(const char *name, bv_db_family *&family, Words &words)
+// The change of an instance; a new one, in which it stays as it is, if the plan has none. Null
+// without memory.
+Change *change_of(Plan &plan, const Family &family, int32_t number)
 {
-    const bv_service_family *listed = find_listed(name);
-    if (listed == nullptr)
-        words.refuse(0, "%.80s: no such family", name);
-    else
-        family = bv_db_hash_find(name);
-    return listed;
+    const Change key = {nullptr, family, number, nullptr, nullptr, nullptr, false, false};
+    void *found = tfind(&key, &plan.tree, compare);
+    if (found != nullptr)
+        return *static_cast<Change **>(found);
+    auto *change = static_cast<Change *>(malloc(sizeof(Change)));
+    if (change == nullptr)
+        return nullptr;
+    *change = key;
+    if (tsearch(change, &plan.tree, compare) == nullptr) {
+        free(change);
+        return nullptr;
+    }
+    *plan.end_ = change;
+    plan.end_ = &change->next;
+    return change;
 }
+
+// Takes the instances of a family into the plan. False without memory.
+bool add_family(Plan &plan, const Family &family)
+{
+    for (bv_db_inst &instance : instances(family)) {
+        Change *change = change_of(plan, family, instance.number);
+        if (change == nullptr)
+            return false;
+        if (change->present == nullptr) // the first of a number counts
+            change->present = &instance;
+    }
+    return true;
+}
+
+bool set_image(Change &change, const void *image)
+{
+    auto *copy = static_cast<uint8_t *>(malloc(change.family.size()));
+    if (copy == nullptr)
+        return false;
+    memcpy(copy, image, change.family.size());
+    free(change.is); // a file may name an instance twice
+    change.is = copy;
+    change.named = true;
+    return true;
+}
+
+// ---- requests and files ----
 
 bool is_file(Meaning meaning)
 {
     return meaning == Meaning::Load || meaning == Meaning::Saved;
 }
 
-// A whole number, in quotes or not. The highest one is refused: the database proposes the number
-// after it for the next instance.
-bool take_number(json_object *value, int32_t &number)
+// Whether the instance that an element names suits what is meant.
+int32_t check_instance(const Change &change, Meaning meaning, Words &words)
 {
-    const char *text = bv_json_object_get_string(value);
-    int64_t wide;
-    if (text == nullptr || !tools::parse_decimal(text, wide) || wide < INT32_MIN ||
-        wide >= INT32_MAX)
-        return false;
-    number = static_cast<int32_t>(wide);
-    return true;
-}
-
-// The number after the highest one in use, or 0 if no number is left.
-int32_t next_number(const Plan &plan, const bv_db_family &family)
-{
-    int32_t highest = 0;
-    for (const bv_db_inst &instance : instances(family))
-        if (instance.number > highest)
-            highest = instance.number;
-    for (uint32_t i = 0; i < plan.count; ++i)
-        if (plan.changes[i].family == &family && plan.changes[i].instance > highest)
-            highest = plan.changes[i].instance;
-    return highest < INT32_MAX - 1 ? highest + 1 : 0;
-}
-
-// The number of an element's instance, which must suit what is meant.
-int32_t take_instance(const Plan &plan, const bv_db_family &family, json_object *inst,
-                      Meaning meaning, int32_t &number, Words &words)
-{
-    const char *text = bv_json_object_get_string(inst);
-    if (meaning == Meaning::Add && text != nullptr && *text == '\0') {
-        number = next_number(plan, family);
-        return number != 0 ? BV_OK : words.refuse(BV_ERR_FULL, "%s: no number left", family.name);
-    }
-    if (!take_number(inst, number))
-        return words.refuse(BV_ERR_INVALID, "%s: \"inst\" must be a number", family.name);
-    const bool exists = find_instance(family, number) != nullptr;
-    if (meaning == Meaning::Set && !exists)
-        return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", family.name, number);
+    const char *name = change.family.name();
+    const bool exists = change.present != nullptr;
+    if (change.named)
+        return words.refuse(BV_ERR_INVALID, "%s.%d: named twice", name, change.number);
     if (meaning == Meaning::Add && exists)
-        return words.refuse(BV_ERR_EXISTS, "%s.%d: exists already", family.name, number);
-    if (find_change(plan, family, number) != nullptr)
-        return words.refuse(BV_ERR_INVALID, "%s.%d: named twice", family.name, number);
+        return words.refuse(BV_ERR_EXISTS, "%s.%d: already exists", name, change.number);
+    if (meaning != Meaning::Add && meaning != Meaning::Import && !exists)
+        return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", name, change.number);
     return BV_OK;
 }
 
-// In a file, a parameter that an element lacks is as in the element before.
-const uint8_t *base_image(const Plan &plan, const bv_db_family &family, Meaning meaning,
-                          int32_t number)
-{
-    if (meaning == Meaning::Set)
-        return find_instance(family, number)->image;
-    const bool is_next =
-        is_file(meaning) && plan.count != 0 && plan.changes[plan.count - 1].family == &family;
-    return is_next ? plan.changes[plan.count - 1].is : family.default_image;
-}
-
-// Sets what the "para" of an element names. What does not fit takes its default when it is from a
-// file, and refuses a request.
-int32_t take_values(const bv_db_family &family, uint8_t *image, json_object *para, Meaning meaning,
-                    Words &words)
+// Sets what the "para" of an element names.
+int32_t take_values(Change &change, json_object *para, Meaning meaning, Words &words)
 {
     for (const Members::Member member : Members{para}) {
         if (is_file(meaning) && member.value == nullptr)
             continue;
-        const int32_t status = set_value(family, image, member, words);
-        if (status != BV_OK && !is_file(meaning))
+        const int32_t status = set_value(change.family, change.is, member, words);
+        if (status == BV_OK)
+            continue;
+        if (!is_file(meaning))
             return status;
-        int32_t at;
-        const bv_db_para *unfit =
-            status == BV_OK ? nullptr : find_parameter(family, member.name, at);
-        if (unfit != nullptr)
-            memcpy(image + at, family.default_image + at, static_cast<size_t>(unfit->len));
-        if (status != BV_OK && meaning == Meaning::Load)
+        set_default(change.family, change.is, member.name);
+        if (meaning == Meaning::Load)
             note("%s: the value in the file is left out", words.text);
     }
     return BV_OK;
 }
 
-int32_t plan_element(Plan &plan, const bv_service_family &listed, bv_db_family &family,
-                     json_object *element, Meaning meaning, Words &words)
-{
-    const bool is_object = bv_json_object_is_type(element, json_type_object) != 0;
-    json_object *inst = is_object ? bv_json_object_object_get(element, "inst") : nullptr;
-    json_object *para = nullptr;
-    const bool has_para = is_object && json_object_object_get_ex(element, "para", &para) != 0;
-    if (is_file(meaning) && (inst == nullptr || para == nullptr))
-        return BV_OK;
-    if (!is_file(meaning) &&
-        (!is_object || (has_para && bv_json_object_is_type(para, json_type_object) == 0)))
-        return words.refuse(BV_ERR_INVALID, "%s: an instance is {\"inst\":..., \"para\":{...}}",
-                            family.name);
-    int32_t number = bv_json_object_get_int(inst);
-    int32_t status =
-        is_file(meaning) ? BV_OK : take_instance(plan, family, inst, meaning, number, words);
-    if (status != BV_OK)
-        return status;
+// The elements of one family.
+struct Elements {
+    Plan &plan;
+    const Family family;
+    const Meaning meaning;
+    Words &words;
+    int32_t highest = 0;             // number
+    const uint8_t *before = nullptr; // image of the last element
 
-    uint8_t *image = copy_image(family, base_image(plan, family, meaning, number));
-    Change *known = find_change(plan, family, number);
-    if (image == nullptr)
-        return no_memory(words);
-    if (known != nullptr) {
-        free(known->is);
-        known->is = image;
-    } else if (!add_change(plan, listed, family, number, image)) {
-        return no_memory(words);
+    // The number of an element of a request; for a new instance the next one. The highest of all is
+    // refused: the database proposes the one after it.
+    int32_t take_number(json_object *inst, int32_t &number)
+    {
+        size_t length;
+        const char *text = text_of(inst, length);
+        if (meaning == Meaning::Add && text != nullptr && length == 0)
+            number = highest == INT32_MAX ? highest : highest + 1;
+        else if (!number_of(inst, number))
+            return words.refuse(BV_ERR_INVALID, "%s: an instance needs a number", family.name());
+        return number != INT32_MAX
+                   ? BV_OK
+                   : words.refuse(BV_ERR_FULL, "%s: the number is too high", family.name());
     }
-    return take_values(family, image, para, meaning, words);
-}
 
-} // namespace
+    // In a file, a parameter that an element lacks is as in the element before.
+    const void *base_of(const Change &change) const
+    {
+        return meaning == Meaning::Set                 ? change.present->image
+               : is_file(meaning) && before != nullptr ? before
+                                                       : family.record->default_image;
+    }
 
-int32_t bv::service::plan_family(Plan &plan, const char *name, json_object *elements,
-                                 Meaning meaning, Words &words)
-{
-    bv_db_family *family;
-    const bv_service_family *listed = find_family(name, family, words);
-    if (listed == nullptr)
-        return BV_ERR_NO_FAMILY;
-    const bool is_array = bv_json_object_is_type(elements, json_type_array) != 0;
-    if (!is_array && !is_file(meaning))
-        return words.refuse(BV_ERR_INVALID, "%s: an array of instances is expected", name);
-    const size_t count = is_array ? bv_json_object_array_length(elements) : 0;
-    for (size_t i = 0; i < count; ++i) {
-        const int32_t status = plan_element(
-            plan, *listed, *family, bv_json_object_array_get_idx(elements, i), meaning, words);
+    int32_t take(json_object *element)
+    {
+        json_object *inst =
+            meaning == Meaning::Delete ? element : bv_json_object_object_get(element, "inst");
+        json_object *para = nullptr;
+        const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
+        int32_t number = bv_json_object_get_int(inst);
+        int32_t status = BV_OK;
+        if (!is_file(meaning))
+            status = take_number(inst, number);
+        else if (inst == nullptr || para == nullptr)
+            return BV_OK;
+        if (status == BV_OK && !is_file(meaning) && has_para &&
+            bv_json_object_is_type(para, json_type_object) == 0)
+            status = words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object", family.name());
+        Change *change = status == BV_OK ? change_of(plan, family, number) : nullptr;
+        if (status == BV_OK && change == nullptr)
+            return words.no_memory();
+        if (status == BV_OK && !is_file(meaning))
+            status = check_instance(*change, meaning, words);
         if (status != BV_OK)
             return status;
+        highest = number > highest ? number : highest;
+        change->named = true;
+        if (meaning == Meaning::Delete)
+            return BV_OK;
+        if (!set_image(*change, base_of(*change)))
+            return words.no_memory();
+        before = change->is;
+        return take_values(*change, para, meaning, words);
     }
-    if (meaning == Meaning::Import && !add_removals(plan, *listed, *family))
-        return no_memory(words);
-    return BV_OK;
-}
 
-namespace {
+    int32_t take_all(json_object *elements)
+    {
+        if (!add_family(plan, family))
+            return words.no_memory();
+        for (const bv_db_inst &instance : instances(family))
+            highest = instance.number > highest ? instance.number : highest;
+        int32_t status = BV_OK;
+        for (size_t i = 0; i < count_of(elements) && status == BV_OK; ++i)
+            status = take(bv_json_object_array_get_idx(elements, i));
+        if (status != BV_OK)
+            return status;
+        if (is_file(meaning) && before == nullptr) {
+            Change *only = change_of(plan, family, 1);
+            if (only == nullptr || !set_image(*only, family.record->default_image))
+                return words.no_memory();
+        }
+        // What an import or a file does not name goes.
+        if (is_file(meaning) || meaning == Meaning::Import)
+            for (Change &change : plan)
+                change.named = change.named || change.family.listed == family.listed;
+        return BV_OK;
+    }
+};
 
 // ---- making ----
 
 bool differs(const Change &change)
 {
-    const bv_db_inst *instance = find_instance(*change.family, change.instance);
-    if (change.is == nullptr || instance == nullptr)
-        return change.is != nullptr || instance != nullptr;
-    return !same_values(*change.family, instance->image, change.is);
+    if (!change.named)
+        return false;
+    if (change.is == nullptr || change.present == nullptr)
+        return change.is != nullptr || change.present != nullptr;
+    return !same_values(change.family, change.present->image, change.is);
 }
 
-int32_t ask_checks(const Plan &plan, Words &words)
+// Copies what an instance is now, or adds the new one: all that needs memory.
+bool prepare(Change &change)
 {
-    for (uint32_t i = 0; i < plan.count; ++i) {
-        const Change &change = plan.changes[i];
-        if (change.listed->check == nullptr)
-            continue;
-        const bv_db_inst *instance = find_instance(*change.family, change.instance);
-        const uint32_t status =
-            change.listed->check(instance == nullptr ? nullptr : instance->image, change.is,
-                                 static_cast<uint32_t>(change.instance));
-        if (status != 0)
-            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
-                                change.family->name, change.instance);
+    bv_db_family *record = change.family.record;
+    const uint32_t size = change.family.size();
+    if (change.present != nullptr) {
+        change.was = static_cast<uint8_t *>(malloc(size));
+        if (change.was != nullptr)
+            memcpy(change.was, change.present->image, size);
+        return change.was != nullptr;
     }
-    return BV_OK;
-}
-
-// Copies what the instances are now, and adds the new ones: all that needs memory. Undone when
-// there is not enough.
-bool prepare(Plan &plan)
-{
-    uint32_t i = 0;
-    for (; i < plan.count; ++i) {
-        Change &change = plan.changes[i];
-        const bv_db_inst *instance = find_instance(*change.family, change.instance);
-        if (instance != nullptr) {
-            change.was = copy_image(*change.family, instance->image);
-            if (change.was == nullptr)
-                break;
-        } else if (bv_db_inst_add(change.family->name, change.is, image_size(*change.family),
-                                  static_cast<uint32_t>(change.instance)) != BV_OK) {
-            break;
-        }
-    }
-    if (i == plan.count)
-        return true;
-    while (i-- > 0)
-        if (plan.changes[i].was == nullptr)
-            bv_db_inst_del(plan.changes[i].family->name,
-                           static_cast<uint32_t>(plan.changes[i].instance));
-    return false;
-}
-
-void finish(const Change &change)
-{
-    const auto number = static_cast<uint32_t>(change.instance);
-    if (change.is == nullptr)
-        bv_db_inst_del(change.family->name, number);
-    else if (change.was != nullptr)
-        bv_db_write(change.family->name, change.is, image_size(*change.family), number);
-}
-
-void tell(const Plan &plan)
-{
-    for (uint32_t i = 0; i < plan.count; ++i) {
-        const Change &change = plan.changes[i];
-        if (change.listed->changed != nullptr)
-            change.listed->changed(change.was, change.is, static_cast<uint32_t>(change.instance));
-        // The changes of a family are together.
-        if (i + 1 == plan.count || plan.changes[i + 1].listed != change.listed)
-            announce(*change.listed);
-    }
+    change.added = bv_db_data_add_inst(record, change.is, size, change.number) == BV_OK;
+    if (change.added)
+        change.present = &bv::record_of<bv_db_inst>(record->inst_list.prev);
+    return change.added;
 }
 
 } // namespace
 
 bv::service::Plan::~Plan()
 {
-    for (uint32_t i = 0; i < count; ++i) {
-        free(changes[i].is);
-        free(changes[i].was);
+    drop_tree(*this);
+    while (first != nullptr) {
+        Change *next = first->next;
+        drop_change(first);
+        first = next;
     }
-    free(changes);
 }
 
-void bv::service::drop_equal(Plan &plan)
+int32_t bv::service::plan_family(Plan &plan, const bv_service_family &listed, json_object *elements,
+                                 Meaning meaning, Words &words)
 {
-    uint32_t kept = 0;
-    for (uint32_t i = 0; i < plan.count; ++i) {
-        if (differs(plan.changes[i]))
-            plan.changes[kept++] = plan.changes[i];
-        else
-            free(plan.changes[i].is);
-    }
-    plan.count = kept;
+    if (!is_file(meaning) && bv_json_object_is_type(elements, json_type_array) == 0)
+        return words.refuse(BV_ERR_INVALID, "%s: an array of instances is expected", listed.name);
+    return Elements{plan, Family(listed), meaning, words}.take_all(elements);
 }
 
-uint8_t *bv::service::copy_image(const bv_db_family &family, const void *image)
-{
-    auto *copy = static_cast<uint8_t *>(malloc(image_size(family)));
-    if (copy != nullptr)
-        memcpy(copy, image, image_size(family));
-    return copy;
-}
-
-bool bv::service::add_change(Plan &plan, const bv_service_family &listed, bv_db_family &family,
-                             int32_t instance, uint8_t *is)
-{
-    if (plan.count == plan.capacity) {
-        const uint32_t capacity = 2 * plan.capacity + 8;
-        auto *grown = static_cast<Change *>(realloc(plan.changes, capacity * sizeof(Change)));
-        if (grown == nullptr) {
-            free(is);
-            return false;
-        }
-        plan.changes = grown;
-        plan.capacity = capacity;
-    }
-    plan.changes[plan.count++] = {&listed, &family, instance, is, nullptr};
-    return true;
-}
-
-Change *bv::service::find_change(const Plan &plan, const bv_db_family &family, int32_t instance)
-{
-    for (uint32_t i = plan.count; i-- > 0;)
-        if (plan.changes[i].family == &family && plan.changes[i].instance == instance)
-            return &plan.changes[i];
-    return nullptr;
-}
-
-bool bv::service::add_removals(Plan &plan, const bv_service_family &listed, bv_db_family &family)
-{
-    for (const bv_db_inst &instance : instances(family))
-        if (find_change(plan, family, instance.number) == nullptr &&
-            !add_change(plan, listed, family, instance.number, nullptr))
-            return false;
-    return true;
-}
-
-int32_t bv::service::plan_from_json(Plan &plan, json_object *data, Meaning meaning, Words &words)
+int32_t bv::service::plan_request(Plan &plan, json_object *data, Meaning meaning, Words &words)
 {
     if (bv_json_object_is_type(data, json_type_object) == 0)
         return words.refuse(BV_ERR_INVALID, "an object of families is expected");
     for (const Members::Member member : Members{data}) {
-        const int32_t status = plan_family(plan, member.name, member.value, meaning, words);
+        const bv_service_family *listed = find_listed(member.name, words);
+        const int32_t status = listed == nullptr
+                                   ? static_cast<int32_t>(BV_ERR_NO_FAMILY)
+                                   : plan_family(plan, *listed, member.value, meaning, words);
         if (status != BV_OK)
             return status;
     }
     return BV_OK;
 }
 
-int32_t bv::service::plan_one(Plan &plan, const char *family, const void *image_or_null,
-                              int32_t instance, Words &words)
+int32_t bv::service::plan_instance(Plan &plan, const char *family, int32_t number,
+                                   const void *image, Words &words)
 {
-    bv_db_family *found;
-    const bv_service_family *listed = find_family(family, found, words);
+    const bv_service_family *listed = find_listed(family, words);
     if (listed == nullptr)
         return BV_ERR_NO_FAMILY;
-    if (image_or_null == nullptr) {
-        if (find_instance(*found, instance) == nullptr)
-            return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", family, instance);
-        return add_change(plan, *listed, *found, instance, nullptr) ? BV_OK : no_memory(words);
-    }
-    const int32_t status = check_image(*found, static_cast<const uint8_t *>(image_or_null), words);
-    if (status != BV_OK)
+    const Family known(*listed);
+    Change *change = add_family(plan, known) ? change_of(plan, known, number) : nullptr;
+    if (change == nullptr)
+        return words.no_memory();
+    if (image == nullptr) {
+        const int32_t status = check_instance(*change, Meaning::Delete, words);
+        change->named = true;
         return status;
-    uint8_t *image = copy_image(*found, image_or_null);
-    return image != nullptr && add_change(plan, *listed, *found, instance, image)
-               ? BV_OK
-               : no_memory(words);
+    }
+    const int32_t status = check_image(known, static_cast<const uint8_t *>(image), words);
+    return status == BV_OK && !set_image(*change, image) ? words.no_memory() : status;
 }
 
-int32_t bv::service::make(Plan &plan, Words &words, bool ask)
+void bv::service::drop_equal(Plan &plan)
+{
+    drop_tree(plan);
+    for (Change **at = &plan.first; *at != nullptr;) {
+        Change *change = *at;
+        if (differs(*change)) {
+            at = &change->next;
+        } else {
+            *at = change->next;
+            drop_change(change);
+        }
+    }
+}
+
+int32_t bv::service::check(Plan &plan, Words &words)
 {
     drop_equal(plan);
-    const int32_t status = ask ? ask_checks(plan, words) : BV_OK;
-    if (status != BV_OK)
-        return status;
-    if (!prepare(plan))
-        return no_memory(words);
-    for (uint32_t i = 0; i < plan.count; ++i)
-        finish(plan.changes[i]);
-    tell(plan);
+    for (const Change &change : plan) {
+        const bv_service_check ask = change.family.listed->check;
+        const uint8_t *was = change.present != nullptr ? change.present->image : nullptr;
+        const uint32_t status =
+            ask != nullptr ? ask(was, change.is, static_cast<uint32_t>(change.number)) : 0;
+        if (status != 0)
+            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
+                                change.family.name(), change.number);
+    }
+    return BV_OK;
+}
+
+int32_t bv::service::make(Plan &plan, Words &words, bool silent)
+{
+    bool ready = true;
+    for (Change &change : plan)
+        ready = ready && prepare(change);
+    for (const Change &change : plan) {
+        bv_db_family *record = change.family.record;
+        if (ready ? change.is == nullptr : change.added)
+            bv_db_data_del_inst(record, change.present);
+        else if (ready)
+            bv_db_data_set_context(record, change.present, change.is, change.family.size());
+    }
+    if (!ready)
+        return words.no_memory();
+    // A callback may change the families again, so the instances are not looked at any more.
+    for (const Change &change : plan) {
+        const bv_service_family &listed = *change.family.listed;
+        if (!silent && listed.changed != nullptr)
+            listed.changed(change.was, change.is, static_cast<uint32_t>(change.number));
+        const bool is_last = change.next == nullptr || change.next->family.listed != &listed;
+        if (!silent && is_last)
+            announce(listed);
+    }
     return BV_OK;
 }
 
@@ -370,8 +347,8 @@ int32_t bv_service_change(const char *family, const void *image, uint32_t instan
 {
     Plan plan;
     Words words;
-    const int32_t status =
-        family == nullptr ? BV_ERR_NO_FAMILY
-                          : plan_one(plan, family, image, static_cast<int32_t>(instance), words);
+    int32_t status = plan_instance(plan, family, static_cast<int32_t>(instance), image, words);
+    if (status == BV_OK)
+        status = check(plan, words);
     return status == BV_OK ? make(plan, words) : status;
 }

@@ -73,9 +73,9 @@ TEST_F(Store, CommittedValuesAreThereAfterRestart)
 {
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     ASSERT_EQ(request(set_mtu(1400)), BV_OK);
-    EXPECT_TRUE(is_unsaved(*find_listed("lan.json")));
+    EXPECT_TRUE(is_unsaved(*listed("lan.json")));
     EXPECT_EQ(bv_service_commit(), BV_OK);
-    EXPECT_FALSE(is_unsaved(*find_listed("lan.json")));
+    EXPECT_FALSE(is_unsaved(*listed("lan.json")));
     EXPECT_EQ(list_folder("/config/work"),
               (std::vector<std::string>{"userdata.json", "userdata.json.lock"}));
 
@@ -96,12 +96,35 @@ TEST_F(Store, OtherServicesMembersStayByteForByte)
     EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
 }
 
+TEST_F(Store, CommentsOfOtherServicesStay)
+{
+    const std::string vpn =
+        "/* a } \" \\ */ \"vpn.json\": [ // one ]\n 'x', /*,*/ \"y\" ] // the end";
+    const std::string dns = "'dns.json' /* : */ : {\"a\":\"//\"}";
+    write_file(kUserFile,
+               "// all\n{\"lan.json\":[], // ours\n" + vpn + "\n, " + dns + "// more\n}");
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    std::string saved[2];
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(request(set_mtu(1400 + i)), BV_OK);
+        EXPECT_EQ(bv_service_commit(), BV_OK);
+        saved[i] = read_file(kUserFile);
+        EXPECT_NE(saved[i].find("\t// ours\n" + vpn + "\n,\n\t" + dns + "// more\n\n}"),
+                  std::string::npos)
+            << saved[i];
+        EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400 + i));
+    }
+    EXPECT_EQ(saved[0].size(), saved[1].size());
+}
+
 TEST_F(Store, MembersThatCannotBeCopiedAsTheyAreKeepTheOldFile)
 {
-    const std::string text = R"({"lan.json":[], /* the parser takes comments */ "vpn.json":[]})";
+    // For the parser the second name is ours, too.
+    const std::string text = R"({"lan.json":[],"lan\u002ejson":[{"inst":"7","para":{}}]})";
     write_file(kUserFile, text);
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
-    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    ASSERT_EQ(request(set_mtu(1400)), BV_ERR_NO_INSTANCE);
+    ASSERT_EQ(request(R"({"lan.json":[{"inst":"1"}]})", Meaning::Add), BV_OK);
     EXPECT_EQ(bv_service_commit(), BV_ERR_WRITE_OPEN);
     EXPECT_EQ(read_file(kUserFile), text);
 }
@@ -218,6 +241,33 @@ TEST_F(Store, TemplateFaultsEndTheService)
     EXPECT_EQ(start_service({lan}), BV_SERVICE_TEMPLATE);
 }
 
+// Each is a fault for bv-template check, too.
+TEST_F(Store, TemplateThatTheDatabaseWouldTakeInPartEndsTheService)
+{
+    const std::string good = R"({"name":"a","type":"uchar","len":1,"value":"1"})";
+    const auto start = [](const std::string &text) {
+        write_file("/etc/template/t.json", text);
+        return start_service({{"t.json", 1, BV_SERVICE_USER, 0, nullptr, nullptr}});
+    };
+    EXPECT_EQ(start(R"({"getfunc":"get","own":{"b":[1.5e3,null]},"para":[)" + good + "]}\n"),
+              BV_SERVICE_ENDED);
+    const std::string half = good.substr(0, good.size() - 1);
+    for (const std::string &text :
+         {R"({"para":[)" + good + "]}x", R"({"para":[)" + good + "]}{}",
+          R"({"para":[)" + good + ",]}", R"({"para":[)" + good + "] /* */}",
+          R"({"para":[],"para":[)" + good + "]}", R"({"para":[)" + half + R"(,"len":1}]})",
+          R"({"para":[)" + half + R"(,"other":NaN}]})", R"({"para":[1,)" + good + "]}",
+          R"({"para":[{"name":"b","type":"uchar","len":1},)" + good + "]}",
+          R"({"para":[{"name":"b","type":"uchar","len":1.5,"value":"1"},)" + good + "]}",
+          R"({"para":[{"name":"b","type":"uchar","len":1,"value":true},)" + good + "]}",
+          R"({"para":[)" + good + "," + good + "]}", std::string("[]"), std::string("{}"),
+          R"({"para":{}})" + std::string(),
+          R"({"getfunc":")" + std::string(1024, 'f') + R"(","para":[)" + good + "]}",
+          R"({"setfunc":[],"para":[)" + good + "]}",
+          R"({"para":[)" + good + "]}" + std::string(1, '\0')})
+        EXPECT_EQ(start(text), BV_SERVICE_TEMPLATE) << text.substr(0, 100);
+}
+
 TEST_F(Store, StoresHaveFilesOfTheirOwnAndFactoryIsWrittenByNameOnly)
 {
     ASSERT_EQ(
@@ -325,7 +375,7 @@ TEST_F(Store, SavedInstancesAreShownWhileOthersRun)
     ASSERT_EQ(request(set_mtu(1300)), BV_OK);
     Text text;
     Words why;
-    ASSERT_EQ(put_saved(text, *find_listed("lan.json"), why), BV_OK);
+    ASSERT_EQ(put_saved(text, *listed("lan.json"), why), BV_OK);
     EXPECT_EQ(std::string(text.bytes), std::string(R"([{"inst":"1","para":)") + kDefaults + "}]");
 }
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: ISC
 // What the benchmarks use of Google Benchmark, for counting instead of timing: PROGRAM NAME COUNT
-// runs one benchmark's loop COUNT times, and something outside (callgrind, an emulator) counts the
-// instructions of the process. The difference of two runs is free of what starting up takes.
-// Prints how many items one iteration handles.
+// runs one benchmark's loop COUNT times, and the emulator's plugin counts the instructions of the
+// process. The difference of two runs is free of what starting up takes. Prints how many items one
+// iteration handles, and the compiler's version.
 
 #ifndef BV_BENCH_COUNTING_BENCHMARK_H
 #define BV_BENCH_COUNTING_BENCHMARK_H
@@ -11,12 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <list>
+#include <map>
 #include <string>
 
 namespace benchmark {
-
-enum TimeUnit { kNanosecond, kMicrosecond, kMillisecond };
 
 template <typename T>
 void DoNotOptimize(T &&value)
@@ -38,96 +36,60 @@ public:
     Iterator begin() const { return {count_}; }
     Iterator end() const { return {0}; }
     int64_t iterations() const { return count_; }
-    int64_t items() const { return items_ == 0 ? 1 : items_ / count_; } // of one iteration
+    long long items() const { return items_ == 0 ? 1 : items_ / count_; } // of one iteration
     void SetItemsProcessed(int64_t items) { items_ = items; }
-    void SetBytesProcessed(int64_t) {}
     void SetIterationTime(double) {}
-    void SkipWithError(const char *message)
+    [[noreturn]] void SkipWithError(const char *message)
     {
         fprintf(stderr, "%s\n", message);
         exit(1);
     }
+    std::map<std::string, double> counters;
 
 private:
     int64_t count_;
     int64_t items_ = 0;
 };
 
+// Times are not taken, so how does not matter.
 struct Benchmark {
-    std::string name;
     std::function<void(State &)> run;
 
-    Benchmark *Name(const char *text)
-    {
-        name = text;
-        return this;
-    }
-    Benchmark *Unit(TimeUnit) { return this; }
     Benchmark *UseRealTime() { return this; }
     Benchmark *UseManualTime() { return this; }
 };
 
-inline std::list<Benchmark> &all()
-{
-    static std::list<Benchmark> benchmarks;
-    return benchmarks;
-}
+inline std::map<std::string, Benchmark> g_benchmarks;
+inline char **g_arguments;
 
 template <typename Run, typename... Arguments>
 Benchmark *RegisterBenchmark(const char *name, Run run, Arguments... arguments)
 {
-    all().push_back({name, [=](State &state) { run(state, arguments...); }});
-    return &all().back();
+    Benchmark &benchmark = g_benchmarks[name];
+    benchmark.run = [=](State &state) { run(state, arguments...); };
+    return &benchmark;
 }
 
-struct Arguments {
-    std::string name;
-    int64_t count = 0;
-};
-
-inline Arguments &arguments()
+inline void Initialize(int *, char **argv)
 {
-    static Arguments given;
-    return given;
-}
-
-inline void Initialize(int *argc, char **argv)
-{
-    if (*argc >= 3)
-        arguments() = {argv[1], atoll(argv[2])};
+    g_arguments = argv;
 }
 
 inline void RunSpecifiedBenchmarks()
 {
-    for (Benchmark &benchmark : all()) {
-        if (benchmark.name != arguments().name)
-            continue;
-        State state(arguments().count);
-        benchmark.run(state);
-        printf("items %lld\n", static_cast<long long>(state.items()));
-        fflush(stdout);
-        return;
+    const char *name = g_arguments[1], *count = name == nullptr ? nullptr : g_arguments[2];
+    if (count == nullptr || g_benchmarks.count(name) == 0) {
+        fprintf(stderr, "usage: PROGRAM NAME COUNT; names are\n");
+        for (const auto &benchmark : g_benchmarks)
+            fprintf(stderr, "  %s\n", benchmark.first.c_str());
+        exit(2);
     }
-    fprintf(stderr, "usage: PROGRAM NAME COUNT; names are\n");
-    for (const Benchmark &benchmark : all())
-        fprintf(stderr, "  %s\n", benchmark.name.c_str());
-    exit(2);
+    State state(atoll(count));
+    g_benchmarks[name].run(state);
+    printf("items %lld, compiler %s\n", state.items(), __VERSION__);
+    fflush(stdout);
 }
 
 } // namespace benchmark
-
-#define BV_BENCHMARK_AT(line) benchmark_at_##line
-#define BV_BENCHMARK_NAME(line) BV_BENCHMARK_AT(line)
-#define BENCHMARK(function)                                                                        \
-    [[maybe_unused]] static benchmark::Benchmark *BV_BENCHMARK_NAME(__LINE__) =                    \
-        benchmark::RegisterBenchmark(#function, function)
-
-#define BENCHMARK_MAIN()                                                                           \
-    int main(int argc, char **argv)                                                                \
-    {                                                                                              \
-        benchmark::Initialize(&argc, argv);                                                        \
-        benchmark::RunSpecifiedBenchmarks();                                                       \
-    }                                                                                              \
-    static_assert(true, "")
 
 #endif

@@ -82,17 +82,15 @@ uint32_t bv::jhash_padded(const uint8_t *key, uint32_t length, uint32_t size, ui
         mix(s);
     }
 
-    for (;; left -= kBlockSize) {
-        const bool last = left < kBlockSize;
+    for (bool last = false; !last; left -= kBlockSize) {
+        last = left < kBlockSize;
         if (length != 0)
             add_bytes(s, key, length, last);
         length = 0; // only zeros from here on
         if (last)
-            break;
+            s.c += size;
         mix(s);
     }
-    s.c += size;
-    mix(s);
     return s.c;
 }
 

@@ -16,7 +16,9 @@
 
 #include "crypto/aes_cipher.h"
 #include "crypto/wipe.h"
+#include "os/bytes.h"
 #include "os/descriptor.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 
@@ -33,16 +35,17 @@ using bv::kAesBlockSize;
 constexpr size_t kPlainChunk = 32;
 constexpr size_t kCipherChunk = 48;
 
-// Messages for each system call. Both buffers are on the stack, 10 KiB for encrypting and 12 KiB
-// for decrypting, so that it works when memory is short.
+// Messages for each system call. The buffers are on the stack, 12 KiB together, so that it works
+// when memory is short.
 constexpr size_t kBatch = 128;
 constexpr size_t kPlainBatch = kBatch * kPlainChunk;
 constexpr size_t kCipherBatch = kBatch * kCipherChunk;
+constexpr size_t kOutSize = kCipherBatch; // a damaged message may give up to 47 bytes
 
 void mix_block(uint8_t *block, const uint8_t *with)
 {
-    for (size_t i = 0; i < kAesBlockSize; ++i)
-        block[i] = static_cast<uint8_t>(block[i] ^ with[i]);
+    for (size_t i = 0; i < kAesBlockSize; i += 4) // any order of a word's bytes will do
+        bv::put_be32(block + i, bv::get_be32(block + i) ^ bv::get_be32(with + i));
 }
 
 // The ciphertext block that the chain mixes into the next one; at the start the zero vector.
@@ -60,43 +63,28 @@ private:
     uint8_t block_[kAesBlockSize] = {};
 };
 
-// Encrypts a batch of messages with each call; only the last batch may end in a short message.
-class FileEncryptor {
-public:
-    static constexpr AesCipher::Direction kDirection = AesCipher::kEncrypt;
-    static constexpr size_t kInSize = kPlainBatch;
-    static constexpr size_t kOutSize = kCipherBatch;
+// Encrypts a batch of messages; only the last batch may end in a short message.
+size_t encrypt_batch(AesCipher &cipher, ChainEnd &chain, const uint8_t *in, size_t length,
+                     uint8_t *out)
+{
+    uint8_t padded[kCipherChunk];
+    size_t written = 0;
+    for (size_t at = 0; at < length; at += kPlainChunk) {
+        const size_t count = std::min(length - at, kPlainChunk);
+        const size_t total = kAesBlockSize * (count / kAesBlockSize + 1);
+        const size_t padding = total - count;
 
-    explicit FileEncryptor(AesCipher &cipher) : cipher_(cipher) {}
-    ~FileEncryptor() { bv::wipe(padded_); }
-
-    size_t run(const uint8_t *in, size_t length, uint8_t *out)
-    {
-        size_t written = 0;
-        for (size_t at = 0; at < length; at += kPlainChunk)
-            written += encrypt(in + at, std::min(length - at, kPlainChunk), out + written);
-        return written;
+        bv_os_memcpy(padded, sizeof(padded), in + at, static_cast<uint32_t>(count));
+        memset(padded + count, static_cast<int>(padding), padding);
+        mix_block(padded, chain.block());
+        if (cipher.update(out + written, padded, total) == total) {
+            chain.move_to_end_of(out + written, total);
+            written += total;
+        }
     }
-
-private:
-    size_t encrypt(const uint8_t *plain, size_t length, uint8_t *out)
-    {
-        const size_t total = kAesBlockSize * (length / kAesBlockSize + 1);
-        const size_t padding = total - length;
-
-        bv_os_memcpy(padded_, sizeof(padded_), plain, static_cast<uint32_t>(length));
-        memset(padded_ + length, static_cast<int>(padding), padding);
-        mix_block(padded_, chain_.block());
-        if (cipher_.update(out, padded_, total) != total)
-            return 0;
-        chain_.move_to_end_of(out, total);
-        return total;
-    }
-
-    AesCipher &cipher_;
-    ChainEnd chain_;
-    uint8_t padded_[kCipherChunk];
-};
+    bv::wipe(padded);
+    return written;
+}
 
 // Bytes of a decrypted message without its padding. With a wrong padding the last block is dropped.
 size_t unpadded_length(const uint8_t *plain, size_t length)
@@ -110,47 +98,36 @@ size_t unpadded_length(const uint8_t *plain, size_t length)
     return length - padding;
 }
 
-// Decrypts a batch of messages with each call. Decrypting a block does not wait for the previous
-// one, so the cipher is called once for the whole batch.
-class FileDecryptor {
-public:
-    static constexpr AesCipher::Direction kDirection = AesCipher::kDecrypt;
-    static constexpr size_t kInSize = kCipherBatch;
-    static constexpr size_t kOutSize = kCipherBatch; // a damaged message may give up to 47 bytes
+// Bytes of a decrypted message. One that is cut within a block has lost its padding: only its whole
+// blocks count.
+size_t message_length(const uint8_t *plain, size_t length)
+{
+    const size_t cut = length % kAesBlockSize;
+    return cut != 0 ? length - cut : unpadded_length(plain, length);
+}
 
-    explicit FileDecryptor(AesCipher &cipher) : cipher_(cipher) {}
+// Decrypts a batch of messages. Decrypting a block does not wait for the previous one, so the
+// cipher is called once for the whole batch.
+size_t decrypt_batch(AesCipher &cipher, ChainEnd &chain, const uint8_t *in, size_t length,
+                     uint8_t *out)
+{
+    const size_t whole = length - length % kAesBlockSize;
+    if (whole == 0 || cipher.update(out, in, whole) != whole)
+        return 0;
 
-    size_t run(const uint8_t *in, size_t length, uint8_t *out)
-    {
-        const size_t whole = length - length % kAesBlockSize;
-        if (whole == 0 || cipher_.update(out, in, whole) != whole)
-            return 0;
-
-        size_t written = 0;
-        for (size_t at = 0; at < whole; at += kCipherChunk) {
-            mix_block(out + at, chain_.block());
-            const size_t left = length - at;
-            const size_t count = message_length(out + at, std::min(left, kCipherChunk));
-            bv_os_memmove(out + written, static_cast<uint32_t>(kOutSize - written), out + at,
-                          static_cast<uint32_t>(count));
-            written += count;
-            if (left >= kCipherChunk)
-                chain_.move_to_end_of(in + at, kCipherChunk);
-        }
-        return written;
+    size_t written = 0;
+    for (size_t at = 0; at < whole; at += kCipherChunk) {
+        mix_block(out + at, chain.block());
+        const size_t left = length - at;
+        const size_t count = message_length(out + at, std::min(left, kCipherChunk));
+        bv_os_memmove(out + written, static_cast<uint32_t>(kOutSize - written), out + at,
+                      static_cast<uint32_t>(count));
+        written += count;
+        if (left >= kCipherChunk)
+            chain.move_to_end_of(in + at, kCipherChunk);
     }
-
-private:
-    // A message that is cut within a block has lost its padding: only its whole blocks count.
-    static size_t message_length(const uint8_t *plain, size_t length)
-    {
-        const size_t cut = length % kAesBlockSize;
-        return cut != 0 ? length - cut : unpadded_length(plain, length);
-    }
-
-    AesCipher &cipher_;
-    ChainEnd chain_;
-};
+    return written;
+}
 
 // Reads until the batch is full, the file ends or a read fails. All batches but the last must be
 // full, and a read may return less than it was asked for in the middle of a file.
@@ -179,8 +156,7 @@ bool write_all(int fd, const uint8_t *data, size_t length)
     return true;
 }
 
-template <typename Worker>
-void transform(int in, int out, Worker &worker)
+void transform(int in, int out, AesCipher &cipher, AesCipher::Direction direction)
 {
     // Not bv_os_lseek(), whose offsets end at 2 GiB.
     off_t left = lseek(in, 0, SEEK_END);
@@ -188,32 +164,36 @@ void transform(int in, int out, Worker &worker)
         return;
     lseek(in, 0, SEEK_SET);
 
-    uint8_t from[Worker::kInSize];
-    uint8_t to[Worker::kOutSize];
+    const bool encrypt = direction == AesCipher::kEncrypt;
+    const size_t batch = encrypt ? kPlainBatch : kCipherBatch;
+    ChainEnd chain;
+    uint8_t from[kCipherBatch];
+    uint8_t to[kOutSize];
     while (left > 0) {
-        const auto wanted = static_cast<size_t>(std::min<off_t>(left, sizeof(from)));
+        const auto wanted = static_cast<size_t>(std::min<off_t>(left, batch));
         const size_t length = read_batch(in, from, wanted);
         left = length == wanted ? left - static_cast<off_t>(length) : 0;
-        if (!write_all(out, to, worker.run(from, length, to)))
+        const size_t made = encrypt ? encrypt_batch(cipher, chain, from, length, to)
+                                    : decrypt_batch(cipher, chain, from, length, to);
+        if (!write_all(out, to, made))
             break;
     }
     bv::wipe(from);
     bv::wipe(to);
 }
 
-template <typename Worker>
-int32_t transform_file(const char *in_path, const char *out_path, const uint8_t *key)
+int32_t transform_file(const char *in_path, const char *out_path, const uint8_t *key,
+                       AesCipher::Direction direction)
 {
     if (in_path == nullptr || out_path == nullptr || key == nullptr)
         return BV_OK;
 
     const bv::Descriptor in(bv::close_on_exec(bv_os_open(in_path, O_RDONLY | O_SYNC, 0666)));
     const bv::Descriptor out(bv::close_on_exec(bv_os_open(out_path, O_RDWR | O_CREAT, 0666)));
-    AesCipher cipher(key, Worker::kDirection);
+    AesCipher cipher(key, direction);
     if (cipher.valid()) {
         cipher.disable_padding();
-        Worker worker(cipher);
-        transform(in.get(), out.get(), worker);
+        transform(in.get(), out.get(), cipher, direction);
     }
     return BV_OK;
 }
@@ -222,10 +202,10 @@ int32_t transform_file(const char *in_path, const char *out_path, const uint8_t 
 
 int32_t bv_aes_file_en(const char *in_path, const char *out_path, const uint8_t *key)
 {
-    return transform_file<FileEncryptor>(in_path, out_path, key);
+    return transform_file(in_path, out_path, key, AesCipher::kEncrypt);
 }
 
 int32_t bv_aes_file_de(const char *in_path, const char *out_path, const uint8_t *key)
 {
-    return transform_file<FileDecryptor>(in_path, out_path, key);
+    return transform_file(in_path, out_path, key, AesCipher::kDecrypt);
 }

@@ -19,14 +19,15 @@ namespace bv {
 // there more tables save nothing, and only fill its data cache, of which four take an eighth.
 constexpr unsigned kCrcSlices = sizeof(void *) == 8 ? 16 : 4;
 
-// The inner loop does this many bytes a turn, whatever the slices, so that counting costs little.
-constexpr unsigned kCrcStride = 16;
-
 template <typename Word, unsigned Slices>
 struct CrcTables {
-    static_assert(kCrcStride % Slices == 0 && Slices % 4 == 0, "a stride is some slices of words");
+    static_assert(Slices % 4 == 0, "a slice is some words");
     Word entry[Slices][256];
 };
+
+// The inner loop does this many bytes a turn, at least two words, so that counting costs little.
+template <unsigned Slices>
+constexpr unsigned kCrcStride = Slices < 8 ? 8 : Slices;
 
 template <typename Word, unsigned Slices>
 constexpr Word crc_byte(const CrcTables<Word, Slices> &tables, Word crc, uint8_t byte)
@@ -95,7 +96,7 @@ template <unsigned At = 0, typename Word, unsigned Slices>
 BV_INLINE uint32_t crc_stride(const CrcTables<Word, Slices> &tables, uint32_t crc,
                               const uint8_t *data)
 {
-    if constexpr (At == kCrcStride) {
+    if constexpr (At == kCrcStride<Slices>) {
         return crc;
     } else {
         uint32_t word = load_le32(data + At);
@@ -115,7 +116,8 @@ inline Word crc_update(const CrcTables<Word, Slices> &tables, Word crc, const ui
 {
     for (; length > 0 && reinterpret_cast<uintptr_t>(data) % 4 != 0; ++data, --length)
         crc = crc_byte(tables, crc, *data);
-    for (; length >= kCrcStride; data += kCrcStride, length -= kCrcStride)
+    constexpr unsigned kStride = kCrcStride<Slices>;
+    for (; length >= kStride; data += kStride, length -= kStride)
         crc = static_cast<Word>(crc_stride(tables, crc, data));
     for (; length > 0; ++data, --length)
         crc = crc_byte(tables, crc, *data);

@@ -39,8 +39,8 @@ void flush(Output &out)
     out.length = 0;
 }
 
-// Byte by byte: names and values have a few characters, and measuring and copying each one with
-// calls took longer.
+// Byte by byte: names, values and what stands between them have a few characters, and measuring and
+// copying each one with calls took longer.
 void put(Output &out, const char *text)
 {
     char *buffer = out.buffer;
@@ -56,28 +56,18 @@ void put(Output &out, const char *text)
     out.length = length;
 }
 
-// The fixed texts between them: their size is known, so the compiler copies them as a few words.
-template <uint32_t Size>
-void put_literal(Output &out, const char (&text)[Size])
-{
-    if (kBufferSize - out.length < Size)
-        flush(out);
-    __builtin_memcpy(out.buffer + out.length, text, Size - 1);
-    out.length += Size - 1;
-}
-
 void put_parameters(Output &out, const bv_db_family &family)
 {
     bool first = true;
     for (const bv_db_para &para : bv::Parameters(family)) {
         if (!first)
-            put_literal(out, ",\n");
+            put(out, ",\n");
         first = false;
-        put_literal(out, "\t\t\t\t\"");
+        put(out, "\t\t\t\t\"");
         put(out, para.name);
-        put_literal(out, "\":\"");
+        put(out, "\":\"");
         put(out, para.value);
-        put_literal(out, "\"");
+        put(out, "\"");
     }
 }
 
@@ -89,11 +79,11 @@ void put_instance(Output &out, bv_db_family &family, const uint8_t *image, int32
 
     char text[12];
     bv::number_to_text(number, text);
-    put_literal(out, "\t\t{\n\t\t\t\"inst\":\"");
+    put(out, "\t\t{\n\t\t\t\"inst\":\"");
     put(out, text);
-    put_literal(out, "\",\n\t\t\t\"para\":{\n");
+    put(out, "\",\n\t\t\t\"para\":{\n");
     put_parameters(out, family);
-    put_literal(out, "\n\t\t\t}\n\t\t}");
+    put(out, "\n\t\t\t}\n\t\t}");
 }
 
 void put_instances(Output &out, bv_db_family &family)
@@ -104,7 +94,7 @@ void put_instances(Output &out, bv_db_family &family)
     bool first = true;
     for (const bv_db_inst &instance : bv::instances_of(family)) {
         if (!first)
-            put_literal(out, ",\n");
+            put(out, ",\n");
         first = false;
         put_instance(out, family, instance.image, instance.number);
     }
@@ -115,14 +105,14 @@ void put_families(Output &out, bv_list_head &list)
     bool first = true;
     bv::for_each_family(list, [&](bv_db_family &family) {
         if (!first)
-            put_literal(out, ",\n");
+            put(out, ",\n");
         first = false;
         bv::terminate_texts(family);
-        put_literal(out, "\t\"");
+        put(out, "\t\"");
         put(out, family.name);
-        put_literal(out, "\":[\n");
+        put(out, "\":[\n");
         put_instances(out, family);
-        put_literal(out, "\n\t]");
+        put(out, "\n\t]");
     });
 }
 
@@ -146,9 +136,9 @@ int32_t bv_db_user_write(bv_list_head *list, const char *path)
         return BV_ERR_WRITE_OPEN;
 
     Output out(stream.get());
-    put_literal(out, "{\n");
+    put(out, "{\n");
     put_families(out, *list);
-    put_literal(out, "\n}\n");
+    put(out, "\n}\n");
     flush(out);
     return BV_OK; // also with a full disk: memory still holds everything
 }

@@ -26,12 +26,17 @@ int digit_value(char c)
 // An address as bv_os_mac_ntop() writes it, in digits of either case. False for any other text.
 bool read_full_mac(const char *text, uint8_t (&mac)[kMacSize])
 {
-    for (size_t i = 0; i < kMacSize; ++i, text += 3) {
-        const int high = digit_value(text[0]);
-        const int low = high < 0 ? -1 : digit_value(text[1]);
-        if (low < 0 || (text[2] != ':' && i + 1 < kMacSize))
+    for (size_t i = 0; i < kMacSize; ++i) {
+        int value = 0;
+        for (int digits = 0; digits < 2; ++digits) {
+            const int digit = digit_value(*text++);
+            if (digit < 0)
+                return false;
+            value = 16 * value + digit;
+        }
+        mac[i] = static_cast<uint8_t>(value);
+        if (i + 1 < kMacSize && *text++ != ':')
             return false;
-        mac[i] = static_cast<uint8_t>(16 * high + low);
     }
     return true;
 }

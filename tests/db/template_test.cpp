@@ -4,6 +4,7 @@
 #include "db/database.h"
 
 #include "support/capture_stdout.h"
+#include "support/dirty_heap.h"
 
 #include <bv/os.h>
 
@@ -236,6 +237,7 @@ TEST_F(DbTemplate, ElementThatLacksSomethingIsSkipped)
 
 TEST_F(DbTemplate, IncompleteLastElementStaysInItsSlotInvalid)
 {
+    dirty_heap();
     EXPECT_EQ(
         read_elements(element("a") + R"(,{"name":"late","type":"uint","len":2000,"value":"9"})"),
         BV_OK);
@@ -248,6 +250,28 @@ TEST_F(DbTemplate, IncompleteLastElementStaysInItsSlotInvalid)
 }
 
 // Whatever the lengths claim, no allocation is refused: nothing is printed.
+TEST_F(DbTemplate, SlotsWithoutAnElementAreZeros)
+{
+    dirty_heap();
+    EXPECT_EQ(read_elements(element("a") + ",{}," + element("b") + ",{},{}"), BV_OK);
+    ASSERT_EQ(family->para_count, 5);
+    for (int i : {0, 1}) {
+        const bv_db_para &para = family->para[i];
+        EXPECT_EQ(para.valid, 1u);
+        EXPECT_EQ(para.selected, 0u);
+        EXPECT_STREQ(para.name, i == 0 ? "a" : "b");
+        EXPECT_STREQ(para.value, "1");
+    }
+    EXPECT_EQ(family->para[2].valid, 0u);
+    EXPECT_EQ(family->para[2].selected, 0u);
+    EXPECT_EQ(family->para[2].len, 0);
+    EXPECT_STREQ(family->para[2].name, "") << "the slot of {} and {}";
+    EXPECT_STREQ(family->para[2].type, "");
+    EXPECT_STREQ(family->para[2].value, "");
+    const auto *rest = reinterpret_cast<const char *>(&family->para[3]);
+    EXPECT_EQ(std::string(rest, 2 * sizeof(bv_db_para)), std::string(2 * sizeof(bv_db_para), 0));
+}
+
 TEST_F(DbTemplate, LengthsBelow1024AddUpToTheImageSize)
 {
     const struct {

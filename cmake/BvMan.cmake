@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: ISC
-# The man pages, which scripts/man-pages makes from docs/man and the public headers.
+# The man pages, which scripts/man-pages makes from docs/man, docs/formats.md and the public headers.
 find_program(BV_AWK awk NO_CMAKE_FIND_ROOT_PATH)
 mark_as_advanced(BV_AWK)
 if(NOT BV_AWK)
@@ -8,10 +8,10 @@ if(NOT BV_AWK)
 endif()
 
 set(man "${PROJECT_BINARY_DIR}/man")
-file(GLOB sources CONFIGURE_DEPENDS docs/man/* include/bv/*.h)
+file(GLOB sources CONFIGURE_DEPENDS docs/man/* include/bv/*.h scripts/*.awk)
 add_custom_command(OUTPUT "${man}/man3/libbv.3"
   COMMAND "${PROJECT_SOURCE_DIR}/scripts/man-pages" "${man}"
-  DEPENDS ${sources} CHANGELOG.md scripts/man-pages scripts/man-pages.awk scripts/version
+  DEPENDS ${sources} docs/formats.md CHANGELOG.md scripts/man-pages scripts/version
   COMMENT "Making the man pages" VERBATIM)
 add_custom_target(bv_man ALL DEPENDS "${man}/man3/libbv.3")
 

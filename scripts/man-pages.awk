@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: ISC
 # Writes the man pages of section 3 from the comments in the public headers: a page for each header,
 # and for each @name section of a header that has some. Prints each function and variable with its
-# page. scripts/man-pages runs it with the variables folder, version and date (YYYY-MM-DD).
+# page. scripts/man-pages runs it, after roff.awk, with the variables folder, version and date
+# (YYYY-MM-DD).
 #
 # It knows the Doxygen commands and the forms of declarations that the headers use, and fails at any
 # other, so that nothing is left out without notice.
@@ -151,29 +152,6 @@ reading == "declaration" || /^(typedef|BV_API|extern BV_API|static inline) / {
 
 # ---- text ----
 
-function put(line)
-{
-    print line > file
-}
-
-# Characters that roff or a terminal would change.
-function escaped(text)
-{
-    gsub(/\\/, "\\e", text)
-    gsub(/\^/, "\\(ha", text)
-    gsub(/~/, "\\(ti", text)
-    return text
-}
-
-function literal(text)
-{
-    text = escaped(text)
-    gsub(/-/, "\\-", text)
-    gsub(/'/, "\\(aq", text)
-    gsub(/`/, "\\(ga", text)
-    return text ~ /^\./ ? "\\&" text : text
-}
-
 # A word: function names are bold, and a minus is not a hyphen. Remembers the pages that are meant.
 function marked(word,    before, name)
 {
@@ -189,32 +167,6 @@ function marked(word,    before, name)
     if (word ~ /^[("]*-([0-9A-Za-z]|$)/)
         sub(/-/, "\\-", word)
     return word
-}
-
-# Prints a paragraph, each sentence on lines of its own.
-function put_text(text,    count, i, line, word, words)
-{
-    text = escaped(text)
-    while (match(text, /`[^`]+`/))
-        text = substr(text, 1, RSTART - 1) "\\fB" literal(substr(text, RSTART + 1, RLENGTH - 2)) "\\fP" \
-            substr(text, RSTART + RLENGTH)
-    while (match(text, /\*\*[^*]+\*\*/))
-        text = substr(text, 1, RSTART - 1) "\\fB" substr(text, RSTART + 2, RLENGTH - 4) "\\fP" \
-            substr(text, RSTART + RLENGTH)
-    count = split(text, words, " ")
-    line = ""
-    for (i = 1; i <= count; ++i) {
-        word = marked(words[i])
-        if (line != "" && (length(line) + length(word) >= 79 || (line ~ /[.?][)"]*$/ && word ~ /^[("]*[A-Z0-9]/))) {
-            put(line)
-            line = ""
-        }
-        if (line == "" && word ~ /^[.']/)
-            word = "\\&" word
-        line = line (line == "" ? "" : " ") word
-    }
-    if (line != "")
-        put(line)
 }
 
 function capital(text)
@@ -464,10 +416,7 @@ function put_page(page,    i, other, header, title, about)
     file = folder "/" page ".3"
     split("", mentioned)
 
-    put(".Dd " page_date)
-    put(".ds doc-volume-operating-system libbv")
-    put(".Dt " toupper(page) " 3")
-    put(".Os libbv " version)
+    put_head(page, 3)
     put(".Sh NAME")
     other = page
     for (i = 1; i <= item_count; ++i)
@@ -520,9 +469,6 @@ function put_page(page,    i, other, header, title, about)
 END {
     if (failed)
         exit 1
-    split("January February March April May June July August September October November December", months, " ")
-    split(date, day, "-")
-    page_date = months[day[2] + 0] " " (day[3] + 0) ", " day[1]
     for (i = 1; i <= page_count; ++i)
         put_page(pages[i])
     for (i = 1; i <= item_count; ++i) {

@@ -1,368 +1,373 @@
 // SPDX-License-Identifier: ISC
-// Changes of instances: planned first, then made all together or not at all.
+// Changes of instances: planned first, then made all together or not at all. A plan finds instances
+// in a tree, since a walk for each of a thousand would take seconds on the gateway.
 
 #include "service/internal.h"
 
-#include "tools/template/values.h"
+#include <search.h>
 
 namespace {
 
 using namespace bv::service;
 
-bv_db_inst *find_instance(const bv_db_family &family, int32_t number)
+int compare_numbers(const void *a, const void *b)
 {
-    return bv_db_data_get_inst(const_cast<bv_db_family *>(&family), number);
+    const int32_t first = static_cast<const Change *>(a)->number;
+    const int32_t second = static_cast<const Change *>(b)->number;
+    return first < second ? -1 : first > second ? 1 : 0;
 }
 
-uint32_t image_size(const bv_db_family &family)
+void drop_tree(FamilyPlan &plan)
 {
-    return static_cast<uint32_t>(family.image_size);
+    tdestroy(plan.by_number, [](void *) {}); // the list has the changes
+    plan.by_number = nullptr;
 }
 
-int32_t no_memory(Words &words)
+void drop_change(Change *change)
 {
-    return words.refuse(BV_ERR_MEMORY, "no memory");
+    free(change->is);
+    free(change->was);
+    free(change);
 }
 
-// ---- planning ----
-
-// A family that is served, or null with the words set.
-const bv_service_family *find_family(const char *name, bv_db_family *&family, Words &words)
+uint8_t *copy_image(const Family &family, const void *image)
 {
-    const bv_service_family *listed = find_listed(name);
-    if (listed == nullptr)
-        words.refuse(0, "%.80s: no such family", name);
-    else
-        family = bv_db_hash_find(name);
-    return listed;
+    auto *copy = static_cast<uint8_t *>(malloc(family.size()));
+    if (copy != nullptr)
+        memcpy(copy, image, family.size());
+    return copy;
 }
+
+// The change of an instance; a new one if the plan has none. Null without memory.
+Change *change_of(FamilyPlan &plan, int32_t number)
+{
+    Change key = {};
+    key.number = number;
+    void *found = tfind(&key, &plan.by_number, compare_numbers);
+    if (found != nullptr)
+        return *static_cast<Change **>(found);
+    auto *change = static_cast<Change *>(calloc(1, sizeof(Change)));
+    if (change == nullptr)
+        return nullptr;
+    change->number = number;
+    if (tsearch(change, &plan.by_number, compare_numbers) == nullptr) {
+        free(change);
+        return nullptr;
+    }
+    *plan.end = change;
+    plan.end = &change->next;
+    plan.highest = number > plan.highest ? number : plan.highest;
+    return change;
+}
+
+// A plan of a family in which every instance stays. Null without memory.
+FamilyPlan *add_family(Plan &plan, const bv_service_family &listed)
+{
+    auto *added = static_cast<FamilyPlan *>(malloc(sizeof(FamilyPlan)));
+    if (added == nullptr)
+        return nullptr;
+    *added = {nullptr, Family(listed), nullptr, nullptr, nullptr, 0};
+    added->end = &added->first;
+    FamilyPlan **end = &plan.first;
+    while (*end != nullptr)
+        end = &(*end)->next;
+    *end = added;
+    for (bv_db_inst &instance : instances(added->family)) {
+        Change *change = change_of(*added, instance.number);
+        if (change == nullptr)
+            return nullptr;
+        if (change->present == nullptr) // the first of a number counts
+            change->present = &instance;
+    }
+    return added;
+}
+
+// ---- requests and files ----
 
 bool is_file(Meaning meaning)
 {
     return meaning == Meaning::Load || meaning == Meaning::Saved;
 }
 
-// A whole number, in quotes or not. The highest one is refused: the database proposes the number
-// after it for the next instance.
-bool take_number(json_object *value, int32_t &number)
+// The number that an element of a request names, or for a new instance the next one. The highest of
+// all is refused: the database proposes the one after it.
+int32_t take_number(const FamilyPlan &plan, json_object *inst, Meaning meaning, int32_t &number,
+                    Words &words)
 {
-    const char *text = bv_json_object_get_string(value);
-    int64_t wide;
-    if (text == nullptr || !tools::parse_decimal(text, wide) || wide < INT32_MIN ||
-        wide >= INT32_MAX)
-        return false;
-    number = static_cast<int32_t>(wide);
-    return true;
-}
-
-// The number after the highest one in use, or 0 if no number is left.
-int32_t next_number(const Plan &plan, const bv_db_family &family)
-{
-    int32_t highest = 0;
-    for (const bv_db_inst &instance : instances(family))
-        if (instance.number > highest)
-            highest = instance.number;
-    for (uint32_t i = 0; i < plan.count; ++i)
-        if (plan.changes[i].family == &family && plan.changes[i].instance > highest)
-            highest = plan.changes[i].instance;
-    return highest < INT32_MAX - 1 ? highest + 1 : 0;
-}
-
-// The number of an element's instance, which must suit what is meant.
-int32_t take_instance(const Plan &plan, const bv_db_family &family, json_object *inst,
-                      Meaning meaning, int32_t &number, Words &words)
-{
-    const char *text = bv_json_object_get_string(inst);
-    if (meaning == Meaning::Add && text != nullptr && *text == '\0') {
-        number = next_number(plan, family);
-        return number != 0 ? BV_OK : words.refuse(BV_ERR_FULL, "%s: no number left", family.name);
+    size_t length;
+    const char *text = text_of(inst, length);
+    if (meaning == Meaning::Add && text != nullptr && length == 0) {
+        number = plan.highest + 1;
+        return plan.highest < INT32_MAX - 1
+                   ? BV_OK
+                   : words.refuse(BV_ERR_FULL, "%s: no number left", plan.family.name());
     }
-    if (!take_number(inst, number))
-        return words.refuse(BV_ERR_INVALID, "%s: \"inst\" must be a number", family.name);
-    const bool exists = find_instance(family, number) != nullptr;
-    if (meaning == Meaning::Set && !exists)
-        return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", family.name, number);
-    if (meaning == Meaning::Add && exists)
-        return words.refuse(BV_ERR_EXISTS, "%s.%d: exists already", family.name, number);
-    if (find_change(plan, family, number) != nullptr)
-        return words.refuse(BV_ERR_INVALID, "%s.%d: named twice", family.name, number);
+    return number_of(inst, number) && number != INT32_MAX
+               ? BV_OK
+               : words.refuse(BV_ERR_INVALID, "%s: an instance needs a number", plan.family.name());
+}
+
+// Whether an instance may be changed in the way that is meant.
+int32_t check_instance(const FamilyPlan &plan, const Change &change, Meaning meaning, Words &words)
+{
+    const char *name = plan.family.name();
+    const bool is_added = meaning == Meaning::Add;
+    if (change.named)
+        return words.refuse(BV_ERR_INVALID, "%s.%d: named twice", name, change.number);
+    if (is_added && change.present != nullptr)
+        return words.refuse(BV_ERR_EXISTS, "%s.%d: already exists", name, change.number);
+    if (!is_added && meaning != Meaning::Import && change.present == nullptr)
+        return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", name, change.number);
     return BV_OK;
 }
 
-// In a file, a parameter that an element lacks is as in the element before.
-const uint8_t *base_image(const Plan &plan, const bv_db_family &family, Meaning meaning,
-                          int32_t number)
-{
-    if (meaning == Meaning::Set)
-        return find_instance(family, number)->image;
-    const bool is_next =
-        is_file(meaning) && plan.count != 0 && plan.changes[plan.count - 1].family == &family;
-    return is_next ? plan.changes[plan.count - 1].is : family.default_image;
-}
-
-// Sets what the "para" of an element names. What does not fit takes its default when it is from a
-// file, and refuses a request.
-int32_t take_values(const bv_db_family &family, uint8_t *image, json_object *para, Meaning meaning,
+// Sets what the "para" of an element names.
+int32_t take_values(const Family &family, uint8_t *image, json_object *para, Meaning meaning,
                     Words &words)
 {
     for (const Members::Member member : Members{para}) {
         if (is_file(meaning) && member.value == nullptr)
             continue;
         const int32_t status = set_value(family, image, member, words);
-        if (status != BV_OK && !is_file(meaning))
+        if (status == BV_OK)
+            continue;
+        if (!is_file(meaning))
             return status;
-        int32_t at;
-        const bv_db_para *unfit =
-            status == BV_OK ? nullptr : find_parameter(family, member.name, at);
-        if (unfit != nullptr)
-            memcpy(image + at, family.default_image + at, static_cast<size_t>(unfit->len));
-        if (status != BV_OK && meaning == Meaning::Load)
+        set_default(family, image, member.name);
+        if (meaning == Meaning::Load)
             note("%s: the value in the file is left out", words.text);
     }
     return BV_OK;
 }
 
-int32_t plan_element(Plan &plan, const bv_service_family &listed, bv_db_family &family,
-                     json_object *element, Meaning meaning, Words &words)
+// In a file, a parameter that an element lacks is as in the element before.
+int32_t plan_element(FamilyPlan &plan, json_object *element, Meaning meaning,
+                     const uint8_t *&before, Words &words)
 {
-    const bool is_object = bv_json_object_is_type(element, json_type_object) != 0;
-    json_object *inst = is_object ? bv_json_object_object_get(element, "inst") : nullptr;
+    const bool is_delete = meaning == Meaning::Delete;
+    json_object *inst = is_delete ? element : bv_json_object_object_get(element, "inst");
     json_object *para = nullptr;
-    const bool has_para = is_object && json_object_object_get_ex(element, "para", &para) != 0;
+    const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
+    int32_t number = bv_json_object_get_int(inst);
     if (is_file(meaning) && (inst == nullptr || para == nullptr))
         return BV_OK;
-    if (!is_file(meaning) &&
-        (!is_object || (has_para && bv_json_object_is_type(para, json_type_object) == 0)))
-        return words.refuse(BV_ERR_INVALID, "%s: an instance is {\"inst\":..., \"para\":{...}}",
-                            family.name);
-    int32_t number = bv_json_object_get_int(inst);
-    int32_t status =
-        is_file(meaning) ? BV_OK : take_instance(plan, family, inst, meaning, number, words);
+    if (!is_file(meaning) && has_para && bv_json_object_is_type(para, json_type_object) == 0)
+        return words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object", plan.family.name());
+    int32_t status = is_file(meaning) ? BV_OK : take_number(plan, inst, meaning, number, words);
     if (status != BV_OK)
         return status;
+    Change *change = change_of(plan, number);
+    if (change == nullptr)
+        return words.no_memory();
+    if (!is_file(meaning))
+        status = check_instance(plan, *change, meaning, words);
+    change->named = true;
+    if (status != BV_OK || is_delete)
+        return status;
 
-    uint8_t *image = copy_image(family, base_image(plan, family, meaning, number));
-    Change *known = find_change(plan, family, number);
+    const uint8_t *base = plan.family.record->default_image;
+    if (meaning == Meaning::Set)
+        base = change->present->image;
+    else if (is_file(meaning) && before != nullptr)
+        base = before;
+    uint8_t *image = copy_image(plan.family, base);
     if (image == nullptr)
-        return no_memory(words);
-    if (known != nullptr) {
-        free(known->is);
-        known->is = image;
-    } else if (!add_change(plan, listed, family, number, image)) {
-        return no_memory(words);
-    }
-    return take_values(family, image, para, meaning, words);
+        return words.no_memory();
+    free(change->is); // a file may name an instance twice
+    before = change->is = image;
+    return take_values(plan.family, image, para, meaning, words);
 }
-
-} // namespace
-
-int32_t bv::service::plan_family(Plan &plan, const char *name, json_object *elements,
-                                 Meaning meaning, Words &words)
-{
-    bv_db_family *family;
-    const bv_service_family *listed = find_family(name, family, words);
-    if (listed == nullptr)
-        return BV_ERR_NO_FAMILY;
-    const bool is_array = bv_json_object_is_type(elements, json_type_array) != 0;
-    if (!is_array && !is_file(meaning))
-        return words.refuse(BV_ERR_INVALID, "%s: an array of instances is expected", name);
-    const size_t count = is_array ? bv_json_object_array_length(elements) : 0;
-    for (size_t i = 0; i < count; ++i) {
-        const int32_t status = plan_element(
-            plan, *listed, *family, bv_json_object_array_get_idx(elements, i), meaning, words);
-        if (status != BV_OK)
-            return status;
-    }
-    if (meaning == Meaning::Import && !add_removals(plan, *listed, *family))
-        return no_memory(words);
-    return BV_OK;
-}
-
-namespace {
 
 // ---- making ----
 
-bool differs(const Change &change)
+bool differs(const Family &family, const Change &change)
 {
-    const bv_db_inst *instance = find_instance(*change.family, change.instance);
-    if (change.is == nullptr || instance == nullptr)
-        return change.is != nullptr || instance != nullptr;
-    return !same_values(*change.family, instance->image, change.is);
+    if (!change.named)
+        return false;
+    if (change.is == nullptr || change.present == nullptr)
+        return change.is != nullptr || change.present != nullptr;
+    return !same_values(family, change.present->image, change.is);
 }
 
-int32_t ask_checks(const Plan &plan, Words &words)
+// Copies what the instances are now, and adds the new ones: all that needs memory.
+bool prepare(FamilyPlan &plan)
 {
-    for (uint32_t i = 0; i < plan.count; ++i) {
-        const Change &change = plan.changes[i];
-        if (change.listed->check == nullptr)
-            continue;
-        const bv_db_inst *instance = find_instance(*change.family, change.instance);
-        const uint32_t status =
-            change.listed->check(instance == nullptr ? nullptr : instance->image, change.is,
-                                 static_cast<uint32_t>(change.instance));
-        if (status != 0)
-            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
-                                change.family->name, change.instance);
-    }
-    return BV_OK;
-}
-
-// Copies what the instances are now, and adds the new ones: all that needs memory. Undone when
-// there is not enough.
-bool prepare(Plan &plan)
-{
-    uint32_t i = 0;
-    for (; i < plan.count; ++i) {
-        Change &change = plan.changes[i];
-        const bv_db_inst *instance = find_instance(*change.family, change.instance);
-        if (instance != nullptr) {
-            change.was = copy_image(*change.family, instance->image);
-            if (change.was == nullptr)
-                break;
-        } else if (bv_db_inst_add(change.family->name, change.is, image_size(*change.family),
-                                  static_cast<uint32_t>(change.instance)) != BV_OK) {
-            break;
+    bv_db_family *record = plan.family.record;
+    for (Change *change = plan.first; change != nullptr; change = change->next) {
+        if (change->present != nullptr) {
+            change->was = copy_image(plan.family, change->present->image);
+            if (change->was == nullptr)
+                return false;
+        } else {
+            if (bv_db_data_add_inst(record, change->is, plan.family.size(), change->number) !=
+                BV_OK)
+                return false;
+            change->present = &bv::record_of<bv_db_inst>(record->inst_list.prev);
+            change->added = true;
         }
     }
-    if (i == plan.count)
-        return true;
-    while (i-- > 0)
-        if (plan.changes[i].was == nullptr)
-            bv_db_inst_del(plan.changes[i].family->name,
-                           static_cast<uint32_t>(plan.changes[i].instance));
-    return false;
+    return true;
 }
 
-void finish(const Change &change)
+void take_back(FamilyPlan &plan)
 {
-    const auto number = static_cast<uint32_t>(change.instance);
-    if (change.is == nullptr)
-        bv_db_inst_del(change.family->name, number);
-    else if (change.was != nullptr)
-        bv_db_write(change.family->name, change.is, image_size(*change.family), number);
+    for (Change *change = plan.first; change != nullptr; change = change->next)
+        if (change->added)
+            bv_db_data_del_inst(plan.family.record, change->present);
 }
 
-void tell(const Plan &plan)
+void finish(FamilyPlan &plan)
 {
-    for (uint32_t i = 0; i < plan.count; ++i) {
-        const Change &change = plan.changes[i];
-        if (change.listed->changed != nullptr)
-            change.listed->changed(change.was, change.is, static_cast<uint32_t>(change.instance));
-        // The changes of a family are together.
-        if (i + 1 == plan.count || plan.changes[i + 1].listed != change.listed)
-            announce(*change.listed);
+    bv_db_family *record = plan.family.record;
+    for (Change *change = plan.first; change != nullptr; change = change->next) {
+        if (change->is == nullptr)
+            bv_db_data_del_inst(record, change->present);
+        else
+            bv_db_data_set_context(record, change->present, change->is, plan.family.size());
     }
+}
+
+// A callback may change the families again, so the instances are not looked at any more.
+void tell(const FamilyPlan &plan)
+{
+    const bv_service_family &listed = *plan.family.listed;
+    for (const Change *change = plan.first; change != nullptr; change = change->next)
+        if (listed.changed != nullptr)
+            listed.changed(change->was, change->is, static_cast<uint32_t>(change->number));
+    if (plan.first != nullptr)
+        announce(listed);
 }
 
 } // namespace
 
 bv::service::Plan::~Plan()
 {
-    for (uint32_t i = 0; i < count; ++i) {
-        free(changes[i].is);
-        free(changes[i].was);
-    }
-    free(changes);
-}
-
-void bv::service::drop_equal(Plan &plan)
-{
-    uint32_t kept = 0;
-    for (uint32_t i = 0; i < plan.count; ++i) {
-        if (differs(plan.changes[i]))
-            plan.changes[kept++] = plan.changes[i];
-        else
-            free(plan.changes[i].is);
-    }
-    plan.count = kept;
-}
-
-uint8_t *bv::service::copy_image(const bv_db_family &family, const void *image)
-{
-    auto *copy = static_cast<uint8_t *>(malloc(image_size(family)));
-    if (copy != nullptr)
-        memcpy(copy, image, image_size(family));
-    return copy;
-}
-
-bool bv::service::add_change(Plan &plan, const bv_service_family &listed, bv_db_family &family,
-                             int32_t instance, uint8_t *is)
-{
-    if (plan.count == plan.capacity) {
-        const uint32_t capacity = 2 * plan.capacity + 8;
-        auto *grown = static_cast<Change *>(realloc(plan.changes, capacity * sizeof(Change)));
-        if (grown == nullptr) {
-            free(is);
-            return false;
+    while (first != nullptr) {
+        FamilyPlan *next = first->next;
+        drop_tree(*first);
+        for (Change *change = first->first; change != nullptr;) {
+            Change *after = change->next;
+            drop_change(change);
+            change = after;
         }
-        plan.changes = grown;
-        plan.capacity = capacity;
+        free(first);
+        first = next;
     }
-    plan.changes[plan.count++] = {&listed, &family, instance, is, nullptr};
-    return true;
 }
 
-Change *bv::service::find_change(const Plan &plan, const bv_db_family &family, int32_t instance)
+int32_t bv::service::plan_family(Plan &plan, const bv_service_family &listed, json_object *elements,
+                                 Meaning meaning, Words &words)
 {
-    for (uint32_t i = plan.count; i-- > 0;)
-        if (plan.changes[i].family == &family && plan.changes[i].instance == instance)
-            return &plan.changes[i];
-    return nullptr;
+    FamilyPlan *family = add_family(plan, listed);
+    if (family == nullptr)
+        return words.no_memory();
+    if (!is_file(meaning) && bv_json_object_is_type(elements, json_type_array) == 0)
+        return words.refuse(BV_ERR_INVALID, "%s: an array of instances is expected", listed.name);
+    const uint8_t *before = nullptr;
+    const size_t count = count_of(elements);
+    for (size_t i = 0; i < count; ++i) {
+        const int32_t status = plan_element(*family, bv_json_object_array_get_idx(elements, i),
+                                            meaning, before, words);
+        if (status != BV_OK)
+            return status;
+    }
+    if (is_file(meaning) && before == nullptr) {
+        Change *only = change_of(*family, 1);
+        if (only != nullptr)
+            only->is = copy_image(family->family, family->family.record->default_image);
+        if (only == nullptr || only->is == nullptr)
+            return words.no_memory();
+    }
+    // What an import or a file does not name goes.
+    if (is_file(meaning) || meaning == Meaning::Import)
+        for (Change *change = family->first; change != nullptr; change = change->next)
+            change->named = true;
+    return BV_OK;
 }
 
-bool bv::service::add_removals(Plan &plan, const bv_service_family &listed, bv_db_family &family)
-{
-    for (const bv_db_inst &instance : instances(family))
-        if (find_change(plan, family, instance.number) == nullptr &&
-            !add_change(plan, listed, family, instance.number, nullptr))
-            return false;
-    return true;
-}
-
-int32_t bv::service::plan_from_json(Plan &plan, json_object *data, Meaning meaning, Words &words)
+int32_t bv::service::plan_request(Plan &plan, json_object *data, Meaning meaning, Words &words)
 {
     if (bv_json_object_is_type(data, json_type_object) == 0)
         return words.refuse(BV_ERR_INVALID, "an object of families is expected");
     for (const Members::Member member : Members{data}) {
-        const int32_t status = plan_family(plan, member.name, member.value, meaning, words);
+        const bv_service_family *listed = find_listed(member.name);
+        const int32_t status =
+            listed == nullptr ? words.refuse(BV_ERR_NO_FAMILY, "%.80s: no such family", member.name)
+                              : plan_family(plan, *listed, member.value, meaning, words);
         if (status != BV_OK)
             return status;
     }
     return BV_OK;
 }
 
-int32_t bv::service::plan_one(Plan &plan, const char *family, const void *image_or_null,
-                              int32_t instance, Words &words)
+int32_t bv::service::plan_instance(Plan &plan, const char *family, int32_t number,
+                                   const void *image, Words &words)
 {
-    bv_db_family *found;
-    const bv_service_family *listed = find_family(family, found, words);
+    const bv_service_family *listed = find_listed(family);
     if (listed == nullptr)
-        return BV_ERR_NO_FAMILY;
-    if (image_or_null == nullptr) {
-        if (find_instance(*found, instance) == nullptr)
-            return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", family, instance);
-        return add_change(plan, *listed, *found, instance, nullptr) ? BV_OK : no_memory(words);
-    }
-    const int32_t status = check_image(*found, static_cast<const uint8_t *>(image_or_null), words);
+        return words.refuse(BV_ERR_NO_FAMILY, "%.80s: no such family", family);
+    FamilyPlan *one = add_family(plan, *listed);
+    Change *change = one != nullptr ? change_of(*one, number) : nullptr;
+    if (change == nullptr)
+        return words.no_memory();
+    change->named = true;
+    if (image == nullptr)
+        return change->present != nullptr
+                   ? BV_OK
+                   : words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", family, number);
+    const int32_t status = check_image(one->family, static_cast<const uint8_t *>(image), words);
     if (status != BV_OK)
         return status;
-    uint8_t *image = copy_image(*found, image_or_null);
-    return image != nullptr && add_change(plan, *listed, *found, instance, image)
-               ? BV_OK
-               : no_memory(words);
+    change->is = copy_image(one->family, image);
+    return change->is != nullptr ? BV_OK : words.no_memory();
 }
 
-int32_t bv::service::make(Plan &plan, Words &words, bool ask)
+void bv::service::drop_equal(Plan &plan)
+{
+    for (FamilyPlan *family = plan.first; family != nullptr; family = family->next) {
+        drop_tree(*family);
+        for (Change **at = &family->first; *at != nullptr;) {
+            Change *change = *at;
+            if (differs(family->family, *change)) {
+                at = &change->next;
+            } else {
+                *at = change->next;
+                drop_change(change);
+            }
+        }
+    }
+}
+
+int32_t bv::service::check(Plan &plan, Words &words)
 {
     drop_equal(plan);
-    const int32_t status = ask ? ask_checks(plan, words) : BV_OK;
-    if (status != BV_OK)
-        return status;
-    if (!prepare(plan))
-        return no_memory(words);
-    for (uint32_t i = 0; i < plan.count; ++i)
-        finish(plan.changes[i]);
-    tell(plan);
+    for (const FamilyPlan *family = plan.first; family != nullptr; family = family->next) {
+        const bv_service_family &listed = *family->family.listed;
+        for (const Change *change = family->first; change != nullptr; change = change->next) {
+            const uint8_t *was = change->present != nullptr ? change->present->image : nullptr;
+            const uint32_t status =
+                listed.check == nullptr
+                    ? 0
+                    : listed.check(was, change->is, static_cast<uint32_t>(change->number));
+            if (status != 0)
+                return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
+                                    listed.name, change->number);
+        }
+    }
+    return BV_OK;
+}
+
+int32_t bv::service::make(Plan &plan, Words &words, bool silent)
+{
+    bool ready = true;
+    for (FamilyPlan *family = plan.first; family != nullptr; family = family->next)
+        ready = ready && prepare(*family);
+    for (FamilyPlan *family = plan.first; family != nullptr; family = family->next)
+        ready ? finish(*family) : take_back(*family);
+    if (!ready)
+        return words.no_memory();
+    for (const FamilyPlan *family = plan.first; family != nullptr && !silent; family = family->next)
+        tell(*family);
     return BV_OK;
 }
 
@@ -370,8 +375,8 @@ int32_t bv_service_change(const char *family, const void *image, uint32_t instan
 {
     Plan plan;
     Words words;
-    const int32_t status =
-        family == nullptr ? BV_ERR_NO_FAMILY
-                          : plan_one(plan, family, image, static_cast<int32_t>(instance), words);
+    int32_t status = plan_instance(plan, family, static_cast<int32_t>(instance), image, words);
+    if (status == BV_OK)
+        status = check(plan, words);
     return status == BV_OK ? make(plan, words) : status;
 }

@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: ISC
-// The caller's half: finds owners, asks them for parts until the answer is whole, and converts
-// between the caller's structures and the texts of the messages as the owner describes the family.
+// The caller's half: finds owners, and asks them for parts until the answer is whole. Structures
+// are sent as they are: owner and caller run on the same machine.
 //
 // Nothing is remembered about an owner but its name, so a restart of the owner or of the bus shows
 // in nothing but the time of the call.
 
 #include "service/internal.h"
-
-#include "db/types.h"
-#include "os/owned.h"
 
 #include <poll.h>
 
@@ -42,30 +39,6 @@ int64_t now_ms()
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-// Owns what json-c made of a text.
-class Json {
-public:
-    explicit Json(const char *text = nullptr) { parse(text); }
-    ~Json() { bv_json_object_put(object_); }
-    Json(const Json &) = delete;
-    Json &operator=(const Json &) = delete;
-
-    void parse(const char *text)
-    {
-        bv_json_object_put(object_);
-        object_ = text != nullptr ? bv_json_tokener_parse(text) : nullptr;
-    }
-    json_object *get() const { return object_; }
-
-private:
-    json_object *object_ = nullptr;
-};
-
-bool is_object(json_object *value)
-{
-    return bv_json_object_is_type(value, json_type_object) != 0;
-}
-
 // ---- the connection ----
 
 void on_lost(ubus_context *connection)
@@ -89,7 +62,7 @@ bool connect(Client &client)
     struct sigaction interrupted, terminated;
     sigaction(SIGINT, nullptr, &interrupted);
     sigaction(SIGTERM, nullptr, &terminated);
-    client.connection = bv_ubus_connect(nullptr);
+    client.connection = is_bus_alive(-1) ? bv_ubus_connect(nullptr) : nullptr;
     sigaction(SIGINT, &interrupted, nullptr);
     sigaction(SIGTERM, &terminated, nullptr);
     client.listener = {};
@@ -124,12 +97,7 @@ struct Request {
 
 bool is_read(const Request &request)
 {
-    static constexpr const char *kReads[] = {"families",  "get",      "saved",
-                                             "functions", "counters", "status"};
-    for (const char *op : kReads)
-        if (strcmp(op, request.op) == 0)
-            return true;
-    return strcmp(request.op, "debug") == 0 && request.data == nullptr;
+    return bv::service::is_read(request.op, request.data != nullptr);
 }
 
 struct Reply {
@@ -312,7 +280,7 @@ int32_t find_owner(Client &client, const char *family, char *owner)
     Names names;
     Text quoted;
     int32_t status = list_services(client, names);
-    quoted.put_quoted(family);
+    quoted.quote(family);
     if (status != BV_OK || quoted.failed)
         return status != BV_OK ? status : BV_ERR_MEMORY;
     status = BV_ERR_NO_FAMILY;
@@ -320,7 +288,7 @@ int32_t find_owner(Client &client, const char *family, char *owner)
         Text answer;
         if (status == BV_OK)
             return;
-        const int32_t result = ask(client, service, {"families", quoted.bytes}, answer);
+        const int32_t result = ask(client, service, {"counters", quoted.bytes}, answer);
         if (result == BV_OK)
             snprintf(owner, kMaxServiceName + 1, "%s", service);
         if (result == BV_OK || result == UBUS_STATUS_CONNECTION_FAILED)
@@ -342,22 +310,9 @@ bool is_away(const Client &client, int32_t status)
            (client.service[0] == '\0' && status == BV_ERR_NO_FAMILY);
 }
 
-// One call of the interface.
-struct Job {
-    int32_t (*run)(Client &client, const char *owner, const Job &job);
-    const char *family;
-    // What get and set have:
-    void *image;
-    uint32_t size;
-    int32_t instance;
-    // What a request has:
-    Request request;
-    Text *answer;
-};
-
-// Runs a job at the family's owner, and again as long as the owner is away and the client waits. A
-// change is not sent twice.
-int32_t at_owner(Client &client, const Job &job)
+// Asks the family's owner, and again as long as it is away and the client waits. A change is not
+// sent twice.
+int32_t ask_owner(Client &client, const char *family, const Request &request, Text &answer)
 {
     const int64_t deadline = now_ms() + client.wait_ms;
     for (;;) {
@@ -367,10 +322,10 @@ int32_t at_owner(Client &client, const Job &job)
         client.was_sent = false;
         int32_t status = BV_OK;
         if (owner[0] == '\0')
-            status = job.family != nullptr ? find_owner(client, job.family, owner)
-                                           : static_cast<int32_t>(UBUS_STATUS_NOT_FOUND);
+            status = family != nullptr ? find_owner(client, family, owner)
+                                       : static_cast<int32_t>(UBUS_STATUS_NOT_FOUND);
         if (status == BV_OK)
-            status = job.run(client, owner, job);
+            status = ask(client, owner, request, answer);
         const int64_t left = deadline - now_ms();
         if (!is_away(client, status) || client.was_sent || left <= 0)
             return status;
@@ -378,7 +333,25 @@ int32_t at_owner(Client &client, const Job &job)
     }
 }
 
-// The family that a request names first, as far as it fits: the first text in the data.
+// Asks about one image: {"family":"lan.json","inst":"1", and how many bytes or which.
+int32_t ask_image(Client &client, const char *family, uint32_t instance, uint32_t size,
+                  const void *image, Text &answer)
+{
+    Text data;
+    data.put("{\"family\":");
+    data.quote(family);
+    data.item("\"inst\":\"%" PRId32 "\",\"size\":%" PRIu32, static_cast<int32_t>(instance), size);
+    if (image != nullptr) {
+        data.put(",\"image\":");
+        data.hex(static_cast<const uint8_t *>(image), size);
+    }
+    data.put("}");
+    return data.failed ? BV_ERR_MEMORY
+                       : ask_owner(client, family, {image != nullptr ? "put" : "image", data.bytes},
+                                   answer);
+}
+
+// The family that the data of a request names first: its first text. Null if it has none.
 const char *family_in(const char *data, char (&family)[1024])
 {
     const char *start = data != nullptr ? strchr(data, '"') : nullptr;
@@ -387,166 +360,6 @@ const char *family_in(const char *data, char (&family)[1024])
         return nullptr;
     snprintf(family, sizeof(family), "%.*s", static_cast<int>(end - start - 1), start + 1);
     return family;
-}
-
-// ---- typed access ----
-
-// A family as its owner describes it, in a record of the database's form.
-class Described {
-public:
-    Described() = default;
-    ~Described() { free(family_.para); }
-    Described(const Described &) = delete;
-    Described &operator=(const Described &) = delete;
-
-    bv_db_family &family() { return family_; }
-    bool is_hidden() const { return is_hidden_; }
-
-    // False when the description is not one, or memory is short.
-    bool read(const char *name, json_object *description)
-    {
-        json_object *para = bv_json_object_object_get(description, "para");
-        if (!bv_json_object_is_type(para, json_type_array))
-            return false;
-        const size_t count = bv_json_object_array_length(para);
-        if (count > bv::kMaxParameters || strlen(name) >= sizeof(family_.name))
-            return false;
-        family_.para = static_cast<bv_db_para *>(calloc(count + 1, sizeof(bv_db_para)));
-        if (family_.para == nullptr)
-            return false;
-        memcpy(family_.name, name, strlen(name) + 1);
-        family_.para_count = static_cast<int32_t>(count);
-        for (size_t i = 0; i < count; ++i)
-            if (!read_parameter(family_.para[i], bv_json_object_array_get_idx(para, i)))
-                return false;
-        is_hidden_ = json_object_get_boolean(bv_json_object_object_get(description, "hidden")) != 0;
-        return true;
-    }
-
-private:
-    static bool copy(char (&to)[1024], json_object *from)
-    {
-        const char *text = bv_json_object_get_string(from);
-        if (text == nullptr || strlen(text) >= sizeof(to))
-            return false;
-        memcpy(to, text, strlen(text) + 1);
-        return true;
-    }
-
-    bool read_parameter(bv_db_para &to, json_object *from)
-    {
-        to.valid = 1;
-        to.len = bv_json_object_get_int(bv_json_object_object_get(from, "len"));
-        if (!copy(to.name, bv_json_object_object_get(from, "name")) ||
-            !copy(to.type, bv_json_object_object_get(from, "type")))
-            return false;
-        const bv::ParameterType *type = bv::find_type(to.type);
-        if (type == nullptr || to.len < 1 || to.len > bv::kMaxParameterLength ||
-            (type->size != 0 && to.len != type->size))
-            return false;
-        family_.image_size += to.len;
-        return true;
-    }
-
-    bv_db_family family_ = {};
-    bool is_hidden_ = false;
-};
-
-int32_t malformed(Client &client, const char *service)
-{
-    return client.words.refuse(UBUS_STATUS_PARSE_ERROR, "the answer of %s makes no sense", service);
-}
-
-int32_t describe(Client &client, const char *service, const char *name, uint32_t size,
-                 Described &described)
-{
-    Text quoted, answer;
-    quoted.put_quoted(name);
-    if (quoted.failed)
-        return BV_ERR_MEMORY;
-    const int32_t status = ask(client, service, {"families", quoted.bytes}, answer);
-    if (status != BV_OK)
-        return status;
-    const Json families(answer.bytes);
-    if (!described.read(name, bv_json_object_object_get(families.get(), name)))
-        return malformed(client, service);
-    if (static_cast<uint32_t>(described.family().image_size) != size)
-        return client.words.refuse(BV_ERR_INVALID,
-                                   "%s has %" PRId32 " bytes in %s, and %" PRIu32
-                                   " here: one of the two programs is older",
-                                   name, described.family().image_size, service, size);
-    return BV_OK;
-}
-
-// Fills an image from {"NAME":[{"inst":..,"para":{..}}]}.
-int32_t fill_image(Client &client, const char *service, bv_db_family &family, const char *answer,
-                   uint8_t *image)
-{
-    const Json parsed(answer);
-    json_object *instances = bv_json_object_object_get(parsed.get(), family.name);
-    if (!bv_json_object_is_type(instances, json_type_array))
-        return malformed(client, service);
-    json_object *values =
-        bv_json_object_object_get(bv_json_object_array_get_idx(instances, 0), "para");
-    for (const bv_db_para &para : parameters(family)) {
-        const char *text = bv_json_object_get_string(bv_json_object_object_get(values, para.name));
-        if (text == nullptr ||
-            set_value(family, image, para.name, text, strlen(text), client.words) != BV_OK)
-            return malformed(client, service);
-    }
-    return BV_OK;
-}
-
-int32_t get_at(Client &client, const char *service, const Job &job)
-{
-    Described described;
-    int32_t status = describe(client, service, job.family, job.size, described);
-    if (status != BV_OK)
-        return status;
-    if (described.is_hidden())
-        return client.words.refuse(UBUS_STATUS_PERMISSION_DENIED, "%s hides the values of %s",
-                                   service, job.family);
-    Text data, answer;
-    data.put("{");
-    data.put_quoted(job.family);
-    data.print(":[\"%" PRId32 "\"]}", job.instance);
-    const bv::Owned<void *, nullptr, free> filled(calloc(1, job.size));
-    if (data.failed || !filled)
-        return BV_ERR_MEMORY;
-    status = ask(client, service, {"get", data.bytes}, answer);
-    if (status == BV_OK)
-        status = fill_image(client, service, described.family(), answer.bytes,
-                            static_cast<uint8_t *>(filled.get()));
-    if (status == BV_OK)
-        memcpy(job.image, filled.get(), job.size);
-    return status;
-}
-
-int32_t set_at(Client &client, const char *service, const Job &job)
-{
-    Described described;
-    const auto *image = static_cast<const uint8_t *>(job.image);
-    int32_t status = describe(client, service, job.family, job.size, described);
-    if (status == BV_OK)
-        status = check_image(described.family(), image, client.words);
-    if (status != BV_OK)
-        return status;
-    Text data, answer;
-    data.put("{");
-    data.put_quoted(job.family);
-    data.put(":[");
-    put_instance(data, described.family(), image, job.instance, false);
-    data.put("]}");
-    if (data.failed)
-        return BV_ERR_MEMORY;
-    status = ask(client, service, {"set", data.bytes}, answer);
-    return status == BV_ERR_NO_INSTANCE ? ask(client, service, {"add", data.bytes}, answer)
-                                        : status;
-}
-
-int32_t request_at(Client &client, const char *service, const Job &job)
-{
-    return ask(client, service, job.request, *job.answer);
 }
 
 // ---- watching ----
@@ -627,17 +440,15 @@ private:
         const int32_t status = ask(client_, service, {"counters", nullptr}, answer);
         if (status != BV_OK)
             return status;
-        const Json counters(answer.bytes);
-        if (!is_object(counters.get()))
-            return malformed(client_, service);
+        const bv::JsonTree counters(bv_json_tokener_parse(answer.bytes));
         bool found = family_ == nullptr;
-        json_object_object_foreach(counters.get(), family, count)
-        {
-            if (family_ != nullptr && strcmp(family, family_) != 0)
+        for (const Members::Member member : Members{counters.get()}) {
+            if (family_ != nullptr && strcmp(member.name, family_) != 0)
                 continue;
             found = true;
-            if (client_.is_watching && is_new(service, family, bv_json_object_get_string(count)))
-                changed_(service, family, priv_);
+            if (client_.is_watching &&
+                is_new(service, member.name, bv_json_object_get_string(member.value)))
+                changed_(service, member.name, priv_);
         }
         found_ = found_ || found;
         return found ? BV_OK : BV_ERR_NO_FAMILY;
@@ -724,8 +535,15 @@ int32_t bv_service_get(struct bv_service_client *client, const char *family, voi
 {
     if (client == nullptr || family == nullptr || image == nullptr)
         return BV_ERR_NULL;
-    return at_owner(*client,
-                    {get_at, family, image, size, static_cast<int32_t>(instance), {}, nullptr});
+    Text answer;
+    const int32_t status = ask_image(*client, family, instance, size, nullptr, answer);
+    if (status != BV_OK)
+        return status;
+    const char *digits = answer.bytes != nullptr ? answer.bytes + 1 : "";
+    if (strspn(digits, "0123456789abcdef") != size_t{2} * size)
+        return client->words.refuse(UBUS_STATUS_PARSE_ERROR, "the answer makes no sense");
+    read_hex(digits, static_cast<uint8_t *>(image), size);
+    return BV_OK;
 }
 
 int32_t bv_service_set(struct bv_service_client *client, const char *family, const void *image,
@@ -733,13 +551,8 @@ int32_t bv_service_set(struct bv_service_client *client, const char *family, con
 {
     if (client == nullptr || family == nullptr || image == nullptr)
         return BV_ERR_NULL;
-    return at_owner(*client, {set_at,
-                              family,
-                              const_cast<void *>(image),
-                              size,
-                              static_cast<int32_t>(instance),
-                              {},
-                              nullptr});
+    Text answer;
+    return ask_image(*client, family, instance, size, image, answer);
 }
 
 int32_t bv_service_request(struct bv_service_client *client, const char *op, const char *data,
@@ -751,8 +564,7 @@ int32_t bv_service_request(struct bv_service_client *client, const char *op, con
         return BV_ERR_NULL;
     char family[1024];
     Text text;
-    const int32_t status =
-        at_owner(*client, {request_at, family_in(data, family), nullptr, 0, 0, {op, data}, &text});
+    const int32_t status = ask_owner(*client, family_in(data, family), {op, data}, text);
     if (status == BV_OK && answer != nullptr && text.length != 0) {
         *answer = text.bytes;
         text.bytes = nullptr;

@@ -1,29 +1,33 @@
 // SPDX-License-Identifier: ISC
 // What the files of the kit share. All of it belongs to the owner's thread.
 //
-//   say.cpp      lines for people: stderr, syslog, debug channel
-//   values.cpp   values as text: what a type and a file can hold; JSON of families
-//   change.cpp   planned changes of instances: all are checked, then all are made
-//   store.cpp    data files: lock, load, commit, revert, reset
-//   run.cpp      bv_service_run(): start, loop, bus connections, end
-//   object.cpp   NAME.config: requests and answers, events, rights
-//   client.cpp   the caller's half
+//   text.cpp      lines for people; texts that grow; JSON as text
+//   values.cpp    families, and their values as text
+//   change.cpp    planned changes of instances: all are checked, then all are made
+//   template.cpp  templates: found, checked and read
+//   store.cpp     data files: lock, load, commit, revert, reset
+//   run.cpp       bv_service_run(): start, loop, bus connections, end
+//   object.cpp    NAME.config: requests and answers, events, rights
+//   client.cpp    the caller's half
 #ifndef BV_SERVICE_INTERNAL_H
 #define BV_SERVICE_INTERNAL_H
 
 #include <bv/bv.h>
 #include <bv/service.h>
 
+#include "bus/json_tree.h"
 #include "core/list.h"
 #include "db/types.h"
 #include "os/owned.h"
+
+#include <cerrno>
 
 namespace bv::service {
 
 // The service that runs, or null.
 extern const struct bv_service *g_service;
 
-// ---- say.cpp ----
+// ---- text.cpp ----
 
 // One line on stderr, in syslog (LOG_ERR) and on the debug channel.
 void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -35,21 +39,25 @@ struct Words {
     char text[512] = "";
     // Writes the text, and returns `status`.
     int32_t refuse(int32_t status, const char *format, ...) __attribute__((format(printf, 3, 4)));
+    int32_t no_memory() { return refuse(BV_ERR_MEMORY, "the service is out of memory"); }
 };
 
-// A text that grows. After a failed allocation it stays as it is, and failed is true.
+// A text that grows, always terminated. After a failed allocation it stays as it is.
 struct Text {
-    char *bytes = nullptr; // terminated, or null while empty
+    char *bytes = nullptr; // null while empty
     uint32_t length = 0;
     uint32_t capacity = 0;
     bool failed = false;
+    Text() = default;
+    Text(const Text &) = delete;
     ~Text();
     void put(const char *text);
-    void put(const char *text, uint32_t size);
-    // With quotes around it, and escaped as JSON wants it.
-    void put_quoted(const char *text);
-    // Formats at most 255 characters.
-    void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
+    void put(const char *text, size_t size);
+    // For JSON: with a comma in front unless a bracket or colon is there.
+    void item(const char *format, ...) __attribute__((format(printf, 2, 3)));
+    // A JSON string: with quotes and escapes. Names need none: they are checked at the start.
+    void quote(const char *text);
+    void hex(const uint8_t *data, size_t count); // with quotes, two digits for each byte
 };
 
 // The members of a JSON object, for a range-for loop; none of anything else.
@@ -77,101 +85,159 @@ struct Members {
     static Iterator end() { return {nullptr}; }
 };
 
+// The elements of an array; 0 of anything else.
+size_t count_of(json_object *array);
+// The text of a JSON string, or of a number as json-c writes it; null for anything else.
+const char *text_of(json_object *value, size_t &length);
+// A whole number of 32 bits, in quotes or not.
+bool number_of(json_object *value, int32_t &number);
+
+// Takes what Text::hex() wrote, without the quotes. False for anything else.
+bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
+
+// Walks the members of an object in a text that json-c has parsed, comments included.
+struct RawMember {
+    const char *start; // after the brace or comma in front of it
+    const char *name;  // its opening quote; null: no more members
+    const char *name_end;
+    const char *end; // the comma or brace after it
+    bool ends_in_line_comment;
+};
+RawMember first_member(const char *object);
+RawMember next_member(const RawMember &member);
+// The names in all objects of a text without comments: the parser keeps the last of equal ones.
+// SIZE_MAX if it has a NaN or Infinity, which the parser takes for numbers.
+size_t count_raw_names(const char *text);
+
 // ---- values.cpp ----
 
-const struct bv_service_family *find_listed(const char *family);
+// A family of the service: what the program says, and the record in the database.
+struct Family {
+    const bv_service_family *listed;
+    bv_db_family *record;
 
-// The descriptors of a loaded family, all of which are valid; for a range-for loop.
-struct Parameters {
-    const bv_db_family &family;
-    const bv_db_para *begin() const { return family.para; }
-    const bv_db_para *end() const { return family.para + family.para_count; }
+    explicit Family(const bv_service_family &family)
+        : listed(&family), record(bv_db_hash_find(family.name))
+    {
+    }
+    const char *name() const { return listed->name; }
+    uint32_t size() const { return listed->size; }
+    bool is_hidden() const { return (listed->flags & BV_SERVICE_HIDDEN) != 0; }
 };
-inline Parameters parameters(const bv_db_family &family)
+
+// The families that the service lists, the descriptors and the instances of a family; for range-for
+// loops.
+struct Listed {
+    static const bv_service_family *begin() { return g_service->families; }
+    static const bv_service_family *end() { return g_service->families + g_service->n_families; }
+};
+struct Parameters {
+    const bv_db_family &record;
+    const bv_db_para *begin() const { return record.para; }
+    const bv_db_para *end() const { return record.para + record.para_count; }
+};
+inline Parameters parameters(const Family &family)
 {
-    return {family};
+    return {*family.record};
 }
-inline auto instances(const bv_db_family &family)
+inline auto instances(const Family &family)
 {
-    return each<bv_db_inst>(family.inst_list);
+    return each<bv_db_inst>(family.record->inst_list);
 }
-// Null if the family has none of that name; otherwise also gives its place in the image.
-const bv_db_para *find_parameter(const bv_db_family &family, const char *name, int32_t &position);
+const bv_service_family *find_listed(const char *family); // null: not a family of the service
 
 // The text of one value; good until the next call.
 const char *value_text(const bv_db_para &para, const uint8_t *value);
-// Whether a text can be stored, and is the same when it comes back; the words say why not.
-bool value_fits(const bv_db_para &para, const char *text, size_t length, Words &words);
-// Stores a text that fits. All bytes of the value are set.
-void put_value(const bv_db_para &para, uint8_t *value, const char *text);
-// Bytes after a text's NUL do not count.
-bool same_values(const bv_db_family &family, const uint8_t *a, const uint8_t *b);
-
 // Whether every value of an image would come back from a data file: no quote, backslash or control
 // character, each string terminated in its len. The words name the parameter.
-int32_t check_image(const bv_db_family &family, const uint8_t *image, Words &words);
-// Sets the parameter of an image: type, range, length.
-int32_t set_value(const bv_db_family &family, uint8_t *image, const char *parameter,
-                  const char *text, size_t length, Words &words);
-int32_t set_value(const bv_db_family &family, uint8_t *image, const Members::Member &member,
+int32_t check_image(const Family &family, const uint8_t *image, Words &words);
+// Sets a parameter of an image after it checked type, range and length.
+int32_t set_value(const Family &family, uint8_t *image, const Members::Member &member,
                   Words &words);
+void set_default(const Family &family, uint8_t *image, const char *parameter);
+// Bytes after a text's NUL do not count.
+bool same_values(const Family &family, const uint8_t *a, const uint8_t *b);
 // Appends {"inst":"1","para":{...}}; without values for a hidden family.
-void put_instance(Text &out, const bv_db_family &family, const uint8_t *image, int32_t number,
-                  bool hidden);
+void put_instance(Text &out, const Family &family, int32_t number, const uint8_t *image);
 
 // ---- change.cpp ----
 
-// The changes of one request, in order. An instance appears once.
+// What is to become of one instance.
 struct Change {
-    const struct bv_service_family *listed;
-    bv_db_family *family;
-    int32_t instance;
-    uint8_t *is;  // null: delete
-    uint8_t *was; // set by make(); null: added
+    Change *next;
+    int32_t number;
+    bv_db_inst *present; // null: to be added
+    bool added;          // made for the plan
+    bool named;          // otherwise it stays as it is
+    uint8_t *is;         // what is wanted; null: to be deleted
+    uint8_t *was;        // null: added
 };
+
+// What is to become of one family: its instances, and those to be added, in this order.
+struct FamilyPlan {
+    FamilyPlan *next;
+    Family family;
+    Change *first;
+    Change **end;
+    void *by_number; // a tree of tsearch(), until something is made
+    int32_t highest; // number
+};
+
+// The changes of one request.
 struct Plan {
-    Change *changes = nullptr;
-    uint32_t count = 0;
-    uint32_t capacity = 0;
+    FamilyPlan *first = nullptr;
+    Plan() = default;
+    Plan(const Plan &) = delete;
     ~Plan();
 };
-// Load and Saved are of data files: what does not fit is left out. Load says so.
-enum class Meaning { Set, Add, Import, Load, Saved };
 
-// Takes over `is`, from malloc(), whatever the result; null deletes. False without memory.
-bool add_change(Plan &plan, const bv_service_family &listed, bv_db_family &family, int32_t instance,
-                uint8_t *is);
-// Leaves out what is in memory already.
-void drop_equal(Plan &plan);
-// The planned change of an instance, or null.
-Change *find_change(const Plan &plan, const bv_db_family &family, int32_t instance);
-// Plans to delete all instances of a family that the plan does not name.
-bool add_removals(Plan &plan, const bv_service_family &listed, bv_db_family &family);
-// A copy of an image, for free(); null without memory.
-uint8_t *copy_image(const bv_db_family &family, const void *image);
+// What the instances of a request or of a data file (Load, Saved) mean. In a file, what does not
+// fit takes its default, which Load says; a family without instances has one with the defaults, as
+// it is saved.
+enum class Meaning { Set, Add, Delete, Import, Load, Saved };
 
-// Reads a request in the form of a data file. Nothing is changed, whatever the result.
-int32_t plan_from_json(Plan &plan, struct json_object *data, Meaning meaning, Words &words);
+// Plans what a request in the form of a data file wants. Nothing changes, whatever the result.
+int32_t plan_request(Plan &plan, json_object *data, Meaning meaning, Words &words);
 // The same for one family.
-int32_t plan_family(Plan &plan, const char *name, struct json_object *elements, Meaning meaning,
-                    Words &words);
-int32_t plan_one(Plan &plan, const char *family, const void *image_or_null, int32_t instance,
-                 Words &words);
-// Asks the checks of all, then makes all of them: memory is taken before the first is made.
-// Instances that would not differ are left out. Calls `changed`, counts, and sends the events.
-// Without `ask` no check is asked.
-int32_t make(Plan &plan, Words &words, bool ask = true);
+int32_t plan_family(Plan &plan, const bv_service_family &listed, json_object *elements,
+                    Meaning meaning, Words &words);
+// Plans one instance; a null image deletes it.
+int32_t plan_instance(Plan &plan, const char *family, int32_t number, const void *image,
+                      Words &words);
+// Leaves out what would not differ, and asks the checks of the rest.
+int32_t check(Plan &plan, Words &words);
+// Makes all changes or, when memory is short, none. Calls `changed`, counts, and sends the events,
+// unless it is `silent`.
+int32_t make(Plan &plan, Words &words, bool silent = false);
+void drop_equal(Plan &plan);
+
+// ---- template.cpp ----
+
+// Registers a family and reads its template. 0, or an exit status, which was said.
+int load_template(const bv_service_family &listed);
 
 // ---- store.cpp ----
 
-// Registers, reads the templates and loads the families. 0, or an exit status, which was said.
+// A file's text with its tree.
+struct Contents {
+    Text text;
+    json_object *tree = nullptr;
+    const char *from = nullptr; // as in StoreState
+    Contents() = default;
+    Contents(const Contents &) = delete;
+    ~Contents() { clear(); }
+    void clear();
+};
+// Reads a file. False with errno, which is 0 for one that is not a JSON object. Strict JSON has no
+// comments, and nothing after its end.
+bool read_file(const char *path, Contents &out, bool strict = false);
+
+// Loads all families. 0, or an exit status, which was said.
 int load();
-// Saves the families of one store that changed; see bv_service_commit().
-int32_t commit(enum bv_service_store store);
-int32_t revert(const struct bv_service_family &family);
-int32_t reset(const struct bv_service_family &family);
+int32_t revert(const bv_service_family &family);
+int32_t reset(const bv_service_family &family);
 // The instances that the data file has, as put_instance() writes them: [...] of one family.
-int32_t put_saved(Text &out, const struct bv_service_family &family, Words &words);
+int32_t put_saved(Text &out, const bv_service_family &family, Words &words);
 
 // For "status": where the families came from, when they were saved last and with which result.
 struct StoreState {
@@ -180,12 +246,15 @@ struct StoreState {
     int32_t saved_status;
 };
 const StoreState &store_state();
-bool is_unsaved(const struct bv_service_family &family);
+bool is_unsaved(const bv_service_family &family);
 
 // ---- run.cpp ----
 
 constexpr uint32_t kMaxServiceName = 100;
 bool is_service_name(const char *name);
+// Whether a bus daemon answers. Connecting to one that hangs would never end. Readable, or hung up,
+// `end_fd` ends the wait; -1 for none.
+bool is_bus_alive(int end_fd);
 
 // ---- object.cpp ----
 
@@ -193,7 +262,7 @@ bool is_service_name(const char *name);
 bool open_object();
 void close_object();
 // After a change of a family: count, and tell those who watch. Never waits.
-void announce(const struct bv_service_family &family);
+void announce(const bv_service_family &family);
 // Publishes NAME.config on a connection of its own, in the event loop.
 enum class Published { Yes, NoBus, NameTaken };
 Published publish();
@@ -206,6 +275,8 @@ constexpr uint32_t kMaxPart = 65536;               // bytes of an answer in one 
 constexpr int32_t kStartAgain = BV_ERR_EMPTY;      // the answer is another one by now
 constexpr char kObjectSuffix[] = ".config";        // of the object's name
 constexpr char kEventSuffix[] = ".config.changed"; // of the event's
+// Whether an operation belongs to the method `read`: the others change something.
+bool is_read(const char *op, bool has_data);
 
 } // namespace bv::service
 

@@ -9,6 +9,10 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "tools/template/values.h"
 
 namespace bv::service {
 
@@ -18,6 +22,8 @@ namespace {
 
 // Without a bus, the next attempt comes after this.
 constexpr int kPauseMs = 1000;
+// A bus that is alive greets at once.
+constexpr int kGreetingMs = 3000;
 
 int g_end_pipe[2] = {-1, -1};
 uloop_fd g_end_watch;
@@ -26,12 +32,6 @@ Published g_published;
 
 // ---- the structure ----
 
-bool is_name_character(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '_' || c == '.';
-}
-
 // A table of the structure. Each entry begins with its name.
 struct Table {
     const char *what;
@@ -39,52 +39,49 @@ struct Table {
     uint32_t count;
     uint32_t entry_size;
     uint32_t longest_name;
-    const char *(*fault)(const void *entry); // what is wrong with the rest; null: nothing
+    bool (*is_valid)(const void *entry); // the rest of an entry; null: there is none
+
+    const char *entry(uint32_t index) const
+    {
+        return static_cast<const char *>(entries) + index * entry_size;
+    }
+    const char *name(uint32_t index) const
+    {
+        return *reinterpret_cast<const char *const *>(entry(index));
+    }
 };
 
-const char *family_fault(const void *entry)
+bool is_family(const void *entry)
 {
     const auto *family = static_cast<const bv_service_family *>(entry);
-    return family->store > BV_SERVICE_FACTORY          ? "has an unknown store"
-           : (family->flags & ~BV_SERVICE_HIDDEN) != 0 ? "has unknown flags"
-                                                       : nullptr;
+    return family->store <= BV_SERVICE_FACTORY && (family->flags & ~BV_SERVICE_HIDDEN) == 0;
 }
 
-const char *function_fault(const void *entry)
+bool is_function(const void *entry)
 {
-    return static_cast<const bv_service_function *>(entry)->handler == nullptr ? "has no handler"
-                                                                               : nullptr;
+    return static_cast<const bv_service_function *>(entry)->handler != nullptr;
 }
 
 template <uint32_t highest>
-const char *number_fault(const void *entry)
+bool is_number(const void *entry)
 {
-    return static_cast<const bv_service_name *>(entry)->number > highest
-               ? "has a number that is too high"
-               : nullptr;
-}
-
-const char *no_fault(const void *)
-{
-    return nullptr;
+    return static_cast<const bv_service_name *>(entry)->number <= highest;
 }
 
 const char *find_fault(const Table &table, uint32_t index)
 {
     if (table.entries == nullptr)
         return "is missing: the table is null";
-    const auto name = [&](uint32_t at) {
-        return *reinterpret_cast<const char *const *>(static_cast<const char *>(table.entries) +
-                                                      at * table.entry_size);
-    };
-    if (name(index) == nullptr || *name(index) == '\0')
-        return "has no name";
-    if (bv_os_strlen(name(index)) > table.longest_name)
-        return "has a name that is too long";
+    const char *name = table.name(index);
+    tools::Reason why;
+    if (name == nullptr || *name == '\0' || strlen(name) > table.longest_name ||
+        !tools::text_survives(name, strlen(name), why))
+        return "has no name, or one that is too long or has a quote or backslash";
     for (uint32_t i = 0; i < index; ++i)
-        if (bv_os_strcmp(name(i), name(index)) == 0)
+        if (strcmp(table.name(i), name) == 0)
             return "has a name that is there twice";
-    return table.fault(static_cast<const char *>(table.entries) + index * table.entry_size);
+    const bool is_valid = table.is_valid == nullptr || table.is_valid(table.entry(index));
+    return is_valid ? nullptr : "has a store, flags, a handler or a number that cannot be";
 }
 
 int check_tables(const bv_service &service)
@@ -92,21 +89,20 @@ int check_tables(const bv_service &service)
     // Templates are found by at most 204 characters, and functions registered by 255.
     const Table tables[] = {
         {"families", service.families, service.n_families, sizeof(*service.families), 204,
-         family_fault},
+         is_family},
         {"functions", service.functions, service.n_functions, sizeof(*service.functions), 255,
-         function_fault},
-        {"writers", service.writers, service.n_writers, sizeof(*service.writers), 255, no_fault},
+         is_function},
+        {"writers", service.writers, service.n_writers, sizeof(*service.writers), 255, nullptr},
         {"modules", service.modules, service.n_modules, sizeof(*service.modules), 255,
-         number_fault<9>},
-        {"levels", service.levels, service.n_levels, sizeof(*service.levels), 255,
-         number_fault<7>}};
+         is_number<9>},
+        {"levels", service.levels, service.n_levels, sizeof(*service.levels), 255, is_number<7>}};
     for (const Table &table : tables) {
         for (uint32_t i = 0; i < table.count; ++i) {
             const char *fault = find_fault(table, i);
-            if (fault != nullptr) {
-                say("bv_service_run: %s[%" PRIu32 "] %s", table.what, i, fault);
-                return BV_SERVICE_BAD_USE;
-            }
+            if (fault == nullptr)
+                continue;
+            say("bv_service_run: %s[%" PRIu32 "] %s", table.what, i, fault);
+            return BV_SERVICE_BAD_USE;
         }
     }
     return 0;
@@ -114,21 +110,17 @@ int check_tables(const bv_service &service)
 
 int check_structure(const bv_service *service)
 {
-    if (g_service != nullptr) {
-        say("bv_service_run: it runs already");
-        return BV_SERVICE_BAD_USE;
-    }
-    if (service == nullptr || service->size != sizeof(*service)) {
-        say("bv_service_run: the member size is not sizeof(struct bv_service) of this library");
-        return BV_SERVICE_BAD_USE;
-    }
     const char *fault = nullptr;
-    const char *name = service->name;
-    if (!is_service_name(name))
+    if (g_service != nullptr)
+        fault = "it runs already";
+    else if (service == nullptr || service->size != sizeof(*service))
+        fault = "the member size is not sizeof(struct bv_service) of this library";
+    else if (!is_service_name(service->name))
         fault = "name: 1 to 100 characters of a-z, A-Z, 0-9, '-', '_' and '.' are allowed";
     else if (service->object != nullptr &&
-             (*service->object == '\0' || bv_os_strlen(service->object) > 127))
-        fault = "object: 1 to 127 characters are allowed";
+             (*service->object == '\0' || strlen(service->object) > 127 ||
+              strpbrk(service->object, "\"\\") != nullptr))
+        fault = "object: 1 to 127 characters without quotes and backslashes are allowed";
     else if ((service->flags & ~BV_SERVICE_COMMIT_AT_END) != 0)
         fault = "flags: unknown ones are set";
     if (fault == nullptr)
@@ -215,6 +207,8 @@ bool serve()
 {
     const char *object = g_service->object != nullptr ? g_service->object : g_service->name;
     g_published = Published::NoBus;
+    if (!is_bus_alive(g_end_pipe[0]))
+        return true;
     const int32_t status = bv_ubus_server_init(object, prepare);
     bv_uloop_fd_delete(&g_end_watch);
     bv_uloop_timeout_cancel(&g_leave_loop);
@@ -270,12 +264,28 @@ int start_and_serve()
 
 bool is_service_name(const char *name)
 {
-    if (name == nullptr)
-        return false;
-    uint32_t length = 0;
-    while (length <= kMaxServiceName && is_name_character(name[length]))
-        ++length;
+    static constexpr char kCharacters[] = "abcdefghijklmnopqrstuvwxyz"
+                                          "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.";
+    const size_t length = name != nullptr ? strspn(name, kCharacters) : 0;
     return length >= 1 && length <= kMaxServiceName && name[length] == '\0';
+}
+
+// The bus library waits for the daemon's first message without limit, so a connection of our own
+// looks for it first.
+bool is_bus_alive(int end_fd)
+{
+    const sockaddr_un address = {AF_UNIX, "/var/run/ubus/ubus.sock"};
+    const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const bool connected =
+        connect(bus, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    bool alive = !connected && errno == ENOENT; // the library may know another path
+    if (connected) {
+        pollfd ready[] = {{bus, POLLIN, 0}, {end_fd, POLLIN, 0}};
+        char byte;
+        alive = poll(ready, 2, kGreetingMs) > 0 && read(bus, &byte, 1) == 1;
+    }
+    close(bus);
+    return alive;
 }
 
 } // namespace bv::service

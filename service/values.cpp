@@ -19,38 +19,12 @@ bv_db_para g_one; // of the one value that is converted: too large for a small s
 bv_db_family g_family;
 uint8_t g_room[kRoom];
 
-} // namespace
-
-const bv_service_family *bv::service::find_listed(const char *family)
+bool is_string(const bv_db_para &para)
 {
-    for (uint32_t i = 0; g_service != nullptr && i < g_service->n_families; ++i)
-        if (strcmp(g_service->families[i].name, family) == 0)
-            return &g_service->families[i];
-    return nullptr;
+    return bv::find_type(para.type)->kind == bv::TypeKind::String;
 }
 
-const bv_db_para *bv::service::find_parameter(const bv_db_family &family, const char *name,
-                                              int32_t &position)
-{
-    position = 0;
-    for (const bv_db_para &para : parameters(family)) {
-        if (strcmp(para.name, name) == 0)
-            return &para;
-        position += para.len;
-    }
-    return nullptr;
-}
-
-const char *bv::service::value_text(const bv_db_para &para, const uint8_t *value)
-{
-    g_one = para;
-    memset(g_room, 0, sizeof g_room);
-    memcpy(g_room, value, static_cast<size_t>(para.len));
-    bv_db_user_fill_frommem(g_room, 1, &g_one);
-    return g_one.value;
-}
-
-void bv::service::put_value(const bv_db_para &para, uint8_t *value, const char *text)
+void put_value(const bv_db_para &para, uint8_t *value, const char *text)
 {
     g_one = para;
     snprintf(g_one.value, sizeof g_one.value, "%s", text);
@@ -63,74 +37,92 @@ void bv::service::put_value(const bv_db_para &para, uint8_t *value, const char *
     memcpy(value, g_room, static_cast<size_t>(para.len));
 }
 
-bool bv::service::value_fits(const bv_db_para &para, const char *text, size_t length, Words &words)
+// The descriptor of a parameter with its place in the image; null if there is none of that name.
+const bv_db_para *find_parameter(const Family &family, const char *name, int32_t &position)
 {
-    const ParameterType *type = find_type(para.type);
-    tools::Reason why;
-    if (type != nullptr && tools::text_survives(text, length, why) &&
-        tools::value_fits(*type, para.len, text, why))
-        return true;
-    words.refuse(0, "%s", type == nullptr ? "its type is unknown" : why.text);
-    return false;
+    position = 0;
+    for (const bv_db_para &para : parameters(family)) {
+        if (strcmp(para.name, name) == 0)
+            return &para;
+        position += para.len;
+    }
+    return nullptr;
 }
 
-int32_t bv::service::check_image(const bv_db_family &family, const uint8_t *image, Words &words)
+} // namespace
+
+const bv_service_family *bv::service::find_listed(const char *family)
+{
+    if (g_service != nullptr && family != nullptr)
+        for (const bv_service_family &listed : Listed())
+            if (strcmp(listed.name, family) == 0)
+                return &listed;
+    return nullptr;
+}
+
+const char *bv::service::value_text(const bv_db_para &para, const uint8_t *value)
+{
+    g_one = para;
+    memset(g_room, 0, sizeof g_room);
+    memcpy(g_room, value, static_cast<size_t>(para.len));
+    bv_db_user_fill_frommem(g_room, 1, &g_one);
+    return g_one.value;
+}
+
+int32_t bv::service::check_image(const Family &family, const uint8_t *image, Words &words)
 {
     for (const bv_db_para &para : parameters(family)) {
+        const auto *text = reinterpret_cast<const char *>(image);
         const auto len = static_cast<size_t>(para.len);
-        const ParameterType *type = find_type(para.type);
-        if (type == nullptr || type->kind == TypeKind::String) {
-            const auto *text = reinterpret_cast<const char *>(image);
-            const size_t length = strnlen(text, len);
-            tools::Reason why;
-            if (length == len)
-                return words.refuse(BV_ERR_INVALID,
-                                    "%s.%s: the text has no end within its %zu bytes", family.name,
-                                    para.name, len);
-            if (!tools::text_survives(text, length, why))
-                return words.refuse(BV_ERR_INVALID, "%s.%s: %s", family.name, para.name, why.text);
-        }
+        tools::Reason why;
+        if (is_string(para) && strnlen(text, len) == len)
+            why.set("the text has no end within its %zu bytes", len);
+        else if (!is_string(para) || tools::text_survives(text, strlen(text), why))
+            why.text[0] = '\0';
+        if (why.text[0] != '\0')
+            return words.refuse(BV_ERR_INVALID, "%s.%s: %s", family.name(), para.name, why.text);
         image += len;
     }
     return BV_OK;
 }
 
-int32_t bv::service::set_value(const bv_db_family &family, uint8_t *image, const char *parameter,
-                               const char *text, size_t length, Words &words)
+int32_t bv::service::set_value(const Family &family, uint8_t *image, const Members::Member &member,
+                               Words &words)
+{
+    int32_t position;
+    size_t length;
+    tools::Reason why;
+    const bv_db_para *para = find_parameter(family, member.name, position);
+    const char *text = text_of(member.value, length);
+    if (para == nullptr) {
+        why.set("no such parameter");
+    } else if (text == nullptr) {
+        why.set("the value must be a text");
+    } else if (tools::text_survives(text, length, why) &&
+               tools::value_fits(*find_type(para->type), para->len, text, why)) {
+        put_value(*para, image + position, text);
+        return BV_OK;
+    }
+    return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name(), member.name, why.text);
+}
+
+void bv::service::set_default(const Family &family, uint8_t *image, const char *parameter)
 {
     int32_t position;
     const bv_db_para *para = find_parameter(family, parameter, position);
-    Words why;
-    why.refuse(0, "no such parameter");
-    if (para == nullptr || !value_fits(*para, text, length, why))
-        return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name, parameter, why.text);
-    put_value(*para, image + position, text);
-    return BV_OK;
+    if (para != nullptr)
+        memcpy(image + position, family.record->default_image + position,
+               static_cast<size_t>(para->len));
 }
 
-int32_t bv::service::set_value(const bv_db_family &family, uint8_t *image,
-                               const Members::Member &member, Words &words)
-{
-    const json_type type = json_object_get_type(member.value);
-    const char *text = bv_json_object_get_string(member.value);
-    if (text == nullptr || type == json_type_object || type == json_type_array)
-        return words.refuse(BV_ERR_INVALID, "%s.%.80s: the value must be a text", family.name,
-                            member.name);
-    const size_t length = type == json_type_string
-                              ? static_cast<size_t>(json_object_get_string_len(member.value))
-                              : strlen(text);
-    return set_value(family, image, member.name, text, length, words);
-}
-
-bool bv::service::same_values(const bv_db_family &family, const uint8_t *a, const uint8_t *b)
+bool bv::service::same_values(const Family &family, const uint8_t *a, const uint8_t *b)
 {
     for (const bv_db_para &para : parameters(family)) {
         const auto len = static_cast<size_t>(para.len);
-        const ParameterType *type = find_type(para.type);
-        const bool is_text = type != nullptr && type->kind == TypeKind::String;
-        if (is_text ? strncmp(reinterpret_cast<const char *>(a), reinterpret_cast<const char *>(b),
-                              len) != 0
-                    : memcmp(a, b, len) != 0)
+        const int difference = is_string(para) ? strncmp(reinterpret_cast<const char *>(a),
+                                                         reinterpret_cast<const char *>(b), len)
+                                               : memcmp(a, b, len);
+        if (difference != 0)
             return false;
         a += len;
         b += len;
@@ -138,23 +130,16 @@ bool bv::service::same_values(const bv_db_family &family, const uint8_t *a, cons
     return true;
 }
 
-void bv::service::put_instance(Text &out, const bv_db_family &family, const uint8_t *image,
-                               int32_t number, bool hidden)
+void bv::service::put_instance(Text &out, const Family &family, int32_t number,
+                               const uint8_t *image)
 {
-    char start[48];
-    snprintf(start, sizeof start, "{\"inst\":\"%d\",\"para\":{", number);
-    out.put(start);
-    bool first = true;
+    out.item("{\"inst\":\"%" PRId32 "\",\"para\":{", number);
     for (const bv_db_para &para : parameters(family)) {
-        if (hidden)
+        if (family.is_hidden())
             break;
-        if (!first)
-            out.put(",", 1);
-        first = false;
-        out.put_quoted(para.name);
-        out.put(":", 1);
-        out.put_quoted(value_text(para, image));
+        out.item("\"%s\":", para.name);
+        out.quote(value_text(para, image));
         image += para.len;
     }
-    out.put("}}", 2);
+    out.put("}}");
 }

@@ -47,8 +47,7 @@ std::vector<std::smatch> rows_of_the_page(const char *pattern)
 TEST(StatusPage, HasEveryCodeWithItsValueAndText)
 {
     Codes on_page;
-    for (const std::smatch &row :
-         rows_of_the_page(R"(\n\| (\S+) \| `(BV_\w+)` \| (.+) \| (.+) \|)")) {
+    for (const std::smatch &row : rows_of_the_page(R"(\n\* (\S+) `(BV_\w+)`: ([^.]+)\.)")) {
         on_page[row[2]] = value_of(row[1]);
         EXPECT_EQ(row[3], bv_status_text(value_of(row[1])));
     }
@@ -58,7 +57,7 @@ TEST(StatusPage, HasEveryCodeWithItsValueAndText)
 
 TEST(StatusPage, HasTheTextsOfTheBus)
 {
-    const std::vector<std::smatch> rows = rows_of_the_page(R"(\n\| (\d+) \| ([^`].*) \| (.+) \|)");
+    const std::vector<std::smatch> rows = rows_of_the_page(R"(\n\* (\d+) ([^`.]+)\.)");
     EXPECT_EQ(rows.size(), 6u);
     for (const std::smatch &row : rows)
         EXPECT_EQ(row[2], bv_bus_status_text(value_of(row[1])));

@@ -44,9 +44,8 @@ using Lines = std::vector<std::string>;
 
 std::string mtus(const std::string &name = "lan.json")
 {
-    const bv_db_family *family = bv_db_hash_find(name.c_str());
     std::string out;
-    for (const bv_db_inst &instance : instances(*family))
+    for (const bv_db_inst &instance : instances(Family(*find_listed(name.c_str()))))
         out += std::to_string(instance.number) + ":" + mtu_of(instance.image) + " ";
     return out;
 }
@@ -104,7 +103,8 @@ TEST_F(Changes, ImportLeavesExactlyWhatItNames)
     EXPECT_EQ(mtus(), "2:1400 5:1500 ");
     EXPECT_EQ(mtus("wan.json"), "1:1500 ");
     EXPECT_EQ(g_calls.size(), 8u);
-    EXPECT_EQ(g_calls[7], "changed 3 1500 -");
+    EXPECT_EQ(g_calls[4], "changed 1 1500 -");
+    EXPECT_EQ(g_calls[7], "changed 5 - 1500");
 }
 
 TEST_F(Changes, FaultyRequestsChangeNothing)
@@ -165,7 +165,9 @@ TEST_F(Changes, WithoutMemoryAllStaysAsItWas)
             FailAllocation next(nth);
             Plan plan;
             Words why;
-            status = plan_from_json(plan, data, Meaning::Import, why);
+            status = plan_request(plan, data, Meaning::Import, why);
+            if (status == BV_OK)
+                status = check(plan, why);
             if (status == BV_OK)
                 status = make(plan, why);
             refused = next.happened();

@@ -80,13 +80,13 @@ static std::string para_of(const std::string &json, int number)
 
 std::string values(const char *family, int number)
 {
-    bv_db_family *record = bv_db_hash_find(family);
-    const bv_db_inst *instance = bv_db_data_get_inst(record, number);
+    const Family known(*find_listed(family));
+    const bv_db_inst *instance = bv_db_data_get_inst(known.record, number);
     if (instance == nullptr)
         return "";
     Text text;
     text.put("[");
-    put_instance(text, *record, instance->image, number, false);
+    put_instance(text, known, number, instance->image);
     text.put("]");
     return para_of(text.bytes, number);
 }
@@ -106,7 +106,9 @@ int32_t request(const std::string &json, Meaning meaning)
     g_words = {};
     Plan plan;
     json_object *data = bv_json_tokener_parse(json.c_str());
-    int32_t status = plan_from_json(plan, data, meaning, g_words);
+    int32_t status = plan_request(plan, data, meaning, g_words);
+    if (status == BV_OK)
+        status = check(plan, g_words);
     if (status == BV_OK)
         status = make(plan, g_words);
     bv_json_object_put(data);

@@ -96,12 +96,35 @@ TEST_F(Store, OtherServicesMembersStayByteForByte)
     EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
 }
 
+TEST_F(Store, CommentsOfOtherServicesStay)
+{
+    const std::string vpn =
+        "/* a } \" \\ */ \"vpn.json\": [ // one ]\n 'x', /*,*/ \"y\" ] // the end";
+    const std::string dns = "'dns.json' /* : */ : {\"a\":\"//\"}";
+    write_file(kUserFile,
+               "// all\n{\"lan.json\":[], // ours\n" + vpn + "\n, " + dns + "// more\n}");
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    std::string saved[2];
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(request(set_mtu(1400 + i)), BV_OK);
+        EXPECT_EQ(bv_service_commit(), BV_OK);
+        saved[i] = read_file(kUserFile);
+        EXPECT_NE(saved[i].find("\t// ours\n" + vpn + "\n,\n\t" + dns + "// more\n\n}"),
+                  std::string::npos)
+            << saved[i];
+        EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400 + i));
+    }
+    EXPECT_EQ(saved[0].size(), saved[1].size());
+}
+
 TEST_F(Store, MembersThatCannotBeCopiedAsTheyAreKeepTheOldFile)
 {
-    const std::string text = R"({"lan.json":[], /* the parser takes comments */ "vpn.json":[]})";
+    // For the parser the second name is ours, too.
+    const std::string text = R"({"lan.json":[],"lan\u002ejson":[{"inst":"7","para":{}}]})";
     write_file(kUserFile, text);
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
-    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    ASSERT_EQ(request(set_mtu(1400)), BV_ERR_NO_INSTANCE);
+    ASSERT_EQ(request(R"({"lan.json":[{"inst":"1"}]})", Meaning::Add), BV_OK);
     EXPECT_EQ(bv_service_commit(), BV_ERR_WRITE_OPEN);
     EXPECT_EQ(read_file(kUserFile), text);
 }

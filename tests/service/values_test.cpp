@@ -64,7 +64,7 @@ TEST_F(Values, QuotedTextsComeBackFromJson)
 {
     const std::string odd = "a\"\\\n\x01\x7f\xc3\xa4/";
     Text text;
-    text.put_quoted(odd.c_str());
+    text.quote(odd.c_str());
     for (const char byte : std::string(text.bytes))
         EXPECT_GE(static_cast<unsigned char>(byte), 0x20) << text.bytes;
     json_object *tree = json_tokener_parse(text.bytes);
@@ -75,8 +75,10 @@ TEST_F(Values, QuotedTextsComeBackFromJson)
 
 TEST_F(Values, HiddenFamilyShowsNoValues)
 {
-    const bv_db_family *family = bv_db_hash_find("t.json");
+    bv_service_family hidden = *find_listed("t.json");
+    hidden.flags = BV_SERVICE_HIDDEN;
+    const Family family(hidden);
     Text text;
-    put_instance(text, *family, family->default_image, -5, true);
+    put_instance(text, family, -5, family.record->default_image);
     EXPECT_STREQ(text.bytes, R"({"inst":"-5","para":{}})");
 }

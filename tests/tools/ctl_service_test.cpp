@@ -71,7 +71,7 @@ TEST_F(CtlSession, PassesRefusalsOn)
          "lan.json.mtu: '70000' is not a number from 0 to 65535, as type ushort needs"},
         {"set lan mtu=9 hostname=refused", "lan.json.1: the service refuses this (status 0x77)"},
         {"set lan mtu=9 speed=1", "lan.json.speed: no such parameter"},
-        {"add lan.1", "lan.json.1: exists already (already exists)"},
+        {"add lan.1", "lan.json.1: already exists"},
         {"del lan.1 lan.9", "lan.json.9: no such instance"}};
     for (const auto &[line, why] : rows)
         EXPECT_EQ(refusal(line), std::string("bv-ctl: sample: ") + why + "\n");
@@ -94,7 +94,9 @@ TEST_F(CtlSession, ImportsWhatItExported)
     refused.replace(refused.find("gateway"), 7, "changed");
     refused.replace(refused.find("second"), 6, "refused");
     write_file("/scratch/refused", refused);
-    EXPECT_TRUE(contains(refusal("import /scratch/refused"), "nothing of sample was changed"));
+    EXPECT_EQ(refusal("import /scratch/refused"),
+              "bv-ctl: sample: lan.json.2: the service refuses this (status 0x77)\n"
+              "bv-ctl: nothing was changed\n");
     EXPECT_EQ(output("show lan.1.hostname"), "gateway\n");
 }
 
@@ -120,6 +122,48 @@ TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
     EXPECT_EQ(watching.errors(), "");
     watching.signal(SIGINT);
     EXPECT_EQ(watching.wait(), 128 + SIGINT);
+}
+
+TEST_F(CtlSession, ImportThatOneServiceRefusesChangesNone)
+{
+    static const bv_service_family kSecond[] = {
+        {"second.json", sizeof(Secret), BV_SERVICE_USER, 0, nullptr, nullptr}};
+    Sample second("second");
+    write_file("/etc/template/second.json", R"({"para": [
+        {"name": "key", "type": "string", "len": 8, "value": "none"}]})");
+    second.service.families = kSecond;
+    second.service.n_families = 1;
+    second.start();
+    const auto import = [](const char *host, const char *key) {
+        write_file("/scratch/both",
+                   std::string(R"({"lan.json":[{"inst":"1","para":{"hostname":")") + host +
+                       R"("}}],"second.json":[{"inst":"1","para":{"key":")" + key + R"("}}]})");
+        return run_line("import /scratch/both").errors;
+    };
+    const std::string refused = import("changed", "too long");
+    EXPECT_TRUE(contains(refused, "bv-ctl: second: second.json.key: text of 8 bytes is too long"));
+    EXPECT_TRUE(contains(refused, "bv-ctl: nothing was changed\n"));
+    EXPECT_TRUE(contains(import("refused", "changed"), "the service refuses this"));
+    EXPECT_EQ(output("show lan.1.hostname"), "gateway\n");
+    EXPECT_EQ(output("show second.1.key"), "none\n");
+    EXPECT_EQ(import("changed", "changed"), "");
+    EXPECT_EQ(output("show second.1.key"), "changed\n");
+}
+
+TEST_F(CtlSession, WatchesServicesThatStartLater)
+{
+    sample_.signal(SIGTERM);
+    sample_.wait();
+    Program watching({BV_TOOL, "--json", "watch"});
+    sample_.launch();
+    EXPECT_EQ(output("wait sample"), "");
+    EXPECT_TRUE(eventually([&] {
+        output("set lan mtu=1400");
+        output("set lan mtu=1500");
+        return contains(watching.output(), "\"was\":\"1500\",\"is\":\"1400\"");
+    }));
+    watching.signal(SIGINT);
+    watching.wait();
 }
 
 TEST_F(CtlSession, TurnsDebugSwitches)

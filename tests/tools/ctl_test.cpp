@@ -229,33 +229,24 @@ TEST_F(Ctl, ExportsWhatItImports)
     write_file("/scratch/radio", outcome.output);
     requests();
     EXPECT_EQ(run_line("import /scratch/radio"), (Outcome{0, "wifi: imported radio.json\n", ""}));
-    EXPECT_EQ(requests(),
-              "wifi import {\"radio.json\":[{\"inst\":\"1\",\"para\":{\"channel\":\"11\"}}]}\n");
+    const std::string radio =
+        " {\"radio.json\":[{\"inst\":\"1\",\"para\":{\"channel\":\"11\"}}]}\n";
+    EXPECT_EQ(requests(), "wifi check" + radio + "wifi import" + radio);
     EXPECT_EQ(run_tool({"import", "-"}, outcome.output).status, 0);
 }
 
-TEST_F(Ctl, ImportReportsEveryFaultAndAsksNobody)
+TEST_F(Ctl, ImportOfFamiliesWithoutOneOwnerAsksNobody)
 {
-    write_file("/scratch/bad", R"({
-  "radio.json": [{"inst": "1", "para": {"channel": "300"}}, {"inst": "1", "para": {}},
-    {"inst": "x", "para": {"channel": "3"}}],
-  "lan.json": [{"inst": "1", "para": {"mtu": "1400", "speed": "1", "hostname": "a\\b"}}, 7],
-  "printer.json": [], "wan.json": {}
-})");
-    const char *const faults[] = {
-        "radio.json.1.channel: '300' is not a number from 0 to 255, as type uchar needs",
-        "radio.json.1 is there twice",
-        "radio.json: element 3 needs a number \"inst\" and an object \"para\"",
-        "lan.json.1.speed: the family has no such parameter",
-        "lan.json.1.hostname: a backslash does not survive a rewrite of the data file",
-        "lan.json: element 2 needs a number \"inst\" and an object \"para\"",
-        "no running service owns printer.json",
-        "wan.json should be an array of instances"};
-    std::string all;
-    for (const std::string fault : faults)
-        all += "bv-ctl: /scratch/bad: " + fault + "\n";
+    write_file("/scratch/bad", R"({"radio.json": [], "printer.json": [], "scanner.json": []})");
     EXPECT_EQ(run_line("import /scratch/bad"),
-              (Outcome{1, "", all + "bv-ctl: nothing was changed\n"}));
+              (Outcome{1, "",
+                       "bv-ctl: /scratch/bad: no running service owns printer.json\n"
+                       "bv-ctl: /scratch/bad: no running service owns scanner.json\n"
+                       "bv-ctl: nothing was changed\n"}));
+    write_file("/scratch/bad", "[]");
+    EXPECT_EQ(run_line("import /scratch/bad").errors,
+              "bv-ctl: /scratch/bad: it should be an object of families, as 'bv-ctl export' writes "
+              "it\nbv-ctl: nothing was changed\n");
     for (const char *text : {"{\n\"radio.json\": [}", "{}\n,", "{\n\"radio.json\":"}) {
         write_file("/scratch/bad", text);
         EXPECT_EQ(run_line("import /scratch/bad").errors,
@@ -264,12 +255,27 @@ TEST_F(Ctl, ImportReportsEveryFaultAndAsksNobody)
     EXPECT_EQ(requests(), "");
 }
 
+// The second service refuses; the first one has not changed anything by then.
+TEST_F(Ctl, ImportAsksAllServicesBeforeOneChanges)
+{
+    std::string services = kServices;
+    services.replace(services.find("\"refuse\": {"), 11,
+                     "\"refuse\": {\"check\": [268435472, \"radio.json.channel: not 300\"], ");
+    write_file("/scratch/services.json", services);
+    write_file("/scratch/both", R"({"lan.json": [], "radio.json": []})");
+    EXPECT_EQ(run_line("import /scratch/both"),
+              (Outcome{1, "",
+                       "bv-ctl: wifi: radio.json.channel: not 300\n"
+                       "bv-ctl: nothing was changed\n"}));
+    EXPECT_EQ(requests(), "network check {\"lan.json\":[]}\nwifi check {\"radio.json\":[]}\n");
+}
+
 TEST_F(Ctl, SaysWhatWasRefusedAndWhatToDo)
 {
     const std::pair<const char *, std::string> rows[] = {
         {"set radio channel=15", "wifi: radio.json.channel: 15 is not in use here"},
-        {"del radio.1", "wifi: permission denied: only root and the users that the service names "
-                        "may change it"},
+        {"del radio.1", "wifi: permission denied: the bus's access rules, or the service, do not "
+                        "let your user do this"},
         {"show printer", "no running service owns a family printer; 'bv-ctl list' shows all"},
         {"show -s wifi lan", "wifi has no family lan; 'bv-ctl list wifi' shows what it has"},
         {"show lan.4", "lan.json has no instance 4; it has 1-3 7"},

@@ -51,11 +51,10 @@ void note_object(ubus_context *, ubus_object_data *object, void *priv)
 // ---- refusals ----
 
 // What a person can do about a failure, or null.
-const char *advice(int32_t status, bool writes)
+const char *advice(int32_t status)
 {
     if (status == UBUS_STATUS_PERMISSION_DENIED)
-        return writes ? "only root and the users that the service names may change it"
-                      : "the bus's access rules keep you from reading it";
+        return "the bus's access rules, or the service, do not let your user do this";
     if (status == UBUS_STATUS_INVALID_ARGUMENT)
         return "the request is too long for the bus, or the service is of another version";
     if (status == UBUS_STATUS_CONNECTION_FAILED)
@@ -63,11 +62,10 @@ const char *advice(int32_t status, bool writes)
     return status == UBUS_STATUS_TIMEOUT ? "it is busy or hangs" : nullptr;
 }
 
-void print_refusal(const bv_service_client *client, const char *service, bool writes,
-                   int32_t status)
+void print_refusal(const bv_service_client *client, const char *service, int32_t status)
 {
     const char *words = bv_service_words(client);
-    const char *hint = advice(status, writes);
+    const char *hint = advice(status);
     const char *text = bv_service_text(status);
     if (*words != '\0' && strcmp(text, bv_status_text(INT32_MAX)) == 0)
         refused("%s: %s (status 0x%x)", service, words, static_cast<unsigned>(status));
@@ -83,18 +81,6 @@ void print_refusal(const bv_service_client *client, const char *service, bool wr
         refuse_bare(service);
     else
         refused("no service %s is running; 'bv-ctl list' shows those that are", service);
-}
-
-bool is_read(const char *op, const json_object *data)
-{
-    if (strcmp(op, "debug") == 0)
-        return data == nullptr;
-    static constexpr const char *kReads[] = {"families",  "get",      "saved",
-                                             "functions", "counters", "status"};
-    for (const char *read : kReads)
-        if (strcmp(read, op) == 0)
-            return true;
-    return false;
 }
 
 void note_service(const char *service, void *priv)
@@ -117,7 +103,7 @@ json_object *find_services()
     alarm(0);
     if (status == BV_OK)
         return found;
-    const char *hint = advice(status, false);
+    const char *hint = advice(status);
     refused("cannot list the services: %s%s%s", bv_service_text(status),
             hint != nullptr ? ": " : "", hint != nullptr ? hint : "");
     bv_json_object_put(found);
@@ -277,12 +263,12 @@ int32_t tools::ask(const char *service, const char *op, json_object *data, json_
     alarm(0);
     if (status == BV_OK && answer != nullptr) {
         *answer = text != nullptr ? bv_json_tokener_parse(text) : nullptr;
-        if (*answer == nullptr && text != nullptr && is_read(op, data)) {
+        if (*answer == nullptr && text != nullptr) {
             refused("%s: its answer to \"%s\" is not JSON", service, op);
             status = BV_ERR_INVALID;
         }
     } else if (status != BV_OK) {
-        print_refusal(client.get(), service, !is_read(op, data), status);
+        print_refusal(client.get(), service, status);
     }
     free(text);
     return status;

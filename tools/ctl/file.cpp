@@ -1,17 +1,14 @@
 // SPDX-License-Identifier: ISC
-// export, import: families as a data file. Everything in a file is checked, and every family's
-// owner found, before the first service is asked to change anything.
+// export, import: families as a data file. Every family's owner is found, and every owner has
+// checked its part of a file, before the first service is asked to change anything.
 
 #include <bv/service.h>
 
 #include "tools/common/command_line.h"
 #include "tools/common/file.h"
 #include "tools/ctl/ctl.h"
-#include "tools/template/values.h"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 
 using bv::JsonTree;
@@ -91,103 +88,50 @@ json_object *read_tree(const char *path)
     return nullptr;
 }
 
-class Import {
-public:
-    Import(const char *path, json_object *services)
-        : path_(path), services_(services), requests_(json_object_new_object())
-    {
-    }
-
-    // Checks the file. False after every fault was printed.
-    bool check()
-    {
-        const JsonTree root(read_tree(path_));
-        if (!root)
-            return false;
-        if (bv_json_object_is_type(root.get(), json_type_object) == 0)
-            fault("it should be an object of families, as 'bv-ctl export' writes it");
-        for (const auto &family : Members(root.get()))
-            take_family(family.name(), family.value());
-        return !failed_;
-    }
-
-    // What each service is to be sent.
-    json_object *requests() const { return requests_.get(); }
-
-private:
-    __attribute__((format(printf, 2, 3))) void fault(const char *format, ...)
-    {
-        char text[512];
-        va_list arguments;
-        va_start(arguments, format);
-        vsnprintf(text, sizeof(text), format, arguments);
-        va_end(arguments);
-        refused("%s: %s", path_, text);
-        failed_ = true;
-    }
-
-    void take_family(const char *name, json_object *instances)
-    {
-        const char *owner = nullptr;
-        for (const auto &service : Members(services_)) {
-            if (member(service.value(), name) == nullptr)
-                continue;
-            if (owner != nullptr)
-                return fault("%s and %s both own %s: say -s SERVICE", owner, service.name(), name);
-            owner = service.name();
+// The only service that owns a family of a file, or null after it printed why there is none.
+const char *find_owner(const char *path, json_object *services, const char *family)
+{
+    const char *owner = nullptr;
+    for (const auto &service : Members(services)) {
+        if (member(service.value(), family) == nullptr)
+            continue;
+        if (owner != nullptr) {
+            refused("%s: %s and %s both own %s: say -s SERVICE", path, owner, service.name(),
+                    family);
+            return nullptr;
         }
-        if (owner == nullptr)
-            return fault("no running service owns %s", name);
-        if (bv_json_object_is_type(instances, json_type_array) == 0)
-            return fault("%s should be an array of instances", name);
-        put(object_in(requests_.get(), owner), name, share(instances));
-        known_ = member(member(member(services_, owner), name), "para");
-        const JsonTree seen(json_object_new_object());
-        for (size_t i = 0; i < count_of(instances); ++i)
-            check_instance(name, element(instances, i), i + 1, seen.get());
+        owner = service.name();
     }
+    if (owner == nullptr)
+        refused("%s: no running service owns %s", path, family);
+    return owner;
+}
 
-    void check_instance(const char *family, json_object *instance, size_t place, json_object *seen)
-    {
-        json_object *para = member(instance, "para");
-        const char *number = text_of(instance, "inst");
-        int64_t value;
-        if (!parse_decimal(number, value) || value < INT32_MIN || value > INT32_MAX ||
-            bv_json_object_is_type(para, json_type_object) == 0)
-            return fault("%s: element %zu needs a number \"inst\" and an object \"para\"", family,
-                         place);
-        char canonical[16]; // "01" is 1
-        snprintf(canonical, sizeof(canonical), "%d", static_cast<int>(value));
-        if (member(seen, canonical) != nullptr)
-            fault("%s.%s is there twice", family, number);
-        put(seen, canonical, canonical);
-        for (const auto &parameter : Members(para))
-            check_value(family, number, parameter.name(), parameter.value());
+// What each service is to take from a file. Null after every family without an owner was printed.
+json_object *read_requests(const char *path, json_object *services)
+{
+    const JsonTree root(read_tree(path));
+    bool usable = bv_json_object_is_type(root.get(), json_type_object) != 0;
+    if (root && !usable)
+        refused("%s: it should be an object of families, as 'bv-ctl export' writes it", path);
+    JsonTree requests(json_object_new_object());
+    for (const auto &family : Members(root.get())) {
+        const char *owner = find_owner(path, services, family.name());
+        usable = usable && owner != nullptr;
+        if (owner != nullptr)
+            put(object_in(requests.get(), owner), family.name(), share(family.value()));
     }
+    return usable ? requests.release() : nullptr;
+}
 
-    void check_value(const char *family, const char *number, const char *name, json_object *value)
-    {
-        json_object *parameter = find(known_, "name", name);
-        if (parameter == nullptr)
-            return fault("%s.%s.%s: the family has no such parameter", family, number, name);
-        const char *text = text_of(value);
-        // A number has none, and no zero bytes either.
-        const auto string_length = static_cast<size_t>(json_object_get_string_len(value));
-        const size_t length = string_length != 0 ? string_length : strlen(text);
-        const bv::ParameterType *type = bv::find_type(text_of(parameter, "type"));
-        Reason why;
-        if (!text_survives(text, length, why) ||
-            (type != nullptr &&
-             !value_fits(*type, bv_json_object_get_int(member(parameter, "len")), text, why)))
-            fault("%s.%s.%s: %s", family, number, name, why.text);
-    }
-
-    const char *path_;
-    json_object *services_;
-    json_object *known_ = nullptr; // the parameters of the family that is checked
-    JsonTree requests_;
-    bool failed_ = false;
-};
+// Asks every service. False when one of them refuses.
+bool ask_each(const char *op, json_object *requests)
+{
+    bool taken = true;
+    for (const auto &service : Members(requests))
+        taken = ask(service.name(), op, share(service.value()), nullptr) == BV_OK && taken;
+    return taken;
+}
 
 } // namespace
 
@@ -210,11 +154,11 @@ int tools::do_import(Arguments arguments)
     json_object *services = all_families();
     if (services == nullptr || g_failed)
         return kExitRefused;
-    Import import(*arguments, services);
-    if (!import.check())
+    const JsonTree requests(read_requests(*arguments, services));
+    if (!requests || !ask_each("check", requests.get()))
         return refused("nothing was changed");
     int status = 0;
-    for (const auto &service : Members(import.requests())) {
+    for (const auto &service : Members(requests.get())) {
         if (ask(service.name(), "import", share(service.value()), nullptr) != BV_OK)
             status = refused("nothing of %s was changed", service.name());
         else if (!g_options.json)
@@ -222,6 +166,6 @@ int tools::do_import(Arguments arguments)
                 print_line(Style::Plain, "%s: imported %s", service.name(), family.name());
     }
     if (status == 0 && g_options.json)
-        print_json(import.requests());
+        print_json(requests.get());
     return status;
 }

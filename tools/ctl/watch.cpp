@@ -7,14 +7,9 @@
 #include "tools/common/numbers.h"
 #include "tools/ctl/ctl.h"
 
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using bv::JsonTree;
 
@@ -26,6 +21,7 @@ using Client = bv::Owned<bv_service_client *, nullptr, bv_service_close>;
 
 // A restart of a service or of the bus ends no watching.
 constexpr uint32_t kPatience_ms = 24 * 60 * 60 * 1000;
+constexpr uint32_t kRestart_ms = 10 * 1000;
 constexpr unsigned kMaxWait_s = 24 * 60 * 60;
 constexpr unsigned kDefaultWait_s = 30;
 
@@ -66,11 +62,6 @@ json_object *by_number(json_object *instances)
     return all;
 }
 
-struct Watching {
-    const char *service;
-    json_object *families; // as they were seen last
-};
-
 void print_changes(const char *service, const char *family, json_object *before, json_object *after)
 {
     for (const auto &instance : Members(after))
@@ -87,72 +78,40 @@ void print_changes(const char *service, const char *family, json_object *before,
                              nullptr);
 }
 
-void family_changed(const char *, const char *family, void *priv)
+// `priv` has the families of each service as they were seen last.
+void family_changed(const char *service, const char *family, void *priv)
 {
-    auto &watching = *static_cast<Watching *>(priv);
+    json_object *families = object_in(static_cast<json_object *>(priv), service);
     json_object *query = json_object_new_object();
     array_in(query, family);
     json_object *got = nullptr;
-    if (ask(watching.service, "get", query, &got) != BV_OK)
+    if (ask(service, "get", query, &got) != BV_OK)
         return;
     const JsonTree answer(got);
     json_object *after = by_number(member(got, family));
-    json_object *before = member(watching.families, family);
+    json_object *before = member(families, family);
     if (before != nullptr)
-        print_changes(watching.service, family, before, after);
-    put(watching.families, family, after);
-}
-
-int watch_service(const char *service, const char *family)
-{
-    Watching watching = {service, json_object_new_object()};
-    g_options.wait_ms = kPatience_ms; // it may be restarting while we ask what changed
-    const JsonTree seen(watching.families);
-    const Client client(bv_service_open(service, kPatience_ms));
-    const int32_t status =
-        client ? bv_service_watch(client.get(), family, family_changed, &watching, 0)
-               : BV_ERR_MEMORY;
-    return status == BV_OK ? 0 : refused("%s: %s", service, bv_service_text(status));
-}
-
-// Several services: a process for each, since watching one takes a thread, and the bus library
-// knows only one.
-int watch_each(json_object *services)
-{
-    for (const auto &service : Members(services)) {
-        const pid_t parent = getpid();
-        const pid_t child = fork();
-        if (child < 0)
-            return refused("cannot watch %s: no memory for a process", service.name());
-        if (child > 0)
-            continue;
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        _exit(getppid() == parent ? watch_service(service.name(), nullptr) : 0);
-    }
-    int result = 0;
-    int status;
-    while (wait(&status) > 0)
-        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-            result = kExitRefused;
-    return result;
+        print_changes(service, family, before, after);
+    put(families, family, after);
 }
 
 } // namespace
 
 int tools::do_watch(Arguments arguments)
 {
-    json_object *services = all_families();
-    if (services == nullptr)
-        return kExitRefused;
-    if (*arguments == nullptr)
-        return json_object_object_length(services) > 0
-                   ? watch_each(services)
-                   : refused("no service with families is running; 'bv-ctl wait SERVICE' waits");
-    Target target;
-    const int status = find_whole_family(*arguments, "watch", target);
-    if (status != 0)
-        return status;
-    return watch_service(target.service, target.family);
+    Target target = {};
+    target.service = g_options.service;
+    const int found = *arguments != nullptr ? find_whole_family(*arguments, "watch", target) : 0;
+    if (found != 0)
+        return found;
+    // A service may be restarting while it is asked. It does not keep the others waiting for long.
+    g_options.wait_ms = target.service != nullptr ? kPatience_ms : kRestart_ms;
+    const JsonTree seen(json_object_new_object());
+    const Client client(bv_service_open(target.service, kPatience_ms));
+    const int32_t status =
+        client ? bv_service_watch(client.get(), target.family, family_changed, seen.get(), 0)
+               : BV_ERR_MEMORY;
+    return status == BV_OK ? 0 : refused("%s", bv_service_text(status));
 }
 
 int tools::do_wait(Arguments arguments)

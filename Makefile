@@ -31,7 +31,8 @@ demo: deps ## shows the main job, start to end
 	@echo 'Building the library and the examples in $(BUILD) ...'
 	@mkdir -p "$(BUILD)"
 	@{ cmake -S . -B "$(BUILD)" -G Ninja $(if $(CI),-DBV_WERROR=ON) && \
-	    cmake --build "$(BUILD)" --target demo_programs; } > "$(BUILD)/demo.log" 2>&1 || { cat "$(BUILD)/demo.log"; exit 1; }
+	    cmake --build "$(BUILD)" --target demo_programs; } > "$(BUILD)/demo.log" 2>&1 || \
+	    { cat "$(BUILD)/demo.log"; exit 1; }
 	@examples/demo "$(BUILD)"
 
 test: build ## builds and runs every test of the workstation build
@@ -72,7 +73,7 @@ test-musl: deps ## the suite with musl, for x86_64, without emulation
 test-compilers: ## builds and tests with COMPILERS, or with all of the last years (slow)
 	@scripts/test-compilers $(COMPILERS)
 
-test-gateway: ## boots the emulated gateway and runs flash, driver, event, shell, main-job and console tests
+test-gateway: ## boots the emulated gateway: flash, driver, events, shell, main job, serial console
 	@scripts/setup-target musl kernel > /dev/null
 	@cmake --preset mipsel-musl > /dev/null
 	@cmake --build build/mipsel-musl

@@ -4,6 +4,7 @@
 #include <bv/ubus.h>
 
 #include "bus/rpc_message.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 #include <bv/status.h>

@@ -8,7 +8,9 @@
 #include <bv/ubus.h>
 
 #include "bus/rpc_message.h"
+#include "core/hash.h"
 #include "os/alloc.h"
+#include "os/inline.h"
 #include "os/key.h"
 
 #include <bv/hash.h>
@@ -62,13 +64,12 @@ bv_ubus_handler find_handler(const char *name)
     if (g_last_called.handler != nullptr && bv_os_strcmp(name, g_last_called.key.text()) == 0)
         return g_last_called.handler;
 
-    const Key key(name);
-    const void *found = bv_hash_find(g_registry, key.bytes());
+    const void *found = bv::hash_find_name(g_registry, name);
     if (found == nullptr)
         return nullptr;
     bv_os_memcpy(&g_last_called.handler, sizeof(g_last_called.handler), found,
                  sizeof(g_last_called.handler));
-    g_last_called.key = key;
+    g_last_called.key = Key(name);
     return g_last_called.handler;
 }
 

@@ -2,6 +2,9 @@
 // Hash table with chains. The geometry is fixed and all keys have one size, so a look-up is one
 // hash over the whole key, padding included, and one comparison for each entry of a chain.
 //
+// Inside, a key is given by its bytes up to where only zeros follow: for a name that is much less
+// than the key.
+//
 // Entry, key and record are separate allocations: a record may then be as large as an allocation
 // can be, and its address, which callers keep, is aligned for any type.
 
@@ -11,8 +14,12 @@
 #include "core/list.h"
 #include "os/alloc.h"
 #include "os/checked.h"
+#include "os/inline.h"
+#include "os/span.h"
 
 #include <bv/status.h>
+
+#include <cstring>
 
 namespace {
 
@@ -23,6 +30,9 @@ struct Entry {
     uint8_t *key;
     void *data;
 };
+
+// The bytes of a key, at most a table's keysize; zeros follow up to that.
+using Key = bv::Bytes;
 
 static_assert(offsetof(bv_hash, hashsize) == 4 && offsetof(bv_hash, keysize) == 8 &&
                   offsetof(bv_hash, datasize) == 12 && offsetof(bv_hash, currnum) == 16,
@@ -42,14 +52,15 @@ bool is_table(const bv_hash *table)
 
 // The mask is also applied to sizes that are not a power of two. Rounding the size would move
 // entries to other buckets and change what a dump shows.
-bv_list_head &bucket_of(const bv_hash &table, const uint8_t *key)
+bv_list_head &bucket_of(const bv_hash &table, Key key)
 {
-    return table.buckets[bv_os_jhash(key, table.keysize, 0) & (table.hashsize - 1)];
+    const uint32_t hash = bv::jhash_padded(key.data, key.length, table.keysize, 0);
+    return table.buckets[hash & (table.hashsize - 1)];
 }
 
 // A small C library compares byte by byte, which takes longer than hashing the database's keys; a
 // large one uses vector registers. So 32-bit machines compare here, two words at a time.
-bool same_key(const uint8_t *a, const uint8_t *b, uint32_t size)
+bool same_bytes(const uint8_t *a, const uint8_t *b, uint32_t size)
 {
     if constexpr (sizeof(void *) == 4) {
         struct __attribute__((packed, may_alias)) Words {
@@ -66,12 +77,25 @@ bool same_key(const uint8_t *a, const uint8_t *b, uint32_t size)
     return bv_os_memcmp(a, b, size) == 0;
 }
 
-Entry *find_entry(const bv_hash &table, const bv_list_head &bucket, const uint8_t *key)
+// A name in the table has nothing but zeros from its first one on.
+Entry *find_entry(const bv_hash &table, const bv_list_head &bucket, Key key)
 {
     for (Entry &entry : bv::each<Entry>(bucket))
-        if (same_key(entry.key, key, table.keysize))
+        if (same_bytes(entry.key, key.data, key.length) &&
+            (key.length == table.keysize || entry.key[key.length] == 0))
             return &entry;
     return nullptr;
+}
+
+Entry *find_entry(const bv_hash &table, Key key)
+{
+    return find_entry(table, bucket_of(table, key), key);
+}
+
+void *find_record(const bv_hash &table, Key key)
+{
+    const Entry *entry = find_entry(table, key);
+    return entry == nullptr ? nullptr : entry->data;
 }
 
 void free_entry(Entry *entry)
@@ -86,8 +110,9 @@ void copy_record(const bv_hash &table, Entry &entry, const void *data)
     bv_os_memcpy(entry.data, table.datasize, data, table.datasize);
 }
 
-// An entry with copies of key and record, not linked yet; null if memory is short.
-Entry *make_entry(const bv_hash &table, const uint8_t *key, const void *data)
+// An entry with copies of key and record, not linked yet; null if memory is short. A null record is
+// zeros.
+Entry *make_entry(const bv_hash &table, Key key, const void *data)
 {
     auto *entry = bv::allocate<Entry>();
     if (entry == nullptr)
@@ -100,13 +125,18 @@ Entry *make_entry(const bv_hash &table, const uint8_t *key, const void *data)
         return nullptr;
     }
 
-    bv_os_memcpy(entry->key, table.keysize, key, table.keysize);
-    copy_record(table, *entry, data);
+    bv_os_memcpy(entry->key, table.keysize, key.data, key.length);
+    const uint32_t rest = table.keysize - key.length;
+    bv_os_memset(entry->key + key.length, rest, 0, rest);
+    if (data == nullptr)
+        bv_os_memset(entry->data, table.datasize, 0, table.datasize);
+    else
+        copy_record(table, *entry, data);
     return entry;
 }
 
 // Links a new entry for a key that the table lacks; null if memory is short.
-Entry *append_entry(bv_hash &table, bv_list_head &bucket, const uint8_t *key, const void *data)
+Entry *append_entry(bv_hash &table, bv_list_head &bucket, Key key, const void *data)
 {
     Entry *entry = make_entry(table, key, data);
     if (entry == nullptr)
@@ -121,6 +151,17 @@ void remove_entry(bv_hash &table, Entry *entry)
     bv::list_unlink(entry->link);
     table.currnum = bv::checked_sub(table.currnum, 1);
     free_entry(entry);
+}
+
+Key whole_key(const bv_hash &table, const uint8_t *key)
+{
+    return {key, table.keysize};
+}
+
+Key name_key(const bv_hash &table, const char *name)
+{
+    const auto length = static_cast<uint32_t>(strnlen(name, table.keysize));
+    return {reinterpret_cast<const uint8_t *>(name), length < table.keysize ? length : 0};
 }
 
 // The part of an address that a dump's eight digits show.
@@ -160,9 +201,9 @@ bv_hash *bv_hash_init(uint32_t hashsize, uint32_t keysize, uint32_t datasize)
     return table.release();
 }
 
-int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *data)
+int32_t bv_hash_insert(bv_hash *table, const uint8_t *bytes, const void *data)
 {
-    if (!is_table(table) || key == nullptr)
+    if (!is_table(table) || bytes == nullptr)
         return BV_ERR_FAILED;
 
     // Before the look-up on purpose: a full table refuses every insert, even of a key that it
@@ -170,6 +211,7 @@ int32_t bv_hash_insert(bv_hash *table, const uint8_t *key, const void *data)
     if (table->currnum >= table->hashsize)
         return BV_ERR_FULL;
 
+    const Key key = whole_key(*table, bytes);
     bv_list_head &bucket = bucket_of(*table, key);
     Entry *entry = find_entry(*table, bucket, key);
     if (entry != nullptr) {
@@ -184,9 +226,7 @@ void *bv_hash_find(bv_hash *table, const uint8_t *key)
 {
     if (!is_table(table) || key == nullptr)
         return nullptr;
-
-    const Entry *entry = find_entry(*table, bucket_of(*table, key), key);
-    return entry == nullptr ? nullptr : entry->data;
+    return find_record(*table, whole_key(*table, key));
 }
 
 void bv_hash_remove(bv_hash *table, const uint8_t *key)
@@ -194,7 +234,7 @@ void bv_hash_remove(bv_hash *table, const uint8_t *key)
     if (!is_table(table) || key == nullptr)
         return;
 
-    Entry *entry = find_entry(*table, bucket_of(*table, key), key);
+    Entry *entry = find_entry(*table, whole_key(*table, key));
     if (entry != nullptr)
         remove_entry(*table, entry);
 }
@@ -225,24 +265,31 @@ void bv_hash_dump(bv_hash *table)
     bv_os_printf("\r\n===============================================\r\n");
 }
 
-void bv::hash_remove(bv_hash *table, const uint8_t *key, const void *data)
+void *bv::hash_find_name(const bv_hash *table, const char *name)
 {
-    if (!is_table(table))
-        return;
-
-    Entry *entry = find_entry(*table, bucket_of(*table, key), key);
-    if (entry != nullptr && entry->data == data)
-        remove_entry(*table, entry);
+    return is_table(table) ? find_record(*table, name_key(*table, name)) : nullptr;
 }
 
-void *bv::hash_add(bv_hash *table, const uint8_t *key, const void *data)
+void *bv::hash_add_name(bv_hash *table, const char *name)
 {
     if (!is_table(table) || table->currnum >= table->hashsize)
         return nullptr;
 
+    const Key key = name_key(*table, name);
     bv_list_head &bucket = bucket_of(*table, key);
     if (find_entry(*table, bucket, key) != nullptr)
         return nullptr;
-    Entry *entry = append_entry(*table, bucket, key, data);
+    Entry *entry = append_entry(*table, bucket, key, nullptr);
     return entry == nullptr ? nullptr : entry->data;
+}
+
+void bv::hash_remove_if(bv_hash *table, bool (*gone)(const uint8_t *key, void *data))
+{
+    if (!is_table(table))
+        return;
+
+    for (uint32_t i = 0; i < table->hashsize; ++i)
+        for (Entry &entry : bv::each_removable<Entry>(table->buckets[i]))
+            if (gone(entry.key, entry.data))
+                remove_entry(*table, &entry);
 }

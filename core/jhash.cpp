@@ -2,9 +2,12 @@
 // Bob Jenkins' hash "lookup2" (1996). The configuration database hashes 1024 bytes on every access.
 // So a little-endian machine loads the key's words whole, and no part of a step may become a call:
 // the gateway's packages are optimised for size, and the compiler would then call memcpy for every
-// word and keep the state in memory.
+// word and keep the state in memory. And the zeros after a name, which are nearly all of its key,
+// are neither written nor read.
 
 #include <bv/hash.h>
+
+#include "core/hash.h"
 
 namespace {
 
@@ -52,14 +55,14 @@ inline uint32_t get_le32(const uint8_t *from)
 #endif
 }
 
-// Adds the last 0 to 11 bytes, each at its place in its word. The low byte of c is for the length,
-// so bytes 8 to 10 are one place higher than in a whole block.
-void add_rest(State &s, const uint8_t *rest, uint32_t length)
+// Adds fewer bytes than a block, each at its place in its word. In the last block the low byte of c
+// is for the length, so bytes 8 to 10 are one place higher there.
+void add_bytes(State &s, const uint8_t *bytes, uint32_t count, bool last)
 {
     uint32_t words[3] = {};
-    for (uint32_t i = 0; i < length; ++i) {
-        const uint32_t place = i < 8 ? i % 4 : i % 4 + 1;
-        words[i / 4] += static_cast<uint32_t>(rest[i]) << (8 * place);
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t place = i < 8 || !last ? i % 4 : i % 4 + 1;
+        words[i / 4] += static_cast<uint32_t>(bytes[i]) << (8 * place);
     }
     s.a += words[0];
     s.b += words[1];
@@ -68,19 +71,32 @@ void add_rest(State &s, const uint8_t *rest, uint32_t length)
 
 } // namespace
 
-uint32_t bv_os_jhash(const uint8_t *key, uint32_t length, uint32_t initval)
+uint32_t bv::jhash_padded(const uint8_t *key, uint32_t length, uint32_t size, uint32_t initval)
 {
     State s = {kGoldenRatio, kGoldenRatio, initval};
-    uint32_t left = length;
-    for (; left >= kBlockSize; left -= kBlockSize, key += kBlockSize) {
+    uint32_t left = size;
+    for (; length >= kBlockSize; length -= kBlockSize, left -= kBlockSize, key += kBlockSize) {
         s.a += get_le32(key);
         s.b += get_le32(key + 4);
         s.c += get_le32(key + 8);
         mix(s);
     }
 
-    s.c += length;
-    add_rest(s, key, left);
+    for (;; left -= kBlockSize) {
+        const bool last = left < kBlockSize;
+        if (length != 0)
+            add_bytes(s, key, length, last);
+        length = 0; // only zeros from here on
+        if (last)
+            break;
+        mix(s);
+    }
+    s.c += size;
     mix(s);
     return s.c;
+}
+
+uint32_t bv_os_jhash(const uint8_t *key, uint32_t length, uint32_t initval)
+{
+    return bv::jhash_padded(key, length, length, initval);
 }

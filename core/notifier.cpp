@@ -4,7 +4,9 @@
 //
 // The lock guards the list of events and their count. It is never held while a callback runs:
 // callbacks post events themselves. An event stays linked and counted until its callbacks have
-// returned. Only the dispatch thread unlinks, so its position in the list stays valid.
+// returned. Only the dispatch thread unlinks, so its position in the list stays valid. Events are
+// linked in a way that lets it look at the first ones without the lock, which it takes once for
+// each event.
 //
 // The table of callbacks has no lock: services register during start-up, from one thread at a time.
 // The driver may already send then, so a callback is linked in a way that lets the dispatch thread
@@ -21,6 +23,7 @@
 #include "os/alloc.h"
 #include "os/atomic.h"
 #include "os/checked.h"
+#include "os/inline.h"
 
 #include <bv/status.h>
 
@@ -87,7 +90,7 @@ Event *make_event(uint32_t type, const void *data, uint32_t length)
 void append_event(Event &event)
 {
     const bv::MutexGuard guard(g_notifier.lock);
-    bv::list_append(g_notifier.events, event.link);
+    bv::list_publish(g_notifier.events, event.link);
     g_notifier.count = bv::checked_add(g_notifier.count, 1);
 }
 
@@ -109,9 +112,8 @@ struct Round {
 
 Round begin_round()
 {
-    const bv::MutexGuard guard(g_notifier.lock);
-    bv_list_head *first = g_notifier.events.next;
-    return {first, first->next};
+    bv_list_head *first = bv::next_published_link(&g_notifier.events);
+    return {first, bv::next_published_link(first)};
 }
 
 // Takes the event at hand out and moves to the next one, under one hold of the lock.

@@ -9,6 +9,7 @@
 #include "os/alloc.h"
 #include "os/atomic.h"
 #include "os/checked.h"
+#include "os/inline.h"
 
 #include <bv/status.h>
 

@@ -3,7 +3,7 @@
 //
 // Templates come from outside and may claim anything: lengths that do not fit their types, or are
 // negative, move the position anywhere. So integers pass byte by byte through a window, which reads
-// zeros and drops stores outside the image. A position has 64 bits and cannot wrap.
+// zeros and drops stores outside the image.
 
 #include <bv/db.h>
 
@@ -29,50 +29,52 @@ uint8_t *low_bytes(uint32_t &number, uint32_t size)
     return reinterpret_cast<uint8_t *>(&number) + (kLittleEndian ? 0 : sizeof(number) - size);
 }
 
-// Calls visit(parameter, position in the image) for each descriptor up to the first invalid one.
+// Where a parameter is in an image. One before its start is a huge number: a single comparison with
+// the image's size then is enough for both ends.
+using Position = size_t;
+
+// Beyond the end of every image.
+constexpr Position kFarOut = PTRDIFF_MAX;
+
+// Lengths that claim more than an address can hold do not wrap: what follows stays outside.
+void advance(ptrdiff_t &position, int32_t length)
+{
+    if (__builtin_add_overflow(position, length, &position))
+        position = length < 0 ? PTRDIFF_MIN : PTRDIFF_MAX;
+}
+
+// Calls visit(parameter, its position) for each descriptor up to the first invalid one.
 template <typename Visit>
 void walk(bv_db_para *table, int32_t count, Visit visit)
 {
-    int64_t position = 0;
+    ptrdiff_t position = 0;
     for (bv_db_para &para : bv::Parameters(table, count)) {
-        visit(para, position);
-        position += para.len;
+        visit(para, static_cast<Position>(position));
+        advance(position, para.len);
     }
-}
-
-constexpr int64_t kUnknownSize = INT64_MAX;
-
-// One comparison for both ends of an image, whose size is never negative: a position below 0 is
-// far above it.
-bool is_inside(int64_t position, int64_t size)
-{
-    return static_cast<uint64_t>(position) < static_cast<uint64_t>(size);
 }
 
 // An image to read from; what is outside it reads as 0.
 struct Source {
     const uint8_t *bytes;
-    int64_t size; // kUnknownSize for a caller's: only its types and its texts' NULs end it
+    size_t size; // kFarOut for a caller's: only its types and its texts' NULs end it
 
-    uint8_t at(int64_t position) const
-    {
-        return is_inside(position, size) ? bytes[position] : uint8_t{0};
-    }
+    uint8_t at(Position position) const { return position < size ? bytes[position] : uint8_t{0}; }
 
-    void load(int64_t position, uint8_t *to, uint32_t count) const
+    void load(Position position, uint8_t *to, uint32_t count) const
     {
         for (uint32_t i = 0; i < count; ++i)
             to[i] = at(position + i);
     }
 
-    uint32_t load_unsigned(int64_t position, uint32_t width) const
+    uint32_t load_unsigned(Position position, uint32_t width) const
     {
         uint32_t number = 0;
         load(position, low_bytes(number, width), width);
         return number;
     }
 
-    int32_t load_signed(int64_t position, uint32_t width) const
+    int32_t load_signed(Position position, uint32_t width) const
     {
         const uint32_t unused_bits = 8 * (4 - width);
         return static_cast<int32_t>(load_unsigned(position, width) << unused_bits) >> unused_bits;
@@ -82,15 +84,15 @@ struct Source {
 // An image to write to; what falls outside it is dropped.
 struct Target {
     uint8_t *bytes;
-    int64_t size;
+    size_t size;
 
-    void put(int64_t position, uint8_t byte) const
+    void put(Position position, uint8_t byte) const
     {
-        if (is_inside(position, size))
+        if (position < size)
             bytes[position] = byte;
     }
 
-    void store(int64_t position, const uint8_t *from, uint32_t count) const
+    void store(Position position, const uint8_t *from, uint32_t count) const
     {
         for (uint32_t i = 0; i < count; ++i)
             put(position + i, from[i]);
@@ -125,7 +127,7 @@ void put_signed(char *value, int32_t number)
 
 // The text up to its NUL or to the end of the image, even if that is far beyond the parameter's own
 // bytes. A text that does not fit a value is dropped, not cut.
-void string_to_text(const Source &image, int64_t position, char *value)
+void string_to_text(const Source &image, Position position, char *value)
 {
     for (uint32_t i = 0; i < kValueSize; ++i) {
         value[i] = static_cast<char>(image.at(position + i));
@@ -135,7 +137,7 @@ void string_to_text(const Source &image, int64_t position, char *value)
     value[0] = '\0';
 }
 
-void parameter_to_text(const Source &image, int64_t position, bv_db_para &para)
+void parameter_to_text(const Source &image, Position position, bv_db_para &para)
 {
     const bv::ParameterType *type = bv::find_type(para.type);
     if (type == nullptr)
@@ -180,21 +182,17 @@ uint32_t number_of(const char (&value)[kValueSize])
 
 // Cut to the parameter's bytes and terminated within them. Bytes after the NUL keep what the
 // image held before.
-void text_to_string(const Target &image, int64_t position, int32_t len, const char *value)
+void text_to_string(const Target &image, Position position, int32_t len, const char *value)
 {
-    if (position < 0)
+    if (position >= image.size || len < 1)
         return;
-    const int64_t room = std::min<int64_t>(image.size - position, len);
-    if (room < 1)
-        return;
-
-    const auto capacity = static_cast<uint32_t>(room);
-    const uint32_t count = std::min(capacity, kValueSize) - 1;
-    bv_os_strncpy(reinterpret_cast<char *>(image.bytes + position), capacity, value, count);
+    const size_t room = std::min<size_t>(image.size - position, static_cast<uint32_t>(len));
+    const auto size = static_cast<uint32_t>(std::min<size_t>(room, kValueSize));
+    bv::copy_text(reinterpret_cast<char *>(image.bytes + position), size, value);
 }
 
 // An address that the text does not hold is stored as zeros.
-void parameter_to_image(const Target &image, int64_t position, bv_db_para &para)
+void parameter_to_image(const Target &image, Position position, bv_db_para &para)
 {
     const bv::ParameterType *type = bv::find_type(para.type);
     if (type == nullptr)
@@ -223,24 +221,32 @@ void parameter_to_image(const Target &image, int64_t position, bv_db_para &para)
 
 // The room in the working image. A record that a service made may have an image but no size: its
 // descriptors then say how long it is.
-int64_t working_size(const bv_db_family &family)
+size_t working_size(const bv_db_family &family)
 {
     if (family.image_size != 0)
         return bv::image_allocation(family.image_size);
-    int64_t sum = 0;
-    walk(family.para, family.para_count, [&](const bv_db_para &para, int64_t) { sum += para.len; });
-    return sum > 0 ? sum : 0;
+    ptrdiff_t sum = 0;
+    for (const bv_db_para &para : bv::Parameters(family))
+        advance(sum, para.len);
+    return sum > 0 ? static_cast<size_t>(sum) : 0;
 }
 
 } // namespace
 
-void bv::image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, int32_t count)
+void bv::copy_text(char *to, uint32_t size, const char *text)
+{
+    for (char *const last = to + size - 1; to != last && *text != '\0'; ++to, ++text)
+        *to = *text;
+    *to = '\0';
+}
+
+void bv::image_to_text(const uint8_t *image, size_t size, bv_db_para *table, int32_t count)
 {
     if (image == nullptr || table == nullptr)
         return;
     const Source source{image, size};
     walk(table, count,
-         [&](bv_db_para &para, int64_t position) { parameter_to_text(source, position, para); });
+         [&](bv_db_para &para, Position position) { parameter_to_text(source, position, para); });
 }
 
 void bv::number_to_text(int32_t number, char *text)
@@ -250,7 +256,7 @@ void bv::number_to_text(int32_t number, char *text)
 
 int32_t bv_db_user_fill_frommem(const void *image, int32_t count, bv_db_para *table)
 {
-    bv::image_to_text(static_cast<const uint8_t *>(image), kUnknownSize, table, count);
+    bv::image_to_text(static_cast<const uint8_t *>(image), kFarOut, table, count);
     return BV_OK;
 }
 
@@ -260,7 +266,7 @@ int32_t bv_db_user_fill_tomem(bv_db_family *family, int32_t mode)
         return BV_OK;
 
     const Target target{family->working_image, working_size(*family)};
-    walk(family->para, family->para_count, [&](bv_db_para &para, int64_t position) {
+    walk(family->para, family->para_count, [&](bv_db_para &para, Position position) {
         if (mode == 1 && para.selected != 1)
             return;
         parameter_to_image(target, position, para);

@@ -11,6 +11,7 @@
 #include "db/instance_index.h"
 #include "db/internal.h"
 #include "db/json_members.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 #include <bv/ubus.h>
@@ -19,15 +20,13 @@
 
 namespace {
 
-constexpr uint32_t kValueSize = sizeof(bv_db_para::value);
-
 // Takes the values that an element's "para" holds. A "para" that is not an object holds none.
 void take_values(bv::JsonMembers values, bv_db_family &family)
 {
     for (bv_db_para &para : bv::Parameters(family)) {
         const char *text = bv_json_object_get_string(values.get(para.name));
         if (text != nullptr)
-            bv_os_strncpy(para.value, kValueSize, text, kValueSize - 1);
+            bv::copy_text(para.value, sizeof(para.value), text);
     }
 }
 

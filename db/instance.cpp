@@ -10,6 +10,7 @@
 #include "db/internal.h"
 #include "os/alloc.h"
 #include "os/checked.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 

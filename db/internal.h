@@ -127,8 +127,13 @@ inline void for_each_family(bv_list_head &list, Visit visit)
     }
 }
 
+// Copies a text into room for `size` bytes, at least 1, cut to fit; convert.cpp. In place: names
+// and values have a few characters, and measuring and copying each one with calls takes four times
+// as long.
+void copy_text(char *to, uint32_t size, const char *text);
+
 // As bv_db_user_fill_frommem(), but reads only the image's `size` bytes; convert.cpp.
-void image_to_text(const uint8_t *image, int64_t size, bv_db_para *table, int32_t count);
+void image_to_text(const uint8_t *image, size_t size, bv_db_para *table, int32_t count);
 
 // Decimal text of a number: up to 11 characters and the NUL.
 void number_to_text(int32_t number, char *text);

@@ -16,30 +16,27 @@ namespace bv {
 class JsonMembers {
 public:
     // A value that is not an object has no members.
-    explicit JsonMembers(json_object *object)
-        : object_(object), next_(json_object_iter_init_default()), left_(0)
+    explicit JsonMembers(json_object *object) : object_(object), next_(nullptr)
     {
-        if (bv_json_object_is_type(object, json_type_object) == 0)
-            return;
-        next_ = json_object_iter_begin(object);
-        left_ = json_object_object_length(object);
+        const lh_table *table = json_object_get_object(object);
+        if (table != nullptr)
+            next_ = table->head;
     }
 
     // The member's value; null if it is absent or JSON's null.
     json_object *get(const char *key)
     {
-        if (left_ == 0 || bv_os_strcmp(json_object_iter_peek_name(&next_), key) != 0)
+        if (next_ == nullptr ||
+            bv_os_strcmp(static_cast<const char *>(lh_entry_k(next_)), key) != 0)
             return bv_json_object_object_get(object_, key);
-        json_object *value = json_object_iter_peek_value(&next_);
-        json_object_iter_next(&next_);
-        --left_;
+        auto *value = static_cast<json_object *>(lh_entry_v(next_));
+        next_ = next_->next;
         return value;
     }
 
 private:
     json_object *object_;
-    json_object_iterator next_;
-    int left_; // members from next_ on
+    lh_entry *next_; // null after the last
 };
 
 } // namespace bv

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: ISC
 // The manager record, the three registration lists and the table of families.
 //
-// Families are in the hash table, as copies of a zeroed record that are filled in place:
-// bv_hash_find() returns the family itself, which stays where it is until it is removed. Their
-// links form the list in creation order.
+// Families are in the hash table, as zeroed records that are filled in place: bv_hash_find()
+// returns the family itself, which stays where it is until it is removed. Their links form the list
+// in creation order.
 
 #include <bv/db.h>
 
@@ -11,7 +11,7 @@
 #include "core/list.h"
 #include "db/internal.h"
 #include "os/alloc.h"
-#include "os/key.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 
@@ -42,8 +42,6 @@ static_assert(sizeof(void *) != 4 ||
               (offsetof(bv_db_reg, name) == 8 && offsetof(bv_db_inst, number) == 8 &&
                offsetof(bv_db_inst, image) == 12));
 
-using FamilyKey = bv::Key<kNameSize>;
-
 bool is_registered(const bv_list_head &list, const char *name)
 {
     for (const bv_db_reg &registration : bv::each<bv_db_reg>(list))
@@ -65,6 +63,20 @@ int32_t register_name(bv_list_head &list, const char *name)
     bv_os_strcpy(registration->name, sizeof(registration->name), name);
     bv::list_append(list, registration->link);
     return BV_OK;
+}
+
+// What follows a family that was taken out of the list, until it is taken out of the table.
+bv_list_head g_gone;
+
+// Whether an entry of the table is a family that was taken out of the list. Each record goes by its
+// own name only: a record that a service renamed stays in the table under the old one.
+bool is_gone(const uint8_t *key, void *data)
+{
+    auto *family = static_cast<bv_db_family *>(data);
+    if (family->link.next != &g_gone)
+        return false;
+    family->link.next = nullptr;
+    return bv_os_strcmp(reinterpret_cast<const char *>(key), family->name) == 0;
 }
 
 } // namespace
@@ -122,23 +134,23 @@ void bv::release_parameters(bv_db_family &family)
     family.default_image = nullptr; // not freed: see bv_db_hash_free()
 }
 
-// Each record is removed by its own name, so records that a service keeps in the table beside the
-// families stay there. A record that a service renamed must not remove the family that has the new
-// name, which is still linked.
 int32_t bv_db_hash_free(void)
 {
+    if (bv::list_empty(g_st_db_mng.family_list))
+        return BV_OK;
     for (bv_db_family &family : bv::each_removable<bv_db_family>(g_st_db_mng.family_list)) {
         bv::release_instances(family);
         bv::release_parameters(family);
         bv::list_unlink(family.link);
-        bv::hash_remove(g_st_db_mng.table, FamilyKey(family.name).bytes(), &family);
+        family.link.next = &g_gone;
     }
+    bv::hash_remove_if(g_st_db_mng.table, is_gone);
     return BV_OK;
 }
 
 bv_db_family *bv::find_family(const char *name)
 {
-    return static_cast<bv_db_family *>(bv_hash_find(g_st_db_mng.table, FamilyKey(name).bytes()));
+    return static_cast<bv_db_family *>(hash_find_name(g_st_db_mng.table, name));
 }
 
 bv_db_family *bv_db_hash_find(const char *name)
@@ -151,9 +163,7 @@ bv_db_family *bv_db_hash_add(const char *name)
     if (name == nullptr)
         return nullptr;
 
-    const bv_db_family blank = {};
-    auto *family = static_cast<bv_db_family *>(
-        bv::hash_add(g_st_db_mng.table, FamilyKey(name).bytes(), &blank));
+    auto *family = static_cast<bv_db_family *>(bv::hash_add_name(g_st_db_mng.table, name));
     if (family == nullptr)
         return nullptr;
 

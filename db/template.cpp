@@ -14,6 +14,7 @@
 #include "db/types.h"
 #include "os/alloc.h"
 #include "os/checked.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 #include <bv/ubus.h>
@@ -36,12 +37,12 @@ int32_t search(const char *name, char *path)
 }
 
 // Copies a member's text, cut to the field. False if there is none.
-bool take_text(bv::JsonMembers &members, const char *key, char *field)
+bool take_text(bv::JsonMembers &members, const char *key, char (&field)[kTextSize])
 {
     const char *text = bv_json_object_get_string(members.get(key));
     if (text == nullptr)
         return false;
-    bv_os_strncpy(field, kTextSize, text, kTextSize - 1);
+    bv::copy_text(field, kTextSize, text);
     return true;
 }
 

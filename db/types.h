@@ -49,20 +49,23 @@ constexpr bool numbers_fit_32_bits()
 }
 static_assert(numbers_fit_32_bits(), "a wider number needs wider conversions");
 
-// The row of a type, or null for an unknown name. The comparison is written out because this runs
-// for every parameter of every instance: nine calls would cost more than the conversion itself.
+// Written out because it runs for every parameter of every instance: calls would cost more than the
+// conversion itself.
+inline bool same_text(const char *a, const char *b)
+{
+    for (; *a == *b; ++a, ++b)
+        if (*a == '\0')
+            return true;
+    return false;
+}
+
+// The row of a type, or null for an unknown name.
 inline const ParameterType *find_type(const char *name)
 {
-    for (const ParameterType &type : kParameterTypes) {
-        const char *expected = type.name;
-        const char *at = name;
-        while (*at == *expected && *at != '\0') {
-            ++at;
-            ++expected;
-        }
-        if (*at == *expected)
+    const char first = name[0];
+    for (const ParameterType &type : kParameterTypes)
+        if (type.name[0] == first && same_text(type.name, name))
             return &type;
-    }
     return nullptr;
 }
 

@@ -10,7 +10,7 @@
 #include "os/alloc.h"
 #include "os/bytes.h"
 #include "os/descriptor.h"
-#include "os/span.h"
+#include "os/inline.h"
 
 #include <bv/os.h>
 
@@ -40,7 +40,7 @@ constexpr uint32_t kDefaultAddress = 0xC0A80A0A;
 constexpr uint16_t kDefaultPort = 5344;
 constexpr uint16_t kDefaultSecondPort = 7364;
 
-constexpr uint32_t kTextSize = 256;
+constexpr uint32_t kTextSize = 256; // with the NUL, which is not sent
 
 // Blocks are never smaller than this, which is more than any message of bv_debug_remote() needs. So
 // a service's messages take and return blocks of one size and do not fragment its heap.
@@ -62,30 +62,33 @@ void reopen_socket()
     g_socket = bv::keep_descriptor(bv_os_socket(AF_INET, SOCK_DGRAM, 0));
 }
 
-// Not inline, so that a message that is off does not pay for the buffer.
-__attribute__((noinline)) void send_formatted(bv_debug_header header, const char *format,
-                                              va_list args)
+// Writes the header of a datagram and sends it. Both lengths in it wrap at 65536.
+int32_t send_block(uint8_t *block, const bv_debug_header &header, uint32_t text_length)
 {
-    char text[kTextSize] = {};
-    vsprintf_s(text, sizeof(text), format, args);
-    bv_debug_sendmsg(&header, text, static_cast<uint16_t>(bv_os_strlen(text)));
+    const auto total = static_cast<uint16_t>(bv::kDebugTextAt + text_length);
+    const auto element = static_cast<uint16_t>(bv::kDebugTextAt - bv::kDebugTagAt + text_length);
+    block[bv::kDebugCategoryAt] = header.category & bv::kDebugCategoryMask;
+    block[bv::kDebugLevelAt] = header.level;
+    bv::put_be16(block + bv::kDebugModuleAt, header.module);
+    bv::put_be16(block + bv::kDebugTotalLengthAt, total);
+    bv::put_be16(block + bv::kDebugTagAt, header.tag);
+    bv::put_be16(block + bv::kDebugElementLengthAt, element);
+    return static_cast<int32_t>(bv_os_sendto(g_socket, block, total, 0,
+                                             reinterpret_cast<const sockaddr *>(&g_address),
+                                             sizeof(g_address)));
 }
 
-// Writes a datagram into a zeroed block, of which `total` bytes will be sent. Both lengths in it
-// wrap at 65536, and a wrapped total is shorter than the text, so the block limits what is copied.
-void write_datagram(bv::MutableBytes block, const bv_debug_header &header, bv::Bytes text,
-                    uint16_t total)
+// Prints straight into the datagram. A text that does not fit becomes empty. Not inline, so that a
+// message that is off does not pay for the registers.
+__attribute__((noinline)) void send_formatted(const bv_debug_header &header, const char *format,
+                                              va_list args)
 {
-    const auto element = static_cast<uint16_t>(bv::kDebugTextAt - bv::kDebugTagAt + text.length);
-    block.data[bv::kDebugCategoryAt] = header.category & bv::kDebugCategoryMask;
-    block.data[bv::kDebugLevelAt] = header.level;
-    bv::put_be16(block.data + bv::kDebugModuleAt, header.module);
-    bv::put_be16(block.data + bv::kDebugTotalLengthAt, total);
-    bv::put_be16(block.data + bv::kDebugTagAt, header.tag);
-    bv::put_be16(block.data + bv::kDebugElementLengthAt, element);
-
-    const uint32_t copied = std::min(text.length, block.length - bv::kDebugTextAt);
-    bv_os_memcpy(block.data + bv::kDebugTextAt, copied, text.data, copied);
+    const bv::Block<uint8_t> block(bv::allocate_zeroed<uint8_t>(kSmallestBlock));
+    if (!block)
+        return;
+    char *text = reinterpret_cast<char *>(block.get()) + bv::kDebugTextAt;
+    vsprintf_s(text, kTextSize, format, args);
+    send_block(block.get(), header, bv_os_strlen(text));
 }
 
 } // namespace
@@ -137,15 +140,14 @@ int32_t bv_debug_sendmsg(const bv_debug_header *header, const void *text, uint16
     if (header == nullptr)
         return BV_ERR_FAILED;
 
+    // A wrapped total is shorter than the text, so the block limits what is copied.
     const auto total = static_cast<uint16_t>(bv::kDebugTextAt + length);
     const uint32_t size = std::max<uint32_t>(total, kSmallestBlock);
     const bv::Block<uint8_t> block(bv::allocate_zeroed<uint8_t>(size));
     if (!block)
         return BV_ERR_FAILED;
 
-    write_datagram({block.get(), size}, *header, bv::bytes_of(text, length), total);
-    const ssize_t sent =
-        bv_os_sendto(g_socket, block.get(), total, 0,
-                     reinterpret_cast<const sockaddr *>(&g_address), sizeof(g_address));
-    return static_cast<int32_t>(sent);
+    const uint32_t copied = std::min<uint32_t>(length, size - bv::kDebugTextAt);
+    bv_os_memcpy(block.get() + bv::kDebugTextAt, copied, text, copied);
+    return send_block(block.get(), *header, length);
 }

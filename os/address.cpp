@@ -3,34 +3,72 @@
 
 #include <bv/os.h>
 
+#include "os/bytes.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+namespace {
+
+constexpr size_t kMacSize = 6;
+constexpr size_t kMacTextSize = 3 * kMacSize; // two digits and a colon, or the NUL, each
+
+// The value of a hexadecimal digit; -1 for any other character.
+int digit_value(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    const int letter = c | 0x20; // in lower case
+    return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
+}
+
+// An address as bv_os_mac_ntop() writes it, in digits of either case. False for any other text.
+bool read_full_mac(const char *text, uint8_t (&mac)[kMacSize])
+{
+    for (size_t i = 0; i < kMacSize; ++i, text += 3) {
+        const int high = digit_value(text[0]);
+        const int low = high < 0 ? -1 : digit_value(text[1]);
+        if (low < 0 || (text[2] != ':' && i + 1 < kMacSize))
+            return false;
+        mac[i] = static_cast<uint8_t>(16 * high + low);
+    }
+    return true;
+}
+
 // Scanned, not parsed by hand: configurations in the field hold whatever this scan accepts, such
 // as groups of one digit.
-void bv_os_mac_pton(const char *text, void *out)
+void scan_mac(const char *text, uint8_t (&mac)[kMacSize])
 {
-    unsigned groups[6] = {0, 0, 0, 0, 0, 0};
+    unsigned groups[kMacSize] = {0, 0, 0, 0, 0, 0};
     bv_os_sscanf(text, "%02x:%02x:%02x:%02x:%02x:%02x", &groups[0], &groups[1], &groups[2],
                  &groups[3], &groups[4], &groups[5]);
-
-    uint8_t mac[6];
-    for (int i = 0; i < 6; ++i)
+    for (size_t i = 0; i < kMacSize; ++i)
         mac[i] = static_cast<uint8_t>(groups[i]);
+}
+
+} // namespace
+
+// Nearly every text is a full address, and the scanner takes thirty times as long for it: the
+// addresses were a twentieth of a database's start.
+void bv_os_mac_pton(const char *text, void *out)
+{
+    uint8_t mac[kMacSize];
+    if (text == nullptr || !read_full_mac(text, mac))
+        scan_mac(text, mac);
     bv_os_memcpy(out, sizeof(mac), mac, sizeof(mac));
 }
 
+// The digits are put in place: printing them took a quarter of a commit.
 void bv_os_mac_ntop(const void *mac, char *out, uint32_t outsize)
 {
-    if (mac == nullptr) {
-        bv_os_strcpy(out, outsize, "");
-        return;
-    }
-
+    char text[kMacTextSize] = "";
     const auto *bytes = static_cast<const uint8_t *>(mac);
-    bv_os_sprintf(out, outsize, "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2],
-                  bytes[3], bytes[4], bytes[5]);
+    for (size_t i = 0; mac != nullptr && i < kMacSize; ++i) {
+        bv::put_hex(text + 3 * i, bytes[i]);
+        text[3 * i + 2] = i + 1 < kMacSize ? ':' : '\0';
+    }
+    bv_os_strcpy(out, outsize, text);
 }
 
 // The gateway's C library writes while it reads: a text that turns out not to be an address, or not

@@ -71,18 +71,13 @@ bool connect(Client &client)
     return client.connection != nullptr;
 }
 
-// Finds an object. A connection that turns out to be dead is made again, once.
-int32_t find_object(Client &client, const char *service, uint32_t &id)
+// Looks up an object, or all. A connection that turns out to be dead is made again, once.
+int32_t look_up(Client &client, const char *path, ubus_lookup_handler_t found, void *priv)
 {
-    char path[kMaxServiceName + sizeof(kObjectSuffix)];
-    snprintf(path, sizeof(path), "%s%s", service, kObjectSuffix);
     for (int attempt = 0; attempt < 2 && connect(client); ++attempt) {
-        id = 0;
-        const int status = bv_ubus_lookup_id(client.connection, path, &id);
-        if (status == UBUS_STATUS_OK && id != 0)
-            return BV_OK;
+        const int status = ubus_lookup(client.connection, path, found, priv);
         if (status == UBUS_STATUS_OK || status == UBUS_STATUS_NOT_FOUND)
-            return UBUS_STATUS_NOT_FOUND;
+            return status;
         disconnect(client);
     }
     return UBUS_STATUS_CONNECTION_FAILED;
@@ -95,15 +90,9 @@ struct Request {
     const char *data; // or null
 };
 
-bool is_read(const Request &request)
-{
-    return bv::service::is_read(request.op, request.data != nullptr);
-}
-
 struct Reply {
     Text &answer; // the part is appended
     Words &words;
-    bool is_complete;
     int32_t status;
     uint32_t generation;
     uint32_t total;
@@ -119,12 +108,11 @@ void take_reply(ubus_request *request, int, blob_attr *message)
                                                  {"data", BLOBMSG_TYPE_STRING}};
     Reply &reply = *static_cast<Reply *>(request->priv);
     blob_attr *fields[kCount];
-    if (reply.is_complete || // a second one
+    if (reply.status != UBUS_STATUS_PARSE_ERROR || // a second one
         bv_blobmsg_parse(kFields, kCount, fields, bv_blob_data(message),
                          static_cast<unsigned>(bv_blob_len(message))) != 0 ||
         fields[kStatus] == nullptr || fields[kGeneration] == nullptr || fields[kTotal] == nullptr)
         return;
-    reply.is_complete = true;
     reply.status = static_cast<int32_t>(bv_blobmsg_get_u32(fields[kStatus]));
     reply.generation = bv_blobmsg_get_u32(fields[kGeneration]);
     reply.total = bv_blobmsg_get_u32(fields[kTotal]);
@@ -135,51 +123,46 @@ void take_reply(ubus_request *request, int, blob_attr *message)
         reply.answer.put(bv_blobmsg_get_string(fields[kData]));
 }
 
-int32_t ask_for_part(Client &client, uint32_t id, const Request &request, uint32_t generation,
-                     Reply &reply)
+// Asks for the part of the answer that is missing.
+int32_t ask_for_part(Client &client, uint32_t id, const Request &request, Reply &reply)
 {
+    const bool reads = is_read(request.op, request.data != nullptr);
     blob_buf message = {};
     int failed = bv_blobmsg_buf_init(&message);
     failed |= bv_blobmsg_add_u32(&message, "version", kMessageVersion);
     failed |= bv_blobmsg_add_string(&message, "op", request.op);
     if (request.data != nullptr)
         failed |= bv_blobmsg_add_string(&message, "data", request.data);
-    if (reply.answer.length != 0) {
-        failed |= bv_blobmsg_add_u32(&message, "offset", reply.answer.length);
-        failed |= bv_blobmsg_add_u32(&message, "generation", generation);
-    }
+    failed |= bv_blobmsg_add_u32(&message, "offset", reply.answer.length);
+    failed |= bv_blobmsg_add_u32(&message, "generation", reply.generation);
     int32_t status = UBUS_STATUS_NO_MEMORY;
+    reply.status = UBUS_STATUS_PARSE_ERROR; // until there is one
     if (failed == 0)
-        status = bv_ubus_invoke(client.connection, id, is_read(request) ? "read" : "write",
-                                message.head, take_reply, &reply, kCallTimeoutMs);
+        status = bv_ubus_invoke(client.connection, id, reads ? "read" : "write", message.head,
+                                take_reply, &reply, kCallTimeoutMs);
     bv_blob_buf_free(&message);
-    if (status != UBUS_STATUS_OK)
-        return status;
-    return reply.is_complete ? reply.status : UBUS_STATUS_PARSE_ERROR;
+    return status != UBUS_STATUS_OK ? status : reply.status;
 }
 
 // Asks for one part after the other. kStartAgain when the answer has changed meanwhile.
 int32_t ask_for_all(Client &client, uint32_t id, const Request &request, Text &answer)
 {
     answer.length = 0;
-    uint32_t generation = 0;
-    uint32_t total = 0;
+    Reply reply = {answer, client.words, 0, 0, 0};
     do {
-        const uint32_t before = answer.length;
-        Reply reply = {answer, client.words, false, 0, 0, 0};
-        const int32_t status = ask_for_part(client, id, request, generation, reply);
+        const Reply before = reply;
+        const uint32_t length = answer.length;
+        const int32_t status = ask_for_part(client, id, request, reply);
         if (status != BV_OK)
             return status;
         if (answer.failed)
             return BV_ERR_MEMORY;
-        if (before != 0 && (reply.generation != generation || reply.total != total))
+        if (length != 0 && (reply.generation != before.generation || reply.total != before.total))
             return kStartAgain;
-        generation = reply.generation;
-        total = reply.total;
-        if (total > kMaxAnswer || answer.length > total ||
-            (answer.length == before && answer.length < total))
+        if (reply.total > kMaxAnswer || answer.length > reply.total ||
+            (answer.length == length && length < reply.total))
             return UBUS_STATUS_PARSE_ERROR;
-    } while (answer.length < total);
+    } while (answer.length < reply.total);
     return BV_OK;
 }
 
@@ -187,18 +170,22 @@ int32_t ask_for_all(Client &client, uint32_t id, const Request &request, Text &a
 // restarted in the middle; a change might be made twice.
 int32_t ask(Client &client, const char *service, const Request &request, Text &answer)
 {
-    int32_t status = BV_OK;
+    char path[kMaxServiceName + sizeof(kObjectSuffix)];
+    snprintf(path, sizeof(path), "%s%s", service, kObjectSuffix);
+    const auto take_id = [](ubus_context *, ubus_object_data *object, void *id) {
+        *static_cast<uint32_t *>(id) = object->id;
+    };
+    const bool reads = is_read(request.op, request.data != nullptr);
     for (int start = 0; start < kMaxStarts; ++start) {
-        uint32_t id;
+        uint32_t id = 0;
         client.words.text[0] = '\0';
-        status = find_object(client, service, id);
-        if (status == BV_OK) {
-            client.was_sent = client.was_sent || !is_read(request);
-            status = ask_for_all(client, id, request, answer);
-        }
-        const bool again = status == kStartAgain || (start == 0 && is_read(request) &&
-                                                     status == UBUS_STATUS_CONNECTION_FAILED);
-        if (!again)
+        int32_t status = look_up(client, path, take_id, &id);
+        if (status != UBUS_STATUS_OK)
+            return status;
+        client.was_sent = !reads;
+        status = ask_for_all(client, id, request, answer);
+        const bool is_cut = status == UBUS_STATUS_CONNECTION_FAILED && start == 0 && reads;
+        if (status != kStartAgain && !is_cut)
             return status;
     }
     return client.words.refuse(UBUS_STATUS_TIMEOUT, "the answer of %s changed again and again",
@@ -207,18 +194,13 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
 
 // ---- owners ----
 
-// The names of the services, each with its terminator, in alphabetical order.
+// The names of the services, each with its terminator.
 struct Names {
     Text text;
+    const char *begin() const { return text.bytes; }
     const char *end() const { return text.bytes + text.length; }
+    static const char *next(const char *name) { return name + strlen(name) + 1; }
 };
-
-template <typename Visit>
-void each(const Names &names, Visit visit)
-{
-    for (const char *at = names.text.bytes; at != nullptr && at < names.end(); at += strlen(at) + 1)
-        visit(at);
-}
 
 // Whether an object that is called like ours has our methods.
 bool has_methods(blob_attr *signature)
@@ -232,71 +214,48 @@ bool has_methods(blob_attr *signature)
            methods[0] != nullptr && methods[1] != nullptr;
 }
 
-void insert_sorted(Names &names, const char *name)
-{
-    const auto length = static_cast<uint32_t>(strlen(name) + 1);
-    uint32_t at = 0;
-    while (at < names.text.length && strcmp(names.text.bytes + at, name) < 0)
-        at += static_cast<uint32_t>(strlen(names.text.bytes + at) + 1);
-    const uint32_t behind = names.text.length - at;
-    names.text.put(name, length); // for the room
-    if (names.text.failed)
-        return;
-    memmove(names.text.bytes + at + length, names.text.bytes + at, behind);
-    memcpy(names.text.bytes + at, name, length);
-}
-
 void take_object(ubus_context *, ubus_object_data *object, void *priv)
 {
+    char name[kMaxServiceName + sizeof(kObjectSuffix)];
     const char *path = object->path != nullptr ? object->path : "";
+    constexpr size_t kSuffix = sizeof(kObjectSuffix) - 1;
     const size_t length = strlen(path);
-    constexpr size_t kSuffixLength = sizeof(kObjectSuffix) - 1;
-    char name[kMaxServiceName + 1];
-    if (length <= kSuffixLength || length - kSuffixLength >= sizeof(name) ||
-        strcmp(path + length - kSuffixLength, kObjectSuffix) != 0 ||
-        !has_methods(object->signature))
+    if (length < kSuffix || length >= sizeof(name) ||
+        strcmp(path + length - kSuffix, kObjectSuffix) != 0 || !has_methods(object->signature))
         return;
-    snprintf(name, sizeof(name), "%.*s", static_cast<int>(length - kSuffixLength), path);
+    snprintf(name, sizeof(name), "%.*s", static_cast<int>(length - kSuffix), path);
     if (is_service_name(name))
-        insert_sorted(*static_cast<Names *>(priv), name);
+        static_cast<Names *>(priv)->text.put(name, strlen(name) + 1);
 }
 
 int32_t list_services(Client &client, Names &names)
 {
-    int32_t status = UBUS_STATUS_CONNECTION_FAILED;
-    for (int attempt = 0; attempt < 2 && connect(client); ++attempt) {
-        names.text.length = 0;
-        status = ubus_lookup(client.connection, nullptr, take_object, &names);
-        if (status == UBUS_STATUS_OK || status == UBUS_STATUS_NOT_FOUND)
-            return names.text.failed ? BV_ERR_MEMORY : BV_OK;
-        disconnect(client);
-    }
-    return UBUS_STATUS_CONNECTION_FAILED;
+    const int32_t status = look_up(client, nullptr, take_object, &names);
+    return names.text.failed                 ? static_cast<int32_t>(BV_ERR_MEMORY)
+           : status == UBUS_STATUS_NOT_FOUND ? BV_OK
+                                             : status;
 }
 
 // Asks every service for the family. A service that does not answer is not waited for again.
 int32_t find_owner(Client &client, const char *family, char *owner)
 {
     Names names;
-    Text quoted;
+    Text data;
     int32_t status = list_services(client, names);
-    quoted.quote(family);
-    if (status != BV_OK || quoted.failed)
-        return status != BV_OK ? status : BV_ERR_MEMORY;
-    status = BV_ERR_NO_FAMILY;
-    each(names, [&](const char *service) {
+    data.put("{");
+    data.quote(family);
+    data.put(":[]}");
+    if (status != BV_OK || data.failed)
+        return status != BV_OK ? status : static_cast<int32_t>(BV_ERR_MEMORY);
+    for (const char *name = names.begin(); name < names.end(); name = Names::next(name)) {
         Text answer;
+        status = ask(client, name, {"counters", data.bytes}, answer);
         if (status == BV_OK)
-            return;
-        const int32_t result = ask(client, service, {"counters", quoted.bytes}, answer);
-        if (result == BV_OK)
-            snprintf(owner, kMaxServiceName + 1, "%s", service);
-        if (result == BV_OK || result == UBUS_STATUS_CONNECTION_FAILED)
-            status = result;
-    });
-    if (status == BV_ERR_NO_FAMILY)
-        client.words.refuse(status, "%s: no running service owns this family", family);
-    return status;
+            snprintf(owner, kMaxServiceName + 1, "%s", name);
+        if (status == BV_OK || status == UBUS_STATUS_CONNECTION_FAILED)
+            return status;
+    }
+    return client.words.refuse(BV_ERR_NO_FAMILY, "%s: no running service owns this family", family);
 }
 
 // ---- whole calls ----
@@ -326,10 +285,9 @@ int32_t ask_owner(Client &client, const char *family, const Request &request, Te
                                        : static_cast<int32_t>(UBUS_STATUS_NOT_FOUND);
         if (status == BV_OK)
             status = ask(client, owner, request, answer);
-        const int64_t left = deadline - now_ms();
-        if (!is_away(client, status) || client.was_sent || left <= 0)
+        if (!is_away(client, status) || client.was_sent || now_ms() >= deadline)
             return status;
-        bv_os_msleep(static_cast<uint32_t>(left < kRetryMs ? left : kRetryMs));
+        bv_os_msleep(kRetryMs);
     }
 }
 
@@ -401,80 +359,59 @@ void listen(Client &client)
     register_pattern(client, "ubus.object.add");
 }
 
-class Watch {
-public:
-    Watch(Client &client, const char *family, bv_service_changed_cb changed, void *priv)
-        : client_(client), family_(family), changed_(changed), priv_(priv),
-          known_(json_object_new_object())
-    {
-    }
-    ~Watch() { bv_json_object_put(known_); }
-    Watch(const Watch &) = delete;
-    Watch &operator=(const Watch &) = delete;
-
-    bool is_ready() const { return known_ != nullptr; }
-
-    // Reads the counters and calls back for those that differ. A service that is not there is one
-    // that has not changed, unless it is the one that is watched.
-    int32_t look()
-    {
-        client_.has_event = false;
-        if (client_.service[0] != '\0')
-            return look_at(client_.service);
-        Names names;
-        int32_t status = list_services(client_, names);
-        if (status != BV_OK)
-            return status;
-        found_ = family_ == nullptr;
-        each(names, [&](const char *service) {
-            if (client_.is_watching && look_at(service) == UBUS_STATUS_CONNECTION_FAILED)
-                status = UBUS_STATUS_CONNECTION_FAILED;
-        });
-        return status != BV_OK || found_ ? status : BV_ERR_NO_FAMILY;
-    }
-
-private:
-    int32_t look_at(const char *service)
-    {
-        Text answer;
-        const int32_t status = ask(client_, service, {"counters", nullptr}, answer);
-        if (status != BV_OK)
-            return status;
-        const bv::JsonTree counters(bv_json_tokener_parse(answer.bytes));
-        bool found = family_ == nullptr;
-        for (const Members::Member member : Members{counters.get()}) {
-            if (family_ != nullptr && strcmp(member.name, family_) != 0)
-                continue;
-            found = true;
-            if (client_.is_watching &&
-                is_new(service, member.name, bv_json_object_get_string(member.value)))
-                changed_(service, member.name, priv_);
-        }
-        found_ = found_ || found;
-        return found ? BV_OK : BV_ERR_NO_FAMILY;
-    }
-
-    bool is_new(const char *service, const char *family, const char *count)
-    {
-        char key[1200];
-        snprintf(key, sizeof(key), "%s/%s", service, family);
-        const char *was = bv_json_object_get_string(bv_json_object_object_get(known_, key));
-        if (count == nullptr || (was != nullptr && strcmp(was, count) == 0))
-            return false;
-        json_object_object_add(known_, key, json_object_new_string(count));
-        return true;
-    }
-
-    Client &client_;
-    const char *family_;
-    bv_service_changed_cb changed_;
-    void *priv_;
-    json_object *known_; // "service/family" to its counter
-    bool found_ = false;
+struct Watch {
+    Client &client;
+    const char *family; // or null
+    bv_service_changed_cb changed;
+    void *priv;
+    json_object *known; // "service/family" to its counter
 };
 
-int32_t run_watch(Client &client, Watch &watch, int64_t end)
+// Calls back for the families of a service whose counters are not known.
+int32_t look_at(const Watch &watch, const char *service)
 {
+    Text answer;
+    const int32_t status = ask(watch.client, service, {"counters", nullptr}, answer);
+    const bv::JsonTree counters(status == BV_OK ? bv_json_tokener_parse(answer.bytes) : nullptr);
+    bool found = watch.family == nullptr;
+    for (const Members::Member member : Members{counters.get()}) {
+        if (watch.family != nullptr && strcmp(member.name, watch.family) != 0)
+            continue;
+        found = true;
+        char key[1200];
+        snprintf(key, sizeof(key), "%s/%s", service, member.name);
+        if (!watch.client.is_watching ||
+            json_object_equal(bv_json_object_object_get(watch.known, key), member.value) != 0)
+            continue;
+        json_object_object_add(watch.known, key, json_object_get(member.value));
+        watch.changed(service, member.name, watch.priv);
+    }
+    return status != BV_OK || found ? status : static_cast<int32_t>(BV_ERR_NO_FAMILY);
+}
+
+// Looks at the client's service, or at all. One of all that is not there has not changed.
+int32_t look(const Watch &watch)
+{
+    Client &client = watch.client;
+    client.has_event = false;
+    if (client.service[0] != '\0')
+        return look_at(watch, client.service);
+    Names names;
+    int32_t status = list_services(client, names);
+    bool found = watch.family == nullptr;
+    for (const char *name = names.begin(); status == BV_OK && name < names.end();
+         name = Names::next(name)) {
+        const int32_t result = look_at(watch, name);
+        found = found || result == BV_OK;
+        if (result == UBUS_STATUS_CONNECTION_FAILED)
+            status = result;
+    }
+    return status != BV_OK || found ? status : static_cast<int32_t>(BV_ERR_NO_FAMILY);
+}
+
+int32_t run_watch(const Watch &watch, int64_t end)
+{
+    Client &client = watch.client;
     int64_t away_since = -1;
     int64_t next_look = 0;
     while (client.is_watching) {
@@ -485,22 +422,21 @@ int32_t run_watch(Client &client, Watch &watch, int64_t end)
         int64_t now = now_ms();
         if (now >= end)
             break;
-        if (client.has_event || now >= next_look) {
-            const int32_t status = watch.look();
-            now = now_ms();
-            const bool away = is_away(client, status);
-            if (!away)
-                away_since = -1;
-            else if (away_since < 0)
-                away_since = now;
-            if ((status != BV_OK && !away) || (away && now - away_since >= client.wait_ms))
-                return status;
-            next_look = now + (away ? kRetryMs : kAskAgainMs);
+        if (!client.has_event && now < next_look) {
+            const int64_t until = next_look < end ? next_look : end;
+            const int fd = client.connection != nullptr ? client.connection->sock.fd : -1;
+            pollfd socket = {fd, POLLIN, 0};
+            poll(&socket, 1, static_cast<int>(until - now));
             continue;
         }
-        const int64_t until = next_look < end ? next_look : end;
-        pollfd socket = {client.connection != nullptr ? client.connection->sock.fd : -1, POLLIN, 0};
-        poll(&socket, 1, static_cast<int>(until - now));
+        const int32_t status = look(watch);
+        const bool away = is_away(client, status);
+        now = now_ms();
+        if (!away || away_since < 0)
+            away_since = away ? now : -1;
+        if (status != BV_OK && (!away || now - away_since >= client.wait_ms))
+            return status;
+        next_look = now + (away ? kRetryMs : kAskAgainMs);
     }
     return BV_OK;
 }
@@ -583,8 +519,9 @@ int32_t bv_service_list(struct bv_service_client *client,
     while ((status = list_services(*client, names)) == UBUS_STATUS_CONNECTION_FAILED &&
            now_ms() < deadline)
         bv_os_msleep(kRetryMs);
-    if (status == BV_OK)
-        each(names, [&](const char *service) { found(service, priv); });
+    for (const char *name = names.begin(); status == BV_OK && name < names.end();
+         name = Names::next(name))
+        found(name, priv);
     return status;
 }
 
@@ -593,13 +530,14 @@ int32_t bv_service_watch(struct bv_service_client *client, const char *family,
 {
     if (client == nullptr || changed == nullptr)
         return BV_ERR_NULL;
-    Watch watch(*client, family, changed, priv);
-    if (!watch.is_ready())
+    const bv::JsonTree known(json_object_new_object());
+    if (!known)
         return BV_ERR_MEMORY;
     client->is_watching = true;
-    const int32_t status = run_watch(*client, watch, ms != 0 ? now_ms() + ms : INT64_MAX);
+    const int32_t status = run_watch({*client, family, changed, priv, known.get()},
+                                     ms != 0 ? now_ms() + ms : INT64_MAX);
     client->is_watching = false;
-    if (client->connection != nullptr && client->listener.id != 0)
+    if (client->listener.id != 0)
         disconnect(*client); // and so the listener ends, too
     return status;
 }
@@ -613,9 +551,4 @@ void bv_service_unwatch(struct bv_service_client *client)
 const char *bv_service_words(const struct bv_service_client *client)
 {
     return client != nullptr ? client->words.text : "";
-}
-
-const char *bv_service_text(int32_t result)
-{
-    return result >= 0 && result < 0x1000 ? bv_bus_status_text(result) : bv_status_text(result);
 }

@@ -36,7 +36,8 @@ void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Why a request was refused, for the one who asked.
 struct Words {
-    char text[512] = "";
+    char text[512];
+    Words() { text[0] = '\0'; }
     // Writes the text, and returns `status`.
     int32_t refuse(int32_t status, const char *format, ...) __attribute__((format(printf, 3, 4)));
     int32_t no_memory() { return refuse(BV_ERR_MEMORY, "the service is out of memory"); }
@@ -95,16 +96,9 @@ bool number_of(json_object *value, int32_t &number);
 // Takes what Text::hex() wrote, without the quotes. False for anything else.
 bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
 
-// Walks the members of an object in a text that json-c has parsed, comments included.
-struct RawMember {
-    const char *start; // after the brace or comma in front of it
-    const char *name;  // its opening quote; null: no more members
-    const char *name_end;
-    const char *end; // the comma or brace after it
-    bool ends_in_line_comment;
-};
-RawMember first_member(const char *object);
-RawMember next_member(const RawMember &member);
+// Appends the members of an object that are not of this store, byte for byte and with their
+// comments. json-c must have parsed the text.
+void put_others(Text &out, const char *text, uint32_t store);
 // The names in all objects of a text without comments: the parser keeps the last of equal ones.
 // SIZE_MAX if it has a NaN or Infinity, which the parser takes for numbers.
 size_t count_raw_names(const char *text);
@@ -144,7 +138,10 @@ inline auto instances(const Family &family)
 {
     return each<bv_db_inst>(family.record->inst_list);
 }
-const bv_service_family *find_listed(const char *family); // null: not a family of the service
+// Whether the service keeps a family of this name in a store.
+bool is_stored(uint32_t store, const char *name, size_t length);
+// Null, with the words set, for a family that is not the service's.
+const bv_service_family *find_listed(const char *family, Words &words);
 
 // The text of one value; good until the next call.
 const char *value_text(const bv_db_para &para, const uint8_t *value);
@@ -165,30 +162,31 @@ void put_instance(Text &out, const Family &family, int32_t number, const uint8_t
 // What is to become of one instance.
 struct Change {
     Change *next;
+    Family family;
     int32_t number;
     bv_db_inst *present; // null: to be added
-    bool added;          // made for the plan
-    bool named;          // otherwise it stays as it is
     uint8_t *is;         // what is wanted; null: to be deleted
-    uint8_t *was;        // null: added
+    uint8_t *was;        // what it was; null: added
+    bool added;          // by make()
+    bool named;          // otherwise it stays as it is
 };
 
-// What is to become of one family: its instances, and those to be added, in this order.
-struct FamilyPlan {
-    FamilyPlan *next;
-    Family family;
-    Change *first;
-    Change **end;
-    void *by_number; // a tree of tsearch(), until something is made
-    int32_t highest; // number
-};
-
-// The changes of one request.
+// The changes of one request, those of a family together.
 struct Plan {
-    FamilyPlan *first = nullptr;
+    struct Iterator {
+        Change *at;
+        Change &operator*() const { return *at; }
+        void operator++() { at = at->next; }
+        bool operator!=(const Iterator &other) const { return at != other.at; }
+    };
+    Change *first = nullptr;
+    Change **end_ = &first;
+    void *tree = nullptr; // of tsearch(), by family and number
     Plan() = default;
     Plan(const Plan &) = delete;
     ~Plan();
+    Iterator begin() const { return {first}; }
+    static Iterator end() { return {nullptr}; }
 };
 
 // What the instances of a request or of a data file (Load, Saved) mean. In a file, what does not
@@ -258,6 +256,11 @@ bool is_bus_alive(int end_fd);
 
 // ---- object.cpp ----
 
+// Of the functions: the service's, if it names none.
+inline const char *object_name()
+{
+    return g_service->object != nullptr ? g_service->object : g_service->name;
+}
 // Takes memory for the counters of the families; false when it is short.
 bool open_object();
 void close_object();

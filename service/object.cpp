@@ -35,11 +35,6 @@ struct Call {
     int32_t invalid(const char *what) { return words.refuse(BV_ERR_INVALID, "%s", what); }
 };
 
-const char *object_name()
-{
-    return g_service->object != nullptr ? g_service->object : g_service->name;
-}
-
 // How often a family changed, and since which start.
 struct Count {
     char text[24];
@@ -50,46 +45,41 @@ struct Count {
     }
 };
 
-// ---- what requests name ----
-
 // `numbers`: the array of instances that the request names with the family, or null.
 using Visit = int32_t (*)(Call &call, const Family &family, json_object *numbers);
 
-int32_t visit_named(Call &call, const char *name, json_object *numbers, Visit visit)
-{
-    const bv_service_family *listed = find_listed(name);
-    if (listed == nullptr)
-        return call.words.refuse(BV_ERR_NO_FAMILY, "%.80s: %s does not have this family",
-                                 name != nullptr ? name : "null", g_service->name);
-    if (numbers != nullptr && !bv_json_object_is_type(numbers, json_type_array))
-        return call.invalid("the numbers of instances are not an array");
-    return visit(call, Family(*listed), numbers);
-}
-
-// Visits the families that the data names, all without data: "lan.json", ["lan.json", ...] or
-// {"lan.json":["1"], ...}. Ends with the first refusal.
+// Visits the families that the data names, as in {"lan.json":["1"], ...}, all without data. Nothing
+// is visited when a name is wrong.
 int32_t each_family(Call &call, Visit visit)
 {
+    if (call.data != nullptr && !bv_json_object_is_type(call.data, json_type_object))
+        return call.invalid("data is not an object of families");
+    for (const Members::Member member : Members{call.data}) {
+        if (find_listed(member.name, call.words) == nullptr)
+            return BV_ERR_NO_FAMILY;
+        if (!bv_json_object_is_type(member.value, json_type_array))
+            return call.invalid("the numbers of instances are not an array");
+    }
     int32_t status = BV_OK;
-    const auto take = [&](const char *name, json_object *numbers) {
-        status = status == BV_OK ? visit_named(call, name, numbers, visit) : status;
-    };
-    if (call.data == nullptr)
-        for (const bv_service_family &family : Listed())
-            take(family.name, nullptr);
-    for (const Members::Member member : Members{call.data})
-        take(member.name, member.value);
-    for (size_t i = 0; i < count_of(call.data); ++i)
-        take(bv_json_object_get_string(bv_json_object_array_get_idx(call.data, i)), nullptr);
-    if (bv_json_object_is_type(call.data, json_type_string))
-        take(bv_json_object_get_string(call.data), nullptr);
+    for (const bv_service_family &listed : Listed()) {
+        json_object *numbers = bv_json_object_object_get(call.data, listed.name);
+        if (status == BV_OK && (call.data == nullptr || numbers != nullptr))
+            status = visit(call, Family(listed), numbers);
+    }
     return status;
 }
 
-int32_t no_instance(Call &call, const Family &family, int32_t number)
+int32_t find_instance(Call &call, const Family &family, json_object *number,
+                      const bv_db_inst *&instance)
 {
-    return call.words.refuse(BV_ERR_NO_INSTANCE, "%s.%" PRId32 ": no such instance", family.name(),
-                             number);
+    int32_t value;
+    if (!number_of(number, value))
+        return call.invalid("the number of an instance is not one");
+    instance = bv_db_data_get_inst(family.record, value);
+    return instance != nullptr
+               ? BV_OK
+               : call.words.refuse(BV_ERR_NO_INSTANCE, "%s.%" PRId32 ": no such instance",
+                                   family.name(), value);
 }
 
 // ---- read ----
@@ -125,13 +115,12 @@ int32_t put_instances(Call &call, const Family &family, json_object *numbers)
     const size_t count = count_of(numbers);
     call.out.item("\"%s\":[", family.name());
     for (size_t i = 0; i < count; ++i) {
-        int32_t number;
-        if (!number_of(bv_json_object_array_get_idx(numbers, i), number))
-            return call.invalid("the number of an instance is not one");
-        const bv_db_inst *instance = bv_db_data_get_inst(family.record, number);
-        if (instance == nullptr)
-            return no_instance(call, family, number);
-        put_instance(call.out, family, number, instance->image);
+        const bv_db_inst *instance;
+        const int32_t status =
+            find_instance(call, family, bv_json_object_array_get_idx(numbers, i), instance);
+        if (status != BV_OK)
+            return status;
+        put_instance(call.out, family, instance->number, instance->image);
     }
     if (count == 0)
         for (const bv_db_inst &instance : instances(family))
@@ -213,66 +202,57 @@ int32_t read_status(Call &call)
 
 // ---- one image, for programs that know its structure ----
 
-int32_t find_image(Call &call, const bv_service_family *&listed, int32_t &number)
+// The family that the data names, if it has the size that the caller thinks. Null with the status.
+const bv_service_family *find_sized(Call &call, int32_t &status)
 {
     const char *name = bv_json_object_get_string(bv_json_object_object_get(call.data, "family"));
-    if (!number_of(bv_json_object_object_get(call.data, "inst"), number))
-        return call.invalid("\"inst\" must be a number");
-    listed = find_listed(name);
-    return visit_named(call, name, nullptr,
-                       [](Call &, const Family &, json_object *) { return int32_t{BV_OK}; });
-}
-
-int32_t check_size(Call &call, const Family &family, int32_t size)
-{
-    return static_cast<uint32_t>(size) == family.size()
-               ? BV_OK
-               : call.words.refuse(BV_ERR_INVALID,
-                                   "%s has %" PRIu32 " bytes in %s, and %" PRId32
-                                   " here: one of the two programs is older",
-                                   family.name(), family.size(), g_service->name, size);
+    const bv_service_family *listed = find_listed(name, call.words);
+    int32_t size = 0;
+    number_of(bv_json_object_object_get(call.data, "size"), size);
+    status = BV_ERR_NO_FAMILY;
+    if (listed == nullptr || static_cast<uint32_t>(size) == listed->size)
+        return listed;
+    status = call.words.refuse(BV_ERR_INVALID,
+                               "%s has %" PRIu32 " bytes in %s, and %" PRId32
+                               " here: one of the two programs is older",
+                               name, listed->size, g_service->name, size);
+    return nullptr;
 }
 
 int32_t read_image(Call &call)
 {
-    const bv_service_family *listed;
-    int32_t number;
-    int32_t status = find_image(call, listed, number);
-    if (status != BV_OK)
+    int32_t status;
+    const bv_service_family *listed = find_sized(call, status);
+    if (listed == nullptr)
         return status;
     const Family family(*listed);
-    status = check_size(call, family,
-                        bv_json_object_get_int(bv_json_object_object_get(call.data, "size")));
-    if (status != BV_OK)
-        return status;
+    const bv_db_inst *instance;
     if (family.is_hidden())
         return call.words.refuse(UBUS_STATUS_PERMISSION_DENIED, "%s hides the values of %s",
                                  g_service->name, family.name());
-    const bv_db_inst *instance = bv_db_data_get_inst(family.record, number);
-    if (instance == nullptr)
-        return no_instance(call, family, number);
-    call.out.hex(instance->image, family.size());
-    return BV_OK;
+    status = find_instance(call, family, bv_json_object_object_get(call.data, "inst"), instance);
+    if (status == BV_OK)
+        call.out.hex(instance->image, family.size());
+    return status;
 }
 
 int32_t write_image(Call &call)
 {
-    const bv_service_family *listed;
+    int32_t status;
     int32_t number;
-    size_t length;
+    size_t length = 0;
     const char *text = text_of(bv_json_object_object_get(call.data, "image"), length);
-    int32_t status = find_image(call, listed, number);
-    if (status == BV_OK && text == nullptr)
-        status = call.invalid("\"image\" must be a text");
-    if (status == BV_OK)
-        status = check_size(call, Family(*listed), static_cast<int32_t>(length / 2));
-    if (status != BV_OK)
+    const bv_service_family *listed = find_sized(call, status);
+    if (listed == nullptr)
         return status;
-    const Owned<void *, nullptr, free> image(malloc(length + 1));
+    if (!number_of(bv_json_object_object_get(call.data, "inst"), number))
+        return call.invalid("\"inst\" is not a number");
+    const Owned<void *, nullptr, free> image(malloc(listed->size));
     if (!image)
         return call.words.no_memory();
-    if (!read_hex(text, static_cast<uint8_t *>(image.get()), listed->size))
-        return call.invalid("\"image\" must be hexadecimal");
+    if (text == nullptr || length != size_t{2} * listed->size ||
+        !read_hex(text, static_cast<uint8_t *>(image.get()), listed->size))
+        return call.invalid("\"image\" does not have two hexadecimal digits for each byte");
     status = plan_instance(call.plan, listed->name, number, image.get(), call.words);
     if (status == BV_OK)
         status = check(call.plan, call.words);
@@ -296,14 +276,14 @@ int32_t write_add(Call &call)
     Text &out = call.out;
     if (status != BV_OK)
         return status;
-    out.item("{");
-    for (const FamilyPlan *plan = call.plan.first; plan != nullptr; plan = plan->next) {
-        out.item("\"%s\":[", plan->family.name());
-        for (const Change *added = plan->first; added != nullptr; added = added->next)
-            put_instance(out, plan->family, added->number, added->is);
-        out.put("]");
+    const bv_service_family *last = nullptr;
+    for (const Change &added : call.plan) {
+        if (added.family.listed != last)
+            out.item(last == nullptr ? "{\"%s\":[" : "],\"%s\":[", added.family.name());
+        last = added.family.listed;
+        put_instance(out, added.family, added.number, added.is);
     }
-    out.put("}");
+    out.put(last == nullptr ? "{}" : "]}");
     return BV_OK;
 }
 
@@ -318,22 +298,16 @@ int32_t write_commit(Call &call)
                                  status, "not saved: the system log of the service has the cause");
 }
 
-// All names are looked at before the first family changes.
 template <int32_t (*step)(const bv_service_family &)>
 int32_t undo(Call &call)
 {
-    const int32_t status =
-        each_family(call, [](Call &, const Family &, json_object *) { return int32_t{BV_OK}; });
-    return status != BV_OK
-               ? status
-               : each_family(call, [](Call &one, const Family &family, json_object *) {
-                     const int32_t result = step(*family.listed);
-                     return result == BV_OK
-                                ? result
-                                : one.words.refuse(result,
-                                                   "%s: no memory, or the data file cannot be used",
-                                                   family.name());
-                 });
+    return each_family(call, [](Call &one, const Family &family, json_object *) {
+        const int32_t status = step(*family.listed);
+        return status == BV_OK
+                   ? status
+                   : one.words.refuse(status, "%s: no memory, or the data file cannot be used",
+                                      family.name());
+    });
 }
 
 const bv_service_name *find_named(const bv_service_name *table, uint32_t count, json_object *data,

@@ -139,26 +139,22 @@ void on_signal(int)
 }
 
 // Takes SIGTERM and SIGINT; connecting to the bus would take them otherwise.
-class Signals {
-public:
+struct Signals {
+    struct sigaction old[2];
     Signals()
     {
         struct sigaction action = {};
         action.sa_handler = on_signal;
         action.sa_flags = SA_RESTART;
-        sigaction(SIGTERM, &action, &old_[0]);
-        sigaction(SIGINT, &action, &old_[1]);
+        sigaction(SIGTERM, &action, &old[0]);
+        sigaction(SIGINT, &action, &old[1]);
     }
     ~Signals()
     {
-        sigaction(SIGTERM, &old_[0], nullptr);
-        sigaction(SIGINT, &old_[1], nullptr);
+        sigaction(SIGTERM, &old[0], nullptr);
+        sigaction(SIGINT, &old[1], nullptr);
     }
     Signals(const Signals &) = delete;
-    Signals &operator=(const Signals &) = delete;
-
-private:
-    struct sigaction old_[2];
 };
 
 // Whether the service is to end; waits for it at most so long.
@@ -174,16 +170,6 @@ bool is_ending(int wait_ms)
 
 // ---- serving ----
 
-void end_loop(uloop_fd *, unsigned int)
-{
-    uloop_end();
-}
-
-void leave_loop(uloop_timeout *)
-{
-    uloop_end();
-}
-
 // The registration callback: everything that one run of the loop needs.
 int prepare()
 {
@@ -192,11 +178,11 @@ int prepare()
     if (bv_uloop_init() != 0)
         return 0; // the server finds the same and returns
     g_end_watch.fd = g_end_pipe[0];
-    g_end_watch.cb = end_loop;
+    g_end_watch.cb = [](uloop_fd *, unsigned) { uloop_end(); };
     bv_uloop_fd_add(&g_end_watch, ULOOP_READ);
     g_published = publish();
     // The functions alone are not enough: the loop ends in its first turn.
-    g_leave_loop.cb = leave_loop;
+    g_leave_loop.cb = [](uloop_timeout *) { uloop_end(); };
     if (g_published != Published::Yes)
         bv_uloop_timeout_set(&g_leave_loop, 0);
     return 0;
@@ -205,11 +191,10 @@ int prepare()
 // Serves until the bus goes or the service ends. False when an object's name is taken.
 bool serve()
 {
-    const char *object = g_service->object != nullptr ? g_service->object : g_service->name;
     g_published = Published::NoBus;
     if (!is_bus_alive(g_end_pipe[0]))
         return true;
-    const int32_t status = bv_ubus_server_init(object, prepare);
+    const int32_t status = bv_ubus_server_init(object_name(), prepare);
     bv_uloop_fd_delete(&g_end_watch);
     bv_uloop_timeout_cancel(&g_leave_loop);
     unpublish();
@@ -220,10 +205,8 @@ int serve_until_end()
 {
     bool said = false;
     bool was_taken = false;
-    while (!is_ending(0)) {
+    for (; !is_ending(0); is_ending(kPauseMs)) {
         const bool taken = !serve();
-        if (g_published == Published::Yes && !taken)
-            said = false; // there was a bus
         if (is_ending(0))
             break;
         // The bus may not have noticed yet that an earlier process with this name has ended.
@@ -232,11 +215,10 @@ int serve_until_end()
             return BV_SERVICE_NAME_TAKEN;
         }
         was_taken = taken;
-        if (!said && !taken) {
+        said = said && g_published != Published::Yes; // otherwise there was a bus
+        if (!said && !taken)
             say("no connection to the bus: trying again each second; is its daemon running?");
-            said = true;
-        }
-        is_ending(kPauseMs);
+        said = said || !taken;
     }
     return BV_SERVICE_ENDED;
 }

@@ -35,15 +35,6 @@ void close_file(int fd)
 }
 using File = bv::Owned<int, -1, close_file>;
 
-bool is_ours(uint32_t store, const char *name, size_t length)
-{
-    for (const bv_service_family &family : Listed())
-        if (family.store == store && strlen(family.name) == length &&
-            memcmp(family.name, name, length) == 0)
-            return true;
-    return false;
-}
-
 bool is_used(uint32_t store)
 {
     for (const bv_service_family &family : Listed())
@@ -155,7 +146,7 @@ bool is_saved(json_object *tree, const bv_service_family &listed)
     if (plan_saved(plan, tree, listed, Meaning::Saved) != BV_OK)
         return false;
     drop_equal(plan);
-    const Change *change = plan.first->first;
+    const Change *change = plan.first;
     if (change == nullptr || family.record->inst_count != 0)
         return change == nullptr;
     return change->next == nullptr && change->number == 1 &&
@@ -175,32 +166,12 @@ bool has_others(json_object *tree, json_object *wanted, uint32_t store)
 {
     for (const Members::Member member : Members{wanted}) {
         json_object *value = nullptr;
-        if (!is_ours(store, member.name, strlen(member.name)) &&
+        if (!is_stored(store, member.name, strlen(member.name)) &&
             (json_object_object_get_ex(tree, member.name, &value) == 0 ||
              json_object_equal(value, member.value) == 0))
             return false;
     }
     return true;
-}
-
-// Appends the members of other services, byte for byte and with their comments. What this reads in
-// another way than the parser did shows when the result is compared.
-void put_others(Text &out, const char *text, uint32_t store)
-{
-    static constexpr char kBlanks[] = " \t\r\n";
-    for (RawMember member = first_member(text); member.name != nullptr;
-         member = next_member(member)) {
-        if (is_ours(store, member.name + 1, static_cast<size_t>(member.name_end - member.name - 2)))
-            continue;
-        const char *start = member.start + strspn(member.start, kBlanks);
-        const char *end = member.end;
-        while (end > start && strchr(kBlanks, end[-1]) != nullptr)
-            --end;
-        out.put(",\n\t");
-        out.put(start, static_cast<size_t>(end - start));
-        if (member.ends_in_line_comment)
-            out.put("\n");
-    }
 }
 
 // ---- saving ----
@@ -442,9 +413,9 @@ int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words
     if (plan_saved(plan, contents.tree, family, Meaning::Saved) != BV_OK)
         return words.no_memory();
     out.item("[");
-    for (const Change *change = plan.first->first; change != nullptr; change = change->next)
-        if (change->is != nullptr)
-            put_instance(out, Family(family), change->number, change->is);
+    for (const Change &change : plan)
+        if (change.is != nullptr)
+            put_instance(out, change.family, change.number, change.is);
     out.put("]");
     return BV_OK;
 }
@@ -491,12 +462,14 @@ int32_t bv_service_commit_factory()
 
 int32_t bv_service_revert(const char *family)
 {
-    const bv_service_family *listed = find_listed(family);
+    Words words;
+    const bv_service_family *listed = find_listed(family, words);
     return listed == nullptr ? BV_ERR_NO_FAMILY : revert(*listed);
 }
 
 int32_t bv_service_reset(const char *family)
 {
-    const bv_service_family *listed = find_listed(family);
+    Words words;
+    const bv_service_family *listed = find_listed(family, words);
     return listed == nullptr ? BV_ERR_NO_FAMILY : reset(*listed);
 }

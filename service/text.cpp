@@ -169,7 +169,7 @@ bool bv::service::read_hex(const char *text, uint8_t *bytes, uint32_t count)
     return true;
 }
 
-// ---- raw members ----
+// ---- texts that json-c has parsed ----
 //
 // The parser takes comments and single quotes, too.
 
@@ -220,18 +220,6 @@ const char *skip_value(const char *at, bool &ends_in_line_comment)
     return at;
 }
 
-RawMember member_at(const char *start)
-{
-    const char *name = skip_space(start);
-    RawMember member = {start, nullptr, nullptr, name, false};
-    if (*name != '"' && *name != '\'')
-        return member;
-    member.name = name;
-    member.name_end = skip_string(name);
-    member.end = skip_value(member.name_end, member.ends_in_line_comment);
-    return member;
-}
-
 } // namespace
 
 size_t bv::service::count_raw_names(const char *text)
@@ -245,13 +233,26 @@ size_t bv::service::count_raw_names(const char *text)
     return count;
 }
 
-RawMember bv::service::first_member(const char *object)
+void bv::service::put_others(Text &out, const char *text, uint32_t store)
 {
-    const char *brace = skip_space(object);
-    return member_at(*brace == '{' ? brace + 1 : brace);
-}
-
-RawMember bv::service::next_member(const RawMember &member)
-{
-    return member_at(*member.end == ',' ? member.end + 1 : member.end);
+    static constexpr char kBlanks[] = " \t\r\n";
+    const char *at = skip_space(text);
+    while (*at == '{' || *at == ',') {
+        const char *start = at + 1 + strspn(at + 1, kBlanks);
+        const char *name = skip_space(start);
+        if (*name != '"' && *name != '\'')
+            break;
+        const char *name_end = skip_string(name);
+        bool ends_in_line_comment = false;
+        at = skip_value(name_end, ends_in_line_comment);
+        if (is_stored(store, name + 1, static_cast<size_t>(name_end - name - 2)))
+            continue;
+        const char *end = at;
+        while (end > start && strchr(kBlanks, end[-1]) != nullptr)
+            --end;
+        out.put(",\n\t");
+        out.put(start, static_cast<size_t>(end - start));
+        if (ends_in_line_comment)
+            out.put("\n");
+    }
 }

@@ -51,12 +51,23 @@ const bv_db_para *find_parameter(const Family &family, const char *name, int32_t
 
 } // namespace
 
-const bv_service_family *bv::service::find_listed(const char *family)
+bool bv::service::is_stored(uint32_t store, const char *name, size_t length)
+{
+    for (const bv_service_family &family : Listed())
+        if (family.store == store && strlen(family.name) == length &&
+            memcmp(family.name, name, length) == 0)
+            return true;
+    return false;
+}
+
+const bv_service_family *bv::service::find_listed(const char *family, Words &words)
 {
     if (g_service != nullptr && family != nullptr)
         for (const bv_service_family &listed : Listed())
             if (strcmp(listed.name, family) == 0)
                 return &listed;
+    words.refuse(0, "%.80s: the service does not have this family",
+                 family != nullptr ? family : "");
     return nullptr;
 }
 

@@ -87,13 +87,13 @@ typedef struct bv_service_family {
 
 /** A function offered to other services: see bv_ubus_server_reg(). */
 typedef struct bv_service_function {
-    const char *name;        /**< for callers, at most 255 characters */
+    const char *name;        /**< for callers; at most 255 characters, no quotes and backslashes */
     bv_ubus_handler handler; /**< runs on the owner's thread */
 } bv_service_function;
 
 /** The name of a debug module or level, for people: bv-ctl debug. */
 typedef struct bv_service_name {
-    const char *name; /**< any text */
+    const char *name; /**< at most 255 characters, no quotes and backslashes */
     uint32_t number;  /**< a module, 0 to 9, or a level, 0 to 7 */
 } bv_service_name;
 
@@ -102,7 +102,8 @@ typedef struct bv_service {
     uint32_t size;      /**< sizeof(struct bv_service): tells the kit which members there are */
     uint32_t flags;     /**< BV_SERVICE_COMMIT_AT_END, or 0 */
     const char *name;   /**< 1 to 100 characters of a-z, A-Z, 0-9, '-', '_' and '.' */
-    const char *object; /**< the object of the functions; null: the service's name */
+    const char *object; /**< the object of the functions; null: the service's name. No
+                             quotes and backslashes */
     const struct bv_service_family *families;    /**< those that it owns, no name twice */
     uint32_t n_families;                         /**< how many */
     uint32_t n_functions;                        /**< how many functions */
@@ -292,7 +293,7 @@ BV_API int32_t bv_service_request(struct bv_service_client *client, const char *
  * Lists the running services that use the kit.
  *
  * @param client  from bv_service_open()
- * @param found   called with each service's name, in alphabetical order
+ * @param found   called with each service's name, in the alphabetical order of NAME.config
  * @param priv    for found
  * @return 0, or a status of the bus
  */
@@ -326,7 +327,10 @@ BV_API const char *bv_service_words(const struct bv_service_client *client);
 
 /** Any result of the caller's half as words: see bv_status_text() and bv_bus_status_text(). Never
  * null. */
-BV_API const char *bv_service_text(int32_t result);
+static inline const char *bv_service_text(int32_t result)
+{
+    return result >= 0 && result < 0x1000 ? bv_bus_status_text(result) : bv_status_text(result);
+}
 
 /** @} */
 

@@ -15,8 +15,8 @@ namespace {
 // The tables as the library has them, and with the slices of the other kind of machine.
 constexpr auto kTables32 = bv::make_crc_tables<uint32_t, 0xedb88320, 16>();
 constexpr auto kTables16 = bv::make_crc_tables<uint16_t, 0xa001, 16>();
-constexpr auto kSmall32 = bv::make_crc_tables<uint32_t, 0xedb88320, 8>();
-constexpr auto kSmall16 = bv::make_crc_tables<uint16_t, 0xa001, 8>();
+constexpr auto kSmall32 = bv::make_crc_tables<uint32_t, 0xedb88320, 4>();
+constexpr auto kSmall16 = bv::make_crc_tables<uint16_t, 0xa001, 4>();
 
 static_assert(kTables32.entry[0][0] == 0 && kTables32.entry[0][1] == 0x77073096);
 static_assert(kTables32.entry[0][2] == 0xee0e612c && kTables32.entry[0][3] == 0x990951ba);
@@ -48,7 +48,7 @@ uint16_t bitwise16(uint16_t crc, const std::string &text)
     return crc;
 }
 
-// Sizes around a slice, around the two stretches that are handled together, and some in between.
+// Sizes around a stride, and around some larger ones.
 std::vector<size_t> lengths()
 {
     std::vector<size_t> all;

@@ -176,6 +176,21 @@ TEST_F(DbRegistry, AddPutsAnEmptyFamilyAtTheEndOfTheList)
     EXPECT_EQ(families(), (Names{"lan", "wan"}));
 }
 
+// Services look into the table with the key of 1024 bytes.
+TEST_F(DbRegistry, NameOfEveryLengthIsFoundByItsWholeKey)
+{
+    std::string name;
+    for (; name.size() < 1024; name += static_cast<char>('a' + name.size() % 26)) {
+        bv_db_family *family = bv_db_hash_add(name.c_str());
+        ASSERT_NE(family, nullptr) << name.size();
+        EXPECT_EQ(bv_db_hash_find(name.c_str()), family) << name.size();
+        std::string key = name;
+        key.resize(1024);
+        const auto *bytes = reinterpret_cast<const uint8_t *>(key.data());
+        EXPECT_EQ(bv_hash_find(g_st_db_mng.table, bytes), family) << name.size();
+    }
+}
+
 TEST_F(DbRegistry, TableTakes2048FamiliesAndNoMore)
 {
     for (int i = 0; i < 2048; ++i)

@@ -21,9 +21,11 @@ struct __attribute__((packed)) Lan {
 
 extern "C" {
 
-int ubus_lookup_id(ubus_context *, const char *, uint32_t *id)
+int ubus_lookup(ubus_context *bus, const char *, ubus_lookup_handler_t found, void *priv)
 {
-    *id = 0x5ea6c73d;
+    ubus_object_data object = {};
+    object.id = 0x5ea6c73d;
+    found(bus, &object, priv);
     return 0;
 }
 
@@ -69,9 +71,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     char *answer = nullptr;
     switch (input.byte() % 3) {
     case 0:
-        if (bv_service_get(client, "lan.json", &lan, sizeof(lan), 1) == 0)
-            FUZZ_CHECK(memchr(lan.host, '\0', sizeof(lan.host)) != nullptr);
-        else
+        if (bv_service_get(client, "lan.json", &lan, sizeof(lan), 1) != 0)
             FUZZ_CHECK(lan.mtu == 7 && strcmp(lan.host, "seven") == 0);
         break;
     case 1:

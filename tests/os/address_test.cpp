@@ -49,6 +49,11 @@ TEST(MacPton, BytesAreZeroFromTheFirstBadGroupOn)
         std::string mac;
     } rows[] = {
         {"00:1A:2b:3c:4d:5e", std::string("\x00\x1a\x2b\x3c\x4d\x5e", 6)}, // either case
+        {"FF:eE:09:90:aF:Fa and more", std::string("\xff\xee\x09\x90\xaf\xfa", 6)},
+        {"00:11:22:33:44:5g", std::string("\x00\x11\x22\x33\x44\x05", 6)},
+        {"00:11:22:33:44.55", std::string("\x00\x11\x22\x33\x44\0", 6)},
+        {"00:11:22:33:44:@`", std::string("\x00\x11\x22\x33\x44\0", 6)}, // next to the digits
+        {"00:11:22:33:44:/:", std::string("\x00\x11\x22\x33\x44\0", 6)},
         {"", std::string(6, '\0')},
         {"aa", std::string("\xaa\0\0\0\0\0", 6)},
         {"aa:bb:zz:dd:ee:ff", std::string("\xaa\xbb\0\0\0\0", 6)},

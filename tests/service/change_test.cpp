@@ -45,7 +45,7 @@ using Lines = std::vector<std::string>;
 std::string mtus(const std::string &name = "lan.json")
 {
     std::string out;
-    for (const bv_db_inst &instance : instances(Family(*find_listed(name.c_str()))))
+    for (const bv_db_inst &instance : instances(Family(*listed(name.c_str()))))
         out += std::to_string(instance.number) + ":" + mtu_of(instance.image) + " ";
     return out;
 }
@@ -121,7 +121,7 @@ TEST_F(Changes, FaultyRequestsChangeNothing)
         {R"({"lan.json":[null]})", Meaning::Set, BV_ERR_INVALID},
         {R"({"lan.json":[{}]})", Meaning::Import, BV_ERR_INVALID},
         {R"({"lan.json":[{"inst":"1x"}]})", Meaning::Import, BV_ERR_INVALID},
-        {R"({"lan.json":[{"inst":"2147483647"}]})", Meaning::Add, BV_ERR_INVALID},
+        {R"({"lan.json":[{"inst":"2147483647"}]})", Meaning::Add, BV_ERR_FULL},
         {R"({"lan.json":[{"inst":"1","para":null}]})", Meaning::Set, BV_ERR_INVALID},
         {R"({"lan.json":[{"inst":"1","para":[]}]})", Meaning::Set, BV_ERR_INVALID},
         {R"({"lan.json":[{"inst":"1","para":{"mtu":null}}]})", Meaning::Set, BV_ERR_INVALID},

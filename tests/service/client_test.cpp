@@ -55,6 +55,12 @@ TEST(ServiceClient, RefusalsHaveTheirStatusAndWords)
               UBUS_STATUS_PERMISSION_DENIED);
     EXPECT_EQ(memcmp(&lan, &untouched, sizeof(lan)), 0);
 
+    strcpy(lan.hostname, "a\"b");
+    EXPECT_EQ(bv_service_set(caller, "lan.json", &lan, sizeof(lan), 1), BV_ERR_INVALID);
+    EXPECT_STREQ(bv_service_words(caller),
+                 "lan.json.hostname: a double quote does not survive a rewrite of the data file");
+    EXPECT_EQ(bv_service_set(caller, "wan.json", &lan, sizeof(lan), 1), BV_ERR_NO_FAMILY);
+    EXPECT_EQ(bv_service_set(caller, "lan.json", &lan, sizeof(lan) - 1, 1), BV_ERR_INVALID);
     strcpy(lan.hostname, "refused");
     EXPECT_EQ(bv_service_set(caller, "lan.json", &lan, sizeof(lan), 1),
               static_cast<int32_t>(kRefusal));
@@ -101,7 +107,7 @@ TEST(ServiceClient, OwnerOfAFamilyIsFoundAmongTheServices)
                   },
                   &names),
               0);
-    EXPECT_EQ(names, "b b-service ");
+    EXPECT_EQ(names, "b-service b "); // in the order of their objects' names
 }
 
 TEST(ServiceClient, LongAnswersAreWholeAlsoWhileTheyChange)
@@ -154,6 +160,15 @@ TEST(ServiceClient, CallsWaitForTheBusAndTheOwnerIfTold)
     });
     EXPECT_STREQ(get_lan(patient).hostname, "gateway");
     EXPECT_STREQ(get_lan(anyone).hostname, "gateway");
+}
+
+TEST(ServiceClient, SilentBusIsNoConnection)
+{
+    SilentBus bus;
+    const Caller caller;
+    Lan lan;
+    EXPECT_EQ(bv_service_get(caller, "lan.json", &lan, sizeof(lan), 1),
+              UBUS_STATUS_CONNECTION_FAILED);
 }
 
 TEST(ServiceClient, CallsGoOnAfterARestartOfTheOwnerAndOfTheBus)

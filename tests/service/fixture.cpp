@@ -78,9 +78,17 @@ static std::string para_of(const std::string &json, int number)
     return found;
 }
 
+const bv_service_family *listed(const char *family)
+{
+    Words why;
+    const bv_service_family *found = find_listed(family, why);
+    EXPECT_NE(found, nullptr) << why.text;
+    return found;
+}
+
 std::string values(const char *family, int number)
 {
-    const Family known(*find_listed(family));
+    const Family known(*listed(family));
     const bv_db_inst *instance = bv_db_data_get_inst(known.record, number);
     if (instance == nullptr)
         return "";

@@ -51,6 +51,9 @@ int32_t request(const std::string &json, bv::service::Meaning meaning = bv::serv
 // What the last refusal said.
 std::string words();
 
+// One of them; it must be there.
+const bv_service_family *listed(const char *family);
+
 // What was announced since the last call, by name.
 std::vector<std::string> announced();
 

@@ -113,9 +113,9 @@ TEST_F(ServiceObject, FamiliesAreDescribedWithDefaultsUnlessHidden)
         R"("secret.json":{"size":8,"store":"private","hidden":true,"count":"N.0","instances":["1"],)"
         R"("para":[{"name":"key","type":"string","len":8}]})";
     EXPECT_EQ(answer, "{" + lan + "," + secret + "}");
-    EXPECT_EQ(caller.ask("families", R"("secret.json")").find("lan.json"), std::string::npos);
-    EXPECT_EQ(caller.ask("families", R"("wan.json")"),
-              "1000000a: wan.json: sample does not have this family");
+    EXPECT_EQ(caller.ask("families", R"({"secret.json":[]})").find("lan.json"), std::string::npos);
+    EXPECT_EQ(caller.ask("families", R"({"wan.json":[]})"),
+              "1000000a: wan.json: the service does not have this family");
 }
 
 TEST_F(ServiceObject, InstancesAreReadAndHiddenValuesAreNot)
@@ -129,10 +129,45 @@ TEST_F(ServiceObject, InstancesAreReadAndHiddenValuesAreNot)
     EXPECT_EQ(caller.ask("get", R"({"lan.json":["1x"]})").substr(0, 9), "10000010:");
     EXPECT_EQ(caller.ask("get", R"({"lan.json":[null]})").substr(0, 9), "10000010:");
     EXPECT_EQ(caller.ask("get", R"({"lan.json":"1"})").substr(0, 9), "10000010:");
-    EXPECT_EQ(caller.ask("get", R"(["lan.json"])"), kLan1);
-    EXPECT_EQ(caller.ask("get", R"("lan.json")"), kLan1);
-    EXPECT_EQ(caller.ask("get", "[7]").substr(0, 9), "1000000a:");
+    EXPECT_EQ(caller.ask("get", R"({"lan.json":null})").substr(0, 9), "10000010:");
+    EXPECT_EQ(caller.ask("get", "[7]").substr(0, 9), "10000010:");
     EXPECT_EQ(caller.ask("get", "{").substr(0, 9), "10000010:");
+}
+
+TEST_F(ServiceObject, ImagesAreReadAndWrittenAsTheyAre)
+{
+    const std::string lan = R"({"family":"lan.json","inst":"1","size":29)";
+    std::string image = caller.ask("image", (lan + "}").c_str());
+    EXPECT_EQ(image, R"("c0a80101dc05)" // the machine's order
+                     "67617465776179000000000000000000"
+                     R"(020000000001ff")");
+    const auto put = [&](const std::string &bytes) {
+        return caller.ask("put", (lan + ",\"image\":" + bytes + "}").c_str());
+    };
+    image.replace(1, 2, "0A");
+    EXPECT_EQ(put(image), "");
+    EXPECT_NE(caller.ask("get").find("10.168.1.1"), std::string::npos);
+    image[1] = 'x';
+    for (const std::string &wrong : {image, std::string("\"0a\""), std::string("7"),
+                                     std::string("null"), "\"" + std::string(58, '"') + "\""})
+        EXPECT_EQ(put(wrong).substr(0, 9), "10000010:") << wrong;
+    EXPECT_EQ(caller.ask("image", R"({"family":"lan.json","inst":"1"})").substr(0, 9), "10000010:");
+    EXPECT_EQ(caller.ask("image", R"({"inst":"1","size":29})").substr(0, 9), "1000000a:");
+    EXPECT_EQ(caller.ask("image", R"({"family":"secret.json","inst":"1","size":8})"),
+              "6: sample hides the values of secret.json");
+    EXPECT_EQ(caller.ask("image").substr(0, 9), "1000000a:");
+    EXPECT_EQ(caller.ask("image", "[]").substr(0, 9), "1000000a:");
+}
+
+TEST_F(ServiceObject, CheckTellsWhatAnImportWouldAndChangesNothing)
+{
+    EXPECT_EQ(caller.ask("check", R"({"lan.json":[{"inst":"1","para":{"mtu":"1400"}}]})"), "");
+    EXPECT_EQ(caller.ask("check", R"({"lan.json":[{"inst":"1","para":{"mtu":"x"}}]})").substr(0, 9),
+              "10000010:");
+    EXPECT_EQ(caller.ask("check", R"({"lan.json":[{"inst":"2","para":{"hostname":"refused"}}]})"),
+              "77: lan.json.2: the service refuses this");
+    EXPECT_EQ(caller.ask("get", R"({"lan.json":[]})"), kLan1);
+    EXPECT_EQ(sample.seen->changes, 0);
 }
 
 TEST_F(ServiceObject, ChangesAreMadeCountedAndUndone)
@@ -184,7 +219,7 @@ TEST_F(ServiceObject, DebugSwitchesHaveNames)
 TEST_F(ServiceObject, StatusCountsCallsAndRefusals)
 {
     caller.ask("functions");
-    caller.ask("families", R"("wan.json")");
+    caller.ask("families", R"({"wan.json":[]})");
     const std::string status = caller.ask("status");
     EXPECT_NE(status.find(R"("calls":"3","refused":"1","dropped":"0")"), std::string::npos)
         << status;
@@ -290,7 +325,8 @@ TEST(ServiceRights, OnlyRootAndTheNamedUsersWrite)
         return message.status();
     };
     int config = -1; // stays open while the second connection is served
-    ScriptedBus bus({[&](Peer &peer) {
+    ScriptedBus bus({[](Peer &peer) { peer.hello(); }, // it looks whether the bus is alive
+                     [&](Peer &peer) {
                          peer.accept_object();
                          config = dup(peer.fd());
                      },

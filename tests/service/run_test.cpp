@@ -107,6 +107,18 @@ TEST(ServiceRun, SignalEndsItWhileThereIsNoBus)
     EXPECT_EQ(sample.seen->ended, 1);
 }
 
+TEST(ServiceRun, SilentBusDoesNotKeepItFromEnding)
+{
+    SilentBus bus;
+    Sample sample;
+    sample.launch();
+    ASSERT_TRUE(eventually([&] { return sample.seen->started == 1; }));
+    usleep(20000);
+    sample.signal(SIGTERM);
+    EXPECT_EQ(sample.wait(), BV_SERVICE_ENDED);
+    EXPECT_EQ(sample.seen->ended, 1);
+}
+
 TEST(ServiceRun, UnsavedSettingsOutliveTheBusAndAreSavedAtTheEndIfAsked)
 {
     for (uint32_t flags : {0u, BV_SERVICE_COMMIT_AT_END}) {

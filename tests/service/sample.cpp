@@ -56,6 +56,21 @@ const bv_service_name kLevels[] = {{"error", 1}};
 
 } // namespace
 
+SilentBus::SilentBus() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address = {AF_UNIX, ""};
+    mkdir("/var/run/ubus", 0755);
+    strcpy(address.sun_path, BusDaemon::kDefaultSocket);
+    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    EXPECT_EQ(listen(listener_, 10), 0);
+}
+
+SilentBus::~SilentBus()
+{
+    close(listener_);
+    unlink(BusDaemon::kDefaultSocket);
+}
+
 Sample::Sample(const char *name)
 {
     write_file("/etc/template/lan.json", R"({"para": [

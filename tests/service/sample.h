@@ -37,6 +37,17 @@ struct Seen {
     int changes;
 };
 
+// A bus that takes connections and never says a word.
+class SilentBus {
+public:
+    SilentBus();
+    ~SilentBus();
+    SilentBus(const SilentBus &) = delete;
+
+private:
+    int listener_;
+};
+
 class Sample {
 public:
     // Templates as the families need them; no service yet.

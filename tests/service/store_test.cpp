@@ -73,9 +73,9 @@ TEST_F(Store, CommittedValuesAreThereAfterRestart)
 {
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     ASSERT_EQ(request(set_mtu(1400)), BV_OK);
-    EXPECT_TRUE(is_unsaved(*find_listed("lan.json")));
+    EXPECT_TRUE(is_unsaved(*listed("lan.json")));
     EXPECT_EQ(bv_service_commit(), BV_OK);
-    EXPECT_FALSE(is_unsaved(*find_listed("lan.json")));
+    EXPECT_FALSE(is_unsaved(*listed("lan.json")));
     EXPECT_EQ(list_folder("/config/work"),
               (std::vector<std::string>{"userdata.json", "userdata.json.lock"}));
 
@@ -241,6 +241,33 @@ TEST_F(Store, TemplateFaultsEndTheService)
     EXPECT_EQ(start_service({lan}), BV_SERVICE_TEMPLATE);
 }
 
+// Each is a fault for bv-template check, too.
+TEST_F(Store, TemplateThatTheDatabaseWouldTakeInPartEndsTheService)
+{
+    const std::string good = R"({"name":"a","type":"uchar","len":1,"value":"1"})";
+    const auto start = [](const std::string &text) {
+        write_file("/etc/template/t.json", text);
+        return start_service({{"t.json", 1, BV_SERVICE_USER, 0, nullptr, nullptr}});
+    };
+    EXPECT_EQ(start(R"({"getfunc":"get","own":{"b":[1.5e3,null]},"para":[)" + good + "]}\n"),
+              BV_SERVICE_ENDED);
+    const std::string half = good.substr(0, good.size() - 1);
+    for (const std::string &text :
+         {R"({"para":[)" + good + "]}x", R"({"para":[)" + good + "]}{}",
+          R"({"para":[)" + good + ",]}", R"({"para":[)" + good + "] /* */}",
+          R"({"para":[],"para":[)" + good + "]}", R"({"para":[)" + half + R"(,"len":1}]})",
+          R"({"para":[)" + half + R"(,"other":NaN}]})", R"({"para":[1,)" + good + "]}",
+          R"({"para":[{"name":"b","type":"uchar","len":1},)" + good + "]}",
+          R"({"para":[{"name":"b","type":"uchar","len":1.5,"value":"1"},)" + good + "]}",
+          R"({"para":[{"name":"b","type":"uchar","len":1,"value":true},)" + good + "]}",
+          R"({"para":[)" + good + "," + good + "]}", std::string("[]"), std::string("{}"),
+          R"({"para":{}})" + std::string(),
+          R"({"getfunc":")" + std::string(1024, 'f') + R"(","para":[)" + good + "]}",
+          R"({"setfunc":[],"para":[)" + good + "]}",
+          R"({"para":[)" + good + "]}" + std::string(1, '\0')})
+        EXPECT_EQ(start(text), BV_SERVICE_TEMPLATE) << text.substr(0, 100);
+}
+
 TEST_F(Store, StoresHaveFilesOfTheirOwnAndFactoryIsWrittenByNameOnly)
 {
     ASSERT_EQ(
@@ -348,7 +375,7 @@ TEST_F(Store, SavedInstancesAreShownWhileOthersRun)
     ASSERT_EQ(request(set_mtu(1300)), BV_OK);
     Text text;
     Words why;
-    ASSERT_EQ(put_saved(text, *find_listed("lan.json"), why), BV_OK);
+    ASSERT_EQ(put_saved(text, *listed("lan.json"), why), BV_OK);
     EXPECT_EQ(std::string(text.bytes), std::string(R"([{"inst":"1","para":)") + kDefaults + "}]");
 }
 

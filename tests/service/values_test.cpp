@@ -75,7 +75,7 @@ TEST_F(Values, QuotedTextsComeBackFromJson)
 
 TEST_F(Values, HiddenFamilyShowsNoValues)
 {
-    bv_service_family hidden = *find_listed("t.json");
+    bv_service_family hidden = *listed("t.json");
     hidden.flags = BV_SERVICE_HIDDEN;
     const Family family(hidden);
     Text text;

@@ -147,8 +147,8 @@ TEST_F(Ctl, SendsWhatTheArgumentsName)
     expect_request("set lan.json.v2 on=",
                    "network set {\"lan.json.v2\":[{\"inst\":\"1\",\"para\":{\"on\":\"\"}}]}\n");
     expect_request("del lan.1 lan.json.2", "network del {\"lan.json\":[\"1\",\"2\"]}\n");
-    expect_request("revert lan wan radio", "network revert [\"lan.json\",\"wan.json\"]\n"
-                                           "wifi revert [\"radio.json\"]\n");
+    expect_request("revert lan wan radio", "network revert {\"lan.json\":[],\"wan.json\":[]}\n"
+                                           "wifi revert {\"radio.json\":[]}\n");
     expect_request("reset -s wifi", "wifi reset\n");
     EXPECT_EQ(run_line("add lan hostname=x"), (Outcome{0, "lan.json.4\n", ""}));
     EXPECT_EQ(requests(),

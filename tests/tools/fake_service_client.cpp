@@ -131,8 +131,3 @@ const char *bv_service_words(const bv_service_client *client)
 {
     return client->words.c_str();
 }
-
-const char *bv_service_text(int32_t result)
-{
-    return result != 0 && result < 0x1000 ? bv_bus_status_text(result) : bv_status_text(result);
-}

@@ -206,15 +206,6 @@ tools::Members::Members(json_object *object)
 {
 }
 
-json_object *tools::find(json_object *array, const char *name, const char *text)
-{
-    const size_t count = count_of(array);
-    for (size_t i = 0; i < count; ++i)
-        if (strcmp(text_of(element(array, i), name), text) == 0)
-            return element(array, i);
-    return nullptr;
-}
-
 void tools::put(json_object *object, const char *name, json_object *value)
 {
     json_object_object_add(object, name, value);
@@ -242,6 +233,15 @@ json_object *tools::array_in(json_object *object, const char *name)
     if (member(object, name) == nullptr)
         put(object, name, json_object_new_array());
     return member(object, name);
+}
+
+json_object *tools::by_number(json_object *instances)
+{
+    json_object *all = json_object_new_object();
+    for (size_t i = 0; i < count_of(instances); ++i)
+        put(all, text_of(element(instances, i), "inst"),
+            share(member(element(instances, i), "para")));
+    return all;
 }
 
 // ---- requests ----

@@ -100,7 +100,7 @@ int take_back(const char *op, Arguments arguments)
         const int status = find_whole_family(*arguments, op, target);
         if (status != 0)
             return status;
-        append(array_in(requests.get(), target.service), json_object_new_string(target.family));
+        array_in(object_in(requests.get(), target.service), target.family);
     }
     return send_each(op, requests.get());
 }

@@ -62,8 +62,8 @@ const char *text_of(json_object *object, const char *name);
 size_t count_of(json_object *array);
 json_object *element(json_object *array, size_t index);
 json_object *member(json_object *object, const char *name);
-// The first element that has this text as that member, or null.
-json_object *find(json_object *array, const char *name, const char *text);
+// {"1":{"mtu":"1500"}}: easier to compare than the array of a data file.
+json_object *by_number(json_object *instances);
 
 // Puts a text or a value, which is taken over, into an object.
 void put(json_object *object, const char *name, const char *text);

@@ -242,8 +242,8 @@ void compare_instance(json_object *all, const Difference &where, json_object *pa
 {
     for (size_t i = 0; i < count_of(para); ++i) {
         const char *name = text_of(element(para, i), "name");
-        json_object *is = member(member(running, "para"), name);
-        json_object *was = member(member(saved, "para"), name);
+        json_object *is = member(running, name);
+        json_object *was = member(saved, name);
         json_object *standard = member(element(para, i), "value");
         if (differ(is, standard) || (was != nullptr && differ(is, was)))
             where.add(all, name, share(is), share(was), share(standard));
@@ -259,19 +259,19 @@ void compare_family(json_object *all, const char *service, const char *family, j
         g_failed = true;
     const JsonTree got_tree(got);
     const JsonTree kept_tree(kept);
-    json_object *running = member(got, family);
-    json_object *saved = member(kept, family);
-    for (size_t i = 0; i < count_of(running); ++i) {
-        const Difference where = {service, family, text_of(element(running, i), "inst")};
-        json_object *there = find(saved, "inst", where.instance);
+    const JsonTree running(by_number(member(got, family)));
+    const JsonTree saved(by_number(member(kept, family)));
+    for (const auto &instance : Members(running.get())) {
+        const Difference where = {service, family, instance.name()};
+        json_object *there = member(saved.get(), instance.name());
         // A family that was never saved has its defaults.
-        if (there == nullptr && count_of(saved) != 0)
+        if (there == nullptr && json_object_object_length(saved.get()) != 0)
             where.add(all, "", json_object_new_string("added"), nullptr, nullptr);
-        compare_instance(all, where, member(details, "para"), element(running, i), there);
+        compare_instance(all, where, member(details, "para"), instance.value(), there);
     }
-    for (size_t i = 0; i < count_of(saved); ++i) {
-        const Difference where = {service, family, text_of(element(saved, i), "inst")};
-        if (got != nullptr && find(running, "inst", where.instance) == nullptr)
+    for (const auto &instance : Members(saved.get())) {
+        const Difference where = {service, family, instance.name()};
+        if (got != nullptr && member(running.get(), instance.name()) == nullptr)
             where.add(all, "", nullptr, json_object_new_string("deleted"), nullptr);
     }
 }

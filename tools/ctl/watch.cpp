@@ -52,16 +52,6 @@ void print_change(const char *service, const char *family, const char *number, c
     fflush(stdout);
 }
 
-// {"1":{"mtu":"1500"}}: easier to compare than the array of a data file.
-json_object *by_number(json_object *instances)
-{
-    json_object *all = json_object_new_object();
-    for (size_t i = 0; i < count_of(instances); ++i)
-        put(all, text_of(element(instances, i), "inst"),
-            share(member(element(instances, i), "para")));
-    return all;
-}
-
 void print_changes(const char *service, const char *family, json_object *before, json_object *after)
 {
     for (const auto &instance : Members(after))

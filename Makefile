@@ -99,7 +99,7 @@ mutation: deps ## breaks the library's FILES, one place at a time, and prints wh
 
 bench: deps ## runs the benchmarks beside their peers, counts on the gateway, writes docs/benchmarks.md
 	@scripts/install-deps libbenchmark-dev libglib2.0-dev libgcrypt20-dev nettle-dev \
-		libmbedtls-dev zlib1g-dev util-linux qemu-user
+		libmbedtls-dev zlib1g-dev python3-matplotlib util-linux qemu-user
 	@cmake --preset bench > /dev/null
 	@cmake --build build/bench -- --quiet
 	@scripts/setup-target musl > /dev/null

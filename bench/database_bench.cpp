@@ -8,7 +8,6 @@
 #include "bench/families.h"
 
 #include <bv/db.h>
-#include <bv/hash.h>
 #include <bv/status.h>
 #include <bv/ubus.h>
 
@@ -51,16 +50,11 @@ void write_bv(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * families());
 }
 
-void read_find(benchmark::State &state)
+void find(benchmark::State &state)
 {
-    std::vector<std::vector<uint8_t>> keys;
-    for (const std::string &name : g_names) {
-        keys.emplace_back(sizeof(bv_db_family::name), uint8_t{0});
-        memcpy(keys.back().data(), name.data(), name.size());
-    }
     for (auto _ : state)
-        for (const auto &key : keys)
-            benchmark::DoNotOptimize(bv_hash_find(g_st_db_mng.table, key.data()));
+        for (const std::string &name : g_names)
+            benchmark::DoNotOptimize(bv_db_hash_find(name.c_str()));
     state.SetItemsProcessed(state.iterations() * families());
 }
 
@@ -180,8 +174,8 @@ int main(int argc, char **argv)
     }
     benchmark::RegisterBenchmark("db-read/bv", read_bv);
     benchmark::RegisterBenchmark("db-write/bv", write_bv);
-    benchmark::RegisterBenchmark("db-read/hash-find", read_find);
-    benchmark::RegisterBenchmark("db-write/hash-find", read_find);
+    benchmark::RegisterBenchmark("db-read/find-by-name", find);
+    benchmark::RegisterBenchmark("db-write/find-by-name", find);
     benchmark::RegisterBenchmark("db-commit/bv", commit_bv);
     benchmark::RegisterBenchmark("db-commit/json-c-to-file", commit_json_file);
     benchmark::RegisterBenchmark("db-commit/json-c-to-memory", commit_json_text);

@@ -77,12 +77,30 @@ bool same_bytes(const uint8_t *a, const uint8_t *b, uint32_t size)
     return bv_os_memcmp(a, b, size) == 0;
 }
 
-// A name in the table has nothing but zeros from its first one on.
+// To the end of an allocation, whose start is aligned for any type.
+bool is_zero(const uint8_t *at, const uint8_t *end)
+{
+    struct __attribute__((may_alias)) Words {
+        uintptr_t first, second, third, fourth;
+    };
+    for (; at != end && reinterpret_cast<uintptr_t>(at) % sizeof(uintptr_t) != 0; ++at)
+        if (*at != 0)
+            return false;
+    for (; end - at >= static_cast<ptrdiff_t>(sizeof(Words)); at += sizeof(Words)) {
+        const auto *words = reinterpret_cast<const Words *>(at);
+        if ((words->first | words->second | words->third | words->fourth) != 0)
+            return false;
+    }
+    while (at != end && *at == 0)
+        ++at;
+    return at == end;
+}
+
 Entry *find_entry(const bv_hash &table, const bv_list_head &bucket, Key key)
 {
     for (Entry &entry : bv::each<Entry>(bucket))
         if (same_bytes(entry.key, key.data, key.length) &&
-            (key.length == table.keysize || entry.key[key.length] == 0))
+            is_zero(entry.key + key.length, entry.key + table.keysize))
             return &entry;
     return nullptr;
 }

@@ -4,9 +4,7 @@
 //
 // The lock guards the list of events and their count. It is never held while a callback runs:
 // callbacks post events themselves. An event stays linked and counted until its callbacks have
-// returned. Only the dispatch thread unlinks, so its position in the list stays valid. Events are
-// linked in a way that lets it look at the first ones without the lock, which it takes once for
-// each event.
+// returned. Only the dispatch thread unlinks, so its position in the list stays valid.
 //
 // The table of callbacks has no lock: services register during start-up, from one thread at a time.
 // The driver may already send then, so a callback is linked in a way that lets the dispatch thread
@@ -90,7 +88,7 @@ Event *make_event(uint32_t type, const void *data, uint32_t length)
 void append_event(Event &event)
 {
     const bv::MutexGuard guard(g_notifier.lock);
-    bv::list_publish(g_notifier.events, event.link);
+    bv::list_append(g_notifier.events, event.link);
     g_notifier.count = bv::checked_add(g_notifier.count, 1);
 }
 
@@ -112,8 +110,9 @@ struct Round {
 
 Round begin_round()
 {
-    bv_list_head *first = bv::next_published_link(&g_notifier.events);
-    return {first, bv::next_published_link(first)};
+    const bv::MutexGuard guard(g_notifier.lock);
+    bv_list_head *first = g_notifier.events.next;
+    return {first, first->next};
 }
 
 // Takes the event at hand out and moves to the next one, under one hold of the lock.

@@ -36,11 +36,12 @@ using Position = size_t;
 // Beyond the end of every image.
 constexpr Position kFarOut = PTRDIFF_MAX;
 
-// Lengths that claim more than an address can hold do not wrap: what follows stays outside.
+// Lengths that claim more than an address can hold do not wrap: what follows stays outside, whatever
+// its length is.
 void advance(ptrdiff_t &position, int32_t length)
 {
-    if (__builtin_add_overflow(position, length, &position))
-        position = length < 0 ? PTRDIFF_MIN : PTRDIFF_MAX;
+    if (position == PTRDIFF_MIN || __builtin_add_overflow(position, length, &position))
+        position = PTRDIFF_MIN;
 }
 
 // Calls visit(parameter, its position) for each descriptor up to the first invalid one.

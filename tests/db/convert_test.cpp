@@ -277,6 +277,16 @@ TEST(DbConvert, HugeLengthsDoNotWrapTheCursor)
     Hand far({{"a", "none", 0, ""}, {"b", "none", 0, ""}, {"s", "string", 32, "abc"}});
     far.para(0).len = far.para(1).len = INT_MAX;
     EXPECT_EQ(far.to_memory(), Bytes(32, kFill));
+
+    // On 32-bit machines the first two leave what a position holds; the sum is that of all.
+    Hand back({{"a", "none", 0, ""}, {"b", "none", 0, ""}, {"c", "none", 0, ""},
+               {"d", "none", 0, ""}, {"s", "string", 20, "0123456789abcdefghi"}});
+    const int32_t lens[] = {INT_MIN, -20, INT_MAX, 21};
+    for (int i = 0; i < 4; ++i)
+        back.para(i).len = lens[i];
+    back.get()->image_size = 0;
+    const Bytes image = back.to_memory();
+    EXPECT_EQ(Bytes(image.begin() + 20, image.end()), Bytes(12, kFill)) << "room for 20 bytes";
 }
 
 TEST(DbConvert, StringOfACallersImageEndsAtItsNulWhateverItsLength)

@@ -191,6 +191,26 @@ TEST_F(DbRegistry, NameOfEveryLengthIsFoundByItsWholeKey)
     }
 }
 
+TEST_F(DbRegistry, NameIsNotFoundByAServicesOwnKeyThatBeginsWithIt)
+{
+    std::string name(1024, '\0'), own;
+    for (const char *text : {"lan", ""}) {
+        name.replace(0, 3, std::string(text) + std::string(3 - strlen(text), '\0'));
+        const auto bucket = [](const std::string &key) {
+            return bv_os_jhash(reinterpret_cast<const uint8_t *>(key.data()), 1024, 0) % 2048;
+        };
+        for (uint32_t number = 1; own = name, memcpy(&own[4], &number, 4), true; ++number)
+            if (bucket(own) == bucket(name))
+                break;
+        const std::vector<uint8_t> record(sizeof(bv_db_family));
+        ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, reinterpret_cast<const uint8_t *>(own.data()),
+                                 record.data()),
+                  BV_OK);
+        EXPECT_EQ(bv_db_hash_find(text), nullptr);
+        EXPECT_NE(bv_db_hash_add(text), nullptr);
+    }
+}
+
 TEST_F(DbRegistry, TableTakes2048FamiliesAndNoMore)
 {
     for (int i = 0; i < 2048; ++i)

@@ -103,15 +103,15 @@ int32_t check_instance(const Change &change, Meaning meaning, Words &words)
 // Sets what the "para" of an element names.
 int32_t take_values(Change &change, json_object *para, Meaning meaning, Words &words)
 {
-    for (const Members::Member member : Members{para}) {
-        if (is_file(meaning) && member.value == nullptr)
+    for (const Members::Member &member : Members(para)) {
+        if (is_file(meaning) && member.value() == nullptr)
             continue;
         const int32_t status = set_value(change.family, change.is, member, words);
         if (status == BV_OK)
             continue;
         if (!is_file(meaning))
             return status;
-        set_default(change.family, change.is, member.name);
+        set_default(change.family, change.is, member.name());
         if (meaning == Meaning::Load)
             note("%s: the value in the file is left out", words.text);
     }
@@ -150,31 +150,41 @@ struct Elements {
                                                        : family.record->default_image;
     }
 
-    int32_t take(json_object *element)
+    // Finds the instance that an element of a request means.
+    int32_t find(json_object *inst, Change *&change)
     {
-        json_object *inst =
-            meaning == Meaning::Delete ? element : bv_json_object_object_get(element, "inst");
-        json_object *para = nullptr;
-        const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
-        int32_t number = bv_json_object_get_int(inst);
-        int32_t status = BV_OK;
-        if (!is_file(meaning))
-            status = take_number(inst, number);
-        else if (inst == nullptr || para == nullptr)
-            return BV_OK;
-        if (status == BV_OK && !is_file(meaning) && has_para &&
-            bv_json_object_is_type(para, json_type_object) == 0)
-            status = words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object", family.name());
-        Change *change = status == BV_OK ? change_of(plan, family, number) : nullptr;
-        if (status == BV_OK && change == nullptr)
-            return words.no_memory();
-        if (status == BV_OK && !is_file(meaning))
-            status = check_instance(*change, meaning, words);
+        int32_t number = 0;
+        const int32_t status = take_number(inst, number);
         if (status != BV_OK)
             return status;
-        highest = number > highest ? number : highest;
+        change = change_of(plan, family, number);
+        return change == nullptr ? words.no_memory() : check_instance(*change, meaning, words);
+    }
+
+    int32_t take(json_object *element)
+    {
+        const bool is_delete = meaning == Meaning::Delete;
+        json_object *inst = is_delete ? element : bv_json_object_object_get(element, "inst");
+        json_object *para = nullptr;
+        const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
+        Change *change = nullptr;
+        if (is_file(meaning)) {
+            if (inst == nullptr || para == nullptr)
+                return BV_OK;
+            change = change_of(plan, family, bv_json_object_get_int(inst));
+            if (change == nullptr)
+                return words.no_memory();
+        } else {
+            if (has_para && bv_json_object_is_type(para, json_type_object) == 0)
+                return words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object",
+                                    family.name());
+            const int32_t status = find(inst, change);
+            if (status != BV_OK)
+                return status;
+        }
+        highest = change->number > highest ? change->number : highest;
         change->named = true;
-        if (meaning == Meaning::Delete)
+        if (is_delete)
             return BV_OK;
         if (!set_image(*change, base_of(*change)))
             return words.no_memory();
@@ -215,6 +225,36 @@ bool differs(const Change &change)
     if (change.is == nullptr || change.present == nullptr)
         return change.is != nullptr || change.present != nullptr;
     return !same_values(change.family, change.present->image, change.is);
+}
+
+int32_t ask_checks(const Plan &plan, Words &words)
+{
+    for (const Change &change : plan) {
+        const bv_service_check ask = change.family.listed->check;
+        const uint8_t *was = change.present != nullptr ? change.present->image : nullptr;
+        const uint32_t status =
+            ask != nullptr ? ask(was, change.is, static_cast<uint32_t>(change.number)) : 0;
+        if (status != 0)
+            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
+                                change.family.name(), change.number);
+    }
+    return BV_OK;
+}
+
+// A callback may change the families again, so the instances are not looked at any more.
+void tell(const Plan &plan)
+{
+    const bv_service_family *told = nullptr;
+    for (const Change &change : plan) {
+        const bv_service_family *listed = change.family.listed;
+        if (told != nullptr && told != listed)
+            announce(*told);
+        told = listed;
+        if (listed->changed != nullptr)
+            listed->changed(change.was, change.is, static_cast<uint32_t>(change.number));
+    }
+    if (told != nullptr)
+        announce(*told);
 }
 
 // Copies what an instance is now, or adds the new one: all that needs memory.
@@ -258,11 +298,11 @@ int32_t bv::service::plan_request(Plan &plan, json_object *data, Meaning meaning
 {
     if (bv_json_object_is_type(data, json_type_object) == 0)
         return words.refuse(BV_ERR_INVALID, "an object of families is expected");
-    for (const Members::Member member : Members{data}) {
-        const bv_service_family *listed = find_listed(member.name, words);
+    for (const Members::Member &member : Members(data)) {
+        const bv_service_family *listed = find_listed(member.name(), words);
         const int32_t status = listed == nullptr
                                    ? static_cast<int32_t>(BV_ERR_NO_FAMILY)
-                                   : plan_family(plan, *listed, member.value, meaning, words);
+                                   : plan_family(plan, *listed, member.value(), meaning, words);
         if (status != BV_OK)
             return status;
     }
@@ -302,23 +342,13 @@ void bv::service::drop_equal(Plan &plan)
     }
 }
 
-int32_t bv::service::check(Plan &plan, Words &words)
+int32_t bv::service::make(Plan &plan, How how, Words &words)
 {
     drop_equal(plan);
-    for (const Change &change : plan) {
-        const bv_service_check ask = change.family.listed->check;
-        const uint8_t *was = change.present != nullptr ? change.present->image : nullptr;
-        const uint32_t status =
-            ask != nullptr ? ask(was, change.is, static_cast<uint32_t>(change.number)) : 0;
-        if (status != 0)
-            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
-                                change.family.name(), change.number);
-    }
-    return BV_OK;
-}
-
-int32_t bv::service::make(Plan &plan, Words &words, bool silent)
-{
+    const bool asks = how == How::Request || how == How::Check;
+    const int32_t status = asks ? ask_checks(plan, words) : BV_OK;
+    if (status != BV_OK || how == How::Check)
+        return status;
     bool ready = true;
     for (Change &change : plan)
         ready = ready && prepare(change);
@@ -331,15 +361,8 @@ int32_t bv::service::make(Plan &plan, Words &words, bool silent)
     }
     if (!ready)
         return words.no_memory();
-    // A callback may change the families again, so the instances are not looked at any more.
-    for (const Change &change : plan) {
-        const bv_service_family &listed = *change.family.listed;
-        if (!silent && listed.changed != nullptr)
-            listed.changed(change.was, change.is, static_cast<uint32_t>(change.number));
-        const bool is_last = change.next == nullptr || change.next->family.listed != &listed;
-        if (!silent && is_last)
-            announce(listed);
-    }
+    if (how != How::Load)
+        tell(plan);
     return BV_OK;
 }
 
@@ -347,8 +370,7 @@ int32_t bv_service_change(const char *family, const void *image, uint32_t instan
 {
     Plan plan;
     Words words;
-    int32_t status = plan_instance(plan, family, static_cast<int32_t>(instance), image, words);
-    if (status == BV_OK)
-        status = check(plan, words);
-    return status == BV_OK ? make(plan, words) : status;
+    const int32_t status =
+        plan_instance(plan, family, static_cast<int32_t>(instance), image, words);
+    return status == BV_OK ? make(plan, How::Request, words) : status;
 }

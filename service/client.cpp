@@ -71,11 +71,26 @@ bool connect(Client &client)
     return client.connection != nullptr;
 }
 
+// What a look-up found: an object, or the names of the services, each with its terminator.
+struct Found {
+    struct Iterator {
+        const char *at;
+        const char *operator*() const { return at; }
+        void operator++() { at += strlen(at) + 1; }
+        bool operator!=(const Iterator &other) const { return at != other.at; }
+    };
+    uint32_t id = 0;
+    Text names;
+    Iterator begin() const { return {names.bytes}; }
+    Iterator end() const { return {names.bytes + names.length}; }
+};
+
 // Looks up an object, or all. A connection that turns out to be dead is made again, once.
-int32_t look_up(Client &client, const char *path, ubus_lookup_handler_t found, void *priv)
+int32_t look_up(Client &client, const char *path, ubus_lookup_handler_t take, Found &found)
 {
     for (int attempt = 0; attempt < 2 && connect(client); ++attempt) {
-        const int status = ubus_lookup(client.connection, path, found, priv);
+        found.names.length = 0;
+        const int status = ubus_lookup(client.connection, path, take, &found);
         if (status == UBUS_STATUS_OK || status == UBUS_STATUS_NOT_FOUND)
             return status;
         disconnect(client);
@@ -172,18 +187,18 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
 {
     char path[kMaxServiceName + sizeof(kObjectSuffix)];
     snprintf(path, sizeof(path), "%s%s", service, kObjectSuffix);
-    const auto take_id = [](ubus_context *, ubus_object_data *object, void *id) {
-        *static_cast<uint32_t *>(id) = object->id;
+    const auto take_id = [](ubus_context *, ubus_object_data *object, void *found) {
+        static_cast<Found *>(found)->id = object->id;
     };
     const bool reads = is_read(request.op, request.data != nullptr);
     for (int start = 0; start < kMaxStarts; ++start) {
-        uint32_t id = 0;
+        Found object;
         client.words.text[0] = '\0';
-        int32_t status = look_up(client, path, take_id, &id);
+        int32_t status = look_up(client, path, take_id, object);
         if (status != UBUS_STATUS_OK)
             return status;
         client.was_sent = !reads;
-        status = ask_for_all(client, id, request, answer);
+        status = ask_for_all(client, object.id, request, answer);
         const bool is_cut = status == UBUS_STATUS_CONNECTION_FAILED && start == 0 && reads;
         if (status != kStartAgain && !is_cut)
             return status;
@@ -193,14 +208,6 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
 }
 
 // ---- owners ----
-
-// The names of the services, each with its terminator.
-struct Names {
-    Text text;
-    const char *begin() const { return text.bytes; }
-    const char *end() const { return text.bytes + text.length; }
-    static const char *next(const char *name) { return name + strlen(name) + 1; }
-};
 
 // Whether an object that is called like ours has our methods.
 bool has_methods(blob_attr *signature)
@@ -225,13 +232,13 @@ void take_object(ubus_context *, ubus_object_data *object, void *priv)
         return;
     snprintf(name, sizeof(name), "%.*s", static_cast<int>(length - kSuffix), path);
     if (is_service_name(name))
-        static_cast<Names *>(priv)->text.put(name, strlen(name) + 1);
+        static_cast<Found *>(priv)->names.put(name, strlen(name) + 1);
 }
 
-int32_t list_services(Client &client, Names &names)
+int32_t list_services(Client &client, Found &services)
 {
-    const int32_t status = look_up(client, nullptr, take_object, &names);
-    return names.text.failed                 ? static_cast<int32_t>(BV_ERR_MEMORY)
+    const int32_t status = look_up(client, nullptr, take_object, services);
+    return services.names.failed             ? static_cast<int32_t>(BV_ERR_MEMORY)
            : status == UBUS_STATUS_NOT_FOUND ? BV_OK
                                              : status;
 }
@@ -239,15 +246,15 @@ int32_t list_services(Client &client, Names &names)
 // Asks every service for the family. A service that does not answer is not waited for again.
 int32_t find_owner(Client &client, const char *family, char *owner)
 {
-    Names names;
+    Found services;
     Text data;
-    int32_t status = list_services(client, names);
+    int32_t status = list_services(client, services);
     data.put("{");
     data.quote(family);
     data.put(":[]}");
     if (status != BV_OK || data.failed)
         return status != BV_OK ? status : static_cast<int32_t>(BV_ERR_MEMORY);
-    for (const char *name = names.begin(); name < names.end(); name = Names::next(name)) {
+    for (const char *name : services) {
         Text answer;
         status = ask(client, name, {"counters", data.bytes}, answer);
         if (status == BV_OK)
@@ -287,7 +294,7 @@ int32_t ask_owner(Client &client, const char *family, const Request &request, Te
             status = ask(client, owner, request, answer);
         if (!is_away(client, status) || client.was_sent || now_ms() >= deadline)
             return status;
-        bv_os_msleep(kRetryMs);
+        bv_os_usleep(kRetryMs * 1000);
     }
 }
 
@@ -372,19 +379,20 @@ int32_t look_at(const Watch &watch, const char *service)
 {
     Text answer;
     const int32_t status = ask(watch.client, service, {"counters", nullptr}, answer);
-    const bv::JsonTree counters(status == BV_OK ? bv_json_tokener_parse(answer.bytes) : nullptr);
+    const bool has_answer = status == BV_OK && answer.length != 0;
+    const bv::JsonTree counters(has_answer ? bv_json_tokener_parse(answer.bytes) : nullptr);
     bool found = watch.family == nullptr;
-    for (const Members::Member member : Members{counters.get()}) {
-        if (watch.family != nullptr && strcmp(member.name, watch.family) != 0)
+    for (const Members::Member &member : Members(counters.get())) {
+        if (watch.family != nullptr && strcmp(member.name(), watch.family) != 0)
             continue;
         found = true;
         char key[1200];
-        snprintf(key, sizeof(key), "%s/%s", service, member.name);
+        snprintf(key, sizeof(key), "%s/%s", service, member.name());
         if (!watch.client.is_watching ||
-            json_object_equal(bv_json_object_object_get(watch.known, key), member.value) != 0)
+            json_object_equal(bv_json_object_object_get(watch.known, key), member.value()) != 0)
             continue;
-        json_object_object_add(watch.known, key, json_object_get(member.value));
-        watch.changed(service, member.name, watch.priv);
+        json_object_object_add(watch.known, key, json_object_get(member.value()));
+        watch.changed(service, member.name(), watch.priv);
     }
     return status != BV_OK || found ? status : static_cast<int32_t>(BV_ERR_NO_FAMILY);
 }
@@ -396,12 +404,11 @@ int32_t look(const Watch &watch)
     client.has_event = false;
     if (client.service[0] != '\0')
         return look_at(watch, client.service);
-    Names names;
-    int32_t status = list_services(client, names);
+    Found services;
+    int32_t status = list_services(client, services);
     bool found = watch.family == nullptr;
-    for (const char *name = names.begin(); status == BV_OK && name < names.end();
-         name = Names::next(name)) {
-        const int32_t result = look_at(watch, name);
+    for (const char *name : services) {
+        const int32_t result = status == BV_OK ? look_at(watch, name) : status;
         found = found || result == BV_OK;
         if (result == UBUS_STATUS_CONNECTION_FAILED)
             status = result;
@@ -513,15 +520,15 @@ int32_t bv_service_list(struct bv_service_client *client,
 {
     if (client == nullptr || found == nullptr)
         return BV_ERR_NULL;
-    Names names;
+    Found services;
     const int64_t deadline = now_ms() + client->wait_ms;
     int32_t status;
-    while ((status = list_services(*client, names)) == UBUS_STATUS_CONNECTION_FAILED &&
+    while ((status = list_services(*client, services)) == UBUS_STATUS_CONNECTION_FAILED &&
            now_ms() < deadline)
-        bv_os_msleep(kRetryMs);
-    for (const char *name = names.begin(); status == BV_OK && name < names.end();
-         name = Names::next(name))
-        found(name, priv);
+        bv_os_usleep(kRetryMs * 1000);
+    for (const char *name : services)
+        if (status == BV_OK)
+            found(name, priv);
     return status;
 }
 

@@ -19,10 +19,13 @@
 #include "core/list.h"
 #include "db/types.h"
 #include "os/owned.h"
+#include "tools/common/json_members.h"
 
 #include <cerrno>
 
 namespace bv::service {
+
+using tools::Members;
 
 // The service that runs, or null.
 extern const struct bv_service *g_service;
@@ -61,31 +64,6 @@ struct Text {
     void hex(const uint8_t *data, size_t count); // with quotes, two digits for each byte
 };
 
-// The members of a JSON object, for a range-for loop; none of anything else.
-struct Members {
-    struct Member {
-        const char *name;
-        json_object *value; // null for JSON's null
-    };
-    struct Iterator {
-        lh_entry *at;
-        Member operator*() const
-        {
-            return {static_cast<const char *>(lh_entry_k(at)),
-                    static_cast<json_object *>(lh_entry_v(at))};
-        }
-        void operator++() { at = lh_entry_next(at); }
-        bool operator!=(const Iterator &other) const { return at != other.at; }
-    };
-    json_object *object;
-    Iterator begin() const
-    {
-        const bool is_object = bv_json_object_is_type(object, json_type_object) != 0;
-        return {is_object ? json_object_get_object(object)->head : nullptr};
-    }
-    static Iterator end() { return {nullptr}; }
-};
-
 // The elements of an array; 0 of anything else.
 size_t count_of(json_object *array);
 // The text of a JSON string, or of a number as json-c writes it; null for anything else.
@@ -100,7 +78,7 @@ bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
 // comments. json-c must have parsed the text.
 void put_others(Text &out, const char *text, uint32_t store);
 // The names in all objects of a text without comments: the parser keeps the last of equal ones.
-// SIZE_MAX if it has a NaN or Infinity, which the parser takes for numbers.
+// SIZE_MAX for what the parser takes besides JSON even if it is strict: NaN, Infinity, 1. and 'a'.
 size_t count_raw_names(const char *text);
 
 // ---- values.cpp ----
@@ -202,12 +180,12 @@ int32_t plan_family(Plan &plan, const bv_service_family &listed, json_object *el
 // Plans one instance; a null image deletes it.
 int32_t plan_instance(Plan &plan, const char *family, int32_t number, const void *image,
                       Words &words);
-// Leaves out what would not differ, and asks the checks of the rest.
-int32_t check(Plan &plan, Words &words);
-// Makes all changes or, when memory is short, none. Calls `changed`, counts, and sends the events,
-// unless it is `silent`.
-int32_t make(Plan &plan, Words &words, bool silent = false);
+// Leaves out what would not differ.
 void drop_equal(Plan &plan);
+// Asks the checks, makes all changes or none, calls `changed`, counts, and sends the events. Check
+// only asks; Undo does not ask; Load neither asks nor tells.
+enum class How { Request, Check, Undo, Load };
+int32_t make(Plan &plan, How how, Words &words);
 
 // ---- template.cpp ----
 

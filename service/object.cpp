@@ -54,10 +54,10 @@ int32_t each_family(Call &call, Visit visit)
 {
     if (call.data != nullptr && !bv_json_object_is_type(call.data, json_type_object))
         return call.invalid("data is not an object of families");
-    for (const Members::Member member : Members{call.data}) {
-        if (find_listed(member.name, call.words) == nullptr)
+    for (const Members::Member &member : Members(call.data)) {
+        if (find_listed(member.name(), call.words) == nullptr)
             return BV_ERR_NO_FAMILY;
-        if (!bv_json_object_is_type(member.value, json_type_array))
+        if (!bv_json_object_is_type(member.value(), json_type_array))
             return call.invalid("the numbers of instances are not an array");
     }
     int32_t status = BV_OK;
@@ -69,17 +69,13 @@ int32_t each_family(Call &call, Visit visit)
     return status;
 }
 
-int32_t find_instance(Call &call, const Family &family, json_object *number,
-                      const bv_db_inst *&instance)
+int32_t find_instance(Call &call, const Family &family, int32_t number, const bv_db_inst *&instance)
 {
-    int32_t value;
-    if (!number_of(number, value))
-        return call.invalid("the number of an instance is not one");
-    instance = bv_db_data_get_inst(family.record, value);
+    instance = bv_db_data_get_inst(family.record, number);
     return instance != nullptr
                ? BV_OK
                : call.words.refuse(BV_ERR_NO_INSTANCE, "%s.%" PRId32 ": no such instance",
-                                   family.name(), value);
+                                   family.name(), number);
 }
 
 // ---- read ----
@@ -115,12 +111,14 @@ int32_t put_instances(Call &call, const Family &family, json_object *numbers)
     const size_t count = count_of(numbers);
     call.out.item("\"%s\":[", family.name());
     for (size_t i = 0; i < count; ++i) {
+        int32_t number;
         const bv_db_inst *instance;
-        const int32_t status =
-            find_instance(call, family, bv_json_object_array_get_idx(numbers, i), instance);
+        if (!number_of(bv_json_object_array_get_idx(numbers, i), number))
+            return call.invalid("the number of an instance is not one");
+        const int32_t status = find_instance(call, family, number, instance);
         if (status != BV_OK)
             return status;
-        put_instance(call.out, family, instance->number, instance->image);
+        put_instance(call.out, family, number, instance->image);
     }
     if (count == 0)
         for (const bv_db_inst &instance : instances(family))
@@ -202,35 +200,38 @@ int32_t read_status(Call &call)
 
 // ---- one image, for programs that know its structure ----
 
-// The family that the data names, if it has the size that the caller thinks. Null with the status.
-const bv_service_family *find_sized(Call &call, int32_t &status)
+// The family and the number that the data names. The caller must know the family's size.
+int32_t take_target(Call &call, const bv_service_family *&listed, int32_t &number)
 {
     const char *name = bv_json_object_get_string(bv_json_object_object_get(call.data, "family"));
-    const bv_service_family *listed = find_listed(name, call.words);
     int32_t size = 0;
     number_of(bv_json_object_object_get(call.data, "size"), size);
-    status = BV_ERR_NO_FAMILY;
-    if (listed == nullptr || static_cast<uint32_t>(size) == listed->size)
-        return listed;
-    status = call.words.refuse(BV_ERR_INVALID,
-                               "%s has %" PRIu32 " bytes in %s, and %" PRId32
-                               " here: one of the two programs is older",
-                               name, listed->size, g_service->name, size);
-    return nullptr;
+    listed = find_listed(name, call.words);
+    if (listed == nullptr)
+        return BV_ERR_NO_FAMILY;
+    if (static_cast<uint32_t>(size) != listed->size)
+        return call.words.refuse(BV_ERR_INVALID,
+                                 "%s has %" PRIu32 " bytes in %s, and %" PRId32
+                                 " here: one of the two programs is older",
+                                 name, listed->size, g_service->name, size);
+    return number_of(bv_json_object_object_get(call.data, "inst"), number) && number != INT32_MAX
+               ? BV_OK
+               : call.invalid("\"inst\" is not a number, or too high");
 }
 
 int32_t read_image(Call &call)
 {
-    int32_t status;
-    const bv_service_family *listed = find_sized(call, status);
-    if (listed == nullptr)
+    const bv_service_family *listed;
+    const bv_db_inst *instance;
+    int32_t number = 0;
+    int32_t status = take_target(call, listed, number);
+    if (status != BV_OK)
         return status;
     const Family family(*listed);
-    const bv_db_inst *instance;
     if (family.is_hidden())
         return call.words.refuse(UBUS_STATUS_PERMISSION_DENIED, "%s hides the values of %s",
                                  g_service->name, family.name());
-    status = find_instance(call, family, bv_json_object_object_get(call.data, "inst"), instance);
+    status = find_instance(call, family, number, instance);
     if (status == BV_OK)
         call.out.hex(instance->image, family.size());
     return status;
@@ -238,15 +239,13 @@ int32_t read_image(Call &call)
 
 int32_t write_image(Call &call)
 {
-    int32_t status;
-    int32_t number;
+    const bv_service_family *listed;
+    int32_t number = 0;
+    int32_t status = take_target(call, listed, number);
+    if (status != BV_OK)
+        return status;
     size_t length = 0;
     const char *text = text_of(bv_json_object_object_get(call.data, "image"), length);
-    const bv_service_family *listed = find_sized(call, status);
-    if (listed == nullptr)
-        return status;
-    if (!number_of(bv_json_object_object_get(call.data, "inst"), number))
-        return call.invalid("\"inst\" is not a number");
     const Owned<void *, nullptr, free> image(malloc(listed->size));
     if (!image)
         return call.words.no_memory();
@@ -254,20 +253,16 @@ int32_t write_image(Call &call)
         !read_hex(text, static_cast<uint8_t *>(image.get()), listed->size))
         return call.invalid("\"image\" does not have two hexadecimal digits for each byte");
     status = plan_instance(call.plan, listed->name, number, image.get(), call.words);
-    if (status == BV_OK)
-        status = check(call.plan, call.words);
-    return status == BV_OK ? make(call.plan, call.words) : status;
+    return status == BV_OK ? make(call.plan, How::Request, call.words) : status;
 }
 
 // ---- write ----
 
-template <Meaning meaning, bool check_only = false>
+template <Meaning meaning, How how = How::Request>
 int32_t change(Call &call)
 {
-    int32_t status = plan_request(call.plan, call.data, meaning, call.words);
-    if (status == BV_OK)
-        status = check(call.plan, call.words);
-    return status == BV_OK && !check_only ? make(call.plan, call.words) : status;
+    const int32_t status = plan_request(call.plan, call.data, meaning, call.words);
+    return status == BV_OK ? make(call.plan, how, call.words) : status;
 }
 
 int32_t write_add(Call &call)
@@ -356,7 +351,7 @@ constexpr Operation kOperations[] = {{"families", read_each<put_family>, true},
                                      {"add", write_add, false},
                                      {"del", change<Meaning::Delete>, false},
                                      {"import", change<Meaning::Import>, false},
-                                     {"check", change<Meaning::Import, true>, false},
+                                     {"check", change<Meaning::Import, How::Check>, false},
                                      {"commit", write_commit, false},
                                      {"revert", undo<revert>, false},
                                      {"reset", undo<reset>, false},
@@ -497,10 +492,10 @@ bool is_read(const char *op, bool has_data)
 
 bool open_object()
 {
-    char digits[9] = ""; // hexadecimal
-    bv_os_random(reinterpret_cast<uint8_t *>(digits), sizeof(digits) - 1);
-    g_start_number = static_cast<uint32_t>(strtoul(digits, nullptr, 16));
-    g_started = bv_os_time(nullptr);
+    uint8_t digits[8]; // hexadecimal
+    bv_os_random(digits, sizeof(digits));
+    read_hex(reinterpret_cast<char *>(digits), reinterpret_cast<uint8_t *>(&g_start_number), 4);
+    g_started = time(nullptr);
     g_calls = g_refused = g_dropped = 0;
     g_changes = static_cast<uint32_t *>(calloc(g_service->n_families + 1, sizeof(uint32_t)));
     return g_changes != nullptr;

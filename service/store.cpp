@@ -15,7 +15,7 @@ namespace {
 
 using namespace bv::service;
 
-constexpr int kPathSize = 1024;
+constexpr size_t kPathSize = 1024;
 constexpr int kLockWaitMs = 2000;
 constexpr int kLockStepMs = 10;
 constexpr int kReadTries = 5;
@@ -45,36 +45,37 @@ bool is_used(uint32_t store)
 
 // ---- files ----
 
-// A data file, or what is beside it: Path(file, ".tmp").
-struct Path {
-    char text[kPathSize + 16];
-    explicit Path(const char *file, const char *suffix = "")
-    {
-        snprintf(text, sizeof text, "%.*s%s", kPathSize - 1, file, suffix);
-    }
-    operator const char *() const { return text; }
-};
+// The data file that is worked on, and what is beside it: at most two of these are used at a time.
+char g_file[kPathSize];
+char g_beside[2][kPathSize + 16];
+
+const char *beside(const char *suffix)
+{
+    static int turn;
+    turn = 1 - turn;
+    snprintf(g_beside[turn], sizeof g_beside[turn], "%s%s", g_file, suffix);
+    return g_beside[turn];
+}
 
 // Follows a link, so that it stays one.
-Path path_of(uint32_t store)
+void choose_file(uint32_t store)
 {
-    Path file(kPaths[store]);
-    Path target("");
+    char target[kPathSize];
+    snprintf(g_file, sizeof g_file, "%s", kPaths[store]);
     for (int links = 0; links < 8; ++links) {
-        const ssize_t length = readlink(file, target.text, sizeof target.text - 1);
+        const ssize_t length = readlink(g_file, target, sizeof target - 1);
         if (length <= 0)
             break;
-        target.text[length] = '\0';
-        char *last = *target.text == '/' ? file.text : strrchr(file.text, '/') + 1;
-        snprintf(last, sizeof file.text - static_cast<size_t>(last - file.text), "%s", target.text);
+        target[length] = '\0';
+        char *last = *target == '/' ? g_file : strrchr(g_file, '/') + 1;
+        snprintf(last, static_cast<size_t>(g_file + sizeof g_file - last), "%s", target);
     }
-    return file;
 }
 
 // Holds FILE.lock. Without it the file can be read, as it is replaced at once.
 class Lock {
 public:
-    explicit Lock(const char *path) : file_(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    Lock() : file_(open(beside(".lock"), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
     {
         for (int waited = 0; file_ && !held_; waited += kLockStepMs) {
             held_ = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
@@ -95,13 +96,14 @@ enum class Access { Look, Load, Repair };
 
 // Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
 // nothing in it. False, with nothing changed, when the service cannot start from it.
-bool read_store(const char *path, Access access, Contents &out)
+bool read_store(uint32_t store, Access access, Contents &out)
 {
+    choose_file(store);
     // A service on the bare interface may be rewriting the file just now.
     int error = 0;
     for (int tries = access == Access::Look ? 1 : kReadTries; error == 0 && tries > 0; --tries) {
         out.from = "file";
-        if (read_file(path, out))
+        if (read_file(g_file, out))
             return true;
         error = errno;
         if (error == 0 && tries > 1)
@@ -111,11 +113,11 @@ bool read_store(const char *path, Access access, Contents &out)
     bool missing = error == ENOENT;
     if (missing || error == 0) {
         out.from = "good";
-        if (read_file(Path(path, ".good"), out)) {
+        if (read_file(beside(".good"), out)) {
             if (access == Access::Repair && error == 0)
-                rename(path, Path(path, ".bad"));
+                rename(g_file, beside(".bad"));
             if (access != Access::Look)
-                say("%s: %s: taking %s.good, which was saved before", path, why, path);
+                say("%s: %s: taking %s.good, which was saved before", g_file, why, g_file);
             return true;
         }
         missing = missing && errno == ENOENT;
@@ -125,7 +127,7 @@ bool read_store(const char *path, Access access, Contents &out)
         out.from = "defaults";
         out.tree = json_object_new_object();
     } else if (access != Access::Look) {
-        say("%s: %s, and %s.good cannot be used: repair or remove them", path, why, path);
+        say("%s: %s, and %s.good cannot be used: repair or remove them", g_file, why, g_file);
     }
     return missing && out.tree != nullptr;
 }
@@ -164,11 +166,11 @@ bool are_saved(json_object *tree, uint32_t store)
 // Whether a file has all that another one has of other services.
 bool has_others(json_object *tree, json_object *wanted, uint32_t store)
 {
-    for (const Members::Member member : Members{wanted}) {
+    for (const Members::Member &member : Members(wanted)) {
         json_object *value = nullptr;
-        if (!is_stored(store, member.name, strlen(member.name)) &&
-            (json_object_object_get_ex(tree, member.name, &value) == 0 ||
-             json_object_equal(value, member.value) == 0))
+        if (!is_stored(store, member.name(), strlen(member.name())) &&
+            (json_object_object_get_ex(tree, member.name(), &value) == 0 ||
+             json_object_equal(value, member.value()) == 0))
             return false;
     }
     return true;
@@ -201,7 +203,7 @@ bool write_families(uint32_t store, const char *path)
 }
 
 // Appends what other services have, and gives the file the owner and mode of the old one.
-bool complete(int fd, const Text &ours, uint32_t store, const Contents &present, const char *path)
+bool complete(int fd, const Text &ours, uint32_t store, const Contents &present)
 {
     Text rest;
     if (present.text.length != 0)
@@ -219,43 +221,39 @@ bool complete(int fd, const Text &ours, uint32_t store, const Contents &present,
         done += static_cast<uint32_t>(wrote);
     }
     struct stat old;
-    if (stat(path, &old) != 0 && stat(Path(path, ".good"), &old) != 0)
+    if (stat(g_file, &old) != 0 && stat(beside(".good"), &old) != 0)
         return true;
     return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
 }
 
 // Puts the written file in place of the old one, which becomes .good.
-bool put_in_place(const char *path)
+bool put_in_place()
 {
-    const Path good(path, ".good");
-    const Path linked(path, ".good.tmp");
-    unlink(linked);
-    if (link(path, linked) == 0)
-        rename(linked, good);
+    unlink(beside(".good.tmp"));
+    if (link(g_file, beside(".good.tmp")) == 0)
+        rename(beside(".good.tmp"), beside(".good"));
     else if (errno != ENOENT)
-        note("%s cannot be made: %s", good.text, strerror(errno));
-    if (rename(Path(path, ".tmp"), path) != 0)
+        note("%s.good cannot be made: %s", g_file, strerror(errno));
+    if (rename(beside(".tmp"), g_file) != 0)
         return false;
-    Path folder(path);
-    strrchr(folder.text, '/')[1] = '\0';
+    char folder[kPathSize];
+    snprintf(folder, sizeof folder, "%s", g_file);
+    strrchr(folder, '/')[1] = '\0';
     const File opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return opened && fsync(opened.get()) == 0;
 }
 
 // Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
-bool write_beside(uint32_t store, const Contents &present, const char *path)
+bool write_beside(uint32_t store, const Contents &present)
 {
-    const Path beside(path, ".tmp");
-    unlink(beside);
-    errno = 0;
-    if (!write_families(store, beside))
-        return false;
     Contents written;
-    if (!read_file(beside, written))
+    unlink(beside(".tmp"));
+    errno = 0;
+    if (!write_families(store, beside(".tmp")) || !read_file(beside(".tmp"), written))
         return false;
-    const File file(open(beside, O_WRONLY | O_CLOEXEC));
-    if (!file || !complete(file.get(), written.text, store, present, path) ||
-        !read_file(beside, written))
+    const File file(open(beside(".tmp"), O_WRONLY | O_CLOEXEC));
+    if (!file || !complete(file.get(), written.text, store, present) ||
+        !read_file(beside(".tmp"), written))
         return false;
     errno = 0;
     return are_saved(written.tree, store) && has_others(written.tree, present.tree, store) &&
@@ -283,23 +281,23 @@ int32_t save(uint32_t store)
 {
     if (!check_families(store))
         return BV_ERR_INVALID;
-    const Path path = path_of(store);
-    const Lock lock(Path(path, ".lock"));
+    choose_file(store);
+    const Lock lock;
     if (!lock.held()) {
-        say("%s cannot be saved: %s.lock: %s", path.text, path.text, strerror(errno));
+        say("%s cannot be saved: %s.lock: %s", g_file, g_file, strerror(errno));
         return BV_ERR_WRITE_OPEN;
     }
     Contents present;
-    if (!read_store(path, Access::Repair, present))
+    if (!read_store(store, Access::Repair, present))
         return BV_ERR_WRITE_OPEN;
     if (strcmp(present.from, "file") == 0 && are_saved(present.tree, store))
         return BV_OK;
 
-    if (write_beside(store, present, path) && put_in_place(path))
+    if (write_beside(store, present) && put_in_place())
         return BV_OK;
     const int error = errno;
-    unlink(Path(path, ".tmp"));
-    say("%s cannot be saved: %s", path.text,
+    unlink(beside(".tmp"));
+    say("%s cannot be saved: %s", g_file,
         error != 0 ? strerror(error) : "what was written is not complete: is the disk full?");
     return BV_ERR_WRITE_OPEN;
 }
@@ -313,15 +311,15 @@ bool fill(const bv_service_family &listed, json_object *tree)
     Words words;
     bv_db_data_free(Family(listed).record);
     return plan_saved(plan, tree, listed, Meaning::Load) == BV_OK &&
-           make(plan, words, true) == BV_OK;
+           make(plan, How::Load, words) == BV_OK;
 }
 
 int load_store(uint32_t store)
 {
-    const Path path = path_of(store);
-    const Lock lock(Path(path, ".lock"));
+    choose_file(store);
+    const Lock lock;
     Contents contents;
-    if (!read_store(path, lock.held() ? Access::Repair : Access::Load, contents))
+    if (!read_store(store, lock.held() ? Access::Repair : Access::Load, contents))
         return BV_SERVICE_DATA;
     for (const bv_service_family &family : Listed())
         if (family.store == store && !fill(family, contents.tree))
@@ -336,10 +334,8 @@ int32_t take_over(const bv_service_family &family, json_object *tree)
 {
     Plan plan;
     Words words;
-    if (plan_saved(plan, tree, family, Meaning::Saved) != BV_OK)
-        return BV_ERR_MEMORY;
-    drop_equal(plan);
-    return make(plan, words);
+    const int32_t status = plan_saved(plan, tree, family, Meaning::Saved);
+    return status == BV_OK ? make(plan, How::Undo, words) : status;
 }
 
 } // namespace
@@ -394,9 +390,8 @@ int bv::service::load()
 int32_t bv::service::revert(const bv_service_family &family)
 {
     Contents contents;
-    return read_store(path_of(family.store), Access::Look, contents)
-               ? take_over(family, contents.tree)
-               : static_cast<int32_t>(BV_ERR_NO_FILE);
+    return read_store(family.store, Access::Look, contents) ? take_over(family, contents.tree)
+                                                            : static_cast<int32_t>(BV_ERR_NO_FILE);
 }
 
 int32_t bv::service::reset(const bv_service_family &family)
@@ -408,7 +403,7 @@ int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words
 {
     Contents contents;
     Plan plan;
-    if (!read_store(path_of(family.store), Access::Look, contents))
+    if (!read_store(family.store, Access::Look, contents))
         return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPaths[family.store]);
     if (plan_saved(plan, contents.tree, family, Meaning::Saved) != BV_OK)
         return words.no_memory();
@@ -428,8 +423,7 @@ const StoreState &bv::service::store_state()
 bool bv::service::is_unsaved(const bv_service_family &family)
 {
     Contents contents;
-    return !read_store(path_of(family.store), Access::Look, contents) ||
-           !is_saved(contents.tree, family);
+    return !read_store(family.store, Access::Look, contents) || !is_saved(contents.tree, family);
 }
 
 namespace {

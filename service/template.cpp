@@ -29,8 +29,8 @@ int match(const char *path, const struct stat *, int, FTW *at)
 size_t count_members(json_object *value)
 {
     size_t count = 0;
-    for (const Members::Member member : Members{value})
-        count += 1 + count_members(member.value);
+    for (const Members::Member &member : Members(value))
+        count += 1 + count_members(member.value());
     for (size_t i = 0; i < count_of(value); ++i)
         count += count_members(bv_json_object_array_get_idx(value, i));
     return count;
@@ -45,7 +45,7 @@ const char *text_in(json_object *object, const char *name)
     return text != nullptr && tools::text_survives(text, length, why) ? text : nullptr;
 }
 
-bool is_parameter(json_object *element, Words &fault)
+bool is_parameter(json_object *element)
 {
     const char *name = text_in(element, "name");
     const char *type_name = text_in(element, "type");
@@ -53,14 +53,10 @@ bool is_parameter(json_object *element, Words &fault)
     const bv::ParameterType *type = type_name != nullptr ? bv::find_type(type_name) : nullptr;
     int32_t len;
     tools::Reason why;
-    why.set("name, type, len or value is missing or wrong");
-    const bool is_whole = name != nullptr && *name != '\0' && type != nullptr && value != nullptr &&
-                          number_of(bv_json_object_object_get(element, "len"), len) && len > 0 &&
-                          len <= bv::kMaxParameterLength && (type->size == 0 || type->size == len);
-    if (is_whole && tools::value_fits(*type, len, value, why))
-        return true;
-    fault.refuse(0, "parameter \"%.80s\": %s", name != nullptr ? name : "", why.text);
-    return false;
+    return name != nullptr && *name != '\0' && type != nullptr && value != nullptr &&
+           number_of(bv_json_object_object_get(element, "len"), len) && len > 0 &&
+           len <= bv::kMaxParameterLength && (type->size == 0 || type->size == len) &&
+           tools::value_fits(*type, len, value, why);
 }
 
 bool is_name_twice(json_object *para, size_t index)
@@ -80,31 +76,26 @@ bool is_function(json_object *tree, const char *member)
     return value == nullptr || (text_of(value, length) != nullptr && length <= tools::kMaxText);
 }
 
-bool check_template(const char *name, const Contents &file, Words &fault)
+// The database finds a file by a shell's pattern.
+bool is_file_name(const char *name)
 {
     tools::Reason why;
-    fault.refuse(0, "a name is there twice, or a number is none");
-    if (count_raw_names(file.text.bytes) != count_members(file.tree))
-        return false;
-    fault.refuse(0, "the file's name has a character that the database does not find");
-    if (!tools::text_survives(name, strlen(name), why) || strpbrk(name, "$`*?[") != nullptr ||
-        name[strlen(name) - 1] == ' ')
-        return false;
+    return tools::text_survives(name, strlen(name), why) && strpbrk(name, "$`*?[") == nullptr &&
+           name[strlen(name) - 1] != ' ';
+}
+
+// Whether the database takes all of a template as it is.
+bool is_whole(const Contents &file)
+{
     json_object *para = bv_json_object_object_get(file.tree, "para");
     const size_t count = count_of(para);
-    fault.refuse(0, "\"para\" must have 1 to %u parameters", bv::kMaxParameters);
-    if (count == 0 || count > bv::kMaxParameters)
+    if (count_raw_names(file.text.bytes) != count_members(file.tree) || count == 0 ||
+        count > bv::kMaxParameters || !is_function(file.tree, "getfunc") ||
+        !is_function(file.tree, "setfunc"))
         return false;
-    fault.refuse(0, "\"getfunc\" or \"setfunc\" is too long, or not a text");
-    if (!is_function(file.tree, "getfunc") || !is_function(file.tree, "setfunc"))
-        return false;
-    for (size_t i = 0; i < count; ++i) {
-        if (!is_parameter(bv_json_object_array_get_idx(para, i), fault))
+    for (size_t i = 0; i < count; ++i)
+        if (!is_parameter(bv_json_object_array_get_idx(para, i)) || is_name_twice(para, i))
             return false;
-        fault.refuse(0, "parameter %zu has the name of another one", i + 1);
-        if (is_name_twice(para, i))
-            return false;
-    }
     return true;
 }
 
@@ -122,10 +113,8 @@ int bv::service::load_template(const bv_service_family &listed)
         return BV_SERVICE_TEMPLATE;
     }
     Contents file;
-    Words fault;
-    fault.refuse(0, "it cannot be read, or is not JSON");
-    if (!read_file(g_found, file, true) || !check_template(listed.name, file, fault)) {
-        say("%s: %s; bv-template check tells more", g_found, fault.text);
+    if (!is_file_name(listed.name) || !read_file(g_found, file, true) || !is_whole(file)) {
+        say("%s has faults: bv-template check tells which", g_found);
         return BV_SERVICE_TEMPLATE;
     }
     bv_db_family *family = bv_db_hash_add(listed.name);

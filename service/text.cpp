@@ -5,7 +5,6 @@
 
 #include "tools/template/values.h"
 
-#include <cctype>
 #include <cstdarg>
 #include <syslog.h>
 
@@ -15,6 +14,9 @@ using namespace bv::service;
 
 // The debug channel sends a longer text as an empty one.
 constexpr size_t kLineSize = 256;
+
+constexpr char kDigits[16] = {'0', '1', '2', '3', '4', '5', '6', '7',
+                              '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
 
 // As in syslog; bv-collect shows the numbers.
 void send_line(int priority, const char *format, va_list arguments)
@@ -115,9 +117,8 @@ void bv::service::Text::hex(const uint8_t *data, size_t count)
 {
     put("\"");
     for (size_t i = 0; i < count; ++i) {
-        char digits[4];
-        snprintf(digits, sizeof digits, "%02x", data[i]);
-        put(digits);
+        put(kDigits + (data[i] >> 4), 1);
+        put(kDigits + (data[i] & 15), 1);
     }
     put("\"");
 }
@@ -159,12 +160,12 @@ bool bv::service::number_of(json_object *value, int32_t &number)
 
 bool bv::service::read_hex(const char *text, uint8_t *bytes, uint32_t count)
 {
-    for (; count != 0; --count, text += 2) {
-        if (isxdigit(static_cast<unsigned char>(text[0])) == 0 ||
-            isxdigit(static_cast<unsigned char>(text[1])) == 0)
+    for (uint32_t i = 0; i < 2 * count; ++i) {
+        const void *digit = memchr(kDigits, text[i], sizeof kDigits);
+        if (digit == nullptr)
             return false;
-        const char digits[3] = {text[0], text[1], '\0'};
-        *bytes++ = static_cast<uint8_t>(strtoul(digits, nullptr, 16));
+        const auto value = static_cast<const char *>(digit) - kDigits;
+        bytes[i / 2] = static_cast<uint8_t>(bytes[i / 2] << 4 | value);
     }
     return true;
 }
@@ -226,7 +227,8 @@ size_t bv::service::count_raw_names(const char *text)
 {
     size_t count = 0;
     for (const char *at = text; *at != '\0'; at = *at == '"' ? skip_string(at) : at + 1) {
-        if (*at == 'N' || *at == 'I')
+        const bool is_cut = *at == '.' && (at[1] < '0' || at[1] > '9'); // as in 1.
+        if (is_cut || strchr("NI'", *at) != nullptr)
             return SIZE_MAX;
         count += *at == ':' ? 1 : 0;
     }

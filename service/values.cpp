@@ -19,9 +19,11 @@ bv_db_para g_one; // of the one value that is converted: too large for a small s
 bv_db_family g_family;
 uint8_t g_room[kRoom];
 
+// The type is known unless a handler has read another template since the start.
 bool is_string(const bv_db_para &para)
 {
-    return bv::find_type(para.type)->kind == bv::TypeKind::String;
+    const bv::ParameterType *type = bv::find_type(para.type);
+    return type == nullptr || type->kind == bv::TypeKind::String;
 }
 
 void put_value(const bv_db_para &para, uint8_t *value, const char *text)
@@ -103,18 +105,19 @@ int32_t bv::service::set_value(const Family &family, uint8_t *image, const Membe
     int32_t position;
     size_t length;
     tools::Reason why;
-    const bv_db_para *para = find_parameter(family, member.name, position);
-    const char *text = text_of(member.value, length);
-    if (para == nullptr) {
+    const bv_db_para *para = find_parameter(family, member.name(), position);
+    const char *text = text_of(member.value(), length);
+    const ParameterType *type = para != nullptr ? find_type(para->type) : nullptr;
+    if (type == nullptr) {
         why.set("no such parameter");
     } else if (text == nullptr) {
         why.set("the value must be a text");
     } else if (tools::text_survives(text, length, why) &&
-               tools::value_fits(*find_type(para->type), para->len, text, why)) {
+               tools::value_fits(*type, para->len, text, why)) {
         put_value(*para, image + position, text);
         return BV_OK;
     }
-    return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name(), member.name, why.text);
+    return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name(), member.name(), why.text);
 }
 
 void bv::service::set_default(const Family &family, uint8_t *image, const char *parameter)

@@ -116,9 +116,7 @@ int32_t request(const std::string &json, Meaning meaning)
     json_object *data = bv_json_tokener_parse(json.c_str());
     int32_t status = plan_request(plan, data, meaning, g_words);
     if (status == BV_OK)
-        status = check(plan, g_words);
-    if (status == BV_OK)
-        status = make(plan, g_words);
+        status = make(plan, How::Request, g_words);
     bv_json_object_put(data);
     return status;
 }

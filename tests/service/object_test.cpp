@@ -144,10 +144,10 @@ TEST_F(ServiceObject, ImagesAreReadAndWrittenAsTheyAre)
     const auto put = [&](const std::string &bytes) {
         return caller.ask("put", (lan + ",\"image\":" + bytes + "}").c_str());
     };
-    image.replace(1, 2, "0A");
+    image.replace(1, 2, "0a");
     EXPECT_EQ(put(image), "");
     EXPECT_NE(caller.ask("get").find("10.168.1.1"), std::string::npos);
-    image[1] = 'x';
+    image[2] = 'A';
     for (const std::string &wrong : {image, std::string("\"0a\""), std::string("7"),
                                      std::string("null"), "\"" + std::string(58, '"') + "\""})
         EXPECT_EQ(put(wrong).substr(0, 9), "10000010:") << wrong;

@@ -184,8 +184,9 @@ TEST_F(CtlSession, PointsToBvCallForOtherServices)
                   "bv-ctl: bare is a service without settings for bv-ctl; call its functions with "
                   "'bv-call -o bare FUNCTION'\n");
     bus_.stop();
-    EXPECT_EQ(refusal("list"), "bv-ctl: cannot list the services: no connection to the bus: is "
-                               "ubusd running?\n");
+    for (const char *line : {"list", "watch"})
+        EXPECT_EQ(refusal(line), "bv-ctl: cannot list the services: no connection to the bus: is "
+                                 "ubusd running?\n");
 }
 
 } // namespace

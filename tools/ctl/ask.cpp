@@ -199,13 +199,6 @@ json_object *tools::member(json_object *object, const char *name)
     return bv_json_object_object_get(object, name);
 }
 
-tools::Members::Members(json_object *object)
-    : first_(bv_json_object_is_type(object, json_type_object) != 0
-                 ? json_object_get_object(object)->head
-                 : nullptr)
-{
-}
-
 void tools::put(json_object *object, const char *name, json_object *value)
 {
     json_object_object_add(object, name, value);

@@ -14,6 +14,7 @@
 #include <bv/ubus.h>
 
 #include "bus/json_tree.h"
+#include "tools/common/json_members.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -78,29 +79,6 @@ inline json_object *share(json_object *value)
 {
     return json_object_get(value);
 }
-
-// Walks the members of an object, in their order.
-class Members {
-public:
-    struct Iterator {
-        lh_entry *at;
-        const Iterator &operator*() const { return *this; }
-        bool operator!=(const Iterator &other) const { return at != other.at; }
-        Iterator &operator++()
-        {
-            at = at->next;
-            return *this;
-        }
-        const char *name() const { return static_cast<const char *>(at->k); }
-        json_object *value() const { return static_cast<json_object *>(const_cast<void *>(at->v)); }
-    };
-    explicit Members(json_object *object);
-    Iterator begin() const { return {first_}; }
-    static Iterator end() { return {nullptr}; }
-
-private:
-    lh_entry *first_;
-};
 
 // ---- ask.cpp ----
 

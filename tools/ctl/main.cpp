@@ -88,12 +88,11 @@ constexpr Verb kVerbs[] = {
      "- is the standard output. Hidden families are left out.\n"},
     {"import", do_import, 1, 1,
      "FILE\n"
-     "Takes families from a data file, which is checked first; - is the standard\n"
-     "input. Each family in it then has exactly its instances. A service takes all\n"
-     "or nothing.\n"},
+     "Takes families from a data file; - is the standard input. Each family in it\n"
+     "then has exactly its instances. All services check it before one changes.\n"},
     {"watch", do_watch, 0, 1,
      "[FAMILY]\n"
-     "Prints each change until Ctrl-C.\n"},
+     "Prints each change until Ctrl-C, also of services that start later.\n"},
     {"debug", do_debug, 0, 3,
      "[MODULE LEVEL on|off]\n"
      "Shows the debug switches, or turns one on or off. 'bv-collect' prints the\n"

@@ -89,6 +89,8 @@ void family_changed(const char *service, const char *family, void *priv)
 
 int tools::do_watch(Arguments arguments)
 {
+    if (all_families() == nullptr) // a bus that is not there now is worth a word
+        return kExitRefused;
     Target target = {};
     target.service = g_options.service;
     const int found = *arguments != nullptr ? find_whole_family(*arguments, "watch", target) : 0;

@@ -170,7 +170,7 @@ void transform(int in, int out, AesCipher &cipher, AesCipher::Direction directio
     uint8_t from[kCipherBatch];
     uint8_t to[kOutSize];
     while (left > 0) {
-        const auto wanted = static_cast<size_t>(std::min<off_t>(left, batch));
+        const auto wanted = static_cast<size_t>(std::min(left, static_cast<off_t>(batch)));
         const size_t length = read_batch(in, from, wanted);
         left = length == wanted ? left - static_cast<off_t>(length) : 0;
         const size_t made = encrypt ? encrypt_batch(cipher, chain, from, length, to)

@@ -62,34 +62,16 @@ bool take_parameter(json_object *element, bv_db_para &slot)
     return take_text(members, "value", slot.value) && named && typed;
 }
 
-// What counts of an empty slot. Clearing all of it would take as long as filling it: most of a
-// descriptor is room after its texts, whose content means nothing.
-void make_empty(bv_db_para &slot)
+void take_parameters(json_object *para, bv_db_family &family)
 {
-    slot.valid = slot.selected = 0;
-    slot.len = 0;
-    slot.name[0] = slot.type[0] = slot.value[0] = '\0';
-}
-
-// Fills the slots from the elements. Those that are left because elements were skipped are zeros.
-void take_parameters(json_object *para, bv_db_para *slot, uint32_t count)
-{
-    const bv_db_para *const end = slot + count;
-    bool fresh = true;
+    bv_db_para *slot = family.para;
+    const auto count = static_cast<size_t>(family.para_count);
     for (size_t i = 0; i < count; ++i) {
-        if (fresh)
-            make_empty(*slot);
-        fresh = take_parameter(bv_json_object_array_get_idx(para, i), *slot);
-        if (fresh) {
+        if (take_parameter(bv_json_object_array_get_idx(para, i), *slot)) {
             slot->valid = 1;
             ++slot;
         }
     }
-    if (!fresh)
-        ++slot; // it has parts of the last element
-    const auto left = static_cast<uint32_t>(reinterpret_cast<const char *>(end) -
-                                            reinterpret_cast<const char *>(slot));
-    bv_os_memset(slot, left, 0, left);
 }
 
 // Reads a parsed template into descriptors.
@@ -110,11 +92,11 @@ int32_t read_parameters(json_object *tree, bv_db_family &family)
     if (count > bv::kMaxParameters)
         return BV_ERR_FAILED;
 
-    family.para = bv::allocate<bv_db_para>(uint64_t{count} * sizeof(bv_db_para));
+    family.para = bv::allocate_zeroed<bv_db_para>(uint64_t{count} * sizeof(bv_db_para));
     if (family.para == nullptr)
         return BV_ERR_MEMORY;
     family.para_count = static_cast<int32_t>(count);
-    take_parameters(para, family.para, static_cast<uint32_t>(count));
+    take_parameters(para, family);
     return BV_OK;
 }
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: ISC
-// Wrappers that only pass their arguments on, for the hot paths of the library itself: a call of the
-// exported function would go through one more jump, which takes six instructions on the gateway. The
-// exported functions are in memory.cpp, string.cpp, thread.cpp and socket.cpp; these are never
-// emitted. bv_os_free() is not among them: a compiler that sees free() leaves out the clearing of
-// links just before it.
+// Wrappers that only pass their arguments on, for the hot paths of the library itself: a call of
+// the exported function would go through one more jump, which takes six instructions on the
+// gateway. The exported functions are in memory.cpp, string.cpp, thread.cpp and socket.cpp; these
+// are never emitted. bv_os_free() is not among them: a compiler that sees free() leaves out the
+// clearing of links just before it.
 #ifndef BV_OS_INLINE_H
 #define BV_OS_INLINE_H
 

@@ -68,9 +68,10 @@ TEST_F(CtlSession, PassesRefusalsOn)
 {
     const std::pair<const char *, const char *> rows[] = {
         {"set lan mtu=70000",
-         "lan.json.mtu: '70000' is not a number from 0 to 65535, as type ushort needs"},
+         "lan.json.mtu: '70000' is not a number from 0 to 65535, as type ushort needs "
+         "(invalid argument)"},
         {"set lan mtu=9 hostname=refused", "lan.json.1: the service refuses this (status 0x77)"},
-        {"set lan mtu=9 speed=1", "lan.json.speed: no such parameter"},
+        {"set lan mtu=9 speed=1", "lan.json.speed: no such parameter (invalid argument)"},
         {"add lan.1", "lan.json.1: already exists"},
         {"del lan.1 lan.9", "lan.json.9: no such instance"}};
     for (const auto &[line, why] : rows)

@@ -265,7 +265,7 @@ TEST_F(Ctl, ImportAsksAllServicesBeforeOneChanges)
     write_file("/scratch/both", R"({"lan.json": [], "radio.json": []})");
     EXPECT_EQ(run_line("import /scratch/both"),
               (Outcome{1, "",
-                       "bv-ctl: wifi: radio.json.channel: not 300\n"
+                       "bv-ctl: wifi: radio.json.channel: not 300 (invalid argument)\n"
                        "bv-ctl: nothing was changed\n"}));
     EXPECT_EQ(requests(), "network check {\"lan.json\":[]}\nwifi check {\"radio.json\":[]}\n");
 }
@@ -273,7 +273,8 @@ TEST_F(Ctl, ImportAsksAllServicesBeforeOneChanges)
 TEST_F(Ctl, SaysWhatWasRefusedAndWhatToDo)
 {
     const std::pair<const char *, std::string> rows[] = {
-        {"set radio channel=15", "wifi: radio.json.channel: 15 is not in use here"},
+        {"set radio channel=15",
+         "wifi: radio.json.channel: 15 is not in use here (invalid argument)"},
         {"del radio.1", "wifi: permission denied: the bus's access rules, or the service, do not "
                         "let your user do this"},
         {"show printer", "no running service owns a family printer; 'bv-ctl list' shows all"},

@@ -64,6 +64,27 @@ TEST_F(CtlSession, ChangesSavesAndTakesBack)
     EXPECT_TRUE(contains(output("list"), "sample   lan.json     1 5-6      user\n"));
 }
 
+TEST_F(CtlSession, NamesSavedFamiliesAfterCommitOnly)
+{
+    static const bv_service_family kFamilies[] = {
+        {"user.json", sizeof(Secret), BV_SERVICE_USER, 0, nullptr, nullptr},
+        {"box.json", sizeof(Secret), BV_SERVICE_FACTORY, 0, nullptr, nullptr}};
+    Sample second("second");
+    for (const char *path : {"/etc/template/user.json", "/etc/template/box.json"})
+        write_file(path, read_file("/etc/template/secret.json"));
+    second.service.families = kFamilies;
+    second.start();
+    output("set user key=a");
+    output("set box key=a");
+    EXPECT_EQ(output("commit --factory second"),
+              "second: not saved user.json\nsecond: saved box.json\n");
+    EXPECT_FALSE(file_exists(kUserData));
+    output("set box key=b");
+    EXPECT_EQ(output("commit"), "sample: nothing to save\n"
+                                "second: saved user.json\nsecond: not saved box.json\n");
+    EXPECT_EQ(output("commit second"), "second: not saved box.json\n");
+}
+
 TEST_F(CtlSession, PassesRefusalsOn)
 {
     const std::pair<const char *, const char *> rows[] = {

@@ -38,6 +38,7 @@ const char kServices[] = R"({
     "status": {"version": "1.0.0", "pid": "812", "started": "1700000000", "loaded": "good",
                "saved": "1700000060", "saved_status": "268435465", "calls": "12", "refused": "1",
                "dropped": "0", "unsaved": ["lan.json"]},
+    "committed": {"unsaved": []},
     "add": {"lan.json": [{"inst": "4", "para": {"mtu": "1500", "hostname": "x"}}]}
   },
   "wifi": {
@@ -155,9 +156,13 @@ TEST_F(Ctl, SendsWhatTheArgumentsName)
               "network add {\"lan.json\":[{\"inst\":\"\",\"para\":{\"hostname\":\"x\"}}]}\n");
     EXPECT_EQ(run_line("commit"),
               (Outcome{0, "network: saved lan.json\nwifi: nothing to save\n", ""}));
-    EXPECT_EQ(requests(), "network status\nwifi status\nnetwork commit\nwifi commit\n");
+    EXPECT_EQ(requests(), "network status\nwifi status\nnetwork commit\nnetwork status\n"
+                          "wifi commit\nwifi status\n");
     EXPECT_EQ(run_line("commit --factory wifi").status, 0);
-    EXPECT_EQ(requests(), "wifi status\nwifi commit \"factory\"\n");
+    EXPECT_EQ(requests(), "wifi status\nwifi commit \"factory\"\nwifi status\n");
+    write_file("/scratch/services.json", "{}");
+    EXPECT_EQ(run_line("commit"),
+              (Outcome{1, "", "bv-ctl: no service with families is running\n"}));
 }
 
 TEST_F(Ctl, ShowsAndTurnsDebugSwitches)

@@ -229,6 +229,9 @@ TEST_F(Ctl, ExportsWhatItImports)
     EXPECT_EQ(run_line("export /scratch/all"),
               (Outcome{0, "", "bv-ctl: wan.json of network is left out: its values are hidden\n"}));
     EXPECT_FALSE(contains(read_file("/scratch/all"), "wan.json"));
+    struct stat made;
+    ASSERT_EQ(stat("/scratch/all", &made), 0);
+    EXPECT_EQ(made.st_mode & 0777, 0600u); // as data files: it may have passwords
     EXPECT_EQ(run_line("export /dev/full").status, 1);
 
     write_file("/scratch/radio", outcome.output);

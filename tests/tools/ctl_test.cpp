@@ -364,6 +364,24 @@ TEST_F(Ctl, IsCompletedByBash)
     EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
 }
 
+// Names come from services, whose templates do not keep them free of what a shell runs.
+TEST_F(Ctl, CompletionRunsNothingOfNames)
+{
+    write_file("/scratch/services.json", R"json({"evil": {"families": {
+        "e$(touch${IFS}/scratch/ran)": {"instances": ["1"], "para": [
+            {"name": "a$(touch${IFS}/scratch/ran)"}, {"name": "b`touch${IFS}/scratch/ran`"}]},
+        "x/w": {"instances": ["1"], "para": [{"name": "on"}]}}}})json");
+    // What is offered is safe in a command line, too.
+    const std::string family = "e\\$\\(touch\\$\\{IFS\\}/scratch/ran\\)";
+    EXPECT_EQ(completions("bv-ctl diff e"), family + "\n");
+    EXPECT_EQ(completions("bv-ctl set '" + family + "' 'a\\$'"),
+              "a\\$\\(touch\\$\\{IFS\\}/scratch/ran\\)=\n");
+    EXPECT_EQ(completions("bv-ctl set '" + family + "' b"),
+              "b\\`touch\\$\\{IFS\\}/scratch/ran\\`=\n");
+    EXPECT_EQ(completions("bv-ctl set x/w ''"), "on=\n");
+    EXPECT_FALSE(file_exists("/scratch/ran"));
+}
+
 #endif
 
 TEST(CtlUsage, IsPrintedForToolAndForEachVerb)

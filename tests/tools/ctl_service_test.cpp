@@ -124,13 +124,17 @@ TEST_F(CtlSession, ImportsWhatItExported)
 
 TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
 {
+    const std::string begun = "watching sample: lan.json secret.json\n";
     Program watching({BV_TOOL, "--json", "watch"});
-    // Until it has seen the first values.
-    ASSERT_TRUE(eventually([&] {
-        output("set lan mtu=1400");
-        output("set lan mtu=1500");
-        return contains(watching.output(), "\"was\":\"1500\",\"is\":\"1400\"");
-    }));
+    ASSERT_TRUE(eventually([&] { return watching.errors() == begun; })) << watching.errors();
+    output("set lan mtu=1400");
+    output("set secret key=x");
+    EXPECT_TRUE(eventually([&] {
+        return watching.output() ==
+               "{\"service\":\"sample\",\"family\":\"lan.json\",\"inst\":\"1\",\"name\":\"mtu\","
+               "\"was\":\"1500\",\"is\":\"1400\"}\n"
+               "{\"service\":\"sample\",\"family\":\"secret.json\",\"hidden\":true}\n";
+    })) << watching.output();
     sample_.signal(SIGTERM);
     sample_.wait();
     EXPECT_TRUE(contains(refusal("wait sample 0"), "sample is not there after 0 s"));
@@ -141,7 +145,7 @@ TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
         return contains(watching.output(), "\"name\":\"hostname\",\"was\":\"gateway\","
                                            "\"is\":\"again\"");
     }));
-    EXPECT_EQ(watching.errors(), "");
+    EXPECT_EQ(watching.errors(), begun);
     watching.signal(SIGINT);
     EXPECT_EQ(watching.wait(), 128 + SIGINT);
 }
@@ -177,6 +181,8 @@ TEST_F(CtlSession, WatchesServicesThatStartLater)
     sample_.signal(SIGTERM);
     sample_.wait();
     Program watching({BV_TOOL, "--json", "watch"});
+    ASSERT_TRUE(
+        eventually([&] { return watching.errors() == "watching: no service is running yet\n"; }));
     sample_.launch();
     EXPECT_EQ(output("wait sample"), "");
     EXPECT_TRUE(eventually([&] {

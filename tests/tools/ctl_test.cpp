@@ -214,8 +214,17 @@ TEST_F(Ctl, PrintsChangesWhileItWatches)
               "{\"service\":\"network\",\"family\":\"lan.json\",\"inst\":\"7\","
               "\"name\":\"hostname\",\"was\":\"gateway\",\"is\":null}\n");
     const Outcome text = run_line("watch lan");
+    EXPECT_EQ(text.errors, "watching network: lan.json\n");
     EXPECT_EQ(text.output.substr(8, text.output.find('\n') - 8),
               " network lan.json.1.mtu 1400 -> 1300");
+}
+
+TEST_F(Ctl, SaysThatHiddenFamilyChanged)
+{
+    write_file("/scratch/later.json", R"({"wan.json": [{"inst": "1", "para": {}}]})");
+    EXPECT_EQ(run_line("watch wan --json").output,
+              "{\"service\":\"network\",\"family\":\"wan.json\",\"hidden\":true}\n");
+    EXPECT_EQ(run_line("watch wan").output.substr(8), " network wan.json changed (hidden)\n");
 }
 
 TEST_F(Ctl, ExportsWhatItImports)

@@ -384,9 +384,9 @@ int32_t run_operation(bool is_read, blob_attr *const *fields, Call &call)
         if (operation.is_read != is_read || strcmp(operation.name, op) != 0)
             continue;
         const int32_t status = operation.run(call);
-        return status != BV_OK || !call.out.failed
-                   ? status
-                   : call.words.refuse(BV_ERR_MEMORY, "the answer has above 16 MB, or no memory");
+        return status == BV_OK && is_read && call.out.failed
+                   ? call.words.refuse(BV_ERR_MEMORY, "the answer is too long, or memory is short")
+                   : status;
     }
     return call.words.refuse(BV_ERR_INVALID, "unknown operation \"%.40s\"", op);
 }
@@ -435,7 +435,7 @@ int serve(bool is_read, ubus_context *ctx, ubus_request_data *request, blob_attr
     const int32_t status = run_operation(is_read, fields, call);
     if (!is_read) { // to ask for a second part would be to change again
         fields[kOffset] = nullptr;
-        call.out.length = call.out.length <= kMaxPart ? call.out.length : 0;
+        call.out.length = call.out.failed || call.out.length > kMaxPart ? 0 : call.out.length;
     }
     return reply(ctx, request, fields, status, call);
 }

@@ -58,8 +58,8 @@ typedef enum bv_service_store {
 /** For bv_service_family.flags: other programs see the names of the parameters, not the values. */
 #define BV_SERVICE_HIDDEN 1u
 
-/** For bv_service.flags: save the families before the service ends. Should that fail, syslog has the
- * cause; the exit status is the same. */
+/** For bv_service.flags: save the families before the service ends. If that fails, syslog has the
+ * cause; the exit status stays the same. */
 #define BV_SERVICE_COMMIT_AT_END 1u
 
 /**
@@ -236,8 +236,8 @@ struct bv_service_client;
  * @param service  the service's name; null finds the owner of each family by asking every service
  * @param wait_ms  how long a call waits for the bus and the owner if they are not there; 0 does not
  *                 wait. A bus or an owner that hangs counts as missing after 3 seconds, an
- *                 owner that is to change something after 15. Only a bus that hangs after it
- *                 took the connection is waited for without limit
+ *                 owner that is to change something after 15. A bus that hangs later than at
+ *                 its greeting may be waited for without limit
  * @return the client, for bv_service_close(); null when memory is short or the name is not one
  */
 BV_API struct bv_service_client *bv_service_open(const char *service, uint32_t wait_ms);

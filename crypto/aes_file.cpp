@@ -19,6 +19,7 @@
 #include "os/bytes.h"
 #include "os/descriptor.h"
 #include "os/inline.h"
+#include "os/span.h"
 
 #include <bv/os.h>
 
@@ -156,7 +157,8 @@ bool write_all(int fd, const uint8_t *data, size_t length)
     return true;
 }
 
-void transform(int in, int out, AesCipher &cipher, AesCipher::Direction direction)
+void transform(int in, int out, AesCipher &cipher, AesCipher::Direction direction,
+               bv::MutableBytes from, uint8_t *to)
 {
     // Not bv_os_lseek(), whose offsets end at 2 GiB.
     off_t left = lseek(in, 0, SEEK_END);
@@ -164,20 +166,27 @@ void transform(int in, int out, AesCipher &cipher, AesCipher::Direction directio
         return;
     lseek(in, 0, SEEK_SET);
 
-    const bool encrypt = direction == AesCipher::kEncrypt;
-    const size_t batch = encrypt ? kPlainBatch : kCipherBatch;
     ChainEnd chain;
-    uint8_t from[kCipherBatch];
-    uint8_t to[kOutSize];
     while (left > 0) {
-        const auto wanted = static_cast<size_t>(std::min(left, static_cast<off_t>(batch)));
-        const size_t length = read_batch(in, from, wanted);
+        const auto wanted = static_cast<size_t>(std::min<off_t>(left, from.length));
+        const size_t length = read_batch(in, from.data, wanted);
         left = length == wanted ? left - static_cast<off_t>(length) : 0;
-        const size_t made = encrypt ? encrypt_batch(cipher, chain, from, length, to)
-                                    : decrypt_batch(cipher, chain, from, length, to);
+        const size_t made = direction == AesCipher::kEncrypt
+                                ? encrypt_batch(cipher, chain, from.data, length, to)
+                                : decrypt_batch(cipher, chain, from.data, length, to);
         if (!write_all(out, to, made))
             break;
     }
+}
+
+// Not inline: each way has its own depth of stack.
+template <uint32_t InSize>
+__attribute__((noinline)) void transform_with_buffers(int in, int out, AesCipher &cipher,
+                                                      AesCipher::Direction direction)
+{
+    uint8_t from[InSize];
+    uint8_t to[kOutSize];
+    transform(in, out, cipher, direction, {from, InSize}, to);
     bv::wipe(from);
     bv::wipe(to);
 }
@@ -193,7 +202,10 @@ int32_t transform_file(const char *in_path, const char *out_path, const uint8_t 
     AesCipher cipher(key, direction);
     if (cipher.valid()) {
         cipher.disable_padding();
-        transform(in.get(), out.get(), cipher, direction);
+        if (direction == AesCipher::kEncrypt)
+            transform_with_buffers<kPlainBatch>(in.get(), out.get(), cipher, direction);
+        else
+            transform_with_buffers<kCipherBatch>(in.get(), out.get(), cipher, direction);
     }
     return BV_OK;
 }

@@ -64,13 +64,35 @@ TEST_F(CtlSession, ChangesSavesAndTakesBack)
     EXPECT_TRUE(contains(output("list"), "sample   lan.json     1 5-6      user\n"));
 }
 
+TEST_F(CtlSession, NamesSavedFamiliesAfterCommitOnly)
+{
+    static const bv_service_family kFamilies[] = {
+        {"user.json", sizeof(Secret), BV_SERVICE_USER, 0, nullptr, nullptr},
+        {"box.json", sizeof(Secret), BV_SERVICE_FACTORY, 0, nullptr, nullptr}};
+    Sample second("second");
+    for (const char *path : {"/etc/template/user.json", "/etc/template/box.json"})
+        write_file(path, read_file("/etc/template/secret.json"));
+    second.service.families = kFamilies;
+    second.start();
+    output("set user key=a");
+    output("set box key=a");
+    EXPECT_EQ(output("commit --factory second"),
+              "second: not saved user.json\nsecond: saved box.json\n");
+    EXPECT_FALSE(file_exists(kUserData));
+    output("set box key=b");
+    EXPECT_EQ(output("commit"), "sample: nothing to save\n"
+                                "second: saved user.json\nsecond: not saved box.json\n");
+    EXPECT_EQ(output("commit second"), "second: not saved box.json\n");
+}
+
 TEST_F(CtlSession, PassesRefusalsOn)
 {
     const std::pair<const char *, const char *> rows[] = {
         {"set lan mtu=70000",
-         "lan.json.mtu: '70000' is not a number from 0 to 65535, as type ushort needs"},
+         "lan.json.mtu: '70000' is not a number from 0 to 65535, as type ushort needs "
+         "(invalid argument)"},
         {"set lan mtu=9 hostname=refused", "lan.json.1: the service refuses this (status 0x77)"},
-        {"set lan mtu=9 speed=1", "lan.json.speed: no such parameter"},
+        {"set lan mtu=9 speed=1", "lan.json.speed: no such parameter (invalid argument)"},
         {"add lan.1", "lan.json.1: already exists"},
         {"del lan.1 lan.9", "lan.json.9: no such instance"}};
     for (const auto &[line, why] : rows)
@@ -102,13 +124,17 @@ TEST_F(CtlSession, ImportsWhatItExported)
 
 TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
 {
+    const std::string begun = "watching sample: lan.json secret.json\n";
     Program watching({BV_TOOL, "--json", "watch"});
-    // Until it has seen the first values.
-    ASSERT_TRUE(eventually([&] {
-        output("set lan mtu=1400");
-        output("set lan mtu=1500");
-        return contains(watching.output(), "\"was\":\"1500\",\"is\":\"1400\"");
-    }));
+    ASSERT_TRUE(eventually([&] { return watching.errors() == begun; })) << watching.errors();
+    output("set lan mtu=1400");
+    output("set secret key=x");
+    EXPECT_TRUE(eventually([&] {
+        return watching.output() ==
+               "{\"service\":\"sample\",\"family\":\"lan.json\",\"inst\":\"1\",\"name\":\"mtu\","
+               "\"was\":\"1500\",\"is\":\"1400\"}\n"
+               "{\"service\":\"sample\",\"family\":\"secret.json\",\"hidden\":true}\n";
+    })) << watching.output();
     sample_.signal(SIGTERM);
     sample_.wait();
     EXPECT_TRUE(contains(refusal("wait sample 0"), "sample is not there after 0 s"));
@@ -119,7 +145,7 @@ TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
         return contains(watching.output(), "\"name\":\"hostname\",\"was\":\"gateway\","
                                            "\"is\":\"again\"");
     }));
-    EXPECT_EQ(watching.errors(), "");
+    EXPECT_EQ(watching.errors(), begun);
     watching.signal(SIGINT);
     EXPECT_EQ(watching.wait(), 128 + SIGINT);
 }
@@ -155,6 +181,8 @@ TEST_F(CtlSession, WatchesServicesThatStartLater)
     sample_.signal(SIGTERM);
     sample_.wait();
     Program watching({BV_TOOL, "--json", "watch"});
+    ASSERT_TRUE(
+        eventually([&] { return watching.errors() == "watching: no service is running yet\n"; }));
     sample_.launch();
     EXPECT_EQ(output("wait sample"), "");
     EXPECT_TRUE(eventually([&] {

@@ -38,6 +38,7 @@ const char kServices[] = R"({
     "status": {"version": "1.0.0", "pid": "812", "started": "1700000000", "loaded": "good",
                "saved": "1700000060", "saved_status": "268435465", "calls": "12", "refused": "1",
                "dropped": "0", "unsaved": ["lan.json"]},
+    "committed": {"unsaved": []},
     "add": {"lan.json": [{"inst": "4", "para": {"mtu": "1500", "hostname": "x"}}]}
   },
   "wifi": {
@@ -155,9 +156,13 @@ TEST_F(Ctl, SendsWhatTheArgumentsName)
               "network add {\"lan.json\":[{\"inst\":\"\",\"para\":{\"hostname\":\"x\"}}]}\n");
     EXPECT_EQ(run_line("commit"),
               (Outcome{0, "network: saved lan.json\nwifi: nothing to save\n", ""}));
-    EXPECT_EQ(requests(), "network status\nwifi status\nnetwork commit\nwifi commit\n");
+    EXPECT_EQ(requests(), "network status\nwifi status\nnetwork commit\nnetwork status\n"
+                          "wifi commit\nwifi status\n");
     EXPECT_EQ(run_line("commit --factory wifi").status, 0);
-    EXPECT_EQ(requests(), "wifi status\nwifi commit \"factory\"\n");
+    EXPECT_EQ(requests(), "wifi status\nwifi commit \"factory\"\nwifi status\n");
+    write_file("/scratch/services.json", "{}");
+    EXPECT_EQ(run_line("commit"),
+              (Outcome{1, "", "bv-ctl: no service with families is running\n"}));
 }
 
 TEST_F(Ctl, ShowsAndTurnsDebugSwitches)
@@ -209,8 +214,17 @@ TEST_F(Ctl, PrintsChangesWhileItWatches)
               "{\"service\":\"network\",\"family\":\"lan.json\",\"inst\":\"7\","
               "\"name\":\"hostname\",\"was\":\"gateway\",\"is\":null}\n");
     const Outcome text = run_line("watch lan");
+    EXPECT_EQ(text.errors, "watching network: lan.json\n");
     EXPECT_EQ(text.output.substr(8, text.output.find('\n') - 8),
               " network lan.json.1.mtu 1400 -> 1300");
+}
+
+TEST_F(Ctl, SaysThatHiddenFamilyChanged)
+{
+    write_file("/scratch/later.json", R"({"wan.json": [{"inst": "1", "para": {}}]})");
+    EXPECT_EQ(run_line("watch wan --json").output,
+              "{\"service\":\"network\",\"family\":\"wan.json\",\"hidden\":true}\n");
+    EXPECT_EQ(run_line("watch wan").output.substr(8), " network wan.json changed (hidden)\n");
 }
 
 TEST_F(Ctl, ExportsWhatItImports)
@@ -224,6 +238,9 @@ TEST_F(Ctl, ExportsWhatItImports)
     EXPECT_EQ(run_line("export /scratch/all"),
               (Outcome{0, "", "bv-ctl: wan.json of network is left out: its values are hidden\n"}));
     EXPECT_FALSE(contains(read_file("/scratch/all"), "wan.json"));
+    struct stat made;
+    ASSERT_EQ(stat("/scratch/all", &made), 0);
+    EXPECT_EQ(made.st_mode & 0777, 0600u); // as data files: it may have passwords
     EXPECT_EQ(run_line("export /dev/full").status, 1);
 
     write_file("/scratch/radio", outcome.output);
@@ -265,7 +282,7 @@ TEST_F(Ctl, ImportAsksAllServicesBeforeOneChanges)
     write_file("/scratch/both", R"({"lan.json": [], "radio.json": []})");
     EXPECT_EQ(run_line("import /scratch/both"),
               (Outcome{1, "",
-                       "bv-ctl: wifi: radio.json.channel: not 300\n"
+                       "bv-ctl: wifi: radio.json.channel: not 300 (invalid argument)\n"
                        "bv-ctl: nothing was changed\n"}));
     EXPECT_EQ(requests(), "network check {\"lan.json\":[]}\nwifi check {\"radio.json\":[]}\n");
 }
@@ -273,7 +290,8 @@ TEST_F(Ctl, ImportAsksAllServicesBeforeOneChanges)
 TEST_F(Ctl, SaysWhatWasRefusedAndWhatToDo)
 {
     const std::pair<const char *, std::string> rows[] = {
-        {"set radio channel=15", "wifi: radio.json.channel: 15 is not in use here"},
+        {"set radio channel=15",
+         "wifi: radio.json.channel: 15 is not in use here (invalid argument)"},
         {"del radio.1", "wifi: permission denied: the bus's access rules, or the service, do not "
                         "let your user do this"},
         {"show printer", "no running service owns a family printer; 'bv-ctl list' shows all"},
@@ -353,6 +371,24 @@ TEST_F(Ctl, IsCompletedByBash)
     EXPECT_EQ(completions("bv-ctl del r"), "radio.json.1\n");
     EXPECT_EQ(completions("bv-ctl set lan.1 mtu=9 h"), "hostname=\n");
     EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
+}
+
+// Names come from services, whose templates do not keep them free of what a shell runs.
+TEST_F(Ctl, CompletionRunsNothingOfNames)
+{
+    write_file("/scratch/services.json", R"json({"evil": {"families": {
+        "e$(touch${IFS}/scratch/ran)": {"instances": ["1"], "para": [
+            {"name": "a$(touch${IFS}/scratch/ran)"}, {"name": "b`touch${IFS}/scratch/ran`"}]},
+        "x/w": {"instances": ["1"], "para": [{"name": "on"}]}}}})json");
+    // What is offered is safe in a command line, too.
+    const std::string family = "e\\$\\(touch\\$\\{IFS\\}/scratch/ran\\)";
+    EXPECT_EQ(completions("bv-ctl diff e"), family + "\n");
+    EXPECT_EQ(completions("bv-ctl set '" + family + "' 'a\\$'"),
+              "a\\$\\(touch\\$\\{IFS\\}/scratch/ran\\)=\n");
+    EXPECT_EQ(completions("bv-ctl set '" + family + "' b"),
+              "b\\`touch\\$\\{IFS\\}/scratch/ran\\`=\n");
+    EXPECT_EQ(completions("bv-ctl set x/w ''"), "on=\n");
+    EXPECT_FALSE(file_exists("/scratch/ran"));
 }
 
 #endif

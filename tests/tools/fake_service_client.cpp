@@ -4,6 +4,8 @@
 //
 //   {"network": {"families": ANSWER, "get": ANSWER, ..., "refuse": {"set": [STATUS, "words"]}}}
 //
+// After "commit" the answer "committed", if there is one, takes the place of "status".
+//
 // Watching reports each family twice; before the second time /scratch/later.json takes the place of
 // the answers.
 
@@ -95,6 +97,8 @@ int32_t bv_service_request(bv_service_client *client, const char *op, const char
         client->words = json_object_get_string(json_object_array_get_idx(refusal, 1));
         return json_object_get_int(json_object_array_get_idx(refusal, 0));
     }
+    if (strcmp(op, "commit") == 0 && at(service, "committed") != nullptr)
+        json_object_object_add(service, "status", json_object_get(at(service, "committed")));
     json_object *whole = at(service, op);
     if (answer != nullptr)
         *answer = nullptr;

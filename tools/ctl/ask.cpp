@@ -69,7 +69,7 @@ void print_refusal(const bv_service_client *client, const char *service, int32_t
     const char *text = bv_service_text(status);
     if (*words != '\0' && strcmp(text, bv_status_text(INT32_MAX)) == 0)
         refused("%s: %s (status 0x%x)", service, words, static_cast<unsigned>(status));
-    else if (*words != '\0' && (status == BV_ERR_INVALID || strstr(words, text) != nullptr))
+    else if (strstr(words, text) != nullptr)
         refused("%s: %s", service, words);
     else if (*words != '\0')
         refused("%s: %s (%s)", service, words, text);

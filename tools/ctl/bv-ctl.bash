@@ -1,11 +1,18 @@
 # SPDX-License-Identifier: ISC
-# Completion for bash: verbs, and what the running services have.
+# Completion for bash: verbs, and what the running services have. A service can have any names: they
+# are only compared, and quoted where they are offered, since the line is run afterwards.
 
-# _bv_ctl_names KIND: of the service of -s, if there is one.
-_bv_ctl_names() { bv-ctl ${service:+-s "$service"} names 2> /dev/null | sed -n "s/^$1 //p"; }
+# _bv_ctl_add KIND [END]: adds the names of a kind, each with END, to `words`; of the service of -s,
+# if there is one.
+_bv_ctl_add() {
+    local line
+    while read -r line; do
+        case $line in "$1 "*) words+=("${line#"$1 "}${2-}") ;; esac
+    done < <(bv-ctl ${service:+-s "$service"} names 2> /dev/null)
+}
 
 _bv_ctl() {
-    local word=$2 verb='' before='' family='' service='' at words=''
+    local word=$2 verb='' before='' family='' service='' at quoted words=()
     for ((at = 1; at < COMP_CWORD; at++)); do
         case ${COMP_WORDS[at]} in
         -s | --service)
@@ -20,28 +27,36 @@ _bv_ctl() {
     -s | --service) verb=status ;;
     esac
     case $verb in
-    '') words='list show set add del diff commit revert reset export import watch debug status wait' ;;
-    list | commit | status | wait) words=$(_bv_ctl_names service) ;;
+    '') words=(list show set add del diff commit revert reset export import watch debug status wait) ;;
+    list | commit | status | wait) _bv_ctl_add service ;;
     export | import) compopt -o default ;;
-    diff | revert | reset | watch) words=$(_bv_ctl_names family) ;;
-    del) words=$(_bv_ctl_names instance) ;;
+    diff | revert | reset | watch) _bv_ctl_add family ;;
+    del) _bv_ctl_add instance ;;
     show)
-        words="$(_bv_ctl_names family) $(_bv_ctl_names instance)" ;;
+        _bv_ctl_add family
+        _bv_ctl_add instance ;;
     set | add)
+        _bv_ctl_add family
         if [ -z "$before" ]; then
-            words="$(_bv_ctl_names family) $(_bv_ctl_names instance)"
+            _bv_ctl_add instance
         else
-            family=$(_bv_ctl_names family | while read -r at; do
-                case $before. in "$at".* | "${at%.json}".*) echo "$at" ;; esac
-            done | tail -n 1)
-            words=$(_bv_ctl_names parameter | sed -n "s/^$family \(.*\)/\1=/p")
+            for at in "${words[@]}"; do
+                printf -v quoted %q "${at%.json}"
+                case $before. in "$quoted".*) family=$at ;; esac
+            done
+            words=()
+            _bv_ctl_add "parameter $family" =
             compopt -o nospace
         fi ;;
     esac
     case $word in
-    -*) words='--service --json --help --version' ;;
+    -*) words=(--service --json --help --version) ;;
     esac
-    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+    COMPREPLY=()
+    for at in "${words[@]}"; do
+        printf -v quoted %q "$at"
+        case $quoted in "$word"*) COMPREPLY+=("$quoted") ;; esac
+    done
 }
 
 complete -F _bv_ctl bv-ctl

@@ -107,17 +107,36 @@ int take_back(const char *op, Arguments arguments)
 
 // ---- commit ----
 
-void print_saved(const char *service, json_object *unsaved)
+bool holds(json_object *array, const char *text)
 {
-    if (count_of(unsaved) == 0)
-        print_line(Style::Plain, "%s: nothing to save", service);
-    for (size_t i = 0; i < count_of(unsaved); ++i)
-        print_line(Style::Plain, "%s: saved %s", service, text_of(element(unsaved, i)));
+    for (size_t i = 0; i < count_of(array); ++i)
+        if (strcmp(text_of(element(array, i)), text) == 0)
+            return true;
+    return false;
 }
 
-json_object *commit_data()
+// Asks what is unsaved now: a commit leaves the families of other stores as they were.
+bool print_saved(const char *service, json_object *unsaved)
 {
-    return g_options.factory ? json_object_new_string("factory") : nullptr;
+    json_object *got = nullptr;
+    if (ask(service, "status", nullptr, &got) != BV_OK)
+        return false;
+    const JsonTree now(got);
+    if (count_of(unsaved) == 0)
+        print_line(Style::Plain, "%s: nothing to save", service);
+    for (size_t i = 0; i < count_of(unsaved); ++i) {
+        const char *family = text_of(element(unsaved, i));
+        print_line(Style::Plain, "%s: %s %s", service,
+                   holds(member(got, "unsaved"), family) ? "not saved" : "saved", family);
+    }
+    return true;
+}
+
+bool commit(const char *service, json_object *unsaved)
+{
+    json_object *data = g_options.factory ? json_object_new_string("factory") : nullptr;
+    return ask(service, "commit", data, nullptr) == BV_OK &&
+           (g_options.json || print_saved(service, unsaved));
 }
 
 // ---- debug ----
@@ -244,14 +263,11 @@ int tools::do_commit(Arguments arguments)
     const JsonTree services(ask_all("status"));
     if (!services)
         return kExitRefused;
-    int status = g_failed ? kExitRefused : 0;
-    for (const auto &service : Members(services.get())) {
-        if (ask(service.name(), "commit", commit_data(), nullptr) != BV_OK)
-            status = kExitRefused;
-        else if (!g_options.json)
-            print_saved(service.name(), member(service.value(), "unsaved"));
-    }
-    return status == 0 ? done() : status;
+    if (json_object_object_length(services.get()) == 0 && !g_failed)
+        return refused("no service with families is running");
+    for (const auto &service : Members(services.get()))
+        g_failed |= !commit(service.name(), member(service.value(), "unsaved"));
+    return g_failed ? kExitRefused : done();
 }
 
 int tools::do_revert(Arguments arguments)

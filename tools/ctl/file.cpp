@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
 
 using bv::JsonTree;
 
@@ -44,6 +45,7 @@ bool add_families(json_object *all, const char *service, json_object *families)
 
 bool write_file(const char *path, json_object *families)
 {
+    umask(077); // a new file is like the data files, which may have passwords
     File file(open_or_standard(path, "w"));
     if (!file)
         return complain(path, strerror(errno));

@@ -5,6 +5,7 @@
 
 #include "os/owned.h"
 #include "tools/common/numbers.h"
+#include "tools/common/visible.h"
 #include "tools/ctl/ctl.h"
 
 #include <cstdio>
@@ -27,29 +28,71 @@ constexpr unsigned kDefaultWait_s = 30;
 
 // ---- what changed ----
 
+struct Clock {
+    char text[16] = "";
+    Clock()
+    {
+        const time_t now = time(nullptr);
+        tm local;
+        if (localtime_r(&now, &local) != nullptr)
+            strftime(text, sizeof(text), "%H:%M:%S", &local);
+    }
+};
+
+json_object *new_line(const char *service, const char *family)
+{
+    json_object *line = json_object_new_object();
+    put(line, "service", service);
+    put(line, "family", family);
+    return line;
+}
+
+void print_plainly(json_object *line)
+{
+    puts(json_object_to_json_string_ext(line, JSON_C_TO_STRING_PLAIN));
+}
+
 // Prints one change; null for a value that did not exist before, or does not now.
 void print_change(const char *service, const char *family, const char *number, const char *name,
                   json_object *was, json_object *is)
 {
     if (g_options.json) {
-        const JsonTree line(json_object_new_object());
-        put(line.get(), "service", service);
-        put(line.get(), "family", family);
+        const JsonTree line(new_line(service, family));
         put(line.get(), "inst", number);
         put(line.get(), "name", name);
         put(line.get(), "was", share(was));
         put(line.get(), "is", share(is));
-        puts(json_object_to_json_string_ext(line.get(), JSON_C_TO_STRING_PLAIN));
+        print_plainly(line.get());
     } else {
-        char clock[16] = "";
-        const time_t now = time(nullptr);
-        tm local;
-        if (localtime_r(&now, &local) != nullptr)
-            strftime(clock, sizeof(clock), "%H:%M:%S", &local);
-        print_line(Style::Plain, "%s %s %s.%s.%s %s -> %s", clock, service, family, number, name,
-                   was != nullptr ? text_of(was) : "-", is != nullptr ? text_of(is) : "-");
+        print_line(Style::Plain, "%s %s %s.%s.%s %s -> %s", Clock().text, service, family, number,
+                   name, was != nullptr ? text_of(was) : "-", is != nullptr ? text_of(is) : "-");
     }
-    fflush(stdout);
+}
+
+// A service does not tell the values of a hidden family, nor which of them changed.
+void print_hidden_change(const char *service, const char *family)
+{
+    if (g_options.json) {
+        const JsonTree line(new_line(service, family));
+        put(line.get(), "hidden", json_object_new_boolean(1));
+        print_plainly(line.get());
+    } else {
+        print_line(Style::Plain, "%s %s %s changed (hidden)", Clock().text, service, family);
+    }
+}
+
+bool has_members(json_object *object)
+{
+    return Members(object).begin() != Members::end();
+}
+
+// Whether there are instances, but none with values.
+bool hides_values(json_object *instances)
+{
+    for (const auto &instance : Members(instances))
+        if (has_members(instance.value()))
+            return false;
+    return has_members(instances);
 }
 
 void print_changes(const char *service, const char *family, json_object *before, json_object *after)
@@ -68,10 +111,37 @@ void print_changes(const char *service, const char *family, json_object *before,
                              nullptr);
 }
 
-// `priv` has the families of each service as they were seen last.
+struct Watch {
+    const char *family; // null: all
+    json_object *seen;  // the families of each service as they were seen last
+};
+
+// How many families of a service there were at the start; of one that starts later none.
+int count_at_start(const Watch &watch, const char *service)
+{
+    json_object *families = member(all_families(), service);
+    if (bv_json_object_is_type(families, json_type_object) == 0)
+        return 0;
+    return watch.family != nullptr ? 1 : json_object_object_length(families);
+}
+
+// From here on a person, or a script, sees what changes.
+void print_begin(const char *service, json_object *families)
+{
+    fputs("watching ", stderr);
+    print_visible(stderr, service);
+    putc(':', stderr);
+    for (const auto &family : Members(families)) {
+        putc(' ', stderr);
+        print_visible(stderr, family.name());
+    }
+    putc('\n', stderr);
+}
+
 void family_changed(const char *service, const char *family, void *priv)
 {
-    json_object *families = object_in(static_cast<json_object *>(priv), service);
+    const Watch &watch = *static_cast<const Watch *>(priv);
+    json_object *families = object_in(watch.seen, service);
     json_object *query = json_object_new_object();
     array_in(query, family);
     json_object *got = nullptr;
@@ -80,16 +150,23 @@ void family_changed(const char *service, const char *family, void *priv)
     const JsonTree answer(got);
     json_object *after = by_number(member(got, family));
     json_object *before = member(families, family);
-    if (before != nullptr)
+    if (hides_values(before) || (before != nullptr && hides_values(after)))
+        print_hidden_change(service, family);
+    else if (before != nullptr)
         print_changes(service, family, before, after);
+    fflush(stdout);
+    const bool is_first = before == nullptr;
     put(families, family, after);
+    if (is_first && json_object_object_length(families) == count_at_start(watch, service))
+        print_begin(service, families);
 }
 
 } // namespace
 
 int tools::do_watch(Arguments arguments)
 {
-    if (all_families() == nullptr) // a bus that is not there now is worth a word
+    json_object *services = all_families();
+    if (services == nullptr) // a bus that is not there now is worth a word
         return kExitRefused;
     Target target = {};
     target.service = g_options.service;
@@ -98,10 +175,13 @@ int tools::do_watch(Arguments arguments)
         return found;
     // A service may be restarting while it is asked. It does not keep the others waiting for long.
     g_options.wait_ms = target.service != nullptr ? kPatience_ms : kRestart_ms;
+    if (!has_members(services))
+        fputs("watching: no service is running yet\n", stderr);
     const JsonTree seen(json_object_new_object());
+    Watch watch = {target.family, seen.get()};
     const Client client(bv_service_open(target.service, kPatience_ms));
     const int32_t status =
-        client ? bv_service_watch(client.get(), target.family, family_changed, seen.get(), 0)
+        client ? bv_service_watch(client.get(), target.family, family_changed, &watch, 0)
                : BV_ERR_MEMORY;
     return status == BV_OK ? 0 : refused("%s", bv_service_text(status));
 }

@@ -25,9 +25,9 @@ struct bv_service_client {
 namespace {
 
 constexpr int kCallTimeoutMs = 3000;
+constexpr int kWriteTimeoutMs = 15000; // a commit waits for locks and for slow flash
 constexpr int kRetryMs = 100;
 constexpr int kAskAgainMs = 5000;
-constexpr uint32_t kMaxAnswer = 16 * 1024 * 1024;
 constexpr int kMaxStarts = 10; // of reading an answer that changes meanwhile
 
 using Client = bv_service_client;
@@ -52,19 +52,33 @@ void disconnect(Client &client)
     client.connection = nullptr;
 }
 
-// Connecting takes over SIGINT and SIGTERM for the event loop, which a client does not run: they
-// would no longer end the program.
+// Connecting takes over signals for the event loop, which a client does not run: SIGINT and SIGTERM
+// would no longer end the program. Blocked meanwhile, none is lost. An owner's loop needs SIGCHLD.
+ubus_context *connect_and_keep_signals()
+{
+    static constexpr int kTaken[] = {SIGINT, SIGTERM, SIGCHLD};
+    const int count = g_service == nullptr ? 3 : 2;
+    struct sigaction old[3];
+    sigset_t taken, before;
+    sigemptyset(&taken);
+    for (int i = 0; i < count; ++i) {
+        sigaction(kTaken[i], nullptr, &old[i]);
+        sigaddset(&taken, kTaken[i]);
+    }
+    pthread_sigmask(SIG_BLOCK, &taken, &before);
+    ubus_context *connection = bv_ubus_connect(nullptr);
+    for (int i = 0; i < count; ++i)
+        sigaction(kTaken[i], &old[i], nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return connection;
+}
+
 bool connect(Client &client)
 {
     if (client.connection != nullptr && !client.connection->sock.eof)
         return true;
     disconnect(client);
-    struct sigaction interrupted, terminated;
-    sigaction(SIGINT, nullptr, &interrupted);
-    sigaction(SIGTERM, nullptr, &terminated);
-    client.connection = is_bus_alive(-1) ? bv_ubus_connect(nullptr) : nullptr;
-    sigaction(SIGINT, &interrupted, nullptr);
-    sigaction(SIGTERM, &terminated, nullptr);
+    client.connection = is_bus_alive(-1) ? connect_and_keep_signals() : nullptr;
     client.listener = {};
     if (client.connection != nullptr)
         client.connection->connection_lost = on_lost;
@@ -154,7 +168,7 @@ int32_t ask_for_part(Client &client, uint32_t id, const Request &request, Reply 
     reply.status = UBUS_STATUS_PARSE_ERROR; // until there is one
     if (failed == 0)
         status = bv_ubus_invoke(client.connection, id, reads ? "read" : "write", message.head,
-                                take_reply, &reply, kCallTimeoutMs);
+                                take_reply, &reply, reads ? kCallTimeoutMs : kWriteTimeoutMs);
     bv_blob_buf_free(&message);
     return status != UBUS_STATUS_OK ? status : reply.status;
 }
@@ -174,7 +188,7 @@ int32_t ask_for_all(Client &client, uint32_t id, const Request &request, Text &a
             return BV_ERR_MEMORY;
         if (length != 0 && (reply.generation != before.generation || reply.total != before.total))
             return kStartAgain;
-        if (reply.total > kMaxAnswer || answer.length > reply.total ||
+        if (reply.total > kMaxText || answer.length > reply.total ||
             (answer.length == length && length < reply.total))
             return UBUS_STATUS_PARSE_ERROR;
     } while (answer.length < reply.total);
@@ -199,8 +213,8 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
             return status;
         client.was_sent = !reads;
         status = ask_for_all(client, object.id, request, answer);
-        const bool is_cut = status == UBUS_STATUS_CONNECTION_FAILED && start == 0 && reads;
-        if (status != kStartAgain && !is_cut)
+        const bool is_cut = status == UBUS_STATUS_CONNECTION_FAILED && start == 0;
+        if (!reads || (status != kStartAgain && !is_cut)) // a check may refuse with kStartAgain
             return status;
     }
     return client.words.refuse(UBUS_STATUS_TIMEOUT, "the answer of %s changed again and again",
@@ -316,14 +330,14 @@ int32_t ask_image(Client &client, const char *family, uint32_t instance, uint32_
                                    answer);
 }
 
-// The family that the data of a request names first: its first text. Null if it has none.
-const char *family_in(const char *data, char (&family)[1024])
+// The family that the data of a request names first. Null if it names none.
+const char *family_in(json_object *data)
 {
-    const char *start = data != nullptr ? strchr(data, '"') : nullptr;
-    const char *end = start != nullptr ? strchr(start + 1, '"') : nullptr;
-    if (end == nullptr)
-        return nullptr;
-    snprintf(family, sizeof(family), "%.*s", static_cast<int>(end - start - 1), start + 1);
+    size_t length;
+    const char *family = text_of(bv_json_object_object_get(data, "family"), length);
+    for (const Members::Member &member : Members(data))
+        if (family == nullptr && bv_json_object_is_type(member.value(), json_type_array) != 0)
+            family = member.name();
     return family;
 }
 
@@ -505,9 +519,9 @@ int32_t bv_service_request(struct bv_service_client *client, const char *op, con
         *answer = nullptr;
     if (client == nullptr || op == nullptr)
         return BV_ERR_NULL;
-    char family[1024];
+    const bv::JsonTree tree(data != nullptr ? bv_json_tokener_parse(data) : nullptr);
     Text text;
-    const int32_t status = ask_owner(*client, family_in(data, family), {op, data}, text);
+    const int32_t status = ask_owner(*client, family_in(tree.get()), {op, data}, text);
     if (status == BV_OK && answer != nullptr && text.length != 0) {
         *answer = text.bytes;
         text.bytes = nullptr;

@@ -46,7 +46,9 @@ struct Words {
     int32_t no_memory() { return refuse(BV_ERR_MEMORY, "the service is out of memory"); }
 };
 
-// A text that grows, always terminated. After a failed allocation it stays as it is.
+// A text that grows, always terminated. After a failed allocation, or when it would be
+// too long, it stays as it is.
+constexpr uint32_t kMaxText = 16 * 1024 * 1024;
 struct Text {
     char *bytes = nullptr; // null while empty
     uint32_t length = 0;

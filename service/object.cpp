@@ -118,6 +118,8 @@ int32_t put_instances(Call &call, const Family &family, json_object *numbers)
         const int32_t status = find_instance(call, family, number, instance);
         if (status != BV_OK)
             return status;
+        if (i >= static_cast<uint32_t>(family.record->inst_count))
+            return call.invalid("an instance is named twice");
         put_instance(call.out, family, number, instance->image);
     }
     if (count == 0)
@@ -382,7 +384,9 @@ int32_t run_operation(bool is_read, blob_attr *const *fields, Call &call)
         if (operation.is_read != is_read || strcmp(operation.name, op) != 0)
             continue;
         const int32_t status = operation.run(call);
-        return status == BV_OK && call.out.failed ? call.words.no_memory() : status;
+        return status == BV_OK && is_read && call.out.failed
+                   ? call.words.refuse(BV_ERR_MEMORY, "the answer is too long, or memory is short")
+                   : status;
     }
     return call.words.refuse(BV_ERR_INVALID, "unknown operation \"%.40s\"", op);
 }
@@ -431,7 +435,7 @@ int serve(bool is_read, ubus_context *ctx, ubus_request_data *request, blob_attr
     const int32_t status = run_operation(is_read, fields, call);
     if (!is_read) { // to ask for a second part would be to change again
         fields[kOffset] = nullptr;
-        call.out.length = call.out.length <= kMaxPart ? call.out.length : 0;
+        call.out.length = call.out.failed || call.out.length > kMaxPart ? 0 : call.out.length;
     }
     return reply(ctx, request, fields, status, call);
 }
@@ -493,9 +497,10 @@ bool is_read(const char *op, bool has_data)
 bool open_object()
 {
     uint8_t digits[8]; // hexadecimal
-    bv_os_random(digits, sizeof(digits));
-    read_hex(reinterpret_cast<char *>(digits), reinterpret_cast<uint8_t *>(&g_start_number), 4);
     g_started = time(nullptr);
+    g_start_number = static_cast<uint32_t>(g_started << 15) + static_cast<uint32_t>(getpid());
+    if (bv_os_random(digits, sizeof(digits)) == 1)
+        read_hex(reinterpret_cast<char *>(digits), reinterpret_cast<uint8_t *>(&g_start_number), 4);
     g_calls = g_refused = g_dropped = 0;
     g_changes = static_cast<uint32_t *>(calloc(g_service->n_families + 1, sizeof(uint32_t)));
     return g_changes != nullptr;

@@ -131,20 +131,13 @@ int check_structure(const bv_service *service)
 
 // ---- the end ----
 
-void on_signal(int)
-{
-    const int saved = errno;
-    bv_service_end();
-    errno = saved;
-}
-
 // Takes SIGTERM and SIGINT; connecting to the bus would take them otherwise.
 struct Signals {
     struct sigaction old[2];
     Signals()
     {
         struct sigaction action = {};
-        action.sa_handler = on_signal;
+        action.sa_handler = [](int) { bv_service_end(); };
         action.sa_flags = SA_RESTART;
         sigaction(SIGTERM, &action, &old[0]);
         sigaction(SIGINT, &action, &old[1]);
@@ -211,7 +204,8 @@ int serve_until_end()
             break;
         // The bus may not have noticed yet that an earlier process with this name has ended.
         if (taken && was_taken) {
-            say("another process serves an object of this name: end it first");
+            say("another process serves the object %s or %s%s: end it first", object_name(),
+                g_service->name, kObjectSuffix);
             return BV_SERVICE_NAME_TAKEN;
         }
         was_taken = taken;
@@ -300,6 +294,8 @@ int bv_service_run(const struct bv_service *service)
 // Also the signal handler's: it only writes a byte. A full pipe ends the service too.
 void bv_service_end(void)
 {
+    const int saved = errno;
     const ssize_t written = write(g_end_pipe[1], "", 1);
     (void)written;
+    errno = saved;
 }

@@ -72,8 +72,7 @@ void bv::service::Text::put(const char *text)
 
 void bv::service::Text::put(const char *text, size_t size)
 {
-    constexpr size_t kMost = UINT32_MAX / 4;
-    failed = failed || size > kMost || length > kMost;
+    failed = failed || size > kMaxText - length;
     if (!failed && length + size >= capacity) {
         const size_t wanted = (length + size) * 2 + 64;
         auto *grown = static_cast<char *>(realloc(bytes, wanted));

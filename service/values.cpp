@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: ISC
 // Values as text.
 //
-// Each value is converted alone, by the library, in a room of its own that is cleared before: a
-// text never takes along what was after another one's NUL, and a conversion never reads past the
-// value's own bytes.
+// Each value is converted alone, by the library, in a room of its own that is cleared before as far
+// as the value goes: a text never takes along what was after another one's NUL, and a conversion
+// never reads past the value's own bytes.
 
 #include "service/internal.h"
 
@@ -26,11 +26,20 @@ bool is_string(const bv_db_para &para)
     return type == nullptr || type->kind == bv::TypeKind::String;
 }
 
+// Takes of the descriptor what a conversion needs: all of it would be 3 KB for each value.
+void prepare(const bv_db_para &para)
+{
+    g_one.valid = 1;
+    g_one.len = para.len;
+    memccpy(g_one.type, para.type, '\0', sizeof g_one.type);
+    g_one.value[0] = '\0';
+    memset(g_room, 0, static_cast<size_t>(para.len) + 1);
+}
+
 void put_value(const bv_db_para &para, uint8_t *value, const char *text)
 {
-    g_one = para;
+    prepare(para);
     snprintf(g_one.value, sizeof g_one.value, "%s", text);
-    memset(g_room, 0, sizeof g_room);
     g_family.para = &g_one;
     g_family.para_count = 1;
     g_family.image_size = para.len;
@@ -75,8 +84,7 @@ const bv_service_family *bv::service::find_listed(const char *family, Words &wor
 
 const char *bv::service::value_text(const bv_db_para &para, const uint8_t *value)
 {
-    g_one = para;
-    memset(g_room, 0, sizeof g_room);
+    prepare(para);
     memcpy(g_room, value, static_cast<size_t>(para.len));
     bv_db_user_fill_frommem(g_room, 1, &g_one);
     return g_one.value;

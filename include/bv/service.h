@@ -25,8 +25,9 @@
  *   half belong to that thread; handlers and callbacks run on it.
  * - A client belongs to one thread at a time. The bus library shares buffers between connections,
  *   so all clients of a process, and the owner, belong on one thread.
- * - A client leaves the program's signals as they are: SIGINT and SIGTERM still end it. An owner
- *   takes both while it runs.
+ * - SIGINT and SIGTERM still end a program that uses a client; an owner takes both and SIGCHLD.
+ *   Either ignores SIGPIPE from then on, unless the program handles it, and so do programs that it
+ *   starts.
  * - Families are called by their names, the file names of their templates: "lan.json".
  * - Texts that are passed in are copied, unless it says otherwise; structures of the owner stay the
  *   caller's and must not change while it runs.
@@ -57,7 +58,8 @@ typedef enum bv_service_store {
 /** For bv_service_family.flags: other programs see the names of the parameters, not the values. */
 #define BV_SERVICE_HIDDEN 1u
 
-/** For bv_service.flags: save the families before the service ends. */
+/** For bv_service.flags: save the families before the service ends. If that fails, syslog has the
+ * cause; the exit status stays the same. */
 #define BV_SERVICE_COMMIT_AT_END 1u
 
 /**
@@ -159,7 +161,7 @@ BV_API void bv_service_end(void);
  * The file is written beside the old one, compared with the families in memory, and put in its
  * place at once: after a power cut there is the old or the new one. Members of other services stay
  * as they are, byte for byte. The old file stays as .good. A file that would not change is not
- * written. Services that share a file wait for each other, at most 2 seconds.
+ * written. Services that share a file wait for each other, at most 2 seconds for each file.
  *
  * @retval BV_OK             saved, or nothing to save
  * @retval BV_ERR_WRITE_OPEN a file cannot be written: the folder, permissions, another service that
@@ -233,7 +235,9 @@ struct bv_service_client;
  *
  * @param service  the service's name; null finds the owner of each family by asking every service
  * @param wait_ms  how long a call waits for the bus and the owner if they are not there; 0 does not
- *                 wait. A bus or an owner that hangs counts as missing after 3 seconds
+ *                 wait. A bus or an owner that hangs counts as missing after 3 seconds, an
+ *                 owner that is to change something after 15. A bus that hangs later than at
+ *                 its greeting may be waited for without limit
  * @return the client, for bv_service_close(); null when memory is short or the name is not one
  */
 BV_API struct bv_service_client *bv_service_open(const char *service, uint32_t wait_ms);

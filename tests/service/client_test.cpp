@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: ISC
 // The caller's half: finding owners, typed access, waiting and watching.
 
+#include "bus/scripted_bus.h"
 #include "service/sample.h"
 #include "support/wire.h"
 
@@ -74,6 +75,18 @@ TEST(ServiceClient, RefusalsHaveTheirStatusAndWords)
     EXPECT_STREQ(bv_service_text(BV_ERR_NO_FAMILY), bv_status_text(BV_ERR_NO_FAMILY));
 }
 
+TEST(ServiceClient, RefusedChangeIsNotSentAgainWhateverTheCode)
+{
+    BusDaemon daemon;
+    Sample sample;
+    sample.start();
+    const Caller caller;
+    Lan lan = get_lan(caller);
+    strcpy(lan.hostname, kEmptyHost);
+    EXPECT_EQ(bv_service_set(caller, "lan.json", &lan, sizeof(lan), 1), BV_ERR_EMPTY);
+    EXPECT_EQ(sample.seen->checks, 1);
+}
+
 TEST(ServiceClient, OwnerOfAFamilyIsFoundAmongTheServices)
 {
     BusDaemon daemon;
@@ -97,7 +110,11 @@ TEST(ServiceClient, OwnerOfAFamilyIsFoundAmongTheServices)
     EXPECT_EQ(anyone.ask("get", R"({"secret.json":[]})"),
               R"({"secret.json":[{"inst":"1","para":{"key":"none"}}]})");
     EXPECT_EQ(bv_service_get(anyone, "wan.json", &secret, sizeof(secret), 1), BV_ERR_NO_FAMILY);
+    EXPECT_EQ(anyone.ask("image", R"({"family":"secret.json","inst":"1","size":8})"),
+              R"("6e6f6e6500000000")");
     EXPECT_EQ(anyone.ask("status").substr(0, 2), "4:"); // of whom?
+    EXPECT_EQ(anyone.ask("commit", R"("factory")").substr(0, 2), "4:");
+    EXPECT_EQ(anyone.ask("debug", R"({"module":"dns"})").substr(0, 2), "4:");
 
     std::string names;
     EXPECT_EQ(bv_service_list(
@@ -211,6 +228,36 @@ TEST(ServiceClient, ClientLeavesInterruptsToTheProgram)
     usleep(100000);
     caller.signal(SIGINT);
     EXPECT_EQ(caller.wait(), -SIGINT);
+}
+
+TEST(ServiceClient, InterruptWhileItConnectsIsNotLost)
+{
+    ScriptedBus bus({[](Peer &peer) { peer.hello(); }, // it looks whether the bus is alive
+                     [](Peer &peer) {
+                         ucred client = {};
+                         socklen_t size = sizeof(client);
+                         getsockopt(peer.fd(), SOL_SOCKET, SO_PEERCRED, &client, &size);
+                         ASSERT_GT(client.pid, 0);
+                         kill(client.pid, SIGINT);
+                     }});
+    EXPECT_EQ(run_in_child([] {
+                  const Caller caller;
+                  caller.ask("functions");
+                  return 0;
+              }),
+              -SIGINT);
+    bus.join();
+}
+
+TEST(ServiceClient, ChildrenOfTheProgramStayItsOwn)
+{
+    BusDaemon daemon;
+    Sample sample;
+    sample.start();
+    get_lan(Caller());
+    struct sigaction action;
+    sigaction(SIGCHLD, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
 }
 
 // ---- watching ----

@@ -4,8 +4,21 @@
 #include "bus/scripted_bus.h"
 #include "service/sample.h"
 
+#include "support/faults.h"
+
+#include <csignal>
 #include <functional>
 #include <unistd.h>
+
+static bool g_no_random; // of the services that are started
+
+BV_INTERPOSE(random_bytes, "RAND_bytes", int, (unsigned char *to, int count))
+{
+    if (!g_no_random)
+        return BV_NEXT(random_bytes)(to, count);
+    memset(to, 0, static_cast<size_t>(count));
+    return 0;
+}
 
 namespace {
 
@@ -126,6 +139,8 @@ TEST_F(ServiceObject, InstancesAreReadAndHiddenValuesAreNot)
               R"({"secret.json":[{"inst":"1","para":{}}]})");
     EXPECT_EQ(caller.ask("get").find("none"), std::string::npos);
     EXPECT_EQ(caller.ask("get", R"({"lan.json":["2"]})"), "10000014: lan.json.2: no such instance");
+    EXPECT_EQ(caller.ask("get", R"({"lan.json":["1","1"]})"),
+              "10000010: an instance is named twice");
     EXPECT_EQ(caller.ask("get", R"({"lan.json":["1x"]})").substr(0, 9), "10000010:");
     EXPECT_EQ(caller.ask("get", R"({"lan.json":[null]})").substr(0, 9), "10000010:");
     EXPECT_EQ(caller.ask("get", R"({"lan.json":"1"})").substr(0, 9), "10000010:");
@@ -200,6 +215,33 @@ TEST_F(ServiceObject, ChangesAreMadeCountedAndUndone)
               "77:");
     EXPECT_EQ(count(), "3");
     EXPECT_EQ(caller.ask("erase").substr(0, 9), "10000010:");
+}
+
+TEST_F(ServiceObject, RevertAndResetTellOfEachInstanceThatDiffers)
+{
+    const char *lan = R"({"lan.json":[]})";
+    caller.ask("set", R"({"lan.json":[{"inst":"1","para":{"mtu":"1400"}}]})");
+    EXPECT_EQ(caller.ask("commit"), "");
+    const std::string saved = caller.ask("get", lan);
+    for (const char *op : {"revert", "reset"}) {
+        caller.ask("set", R"({"lan.json":[{"inst":"1","para":{"mtu":"1300"}}]})");
+        caller.ask("add", R"({"lan.json":[{"inst":"2","para":{}}]})");
+        sample.seen->changes = 0;
+        EXPECT_EQ(caller.ask(op, lan), "");
+        EXPECT_EQ(sample.seen->changes, 2) << op;
+        EXPECT_EQ(caller.ask("get", lan), strcmp(op, "reset") == 0 ? kLan1 : saved);
+        EXPECT_EQ(caller.ask(op, R"({"wan.json":[]})").substr(0, 9), "1000000a:");
+    }
+}
+
+TEST_F(ServiceObject, HiddenFamilyIsWrittenAndNotRead)
+{
+    Secret secret = {"abc"};
+    EXPECT_EQ(bv_service_set(caller, "secret.json", &secret, sizeof(secret), 1), 0);
+    EXPECT_EQ(bv_service_get(caller, "secret.json", &secret, sizeof(secret), 1),
+              UBUS_STATUS_PERMISSION_DENIED);
+    EXPECT_EQ(caller.ask("commit"), "");
+    EXPECT_NE(read_file("/config/work/privdata.json").find(R"("abc")"), std::string::npos);
 }
 
 TEST_F(ServiceObject, DebugSwitchesHaveNames)
@@ -300,6 +342,19 @@ TEST_F(ServiceObject, RequestsWithoutTheirFieldsAreInvalid)
     for (const std::string &data : {deep, big, big + "{}", std::string("\x80\xff"), std::string()})
         EXPECT_EQ(send("write", request("set", data.c_str())).bus_status, 0);
     EXPECT_EQ(caller.ask("get", R"({"lan.json":["1"]})"), kLan1);
+}
+
+TEST_F(ServiceObject, StartsDifferAlsoWithoutRandomBytes)
+{
+    std::string counters[2];
+    g_no_random = true;
+    for (std::string &seen : counters) {
+        sample.signal(SIGTERM);
+        sample.wait();
+        sample.start();
+        seen = caller.ask("counters");
+    }
+    EXPECT_NE(counters[0], counters[1]);
 }
 
 // The bus tells who calls. This bus tells what it likes.

@@ -4,6 +4,7 @@
 #include "service/sample.h"
 
 #include <csignal>
+#include <fcntl.h>
 
 namespace {
 
@@ -53,6 +54,19 @@ TEST(ServiceRun, FaultsOfTheStructureAreRefused)
         EXPECT_EQ(sample.seen->started, 0) << i;
     }
     EXPECT_EQ(run_in_child([] { return bv_service_run(nullptr); }), BV_SERVICE_BAD_USE);
+}
+
+TEST(ServiceRun, WithoutAServiceThereIsNothingToEndSaveOrChange)
+{
+    const Lan lan = {};
+    errno = EPERM;
+    bv_service_end();
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(bv_service_commit(), BV_ERR_FAILED);
+    EXPECT_EQ(bv_service_commit_factory(), BV_ERR_FAILED);
+    EXPECT_EQ(bv_service_change("lan.json", &lan, 1), BV_ERR_NO_FAMILY);
+    EXPECT_EQ(bv_service_revert("lan.json"), BV_ERR_NO_FAMILY);
+    EXPECT_EQ(bv_service_reset("lan.json"), BV_ERR_NO_FAMILY);
 }
 
 TEST(ServiceRun, StartCanEndTheServiceWithAStatus)
@@ -149,7 +163,14 @@ TEST(ServiceRun, NameThatIsTakenEndsTheSecondServiceAndNotTheFirst)
     EXPECT_EQ(run_sample(same), BV_SERVICE_NAME_TAKEN);
     Sample same_object("other");
     same_object.service.object = "sample";
-    EXPECT_EQ(run_sample(same_object), BV_SERVICE_NAME_TAKEN);
+    same_object.service.start = nullptr;
+    same_object.service.end = nullptr;
+    EXPECT_EQ(run_in_child([&] {
+                  dup2(open("/scratch/errors", O_CREAT | O_WRONLY, 0600), STDERR_FILENO);
+                  return bv_service_run(&same_object.service);
+              }),
+              BV_SERVICE_NAME_TAKEN);
+    EXPECT_NE(read_file("/scratch/errors").find("sample or other.config"), std::string::npos);
     Sample same_name; // sample.config
     same_name.service.object = "another";
     EXPECT_EQ(run_sample(same_name), BV_SERVICE_NAME_TAKEN);

@@ -10,6 +10,9 @@ Sample *g_sample; // of the process that runs it
 uint32_t check_lan(const void *, const void *is, uint32_t)
 {
     const auto *lan = static_cast<const Lan *>(is);
+    ++g_sample->seen->checks;
+    if (lan != nullptr && strcmp(lan->hostname, kEmptyHost) == 0)
+        return BV_ERR_EMPTY;
     return lan != nullptr && strcmp(lan->hostname, kRefusedHost) == 0 ? kRefusal : 0;
 }
 

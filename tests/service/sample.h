@@ -30,10 +30,13 @@ struct __attribute__((__packed__)) Secret {
 // A check refuses this host name, with this code.
 constexpr char kRefusedHost[] = "refused";
 constexpr uint32_t kRefusal = 0x77;
+// And this one with the code that tells a reader to start again.
+constexpr char kEmptyHost[] = "empty";
 
 struct Seen {
     int started;
     int ended;
+    int checks;
     int changes;
 };
 

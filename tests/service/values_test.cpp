@@ -60,6 +60,28 @@ TEST_F(Values, ShorterTextLeavesNothingOfTheLongerOne)
               0);
 }
 
+TEST_F(Values, ConversionShowsNothingOfTheOneBefore)
+{
+    const auto text = [](const char *type, int32_t len, const char *value) {
+        bv_db_para para = {1, 0, len, "p", "", ""};
+        strcpy(para.type, type);
+        return std::string(value_text(para, reinterpret_cast<const uint8_t *>(value)));
+    };
+    EXPECT_EQ(text("string", 8, "abcdefgh"), "abcdefgh");
+    EXPECT_EQ(text("string", 4, "wxyz"), "wxyz");
+    EXPECT_EQ(text("unknown", 4, "wxyz"), "");
+}
+
+TEST_F(Values, TextThatGetsTooLongStaysAsItWas)
+{
+    const std::string piece(kMaxText / 4 + 1, 'x');
+    Text text;
+    for (int i = 0; i < 4; ++i)
+        text.put(piece.c_str());
+    EXPECT_TRUE(text.failed);
+    EXPECT_EQ(text.length, 3 * piece.size());
+}
+
 TEST_F(Values, QuotedTextsComeBackFromJson)
 {
     const std::string odd = "a\"\\\n\x01\x7f\xc3\xa4/";

@@ -100,24 +100,6 @@ int32_t check_instance(const Change &change, Meaning meaning, Words &words)
     return BV_OK;
 }
 
-// Sets what the "para" of an element names.
-int32_t take_values(Change &change, json_object *para, Meaning meaning, Words &words)
-{
-    for (const Members::Member &member : Members(para)) {
-        if (is_file(meaning) && member.value() == nullptr)
-            continue;
-        const int32_t status = set_value(change.family, change.is, member, words);
-        if (status == BV_OK)
-            continue;
-        if (!is_file(meaning))
-            return status;
-        set_default(change.family, change.is, member.name());
-        if (meaning == Meaning::Load)
-            note("%s: the value in the file is left out", words.text);
-    }
-    return BV_OK;
-}
-
 // The elements of one family.
 struct Elements {
     Plan &plan;
@@ -126,6 +108,22 @@ struct Elements {
     Words &words;
     int32_t highest = 0;             // number
     const uint8_t *before = nullptr; // image of the last element
+    Text noted = {};
+
+    // What a start cannot take from its file: a line for all instances, and without the value,
+    // which may be a password.
+    void note_once(const char *parameter, const char *what)
+    {
+        if (meaning != Meaning::Load)
+            return;
+        char line[256];
+        snprintf(line, sizeof line, "%s%s%.80s: %s", family.name(), *parameter == '\0' ? "" : ".",
+                 parameter, what);
+        if (noted.length != 0 && strstr(noted.bytes, line) != nullptr)
+            return;
+        note("%s", line);
+        noted.put(line);
+    }
 
     // The number of an element of a request; for a new instance the next one. The highest of all is
     // refused: the database proposes the one after it.
@@ -150,6 +148,23 @@ struct Elements {
                                                        : family.record->default_image;
     }
 
+    // Sets what the "para" of an element names.
+    int32_t take_values(Change &change, json_object *para)
+    {
+        for (const Members::Member &member : Members(para)) {
+            if (is_file(meaning) && member.value() == nullptr)
+                continue;
+            const int32_t status = set_value(family, change.is, member, words);
+            if (status == BV_OK)
+                continue;
+            if (!is_file(meaning))
+                return status;
+            set_default(family, change.is, member.name());
+            note_once(member.name(), "does not fit the template, and is left out");
+        }
+        return BV_OK;
+    }
+
     // Finds the instance that an element of a request means.
     int32_t find(json_object *inst, Change *&change)
     {
@@ -169,6 +184,9 @@ struct Elements {
         const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
         Change *change = nullptr;
         if (is_file(meaning)) {
+            int32_t number;
+            if (!number_of(inst, number) || bv_json_object_is_type(para, json_type_object) == 0)
+                note_once("", "the file has an instance without a number or values");
             if (inst == nullptr || para == nullptr)
                 return BV_OK;
             change = change_of(plan, family, bv_json_object_get_int(inst));
@@ -188,8 +206,12 @@ struct Elements {
             return BV_OK;
         if (!set_image(*change, base_of(*change)))
             return words.no_memory();
+        if (before == nullptr)
+            for (const bv_db_para &one : parameters(family))
+                if (bv_json_object_object_get(para, one.name) == nullptr)
+                    note_once(one.name, "is not in the file, and has its default");
         before = change->is;
-        return take_values(*change, para, meaning, words);
+        return take_values(*change, para);
     }
 
     int32_t take_all(json_object *elements)
@@ -198,6 +220,8 @@ struct Elements {
             return words.no_memory();
         for (const bv_db_inst &instance : instances(family))
             highest = instance.number > highest ? instance.number : highest;
+        if (elements != nullptr && bv_json_object_is_type(elements, json_type_array) == 0)
+            note_once("", "the file has no list of instances, so all is as by default");
         int32_t status = BV_OK;
         for (size_t i = 0; i < count_of(elements) && status == BV_OK; ++i)
             status = take(bv_json_object_array_get_idx(elements, i));

@@ -212,19 +212,25 @@ bool read_file(const char *path, Contents &out, bool strict = false);
 
 // Loads all families. 0, or an exit status, which was said.
 int load();
-int32_t revert(const bv_service_family &family);
-int32_t reset(const bv_service_family &family);
+// The data files during one request: each is read once, when it is needed.
+struct Files {
+    Contents contents[BV_SERVICE_FACTORY + 1];
+    // Null when neither the file nor its .good can be read.
+    json_object *tree_of(uint32_t store);
+};
+// Plans to take a family to what its data file has; without files, to its defaults.
+int32_t plan_back(Plan &plan, const bv_service_family &family, Files *files, Words &words);
 // The instances that the data file has, as put_instance() writes them: [...] of one family.
-int32_t put_saved(Text &out, const bv_service_family &family, Words &words);
+int32_t put_saved(Text &out, const bv_service_family &family, Files &files, Words &words);
+bool is_unsaved(const bv_service_family &family, Files &files);
 
-// For "status": where the families came from, when they were saved last and with which result.
+// For "status".
 struct StoreState {
-    const char *loaded; // "file", "good" or "defaults"
-    int64_t saved;      // seconds since 1970; 0: never
-    int32_t saved_status;
+    const char *loaded;   // "file", "good" or "defaults"
+    int64_t saved;        // when a file was written last, in seconds since 1970; 0: never
+    int32_t saved_status; // of the last commit
 };
 const StoreState &store_state();
-bool is_unsaved(const bv_service_family &family);
 
 // ---- run.cpp ----
 

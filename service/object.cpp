@@ -31,6 +31,7 @@ struct Call {
     Text out;
     Words words;
     Plan plan;
+    Files files;
 
     int32_t invalid(const char *what) { return words.refuse(BV_ERR_INVALID, "%s", what); }
 };
@@ -132,7 +133,7 @@ int32_t put_instances(Call &call, const Family &family, json_object *numbers)
 int32_t put_saved_instances(Call &call, const Family &family, json_object *)
 {
     call.out.item("\"%s\":", family.name());
-    return put_saved(call.out, *family.listed, call.words);
+    return put_saved(call.out, *family.listed, call.files, call.words);
 }
 
 int32_t put_counter(Call &call, const Family &family, json_object *)
@@ -143,7 +144,7 @@ int32_t put_counter(Call &call, const Family &family, json_object *)
 
 int32_t put_unsaved(Call &call, const Family &family, json_object *)
 {
-    if (is_unsaved(*family.listed))
+    if (is_unsaved(*family.listed, call.files))
         call.out.item("\"%s\"", family.name());
     return BV_OK;
 }
@@ -295,16 +296,13 @@ int32_t write_commit(Call &call)
                                  status, "not saved: the system log of the service has the cause");
 }
 
-template <int32_t (*step)(const bv_service_family &)>
+template <bool to_file>
 int32_t undo(Call &call)
 {
-    return each_family(call, [](Call &one, const Family &family, json_object *) {
-        const int32_t status = step(*family.listed);
-        return status == BV_OK
-                   ? status
-                   : one.words.refuse(status, "%s: no memory, or the data file cannot be used",
-                                      family.name());
+    const int32_t status = each_family(call, [](Call &one, const Family &family, json_object *) {
+        return plan_back(one.plan, *family.listed, to_file ? &one.files : nullptr, one.words);
     });
+    return status == BV_OK ? make(call.plan, How::Undo, call.words) : status;
 }
 
 const bv_service_name *find_named(const bv_service_name *table, uint32_t count, json_object *data,
@@ -355,8 +353,8 @@ constexpr Operation kOperations[] = {{"families", read_each<put_family>, true},
                                      {"import", change<Meaning::Import>, false},
                                      {"check", change<Meaning::Import, How::Check>, false},
                                      {"commit", write_commit, false},
-                                     {"revert", undo<revert>, false},
-                                     {"reset", undo<reset>, false},
+                                     {"revert", undo<true>, false},
+                                     {"reset", undo<false>, false},
                                      {"debug", write_debug, false}};
 
 enum Field { kVersion, kOp, kData, kOffset, kGeneration, kFieldCount };

@@ -91,7 +91,56 @@ private:
     bool held_ = false;
 };
 
-// Look: says nothing and does not wait. Repair: moves a damaged file away, so the lock is needed.
+// Writes a text, and gives the file the owner and mode of the old one.
+bool write_at(int fd, const Text &text, off_t at)
+{
+    for (uint32_t done = 0; done < text.length;) {
+        const ssize_t wrote = pwrite(fd, text.bytes + done, text.length - done, at + done);
+        if (wrote < 0)
+            return false;
+        done += static_cast<uint32_t>(wrote);
+    }
+    struct stat old;
+    if (stat(g_file, &old) != 0 && stat(beside(".good"), &old) != 0)
+        return true;
+    return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
+}
+
+// Puts the written file in place of the old one, which becomes .good if it is whole.
+bool put_in_place(bool is_whole)
+{
+    unlink(beside(".good.tmp"));
+    if (is_whole && link(g_file, beside(".good.tmp")) == 0)
+        rename(beside(".good.tmp"), beside(".good"));
+    else if (is_whole)
+        note("%s.good cannot be made: %s", g_file, strerror(errno));
+    if (rename(beside(".tmp"), g_file) != 0)
+        return false;
+    char folder[kPathSize];
+    snprintf(folder, sizeof folder, "%s", g_file);
+    strrchr(folder, '/')[1] = '\0';
+    const File opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return opened && fsync(opened.get()) == 0;
+}
+
+// Puts a copy of .good in place of a file that is damaged or missing. Without one, a service on the
+// bare interface would begin a file with nothing but its own families.
+void restore(const Text &good)
+{
+    unlink(beside(".tmp"));
+    const File file(open(beside(".tmp"), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!file || !write_at(file.get(), good, 0) || fsync(file.get()) != 0 || !put_in_place(false))
+        note("%s cannot be restored: %s", g_file, strerror(errno));
+}
+
+// A flash block whose checksum is wrong gives EIO.
+bool is_damage(int error)
+{
+    return error == 0 || error == EIO;
+}
+
+// Look: says nothing and does not wait. Repair: puts a copy of .good in place of a file that cannot
+// be used, which becomes .bad, so the lock is needed.
 enum class Access { Look, Load, Repair };
 
 // Reads a data file, or its .good when it is missing or damaged; a missing one without .good has
@@ -109,34 +158,41 @@ bool read_store(uint32_t store, Access access, Contents &out)
         if (error == 0 && tries > 1)
             bv_os_usleep(kReadStepMs * 1000);
     }
+    const char *suffix = "";
     const char *why = error == 0 ? "it is damaged" : strerror(error);
     bool missing = error == ENOENT;
-    if (missing || error == 0) {
+    if (missing || is_damage(error)) {
         out.from = "good";
-        if (read_file(beside(".good"), out)) {
-            if (access == Access::Repair && error == 0)
+        suffix = ".good";
+        if (read_file(beside(suffix), out)) {
+            if (access == Access::Repair && !missing)
                 rename(g_file, beside(".bad"));
+            if (access == Access::Repair)
+                restore(out.text);
             if (access != Access::Look)
                 say("%s: %s: taking %s.good, which was saved before", g_file, why, g_file);
             return true;
         }
-        missing = missing && errno == ENOENT;
+        error = errno;
+        missing = missing && error == ENOENT;
     }
     if (missing) {
         out.clear();
         out.from = "defaults";
         out.tree = json_object_new_object();
-    } else if (access != Access::Look) {
+    } else if (access != Access::Look && (error == ENOENT || is_damage(error))) {
         say("%s: %s, and %s.good cannot be used: repair or remove them", g_file, why, g_file);
+    } else if (access != Access::Look) {
+        say("%s%s cannot be read: %s", g_file, suffix, strerror(error));
     }
     return missing && out.tree != nullptr;
 }
 
 // ---- what a file has ----
 
-int32_t plan_saved(Plan &plan, json_object *tree, const bv_service_family &listed, Meaning meaning)
+int32_t plan_saved(Plan &plan, json_object *tree, const bv_service_family &listed, Meaning meaning,
+                   Words &words)
 {
-    Words words;
     return plan_family(plan, listed, bv_json_object_object_get(tree, listed.name), meaning, words);
 }
 
@@ -145,7 +201,8 @@ bool is_saved(json_object *tree, const bv_service_family &listed)
 {
     const Family family(listed);
     Plan plan;
-    if (plan_saved(plan, tree, listed, Meaning::Saved) != BV_OK)
+    Words words;
+    if (plan_saved(plan, tree, listed, Meaning::Saved, words) != BV_OK)
         return false;
     drop_equal(plan);
     const Change *change = plan.first;
@@ -202,45 +259,16 @@ bool write_families(uint32_t store, const char *path)
     return status == BV_OK;
 }
 
-// Appends what other services have, and gives the file the owner and mode of the old one.
+// Appends what other services have.
 bool complete(int fd, const Text &ours, uint32_t store, const Contents &present)
 {
     Text rest;
     if (present.text.length != 0)
         put_others(rest, present.text.bytes, store);
     rest.put(kEnd);
-    if (rest.failed) {
+    if (rest.failed)
         errno = ENOMEM;
-        return false;
-    }
-    off_t at = ours.length - kEndLength;
-    for (uint32_t done = 0; done < rest.length;) {
-        const ssize_t wrote = pwrite(fd, rest.bytes + done, rest.length - done, at + done);
-        if (wrote < 0)
-            return false;
-        done += static_cast<uint32_t>(wrote);
-    }
-    struct stat old;
-    if (stat(g_file, &old) != 0 && stat(beside(".good"), &old) != 0)
-        return true;
-    return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
-}
-
-// Puts the written file in place of the old one, which becomes .good.
-bool put_in_place()
-{
-    unlink(beside(".good.tmp"));
-    if (link(g_file, beside(".good.tmp")) == 0)
-        rename(beside(".good.tmp"), beside(".good"));
-    else if (errno != ENOENT)
-        note("%s.good cannot be made: %s", g_file, strerror(errno));
-    if (rename(beside(".tmp"), g_file) != 0)
-        return false;
-    char folder[kPathSize];
-    snprintf(folder, sizeof folder, "%s", g_file);
-    strrchr(folder, '/')[1] = '\0';
-    const File opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return opened && fsync(opened.get()) == 0;
+    return !rest.failed && write_at(fd, rest, ours.length - kEndLength);
 }
 
 // Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
@@ -290,11 +318,14 @@ int32_t save(uint32_t store)
     Contents present;
     if (!read_store(store, Access::Repair, present))
         return BV_ERR_WRITE_OPEN;
-    if (strcmp(present.from, "file") == 0 && are_saved(present.tree, store))
+    const bool is_whole = strcmp(present.from, "file") == 0;
+    if (is_whole && are_saved(present.tree, store))
         return BV_OK;
 
-    if (write_beside(store, present) && put_in_place())
+    if (write_beside(store, present) && put_in_place(is_whole)) {
+        g_state.saved = time(nullptr);
         return BV_OK;
+    }
     const int error = errno;
     unlink(beside(".tmp"));
     say("%s cannot be saved: %s", g_file,
@@ -310,7 +341,7 @@ bool fill(const bv_service_family &listed, json_object *tree)
     Plan plan;
     Words words;
     bv_db_data_free(Family(listed).record);
-    return plan_saved(plan, tree, listed, Meaning::Load) == BV_OK &&
+    return plan_saved(plan, tree, listed, Meaning::Load, words) == BV_OK &&
            make(plan, How::Load, words) == BV_OK;
 }
 
@@ -327,15 +358,6 @@ int load_store(uint32_t store)
     if (strcmp(contents.from, "good") == 0 || strcmp(g_state.loaded, "defaults") == 0)
         g_state.loaded = contents.from;
     return BV_SERVICE_ENDED;
-}
-
-// Takes a family to what a file has; to its defaults without a tree. Asks no check.
-int32_t take_over(const bv_service_family &family, json_object *tree)
-{
-    Plan plan;
-    Words words;
-    const int32_t status = plan_saved(plan, tree, family, Meaning::Saved);
-    return status == BV_OK ? make(plan, How::Undo, words) : status;
 }
 
 } // namespace
@@ -387,26 +409,30 @@ int bv::service::load()
     return status;
 }
 
-int32_t bv::service::revert(const bv_service_family &family)
+json_object *bv::service::Files::tree_of(uint32_t store)
 {
-    Contents contents;
-    return read_store(family.store, Access::Look, contents) ? take_over(family, contents.tree)
-                                                            : static_cast<int32_t>(BV_ERR_NO_FILE);
+    Contents &file = contents[store];
+    if (file.from == nullptr && !read_store(store, Access::Look, file))
+        file.clear();
+    return file.tree;
 }
 
-int32_t bv::service::reset(const bv_service_family &family)
+int32_t bv::service::plan_back(Plan &plan, const bv_service_family &family, Files *files,
+                               Words &words)
 {
-    return take_over(family, nullptr);
-}
-
-int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Words &words)
-{
-    Contents contents;
-    Plan plan;
-    if (!read_store(family.store, Access::Look, contents))
+    json_object *tree = files != nullptr ? files->tree_of(family.store) : nullptr;
+    if (files != nullptr && tree == nullptr)
         return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPaths[family.store]);
-    if (plan_saved(plan, contents.tree, family, Meaning::Saved) != BV_OK)
-        return words.no_memory();
+    return plan_saved(plan, tree, family, Meaning::Saved, words);
+}
+
+int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Files &files,
+                               Words &words)
+{
+    Plan plan;
+    const int32_t status = plan_back(plan, family, &files, words);
+    if (status != BV_OK)
+        return status;
     out.item("[");
     for (const Change &change : plan)
         if (change.is != nullptr)
@@ -420,50 +446,56 @@ const StoreState &bv::service::store_state()
     return g_state;
 }
 
-bool bv::service::is_unsaved(const bv_service_family &family)
+bool bv::service::is_unsaved(const bv_service_family &family, Files &files)
 {
-    Contents contents;
-    return !read_store(family.store, Access::Look, contents) || !is_saved(contents.tree, family);
+    json_object *tree = files.tree_of(family.store);
+    return tree == nullptr || !is_saved(tree, family);
 }
 
 namespace {
 
-int32_t commit(uint32_t store)
+int32_t commit(uint32_t first, uint32_t last)
 {
     if (g_service == nullptr)
         return BV_ERR_FAILED;
-    if (!is_used(store))
-        return BV_OK;
-    g_state.saved_status = save(store);
-    if (g_state.saved_status == BV_OK)
-        g_state.saved = time(nullptr);
-    return g_state.saved_status;
+    int32_t result = BV_OK;
+    for (uint32_t store = first; store <= last; ++store) {
+        const int32_t status = is_used(store) ? save(store) : BV_OK;
+        result = result != BV_OK ? result : status;
+    }
+    return g_state.saved_status = result;
+}
+
+int32_t take_back(const char *family, Files *files)
+{
+    Plan plan;
+    Words words;
+    const bv_service_family *listed = find_listed(family, words);
+    if (listed == nullptr)
+        return BV_ERR_NO_FAMILY;
+    const int32_t status = plan_back(plan, *listed, files, words);
+    return status == BV_OK ? make(plan, How::Undo, words) : status;
 }
 
 } // namespace
 
 int32_t bv_service_commit()
 {
-    const int32_t user = commit(BV_SERVICE_USER);
-    const int32_t others = commit(BV_SERVICE_PRIVATE);
-    return user != BV_OK ? user : others;
+    return commit(BV_SERVICE_USER, BV_SERVICE_PRIVATE);
 }
 
 int32_t bv_service_commit_factory()
 {
-    return commit(BV_SERVICE_FACTORY);
+    return commit(BV_SERVICE_FACTORY, BV_SERVICE_FACTORY);
 }
 
 int32_t bv_service_revert(const char *family)
 {
-    Words words;
-    const bv_service_family *listed = find_listed(family, words);
-    return listed == nullptr ? BV_ERR_NO_FAMILY : revert(*listed);
+    Files files;
+    return take_back(family, &files);
 }
 
 int32_t bv_service_reset(const char *family)
 {
-    Words words;
-    const bv_service_family *listed = find_listed(family, words);
-    return listed == nullptr ? BV_ERR_NO_FAMILY : reset(*listed);
+    return take_back(family, nullptr);
 }

@@ -130,7 +130,7 @@ typedef struct bv_service {
 #define BV_SERVICE_NO_MEMORY 3 /**< the library could not start */
 #define BV_SERVICE_TEMPLATE 4  /**< a template is missing or has faults */
 #define BV_SERVICE_SIZE 5      /**< a template's size is not the program's */
-/** Neither the data file nor its .good can be read: nothing was changed. */
+/** A data file cannot be read, or it is damaged and so is its .good: nothing was changed. */
 #define BV_SERVICE_DATA 6
 #define BV_SERVICE_NAME_TAKEN 7 /**< another process serves an object of that name */
 
@@ -141,9 +141,9 @@ typedef struct bv_service {
  * later, it says so once and tries again each second; settings that are not saved yet stay.
  * It calls bv_libraries_init() itself.
  *
- * A data file that does not parse is renamed to .bad, and the .good of the last commit is loaded.
- * Values that do not fit the template, since the file is of an older or newer program, are left
- * out one by one, which a line in syslog tells: the parameter keeps its default.
+ * A data file that is damaged is renamed to .bad, and a copy of the .good of the last commit takes
+ * its place. Parameters that the file lacks, or whose values do not fit the template, since it is
+ * of an older or newer program, have their defaults, and each a line in syslog.
  *
  * @return an exit status: one of BV_SERVICE_..., or the result of `start`
  */
@@ -161,7 +161,8 @@ BV_API void bv_service_end(void);
  * The file is written beside the old one, compared with the families in memory, and put in its
  * place at once: after a power cut there is the old or the new one. Members of other services stay
  * as they are, byte for byte. The old file stays as .good. A file that would not change is not
- * written. Services that share a file wait for each other, at most 2 seconds for each file.
+ * written. A family without instances is saved with instance 1 and its defaults. Services that
+ * share a file wait for each other, at most 2 seconds for each file.
  *
  * @retval BV_OK             saved, or nothing to save
  * @retval BV_ERR_WRITE_OPEN a file cannot be written: the folder, permissions, another service that

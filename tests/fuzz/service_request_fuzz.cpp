@@ -130,6 +130,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check_values();
     for (const bv_service_family &family : kFamilies)
         if (bv_db_inst_getnum(family.name) > 40)
-            reset(family);
+            bv_service_reset(family.name);
     return 0;
 }

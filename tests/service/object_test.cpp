@@ -244,6 +244,33 @@ TEST_F(ServiceObject, HiddenFamilyIsWrittenAndNotRead)
     EXPECT_NE(read_file("/config/work/privdata.json").find(R"("abc")"), std::string::npos);
 }
 
+TEST_F(ServiceObject, FamiliesAreRevertedTogetherOrNotAtAll)
+{
+    ASSERT_EQ(caller.ask("commit"), "");
+    ASSERT_EQ(caller.ask("set", R"({"lan.json":[{"inst":"1","para":{"mtu":"1400"}}],)"
+                                R"("secret.json":[{"inst":"1","para":{"key":"new"}}]})"),
+              "");
+    const std::string private_file = read_file("/config/work/privdata.json");
+    write_file("/config/work/privdata.json", "{");
+    EXPECT_EQ(caller.ask("revert").substr(9), " /config/work/privdata.json cannot be read");
+    EXPECT_NE(caller.ask("get").find(R"("mtu":"1400")"), std::string::npos);
+    EXPECT_EQ(sample.seen->changes, 2);
+
+    write_file("/config/work/privdata.json", private_file);
+    EXPECT_EQ(caller.ask("revert"), "");
+    EXPECT_EQ(caller.ask("get", R"({"lan.json":["1"]})"), kLan1);
+    EXPECT_EQ(sample.seen->changes, 4);
+
+    ASSERT_EQ(
+        caller.ask("add", R"({"lan.json":[{"inst":"2","para":{"mtu":"1400"}}]})").substr(0, 1),
+        "{");
+    EXPECT_EQ(caller.ask("reset"), "");
+    EXPECT_EQ(caller.ask("get", R"({"lan.json":[]})"), kLan1);
+    EXPECT_EQ(sample.seen->changes, 6);
+    unlink("/config/work/userdata.json");
+    unlink("/config/work/privdata.json");
+}
+
 TEST_F(ServiceObject, DebugSwitchesHaveNames)
 {
     EXPECT_EQ(caller.ask("debug"), R"([{"module":"dhcp","level":"error","on":false},)"

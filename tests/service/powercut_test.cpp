@@ -441,3 +441,29 @@ TEST_F(PowerCut, CallThatFailsLeavesOldSettings)
     EXPECT_GT(g_failing, 12);
     g_failing = 0;
 }
+
+TEST_F(PowerCut, CallThatFailsWhileDamageIsRepairedLeavesOldSettings)
+{
+    save("lan", 1200);
+    save("lan", 1400);
+    Folder before = read_work();
+    before["userdata.json.good"] = before["userdata.json"];
+    before["userdata.json"].resize(20);
+    for (g_failing = 1;; ++g_failing) {
+        write_work(before);
+        g_asked = 0;
+        record([] { start("lan"); });
+        if (g_asked < g_failing)
+            break;
+        for (const Folder &folder : possible_folders()) {
+            write_work(folder);
+            ASSERT_EQ(start("lan"), BV_SERVICE_ENDED) << g_failing << describe(folder);
+            ASSERT_EQ(mtu_of("lan.json"), "1400") << g_failing << describe(folder);
+            save("lan", 1300);
+            ASSERT_EQ(start("lan"), BV_SERVICE_ENDED);
+            ASSERT_EQ(mtu_of("lan.json"), "1300") << g_failing << describe(folder);
+        }
+    }
+    EXPECT_GT(g_failing, 6);
+    g_failing = 0;
+}

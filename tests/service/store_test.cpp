@@ -4,6 +4,8 @@
 #include "support/child.h"
 #include "support/faults.h"
 
+#include <climits>
+#include <cstdarg>
 #include <fcntl.h>
 #include <functional>
 #include <sys/file.h>
@@ -23,6 +25,33 @@ BV_INTERPOSE(wait, "usleep", int, (useconds_t usec))
     return 0;
 }
 
+// The system log.
+std::vector<std::string> g_log;
+extern "C" void syslog(int, const char *, ...);
+void syslog(int, const char *format, ...)
+{
+    char line[512];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    g_log.push_back(line);
+}
+
+// Reads fail at this file.
+std::string g_bad_block;
+BV_INTERPOSE(read_block, "read", ssize_t, (int fd, void *to, size_t size))
+{
+    char path[PATH_MAX] = "";
+    if (!g_bad_block.empty() &&
+        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path - 1) > 0 &&
+        g_bad_block == path) {
+        errno = EIO;
+        return -1;
+    }
+    return BV_NEXT(read_block)(fd, to, size);
+}
+
 namespace {
 
 constexpr char kDefaults[] = R"({"ipaddr":"192.168.1.1","mtu":"1500","hostname":"gw"})";
@@ -35,18 +64,26 @@ protected:
     {
         Parts::SetUp();
         fault_wait.fail_always();
+        g_log.clear();
     }
     void TearDown() override
     {
         Parts::TearDown();
         fault_wait.pass();
         g_meanwhile = nullptr;
+        g_bad_block.clear();
     }
 };
 
 int start_lan()
 {
     return start_service({family_of("lan.json", kLan)});
+}
+
+bool is_unsaved(const char *family)
+{
+    Files files;
+    return bv::service::is_unsaved(*listed(family), files);
 }
 
 std::string set_mtu(int mtu)
@@ -73,9 +110,9 @@ TEST_F(Store, CommittedValuesAreThereAfterRestart)
 {
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     ASSERT_EQ(request(set_mtu(1400)), BV_OK);
-    EXPECT_TRUE(is_unsaved(*listed("lan.json")));
+    EXPECT_TRUE(is_unsaved("lan.json"));
     EXPECT_EQ(bv_service_commit(), BV_OK);
-    EXPECT_FALSE(is_unsaved(*listed("lan.json")));
+    EXPECT_FALSE(is_unsaved("lan.json"));
     EXPECT_EQ(list_folder("/config/work"),
               (std::vector<std::string>{"userdata.json", "userdata.json.lock"}));
 
@@ -167,11 +204,52 @@ TEST_F(Store, DamagedFileBecomesBadAndGoodIsLoaded)
     EXPECT_EQ(values("lan.json", 1), with_mtu(1400));
     EXPECT_STREQ(store_state().loaded, "good");
     EXPECT_EQ(read_file(std::string(kUserFile) + ".bad"), whole.substr(0, 30));
+    // What the others had is there, too, should one of them write the file in its own way now.
+    EXPECT_EQ(read_file(kUserFile), whole);
 
-    // The next commit makes it whole again, with what the others had.
     EXPECT_EQ(bv_service_commit(), BV_OK);
-    EXPECT_EQ(values_of_file(kUserFile, "lan.json", 1), with_mtu(1400));
-    EXPECT_NE(read_file(kUserFile).find("\"vpn.json\":[]"), std::string::npos);
+    EXPECT_EQ(read_file(kUserFile), whole);
+}
+
+TEST_F(Store, RestoredFileIsNoLinkAndHasTheModeOfGood)
+{
+    const std::string good = std::string(kUserFile) + ".good";
+    write_file(good, R"({"lan.json":[]})");
+    ASSERT_EQ(chmod(good.c_str(), 0640), 0);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    struct stat status;
+    ASSERT_EQ(stat(kUserFile, &status), 0);
+    EXPECT_EQ(status.st_nlink, 1u);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+}
+
+TEST_F(Store, BadBlockIsDamage)
+{
+    const std::string good = std::string(kUserFile) + ".good";
+    write_file(kUserFile, "{}");
+    write_file(good, R"({"lan.json":[{"inst":"1","para":{"mtu":"1400"}}]})");
+    g_bad_block = kUserFile;
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(values("lan.json", 1), with_mtu(1400));
+    EXPECT_EQ(read_file(std::string(kUserFile) + ".bad"), "{}");
+}
+
+TEST_F(Store, OnlyWhatIsDamagedIsToBeRemoved)
+{
+    const std::string path = kUserFile;
+    ASSERT_EQ(mkdir(kUserFile, 0755), 0);
+    EXPECT_EQ(start_lan(), BV_SERVICE_DATA);
+    EXPECT_EQ(g_log.back(), path + " cannot be read: Is a directory");
+    rmdir(kUserFile);
+
+    write_file(path, "{");
+    ASSERT_EQ(mkdir((path + ".good").c_str(), 0755), 0);
+    EXPECT_EQ(start_lan(), BV_SERVICE_DATA);
+    EXPECT_EQ(g_log.back(), path + ".good cannot be read: Is a directory");
+    rmdir((path + ".good").c_str());
+    EXPECT_EQ(start_lan(), BV_SERVICE_DATA);
+    EXPECT_EQ(g_log.back(), path + ": it is damaged, and " + path +
+                                ".good cannot be used: repair or remove them");
 }
 
 TEST_F(Store, FileThatIsBeingWrittenIsNotDamaged)
@@ -295,6 +373,53 @@ TEST_F(Store, StoresHaveFilesOfTheirOwnAndFactoryIsWrittenByNameOnly)
     EXPECT_EQ(values_of_file(kFactoryFile, "u.json", 1), "");
 }
 
+TEST_F(Store, FailureOfOneFileIsTheResultOfTheCommit)
+{
+    ASSERT_EQ(
+        start_service({family_of("u.json", kLan), family_of("p.json", kLan, BV_SERVICE_PRIVATE)}),
+        BV_SERVICE_ENDED);
+    write_file(kUserFile, "{");
+    EXPECT_EQ(bv_service_commit(), BV_ERR_WRITE_OPEN);
+    EXPECT_EQ(store_state().saved_status, BV_ERR_WRITE_OPEN);
+    EXPECT_EQ(values_of_file(kPrivateFile, "p.json", 1), kDefaults);
+}
+
+TEST_F(Store, CommitThatWritesNothingHasNoTime)
+{
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(bv_service_commit(), BV_OK);
+    EXPECT_NE(store_state().saved, 0);
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(bv_service_commit(), BV_OK);
+    EXPECT_EQ(store_state().saved, 0);
+}
+
+TEST_F(Store, FileIsReadOnceForAllFamilies)
+{
+    ASSERT_EQ(start_service({family_of("lan.json", kLan), family_of("wan.json", kLan)}),
+              BV_SERVICE_ENDED);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    Files files;
+    EXPECT_FALSE(bv::service::is_unsaved(*listed("lan.json"), files));
+    write_file(kUserFile, "{");
+    EXPECT_FALSE(bv::service::is_unsaved(*listed("wan.json"), files));
+    EXPECT_TRUE(is_unsaved("wan.json"));
+}
+
+TEST_F(Store, FamilyWithoutInstancesIsSavedWithItsDefaults)
+{
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    ASSERT_EQ(request(set_mtu(1400)), BV_OK);
+    ASSERT_EQ(bv_service_commit(), BV_OK);
+    ASSERT_EQ(request(R"({"lan.json":["1"]})", Meaning::Delete), BV_OK);
+    EXPECT_TRUE(is_unsaved("lan.json"));
+    EXPECT_EQ(bv_service_commit(), BV_OK);
+    EXPECT_FALSE(is_unsaved("lan.json"));
+    EXPECT_EQ(values("lan.json", 1), "");
+    ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
+    EXPECT_EQ(values("lan.json", 1), kDefaults);
+}
+
 TEST_F(Store, LinkedFileStaysALink)
 {
     ASSERT_EQ(symlink("../flash.json", kUserFile), 0);
@@ -387,7 +512,8 @@ TEST_F(Store, SavedInstancesAreShownWhileOthersRun)
     ASSERT_EQ(request(set_mtu(1300)), BV_OK);
     Text text;
     Words why;
-    ASSERT_EQ(put_saved(text, *listed("lan.json"), why), BV_OK);
+    Files files;
+    ASSERT_EQ(put_saved(text, *listed("lan.json"), files, why), BV_OK);
     EXPECT_EQ(std::string(text.bytes), std::string(R"([{"inst":"1","para":)") + kDefaults + "}]");
 }
 
@@ -446,6 +572,31 @@ TEST_F(Store, OddElementsOfAFileNeverKeepTheServiceDown)
     write_file(kUserFile, R"({"lan.json":{"inst":"1"}})");
     ASSERT_EQ(start_lan(), BV_SERVICE_ENDED);
     EXPECT_EQ(values("lan.json", 1), kDefaults);
+}
+
+TEST_F(Store, WhatAFileLacksIsSaidOnceAndWithoutValues)
+{
+    const auto lines = [](const std::string &elements) {
+        write_file(kUserFile, "{\"lan.json\":" + elements + "}");
+        g_log.clear();
+        EXPECT_EQ(start_lan(), BV_SERVICE_ENDED);
+        return g_log;
+    };
+    using Lines = std::vector<std::string>;
+    const std::string rest = R"("ipaddr":"10.0.0.1","hostname":"a")";
+    EXPECT_EQ(lines(R"([{"inst":"1","para":{"mtu":"secret","gone":"1",)" + rest +
+                    R"(}},{"inst":"2","para":{"mtu":"secret too","gone":"2"}}])"),
+              (Lines{"lan.json.mtu: does not fit the template, and is left out",
+                     "lan.json.gone: does not fit the template, and is left out"}));
+    EXPECT_EQ(lines(R"([{"inst":"1","para":{)" + rest + R"(}},{"inst":"2","para":{}}])"),
+              Lines{"lan.json.mtu: is not in the file, and has its default"});
+    EXPECT_EQ(lines(R"({"inst":"1"})"),
+              Lines{"lan.json: the file has no list of instances, so all is as by default"});
+    for (const char *element : {"7", R"({"inst":"2"})", R"({"para":{}})",
+                                R"({"inst":"x","para":{}})", R"({"inst":"2","para":[]})"})
+        EXPECT_EQ(lines(R"([{"inst":"1","para":{"mtu":"1",)" + rest + "}}," + element + "]"),
+                  Lines{"lan.json: the file has an instance without a number or values"})
+            << element;
 }
 
 TEST_F(Store, ServicesThatSaveAtTheSameTimeKeepAllThatTheySaved)

@@ -25,7 +25,7 @@ struct bv_service_client {
 namespace {
 
 constexpr int kCallTimeoutMs = 3000;
-constexpr int kWriteTimeoutMs = 15000; // a commit waits for locks and for slow flash
+constexpr int kCommitTimeoutMs = 8000; // it waits for locks and for slow flash
 constexpr int kRetryMs = 100;
 constexpr int kAskAgainMs = 5000;
 constexpr int kMaxStarts = 10; // of reading an answer that changes meanwhile
@@ -165,10 +165,11 @@ int32_t ask_for_part(Client &client, uint32_t id, const Request &request, Reply 
     failed |= bv_blobmsg_add_u32(&message, "offset", reply.answer.length);
     failed |= bv_blobmsg_add_u32(&message, "generation", reply.generation);
     int32_t status = UBUS_STATUS_NO_MEMORY;
+    const int limit = strcmp(request.op, "commit") == 0 ? kCommitTimeoutMs : kCallTimeoutMs;
     reply.status = UBUS_STATUS_PARSE_ERROR; // until there is one
     if (failed == 0)
         status = bv_ubus_invoke(client.connection, id, reads ? "read" : "write", message.head,
-                                take_reply, &reply, reads ? kCallTimeoutMs : kWriteTimeoutMs);
+                                take_reply, &reply, limit);
     bv_blob_buf_free(&message);
     return status != UBUS_STATUS_OK ? status : reply.status;
 }
@@ -209,6 +210,8 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
         Found object;
         client.words.text[0] = '\0';
         int32_t status = look_up(client, path, take_id, object);
+        if (status == UBUS_STATUS_OK && object.id == 0) // a bus that ended meanwhile says so
+            status = UBUS_STATUS_NOT_FOUND;
         if (status != UBUS_STATUS_OK)
             return status;
         client.was_sent = !reads;

@@ -236,9 +236,9 @@ struct bv_service_client;
  *
  * @param service  the service's name; null finds the owner of each family by asking every service
  * @param wait_ms  how long a call waits for the bus and the owner if they are not there; 0 does not
- *                 wait. A bus or an owner that hangs counts as missing after 3 seconds, an
- *                 owner that is to change something after 15. A bus that hangs later than at
- *                 its greeting may be waited for without limit
+ *                 wait. A bus or an owner that hangs counts as missing after 3 seconds, an owner
+ *                 that is to save after 8. A bus that hangs later than at its greeting may be
+ *                 waited for without limit
  * @return the client, for bv_service_close(); null when memory is short or the name is not one
  */
 BV_API struct bv_service_client *bv_service_open(const char *service, uint32_t wait_ms);

@@ -217,6 +217,10 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
         client.was_sent = !reads;
         status = ask_for_all(client, object.id, request, answer);
         const bool is_cut = status == UBUS_STATUS_CONNECTION_FAILED && start == 0;
+        // Where owners connect again, the number may be another object's by now, which did nothing.
+        if (start == 0 &&
+            (status == UBUS_STATUS_INVALID_ARGUMENT || status == UBUS_STATUS_METHOD_NOT_FOUND))
+            continue;
         if (!reads || (status != kStartAgain && !is_cut)) // a check may refuse with kStartAgain
             return status;
     }

@@ -152,6 +152,14 @@ void take_reply(ubus_request *request, int, blob_attr *message)
         reply.answer.put(bv_blobmsg_get_string(fields[kData]));
 }
 
+// What the bus says of a request that no kit's object got: where owners connect again, the number
+// may be nobody's by now, or another object's.
+bool is_elsewhere(int32_t status)
+{
+    return status == UBUS_STATUS_NOT_FOUND || status == UBUS_STATUS_INVALID_ARGUMENT ||
+           status == UBUS_STATUS_METHOD_NOT_FOUND;
+}
+
 // Asks for the part of the answer that is missing.
 int32_t ask_for_part(Client &client, uint32_t id, const Request &request, Reply &reply)
 {
@@ -171,6 +179,7 @@ int32_t ask_for_part(Client &client, uint32_t id, const Request &request, Reply 
         status = bv_ubus_invoke(client.connection, id, reads ? "read" : "write", message.head,
                                 take_reply, &reply, limit);
     bv_blob_buf_free(&message);
+    client.was_sent = !reads && !is_elsewhere(status);
     return status != UBUS_STATUS_OK ? status : reply.status;
 }
 
@@ -196,8 +205,8 @@ int32_t ask_for_all(Client &client, uint32_t id, const Request &request, Text &a
     return BV_OK;
 }
 
-// Sends a request to a service. What only reads is sent again when the owner or the bus was
-// restarted in the middle; a change might be made twice.
+// Sends a request to a service, and once again when the owner or the bus was restarted in the
+// middle, but a change only if it was not made.
 int32_t ask(Client &client, const char *service, const Request &request, Text &answer)
 {
     char path[kMaxServiceName + sizeof(kObjectSuffix)];
@@ -205,7 +214,6 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
     const auto take_id = [](ubus_context *, ubus_object_data *object, void *found) {
         static_cast<Found *>(found)->id = object->id;
     };
-    const bool reads = is_read(request.op, request.data != nullptr);
     for (int start = 0; start < kMaxStarts; ++start) {
         Found object;
         client.words.text[0] = '\0';
@@ -214,14 +222,10 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
             status = UBUS_STATUS_NOT_FOUND;
         if (status != UBUS_STATUS_OK)
             return status;
-        client.was_sent = !reads;
         status = ask_for_all(client, object.id, request, answer);
-        const bool is_cut = status == UBUS_STATUS_CONNECTION_FAILED && start == 0;
-        // Where owners connect again, the number may be another object's by now, which did nothing.
-        if (start == 0 &&
-            (status == UBUS_STATUS_INVALID_ARGUMENT || status == UBUS_STATUS_METHOD_NOT_FOUND))
-            continue;
-        if (!reads || (status != kStartAgain && !is_cut)) // a check may refuse with kStartAgain
+        const bool is_lost = is_elsewhere(status) || status == UBUS_STATUS_CONNECTION_FAILED;
+        const bool again = status == kStartAgain || (is_lost && start == 0);
+        if (client.was_sent || !again) // a check may refuse with any code
             return status;
     }
     return client.words.refuse(UBUS_STATUS_TIMEOUT, "the answer of %s changed again and again",

@@ -87,6 +87,71 @@ TEST(ServiceClient, RefusedChangeIsNotSentAgainWhateverTheCode)
     EXPECT_EQ(sample.seen->checks, 1);
 }
 
+// A bus on which `play` answers a client that is connected.
+ScriptedBus bus_for_client(ScriptedBus::Script play)
+{
+    return ScriptedBus({[](Peer &peer) { peer.hello(); }, // it looks whether the bus is alive
+                        [play](Peer &peer) {
+                            peer.hello();
+                            play(peer);
+                        }});
+}
+
+// What NAME.config replies to a change.
+void reply_with(Peer &peer, const wire::Message &request, uint32_t status)
+{
+    peer.send_reply(request, wire::join({wire::field(5, "status", wire::word(status)),
+                                         wire::field(5, "generation", wire::word(0)),
+                                         wire::field(5, "total", wire::word(0))}));
+    peer.send_status(request, 0);
+}
+
+TEST(ServiceClient, RequestThatDidNotReachTheOwnerIsSentAgainOnce)
+{
+    for (uint32_t status : {2u, 3u, 4u}) { // another object, or none, has the number by now
+        for (uint32_t second : {0u, status}) {
+            ScriptedBus bus = bus_for_client([status, second](Peer &peer) {
+                peer.answer_lookup();
+                peer.send_status(peer.receive(), status);
+                peer.answer_lookup();
+                const wire::Message again = peer.receive();
+                if (second == 0)
+                    reply_with(peer, again, 0);
+                else
+                    peer.send_status(again, second);
+            });
+            const Caller caller;
+            EXPECT_EQ(bv_service_request(caller, "reset", nullptr, nullptr),
+                      static_cast<int32_t>(second));
+            bus.join();
+        }
+    }
+}
+
+TEST(ServiceClient, ChangeThatTheOwnerRefusesAsTheBusWouldIsNotSentAgain)
+{
+    for (uint32_t status : {2u, 3u, 4u, 10u}) {
+        ScriptedBus bus = bus_for_client([status](Peer &peer) {
+            peer.answer_lookup();
+            reply_with(peer, peer.receive(), status);
+            EXPECT_EQ(peer.receive().type, wire::kNothing);
+        });
+        {
+            const Caller caller("sample", 100);
+            EXPECT_EQ(bv_service_request(caller, "reset", nullptr, nullptr),
+                      static_cast<int32_t>(status));
+        }
+        bus.join();
+    }
+}
+
+TEST(ServiceClient, LookUpThatFindsNoObjectIsNoOwner)
+{
+    ScriptedBus bus = bus_for_client([](Peer &peer) { peer.send_status(peer.receive(), 0); });
+    EXPECT_EQ(bv_service_request(Caller(), "reset", nullptr, nullptr), UBUS_STATUS_NOT_FOUND);
+    bus.join();
+}
+
 TEST(ServiceClient, OwnerOfAFamilyIsFoundAmongTheServices)
 {
     BusDaemon daemon;

@@ -110,7 +110,8 @@ TEST(ServiceRun, SignalAtAnyMomentOfTheStartEndsIt)
     }
 }
 
-TEST(ServiceRun, SignalEndsItWhileThereIsNoBus)
+// Without a bus that answers.
+void expect_end_by_signal()
 {
     Sample sample;
     sample.launch();
@@ -121,16 +122,15 @@ TEST(ServiceRun, SignalEndsItWhileThereIsNoBus)
     EXPECT_EQ(sample.seen->ended, 1);
 }
 
+TEST(ServiceRun, SignalEndsItWhileThereIsNoBus)
+{
+    expect_end_by_signal();
+}
+
 TEST(ServiceRun, SilentBusDoesNotKeepItFromEnding)
 {
     SilentBus bus;
-    Sample sample;
-    sample.launch();
-    ASSERT_TRUE(eventually([&] { return sample.seen->started == 1; }));
-    usleep(20000);
-    sample.signal(SIGTERM);
-    EXPECT_EQ(sample.wait(), BV_SERVICE_ENDED);
-    EXPECT_EQ(sample.seen->ended, 1);
+    expect_end_by_signal();
 }
 
 TEST(ServiceRun, UnsavedSettingsOutliveTheBusAndAreSavedAtTheEndIfAsked)

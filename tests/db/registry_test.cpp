@@ -203,11 +203,11 @@ TEST_F(DbRegistry, NameIsNotFoundByAServicesOwnKeyThatBeginsWithIt)
             if (bucket(own) == bucket(name))
                 break;
         const std::vector<uint8_t> record(sizeof(bv_db_family));
-        ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, reinterpret_cast<const uint8_t *>(own.data()),
-                                 record.data()),
-                  BV_OK);
+        const auto *key = reinterpret_cast<const uint8_t *>(own.data());
+        ASSERT_EQ(bv_hash_insert(g_st_db_mng.table, key, record.data()), BV_OK);
         EXPECT_EQ(bv_db_hash_find(text), nullptr);
         EXPECT_NE(bv_db_hash_add(text), nullptr);
+        bv_hash_remove(g_st_db_mng.table, key); // the next database would leave it behind
     }
 }
 

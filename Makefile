@@ -11,6 +11,9 @@ export FUZZ_SECONDS
 # Where CI is set, warnings are errors.
 PRESET := $(if $(CI),ci,default)
 
+# What `make test` gives to CTest, for instance TESTS="-R '^Queue'".
+TESTS ?=
+
 # The build tree; `make test BUILD=dir` puts it elsewhere, for a source tree that is not to be written.
 BUILD ?= build/$(PRESET)
 
@@ -36,7 +39,7 @@ demo: deps ## shows the main job, start to end
 	@examples/demo "$(BUILD)"
 
 test: build ## builds and runs every test of the workstation build
-	@tests/run "$(BUILD)"
+	@tests/run "$(BUILD)" $(TESTS)
 
 test-compat: deps ## builds the stand-ins of compat/ alone, with clang, and runs their tests
 	@scripts/install-deps clang
@@ -51,7 +54,7 @@ test-platform: deps ## the suite against libraries of a platform in a prefix of 
 	@cmake --build build/platform
 	@tests/run build/platform
 
-test-confined: build ## the suite and the demo as in a container that refuses namespaces, as root and as a plain user
+test-confined: build ## the suite, but its long searches, and the demo as in a container that refuses namespaces, as root and as a plain user
 	@tests/confined
 
 test-sanitize: deps ## the suite under the sanitizers, and a part of it under memcheck

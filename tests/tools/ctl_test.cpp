@@ -350,7 +350,7 @@ std::string completions(const std::string &line)
     return run({"/bin/bash", "-c",
                 "bv-ctl() { '" BV_TOOL "' \"$@\"; }; compopt() { :; }; . '" + source + "'; " +
                     "COMP_WORDS=(" + line + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " +
-                    "_bv_ctl bv-ctl \"${COMP_WORDS[COMP_CWORD]}\"; echo \"${COMPREPLY[*]}\""})
+                    "_bv_ctl bv-ctl \"${COMP_WORDS[COMP_CWORD]#=}\"; echo \"${COMPREPLY[*]}\""})
         .output;
 }
 
@@ -371,6 +371,18 @@ TEST_F(Ctl, IsCompletedByBash)
     EXPECT_EQ(completions("bv-ctl del r"), "radio.json.1\n");
     EXPECT_EQ(completions("bv-ctl set lan.1 mtu=9 h"), "hostname=\n");
     EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
+    EXPECT_EQ(completions("bv-ctl commit --f"), "--factory\n");
+}
+
+// bash makes a word of =.
+TEST_F(Ctl, CompletionKnowsWhatFollowsEqualsSign)
+{
+    EXPECT_EQ(completions("bv-ctl --service = w"), "wifi\n");
+    EXPECT_EQ(completions("bv-ctl --service ="), "network wifi\n");
+    EXPECT_EQ(completions("bv-ctl --service = wifi show r"), "radio.json radio.json.1\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 mtu ="), "\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 mtu = h"), "\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 mtu = 9 h"), "hostname=\n");
 }
 
 // Names come from services, whose templates do not keep them free of what a shell runs.

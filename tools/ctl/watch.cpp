@@ -8,9 +8,11 @@
 #include "tools/common/visible.h"
 #include "tools/ctl/ctl.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <unistd.h>
 
 using bv::JsonTree;
 
@@ -154,7 +156,8 @@ void family_changed(const char *service, const char *family, void *priv)
         print_hidden_change(service, family);
     else if (before != nullptr)
         print_changes(service, family, before, after);
-    fflush(stdout);
+    if (fflush(stdout) != 0) // nobody reads what would come
+        _exit(refused("standard output: %s", strerror(errno)));
     const bool is_first = before == nullptr;
     put(families, family, after);
     if (is_first && json_object_object_length(families) == count_at_start(watch, service))

@@ -417,6 +417,14 @@ TEST_F(Ctl, ComparesNothingWithoutSavedValues)
     EXPECT_TRUE(contains(outcome.errors, "wifi: the file cannot be read")) << outcome.errors;
 }
 
+TEST_F(Ctl, AnswersOfAnotherFormEndNothing)
+{
+    replace(R"("add": {"lan.json": [{"inst": "4", "para": {"mtu": "1500", "hostname": "x"}}]})",
+            R"("add": {"lan.json": {"inst": "4"}})");
+    EXPECT_EQ(run_line("add lan"), (Outcome{0, "lan.json\n", ""}));
+    EXPECT_EQ(run_line("add lan.4"), (Outcome{0, "lan.json.4\n", ""}));
+}
+
 TEST_F(Ctl, NamesInstancesShortly)
 {
     std::string odd = "\"1\"";

@@ -191,7 +191,7 @@ size_t tools::count_of(json_object *array)
 
 json_object *tools::element(json_object *array, size_t index)
 {
-    return bv_json_object_array_get_idx(array, index);
+    return index < count_of(array) ? bv_json_object_array_get_idx(array, index) : nullptr;
 }
 
 json_object *tools::member(json_object *object, const char *name)

@@ -233,9 +233,10 @@ int tools::do_add(Arguments arguments)
         print_json(got);
         return 0;
     }
-    // What "show" and "del" take.
-    print_line(Style::Plain, "%s.%s", target.family,
-               text_of(element(member(got, target.family), 0), "inst"));
+    // What "show" and "del" take. A service leaves out an answer that is too long.
+    const char *number = text_of(element(member(got, target.family), 0), "inst");
+    number = *number != '\0' ? number : target.instance;
+    print_line(Style::Plain, *number != '\0' ? "%s.%s" : "%s%s", target.family, number);
     return 0;
 }
 

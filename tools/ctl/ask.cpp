@@ -267,6 +267,14 @@ int32_t tools::ask(const char *service, const char *op, json_object *data, json_
     return status;
 }
 
+bool tools::ask_each(const char *op, json_object *requests)
+{
+    bool taken = true;
+    for (const auto &service : Members(requests))
+        taken = ask(service.name(), op, share(service.value()), nullptr) == BV_OK && taken;
+    return taken;
+}
+
 bool tools::take_service(Arguments arguments)
 {
     if (arguments[0] == nullptr)

@@ -70,19 +70,8 @@ int send_instance(const Target &target, const char *verb, Arguments assignments,
     return ask(target.service, verb, share(data.get()), answer) == BV_OK ? 0 : kExitRefused;
 }
 
-// ---- requests to several services ----
+// ---- revert, reset ----
 
-// Sends each service what is for it: {"network":DATA, ...}.
-int send_each(const char *op, json_object *requests)
-{
-    int status = 0;
-    for (const auto &service : Members(requests))
-        if (ask(service.name(), op, share(service.value()), nullptr) != BV_OK)
-            status = kExitRefused;
-    return status == 0 ? done() : status;
-}
-
-// revert and reset.
 int take_back(const char *op, Arguments arguments)
 {
     if (*arguments == nullptr && g_options.service == nullptr)
@@ -97,7 +86,7 @@ int take_back(const char *op, Arguments arguments)
             return status;
         array_in(object_in(requests.get(), target.service), target.family);
     }
-    return send_each(op, requests.get());
+    return ask_each(op, requests.get()) ? done() : kExitRefused;
 }
 
 // ---- commit ----
@@ -254,7 +243,7 @@ int tools::do_del(Arguments arguments)
         append(array_in(object_in(requests.get(), target.service), target.family),
                json_object_new_string(target.instance));
     }
-    return send_each("del", requests.get());
+    return ask_each("del", requests.get()) ? done() : kExitRefused;
 }
 
 int tools::do_commit(Arguments arguments)

@@ -93,6 +93,9 @@ inline json_object *share(json_object *value)
 // caller's and may be null. A refusal is printed, with the service's words. Returns the status.
 int32_t ask(const char *service, const char *op, json_object *data, json_object **answer);
 
+// Sends each service what is for it, as in {"network":DATA, ...}. False when one of them refuses.
+bool ask_each(const char *op, json_object *requests);
+
 // What the running services answer to an operation of `read`, by their names: all of them, or the
 // one of -s. Null after it printed why there is none. Sets g_failed when one does not answer.
 json_object *ask_all(const char *op);

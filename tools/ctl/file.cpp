@@ -137,15 +137,6 @@ json_object *read_requests(const char *path, json_object *services)
     return usable ? requests.release() : nullptr;
 }
 
-// Asks every service. False when one of them refuses.
-bool ask_each(const char *op, json_object *requests)
-{
-    bool taken = true;
-    for (const auto &service : Members(requests))
-        taken = ask(service.name(), op, share(service.value()), nullptr) == BV_OK && taken;
-    return taken;
-}
-
 } // namespace
 
 int tools::do_export(Arguments arguments)

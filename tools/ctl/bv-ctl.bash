@@ -30,7 +30,7 @@ _bv_ctl() {
     at=$((COMP_CWORD - 1))
     [ "${COMP_WORDS[COMP_CWORD]}" != = ] || at=$COMP_CWORD
     case ${COMP_WORDS[at]} in
-    =) [ "${COMP_WORDS[at - 1]}" = --service ] && verb=status || verb== ;;
+    =) if [ "${COMP_WORDS[at - 1]}" = --service ]; then verb=status; else verb=value; fi ;;
     -s | --service) verb=status ;;
     esac
     case $verb in
@@ -57,7 +57,7 @@ _bv_ctl() {
         fi ;;
     esac
     case $verb$word in
-    =*) ;;
+    value*) ;;
     commit-*) words=(--service --json --help --version --factory) ;;
     *) case $word in -*) words=(--service --json --help --version) ;; esac ;;
     esac

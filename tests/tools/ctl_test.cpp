@@ -544,6 +544,16 @@ TEST_F(Ctl, CompletionKnowsWhatFollowsEqualsSign)
     EXPECT_EQ(completions("bv-ctl set lan.1 mtu = 9 h"), "hostname=\n");
 }
 
+TEST_F(Ctl, CompletionOffersParametersOfTheFamilyThatIsMeant)
+{
+    write_file("/scratch/services.json", R"({"network": {"families": {
+        "lan.json.v2": {"instances": ["1"], "para": [{"name": "on"}]},
+        "lan.json": {"instances": ["1"], "para": [{"name": "mtu"}]}}}})");
+    EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 ''"), "mtu=\n");
+    EXPECT_EQ(completions("bv-ctl set wan ''"), "\n");
+}
+
 // Names come from services, whose templates do not keep them free of what a shell runs.
 TEST_F(Ctl, CompletionRunsNothingOfNames)
 {

@@ -49,10 +49,10 @@ _bv_ctl() {
         else
             for at in "${words[@]}"; do
                 printf -v quoted %q "${at%.json}"
-                case $before. in "$quoted".*) family=$at ;; esac
+                case $before. in "$quoted".*) [ ${#at} -lt ${#family} ] || family=$at ;; esac
             done
             words=()
-            _bv_ctl_add "parameter $family" =
+            [ -z "$family" ] || _bv_ctl_add "parameter $family" =
             compopt -o nospace
         fi ;;
     esac

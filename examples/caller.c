@@ -52,9 +52,13 @@ static int32_t measure(void)
 }
 
 /* Whether it fits the parameter's type. What else is allowed the owner knows. */
-static int is_mtu(const char *text)
+static int read_mtu(const char *text, uint16_t *mtu)
 {
-    return strspn(text, "0123456789") == strlen(text) && atoi(text) <= UINT16_MAX;
+    char *end;
+    unsigned long number = strtoul(text, &end, 10);
+
+    *mtu = (uint16_t)number;
+    return *text >= '0' && *text <= '9' && *end == '\0' && number <= UINT16_MAX;
 }
 
 static int32_t set_mtu(uint16_t mtu)
@@ -80,6 +84,7 @@ static void changed(const char *service, const char *family, void *priv)
 int main(int argc, char **argv)
 {
     int32_t result;
+    uint16_t mtu;
 
     client = bv_service_open(NULL, 5000); /* finds the owner, and waits for it */
     if (client == NULL)
@@ -88,8 +93,8 @@ int main(int argc, char **argv)
         result = show();
         if (result == BV_OK)
             result = measure();
-    } else if (argc == 3 && strcmp(argv[1], "mtu") == 0 && is_mtu(argv[2])) {
-        result = set_mtu((uint16_t)atoi(argv[2]));
+    } else if (argc == 3 && strcmp(argv[1], "mtu") == 0 && read_mtu(argv[2], &mtu)) {
+        result = set_mtu(mtu);
     } else if (argc == 2 && strcmp(argv[1], "watch") == 0) {
         result = bv_service_watch(client, LAN_FAMILY, changed, NULL, 0);
     } else {

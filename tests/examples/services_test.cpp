@@ -213,6 +213,13 @@ TEST_F(ExampleServices, CallerReadsChangesAndWatches)
     EXPECT_EQ(ctl("show lan.1.mtu"), "1400\n");
 }
 
+TEST_F(ExampleServices, CallerTakesOnlyNumbersThatAnMtuCanHave)
+{
+    for (const char *mtu : {"65536", "4294968696", "99999999999999999999999", "-1", "9k", ""})
+        EXPECT_EQ(run({BV_CALLER, "mtu", mtu}).status, 2) << mtu;
+    EXPECT_EQ(ctl("show lan.1.mtu"), "1500\n");
+}
+
 TEST_F(ExampleServices, ServicesDoNotStartWithTheTemplateOfAnotherProgram)
 {
     const std::string saved = read_file(kUserFile);

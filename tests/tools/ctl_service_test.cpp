@@ -150,6 +150,24 @@ TEST_F(CtlSession, WatchesAcrossRestartAndWaits)
     EXPECT_EQ(watching.wait(), 128 + SIGINT);
 }
 
+// As when `head` has read enough. A closed stream is not the connection to the bus, either.
+TEST_F(CtlSession, WatchEndsWhenNobodyReads)
+{
+    const std::pair<const char *, const char *> rows[] = {
+        {"> /dev/full", "bv-ctl: standard output: No space left on device\n"},
+        {">&-", "bv-ctl: standard output: Bad file descriptor\n"}};
+    const std::string begun = "watching sample: lan.json\n";
+    for (const auto &[where, why] : rows) {
+        Program watching({"/bin/sh", "-c", std::string("exec '" BV_TOOL "' watch lan ") + where});
+        ASSERT_TRUE(eventually([&] { return watching.errors() == begun; })) << watching.errors();
+        output("set lan mtu=1400");
+        ASSERT_TRUE(eventually([&] { return watching.errors() == begun + why; }))
+            << where << ": " << watching.errors();
+        EXPECT_EQ(watching.wait(), 1);
+        output("set lan mtu=1500");
+    }
+}
+
 TEST_F(CtlSession, ImportThatOneServiceRefusesChangesNone)
 {
     static const bv_service_family kSecond[] = {

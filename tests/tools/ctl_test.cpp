@@ -3,6 +3,8 @@
 
 #include "tools/tool.h"
 
+#include <algorithm>
+
 namespace {
 
 const char kServices[] = R"({
@@ -63,6 +65,14 @@ protected:
         setenv("TZ", "UTC", 1);
         write_file("/scratch/services.json", kServices);
     }
+
+    // The answers with another text in place of one.
+    static void replace(const std::string &from, const std::string &to)
+    {
+        std::string services = read_file("/scratch/services.json");
+        services.replace(services.find(from), from.size(), to);
+        write_file("/scratch/services.json", services);
+    }
 };
 
 // What services were asked by the last command, without questions about families.
@@ -75,6 +85,17 @@ std::string requests()
             all += line + "\n";
     unlink("/scratch/requests");
     return all;
+}
+
+// What a command prints, without line ends and tabs: versions of json-c differ in those of what is
+// empty.
+std::string compact(const std::string &line)
+{
+    std::string text = run_line(line).output;
+    text.erase(
+        std::remove_if(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }),
+        text.end());
+    return text;
 }
 
 // A command that succeeds without a word.
@@ -241,7 +262,9 @@ TEST_F(Ctl, ExportsWhatItImports)
     struct stat made;
     ASSERT_EQ(stat("/scratch/all", &made), 0);
     EXPECT_EQ(made.st_mode & 0777, 0600u); // as data files: it may have passwords
-    EXPECT_EQ(run_line("export /dev/full").status, 1);
+    EXPECT_EQ(run_line("-s wifi export /dev/full"),
+              (Outcome{1, "", "bv-ctl: /dev/full: No space left on device\n"}));
+    EXPECT_EQ(run_line("-s wifi --json export /scratch/all"), (Outcome{0, "{}\n", ""}));
 
     write_file("/scratch/radio", outcome.output);
     requests();
@@ -275,10 +298,8 @@ TEST_F(Ctl, ImportOfFamiliesWithoutOneOwnerAsksNobody)
 // The second service refuses; the first one has not changed anything by then.
 TEST_F(Ctl, ImportAsksAllServicesBeforeOneChanges)
 {
-    std::string services = kServices;
-    services.replace(services.find("\"refuse\": {"), 11,
-                     "\"refuse\": {\"check\": [268435472, \"radio.json.channel: not 300\"], ");
-    write_file("/scratch/services.json", services);
+    replace("\"refuse\": {",
+            "\"refuse\": {\"check\": [268435472, \"radio.json.channel: not 300\"], ");
     write_file("/scratch/both", R"({"lan.json": [], "radio.json": []})");
     EXPECT_EQ(run_line("import /scratch/both"),
               (Outcome{1, "",
@@ -322,7 +343,10 @@ TEST_F(Ctl, RefusesWrongUseAndAsksNobody)
         {"del lan", "lan: del takes instances, as in 'bv-ctl del lan.json.2'"},
         {"reset", "which family? 'bv-ctl reset -s SERVICE' takes all of a service"},
         {"show --factory lan", "--factory belongs to commit"},
-        {"wait network soon", "'soon' should be seconds, from 0 to 86400"}};
+        {"wait network soon", "'soon' should be seconds, from 0 to 86400"},
+        {"list wifi -s network", "-s network or wifi?"},
+        {"commit wifi -s network", "-s network or wifi?"},
+        {"debug dhcp info yes", "debug takes MODULE LEVEL on|off"}};
     for (const auto &[line, why] : rows) {
         expect_refused(words(line), "bv-ctl: " + why);
         EXPECT_EQ(requests(), "") << line;
@@ -333,13 +357,148 @@ TEST_F(Ctl, RefusesWrongUseAndAsksNobody)
 
 TEST_F(Ctl, NeedsTheServiceWhereSeveralOwnFamily)
 {
-    std::string twice = kServices;
-    twice.replace(twice.find("\"wifi\""), 6,
-                  "\"wlan\": {\"families\": {\"lan.json\": {}}}, \"wifi\"");
-    write_file("/scratch/services.json", twice);
+    replace("\"wifi\"", "\"wlan\": {\"families\": {\"lan.json\": {}}}, \"wifi\"");
     expect_refused({"show", "lan.1"},
                    "network and wlan both own lan.json: say -s network or -s wlan");
     EXPECT_EQ(run_line("-s network show lan.1.mtu").output, "1400\n");
+}
+
+TEST_F(Ctl, DoesNotMixFamiliesThatSeveralServicesOwn)
+{
+    replace("\"wifi\"", R"("wlan": {
+        "families": {"lan.json": {"instances": ["1"], "para": [{"name": "mtu", "value": "1"}]}},
+        "get": {"lan.json": [{"inst": "1", "para": {"mtu": "2"}}]},
+        "saved": {"lan.json": []}}, "wifi")");
+    const char why[] = "bv-ctl: lan.json of wlan is left out: network owns one too; say -s wlan\n";
+    for (const char *line : {"show", "show --json", "diff", "diff --json"}) {
+        const Outcome outcome = run_line(line);
+        EXPECT_EQ(outcome.status, 1) << line;
+        EXPECT_EQ(outcome.errors, why) << line;
+        EXPECT_TRUE(contains(outcome.output, "radio")) << outcome.output;
+        EXPECT_FALSE(contains(outcome.output, "wlan")) << outcome.output;
+    }
+    EXPECT_FALSE(contains(run_line("show").output, "mtu  2"));
+    EXPECT_EQ(run_line("show -s wlan").output, "lan.json.1\n  mtu  2\n");
+}
+
+TEST_F(Ctl, DiffPromisesNothingAboutHiddenFamilies)
+{
+    write_file("/scratch/services.json", R"({"network": {"families": {
+        "wan.json": {"hidden": true, "instances": ["1"], "para": [{"name": "key"}]}}}})");
+    EXPECT_EQ(run_line("diff"),
+              (Outcome{0, "Everything that is not hidden is saved and has its default.\n", ""}));
+}
+
+TEST_F(Ctl, SaysThatNoServiceRuns)
+{
+    write_file("/scratch/services.json", "{}");
+    for (const char *line : {"list", "show", "diff", "status", "debug"})
+        EXPECT_EQ(run_line(line), (Outcome{0, "No service with families is running.\n", ""}))
+            << line;
+    EXPECT_EQ(compact("list --json"), "{\"services\":{},\"other_objects\":[]}");
+}
+
+TEST_F(Ctl, AsksServiceThatDoesNotAnswerOnce)
+{
+    replace("\"refuse\": {", R"("refuse": {"families": [7, ""], "status": [7, ""],)");
+    const std::string why = "bv-ctl: wifi: no answer in time: it is busy or hangs\n";
+    const Outcome outcome = run_line("list");
+    EXPECT_EQ(outcome.errors, why);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(run_line("list --json").errors, why);
+}
+
+TEST_F(Ctl, ComparesNothingWithoutSavedValues)
+{
+    replace("\"refuse\": {", R"("refuse": {"saved": [268435460, "the file cannot be read"],)");
+    const Outcome outcome = run_line("diff radio");
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(contains(outcome.errors, "wifi: the file cannot be read")) << outcome.errors;
+}
+
+TEST_F(Ctl, AnswersOfAnotherFormEndNothing)
+{
+    replace(R"("add": {"lan.json": [{"inst": "4", "para": {"mtu": "1500", "hostname": "x"}}]})",
+            R"("add": {"lan.json": {"inst": "4"}})");
+    EXPECT_EQ(run_line("add lan"), (Outcome{0, "lan.json\n", ""}));
+    EXPECT_EQ(run_line("add lan.4"), (Outcome{0, "lan.json.4\n", ""}));
+}
+
+TEST_F(Ctl, NamesInstancesShortly)
+{
+    std::string odd = "\"1\"";
+    for (int i = 3; i < 80; i += 2)
+        odd += ", \"" + std::to_string(i) + "\"";
+    replace(R"("instances": ["1", "2", "3", "7"])", "\"instances\": [" + odd + "]");
+    const char some[] = "1 3 5 7 9 11 13 15 17 19 21 23 ... 79";
+    EXPECT_TRUE(contains(run_line("list network").output, std::string("instances ") + some + "\n"));
+    EXPECT_TRUE(contains(run_line("show lan.2").errors, std::string("it has ") + some + "\n"));
+}
+
+TEST_F(Ctl, SaysThatFamilyHasNoInstances)
+{
+    replace(R"("store": "user", "hidden": false, "instances": ["1"])",
+            R"("store": "user", "hidden": false, "instances": [])");
+    replace(R"("radio.json": [{"inst": "1", "para": {"channel": "11"}}])", R"("radio.json": [])");
+    EXPECT_EQ(run_line("show radio"), (Outcome{0, "radio.json: no instances\n", ""}));
+    EXPECT_EQ(compact("show radio --json"), "{\"radio.json\":[]}");
+    EXPECT_EQ(run_line("set radio channel=1"),
+              (Outcome{1, "",
+                       "bv-ctl: radio.json has no instances; 'bv-ctl add radio.json' adds "
+                       "one\n"}));
+    replace(R"("families": {
+      "radio.json")",
+            R"("families": {}, "no": {
+      "radio.json")");
+    EXPECT_EQ(run_line("list wifi"), (Outcome{0, "no families\n", ""}));
+}
+
+TEST_F(Ctl, LongValueMovesOnlyItsOwnRow)
+{
+    const std::string longer(70, 'x');
+    replace(R"("mtu": "1400", "hostname": "a\u001b[1m")",
+            R"("mtu": "1400", "hostname": ")" + longer + "\"");
+    EXPECT_TRUE(
+        contains(run_line("diff lan").output, "lan.json.1.mtu       1400     1500      1500\n"
+                                              "lan.json.1.hostname  " +
+                                                  longer + "  a\\x1b[1m  gateway\n"));
+}
+
+// Values come from anywhere. JSON is UTF-8, and nothing in it may control the terminal.
+TEST_F(Ctl, JsonIsValidAndVisible)
+{
+    const std::string value = "\x7f\u009b2J\u202e\u00e4\xff";
+    replace(R"("channel": "11")", "\"channel\": \"" + value + "\"");
+    const std::string begin = "{\n\t\"radio.json\":[\n\t\t{\n\t\t\t\"inst\":\"1\",\n"
+                              "\t\t\t\"para\":{\n\t\t\t\t\"channel\":\"";
+    const std::string end = "\"\n\t\t\t}\n\t\t}\n\t]\n}\n";
+    EXPECT_EQ(run_line("show radio --json").output,
+              begin + "\\u007f\\u009b2J\\u202e\u00e4\\ufffd" + end);
+    write_file("/scratch/later.json",
+               R"({"radio.json": [{"inst": "1", "para": {"channel": "\u009b"}}]})");
+    EXPECT_TRUE(contains(run_line("watch radio --json").output, "\"is\":\"\\u009b\""));
+    EXPECT_EQ(run_line("-s wifi export -").output, begin + value + end); // a data file, as it is
+}
+
+TEST_F(Ctl, HiddenParameterIsNoMissingOne)
+{
+    EXPECT_EQ(run_line("show wan.1.key"), (Outcome{0, "(hidden)\n", ""}));
+    EXPECT_EQ(compact("show wan.1.key --json"), "{\"wan.json\":[{\"inst\":\"1\",\"para\":{}}]}");
+    EXPECT_EQ(run_line("show wan.1.kei").errors, "bv-ctl: wan.json has no parameter kei; 'bv-ctl "
+                                                 "show wan.json' shows those it has\n");
+}
+
+TEST_F(Ctl, SaysOnceThatOutputIsLost)
+{
+    const auto lost = [](const std::string &line, const std::string &why) {
+        EXPECT_EQ(run({"/bin/sh", "-c", "'" BV_TOOL "' " + line}),
+                  (Outcome{1, "", "bv-ctl: standard output: " + why + "\n"}))
+            << line;
+    };
+    lost("show radio > /dev/full", "No space left on device");
+    lost("export - -s wifi > /dev/full", "No space left on device");
+    lost("show radio >&-", "Bad file descriptor");
 }
 
 #ifdef BV_HOST_PROGRAMS
@@ -350,7 +509,7 @@ std::string completions(const std::string &line)
     return run({"/bin/bash", "-c",
                 "bv-ctl() { '" BV_TOOL "' \"$@\"; }; compopt() { :; }; . '" + source + "'; " +
                     "COMP_WORDS=(" + line + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " +
-                    "_bv_ctl bv-ctl \"${COMP_WORDS[COMP_CWORD]}\"; echo \"${COMPREPLY[*]}\""})
+                    "_bv_ctl bv-ctl \"${COMP_WORDS[COMP_CWORD]#=}\"; echo \"${COMPREPLY[*]}\""})
         .output;
 }
 
@@ -371,6 +530,28 @@ TEST_F(Ctl, IsCompletedByBash)
     EXPECT_EQ(completions("bv-ctl del r"), "radio.json.1\n");
     EXPECT_EQ(completions("bv-ctl set lan.1 mtu=9 h"), "hostname=\n");
     EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
+    EXPECT_EQ(completions("bv-ctl commit --f"), "--factory\n");
+}
+
+// bash makes a word of =.
+TEST_F(Ctl, CompletionKnowsWhatFollowsEqualsSign)
+{
+    EXPECT_EQ(completions("bv-ctl --service = w"), "wifi\n");
+    EXPECT_EQ(completions("bv-ctl --service ="), "network wifi\n");
+    EXPECT_EQ(completions("bv-ctl --service = wifi show r"), "radio.json radio.json.1\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 mtu ="), "\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 mtu = h"), "\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 mtu = 9 h"), "hostname=\n");
+}
+
+TEST_F(Ctl, CompletionOffersParametersOfTheFamilyThatIsMeant)
+{
+    write_file("/scratch/services.json", R"({"network": {"families": {
+        "lan.json.v2": {"instances": ["1"], "para": [{"name": "on"}]},
+        "lan.json": {"instances": ["1"], "para": [{"name": "mtu"}]}}}})");
+    EXPECT_EQ(completions("bv-ctl set lan.json.v2.1 ''"), "on=\n");
+    EXPECT_EQ(completions("bv-ctl set lan.1 ''"), "mtu=\n");
+    EXPECT_EQ(completions("bv-ctl set wan ''"), "\n");
 }
 
 // Names come from services, whose templates do not keep them free of what a shell runs.

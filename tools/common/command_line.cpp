@@ -5,6 +5,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -35,6 +37,15 @@ int next_option(const CommandLine &line, int argc, char **argv)
     *to++ = 'V';
     *to = '\0';
     return getopt_long(argc, argv, letters, names, nullptr);
+}
+
+// A tool may be started with a closed standard stream. A socket must not get its number, or what is
+// printed goes to the bus. With a file that is open the wrong way, reading and printing still fail.
+void occupy_closed_streams()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) == -1)
+            (void)!open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }
 
 // Shows an argument that may be anything, even very long.
@@ -71,6 +82,7 @@ bool take_option(const CommandLine &line, int letter)
 bool tools::take_options(const CommandLine &line, int argc, char **argv, int &status)
 {
     g_program = line.program;
+    occupy_closed_streams();
     int letter;
     while ((letter = next_option(line, argc, argv)) != -1) {
         if (letter == 'h' || letter == 'V') {

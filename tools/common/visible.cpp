@@ -72,3 +72,17 @@ void tools::print_visible(FILE *to, const char *text)
 {
     print_visible(to, bv::bytes_of(text, static_cast<uint32_t>(strlen(text))));
 }
+
+void tools::print_visible_json(FILE *to, const char *json)
+{
+    const bv::Bytes text = bv::bytes_of(json, static_cast<uint32_t>(strlen(json)));
+    for (uint32_t at = 0; at < text.length;) {
+        uint32_t code = 0;
+        const uint32_t bytes = read_utf8(text.data + at, text.length - at, code);
+        if (bytes == 0 || (code >= 0x7f && is_hidden(code))) // json-c has escaped those below
+            fprintf(to, "\\u%04x", static_cast<unsigned>(bytes == 0 ? 0xfffd : code));
+        else
+            fwrite(text.data + at, 1, bytes, to);
+        at += bytes == 0 ? 1 : bytes;
+    }
+}

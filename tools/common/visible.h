@@ -15,6 +15,10 @@ namespace tools {
 void print_visible(FILE *to, bv::Bytes text);
 void print_visible(FILE *to, const char *text);
 
+// The same for JSON that json-c has written. It escapes as JSON does, and bytes that are not UTF-8
+// appear as U+FFFD.
+void print_visible_json(FILE *to, const char *json);
+
 } // namespace tools
 
 #endif

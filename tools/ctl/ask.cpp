@@ -25,7 +25,7 @@ using Connection = bv::Owned<ubus_context *, nullptr, bv_ubus_free>;
 // Connecting to the bus and looking up wait without limit. No request takes that long.
 constexpr unsigned kLimit = 20;
 
-void complain(const char *end, const char *format, va_list arguments)
+void print_complaint(const char *end, const char *format, va_list arguments)
 {
     char text[1024];
     vsnprintf(text, sizeof(text), format, arguments);
@@ -156,7 +156,7 @@ int tools::refused(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    complain("\n", format, arguments);
+    print_complaint("\n", format, arguments);
     va_end(arguments);
     return kExitRefused;
 }
@@ -165,9 +165,9 @@ int tools::wrong_arguments(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    complain("\nTry 'bv-ctl --help'.\n", format, arguments);
+    print_complaint("\nTry 'bv-ctl --help'.\n", format, arguments);
     va_end(arguments);
-    return 2;
+    return kExitUsage;
 }
 
 // ---- JSON ----
@@ -191,7 +191,7 @@ size_t tools::count_of(json_object *array)
 
 json_object *tools::element(json_object *array, size_t index)
 {
-    return bv_json_object_array_get_idx(array, index);
+    return index < count_of(array) ? bv_json_object_array_get_idx(array, index) : nullptr;
 }
 
 json_object *tools::member(json_object *object, const char *name)
@@ -267,18 +267,45 @@ int32_t tools::ask(const char *service, const char *op, json_object *data, json_
     return status;
 }
 
+bool tools::ask_each(const char *op, json_object *requests)
+{
+    bool taken = true;
+    for (const auto &service : Members(requests))
+        taken = ask(service.name(), op, share(service.value()), nullptr) == BV_OK && taken;
+    return taken;
+}
+
+bool tools::take_service(Arguments arguments)
+{
+    if (arguments[0] == nullptr)
+        return true;
+    if (g_options.service != nullptr && strcmp(g_options.service, arguments[0]) != 0) {
+        wrong_arguments("-s %s or %s?", g_options.service, arguments[0]);
+        return false;
+    }
+    g_options.service = arguments[0];
+    return true;
+}
+
 json_object *tools::ask_all(const char *op)
 {
+    // Services that did not answer before: each is waited for, and complained of, once.
+    static json_object *silent;
     const JsonTree services(find_services());
     if (!services)
         return nullptr;
+    silent = silent != nullptr ? silent : json_object_new_object();
     json_object *answers = json_object_new_object();
     for (const auto &service : Members(services.get())) {
         json_object *answer = nullptr;
-        if (ask(service.name(), op, nullptr, &answer) == BV_OK)
+        if (json_object_object_get_ex(silent, service.name(), nullptr) != 0)
+            continue;
+        if (ask(service.name(), op, nullptr, &answer) == BV_OK) {
             put(answers, service.name(), answer);
-        else
+        } else {
+            note_service(service.name(), silent);
             g_failed = true;
+        }
     }
     if (g_options.service == nullptr || !g_failed)
         return answers;

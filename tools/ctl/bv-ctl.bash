@@ -16,14 +16,21 @@ _bv_ctl() {
     for ((at = 1; at < COMP_CWORD; at++)); do
         case ${COMP_WORDS[at]} in
         -s | --service)
+            [ "${COMP_WORDS[at + 1]}" != = ] || at=$((at + 1))
             at=$((at + 1))
-            [ "$at" = "$COMP_CWORD" ] || service=${COMP_WORDS[at]} ;;
+            [ "$at" -ge "$COMP_CWORD" ] || service=${COMP_WORDS[at]} ;;
+        =) at=$((at + 1)) ;; # and the value
         -*) ;;
         *) if [ -z "$verb" ]; then verb=${COMP_WORDS[at]}; else before=${before:-${COMP_WORDS[at]}}; fi ;;
         esac
     done
     compopt +o nospace
-    case ${COMP_WORDS[COMP_CWORD - 1]} in
+    # What is before the word. bash makes a word of the = in NAME=VALUE and --service=NAME, and right
+    # after it the word is empty.
+    at=$((COMP_CWORD - 1))
+    [ "${COMP_WORDS[COMP_CWORD]}" != = ] || at=$COMP_CWORD
+    case ${COMP_WORDS[at]} in
+    =) if [ "${COMP_WORDS[at - 1]}" = --service ]; then verb=status; else verb=value; fi ;;
     -s | --service) verb=status ;;
     esac
     case $verb in
@@ -42,15 +49,17 @@ _bv_ctl() {
         else
             for at in "${words[@]}"; do
                 printf -v quoted %q "${at%.json}"
-                case $before. in "$quoted".*) family=$at ;; esac
+                case $before. in "$quoted".*) [ ${#at} -lt ${#family} ] || family=$at ;; esac
             done
             words=()
-            _bv_ctl_add "parameter $family" =
+            [ -z "$family" ] || _bv_ctl_add "parameter $family" =
             compopt -o nospace
         fi ;;
     esac
-    case $word in
-    -*) words=(--service --json --help --version) ;;
+    case $verb$word in
+    value*) ;;
+    commit-*) words=(--service --json --help --version --factory) ;;
+    *) case $word in -*) words=(--service --json --help --version) ;; esac ;;
     esac
     COMPREPLY=()
     for at in "${words[@]}"; do

@@ -35,10 +35,13 @@ bool read_assignments(Arguments arguments, json_object *para)
 int take_only_instance(Target &target, const char *verb)
 {
     json_object *instances = member(target.details, "instances");
+    if (count_of(instances) == 0)
+        return refused("%s has no instances; 'bv-ctl add %s' adds one", target.family,
+                       target.family);
     if (count_of(instances) != 1)
         return wrong_arguments("%s has %zu instances: say which one, as in 'bv-ctl %s %s.%s'",
                                target.family, count_of(instances), verb, target.family,
-                               count_of(instances) == 0 ? "1" : text_of(element(instances, 0)));
+                               text_of(element(instances, 0)));
     snprintf(target.instance, sizeof(target.instance), "%s", text_of(element(instances, 0)));
     return 0;
 }
@@ -63,31 +66,12 @@ int send_instance(const Target &target, const char *verb, Arguments assignments,
     put(instance, "inst", target.instance);
     append(array_in(data.get(), target.family), instance);
     if (!read_assignments(assignments, object_in(instance, "para")))
-        return 2;
+        return kExitUsage;
     return ask(target.service, verb, share(data.get()), answer) == BV_OK ? 0 : kExitRefused;
 }
 
-// With --json a change that was made has an object as answer, too.
-int done()
-{
-    if (g_options.json)
-        puts("{}");
-    return 0;
-}
+// ---- revert, reset ----
 
-// ---- requests to several services ----
-
-// Sends each service what is for it: {"network":DATA, ...}.
-int send_each(const char *op, json_object *requests)
-{
-    int status = 0;
-    for (const auto &service : Members(requests))
-        if (ask(service.name(), op, share(service.value()), nullptr) != BV_OK)
-            status = kExitRefused;
-    return status == 0 ? done() : status;
-}
-
-// revert and reset.
 int take_back(const char *op, Arguments arguments)
 {
     if (*arguments == nullptr && g_options.service == nullptr)
@@ -102,7 +86,7 @@ int take_back(const char *op, Arguments arguments)
             return status;
         array_in(object_in(requests.get(), target.service), target.family);
     }
-    return send_each(op, requests.get());
+    return ask_each(op, requests.get()) ? done() : kExitRefused;
 }
 
 // ---- commit ----
@@ -190,12 +174,17 @@ const char *find_switch(json_object *services, const char *module, const char *l
     return found;
 }
 
+// MODULE LEVEL on|off, or nothing.
+bool is_debug_line(Arguments arguments)
+{
+    return arguments[0] == nullptr ||
+           (arguments[1] != nullptr && arguments[2] != nullptr &&
+            (strcmp(arguments[2], "on") == 0 || strcmp(arguments[2], "off") == 0));
+}
+
 int set_switch(json_object *services, Arguments arguments)
 {
-    const bool on = arguments[2] != nullptr && strcmp(arguments[2], "on") == 0;
-    if (arguments[1] == nullptr || arguments[2] == nullptr ||
-        (!on && strcmp(arguments[2], "off") != 0))
-        return wrong_arguments("debug takes MODULE LEVEL on|off");
+    const bool on = strcmp(arguments[2], "on") == 0;
     const char *service = find_switch(services, arguments[0], arguments[1]);
     if (service == nullptr)
         return kExitRefused;
@@ -233,9 +222,10 @@ int tools::do_add(Arguments arguments)
         print_json(got);
         return 0;
     }
-    // What "show" and "del" take.
-    print_line(Style::Plain, "%s.%s", target.family,
-               text_of(element(member(got, target.family), 0), "inst"));
+    // What "show" and "del" take. A service leaves out an answer that is too long.
+    const char *number = text_of(element(member(got, target.family), 0), "inst");
+    number = *number != '\0' ? number : target.instance;
+    print_line(Style::Plain, *number != '\0' ? "%s.%s" : "%s%s", target.family, number);
     return 0;
 }
 
@@ -253,13 +243,13 @@ int tools::do_del(Arguments arguments)
         append(array_in(object_in(requests.get(), target.service), target.family),
                json_object_new_string(target.instance));
     }
-    return send_each("del", requests.get());
+    return ask_each("del", requests.get()) ? done() : kExitRefused;
 }
 
 int tools::do_commit(Arguments arguments)
 {
-    if (*arguments != nullptr)
-        g_options.service = *arguments;
+    if (!take_service(arguments))
+        return kExitUsage;
     const JsonTree services(ask_all("status"));
     if (!services)
         return kExitRefused;
@@ -282,6 +272,8 @@ int tools::do_reset(Arguments arguments)
 
 int tools::do_debug(Arguments arguments)
 {
+    if (!is_debug_line(arguments))
+        return wrong_arguments("debug takes MODULE LEVEL on|off");
     const JsonTree services(ask_all("debug"));
     if (!services)
         return kExitRefused;
@@ -289,7 +281,7 @@ int tools::do_debug(Arguments arguments)
         return set_switch(services.get(), arguments);
     if (g_options.json)
         print_json(services.get());
-    else
+    else if (has_services(services.get()))
         for (const auto &service : Members(services.get()))
             print_switches(service.name(), service.value());
     return g_failed ? kExitRefused : 0;

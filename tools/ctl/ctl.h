@@ -14,6 +14,7 @@
 #include <bv/ubus.h>
 
 #include "bus/json_tree.h"
+#include "tools/common/command_line.h"
 #include "tools/common/json_members.h"
 
 #include <cstddef>
@@ -21,7 +22,7 @@
 
 namespace tools {
 
-constexpr int kExitRefused = 1;
+constexpr int kExitRefused = 1; // 2: kExitUsage
 
 struct Options {
     const char *service; // null: every service
@@ -54,6 +55,8 @@ int do_watch(Arguments arguments);
 int wrong_arguments(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Prints what was refused, or is not there. Returns the exit status.
 int refused(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// What is done without a word prints an object with --json. Returns the exit status.
+int done();
 
 // ---- JSON ----
 
@@ -63,6 +66,10 @@ const char *text_of(json_object *object, const char *name);
 size_t count_of(json_object *array);
 json_object *element(json_object *array, size_t index);
 json_object *member(json_object *object, const char *name);
+inline bool has_members(json_object *object)
+{
+    return Members(object).begin() != Members::end();
+}
 // {"1":{"mtu":"1500"}}: easier to compare than the array of a data file.
 json_object *by_number(json_object *instances);
 
@@ -86,6 +93,9 @@ inline json_object *share(json_object *value)
 // caller's and may be null. A refusal is printed, with the service's words. Returns the status.
 int32_t ask(const char *service, const char *op, json_object *data, json_object **answer);
 
+// Sends each service what is for it, as in {"network":DATA, ...}. False when one of them refuses.
+bool ask_each(const char *op, json_object *requests);
+
 // What the running services answer to an operation of `read`, by their names: all of them, or the
 // one of -s. Null after it printed why there is none. Sets g_failed when one does not answer.
 json_object *ask_all(const char *op);
@@ -93,6 +103,9 @@ extern bool g_failed;
 
 // The services' families; kept for the next call.
 json_object *all_families();
+
+// Takes an argument that names a service, as -s does. False after it printed what is wrong.
+bool take_service(Arguments arguments);
 
 // A family, and maybe an instance and a parameter of it, as a person names them.
 struct Target {
@@ -119,7 +132,7 @@ enum class Style { Plain, Bold, Faint }; // where standard output is a terminal
 // Prints a line, visibly.
 void print_line(Style style, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Columns as wide as their widest cell.
+// Columns as wide as their widest cell; a value of unusual length is not counted.
 class Table {
 public:
     explicit Table(int indent) : indent_(indent), rows_(json_object_new_array()) {}
@@ -138,8 +151,12 @@ private:
     json_object *rows_; // arrays: what starts the style, then the cells
 };
 
-// Prints JSON as the database writes it. False, with errno, when it cannot be written.
-bool print_json(json_object *value, FILE *to = stdout);
+// Prints JSON in the layout of the data files, visibly.
+void print_json(json_object *value);
+// Writes JSON as the database does, byte by byte. False, with errno, when it cannot be written.
+bool write_json(json_object *value, FILE *to);
+// Whether there are services to print something about. Says so if none runs.
+bool has_services(json_object *services);
 
 } // namespace tools
 

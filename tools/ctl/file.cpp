@@ -4,13 +4,13 @@
 
 #include <bv/service.h>
 
-#include "tools/common/command_line.h"
 #include "tools/common/file.h"
 #include "tools/ctl/ctl.h"
 
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using bv::JsonTree;
 
@@ -43,14 +43,25 @@ bool add_families(json_object *all, const char *service, json_object *families)
     return true;
 }
 
-bool write_file(const char *path, json_object *families)
+int write_file(const char *path, json_object *families)
 {
     umask(077); // a new file is like the data files, which may have passwords
-    File file(open_or_standard(path, "w"));
-    if (!file)
-        return complain(path, strerror(errno));
-    const bool written = print_json(families, file.get());
-    return (close_file(file.release()) && written) || complain(path, strerror(errno));
+    File file(fopen(path, "w"));
+    const bool written = file && write_json(families, file.get());
+    if (written && close_file(file.release()))
+        return done();
+    complain(path, strerror(errno));
+    return kExitRefused;
+}
+
+// main() sees when standard output takes no more.
+int write_standard_output(json_object *families)
+{
+    if (isatty(STDOUT_FILENO) != 0)
+        print_json(families);
+    else
+        write_json(families, stdout);
+    return 0;
 }
 
 // ---- import ----
@@ -126,15 +137,6 @@ json_object *read_requests(const char *path, json_object *services)
     return usable ? requests.release() : nullptr;
 }
 
-// Asks every service. False when one of them refuses.
-bool ask_each(const char *op, json_object *requests)
-{
-    bool taken = true;
-    for (const auto &service : Members(requests))
-        taken = ask(service.name(), op, share(service.value()), nullptr) == BV_OK && taken;
-    return taken;
-}
-
 } // namespace
 
 int tools::do_export(Arguments arguments)
@@ -148,7 +150,8 @@ int tools::do_export(Arguments arguments)
             return kExitRefused;
     if (json_object_object_length(all.get()) == 0)
         return refused("no running service has families to export");
-    return write_file(*arguments, all.get()) ? 0 : kExitRefused;
+    return strcmp(*arguments, "-") == 0 ? write_standard_output(all.get())
+                                        : write_file(*arguments, all.get());
 }
 
 int tools::do_import(Arguments arguments)

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: ISC
 // bv-ctl: shows and changes the parameters of running services.
 
-#include "tools/common/command_line.h"
 #include "tools/ctl/ctl.h"
 
 #include <csignal>

@@ -11,6 +11,7 @@
 namespace {
 
 constexpr size_t kMaxColumns = 24;
+constexpr int kWidest = 20; // a longer value moves the rest of its own row only
 constexpr const char *kGap = "  ";
 
 bool has_colours()
@@ -51,6 +52,14 @@ json_object *visible_text(const char *text)
     json_object *visible = json_object_new_string(bytes);
     free(bytes);
     return visible;
+}
+
+// Data files have tabs, and no escaped slashes.
+const char *json_text(json_object *value)
+{
+    return json_object_to_json_string_ext(value, JSON_C_TO_STRING_PRETTY |
+                                                     JSON_C_TO_STRING_PRETTY_TAB |
+                                                     JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
 // Characters of UTF-8.
@@ -108,7 +117,8 @@ void tools::Table::print()
         json_object *row = element(rows_, i);
         for (size_t k = 1; k < count_of(row) && k < kMaxColumns; ++k) {
             const int width = width_of(text_of(element(row, k)));
-            widths[k] = width > widths[k] ? width : widths[k];
+            if (width > widths[k] && (k == 1 || width <= kWidest))
+                widths[k] = width;
         }
     }
     for (size_t i = 0; i < count_of(rows_); ++i) {
@@ -120,18 +130,39 @@ void tools::Table::print()
         printf("%*s%s", indent_, "", start);
         for (size_t k = 1; k <= last; ++k) {
             const char *text = text_of(element(row, k));
+            const int missing = k < kMaxColumns ? widths[k] - width_of(text) : 0;
             fputs(text, stdout);
             if (k < last)
-                printf("%*s%s", k < kMaxColumns ? widths[k] - width_of(text) : 0, "", kGap);
+                printf("%*s%s", missing > 0 ? missing : 0, "", kGap);
         }
         puts(end_of(start));
     }
 }
 
-bool tools::print_json(json_object *value, FILE *to)
+void tools::print_json(json_object *value)
 {
-    constexpr int kFlags =
-        JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_PRETTY_TAB | JSON_C_TO_STRING_NOSLASHESCAPE;
-    fprintf(to, "%s\n", json_object_to_json_string_ext(value, kFlags));
+    print_visible_json(stdout, json_text(value));
+    puts("");
+}
+
+bool tools::write_json(json_object *value, FILE *to)
+{
+    fprintf(to, "%s\n", json_text(value));
     return fflush(to) == 0 && ferror(to) == 0;
+}
+
+bool tools::has_services(json_object *services)
+{
+    if (has_members(services))
+        return true;
+    if (!g_failed)
+        puts("No service with families is running.");
+    return false;
+}
+
+int tools::done()
+{
+    if (g_options.json)
+        puts("{}");
+    return 0;
 }

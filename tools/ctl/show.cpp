@@ -20,7 +20,8 @@ constexpr size_t kMaxPath = 256;
 
 // Instances as a person writes them: "1-3 7".
 struct Ranges {
-    char text[64] = "none";
+    static constexpr size_t kRoom = 32; // the first ones; " ... LAST" fits after them
+    char text[kRoom + 24] = "none";
     explicit Ranges(json_object *instances)
     {
         const size_t count = count_of(instances);
@@ -33,8 +34,9 @@ struct Ranges {
             char range[32];
             snprintf(range, sizeof(range), first == last ? "%s%d" : "%s%d-%d",
                      length == 0 ? "" : " ", first, last);
-            if (length + strlen(range) >= sizeof(text)) { // how many is all that fits
-                snprintf(text, sizeof(text), "%zu instances", count);
+            if (length + strlen(range) >= kRoom) {
+                snprintf(text + length, sizeof(text) - length, " ... %d",
+                         bv_json_object_get_int(element(instances, count - 1)));
                 return;
             }
             memcpy(text + length, range, strlen(range) + 1);
@@ -80,11 +82,9 @@ void list_briefly(json_object *services, json_object *others)
         if (*name != '\0')
             table.row(Style::Plain, name, "-", nullptr);
     }
-    if (json_object_object_length(services) > 0)
+    if (has_services(services))
         table.print();
-    else
-        puts("No service with families is running.");
-    if (json_object_object_length(others) > 0)
+    if (has_members(others))
         puts("\nWithout families here; call their functions with 'bv-call -o OBJECT FUNCTION':");
     for (const auto &object : Members(others))
         print_line(Style::Plain, "  %s", object.name());
@@ -92,6 +92,8 @@ void list_briefly(json_object *services, json_object *others)
 
 void list_fully(json_object *families, json_object *functions)
 {
+    if (!has_members(families))
+        puts("no families");
     for (const auto &family : Members(families)) {
         json_object *details = family.value();
         const Ranges instances(member(details, "instances"));
@@ -138,40 +140,71 @@ void add_answers(json_object *all, const char *name, json_object *answers)
 void fill_hidden(json_object *instance, json_object *details)
 {
     json_object *para = member(details, "para");
+    json_object *hidden = json_object_new_object();
     for (size_t i = 0; i < count_of(para); ++i)
-        put(object_in(instance, "para"), text_of(element(para, i), "name"), "(hidden)");
+        put(hidden, text_of(element(para, i), "name"), "(hidden)");
+    put(instance, "para", hidden);
 }
 
-// Leaves only one parameter in an instance. False when it has no such parameter.
-bool keep_only(json_object *instance, const char *parameter)
+bool has_parameter(json_object *details, const char *name)
 {
-    json_object *value = nullptr;
-    if (json_object_object_get_ex(member(instance, "para"), parameter, &value) == 0)
-        return false;
+    json_object *para = member(details, "para");
+    for (size_t i = 0; i < count_of(para); ++i)
+        if (strcmp(text_of(element(para, i), "name"), name) == 0)
+            return true;
+    return false;
+}
+
+// Leaves only one parameter in an instance; nothing if its value is hidden.
+void keep_only(json_object *instance, const char *parameter)
+{
     json_object *only = json_object_new_object();
-    put(only, parameter, share(value));
+    json_object *value = nullptr;
+    if (json_object_object_get_ex(member(instance, "para"), parameter, &value) != 0)
+        put(only, parameter, share(value));
     put(instance, "para", only);
-    return true;
+}
+
+// Whether another service, which comes first, owns a family of this name too. Without the service's
+// name nobody could tell one's values from the other's.
+bool is_left_out(const char *service, const char *family)
+{
+    for (const auto &first : Members(all_families())) {
+        if (strcmp(first.name(), service) == 0)
+            break;
+        if (member(first.value(), family) != nullptr) {
+            g_failed = true;
+            refused("%s of %s is left out: %s owns one too; say -s %s", family, service,
+                    first.name(), service);
+            return true;
+        }
+    }
+    return false;
 }
 
 // Adds the running values that `data` asks a service for; all of them when it is null. With a
 // parameter only that.
 int collect(json_object *all, const char *service, json_object *data, const char *parameter)
 {
+    const bool is_all = data == nullptr;
     json_object *got = nullptr;
     if (ask(service, "get", data, &got) != BV_OK)
         return kExitRefused;
     const JsonTree answer(got);
     for (const auto &family : Members(got)) {
+        if (is_all && is_left_out(service, family.name()))
+            continue;
         json_object *details = member(member(all_families(), service), family.name());
+        json_object *instances = array_in(all, family.name());
         for (size_t i = 0; i < count_of(family.value()); ++i) {
             json_object *instance = element(family.value(), i);
+            if (bv_json_object_is_type(instance, json_type_object) == 0)
+                continue;
             if (is_hidden(details) && !g_options.json)
                 fill_hidden(instance, details);
-            if (*parameter != '\0' && !keep_only(instance, parameter))
-                return refused("%s has no parameter %s; 'bv-ctl show %s' shows those it has",
-                               family.name(), parameter, family.name());
-            append(array_in(all, family.name()), share(instance));
+            if (*parameter != '\0')
+                keep_only(instance, parameter);
+            append(instances, share(instance));
         }
     }
     return 0;
@@ -182,6 +215,9 @@ int collect_target(json_object *all, const char *text, Target &target)
     const int status = find_target(text, target);
     if (status != 0)
         return status;
+    if (*target.parameter != '\0' && !has_parameter(target.details, target.parameter))
+        return refused("%s has no parameter %s; 'bv-ctl show %s' shows those it has", target.family,
+                       target.parameter, target.family);
     json_object *instances = member(target.details, "instances");
     bool known = target.instance[0] == '\0';
     for (size_t i = 0; i < count_of(instances); ++i)
@@ -194,19 +230,24 @@ int collect_target(json_object *all, const char *text, Target &target)
 
 void print_families(json_object *all)
 {
-    bool first = true;
-    for (const auto &family : Members(all))
+    const char *gap = "";
+    for (const auto &family : Members(all)) {
+        if (count_of(family.value()) == 0) {
+            fputs(gap, stdout);
+            gap = "\n";
+            print_line(Style::Bold, "%s: no instances", family.name());
+        }
         for (size_t i = 0; i < count_of(family.value()); ++i) {
             json_object *instance = element(family.value(), i);
-            if (!first)
-                puts("");
-            first = false;
+            fputs(gap, stdout);
+            gap = "\n";
             print_line(Style::Bold, "%s.%s", family.name(), text_of(instance, "inst"));
             Table table(2);
             for (const auto &parameter : Members(member(instance, "para")))
                 table.row(Style::Plain, parameter.name(), text_of(parameter.value()), nullptr);
             table.print();
         }
+    }
 }
 
 // ---- diff ----
@@ -254,26 +295,42 @@ void compare_family(json_object *all, const char *service, const char *family, j
 {
     json_object *got = nullptr;
     json_object *kept = nullptr;
-    if (ask(service, "get", query(family, ""), &got) != BV_OK ||
-        ask(service, "saved", query(family, ""), &kept) != BV_OK)
-        g_failed = true;
+    const bool failed = ask(service, "get", query(family, ""), &got) != BV_OK ||
+                        ask(service, "saved", query(family, ""), &kept) != BV_OK;
     const JsonTree got_tree(got);
     const JsonTree kept_tree(kept);
+    g_failed |= failed;
+    if (failed)
+        return;
     const JsonTree running(by_number(member(got, family)));
     const JsonTree saved(by_number(member(kept, family)));
     for (const auto &instance : Members(running.get())) {
         const Difference where = {service, family, instance.name()};
         json_object *there = member(saved.get(), instance.name());
         // A family that was never saved has its defaults.
-        if (there == nullptr && json_object_object_length(saved.get()) != 0)
+        if (there == nullptr && has_members(saved.get()))
             where.add(all, "", json_object_new_string("added"), nullptr, nullptr);
         compare_instance(all, where, member(details, "para"), instance.value(), there);
     }
     for (const auto &instance : Members(saved.get())) {
         const Difference where = {service, family, instance.name()};
-        if (got != nullptr && member(running.get(), instance.name()) == nullptr)
+        if (member(running.get(), instance.name()) == nullptr)
             where.add(all, "", nullptr, json_object_new_string("deleted"), nullptr);
     }
+}
+
+// Compares every family that can be, and returns what was compared, for people.
+const char *compare_all(json_object *all)
+{
+    const char *what = "Everything";
+    for (const auto &service : Members(all_families()))
+        for (const auto &family : Members(service.value())) {
+            if (is_hidden(family.value()))
+                what = "Everything that is not hidden";
+            else if (!is_left_out(service.name(), family.name()))
+                compare_family(all, service.name(), family.name(), family.value());
+        }
+    return what;
 }
 
 const char *or_dash(json_object *value)
@@ -281,7 +338,7 @@ const char *or_dash(json_object *value)
     return value != nullptr ? text_of(value) : "-";
 }
 
-void print_differences(json_object *all)
+void print_differences(json_object *all, const char *what)
 {
     Table table(0);
     table.row(Style::Bold, "PARAMETER", "RUNNING", "SAVED", "DEFAULT", nullptr);
@@ -299,7 +356,7 @@ void print_differences(json_object *all)
     if (count_of(all) > 0)
         table.print();
     else if (!g_failed)
-        puts("Everything is saved and has its default.");
+        printf("%s is saved and has its default.\n", what);
 }
 
 // ---- status ----
@@ -348,8 +405,8 @@ void print_status(const char *service, json_object *status)
 
 int tools::do_list(Arguments arguments)
 {
-    if (*arguments != nullptr)
-        g_options.service = *arguments;
+    if (!take_service(arguments))
+        return kExitUsage;
     json_object *services = all_families();
     if (services == nullptr)
         return kExitRefused;
@@ -360,8 +417,9 @@ int tools::do_list(Arguments arguments)
         const JsonTree all(json_object_new_object());
         add_answers(object_in(all.get(), "services"), "families", services);
         add_answers(object_in(all.get(), "services"), "functions", functions.get());
+        json_object *names = array_in(all.get(), "other_objects");
         for (const auto &object : Members(others.get()))
-            append(array_in(all.get(), "other_objects"), json_object_new_string(object.name()));
+            append(names, json_object_new_string(object.name()));
         print_json(all.get());
     } else if (in_full) {
         list_fully(member(services, g_options.service), member(functions.get(), g_options.service));
@@ -378,10 +436,12 @@ int tools::do_show(Arguments arguments)
         return kExitRefused;
     const JsonTree all(json_object_new_object());
     Target target = {};
-    int status = exit_status();
-    if (*arguments == nullptr)
+    int status = 0;
+    if (*arguments == nullptr) {
         for (const auto &service : Members(services))
             status |= collect(all.get(), service.name(), nullptr, "");
+        status |= exit_status();
+    }
     for (size_t i = 0; arguments[i] != nullptr; ++i) {
         status = collect_target(all.get(), arguments[i], target);
         if (status != 0)
@@ -393,7 +453,7 @@ int tools::do_show(Arguments arguments)
         print_line(Style::Plain, "%s",
                    text_of(member(element(member(all.get(), target.family), 0), "para"),
                            target.parameter));
-    else
+    else if (has_services(services))
         print_families(all.get());
     return status;
 }
@@ -404,11 +464,7 @@ int tools::do_diff(Arguments arguments)
     if (services == nullptr)
         return kExitRefused;
     const JsonTree all(json_object_new_array());
-    if (*arguments == nullptr)
-        for (const auto &service : Members(services))
-            for (const auto &family : Members(service.value()))
-                if (!is_hidden(family.value()))
-                    compare_family(all.get(), service.name(), family.name(), family.value());
+    const char *what = *arguments == nullptr ? compare_all(all.get()) : "Everything";
     for (; *arguments != nullptr; ++arguments) {
         Target target;
         const int status = find_whole_family(*arguments, "diff", target);
@@ -420,21 +476,21 @@ int tools::do_diff(Arguments arguments)
     }
     if (g_options.json)
         print_json(all.get());
-    else
-        print_differences(all.get());
+    else if (has_services(services))
+        print_differences(all.get(), what);
     return exit_status();
 }
 
 int tools::do_status(Arguments arguments)
 {
-    if (*arguments != nullptr)
-        g_options.service = *arguments;
+    if (!take_service(arguments))
+        return kExitUsage;
     const JsonTree all(ask_all("status"));
     if (!all)
         return kExitRefused;
     if (g_options.json)
         print_json(all.get());
-    else
+    else if (has_services(all.get()))
         for (const auto &service : Members(all.get()))
             print_status(service.name(), service.value());
     return exit_status();

@@ -8,9 +8,11 @@
 #include "tools/common/visible.h"
 #include "tools/ctl/ctl.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <unistd.h>
 
 using bv::JsonTree;
 
@@ -49,7 +51,8 @@ json_object *new_line(const char *service, const char *family)
 
 void print_plainly(json_object *line)
 {
-    puts(json_object_to_json_string_ext(line, JSON_C_TO_STRING_PLAIN));
+    print_visible_json(stdout, json_object_to_json_string_ext(line, JSON_C_TO_STRING_PLAIN));
+    puts("");
 }
 
 // Prints one change; null for a value that did not exist before, or does not now.
@@ -79,11 +82,6 @@ void print_hidden_change(const char *service, const char *family)
     } else {
         print_line(Style::Plain, "%s %s %s changed (hidden)", Clock().text, service, family);
     }
-}
-
-bool has_members(json_object *object)
-{
-    return Members(object).begin() != Members::end();
 }
 
 // Whether there are instances, but none with values.
@@ -154,7 +152,8 @@ void family_changed(const char *service, const char *family, void *priv)
         print_hidden_change(service, family);
     else if (before != nullptr)
         print_changes(service, family, before, after);
-    fflush(stdout);
+    if (fflush(stdout) != 0) // nobody reads what would come
+        _exit(refused("standard output: %s", strerror(errno)));
     const bool is_first = before == nullptr;
     put(families, family, after);
     if (is_first && json_object_object_length(families) == count_at_start(watch, service))
@@ -200,7 +199,5 @@ int tools::do_wait(Arguments arguments)
     if (status != BV_OK)
         return refused("%s is not there after %u s: %s", arguments[0], seconds,
                        bv_service_text(status));
-    if (g_options.json)
-        puts("{}");
-    return 0;
+    return done();
 }

@@ -49,7 +49,7 @@ bool is_used(uint32_t store)
 char g_file[kPathSize];
 char g_beside[2][kPathSize + 16];
 
-const char *beside(const char *suffix)
+char *beside(const char *suffix)
 {
     static int turn;
     turn = 1 - turn;
@@ -91,19 +91,25 @@ private:
     bool held_ = false;
 };
 
-// Writes a text, and gives the file the owner and mode of the old one.
-bool write_at(int fd, const Text &text, off_t at)
+// Writes a text, from a byte of it on, into FILE.tmp, which gets the owner and mode of the old
+// file.
+bool write_beside(const Text &text, uint32_t from)
 {
-    for (uint32_t done = 0; done < text.length;) {
-        const ssize_t wrote = pwrite(fd, text.bytes + done, text.length - done, at + done);
+    const File file(open(beside(".tmp"), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!file)
+        return false;
+    for (uint32_t done = from; done < text.length;) {
+        const ssize_t wrote = pwrite(file.get(), text.bytes + done, text.length - done, done);
         if (wrote < 0)
             return false;
         done += static_cast<uint32_t>(wrote);
     }
     struct stat old;
-    if (stat(g_file, &old) != 0 && stat(beside(".good"), &old) != 0)
-        return true;
-    return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
+    if ((stat(g_file, &old) == 0 || stat(beside(".good"), &old) == 0) &&
+        (fchown(file.get(), old.st_uid, old.st_gid) != 0 ||
+         fchmod(file.get(), old.st_mode & 07777) != 0))
+        return false;
+    return fsync(file.get()) == 0;
 }
 
 // Puts the written file in place of the old one, which becomes .good if it is whole.
@@ -116,8 +122,7 @@ bool put_in_place(bool is_whole)
         note("%s.good cannot be made: %s", g_file, strerror(errno));
     if (rename(beside(".tmp"), g_file) != 0)
         return false;
-    char folder[kPathSize];
-    snprintf(folder, sizeof folder, "%s", g_file);
+    char *folder = beside("");
     strrchr(folder, '/')[1] = '\0';
     const File opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return opened && fsync(opened.get()) == 0;
@@ -128,8 +133,7 @@ bool put_in_place(bool is_whole)
 void restore(const Text &good)
 {
     unlink(beside(".tmp"));
-    const File file(open(beside(".tmp"), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    if (!file || !write_at(file.get(), good, 0) || fsync(file.get()) != 0 || !put_in_place(false))
+    if (!write_beside(good, 0) || !put_in_place(false))
         note("%s cannot be restored: %s", g_file, strerror(errno));
 }
 
@@ -259,33 +263,27 @@ bool write_families(uint32_t store, const char *path)
     return status == BV_OK;
 }
 
-// Appends what other services have.
-bool complete(int fd, const Text &ours, uint32_t store, const Contents &present)
-{
-    Text rest;
-    if (present.text.length != 0)
-        put_others(rest, present.text.bytes, store);
-    rest.put(kEnd);
-    if (rest.failed)
-        errno = ENOMEM;
-    return !rest.failed && write_at(fd, rest, ours.length - kEndLength);
-}
-
-// Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
-bool write_beside(uint32_t store, const Contents &present)
+// Writes FILE.tmp: our families, then what other services have. False with errno, which is 0 when
+// it does not come back as it was meant.
+bool write_all(uint32_t store, const Contents &present)
 {
     Contents written;
+    Text &text = written.text;
     unlink(beside(".tmp"));
     errno = 0;
     if (!write_families(store, beside(".tmp")) || !read_file(beside(".tmp"), written))
         return false;
-    const File file(open(beside(".tmp"), O_WRONLY | O_CLOEXEC));
-    if (!file || !complete(file.get(), written.text, store, present) ||
-        !read_file(beside(".tmp"), written))
+    text.length -= kEndLength;
+    const uint32_t ours = text.length;
+    if (present.text.length != 0)
+        put_others(text, present.text.bytes, store);
+    text.put(kEnd);
+    if (text.failed)
+        errno = ENOMEM;
+    if (text.failed || !write_beside(text, ours) || !read_file(beside(".tmp"), written))
         return false;
     errno = 0;
-    return are_saved(written.tree, store) && has_others(written.tree, present.tree, store) &&
-           fsync(file.get()) == 0;
+    return are_saved(written.tree, store) && has_others(written.tree, present.tree, store);
 }
 
 // Whether every value would come back from a file.
@@ -322,7 +320,7 @@ int32_t save(uint32_t store)
     if (is_whole && are_saved(present.tree, store))
         return BV_OK;
 
-    if (write_beside(store, present) && put_in_place(is_whole)) {
+    if (write_all(store, present) && put_in_place(is_whole)) {
         g_state.saved = time(nullptr);
         return BV_OK;
     }

@@ -159,7 +159,6 @@ struct Elements {
                 continue;
             if (!is_file(meaning))
                 return status;
-            set_default(family, change.is, member.name());
             note_once(member.name(), "does not fit the template, and is left out");
         }
         return BV_OK;

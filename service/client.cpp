@@ -36,7 +36,8 @@ int64_t now_ms()
 {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    // 32 bits hold the seconds since the boot, and are quick to multiply.
+    return int64_t{static_cast<uint32_t>(now.tv_sec)} * 1000 + now.tv_nsec / 1000000;
 }
 
 // ---- the connection ----
@@ -508,10 +509,9 @@ int32_t bv_service_get(struct bv_service_client *client, const char *family, voi
     if (status != BV_OK)
         return status;
     const char *digits = answer.bytes != nullptr ? answer.bytes + 1 : "";
-    if (strspn(digits, "0123456789abcdef") != size_t{2} * size)
-        return client->words.refuse(UBUS_STATUS_PARSE_ERROR, "the answer makes no sense");
-    read_hex(digits, static_cast<uint8_t *>(image), size);
-    return BV_OK;
+    return read_hex(digits, static_cast<uint8_t *>(image), size)
+               ? BV_OK
+               : client->words.refuse(UBUS_STATUS_PARSE_ERROR, "the answer makes no sense");
 }
 
 int32_t bv_service_set(struct bv_service_client *client, const char *family, const void *image,

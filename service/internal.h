@@ -73,7 +73,8 @@ const char *text_of(json_object *value, size_t &length);
 // A whole number of 32 bits, in quotes or not.
 bool number_of(json_object *value, int32_t &number);
 
-// Takes what Text::hex() wrote, without the quotes. False for anything else.
+// Takes what Text::hex() wrote, without the quotes; after it must be something else than a digit.
+// False, with nothing taken, for anything else.
 bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
 
 // Appends the members of an object that are not of this store, byte for byte and with their
@@ -128,10 +129,10 @@ const char *value_text(const bv_db_para &para, const uint8_t *value);
 // Whether every value of an image would come back from a data file: no quote, backslash or control
 // character, each string terminated in its len. The words name the parameter.
 int32_t check_image(const Family &family, const uint8_t *image, Words &words);
-// Sets a parameter of an image after it checked type, range and length.
+// Sets a parameter of an image after it checked type, range and length; what does not fit is
+// refused, and sets the default.
 int32_t set_value(const Family &family, uint8_t *image, const Members::Member &member,
                   Words &words);
-void set_default(const Family &family, uint8_t *image, const char *parameter);
 // Bytes after a text's NUL do not count.
 bool same_values(const Family &family, const uint8_t *a, const uint8_t *b);
 // Appends {"inst":"1","para":{...}}; without values for a hidden family.

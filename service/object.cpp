@@ -327,7 +327,7 @@ int32_t write_debug(Call &call)
                                  module == nullptr ? "module" : "level");
     if (!bv_json_object_is_type(on, json_type_boolean))
         return call.invalid("\"on\" is neither true nor false");
-    bv_debug_set_switch(module->number, level->number, json_object_get_boolean(on) != 0);
+    bv_debug_set_switch(module->number, level->number, bv_json_object_get_int(on) != 0);
     return BV_OK;
 }
 
@@ -494,10 +494,10 @@ bool is_read(const char *op, bool has_data)
 
 bool open_object()
 {
-    uint8_t digits[8]; // hexadecimal
+    uint8_t digits[9] = ""; // hexadecimal
     g_started = time(nullptr);
     g_start_number = static_cast<uint32_t>(g_started << 15) + static_cast<uint32_t>(getpid());
-    if (bv_os_random(digits, sizeof(digits)) == 1)
+    if (bv_os_random(digits, sizeof(digits) - 1) == 1)
         read_hex(reinterpret_cast<char *>(digits), reinterpret_cast<uint8_t *>(&g_start_number), 4);
     g_calls = g_refused = g_dropped = 0;
     g_changes = static_cast<uint32_t *>(calloc(g_service->n_families + 1, sizeof(uint32_t)));

@@ -194,26 +194,24 @@ bool read_store(uint32_t store, Access access, Contents &out)
 
 // ---- what a file has ----
 
-int32_t plan_saved(Plan &plan, json_object *tree, const bv_service_family &listed, Meaning meaning,
-                   Words &words)
+int32_t plan_saved(Plan &plan, json_object *tree, const bv_service_family &listed)
 {
-    return plan_family(plan, listed, bv_json_object_object_get(tree, listed.name), meaning, words);
+    return plan_family(plan, listed, bv_json_object_object_get(tree, listed.name));
 }
 
-// Whether a file has a family as it is in memory.
+// Whether a file has a family as it is in memory. One without instances is saved with instance 1.
 bool is_saved(json_object *tree, const bv_service_family &listed)
 {
     const Family family(listed);
-    Plan plan;
-    Words words;
-    if (plan_saved(plan, tree, listed, Meaning::Saved, words) != BV_OK)
+    Plan plan(Meaning::Saved);
+    if (plan_saved(plan, tree, listed) != BV_OK)
         return false;
     drop_equal(plan);
-    const Change *change = plan.first;
-    if (change == nullptr || family.record->inst_count != 0)
-        return change == nullptr;
-    return change->next == nullptr && change->number == 1 &&
-           same_values(family, change->is, family.record->default_image);
+    for (const Change &change : changes_of(plan))
+        if (family.record->inst_count != 0 || change.number != 1 ||
+            !same_values(family, change.is, family.record->default_image))
+            return false;
+    return true;
 }
 
 bool are_saved(json_object *tree, uint32_t store)
@@ -336,11 +334,9 @@ int32_t save(uint32_t store)
 // Without memory some instances may be missing: the service must not go on.
 bool fill(const bv_service_family &listed, json_object *tree)
 {
-    Plan plan;
-    Words words;
+    Plan plan(Meaning::Load);
     bv_db_data_free(Family(listed).record);
-    return plan_saved(plan, tree, listed, Meaning::Load, words) == BV_OK &&
-           make(plan, How::Load, words) == BV_OK;
+    return plan_saved(plan, tree, listed) == BV_OK && make(plan) == BV_OK;
 }
 
 int load_store(uint32_t store)
@@ -415,28 +411,12 @@ json_object *bv::service::Files::tree_of(uint32_t store)
     return file.tree;
 }
 
-int32_t bv::service::plan_back(Plan &plan, const bv_service_family &family, Files *files,
-                               Words &words)
+int32_t bv::service::plan_back(Plan &plan, const bv_service_family &family, Files *files)
 {
     json_object *tree = files != nullptr ? files->tree_of(family.store) : nullptr;
     if (files != nullptr && tree == nullptr)
-        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPaths[family.store]);
-    return plan_saved(plan, tree, family, Meaning::Saved, words);
-}
-
-int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Files &files,
-                               Words &words)
-{
-    Plan plan;
-    const int32_t status = plan_back(plan, family, &files, words);
-    if (status != BV_OK)
-        return status;
-    out.item("[");
-    for (const Change &change : plan)
-        if (change.is != nullptr)
-            put_instance(out, change.family, change.number, change.is);
-    out.put("]");
-    return BV_OK;
+        return plan.words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPaths[family.store]);
+    return plan_saved(plan, tree, family);
 }
 
 const StoreState &bv::service::store_state()
@@ -466,13 +446,12 @@ int32_t commit(uint32_t first, uint32_t last)
 
 int32_t take_back(const char *family, Files *files)
 {
-    Plan plan;
-    Words words;
-    const bv_service_family *listed = find_listed(family, words);
+    Plan plan(Meaning::Saved);
+    const bv_service_family *listed = find_listed(family, plan.words);
     if (listed == nullptr)
         return BV_ERR_NO_FAMILY;
-    const int32_t status = plan_back(plan, *listed, files, words);
-    return status == BV_OK ? make(plan, How::Undo, words) : status;
+    const int32_t status = plan_back(plan, *listed, files);
+    return status == BV_OK ? make(plan) : status;
 }
 
 } // namespace

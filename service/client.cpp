@@ -60,13 +60,14 @@ ubus_context *connect_and_keep_signals()
     static constexpr int kTaken[] = {SIGINT, SIGTERM, SIGCHLD};
     const int count = g_service == nullptr ? 3 : 2;
     struct sigaction old[3];
-    sigset_t taken, before;
-    sigemptyset(&taken);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    sigset_t blocked = before;
     for (int i = 0; i < count; ++i) {
         sigaction(kTaken[i], nullptr, &old[i]);
-        sigaddset(&taken, kTaken[i]);
+        sigaddset(&blocked, kTaken[i]);
     }
-    pthread_sigmask(SIG_BLOCK, &taken, &before);
+    pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
     ubus_context *connection = bv_ubus_connect(nullptr);
     for (int i = 0; i < count; ++i)
         sigaction(kTaken[i], &old[i], nullptr);
@@ -391,7 +392,7 @@ struct Watch {
     const char *family; // or null
     bv_service_changed_cb changed;
     void *priv;
-    json_object *known; // "service/family" to its counter
+    json_object *known; // the counters that each service had
 };
 
 // Calls back for the families of a service whose counters are not known.
@@ -400,20 +401,19 @@ int32_t look_at(const Watch &watch, const char *service)
     Request request = {watch.client, "counters", nullptr};
     const int32_t status = ask(request, service);
     const bool has_answer = status == BV_OK && request.answer.length != 0;
-    const bv::JsonTree counters(has_answer ? bv_json_tokener_parse(request.answer.bytes) : nullptr);
+    bv::JsonTree counters(has_answer ? bv_json_tokener_parse(request.answer.bytes) : nullptr);
+    json_object *before = bv_json_object_object_get(watch.known, service);
     bool found = watch.family == nullptr;
     for (const Members::Member &member : Members(counters.get())) {
         if (watch.family != nullptr && strcmp(member.name(), watch.family) != 0)
             continue;
         found = true;
-        char key[1200];
-        snprintf(key, sizeof(key), "%s/%s", service, member.name());
-        if (!watch.client.is_watching ||
-            json_object_equal(bv_json_object_object_get(watch.known, key), member.value()) != 0)
-            continue;
-        json_object_object_add(watch.known, key, json_object_get(member.value()));
-        watch.changed(service, member.name(), watch.priv);
+        json_object *counter = bv_json_object_object_get(before, member.name());
+        if (watch.client.is_watching && json_object_equal(counter, member.value()) == 0)
+            watch.changed(service, member.name(), watch.priv);
     }
+    if (counters)
+        json_object_object_add(watch.known, service, counters.release());
     return status != BV_OK || found ? status : static_cast<int32_t>(BV_ERR_NO_FAMILY);
 }
 
@@ -556,7 +556,7 @@ int32_t bv_service_watch(struct bv_service_client *client, const char *family,
 {
     if (client == nullptr || changed == nullptr)
         return BV_ERR_NULL;
-    const bv::JsonTree known(json_object_new_object());
+    const bv::JsonTree known(bv_json_tokener_parse("{}"));
     if (!known)
         return BV_ERR_MEMORY;
     client->is_watching = true;

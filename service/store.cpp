@@ -183,7 +183,7 @@ bool read_store(uint32_t store, Access access, Contents &out)
     if (missing) {
         out.clear();
         out.from = "defaults";
-        out.tree = json_object_new_object();
+        out.tree = bv_json_tokener_parse("{}");
     } else if (access != Access::Look && (error == ENOENT || is_damage(error))) {
         say("%s: %s, and %s.good cannot be used: repair or remove them", g_file, why, g_file);
     } else if (access != Access::Look) {

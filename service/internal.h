@@ -102,18 +102,20 @@ struct Family {
 
 // The families that the service lists, the descriptors and the instances of a family; for range-for
 // loops.
-struct Listed {
-    static const bv_service_family *begin() { return g_service->families; }
-    static const bv_service_family *end() { return g_service->families + g_service->n_families; }
+template <typename Item>
+struct Range {
+    const Item *first;
+    size_t count;
+    const Item *begin() const { return first; }
+    const Item *end() const { return first + count; }
 };
-struct Parameters {
-    const bv_db_family &record;
-    const bv_db_para *begin() const { return record.para; }
-    const bv_db_para *end() const { return record.para + record.para_count; }
-};
-inline Parameters parameters(const Family &family)
+inline Range<bv_service_family> families()
 {
-    return {*family.record};
+    return {g_service->families, g_service->n_families};
+}
+inline Range<bv_db_para> parameters(const Family &family)
+{
+    return {family.record->para, static_cast<size_t>(family.record->para_count)};
 }
 inline auto instances(const Family &family)
 {

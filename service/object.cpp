@@ -71,7 +71,7 @@ int32_t each_family(Call &call)
             return call.invalid("the numbers of instances are not an array");
     }
     int32_t status = BV_OK;
-    for (const bv_service_family &listed : Listed()) {
+    for (const bv_service_family &listed : families()) {
         json_object *numbers = bv_json_object_object_get(call.data, listed.name);
         if (status == BV_OK && (call.data == nullptr || numbers != nullptr))
             status = call.operation->visit(call, Family(listed), numbers);
@@ -92,7 +92,7 @@ int32_t find_instance(Call &call, const Family &family, int32_t number, const bv
 
 int32_t put_family(Call &call, const Family &family, json_object *)
 {
-    static constexpr const char *kStores[] = {"user", "private", "factory"};
+    static constexpr char kStores[][8] = {"user", "private", "factory"};
     Text &out = call.out;
     out.item("\"%s\":{\"size\":%" PRIu32
              ",\"store\":\"%s\",\"hidden\":%s,\"count\":\"%s\",\"instances\":[",

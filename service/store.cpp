@@ -21,8 +21,8 @@ constexpr int kLockStepMs = 10;
 constexpr int kReadTries = 5;
 constexpr int kReadStepMs = 100;
 
-constexpr const char *kPaths[] = {"/config/work/userdata.json", "/config/work/privdata.json",
-                                  "/config/factory/factory.json"};
+constexpr char kPaths[][32] = {"/config/work/userdata.json", "/config/work/privdata.json",
+                               "/config/factory/factory.json"};
 constexpr uint32_t kStores = sizeof kPaths / sizeof *kPaths;
 
 StoreState g_state = {"defaults", 0, BV_OK};
@@ -37,7 +37,7 @@ using File = bv::Owned<int, -1, close_file>;
 
 bool is_used(uint32_t store)
 {
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (family.store == store)
             return true;
     return false;
@@ -45,16 +45,17 @@ bool is_used(uint32_t store)
 
 // ---- files ----
 
-// The data file that is worked on, and what is beside it: at most two of these are used at a time.
+// The data file that is worked on, the next one and the last one.
 char g_file[kPathSize];
-char g_beside[2][kPathSize + 16];
+char g_tmp[kPathSize + 16];
+char g_good[kPathSize + 16];
 
+// Another one beside it; good until the next call.
 char *beside(const char *suffix)
 {
-    static int turn;
-    turn = 1 - turn;
-    snprintf(g_beside[turn], sizeof g_beside[turn], "%s%s", g_file, suffix);
-    return g_beside[turn];
+    static char path[kPathSize + 16];
+    snprintf(path, sizeof path, "%s%s", g_file, suffix);
+    return path;
 }
 
 // Follows a link, so that it stays one.
@@ -70,6 +71,8 @@ void choose_file(uint32_t store)
         char *last = *target == '/' ? g_file : strrchr(g_file, '/') + 1;
         snprintf(last, static_cast<size_t>(g_file + sizeof g_file - last), "%s", target);
     }
+    snprintf(g_tmp, sizeof g_tmp, "%s.tmp", g_file);
+    snprintf(g_good, sizeof g_good, "%s.good", g_file);
 }
 
 // Holds FILE.lock. Without it the file can be read, as it is replaced at once.
@@ -95,7 +98,7 @@ private:
 // file.
 bool write_beside(const Text &text, uint32_t from)
 {
-    const File file(open(beside(".tmp"), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const File file(open(g_tmp, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     if (!file)
         return false;
     for (uint32_t done = from; done < text.length;) {
@@ -105,7 +108,7 @@ bool write_beside(const Text &text, uint32_t from)
         done += static_cast<uint32_t>(wrote);
     }
     struct stat old;
-    if ((stat(g_file, &old) == 0 || stat(beside(".good"), &old) == 0) &&
+    if ((stat(g_file, &old) == 0 || stat(g_good, &old) == 0) &&
         (fchown(file.get(), old.st_uid, old.st_gid) != 0 ||
          fchmod(file.get(), old.st_mode & 07777) != 0))
         return false;
@@ -115,12 +118,13 @@ bool write_beside(const Text &text, uint32_t from)
 // Puts the written file in place of the old one, which becomes .good if it is whole.
 bool put_in_place(bool is_whole)
 {
-    unlink(beside(".good.tmp"));
-    if (is_whole && link(g_file, beside(".good.tmp")) == 0)
-        rename(beside(".good.tmp"), beside(".good"));
+    const char *next_good = beside(".good.tmp");
+    unlink(next_good);
+    if (is_whole && link(g_file, next_good) == 0)
+        rename(next_good, g_good);
     else if (is_whole)
-        note("%s.good cannot be made: %s", g_file, strerror(errno));
-    if (rename(beside(".tmp"), g_file) != 0)
+        note("%s cannot be made: %s", g_good, strerror(errno));
+    if (rename(g_tmp, g_file) != 0)
         return false;
     char *folder = beside("");
     strrchr(folder, '/')[1] = '\0';
@@ -132,7 +136,7 @@ bool put_in_place(bool is_whole)
 // bare interface would begin a file with nothing but its own families.
 void restore(const Text &good)
 {
-    unlink(beside(".tmp"));
+    unlink(g_tmp);
     if (!write_beside(good, 0) || !put_in_place(false))
         note("%s cannot be restored: %s", g_file, strerror(errno));
 }
@@ -162,19 +166,19 @@ bool read_store(uint32_t store, Access access, Contents &out)
         if (error == 0 && tries > 1)
             bv_os_usleep(kReadStepMs * 1000);
     }
-    const char *suffix = "";
+    const char *path = g_file;
     const char *why = error == 0 ? "it is damaged" : strerror(error);
     bool missing = error == ENOENT;
     if (missing || is_damage(error)) {
         out.from = "good";
-        suffix = ".good";
-        if (read_file(beside(suffix), out)) {
+        path = g_good;
+        if (read_file(path, out)) {
             if (access == Access::Repair && !missing)
                 rename(g_file, beside(".bad"));
             if (access == Access::Repair)
                 restore(out.text);
             if (access != Access::Look)
-                say("%s: %s: taking %s.good, which was saved before", g_file, why, g_file);
+                say("%s: %s: taking %s, which was saved before", g_file, why, g_good);
             return true;
         }
         error = errno;
@@ -185,9 +189,9 @@ bool read_store(uint32_t store, Access access, Contents &out)
         out.from = "defaults";
         out.tree = bv_json_tokener_parse("{}");
     } else if (access != Access::Look && (error == ENOENT || is_damage(error))) {
-        say("%s: %s, and %s.good cannot be used: repair or remove them", g_file, why, g_file);
+        say("%s: %s, and %s cannot be used: repair or remove them", g_file, why, g_good);
     } else if (access != Access::Look) {
-        say("%s%s cannot be read: %s", g_file, suffix, strerror(error));
+        say("%s cannot be read: %s", path, strerror(error));
     }
     return missing && out.tree != nullptr;
 }
@@ -216,7 +220,7 @@ bool is_saved(json_object *tree, const bv_service_family &listed)
 
 bool are_saved(json_object *tree, uint32_t store)
 {
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (family.store == store && !is_saved(tree, family))
             return false;
     return true;
@@ -249,7 +253,7 @@ bool write_families(uint32_t store, const char *path)
     auto *records = static_cast<bv_db_reg *>(calloc(g_service->n_families, sizeof(bv_db_reg)));
     if (records == nullptr)
         return false;
-    for (const bv_service_family &family : Listed()) {
+    for (const bv_service_family &family : families()) {
         if (family.store != store)
             continue;
         bv_db_reg &one = records[count++];
@@ -267,9 +271,9 @@ bool write_all(uint32_t store, const Contents &present)
 {
     Contents written;
     Text &text = written.text;
-    unlink(beside(".tmp"));
+    unlink(g_tmp);
     errno = 0;
-    if (!write_families(store, beside(".tmp")) || !read_file(beside(".tmp"), written))
+    if (!write_families(store, g_tmp) || !read_file(g_tmp, written))
         return false;
     text.length -= kEndLength;
     const uint32_t ours = text.length;
@@ -278,7 +282,7 @@ bool write_all(uint32_t store, const Contents &present)
     text.put(kEnd);
     if (text.failed)
         errno = ENOMEM;
-    if (text.failed || !write_beside(text, ours) || !read_file(beside(".tmp"), written))
+    if (text.failed || !write_beside(text, ours) || !read_file(g_tmp, written))
         return false;
     errno = 0;
     return are_saved(written.tree, store) && has_others(written.tree, present.tree, store);
@@ -287,7 +291,7 @@ bool write_all(uint32_t store, const Contents &present)
 // Whether every value would come back from a file.
 bool check_families(uint32_t store)
 {
-    for (const bv_service_family &listed : Listed()) {
+    for (const bv_service_family &listed : families()) {
         if (listed.store != store)
             continue;
         const Family family(listed);
@@ -323,7 +327,7 @@ int32_t save(uint32_t store)
         return BV_OK;
     }
     const int error = errno;
-    unlink(beside(".tmp"));
+    unlink(g_tmp);
     say("%s cannot be saved: %s", g_file,
         error != 0 ? strerror(error) : "what was written is not complete: is the disk full?");
     return BV_ERR_WRITE_OPEN;
@@ -346,12 +350,36 @@ int load_store(uint32_t store)
     Contents contents;
     if (!read_store(store, lock.held() ? Access::Repair : Access::Load, contents))
         return BV_SERVICE_DATA;
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (family.store == store && !fill(family, contents.tree))
             return say("no memory for %s", family.name), BV_SERVICE_NO_MEMORY;
     if (strcmp(contents.from, "good") == 0 || strcmp(g_state.loaded, "defaults") == 0)
         g_state.loaded = contents.from;
     return BV_SERVICE_ENDED;
+}
+
+// ---- what the program calls ----
+
+int32_t commit(uint32_t first, uint32_t last)
+{
+    if (g_service == nullptr)
+        return BV_ERR_FAILED;
+    int32_t result = BV_OK;
+    for (uint32_t store = first; store <= last; ++store) {
+        const int32_t status = is_used(store) ? save(store) : BV_OK;
+        result = result != BV_OK ? result : status;
+    }
+    return g_state.saved_status = result;
+}
+
+int32_t take_back(const char *family, Files *files)
+{
+    Plan plan(Meaning::Saved);
+    const bv_service_family *listed = find_listed(family, plan.words);
+    if (listed == nullptr)
+        return BV_ERR_NO_FAMILY;
+    const int32_t status = plan_back(plan, *listed, files);
+    return status == BV_OK ? make(plan) : status;
 }
 
 } // namespace
@@ -393,7 +421,7 @@ int bv::service::load()
 {
     int status = BV_SERVICE_ENDED;
     g_state = {"defaults", 0, BV_OK};
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (status == BV_SERVICE_ENDED)
             status = load_template(family);
     for (uint32_t store = 0; store < kStores; ++store)
@@ -429,32 +457,6 @@ bool bv::service::is_unsaved(const bv_service_family &family, Files &files)
     json_object *tree = files.tree_of(family.store);
     return tree == nullptr || !is_saved(tree, family);
 }
-
-namespace {
-
-int32_t commit(uint32_t first, uint32_t last)
-{
-    if (g_service == nullptr)
-        return BV_ERR_FAILED;
-    int32_t result = BV_OK;
-    for (uint32_t store = first; store <= last; ++store) {
-        const int32_t status = is_used(store) ? save(store) : BV_OK;
-        result = result != BV_OK ? result : status;
-    }
-    return g_state.saved_status = result;
-}
-
-int32_t take_back(const char *family, Files *files)
-{
-    Plan plan(Meaning::Saved);
-    const bv_service_family *listed = find_listed(family, plan.words);
-    if (listed == nullptr)
-        return BV_ERR_NO_FAMILY;
-    const int32_t status = plan_back(plan, *listed, files);
-    return status == BV_OK ? make(plan) : status;
-}
-
-} // namespace
 
 int32_t bv_service_commit()
 {

@@ -25,7 +25,7 @@ uint8_t g_room[kRoom];
 
 const bv_service_family *find_family(const char *name, size_t length)
 {
-    for (const bv_service_family &listed : Listed())
+    for (const bv_service_family &listed : families())
         if (strncmp(listed.name, name, length) == 0 && listed.name[length] == '\0')
             return &listed;
     return nullptr;

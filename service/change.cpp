@@ -66,22 +66,6 @@ bool is_import(Meaning meaning)
     return meaning == Meaning::Import || meaning == Meaning::Check;
 }
 
-// Whether the instance that a request names suits what is meant.
-int32_t check_instance(Plan &plan, const Change &change)
-{
-    const char *name = change.family.name();
-    const Meaning meaning = plan.meaning;
-    const bool exists = change.present != nullptr;
-    if (change.named)
-        return plan.words.refuse(BV_ERR_INVALID, "%s.%d: named twice", name, change.number);
-    if (exists && meaning == Meaning::Add)
-        return plan.words.refuse(BV_ERR_EXISTS, "%s.%d: already exists", name, change.number);
-    if (!exists && meaning != Meaning::Add && !is_import(meaning))
-        return plan.words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", name,
-                                 change.number);
-    return BV_OK;
-}
-
 // The elements of one family.
 struct Elements {
     Plan &plan;
@@ -136,12 +120,26 @@ struct Elements {
                    : words.refuse(BV_ERR_FULL, "%s: the number is too high", family.name());
     }
 
+    // Whether the instance that a request names suits what is meant.
+    int32_t check_instance(const Change &change)
+    {
+        const char *name = family.name();
+        const bool exists = change.present != nullptr;
+        if (change.named)
+            return words.refuse(BV_ERR_INVALID, "%s.%d: named twice", name, change.number);
+        if (exists && meaning == Meaning::Add)
+            return words.refuse(BV_ERR_EXISTS, "%s.%d: already exists", name, change.number);
+        if (!exists && meaning != Meaning::Add && !is_import(meaning))
+            return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", name, change.number);
+        return BV_OK;
+    }
+
     // In a file, a parameter that an element lacks is as in the element before.
     const void *base_of(const Change &change) const
     {
-        return meaning == Meaning::Set                 ? change.present->image
-               : is_file(meaning) && before != nullptr ? before
-                                                       : family.record->default_image;
+        if (meaning == Meaning::Set && change.present != nullptr)
+            return change.present->image;
+        return is_file(meaning) && before != nullptr ? before : family.record->default_image;
     }
 
     // Sets what the "para" of an element names.
@@ -186,7 +184,7 @@ struct Elements {
         if (change == nullptr)
             return words.no_memory();
         if (!is_file(meaning))
-            status = check_instance(plan, *change);
+            status = check_instance(*change);
         if (status != BV_OK)
             return status;
         highest = change->number > highest ? change->number : highest;
@@ -323,7 +321,7 @@ int32_t bv::service::plan_instance(Plan &plan, const bv_service_family &listed, 
     if (change == nullptr)
         return plan.words.no_memory();
     const int32_t status =
-        image == nullptr ? check_instance(plan, *change)
+        image == nullptr ? all.check_instance(*change)
                          : check_image(all.family, static_cast<const uint8_t *>(image), plan.words);
     change->named = true;
     return status == BV_OK && image != nullptr && !set_image(*change, image)

@@ -47,13 +47,14 @@ function(bv_without_cxx_runtime target)
 endfunction()
 
 # bv_small(TARGET): for code that waits for people and files, so that only its size counts. MIPS16
-# instructions, which OpenWrt uses for the packages of machines that have them, save a third.
+# instructions, which OpenWrt uses for the packages of machines that have them, save a third. They
+# have few registers, which gcc's expensive optimisations fill with values that then go to the stack.
 # Everything is bound at the start, so the stubs that MIPS has for binding later are left out.
 function(bv_small target)
   target_compile_options(${target} PRIVATE -Os -ffunction-sections -fdata-sections)
   target_link_options(${target} PRIVATE -Wl,--gc-sections)
   if(BV_MIPS16)
-    target_compile_options(${target} PRIVATE -mips16)
+    target_compile_options(${target} PRIVATE -mips16 -fno-expensive-optimizations)
   endif()
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^mips")
     target_link_options(${target} PRIVATE "-Wl,-T,${PROJECT_SOURCE_DIR}/cmake/no-lazy-stubs.ld")

@@ -19,17 +19,10 @@ int compare(const void *a, const void *b)
     return one.number < other.number ? -1 : one.number > other.number ? 1 : 0;
 }
 
-// The list keeps the changes.
-void drop_tree(Plan &plan)
+void free_change(void *change)
 {
-    tdestroy(plan.tree, [](void *) {});
-    plan.tree = nullptr;
-}
-
-void drop_change(Change *change)
-{
-    free(change->is);
-    free(change->was);
+    free(static_cast<Change *>(change)->is);
+    free(static_cast<Change *>(change)->was);
     free(change);
 }
 
@@ -37,34 +30,17 @@ void drop_change(Change *change)
 // without memory.
 Change *change_of(Plan &plan, const Family &family, int32_t number)
 {
-    const Change key = {nullptr, family, number, nullptr, nullptr, nullptr, false, false};
-    void *found = tfind(&key, &plan.tree, compare);
-    if (found != nullptr)
-        return *static_cast<Change **>(found);
     auto *change = static_cast<Change *>(malloc(sizeof(Change)));
     if (change == nullptr)
         return nullptr;
-    *change = key;
-    if (tsearch(change, &plan.tree, compare) == nullptr) {
+    *change = {{}, family, number, nullptr, nullptr, nullptr, false, false};
+    void *found = tsearch(change, &plan.tree, compare);
+    Change *planned = found != nullptr ? *static_cast<Change **>(found) : nullptr;
+    if (planned == change)
+        bv::list_append(plan.changes, change->link);
+    else
         free(change);
-        return nullptr;
-    }
-    *plan.end_ = change;
-    plan.end_ = &change->next;
-    return change;
-}
-
-// Takes the instances of a family into the plan. False without memory.
-bool add_family(Plan &plan, const Family &family)
-{
-    for (bv_db_inst &instance : instances(family)) {
-        Change *change = change_of(plan, family, instance.number);
-        if (change == nullptr)
-            return false;
-        if (change->present == nullptr) // the first of a number counts
-            change->present = &instance;
-    }
-    return true;
+    return planned;
 }
 
 bool set_image(Change &change, const void *image)
@@ -75,7 +51,6 @@ bool set_image(Change &change, const void *image)
     memcpy(copy, image, change.family.size());
     free(change.is); // a file may name an instance twice
     change.is = copy;
-    change.named = true;
     return true;
 }
 
@@ -86,29 +61,34 @@ bool is_file(Meaning meaning)
     return meaning == Meaning::Load || meaning == Meaning::Saved;
 }
 
-// Whether the instance that an element names suits what is meant.
-int32_t check_instance(const Change &change, Meaning meaning, Words &words)
+bool is_import(Meaning meaning)
 {
-    const char *name = change.family.name();
-    const bool exists = change.present != nullptr;
-    if (change.named)
-        return words.refuse(BV_ERR_INVALID, "%s.%d: named twice", name, change.number);
-    if (meaning == Meaning::Add && exists)
-        return words.refuse(BV_ERR_EXISTS, "%s.%d: already exists", name, change.number);
-    if (meaning != Meaning::Add && meaning != Meaning::Import && !exists)
-        return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", name, change.number);
-    return BV_OK;
+    return meaning == Meaning::Import || meaning == Meaning::Check;
 }
 
 // The elements of one family.
 struct Elements {
     Plan &plan;
     const Family family;
-    const Meaning meaning;
-    Words &words;
+    const Meaning meaning = plan.meaning;
+    Words &words = plan.words;
     int32_t highest = 0;             // number
     const uint8_t *before = nullptr; // image of the last element
     Text noted = {};
+
+    // Takes the instances that there are into the plan. False without memory.
+    bool add_present()
+    {
+        for (bv_db_inst &instance : instances(family)) {
+            Change *change = change_of(plan, family, instance.number);
+            if (change == nullptr)
+                return false;
+            if (change->present == nullptr) // the first of a number counts
+                change->present = &instance;
+            highest = instance.number > highest ? instance.number : highest;
+        }
+        return true;
+    }
 
     // What a start cannot take from its file: a line for all instances, and without the value,
     // which may be a password.
@@ -140,12 +120,26 @@ struct Elements {
                    : words.refuse(BV_ERR_FULL, "%s: the number is too high", family.name());
     }
 
+    // Whether the instance that a request names suits what is meant.
+    int32_t check_instance(const Change &change)
+    {
+        const char *name = family.name();
+        const bool exists = change.present != nullptr;
+        if (change.named)
+            return words.refuse(BV_ERR_INVALID, "%s.%d: named twice", name, change.number);
+        if (exists && meaning == Meaning::Add)
+            return words.refuse(BV_ERR_EXISTS, "%s.%d: already exists", name, change.number);
+        if (!exists && meaning != Meaning::Add && !is_import(meaning))
+            return words.refuse(BV_ERR_NO_INSTANCE, "%s.%d: no such instance", name, change.number);
+        return BV_OK;
+    }
+
     // In a file, a parameter that an element lacks is as in the element before.
     const void *base_of(const Change &change) const
     {
-        return meaning == Meaning::Set                 ? change.present->image
-               : is_file(meaning) && before != nullptr ? before
-                                                       : family.record->default_image;
+        if (meaning == Meaning::Set && change.present != nullptr)
+            return change.present->image;
+        return is_file(meaning) && before != nullptr ? before : family.record->default_image;
     }
 
     // Sets what the "para" of an element names.
@@ -159,21 +153,9 @@ struct Elements {
                 continue;
             if (!is_file(meaning))
                 return status;
-            set_default(family, change.is, member.name());
             note_once(member.name(), "does not fit the template, and is left out");
         }
         return BV_OK;
-    }
-
-    // Finds the instance that an element of a request means.
-    int32_t find(json_object *inst, Change *&change)
-    {
-        int32_t number = 0;
-        const int32_t status = take_number(inst, number);
-        if (status != BV_OK)
-            return status;
-        change = change_of(plan, family, number);
-        return change == nullptr ? words.no_memory() : check_instance(*change, meaning, words);
     }
 
     int32_t take(json_object *element)
@@ -182,24 +164,29 @@ struct Elements {
         json_object *inst = is_delete ? element : bv_json_object_object_get(element, "inst");
         json_object *para = nullptr;
         const bool has_para = json_object_object_get_ex(element, "para", &para) != 0;
-        Change *change = nullptr;
+        const bool has_values = bv_json_object_is_type(para, json_type_object) != 0;
+        int32_t number = 0;
+        int32_t status = BV_OK;
         if (is_file(meaning)) {
-            int32_t number;
-            if (!number_of(inst, number) || bv_json_object_is_type(para, json_type_object) == 0)
+            if (!number_of(inst, number) || !has_values)
                 note_once("", "the file has an instance without a number or values");
             if (inst == nullptr || para == nullptr)
                 return BV_OK;
-            change = change_of(plan, family, bv_json_object_get_int(inst));
-            if (change == nullptr)
-                return words.no_memory();
+            number = bv_json_object_get_int(inst); // what the database takes for a number
+        } else if (has_para && !has_values) {
+            status = words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object", family.name());
         } else {
-            if (has_para && bv_json_object_is_type(para, json_type_object) == 0)
-                return words.refuse(BV_ERR_INVALID, "%s: \"para\" must be an object",
-                                    family.name());
-            const int32_t status = find(inst, change);
-            if (status != BV_OK)
-                return status;
+            status = take_number(inst, number);
         }
+        if (status != BV_OK)
+            return status;
+        Change *change = change_of(plan, family, number);
+        if (change == nullptr)
+            return words.no_memory();
+        if (!is_file(meaning))
+            status = check_instance(*change);
+        if (status != BV_OK)
+            return status;
         highest = change->number > highest ? change->number : highest;
         change->named = true;
         if (is_delete)
@@ -216,10 +203,8 @@ struct Elements {
 
     int32_t take_all(json_object *elements)
     {
-        if (!add_family(plan, family))
+        if (!add_present())
             return words.no_memory();
-        for (const bv_db_inst &instance : instances(family))
-            highest = instance.number > highest ? instance.number : highest;
         if (elements != nullptr && bv_json_object_is_type(elements, json_type_array) == 0)
             note_once("", "the file has no list of instances, so all is as by default");
         int32_t status = BV_OK;
@@ -233,8 +218,8 @@ struct Elements {
                 return words.no_memory();
         }
         // What an import or a file does not name goes.
-        if (is_file(meaning) || meaning == Meaning::Import)
-            for (Change &change : plan)
+        if (is_file(meaning) || is_import(meaning))
+            for (Change &change : changes_of(plan))
                 change.named = change.named || change.family.listed == family.listed;
         return BV_OK;
     }
@@ -251,16 +236,17 @@ bool differs(const Change &change)
     return !same_values(change.family, change.present->image, change.is);
 }
 
-int32_t ask_checks(const Plan &plan, Words &words)
+int32_t ask_checks(Plan &plan)
 {
-    for (const Change &change : plan) {
+    for (const Change &change : changes_of(plan)) {
         const bv_service_check ask = change.family.listed->check;
         const uint8_t *was = change.present != nullptr ? change.present->image : nullptr;
         const uint32_t status =
             ask != nullptr ? ask(was, change.is, static_cast<uint32_t>(change.number)) : 0;
         if (status != 0)
-            return words.refuse(static_cast<int32_t>(status), "%s.%d: the service refuses this",
-                                change.family.name(), change.number);
+            return plan.words.refuse(static_cast<int32_t>(status),
+                                     "%s.%d: the service refuses this", change.family.name(),
+                                     change.number);
     }
     return BV_OK;
 }
@@ -269,7 +255,7 @@ int32_t ask_checks(const Plan &plan, Words &words)
 void tell(const Plan &plan)
 {
     const bv_service_family *told = nullptr;
-    for (const Change &change : plan) {
+    for (const Change &change : changes_of(plan)) {
         const bv_service_family *listed = change.family.listed;
         if (told != nullptr && told != listed)
             announce(*told);
@@ -302,81 +288,64 @@ bool prepare(Change &change)
 
 bv::service::Plan::~Plan()
 {
-    drop_tree(*this);
-    while (first != nullptr) {
-        Change *next = first->next;
-        drop_change(first);
-        first = next;
-    }
+    tdestroy(tree, free_change);
 }
 
-int32_t bv::service::plan_family(Plan &plan, const bv_service_family &listed, json_object *elements,
-                                 Meaning meaning, Words &words)
+int32_t bv::service::plan_family(Plan &plan, const bv_service_family &listed, json_object *elements)
 {
-    if (!is_file(meaning) && bv_json_object_is_type(elements, json_type_array) == 0)
-        return words.refuse(BV_ERR_INVALID, "%s: an array of instances is expected", listed.name);
-    return Elements{plan, Family(listed), meaning, words}.take_all(elements);
+    if (!is_file(plan.meaning) && bv_json_object_is_type(elements, json_type_array) == 0)
+        return plan.words.refuse(BV_ERR_INVALID, "%s: an array of instances is expected",
+                                 listed.name);
+    return Elements{plan, Family(listed)}.take_all(elements);
 }
 
-int32_t bv::service::plan_request(Plan &plan, json_object *data, Meaning meaning, Words &words)
+int32_t bv::service::plan_request(Plan &plan, json_object *data)
 {
     if (bv_json_object_is_type(data, json_type_object) == 0)
-        return words.refuse(BV_ERR_INVALID, "an object of families is expected");
+        return plan.words.refuse(BV_ERR_INVALID, "an object of families is expected");
     for (const Members::Member &member : Members(data)) {
-        const bv_service_family *listed = find_listed(member.name(), words);
-        const int32_t status = listed == nullptr
-                                   ? static_cast<int32_t>(BV_ERR_NO_FAMILY)
-                                   : plan_family(plan, *listed, member.value(), meaning, words);
+        const bv_service_family *listed = find_listed(member.name(), plan.words);
+        const int32_t status = listed != nullptr ? plan_family(plan, *listed, member.value())
+                                                 : static_cast<int32_t>(BV_ERR_NO_FAMILY);
         if (status != BV_OK)
             return status;
     }
     return BV_OK;
 }
 
-int32_t bv::service::plan_instance(Plan &plan, const char *family, int32_t number,
-                                   const void *image, Words &words)
+int32_t bv::service::plan_instance(Plan &plan, const bv_service_family &listed, int32_t number,
+                                   const void *image)
 {
-    const bv_service_family *listed = find_listed(family, words);
-    if (listed == nullptr)
-        return BV_ERR_NO_FAMILY;
-    const Family known(*listed);
-    Change *change = add_family(plan, known) ? change_of(plan, known, number) : nullptr;
+    Elements all = {plan, Family(listed)};
+    Change *change = all.add_present() ? change_of(plan, all.family, number) : nullptr;
     if (change == nullptr)
-        return words.no_memory();
-    if (image == nullptr) {
-        const int32_t status = check_instance(*change, Meaning::Delete, words);
-        change->named = true;
-        return status;
-    }
-    const int32_t status = check_image(known, static_cast<const uint8_t *>(image), words);
-    return status == BV_OK && !set_image(*change, image) ? words.no_memory() : status;
+        return plan.words.no_memory();
+    const int32_t status =
+        image == nullptr ? all.check_instance(*change)
+                         : check_image(all.family, static_cast<const uint8_t *>(image), plan.words);
+    change->named = true;
+    return status == BV_OK && image != nullptr && !set_image(*change, image)
+               ? plan.words.no_memory()
+               : status;
 }
 
 void bv::service::drop_equal(Plan &plan)
 {
-    drop_tree(plan);
-    for (Change **at = &plan.first; *at != nullptr;) {
-        Change *change = *at;
-        if (differs(*change)) {
-            at = &change->next;
-        } else {
-            *at = change->next;
-            drop_change(change);
-        }
-    }
+    for (Change &change : each_removable<Change>(plan.changes))
+        if (!differs(change))
+            bv::list_unlink(change.link);
 }
 
-int32_t bv::service::make(Plan &plan, How how, Words &words)
+int32_t bv::service::make(Plan &plan)
 {
     drop_equal(plan);
-    const bool asks = how == How::Request || how == How::Check;
-    const int32_t status = asks ? ask_checks(plan, words) : BV_OK;
-    if (status != BV_OK || how == How::Check)
+    const int32_t status = is_file(plan.meaning) ? BV_OK : ask_checks(plan);
+    if (status != BV_OK || plan.meaning == Meaning::Check)
         return status;
     bool ready = true;
-    for (Change &change : plan)
+    for (Change &change : changes_of(plan))
         ready = ready && prepare(change);
-    for (const Change &change : plan) {
+    for (const Change &change : changes_of(plan)) {
         bv_db_family *record = change.family.record;
         if (ready ? change.is == nullptr : change.added)
             bv_db_data_del_inst(record, change.present);
@@ -384,17 +353,32 @@ int32_t bv::service::make(Plan &plan, How how, Words &words)
             bv_db_data_set_context(record, change.present, change.is, change.family.size());
     }
     if (!ready)
-        return words.no_memory();
-    if (how != How::Load)
+        return plan.words.no_memory();
+    if (plan.meaning != Meaning::Load)
         tell(plan);
     return BV_OK;
 }
 
+void bv::service::put_planned(Text &out, const Plan &plan)
+{
+    const bv_service_family *last = nullptr;
+    for (const Change &change : changes_of(plan)) {
+        if (change.is == nullptr)
+            continue;
+        if (change.family.listed != last)
+            out.item(last == nullptr ? "{\"%s\":[" : "],\"%s\":[", change.family.name());
+        last = change.family.listed;
+        put_instance(out, change.family, change.number, change.is);
+    }
+    out.put(last == nullptr ? "{}" : "]}");
+}
+
 int32_t bv_service_change(const char *family, const void *image, uint32_t instance)
 {
-    Plan plan;
-    Words words;
-    const int32_t status =
-        plan_instance(plan, family, static_cast<int32_t>(instance), image, words);
-    return status == BV_OK ? make(plan, How::Request, words) : status;
+    Plan plan(Meaning::Set);
+    const bv_service_family *listed = find_listed(family, plan.words);
+    if (listed == nullptr)
+        return BV_ERR_NO_FAMILY;
+    const int32_t status = plan_instance(plan, *listed, static_cast<int32_t>(instance), image);
+    return status == BV_OK ? make(plan) : status;
 }

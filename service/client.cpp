@@ -36,7 +36,8 @@ int64_t now_ms()
 {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    // 32 bits hold the seconds since the boot, and are quick to multiply.
+    return int64_t{static_cast<uint32_t>(now.tv_sec)} * 1000 + now.tv_nsec / 1000000;
 }
 
 // ---- the connection ----
@@ -59,13 +60,14 @@ ubus_context *connect_and_keep_signals()
     static constexpr int kTaken[] = {SIGINT, SIGTERM, SIGCHLD};
     const int count = g_service == nullptr ? 3 : 2;
     struct sigaction old[3];
-    sigset_t taken, before;
-    sigemptyset(&taken);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    sigset_t blocked = before;
     for (int i = 0; i < count; ++i) {
         sigaction(kTaken[i], nullptr, &old[i]);
-        sigaddset(&taken, kTaken[i]);
+        sigaddset(&blocked, kTaken[i]);
     }
-    pthread_sigmask(SIG_BLOCK, &taken, &before);
+    pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
     ubus_context *connection = bv_ubus_connect(nullptr);
     for (int i = 0; i < count; ++i)
         sigaction(kTaken[i], &old[i], nullptr);
@@ -115,19 +117,17 @@ int32_t look_up(Client &client, const char *path, ubus_lookup_handler_t take, Fo
 // ---- one request ----
 
 struct Request {
+    Client &client;
     const char *op;
     const char *data; // or null
+    Text answer = {}; // as far as it came
+    // Of the last reply:
+    int32_t status = 0;
+    uint32_t generation = 0;
+    uint32_t total = 0;
 };
 
-struct Reply {
-    Text &answer; // the part is appended
-    Words &words;
-    int32_t status;
-    uint32_t generation;
-    uint32_t total;
-};
-
-void take_reply(ubus_request *request, int, blob_attr *message)
+void take_reply(ubus_request *bus_request, int, blob_attr *message)
 {
     enum { kStatus, kWords, kGeneration, kTotal, kData, kCount };
     static constexpr blobmsg_policy kFields[] = {{"status", BLOBMSG_TYPE_INT32},
@@ -135,21 +135,19 @@ void take_reply(ubus_request *request, int, blob_attr *message)
                                                  {"generation", BLOBMSG_TYPE_INT32},
                                                  {"total", BLOBMSG_TYPE_INT32},
                                                  {"data", BLOBMSG_TYPE_STRING}};
-    Reply &reply = *static_cast<Reply *>(request->priv);
+    Request &request = *static_cast<Request *>(bus_request->priv);
     blob_attr *fields[kCount];
-    if (reply.status != UBUS_STATUS_PARSE_ERROR || // a second one
-        bv_blobmsg_parse(kFields, kCount, fields, bv_blob_data(message),
-                         static_cast<unsigned>(bv_blob_len(message))) != 0 ||
-        fields[kStatus] == nullptr || fields[kGeneration] == nullptr || fields[kTotal] == nullptr)
+    if (request.status != UBUS_STATUS_PARSE_ERROR || // a second one
+        !parse_message(message, kFields, kCount, fields) || fields[kStatus] == nullptr ||
+        fields[kGeneration] == nullptr || fields[kTotal] == nullptr)
         return;
-    reply.status = static_cast<int32_t>(bv_blobmsg_get_u32(fields[kStatus]));
-    reply.generation = bv_blobmsg_get_u32(fields[kGeneration]);
-    reply.total = bv_blobmsg_get_u32(fields[kTotal]);
+    request.status = static_cast<int32_t>(bv_blobmsg_get_u32(fields[kStatus]));
+    request.generation = bv_blobmsg_get_u32(fields[kGeneration]);
+    request.total = bv_blobmsg_get_u32(fields[kTotal]);
     if (fields[kWords] != nullptr)
-        snprintf(reply.words.text, sizeof(reply.words.text), "%s",
-                 bv_blobmsg_get_string(fields[kWords]));
+        request.client.words.refuse(0, "%s", bv_blobmsg_get_string(fields[kWords]));
     if (fields[kData] != nullptr)
-        reply.answer.put(bv_blobmsg_get_string(fields[kData]));
+        request.answer.put(bv_blobmsg_get_string(fields[kData]));
 }
 
 // What the bus says of a request that no kit's object got: where owners connect again, the number
@@ -161,54 +159,55 @@ bool is_elsewhere(int32_t status)
 }
 
 // Asks for the part of the answer that is missing.
-int32_t ask_for_part(Client &client, uint32_t id, const Request &request, Reply &reply)
+int32_t ask_for_part(Request &request, uint32_t id)
 {
     const bool reads = is_read(request.op, request.data != nullptr);
-    blob_buf message = {};
-    int failed = bv_blobmsg_buf_init(&message);
-    failed |= bv_blobmsg_add_u32(&message, "version", kMessageVersion);
-    failed |= bv_blobmsg_add_string(&message, "op", request.op);
+    BusMessage message;
+    message.put("version", kMessageVersion);
+    message.put("op", request.op);
     if (request.data != nullptr)
-        failed |= bv_blobmsg_add_string(&message, "data", request.data);
-    failed |= bv_blobmsg_add_u32(&message, "offset", reply.answer.length);
-    failed |= bv_blobmsg_add_u32(&message, "generation", reply.generation);
+        message.put("data", request.data);
+    message.put("offset", request.answer.length);
+    message.put("generation", request.generation);
     int32_t status = UBUS_STATUS_NO_MEMORY;
     const int limit = strcmp(request.op, "commit") == 0 ? kCommitTimeoutMs : kCallTimeoutMs;
-    reply.status = UBUS_STATUS_PARSE_ERROR; // until there is one
-    if (failed == 0)
-        status = bv_ubus_invoke(client.connection, id, reads ? "read" : "write", message.head,
-                                take_reply, &reply, limit);
-    bv_blob_buf_free(&message);
-    client.was_sent = !reads && !is_elsewhere(status);
-    return status != UBUS_STATUS_OK ? status : reply.status;
+    request.status = UBUS_STATUS_PARSE_ERROR; // until there is one
+    if (!message.failed)
+        status = bv_ubus_invoke(request.client.connection, id, reads ? "read" : "write",
+                                message.buffer.head, take_reply, &request, limit);
+    request.client.was_sent = !reads && !is_elsewhere(status);
+    return status != UBUS_STATUS_OK ? status : request.status;
 }
 
 // Asks for one part after the other. kStartAgain when the answer has changed meanwhile.
-int32_t ask_for_all(Client &client, uint32_t id, const Request &request, Text &answer)
+int32_t ask_for_all(Request &request, uint32_t id)
 {
-    answer.length = 0;
-    Reply reply = {answer, client.words, 0, 0, 0};
+    const Text &answer = request.answer;
+    request.answer.length = 0;
+    request.generation = 0;
     do {
-        const Reply before = reply;
         const uint32_t length = answer.length;
-        const int32_t status = ask_for_part(client, id, request, reply);
+        const uint32_t generation = request.generation;
+        const uint32_t total = request.total;
+        const int32_t status = ask_for_part(request, id);
         if (status != BV_OK)
             return status;
         if (answer.failed)
             return BV_ERR_MEMORY;
-        if (length != 0 && (reply.generation != before.generation || reply.total != before.total))
+        if (length != 0 && (request.generation != generation || request.total != total))
             return kStartAgain;
-        if (reply.total > kMaxText || answer.length > reply.total ||
-            (answer.length == length && length < reply.total))
+        if (request.total > kMaxText || answer.length > request.total ||
+            (answer.length == length && length < request.total))
             return UBUS_STATUS_PARSE_ERROR;
-    } while (answer.length < reply.total);
+    } while (answer.length < request.total);
     return BV_OK;
 }
 
 // Sends a request to a service, and once again when the owner or the bus was restarted in the
 // middle, but a change only if it was not made.
-int32_t ask(Client &client, const char *service, const Request &request, Text &answer)
+int32_t ask(Request &request, const char *service)
 {
+    Client &client = request.client;
     char path[kMaxServiceName + sizeof(kObjectSuffix)];
     snprintf(path, sizeof(path), "%s%s", service, kObjectSuffix);
     const auto take_id = [](ubus_context *, ubus_object_data *object, void *found) {
@@ -222,7 +221,7 @@ int32_t ask(Client &client, const char *service, const Request &request, Text &a
             status = UBUS_STATUS_NOT_FOUND;
         if (status != UBUS_STATUS_OK)
             return status;
-        status = ask_for_all(client, object.id, request, answer);
+        status = ask_for_all(request, object.id);
         const bool is_lost = is_elsewhere(status) || status == UBUS_STATUS_CONNECTION_FAILED;
         const bool again = status == kStartAgain || (is_lost && start == 0);
         if (client.was_sent || !again) // a check may refuse with any code
@@ -240,9 +239,7 @@ bool has_methods(blob_attr *signature)
     static constexpr blobmsg_policy kMethods[] = {{"read", BLOBMSG_TYPE_TABLE},
                                                   {"write", BLOBMSG_TYPE_TABLE}};
     blob_attr *methods[2];
-    return signature != nullptr &&
-           bv_blobmsg_parse(kMethods, 2, methods, bv_blob_data(signature),
-                            static_cast<unsigned>(bv_blob_len(signature))) == 0 &&
+    return signature != nullptr && parse_message(signature, kMethods, 2, methods) &&
            methods[0] != nullptr && methods[1] != nullptr;
 }
 
@@ -280,8 +277,8 @@ int32_t find_owner(Client &client, const char *family, char *owner)
     if (status != BV_OK || data.failed)
         return status != BV_OK ? status : static_cast<int32_t>(BV_ERR_MEMORY);
     for (const char *name : services) {
-        Text answer;
-        status = ask(client, name, {"counters", data.bytes}, answer);
+        Request request = {client, "counters", data.bytes};
+        status = ask(request, name);
         if (status == BV_OK)
             snprintf(owner, kMaxServiceName + 1, "%s", name);
         if (status == BV_OK || status == UBUS_STATUS_CONNECTION_FAILED)
@@ -303,8 +300,9 @@ bool is_away(const Client &client, int32_t status)
 
 // Asks the family's owner, and again as long as it is away and the client waits. A change is not
 // sent twice.
-int32_t ask_owner(Client &client, const char *family, const Request &request, Text &answer)
+int32_t ask_owner(Request &request, const char *family)
 {
+    Client &client = request.client;
     const int64_t deadline = now_ms() + client.wait_ms;
     for (;;) {
         char owner[kMaxServiceName + 1];
@@ -316,7 +314,7 @@ int32_t ask_owner(Client &client, const char *family, const Request &request, Te
             status = family != nullptr ? find_owner(client, family, owner)
                                        : static_cast<int32_t>(UBUS_STATUS_NOT_FOUND);
         if (status == BV_OK)
-            status = ask(client, owner, request, answer);
+            status = ask(request, owner);
         if (!is_away(client, status) || client.was_sent || now_ms() >= deadline)
             return status;
         bv_os_usleep(kRetryMs * 1000);
@@ -324,8 +322,8 @@ int32_t ask_owner(Client &client, const char *family, const Request &request, Te
 }
 
 // Asks about one image: {"family":"lan.json","inst":"1", and how many bytes or which.
-int32_t ask_image(Client &client, const char *family, uint32_t instance, uint32_t size,
-                  const void *image, Text &answer)
+int32_t ask_image(Request &request, const char *family, uint32_t instance, uint32_t size,
+                  const void *image)
 {
     Text data;
     data.put("{\"family\":");
@@ -336,9 +334,8 @@ int32_t ask_image(Client &client, const char *family, uint32_t instance, uint32_
         data.hex(static_cast<const uint8_t *>(image), size);
     }
     data.put("}");
-    return data.failed ? BV_ERR_MEMORY
-                       : ask_owner(client, family, {image != nullptr ? "put" : "image", data.bytes},
-                                   answer);
+    request.data = data.bytes;
+    return data.failed ? BV_ERR_MEMORY : ask_owner(request, family);
 }
 
 // The family that the data of a request names first. Null if it names none.
@@ -364,13 +361,12 @@ int on_event(ubus_context *, ubus_object *listener, ubus_request_data *, const c
 
 void register_pattern(Client &client, const char *pattern)
 {
-    blob_buf message = {};
-    if (bv_blobmsg_buf_init(&message) == 0 &&
-        bv_blobmsg_add_u32(&message, "object", client.listener.id) == 0 &&
-        bv_blobmsg_add_string(&message, "pattern", pattern) == 0)
-        bv_ubus_invoke(client.connection, UBUS_SYSTEM_OBJECT_EVENT, "register", message.head,
+    BusMessage message;
+    message.put("object", client.listener.id);
+    message.put("pattern", pattern);
+    if (!message.failed)
+        bv_ubus_invoke(client.connection, UBUS_SYSTEM_OBJECT_EVENT, "register", message.buffer.head,
                        nullptr, nullptr, kCallTimeoutMs);
-    bv_blob_buf_free(&message);
 }
 
 // Asks the bus for the events of the service and of new objects, as a restarted service has. What
@@ -396,29 +392,28 @@ struct Watch {
     const char *family; // or null
     bv_service_changed_cb changed;
     void *priv;
-    json_object *known; // "service/family" to its counter
+    json_object *known; // the counters that each service had
 };
 
 // Calls back for the families of a service whose counters are not known.
 int32_t look_at(const Watch &watch, const char *service)
 {
-    Text answer;
-    const int32_t status = ask(watch.client, service, {"counters", nullptr}, answer);
-    const bool has_answer = status == BV_OK && answer.length != 0;
-    const bv::JsonTree counters(has_answer ? bv_json_tokener_parse(answer.bytes) : nullptr);
+    Request request = {watch.client, "counters", nullptr};
+    const int32_t status = ask(request, service);
+    const bool has_answer = status == BV_OK && request.answer.length != 0;
+    bv::JsonTree counters(has_answer ? bv_json_tokener_parse(request.answer.bytes) : nullptr);
+    json_object *before = bv_json_object_object_get(watch.known, service);
     bool found = watch.family == nullptr;
     for (const Members::Member &member : Members(counters.get())) {
         if (watch.family != nullptr && strcmp(member.name(), watch.family) != 0)
             continue;
         found = true;
-        char key[1200];
-        snprintf(key, sizeof(key), "%s/%s", service, member.name());
-        if (!watch.client.is_watching ||
-            json_object_equal(bv_json_object_object_get(watch.known, key), member.value()) != 0)
-            continue;
-        json_object_object_add(watch.known, key, json_object_get(member.value()));
-        watch.changed(service, member.name(), watch.priv);
+        json_object *counter = bv_json_object_object_get(before, member.name());
+        if (watch.client.is_watching && json_object_equal(counter, member.value()) == 0)
+            watch.changed(service, member.name(), watch.priv);
     }
+    if (counters)
+        json_object_object_add(watch.known, service, counters.release());
     return status != BV_OK || found ? status : static_cast<int32_t>(BV_ERR_NO_FAMILY);
 }
 
@@ -503,15 +498,14 @@ int32_t bv_service_get(struct bv_service_client *client, const char *family, voi
 {
     if (client == nullptr || family == nullptr || image == nullptr)
         return BV_ERR_NULL;
-    Text answer;
-    const int32_t status = ask_image(*client, family, instance, size, nullptr, answer);
+    Request request = {*client, "image", nullptr};
+    const int32_t status = ask_image(request, family, instance, size, nullptr);
     if (status != BV_OK)
         return status;
-    const char *digits = answer.bytes != nullptr ? answer.bytes + 1 : "";
-    if (strspn(digits, "0123456789abcdef") != size_t{2} * size)
-        return client->words.refuse(UBUS_STATUS_PARSE_ERROR, "the answer makes no sense");
-    read_hex(digits, static_cast<uint8_t *>(image), size);
-    return BV_OK;
+    const char *digits = request.answer.bytes != nullptr ? request.answer.bytes + 1 : "";
+    return read_hex(digits, static_cast<uint8_t *>(image), size)
+               ? BV_OK
+               : client->words.refuse(UBUS_STATUS_PARSE_ERROR, "the answer makes no sense");
 }
 
 int32_t bv_service_set(struct bv_service_client *client, const char *family, const void *image,
@@ -519,8 +513,8 @@ int32_t bv_service_set(struct bv_service_client *client, const char *family, con
 {
     if (client == nullptr || family == nullptr || image == nullptr)
         return BV_ERR_NULL;
-    Text answer;
-    return ask_image(*client, family, instance, size, image, answer);
+    Request request = {*client, "put", nullptr};
+    return ask_image(request, family, instance, size, image);
 }
 
 int32_t bv_service_request(struct bv_service_client *client, const char *op, const char *data,
@@ -531,11 +525,11 @@ int32_t bv_service_request(struct bv_service_client *client, const char *op, con
     if (client == nullptr || op == nullptr)
         return BV_ERR_NULL;
     const bv::JsonTree tree(data != nullptr ? bv_json_tokener_parse(data) : nullptr);
-    Text text;
-    const int32_t status = ask_owner(*client, family_in(tree.get()), {op, data}, text);
-    if (status == BV_OK && answer != nullptr && text.length != 0) {
-        *answer = text.bytes;
-        text.bytes = nullptr;
+    Request request = {*client, op, data};
+    const int32_t status = ask_owner(request, family_in(tree.get()));
+    if (status == BV_OK && answer != nullptr && request.answer.length != 0) {
+        *answer = request.answer.bytes;
+        request.answer.bytes = nullptr;
     }
     return status;
 }
@@ -562,7 +556,7 @@ int32_t bv_service_watch(struct bv_service_client *client, const char *family,
 {
     if (client == nullptr || changed == nullptr)
         return BV_ERR_NULL;
-    const bv::JsonTree known(json_object_new_object());
+    const bv::JsonTree known(bv_json_tokener_parse("{}"));
     if (!known)
         return BV_ERR_MEMORY;
     client->is_watching = true;

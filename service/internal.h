@@ -73,7 +73,8 @@ const char *text_of(json_object *value, size_t &length);
 // A whole number of 32 bits, in quotes or not.
 bool number_of(json_object *value, int32_t &number);
 
-// Takes what Text::hex() wrote, without the quotes. False for anything else.
+// Takes what Text::hex() wrote, without the quotes; after it must be something else than a digit.
+// False, with nothing taken, for anything else.
 bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
 
 // Appends the members of an object that are not of this store, byte for byte and with their
@@ -101,18 +102,20 @@ struct Family {
 
 // The families that the service lists, the descriptors and the instances of a family; for range-for
 // loops.
-struct Listed {
-    static const bv_service_family *begin() { return g_service->families; }
-    static const bv_service_family *end() { return g_service->families + g_service->n_families; }
+template <typename Item>
+struct Range {
+    const Item *first;
+    size_t count;
+    const Item *begin() const { return first; }
+    const Item *end() const { return first + count; }
 };
-struct Parameters {
-    const bv_db_family &record;
-    const bv_db_para *begin() const { return record.para; }
-    const bv_db_para *end() const { return record.para + record.para_count; }
-};
-inline Parameters parameters(const Family &family)
+inline Range<bv_service_family> families()
 {
-    return {*family.record};
+    return {g_service->families, g_service->n_families};
+}
+inline Range<bv_db_para> parameters(const Family &family)
+{
+    return {family.record->para, static_cast<size_t>(family.record->para_count)};
 }
 inline auto instances(const Family &family)
 {
@@ -128,10 +131,10 @@ const char *value_text(const bv_db_para &para, const uint8_t *value);
 // Whether every value of an image would come back from a data file: no quote, backslash or control
 // character, each string terminated in its len. The words name the parameter.
 int32_t check_image(const Family &family, const uint8_t *image, Words &words);
-// Sets a parameter of an image after it checked type, range and length.
+// Sets a parameter of an image after it checked type, range and length; what does not fit is
+// refused, and sets the default.
 int32_t set_value(const Family &family, uint8_t *image, const Members::Member &member,
                   Words &words);
-void set_default(const Family &family, uint8_t *image, const char *parameter);
 // Bytes after a text's NUL do not count.
 bool same_values(const Family &family, const uint8_t *a, const uint8_t *b);
 // Appends {"inst":"1","para":{...}}; without values for a hidden family.
@@ -139,9 +142,14 @@ void put_instance(Text &out, const Family &family, int32_t number, const uint8_t
 
 // ---- change.cpp ----
 
+// What the instances of a request (Set to Check) or of a data file (Load, Saved) mean. In a file,
+// what does not fit takes its default, which Load says; a family without instances has one with the
+// defaults, as it is saved.
+enum class Meaning : uint8_t { None, Set, Add, Delete, Import, Check, Load, Saved };
+
 // What is to become of one instance.
 struct Change {
-    Change *next;
+    bv_list_head link;
     Family family;
     int32_t number;
     bv_db_inst *present; // null: to be added
@@ -153,41 +161,33 @@ struct Change {
 
 // The changes of one request, those of a family together.
 struct Plan {
-    struct Iterator {
-        Change *at;
-        Change &operator*() const { return *at; }
-        void operator++() { at = at->next; }
-        bool operator!=(const Iterator &other) const { return at != other.at; }
-    };
-    Change *first = nullptr;
-    Change **end_ = &first;
-    void *tree = nullptr; // of tsearch(), by family and number
-    Plan() = default;
+    Meaning meaning;
+    Words words = {}; // why it is refused
+    bv_list_head changes;
+    void *tree = nullptr; // of tsearch(), by family and number: all that were ever planned
+    explicit Plan(Meaning of_request) : meaning(of_request) { list_init(changes); }
     Plan(const Plan &) = delete;
     ~Plan();
-    Iterator begin() const { return {first}; }
-    static Iterator end() { return {nullptr}; }
 };
-
-// What the instances of a request or of a data file (Load, Saved) mean. In a file, what does not
-// fit takes its default, which Load says; a family without instances has one with the defaults, as
-// it is saved.
-enum class Meaning { Set, Add, Delete, Import, Load, Saved };
+inline auto changes_of(const Plan &plan)
+{
+    return each<Change>(plan.changes);
+}
 
 // Plans what a request in the form of a data file wants. Nothing changes, whatever the result.
-int32_t plan_request(Plan &plan, json_object *data, Meaning meaning, Words &words);
+int32_t plan_request(Plan &plan, json_object *data);
 // The same for one family.
-int32_t plan_family(Plan &plan, const bv_service_family &listed, json_object *elements,
-                    Meaning meaning, Words &words);
+int32_t plan_family(Plan &plan, const bv_service_family &listed, json_object *elements);
 // Plans one instance; a null image deletes it.
-int32_t plan_instance(Plan &plan, const char *family, int32_t number, const void *image,
-                      Words &words);
+int32_t plan_instance(Plan &plan, const bv_service_family &listed, int32_t number,
+                      const void *image);
 // Leaves out what would not differ.
 void drop_equal(Plan &plan);
 // Asks the checks, makes all changes or none, calls `changed`, counts, and sends the events. Check
-// only asks; Undo does not ask; Load neither asks nor tells.
-enum class How { Request, Check, Undo, Load };
-int32_t make(Plan &plan, How how, Words &words);
+// only asks; Saved does not ask; Load neither asks nor tells.
+int32_t make(Plan &plan);
+// Appends what the planned instances are to be: {"lan.json":[...], ...}.
+void put_planned(Text &out, const Plan &plan);
 
 // ---- template.cpp ----
 
@@ -219,9 +219,7 @@ struct Files {
     json_object *tree_of(uint32_t store);
 };
 // Plans to take a family to what its data file has; without files, to its defaults.
-int32_t plan_back(Plan &plan, const bv_service_family &family, Files *files, Words &words);
-// The instances that the data file has, as put_instance() writes them: [...] of one family.
-int32_t put_saved(Text &out, const bv_service_family &family, Files &files, Words &words);
+int32_t plan_back(Plan &plan, const bv_service_family &family, Files *files);
 bool is_unsaved(const bv_service_family &family, Files &files);
 
 // For "status".
@@ -264,6 +262,18 @@ constexpr uint32_t kMaxPart = 65536;               // bytes of an answer in one 
 constexpr int32_t kStartAgain = BV_ERR_EMPTY;      // the answer is another one by now
 constexpr char kObjectSuffix[] = ".config";        // of the object's name
 constexpr char kEventSuffix[] = ".config.changed"; // of the event's
+// A message to the bus.
+struct BusMessage {
+    blob_buf buffer = {};
+    bool failed; // without memory
+    BusMessage();
+    BusMessage(const BusMessage &) = delete;
+    ~BusMessage();
+    void put(const char *name, uint32_t number);
+    void put(const char *name, const char *text);
+};
+// Takes the fields of a message apart; those that are missing are null.
+bool parse_message(blob_attr *message, const blobmsg_policy *policy, int count, blob_attr **fields);
 // Whether an operation belongs to the method `read`: the others change something.
 bool is_read(const char *op, bool has_data);
 

@@ -14,9 +14,6 @@ namespace bv::service {
 namespace {
 
 ubus_context *g_connection;
-blob_buf g_reply;
-blob_buf g_event;
-blob_buf g_event_data;
 
 uint32_t g_start_number; // of this start of the service, by chance
 uint32_t *g_changes;     // of each family since the start
@@ -25,15 +22,30 @@ uint32_t g_calls;
 uint32_t g_refused;
 uint32_t g_dropped; // events that could not be sent
 
+struct Operation;
+
 // A request that is answered.
 struct Call {
+    const Operation *operation;
     json_object *data; // or null
+    int32_t number;    // of the instance, where an operation has one
     Text out;
-    Words words;
-    Plan plan;
+    Plan plan{Meaning::None};
     Files files;
 
-    int32_t invalid(const char *what) { return words.refuse(BV_ERR_INVALID, "%s", what); }
+    int32_t invalid(const char *what) { return plan.words.refuse(BV_ERR_INVALID, "%s", what); }
+};
+
+// What is done with one family of a request. `numbers`: the array of instances that the request
+// names with it, or null.
+using Visit = int32_t (*)(Call &call, const Family &family, json_object *numbers);
+
+struct Operation {
+    char name[10];
+    bool is_read;
+    Meaning meaning; // of the plan that is made, or shown by a read operation
+    int32_t (*run)(Call &call);
+    Visit visit; // for those that run each_family() or such
 };
 
 // How often a family changed, and since which start.
@@ -46,26 +58,23 @@ struct Count {
     }
 };
 
-// `numbers`: the array of instances that the request names with the family, or null.
-using Visit = int32_t (*)(Call &call, const Family &family, json_object *numbers);
-
 // Visits the families that the data names, as in {"lan.json":["1"], ...}, all without data. Nothing
 // is visited when a name is wrong.
-int32_t each_family(Call &call, Visit visit)
+int32_t each_family(Call &call)
 {
     if (call.data != nullptr && !bv_json_object_is_type(call.data, json_type_object))
         return call.invalid("data is not an object of families");
     for (const Members::Member &member : Members(call.data)) {
-        if (find_listed(member.name(), call.words) == nullptr)
+        if (find_listed(member.name(), call.plan.words) == nullptr)
             return BV_ERR_NO_FAMILY;
         if (!bv_json_object_is_type(member.value(), json_type_array))
             return call.invalid("the numbers of instances are not an array");
     }
     int32_t status = BV_OK;
-    for (const bv_service_family &listed : Listed()) {
+    for (const bv_service_family &listed : families()) {
         json_object *numbers = bv_json_object_object_get(call.data, listed.name);
         if (status == BV_OK && (call.data == nullptr || numbers != nullptr))
-            status = visit(call, Family(listed), numbers);
+            status = call.operation->visit(call, Family(listed), numbers);
     }
     return status;
 }
@@ -75,15 +84,15 @@ int32_t find_instance(Call &call, const Family &family, int32_t number, const bv
     instance = bv_db_data_get_inst(family.record, number);
     return instance != nullptr
                ? BV_OK
-               : call.words.refuse(BV_ERR_NO_INSTANCE, "%s.%" PRId32 ": no such instance",
-                                   family.name(), number);
+               : call.plan.words.refuse(BV_ERR_NO_INSTANCE, "%s.%" PRId32 ": no such instance",
+                                        family.name(), number);
 }
 
 // ---- read ----
 
 int32_t put_family(Call &call, const Family &family, json_object *)
 {
-    static constexpr const char *kStores[] = {"user", "private", "factory"};
+    static constexpr char kStores[][8] = {"user", "private", "factory"};
     Text &out = call.out;
     out.item("\"%s\":{\"size\":%" PRIu32
              ",\"store\":\"%s\",\"hidden\":%s,\"count\":\"%s\",\"instances\":[",
@@ -130,12 +139,6 @@ int32_t put_instances(Call &call, const Family &family, json_object *numbers)
     return BV_OK;
 }
 
-int32_t put_saved_instances(Call &call, const Family &family, json_object *)
-{
-    call.out.item("\"%s\":", family.name());
-    return put_saved(call.out, *family.listed, call.files, call.words);
-}
-
 int32_t put_counter(Call &call, const Family &family, json_object *)
 {
     call.out.item("\"%s\":\"%s\"", family.name(), Count(*family.listed).text);
@@ -150,11 +153,10 @@ int32_t put_unsaved(Call &call, const Family &family, json_object *)
 }
 
 // An object with a member for each family.
-template <Visit visit>
 int32_t read_each(Call &call)
 {
     call.out.item("{");
-    const int32_t status = each_family(call, visit);
+    const int32_t status = each_family(call);
     call.out.put("}");
     return status;
 }
@@ -196,93 +198,74 @@ int32_t read_status(Call &call)
                   object_name(), getpid(), g_started, store.loaded, saved, store.saved_status,
                   g_calls, g_refused, g_dropped);
     call.data = nullptr; // of all families
-    each_family(call, put_unsaved);
+    each_family(call);
     call.out.put("]}");
     return BV_OK;
 }
 
 // ---- one image, for programs that know its structure ----
 
-// The family and the number that the data names. The caller must know the family's size.
-int32_t take_target(Call &call, const bv_service_family *&listed, int32_t &number)
+// Visits the family that the data names, with the number of the instance. The caller must know the
+// family's size.
+int32_t one_instance(Call &call)
 {
     const char *name = bv_json_object_get_string(bv_json_object_object_get(call.data, "family"));
     int32_t size = 0;
     number_of(bv_json_object_object_get(call.data, "size"), size);
-    listed = find_listed(name, call.words);
+    const bv_service_family *listed = find_listed(name, call.plan.words);
     if (listed == nullptr)
         return BV_ERR_NO_FAMILY;
     if (static_cast<uint32_t>(size) != listed->size)
-        return call.words.refuse(BV_ERR_INVALID,
-                                 "%s has %" PRIu32 " bytes in %s, and %" PRId32
-                                 " here: one of the two programs is older",
-                                 name, listed->size, g_service->name, size);
-    return number_of(bv_json_object_object_get(call.data, "inst"), number) && number != INT32_MAX
-               ? BV_OK
+        return call.plan.words.refuse(BV_ERR_INVALID,
+                                      "%s has %" PRIu32 " bytes in %s, and %" PRId32
+                                      " here: one of the two programs is older",
+                                      name, listed->size, g_service->name, size);
+    return number_of(bv_json_object_object_get(call.data, "inst"), call.number) &&
+                   call.number != INT32_MAX
+               ? call.operation->visit(call, Family(*listed), nullptr)
                : call.invalid("\"inst\" is not a number, or too high");
 }
 
-int32_t read_image(Call &call)
+int32_t put_image(Call &call, const Family &family, json_object *)
 {
-    const bv_service_family *listed;
     const bv_db_inst *instance;
-    int32_t number = 0;
-    int32_t status = take_target(call, listed, number);
-    if (status != BV_OK)
-        return status;
-    const Family family(*listed);
     if (family.is_hidden())
-        return call.words.refuse(UBUS_STATUS_PERMISSION_DENIED, "%s hides the values of %s",
-                                 g_service->name, family.name());
-    status = find_instance(call, family, number, instance);
+        return call.plan.words.refuse(UBUS_STATUS_PERMISSION_DENIED, "%s hides the values of %s",
+                                      g_service->name, family.name());
+    const int32_t status = find_instance(call, family, call.number, instance);
     if (status == BV_OK)
         call.out.hex(instance->image, family.size());
     return status;
 }
 
-int32_t write_image(Call &call)
+int32_t plan_image(Call &call, const Family &family, json_object *)
 {
-    const bv_service_family *listed;
-    int32_t number = 0;
-    int32_t status = take_target(call, listed, number);
-    if (status != BV_OK)
-        return status;
     size_t length = 0;
     const char *text = text_of(bv_json_object_object_get(call.data, "image"), length);
-    const Owned<void *, nullptr, free> image(malloc(listed->size));
+    const Owned<void *, nullptr, free> image(malloc(family.size()));
     if (!image)
-        return call.words.no_memory();
-    if (text == nullptr || length != size_t{2} * listed->size ||
-        !read_hex(text, static_cast<uint8_t *>(image.get()), listed->size))
+        return call.plan.words.no_memory();
+    if (text == nullptr || length != size_t{2} * family.size() ||
+        !read_hex(text, static_cast<uint8_t *>(image.get()), family.size()))
         return call.invalid("\"image\" does not have two hexadecimal digits for each byte");
-    status = plan_instance(call.plan, listed->name, number, image.get(), call.words);
-    return status == BV_OK ? make(call.plan, How::Request, call.words) : status;
+    return plan_instance(call.plan, *family.listed, call.number, image.get());
 }
 
 // ---- write ----
 
-template <Meaning meaning, How how = How::Request>
-int32_t change(Call &call)
+int32_t plan_named(Call &call)
 {
-    const int32_t status = plan_request(call.plan, call.data, meaning, call.words);
-    return status == BV_OK ? make(call.plan, how, call.words) : status;
+    return plan_request(call.plan, call.data);
 }
 
-int32_t write_add(Call &call)
+int32_t plan_saved(Call &call, const Family &family, json_object *)
 {
-    const int32_t status = change<Meaning::Add>(call);
-    Text &out = call.out;
-    if (status != BV_OK)
-        return status;
-    const bv_service_family *last = nullptr;
-    for (const Change &added : call.plan) {
-        if (added.family.listed != last)
-            out.item(last == nullptr ? "{\"%s\":[" : "],\"%s\":[", added.family.name());
-        last = added.family.listed;
-        put_instance(out, added.family, added.number, added.is);
-    }
-    out.put(last == nullptr ? "{}" : "]}");
-    return BV_OK;
+    return plan_back(call.plan, *family.listed, &call.files);
+}
+
+int32_t plan_defaults(Call &call, const Family &family, json_object *)
+{
+    return plan_back(call.plan, *family.listed, nullptr);
 }
 
 int32_t write_commit(Call &call)
@@ -292,17 +275,8 @@ int32_t write_commit(Call &call)
         return call.invalid("commit takes no data, or \"factory\"");
     const int32_t status = store != nullptr ? bv_service_commit_factory() : bv_service_commit();
     return status == BV_OK ? status
-                           : call.words.refuse(
+                           : call.plan.words.refuse(
                                  status, "not saved: the system log of the service has the cause");
-}
-
-template <bool to_file>
-int32_t undo(Call &call)
-{
-    const int32_t status = each_family(call, [](Call &one, const Family &family, json_object *) {
-        return plan_back(one.plan, *family.listed, to_file ? &one.files : nullptr, one.words);
-    });
-    return status == BV_OK ? make(call.plan, How::Undo, call.words) : status;
 }
 
 const bv_service_name *find_named(const bv_service_name *table, uint32_t count, json_object *data,
@@ -323,39 +297,34 @@ int32_t write_debug(Call &call)
         find_named(g_service->levels, g_service->n_levels, call.data, "level");
     json_object *on = bv_json_object_object_get(call.data, "on");
     if (module == nullptr || level == nullptr)
-        return call.words.refuse(BV_ERR_INVALID, "%s has no such debug %s", g_service->name,
-                                 module == nullptr ? "module" : "level");
+        return call.plan.words.refuse(BV_ERR_INVALID, "%s has no such debug %s", g_service->name,
+                                      module == nullptr ? "module" : "level");
     if (!bv_json_object_is_type(on, json_type_boolean))
         return call.invalid("\"on\" is neither true nor false");
-    bv_debug_set_switch(module->number, level->number, json_object_get_boolean(on) != 0);
+    bv_debug_set_switch(module->number, level->number, bv_json_object_get_int(on) != 0);
     return BV_OK;
 }
 
 // ---- requests ----
 
-struct Operation {
-    const char *name;
-    int32_t (*run)(Call &call);
-    bool is_read;
-};
-constexpr Operation kOperations[] = {{"families", read_each<put_family>, true},
-                                     {"get", read_each<put_instances>, true},
-                                     {"image", read_image, true},
-                                     {"saved", read_each<put_saved_instances>, true},
-                                     {"counters", read_each<put_counter>, true},
-                                     {"functions", read_functions, true},
-                                     {"debug", read_debug, true},
-                                     {"status", read_status, true},
-                                     {"set", change<Meaning::Set>, false},
-                                     {"put", write_image, false},
-                                     {"add", write_add, false},
-                                     {"del", change<Meaning::Delete>, false},
-                                     {"import", change<Meaning::Import>, false},
-                                     {"check", change<Meaning::Import, How::Check>, false},
-                                     {"commit", write_commit, false},
-                                     {"revert", undo<true>, false},
-                                     {"reset", undo<false>, false},
-                                     {"debug", write_debug, false}};
+constexpr Operation kOperations[] = {{"families", true, Meaning::None, read_each, put_family},
+                                     {"get", true, Meaning::None, read_each, put_instances},
+                                     {"image", true, Meaning::None, one_instance, put_image},
+                                     {"saved", true, Meaning::Saved, each_family, plan_saved},
+                                     {"counters", true, Meaning::None, read_each, put_counter},
+                                     {"functions", true, Meaning::None, read_functions, nullptr},
+                                     {"debug", true, Meaning::None, read_debug, nullptr},
+                                     {"status", true, Meaning::None, read_status, put_unsaved},
+                                     {"set", false, Meaning::Set, plan_named, nullptr},
+                                     {"put", false, Meaning::Set, one_instance, plan_image},
+                                     {"add", false, Meaning::Add, plan_named, nullptr},
+                                     {"del", false, Meaning::Delete, plan_named, nullptr},
+                                     {"import", false, Meaning::Import, plan_named, nullptr},
+                                     {"check", false, Meaning::Check, plan_named, nullptr},
+                                     {"commit", false, Meaning::None, write_commit, nullptr},
+                                     {"revert", false, Meaning::Saved, each_family, plan_saved},
+                                     {"reset", false, Meaning::Saved, each_family, plan_defaults},
+                                     {"debug", false, Meaning::None, write_debug, nullptr}};
 
 enum Field { kVersion, kOp, kData, kOffset, kGeneration, kFieldCount };
 constexpr blobmsg_policy kFields[] = {{"version", BLOBMSG_TYPE_INT32},
@@ -370,7 +339,23 @@ uint32_t number_in(blob_attr *field)
     return field != nullptr ? bv_blobmsg_get_u32(field) : 0;
 }
 
-int32_t run_operation(bool is_read, blob_attr *const *fields, Call &call)
+// Runs an operation, and makes or shows what it planned.
+int32_t run_operation(Call &call, const Operation &operation)
+{
+    const bool plans = operation.meaning != Meaning::None;
+    call.operation = &operation;
+    call.plan.meaning = operation.meaning;
+    int32_t status = operation.run(call);
+    if (status == BV_OK && plans && !operation.is_read)
+        status = make(call.plan);
+    if (status == BV_OK && plans && (operation.is_read || operation.meaning == Meaning::Add))
+        put_planned(call.out, call.plan);
+    return status == BV_OK && operation.is_read && call.out.failed
+               ? call.plan.words.refuse(BV_ERR_MEMORY, "the answer is too long, or memory is short")
+               : status;
+}
+
+int32_t find_and_run(Call &call, bool is_read, blob_attr *const *fields)
 {
     const char *op = bv_blobmsg_get_string(fields[kOp]);
     const char *text = bv_blobmsg_get_string(fields[kData]);
@@ -378,15 +363,10 @@ int32_t run_operation(bool is_read, blob_attr *const *fields, Call &call)
     if (text != nullptr && !data)
         return call.invalid("data is not JSON");
     call.data = data.get();
-    for (const Operation &operation : kOperations) {
-        if (operation.is_read != is_read || strcmp(operation.name, op) != 0)
-            continue;
-        const int32_t status = operation.run(call);
-        return status == BV_OK && is_read && call.out.failed
-                   ? call.words.refuse(BV_ERR_MEMORY, "the answer is too long, or memory is short")
-                   : status;
-    }
-    return call.words.refuse(BV_ERR_INVALID, "unknown operation \"%.40s\"", op);
+    for (const Operation &operation : kOperations)
+        if (operation.is_read == is_read && strcmp(operation.name, op) == 0)
+            return run_operation(call, operation);
+    return call.plan.words.refuse(BV_ERR_INVALID, "unknown operation \"%.40s\"", op);
 }
 
 // Sends the part of the answer that the request asks for.
@@ -403,44 +383,27 @@ int reply(ubus_context *ctx, ubus_request_data *request, blob_attr *const *field
     if (status != BV_OK)
         ++g_refused;
 
-    int failed = bv_blobmsg_buf_init(&g_reply);
-    failed |= bv_blobmsg_add_u32(&g_reply, "status", static_cast<uint32_t>(status));
-    if (status != BV_OK && call.words.text[0] != '\0')
-        failed |= bv_blobmsg_add_string(&g_reply, "words", call.words.text);
-    failed |= bv_blobmsg_add_u32(&g_reply, "generation", generation);
-    failed |= bv_blobmsg_add_u32(&g_reply, "total", status == BV_OK ? answer.length : 0);
+    BusMessage message;
+    message.put("status", static_cast<uint32_t>(status));
+    if (status != BV_OK && call.plan.words.text[0] != '\0')
+        message.put("words", call.plan.words.text);
+    message.put("generation", generation);
+    message.put("total", status == BV_OK ? answer.length : 0);
     if (status == BV_OK && answer.length != 0) {
         uint32_t length = answer.length - offset;
         if (length > kMaxPart)
             length = kMaxPart;
         answer.bytes[offset + length] = '\0';
-        failed |= bv_blobmsg_add_string(&g_reply, "data", answer.bytes + offset);
+        message.put("data", answer.bytes + offset);
     }
-    if (failed != 0)
+    if (message.failed)
         return UBUS_STATUS_NO_MEMORY;
-    bv_ubus_send_reply(ctx, request, g_reply.head);
+    bv_ubus_send_reply(ctx, request, message.buffer.head);
     return UBUS_STATUS_OK;
 }
 
-int serve(bool is_read, ubus_context *ctx, ubus_request_data *request, blob_attr *message)
+bool may_write(const char *user)
 {
-    blob_attr *fields[kFieldCount];
-    if (bv_blobmsg_parse(kFields, kFieldCount, fields, bv_blob_data(message),
-                         static_cast<unsigned>(bv_blob_len(message))) != 0 ||
-        number_in(fields[kVersion]) != kMessageVersion || fields[kOp] == nullptr)
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    Call call = {};
-    const int32_t status = run_operation(is_read, fields, call);
-    if (!is_read) { // to ask for a second part would be to change again
-        fields[kOffset] = nullptr;
-        call.out.length = call.out.failed || call.out.length > kMaxPart ? 0 : call.out.length;
-    }
-    return reply(ctx, request, fields, status, call);
-}
-
-bool may_write(const ubus_request_data &request)
-{
-    const char *user = request.acl.user;
     if (user == nullptr)
         return false;
     if (strcmp(user, "root") == 0)
@@ -451,26 +414,30 @@ bool may_write(const ubus_request_data &request)
     return false;
 }
 
-int on_read(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *,
-            blob_attr *message)
+int on_request(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *method,
+               blob_attr *message)
 {
+    const bool is_read = strcmp(method, "read") == 0;
     ++g_calls;
-    return serve(true, ctx, request, message);
-}
-
-int on_write(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *,
-             blob_attr *message)
-{
-    ++g_calls;
-    if (!may_write(*request)) {
+    if (!is_read && !may_write(request->acl.user)) {
         ++g_refused;
         return UBUS_STATUS_PERMISSION_DENIED;
     }
-    return serve(false, ctx, request, message);
+    blob_attr *fields[kFieldCount];
+    if (!parse_message(message, kFields, kFieldCount, fields) ||
+        number_in(fields[kVersion]) != kMessageVersion || fields[kOp] == nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    Call call = {};
+    const int32_t status = find_and_run(call, is_read, fields);
+    if (!is_read) { // to ask for a second part would be to change again
+        fields[kOffset] = nullptr;
+        call.out.length = call.out.failed || call.out.length > kMaxPart ? 0 : call.out.length;
+    }
+    return reply(ctx, request, fields, status, call);
 }
 
-constexpr ubus_method kMethods[] = {{"read", on_read, 0, 0, kFields, kFieldCount},
-                                    {"write", on_write, 0, 0, kFields, kData + 1}};
+constexpr ubus_method kMethods[] = {{"read", on_request, 0, 0, kFields, kFieldCount},
+                                    {"write", on_request, 0, 0, kFields, kData + 1}};
 constexpr int kMethodCount = 2;
 
 char g_object_name[kMaxServiceName + sizeof(kObjectSuffix)];
@@ -484,6 +451,29 @@ void end_loop(ubus_context *)
 
 } // namespace
 
+BusMessage::BusMessage() : failed(bv_blobmsg_buf_init(&buffer) != 0) {}
+
+BusMessage::~BusMessage()
+{
+    bv_blob_buf_free(&buffer);
+}
+
+void BusMessage::put(const char *name, uint32_t number)
+{
+    failed = failed || bv_blobmsg_add_u32(&buffer, name, number) != 0;
+}
+
+void BusMessage::put(const char *name, const char *text)
+{
+    failed = failed || bv_blobmsg_add_string(&buffer, name, text) != 0;
+}
+
+bool parse_message(blob_attr *message, const blobmsg_policy *policy, int count, blob_attr **fields)
+{
+    return bv_blobmsg_parse(policy, count, fields, bv_blob_data(message),
+                            static_cast<unsigned>(bv_blob_len(message))) == 0;
+}
+
 bool is_read(const char *op, bool has_data)
 {
     for (const Operation &operation : kOperations)
@@ -494,10 +484,10 @@ bool is_read(const char *op, bool has_data)
 
 bool open_object()
 {
-    uint8_t digits[8]; // hexadecimal
+    uint8_t digits[9] = ""; // hexadecimal
     g_started = time(nullptr);
     g_start_number = static_cast<uint32_t>(g_started << 15) + static_cast<uint32_t>(getpid());
-    if (bv_os_random(digits, sizeof(digits)) == 1)
+    if (bv_os_random(digits, sizeof(digits) - 1) == 1)
         read_hex(reinterpret_cast<char *>(digits), reinterpret_cast<uint8_t *>(&g_start_number), 4);
     g_calls = g_refused = g_dropped = 0;
     g_changes = static_cast<uint32_t *>(calloc(g_service->n_families + 1, sizeof(uint32_t)));
@@ -508,9 +498,6 @@ void close_object()
 {
     free(g_changes);
     g_changes = nullptr;
-    bv_blob_buf_free(&g_reply);
-    bv_blob_buf_free(&g_event);
-    bv_blob_buf_free(&g_event_data);
 }
 
 Published publish()
@@ -552,17 +539,19 @@ void announce(const struct bv_service_family &family)
     pollfd socket = {g_connection->sock.fd, POLLOUT, 0};
     char id[kMaxServiceName + sizeof(kEventSuffix)];
     snprintf(id, sizeof(id), "%s%s", g_service->name, kEventSuffix);
-    int failed = bv_blobmsg_buf_init(&g_event_data) | bv_blobmsg_buf_init(&g_event);
-    failed |= bv_blobmsg_add_string(&g_event_data, "family", family.name);
-    failed |= bv_blobmsg_add_string(&g_event_data, "count", Count(family).text);
-    failed |= bv_blobmsg_add_string(&g_event, "id", id);
-    if (failed == 0)
-        failed = bv_blobmsg_add_field(&g_event, BLOBMSG_TYPE_TABLE, "data",
-                                      bv_blob_data(g_event_data.head),
-                                      static_cast<unsigned>(bv_blob_len(g_event_data.head)));
+    BusMessage data;
+    data.put("family", family.name);
+    data.put("count", Count(family).text);
+    BusMessage event;
+    event.put("id", id);
+    if (bv_blobmsg_add_field(&event.buffer, BLOBMSG_TYPE_TABLE, "data",
+                             bv_blob_data(data.buffer.head),
+                             static_cast<unsigned>(bv_blob_len(data.buffer.head))) != 0)
+        event.failed = true;
     constexpr int kNoWait = -1; // the result is then that of a timeout
-    if (failed != 0 || poll(&socket, 1, 0) != 1 || (socket.revents & POLLOUT) == 0 ||
-        bv_ubus_invoke(g_connection, UBUS_SYSTEM_OBJECT_EVENT, "send", g_event.head, nullptr,
+    if (data.failed || event.failed || poll(&socket, 1, 0) != 1 ||
+        (socket.revents & POLLOUT) == 0 ||
+        bv_ubus_invoke(g_connection, UBUS_SYSTEM_OBJECT_EVENT, "send", event.buffer.head, nullptr,
                        nullptr, kNoWait) != UBUS_STATUS_TIMEOUT)
         ++g_dropped;
 }

@@ -27,7 +27,6 @@ constexpr int kGreetingMs = 3000;
 
 int g_end_pipe[2] = {-1, -1};
 uloop_fd g_end_watch;
-uloop_timeout g_leave_loop;
 Published g_published;
 
 // ---- the structure ----
@@ -170,14 +169,13 @@ int prepare()
         bv_ubus_server_reg(g_service->functions[i].name, g_service->functions[i].handler);
     if (bv_uloop_init() != 0)
         return 0; // the server finds the same and returns
-    g_end_watch.fd = g_end_pipe[0];
-    g_end_watch.cb = [](uloop_fd *, unsigned) { uloop_end(); };
-    bv_uloop_fd_add(&g_end_watch, ULOOP_READ);
     g_published = publish();
-    // The functions alone are not enough: the loop ends in its first turn.
-    g_leave_loop.cb = [](uloop_timeout *) { uloop_end(); };
-    if (g_published != Published::Yes)
-        bv_uloop_timeout_set(&g_leave_loop, 0);
+    // The functions alone are not enough: the loop ends in its first turn, as the pipe can be
+    // written at once.
+    const bool serves = g_published == Published::Yes;
+    g_end_watch.fd = g_end_pipe[serves ? 0 : 1];
+    g_end_watch.cb = [](uloop_fd *, unsigned) { uloop_end(); };
+    bv_uloop_fd_add(&g_end_watch, serves ? ULOOP_READ : ULOOP_WRITE);
     return 0;
 }
 
@@ -189,7 +187,6 @@ bool serve()
         return true;
     const int32_t status = bv_ubus_server_init(object_name(), prepare);
     bv_uloop_fd_delete(&g_end_watch);
-    bv_uloop_timeout_cancel(&g_leave_loop);
     unpublish();
     return status != UBUS_STATUS_INVALID_ARGUMENT && g_published != Published::NameTaken;
 }

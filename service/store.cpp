@@ -21,8 +21,8 @@ constexpr int kLockStepMs = 10;
 constexpr int kReadTries = 5;
 constexpr int kReadStepMs = 100;
 
-constexpr const char *kPaths[] = {"/config/work/userdata.json", "/config/work/privdata.json",
-                                  "/config/factory/factory.json"};
+constexpr char kPaths[][32] = {"/config/work/userdata.json", "/config/work/privdata.json",
+                               "/config/factory/factory.json"};
 constexpr uint32_t kStores = sizeof kPaths / sizeof *kPaths;
 
 StoreState g_state = {"defaults", 0, BV_OK};
@@ -37,7 +37,7 @@ using File = bv::Owned<int, -1, close_file>;
 
 bool is_used(uint32_t store)
 {
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (family.store == store)
             return true;
     return false;
@@ -45,16 +45,17 @@ bool is_used(uint32_t store)
 
 // ---- files ----
 
-// The data file that is worked on, and what is beside it: at most two of these are used at a time.
+// The data file that is worked on, the next one and the last one.
 char g_file[kPathSize];
-char g_beside[2][kPathSize + 16];
+char g_tmp[kPathSize + 16];
+char g_good[kPathSize + 16];
 
-const char *beside(const char *suffix)
+// Another one beside it; good until the next call.
+char *beside(const char *suffix)
 {
-    static int turn;
-    turn = 1 - turn;
-    snprintf(g_beside[turn], sizeof g_beside[turn], "%s%s", g_file, suffix);
-    return g_beside[turn];
+    static char path[kPathSize + 16];
+    snprintf(path, sizeof path, "%s%s", g_file, suffix);
+    return path;
 }
 
 // Follows a link, so that it stays one.
@@ -70,6 +71,8 @@ void choose_file(uint32_t store)
         char *last = *target == '/' ? g_file : strrchr(g_file, '/') + 1;
         snprintf(last, static_cast<size_t>(g_file + sizeof g_file - last), "%s", target);
     }
+    snprintf(g_tmp, sizeof g_tmp, "%s.tmp", g_file);
+    snprintf(g_good, sizeof g_good, "%s.good", g_file);
 }
 
 // Holds FILE.lock. Without it the file can be read, as it is replaced at once.
@@ -91,33 +94,39 @@ private:
     bool held_ = false;
 };
 
-// Writes a text, and gives the file the owner and mode of the old one.
-bool write_at(int fd, const Text &text, off_t at)
+// Writes a text, from a byte of it on, into FILE.tmp, which gets the owner and mode of the old
+// file.
+bool write_beside(const Text &text, uint32_t from)
 {
-    for (uint32_t done = 0; done < text.length;) {
-        const ssize_t wrote = pwrite(fd, text.bytes + done, text.length - done, at + done);
+    const File file(open(g_tmp, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!file)
+        return false;
+    for (uint32_t done = from; done < text.length;) {
+        const ssize_t wrote = pwrite(file.get(), text.bytes + done, text.length - done, done);
         if (wrote < 0)
             return false;
         done += static_cast<uint32_t>(wrote);
     }
     struct stat old;
-    if (stat(g_file, &old) != 0 && stat(beside(".good"), &old) != 0)
-        return true;
-    return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
+    if ((stat(g_file, &old) == 0 || stat(g_good, &old) == 0) &&
+        (fchown(file.get(), old.st_uid, old.st_gid) != 0 ||
+         fchmod(file.get(), old.st_mode & 07777) != 0))
+        return false;
+    return fsync(file.get()) == 0;
 }
 
 // Puts the written file in place of the old one, which becomes .good if it is whole.
 bool put_in_place(bool is_whole)
 {
-    unlink(beside(".good.tmp"));
-    if (is_whole && link(g_file, beside(".good.tmp")) == 0)
-        rename(beside(".good.tmp"), beside(".good"));
+    const char *next_good = beside(".good.tmp");
+    unlink(next_good);
+    if (is_whole && link(g_file, next_good) == 0)
+        rename(next_good, g_good);
     else if (is_whole)
-        note("%s.good cannot be made: %s", g_file, strerror(errno));
-    if (rename(beside(".tmp"), g_file) != 0)
+        note("%s cannot be made: %s", g_good, strerror(errno));
+    if (rename(g_tmp, g_file) != 0)
         return false;
-    char folder[kPathSize];
-    snprintf(folder, sizeof folder, "%s", g_file);
+    char *folder = beside("");
     strrchr(folder, '/')[1] = '\0';
     const File opened(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return opened && fsync(opened.get()) == 0;
@@ -127,9 +136,8 @@ bool put_in_place(bool is_whole)
 // bare interface would begin a file with nothing but its own families.
 void restore(const Text &good)
 {
-    unlink(beside(".tmp"));
-    const File file(open(beside(".tmp"), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    if (!file || !write_at(file.get(), good, 0) || fsync(file.get()) != 0 || !put_in_place(false))
+    unlink(g_tmp);
+    if (!write_beside(good, 0) || !put_in_place(false))
         note("%s cannot be restored: %s", g_file, strerror(errno));
 }
 
@@ -158,19 +166,19 @@ bool read_store(uint32_t store, Access access, Contents &out)
         if (error == 0 && tries > 1)
             bv_os_usleep(kReadStepMs * 1000);
     }
-    const char *suffix = "";
+    const char *path = g_file;
     const char *why = error == 0 ? "it is damaged" : strerror(error);
     bool missing = error == ENOENT;
     if (missing || is_damage(error)) {
         out.from = "good";
-        suffix = ".good";
-        if (read_file(beside(suffix), out)) {
+        path = g_good;
+        if (read_file(path, out)) {
             if (access == Access::Repair && !missing)
                 rename(g_file, beside(".bad"));
             if (access == Access::Repair)
                 restore(out.text);
             if (access != Access::Look)
-                say("%s: %s: taking %s.good, which was saved before", g_file, why, g_file);
+                say("%s: %s: taking %s, which was saved before", g_file, why, g_good);
             return true;
         }
         error = errno;
@@ -179,42 +187,40 @@ bool read_store(uint32_t store, Access access, Contents &out)
     if (missing) {
         out.clear();
         out.from = "defaults";
-        out.tree = json_object_new_object();
+        out.tree = bv_json_tokener_parse("{}");
     } else if (access != Access::Look && (error == ENOENT || is_damage(error))) {
-        say("%s: %s, and %s.good cannot be used: repair or remove them", g_file, why, g_file);
+        say("%s: %s, and %s cannot be used: repair or remove them", g_file, why, g_good);
     } else if (access != Access::Look) {
-        say("%s%s cannot be read: %s", g_file, suffix, strerror(error));
+        say("%s cannot be read: %s", path, strerror(error));
     }
     return missing && out.tree != nullptr;
 }
 
 // ---- what a file has ----
 
-int32_t plan_saved(Plan &plan, json_object *tree, const bv_service_family &listed, Meaning meaning,
-                   Words &words)
+int32_t plan_saved(Plan &plan, json_object *tree, const bv_service_family &listed)
 {
-    return plan_family(plan, listed, bv_json_object_object_get(tree, listed.name), meaning, words);
+    return plan_family(plan, listed, bv_json_object_object_get(tree, listed.name));
 }
 
-// Whether a file has a family as it is in memory.
+// Whether a file has a family as it is in memory. One without instances is saved with instance 1.
 bool is_saved(json_object *tree, const bv_service_family &listed)
 {
     const Family family(listed);
-    Plan plan;
-    Words words;
-    if (plan_saved(plan, tree, listed, Meaning::Saved, words) != BV_OK)
+    Plan plan(Meaning::Saved);
+    if (plan_saved(plan, tree, listed) != BV_OK)
         return false;
     drop_equal(plan);
-    const Change *change = plan.first;
-    if (change == nullptr || family.record->inst_count != 0)
-        return change == nullptr;
-    return change->next == nullptr && change->number == 1 &&
-           same_values(family, change->is, family.record->default_image);
+    for (const Change &change : changes_of(plan))
+        if (family.record->inst_count != 0 || change.number != 1 ||
+            !same_values(family, change.is, family.record->default_image))
+            return false;
+    return true;
 }
 
 bool are_saved(json_object *tree, uint32_t store)
 {
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (family.store == store && !is_saved(tree, family))
             return false;
     return true;
@@ -247,7 +253,7 @@ bool write_families(uint32_t store, const char *path)
     auto *records = static_cast<bv_db_reg *>(calloc(g_service->n_families, sizeof(bv_db_reg)));
     if (records == nullptr)
         return false;
-    for (const bv_service_family &family : Listed()) {
+    for (const bv_service_family &family : families()) {
         if (family.store != store)
             continue;
         bv_db_reg &one = records[count++];
@@ -259,39 +265,33 @@ bool write_families(uint32_t store, const char *path)
     return status == BV_OK;
 }
 
-// Appends what other services have.
-bool complete(int fd, const Text &ours, uint32_t store, const Contents &present)
-{
-    Text rest;
-    if (present.text.length != 0)
-        put_others(rest, present.text.bytes, store);
-    rest.put(kEnd);
-    if (rest.failed)
-        errno = ENOMEM;
-    return !rest.failed && write_at(fd, rest, ours.length - kEndLength);
-}
-
-// Writes FILE.tmp. False with errno, which is 0 when it does not come back as it was meant.
-bool write_beside(uint32_t store, const Contents &present)
+// Writes FILE.tmp: our families, then what other services have. False with errno, which is 0 when
+// it does not come back as it was meant.
+bool write_all(uint32_t store, const Contents &present)
 {
     Contents written;
-    unlink(beside(".tmp"));
+    Text &text = written.text;
+    unlink(g_tmp);
     errno = 0;
-    if (!write_families(store, beside(".tmp")) || !read_file(beside(".tmp"), written))
+    if (!write_families(store, g_tmp) || !read_file(g_tmp, written))
         return false;
-    const File file(open(beside(".tmp"), O_WRONLY | O_CLOEXEC));
-    if (!file || !complete(file.get(), written.text, store, present) ||
-        !read_file(beside(".tmp"), written))
+    text.length -= kEndLength;
+    const uint32_t ours = text.length;
+    if (present.text.length != 0)
+        put_others(text, present.text.bytes, store);
+    text.put(kEnd);
+    if (text.failed)
+        errno = ENOMEM;
+    if (text.failed || !write_beside(text, ours) || !read_file(g_tmp, written))
         return false;
     errno = 0;
-    return are_saved(written.tree, store) && has_others(written.tree, present.tree, store) &&
-           fsync(file.get()) == 0;
+    return are_saved(written.tree, store) && has_others(written.tree, present.tree, store);
 }
 
 // Whether every value would come back from a file.
 bool check_families(uint32_t store)
 {
-    for (const bv_service_family &listed : Listed()) {
+    for (const bv_service_family &listed : families()) {
         if (listed.store != store)
             continue;
         const Family family(listed);
@@ -322,12 +322,12 @@ int32_t save(uint32_t store)
     if (is_whole && are_saved(present.tree, store))
         return BV_OK;
 
-    if (write_beside(store, present) && put_in_place(is_whole)) {
+    if (write_all(store, present) && put_in_place(is_whole)) {
         g_state.saved = time(nullptr);
         return BV_OK;
     }
     const int error = errno;
-    unlink(beside(".tmp"));
+    unlink(g_tmp);
     say("%s cannot be saved: %s", g_file,
         error != 0 ? strerror(error) : "what was written is not complete: is the disk full?");
     return BV_ERR_WRITE_OPEN;
@@ -338,11 +338,9 @@ int32_t save(uint32_t store)
 // Without memory some instances may be missing: the service must not go on.
 bool fill(const bv_service_family &listed, json_object *tree)
 {
-    Plan plan;
-    Words words;
+    Plan plan(Meaning::Load);
     bv_db_data_free(Family(listed).record);
-    return plan_saved(plan, tree, listed, Meaning::Load, words) == BV_OK &&
-           make(plan, How::Load, words) == BV_OK;
+    return plan_saved(plan, tree, listed) == BV_OK && make(plan) == BV_OK;
 }
 
 int load_store(uint32_t store)
@@ -352,12 +350,36 @@ int load_store(uint32_t store)
     Contents contents;
     if (!read_store(store, lock.held() ? Access::Repair : Access::Load, contents))
         return BV_SERVICE_DATA;
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (family.store == store && !fill(family, contents.tree))
             return say("no memory for %s", family.name), BV_SERVICE_NO_MEMORY;
     if (strcmp(contents.from, "good") == 0 || strcmp(g_state.loaded, "defaults") == 0)
         g_state.loaded = contents.from;
     return BV_SERVICE_ENDED;
+}
+
+// ---- what the program calls ----
+
+int32_t commit(uint32_t first, uint32_t last)
+{
+    if (g_service == nullptr)
+        return BV_ERR_FAILED;
+    int32_t result = BV_OK;
+    for (uint32_t store = first; store <= last; ++store) {
+        const int32_t status = is_used(store) ? save(store) : BV_OK;
+        result = result != BV_OK ? result : status;
+    }
+    return g_state.saved_status = result;
+}
+
+int32_t take_back(const char *family, Files *files)
+{
+    Plan plan(Meaning::Saved);
+    const bv_service_family *listed = find_listed(family, plan.words);
+    if (listed == nullptr)
+        return BV_ERR_NO_FAMILY;
+    const int32_t status = plan_back(plan, *listed, files);
+    return status == BV_OK ? make(plan) : status;
 }
 
 } // namespace
@@ -399,7 +421,7 @@ int bv::service::load()
 {
     int status = BV_SERVICE_ENDED;
     g_state = {"defaults", 0, BV_OK};
-    for (const bv_service_family &family : Listed())
+    for (const bv_service_family &family : families())
         if (status == BV_SERVICE_ENDED)
             status = load_template(family);
     for (uint32_t store = 0; store < kStores; ++store)
@@ -417,28 +439,12 @@ json_object *bv::service::Files::tree_of(uint32_t store)
     return file.tree;
 }
 
-int32_t bv::service::plan_back(Plan &plan, const bv_service_family &family, Files *files,
-                               Words &words)
+int32_t bv::service::plan_back(Plan &plan, const bv_service_family &family, Files *files)
 {
     json_object *tree = files != nullptr ? files->tree_of(family.store) : nullptr;
     if (files != nullptr && tree == nullptr)
-        return words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPaths[family.store]);
-    return plan_saved(plan, tree, family, Meaning::Saved, words);
-}
-
-int32_t bv::service::put_saved(Text &out, const bv_service_family &family, Files &files,
-                               Words &words)
-{
-    Plan plan;
-    const int32_t status = plan_back(plan, family, &files, words);
-    if (status != BV_OK)
-        return status;
-    out.item("[");
-    for (const Change &change : plan)
-        if (change.is != nullptr)
-            put_instance(out, change.family, change.number, change.is);
-    out.put("]");
-    return BV_OK;
+        return plan.words.refuse(BV_ERR_NO_FILE, "%s cannot be read", kPaths[family.store]);
+    return plan_saved(plan, tree, family);
 }
 
 const StoreState &bv::service::store_state()
@@ -451,33 +457,6 @@ bool bv::service::is_unsaved(const bv_service_family &family, Files &files)
     json_object *tree = files.tree_of(family.store);
     return tree == nullptr || !is_saved(tree, family);
 }
-
-namespace {
-
-int32_t commit(uint32_t first, uint32_t last)
-{
-    if (g_service == nullptr)
-        return BV_ERR_FAILED;
-    int32_t result = BV_OK;
-    for (uint32_t store = first; store <= last; ++store) {
-        const int32_t status = is_used(store) ? save(store) : BV_OK;
-        result = result != BV_OK ? result : status;
-    }
-    return g_state.saved_status = result;
-}
-
-int32_t take_back(const char *family, Files *files)
-{
-    Plan plan;
-    Words words;
-    const bv_service_family *listed = find_listed(family, words);
-    if (listed == nullptr)
-        return BV_ERR_NO_FAMILY;
-    const int32_t status = plan_back(plan, *listed, files, words);
-    return status == BV_OK ? make(plan, How::Undo, words) : status;
-}
-
-} // namespace
 
 int32_t bv_service_commit()
 {

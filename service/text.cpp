@@ -15,8 +15,7 @@ using namespace bv::service;
 // The debug channel sends a longer text as an empty one.
 constexpr size_t kLineSize = 256;
 
-constexpr char kDigits[16] = {'0', '1', '2', '3', '4', '5', '6', '7',
-                              '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
+constexpr char kDigits[] = "0123456789abcdef";
 
 // As in syslog; bv-collect shows the numbers.
 void send_line(int priority, const char *format, va_list arguments)
@@ -24,7 +23,8 @@ void send_line(int priority, const char *format, va_list arguments)
     char line[kLineSize];
     vsnprintf(line, sizeof line, format, arguments);
     if (priority == LOG_ERR)
-        fprintf(stderr, "%s: %s\n", g_service == nullptr ? "bv-service" : g_service->name, line);
+        dprintf(STDERR_FILENO, "%s: %s\n", g_service == nullptr ? "bv-service" : g_service->name,
+                line);
     syslog(priority, "%s", line);
     bv_debug_header header = {};
     header.level = static_cast<uint8_t>(priority);
@@ -159,11 +159,10 @@ bool bv::service::number_of(json_object *value, int32_t &number)
 
 bool bv::service::read_hex(const char *text, uint8_t *bytes, uint32_t count)
 {
+    if (strspn(text, kDigits) != size_t{2} * count)
+        return false;
     for (uint32_t i = 0; i < 2 * count; ++i) {
-        const void *digit = memchr(kDigits, text[i], sizeof kDigits);
-        if (digit == nullptr)
-            return false;
-        const auto value = static_cast<const char *>(digit) - kDigits;
+        const auto value = strchr(kDigits, text[i]) - kDigits;
         bytes[i / 2] = static_cast<uint8_t>(bytes[i / 2] << 4 | value);
     }
     return true;

@@ -15,9 +15,21 @@ using namespace bv::service;
 
 constexpr size_t kRoom = 2 * bv::kParameterTextSize;
 
+// As much of a type's name as tells it from the others; a zero byte is always after it.
+constexpr size_t kTypeSize = 8;
+static_assert(kTypeSize > sizeof(bv::ParameterType::name), "a longer name is no known type");
+
 bv_db_para g_one; // of the one value that is converted: too large for a small stack
 bv_db_family g_family;
 uint8_t g_room[kRoom];
+
+const bv_service_family *find_family(const char *name, size_t length)
+{
+    for (const bv_service_family &listed : families())
+        if (strncmp(listed.name, name, length) == 0 && listed.name[length] == '\0')
+            return &listed;
+    return nullptr;
+}
 
 // The type is known unless a handler has read another template since the start.
 bool is_string(const bv_db_para &para)
@@ -31,7 +43,7 @@ void prepare(const bv_db_para &para)
 {
     g_one.valid = 1;
     g_one.len = para.len;
-    memccpy(g_one.type, para.type, '\0', sizeof g_one.type);
+    memcpy(g_one.type, para.type, kTypeSize);
     g_one.value[0] = '\0';
     memset(g_room, 0, static_cast<size_t>(para.len) + 1);
 }
@@ -64,22 +76,18 @@ const bv_db_para *find_parameter(const Family &family, const char *name, int32_t
 
 bool bv::service::is_stored(uint32_t store, const char *name, size_t length)
 {
-    for (const bv_service_family &family : Listed())
-        if (family.store == store && strlen(family.name) == length &&
-            memcmp(family.name, name, length) == 0)
-            return true;
-    return false;
+    const bv_service_family *listed = find_family(name, length);
+    return listed != nullptr && listed->store == store;
 }
 
 const bv_service_family *bv::service::find_listed(const char *family, Words &words)
 {
-    if (g_service != nullptr && family != nullptr)
-        for (const bv_service_family &listed : Listed())
-            if (strcmp(listed.name, family) == 0)
-                return &listed;
-    words.refuse(0, "%.80s: the service does not have this family",
-                 family != nullptr ? family : "");
-    return nullptr;
+    const char *name = family != nullptr ? family : "";
+    const bv_service_family *listed =
+        g_service != nullptr ? find_family(name, strlen(name)) : nullptr;
+    if (listed == nullptr)
+        words.refuse(0, "%.80s: the service does not have this family", name);
+    return listed;
 }
 
 const char *bv::service::value_text(const bv_db_para &para, const uint8_t *value)
@@ -96,7 +104,7 @@ int32_t bv::service::check_image(const Family &family, const uint8_t *image, Wor
         const auto *text = reinterpret_cast<const char *>(image);
         const auto len = static_cast<size_t>(para.len);
         tools::Reason why;
-        if (is_string(para) && strnlen(text, len) == len)
+        if (is_string(para) && memchr(text, '\0', len) == nullptr)
             why.set("the text has no end within its %zu bytes", len);
         else if (!is_string(para) || tools::text_survives(text, strlen(text), why))
             why.text[0] = '\0';
@@ -125,16 +133,10 @@ int32_t bv::service::set_value(const Family &family, uint8_t *image, const Membe
         put_value(*para, image + position, text);
         return BV_OK;
     }
-    return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name(), member.name(), why.text);
-}
-
-void bv::service::set_default(const Family &family, uint8_t *image, const char *parameter)
-{
-    int32_t position;
-    const bv_db_para *para = find_parameter(family, parameter, position);
     if (para != nullptr)
         memcpy(image + position, family.record->default_image + position,
                static_cast<size_t>(para->len));
+    return words.refuse(BV_ERR_INVALID, "%s.%.80s: %s", family.name(), member.name(), why.text);
 }
 
 bool bv::service::same_values(const Family &family, const uint8_t *a, const uint8_t *b)

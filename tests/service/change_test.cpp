@@ -163,11 +163,10 @@ TEST_F(Changes, WithoutMemoryAllStaysAsItWas)
         int32_t status;
         {
             FailAllocation next(nth);
-            Plan plan;
-            Words why;
-            status = plan_request(plan, data, Meaning::Import, why);
+            Plan plan(Meaning::Import);
+            status = plan_request(plan, data);
             if (status == BV_OK)
-                status = make(plan, How::Request, why);
+                status = make(plan);
             refused = next.happened();
         }
         ASSERT_EQ(status, refused ? BV_ERR_MEMORY : BV_OK) << nth;

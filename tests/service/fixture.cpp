@@ -111,13 +111,13 @@ std::string values_of_file(const std::string &path, const char *family, int numb
 
 int32_t request(const std::string &json, Meaning meaning)
 {
-    g_words = {};
-    Plan plan;
+    Plan plan(meaning);
     json_object *data = bv_json_tokener_parse(json.c_str());
-    int32_t status = plan_request(plan, data, meaning, g_words);
+    int32_t status = plan_request(plan, data);
     if (status == BV_OK)
-        status = make(plan, How::Request, g_words);
+        status = make(plan);
     bv_json_object_put(data);
+    g_words = plan.words;
     return status;
 }
 

@@ -511,10 +511,12 @@ TEST_F(Store, SavedInstancesAreShownWhileOthersRun)
     ASSERT_EQ(bv_service_commit(), BV_OK);
     ASSERT_EQ(request(set_mtu(1300)), BV_OK);
     Text text;
-    Words why;
+    Plan plan(Meaning::Saved);
     Files files;
-    ASSERT_EQ(put_saved(text, *listed("lan.json"), files, why), BV_OK);
-    EXPECT_EQ(std::string(text.bytes), std::string(R"([{"inst":"1","para":)") + kDefaults + "}]");
+    ASSERT_EQ(plan_back(plan, *listed("lan.json"), &files), BV_OK);
+    put_planned(text, plan);
+    EXPECT_EQ(std::string(text.bytes),
+              std::string(R"({"lan.json":[{"inst":"1","para":)") + kDefaults + "}]}");
 }
 
 // The data file of one firmware under the templates of another, both ways.

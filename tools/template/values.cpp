@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cctype>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -20,7 +19,7 @@ using tools::Reason;
 bool number_fits(const ParameterType &type, const char *text, Reason &why)
 {
     const bool is_signed = type.kind == bv::TypeKind::Signed;
-    const int64_t highest = (int64_t{1} << (8 * type.size - (is_signed ? 1 : 0))) - 1;
+    const int64_t highest = UINT32_MAX >> (32 - 8 * type.size + (is_signed ? 1 : 0));
     const int64_t lowest = is_signed ? -highest - 1 : 0;
     int64_t number;
     return (tools::parse_decimal(text, number) && number >= lowest && number <= highest) ||
@@ -40,11 +39,10 @@ bool string_fits(int32_t len, const char *text, Reason &why)
 // Six groups of one or two hexadecimal digits.
 bool is_mac(const char *at)
 {
-    for (int group = 0; group < 6; ++group, ++at) {
-        int digits = 0;
-        for (; digits < 2 && isxdigit(static_cast<unsigned char>(*at)) != 0; ++digits)
-            ++at;
-        if (digits == 0 || *at != (group < 5 ? ':' : '\0'))
+    for (int group = 0; group < 6; ++group) {
+        const size_t digits = strspn(at, "0123456789abcdefABCDEF");
+        at += digits + 1;
+        if (digits < 1 || digits > 2 || at[-1] != (group < 5 ? ':' : '\0'))
             return false;
     }
     return true;

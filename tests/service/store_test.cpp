@@ -598,7 +598,6 @@ TEST_F(Store, WhatAFileLacksIsSaidOnceAndWithoutValues)
         EXPECT_EQ(start_lan(), BV_SERVICE_ENDED);
         return g_log;
     };
-    using Lines = std::vector<std::string>;
     const std::string rest = R"("ipaddr":"10.0.0.1","hostname":"a")";
     EXPECT_EQ(lines(R"([{"inst":"1","para":{"mtu":"secret","gone":"1",)" + rest +
                     R"(}},{"inst":"2","para":{"mtu":"secret too","gone":"2"}}])"),

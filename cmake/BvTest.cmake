@@ -130,7 +130,7 @@ function(bv_add_test)
     target_compile_options(${T_NAME} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
   endif()
   target_link_libraries(${T_NAME} PRIVATE test_kit ${T_LIBRARIES} GTest::gtest GTest::gtest_main
-    Threads::Threads ${CMAKE_DL_LIBS})
+    Threads::Threads ${BV_LIBC_PARTS} ${CMAKE_DL_LIBS})
   set_target_properties(${T_NAME} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests"
     CROSSCOMPILING_EMULATOR "${BV_TEST_ROOT}"

@@ -77,6 +77,10 @@ bool number_of(json_object *value, int32_t &number);
 // False, with nothing taken, for anything else.
 bool read_hex(const char *text, uint8_t *bytes, uint32_t count);
 
+// Appends a JSON text with a question mark for each byte in a string that json-c may refuse when it
+// is strict: 0.18 and later refuse control characters, and 0.18 takes bytes from 0x80 for such
+// where a char has a sign.
+void put_plain(Text &out, const char *text);
 // Appends the members of an object that are not of this store, byte for byte and with their
 // comments. json-c must have parsed the text.
 void put_others(Text &out, const char *text, uint32_t store);
@@ -207,7 +211,7 @@ struct Contents {
     void clear();
 };
 // Reads a file. False with errno, which is 0 for one that is not a JSON object. Strict JSON has no
-// comments, and nothing after its end.
+// comments, and nothing after its end; its strings may have any bytes but 0.
 bool read_file(const char *path, Contents &out, bool strict = false);
 
 // Loads all families. 0, or an exit status, which was said.

@@ -358,6 +358,27 @@ int load_store(uint32_t store)
     return BV_SERVICE_ENDED;
 }
 
+// ---- parsing ----
+
+json_object *parse(const char *text, int flags)
+{
+    const bv::Owned<json_tokener *, nullptr, json_tokener_free> tokener(json_tokener_new());
+    if (!tokener)
+        return nullptr;
+    json_tokener_set_flags(tokener.get(), flags);
+    return json_tokener_parse_ex(tokener.get(), text, -1);
+}
+
+// False with errno ENOMEM without memory.
+bool is_strict(const char *text)
+{
+    Text plain;
+    put_plain(plain, text);
+    if (plain.failed)
+        errno = ENOMEM;
+    return !plain.failed && bv::JsonTree(parse(plain.bytes, JSON_TOKENER_STRICT));
+}
+
 // ---- what the program calls ----
 
 int32_t commit(uint32_t first, uint32_t last)
@@ -406,11 +427,8 @@ bool bv::service::read_file(const char *path, Contents &out, bool strict)
     errno = out.text.failed ? ENOMEM : 0;
     if (errno != 0 || out.text.length == 0)
         return false;
-    const bv::Owned<json_tokener *, nullptr, json_tokener_free> tokener(json_tokener_new());
-    if (!tokener)
-        return false;
-    json_tokener_set_flags(tokener.get(), strict ? JSON_TOKENER_STRICT : 0);
-    out.tree = json_tokener_parse_ex(tokener.get(), out.text.bytes, -1);
+    if (!strict || is_strict(out.text.bytes))
+        out.tree = parse(out.text.bytes, 0);
     if (errno != ENOMEM) // a parser without memory may say that the text is wrong
         errno = 0;
     return bv_json_object_is_type(out.tree, json_type_object) != 0 &&

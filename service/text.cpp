@@ -233,6 +233,22 @@ size_t bv::service::count_raw_names(const char *text)
     return count;
 }
 
+void bv::service::put_plain(Text &out, const char *text)
+{
+    const uint32_t start = out.length;
+    out.put(text);
+    bool in_string = false;
+    for (uint32_t i = start; i < out.length; ++i) {
+        const auto byte = static_cast<unsigned char>(out.bytes[i]);
+        if (byte == '"')
+            in_string = !in_string;
+        else if (in_string && byte == '\\')
+            ++i;
+        else if (in_string && (byte < 0x20 || byte >= 0x80))
+            out.bytes[i] = '?';
+    }
+}
+
 void bv::service::put_others(Text &out, const char *text, uint32_t store)
 {
     static constexpr char kBlanks[] = " \t\r\n";

@@ -424,7 +424,10 @@ BV_API int32_t bv_json_object_get_int(const struct json_object *obj);
 /** json_object_is_type(): 1 when obj has that type, else 0; null has json_type_null. */
 BV_API int bv_json_object_is_type(const struct json_object *obj, enum json_type type);
 
-/** json_object_put(): drops one reference; 1 when that freed the object, else 0. */
+/**
+ * json_object_put(): drops one reference; 1 when that freed the object, else 0. json-c 0.19 returns
+ * 0 also when it frees a value that has no elements or members.
+ */
 BV_API int bv_json_object_put(struct json_object *obj);
 
 /** @} */

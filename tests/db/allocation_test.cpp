@@ -32,11 +32,17 @@ void parse_beforehand(const std::string &path)
     g_parsed[path] = tree;
 }
 
-// Releases the trees, which only this file may still hold.
+// Releases the trees, which only this file may still hold. For an object or array that is empty,
+// json-c 0.19 returns 0 although it frees it; so none is empty by then.
 void forget_parsed()
 {
-    for (const auto &file : g_parsed)
-        EXPECT_EQ(json_object_put(file.second), 1) << "someone still holds " << file.first;
+    for (const auto &[path, tree] : g_parsed) {
+        if (json_object_is_type(tree, json_type_array))
+            json_object_array_add(tree, nullptr);
+        else
+            json_object_object_add(tree, "last", nullptr);
+        EXPECT_EQ(json_object_put(tree), 1) << "someone still holds " << path;
+    }
     g_parsed.clear();
 }
 

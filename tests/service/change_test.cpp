@@ -40,8 +40,6 @@ protected:
     }
 };
 
-using Lines = std::vector<std::string>;
-
 std::string mtus(const std::string &name = "lan.json")
 {
     std::string out;

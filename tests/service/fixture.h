@@ -24,6 +24,8 @@ struct Parameter {
 };
 using Parameters = std::vector<Parameter>;
 
+using Lines = std::vector<std::string>;
+
 // lan.json: address, mtu and host name, 38 bytes.
 extern const Parameters kLan;
 struct __attribute__((packed)) Lan {

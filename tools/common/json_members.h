@@ -16,7 +16,7 @@ public:
         json_object *value() const { return static_cast<json_object *>(lh_entry_v(at)); }
 
         const Member &operator*() const { return *this; }
-        void operator++() { at = lh_entry_next(at); }
+        void operator++() { at = at->next; } // lh_entry_next() is new in json-c 0.16
         bool operator!=(const Member &other) const { return at != other.at; }
     };
     explicit Members(json_object *object)

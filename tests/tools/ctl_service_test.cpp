@@ -161,7 +161,8 @@ TEST_F(CtlSession, WatchEndsWhenNobodyReads)
         Program watching({"/bin/sh", "-c", std::string("exec '" BV_TOOL "' watch lan ") + where});
         ASSERT_TRUE(eventually([&] { return watching.errors() == begun; })) << watching.errors();
         output("set lan mtu=1400");
-        ASSERT_TRUE(eventually([&] { return watching.errors() == begun + why; }))
+        const std::string said = begun + why;
+        ASSERT_TRUE(eventually([&] { return watching.errors() == said; }))
             << where << ": " << watching.errors();
         EXPECT_EQ(watching.wait(), 1);
         output("set lan mtu=1500");

@@ -234,6 +234,16 @@ TEST_F(ServiceObject, RevertAndResetTellOfEachInstanceThatDiffers)
     }
 }
 
+TEST_F(ServiceObject, AnswersHaveSeveralFamilies)
+{
+    std::string both = kLan1;
+    both.replace(both.size() - 1, 1, R"(,"secret.json":[{"inst":"1","para":{}}]})");
+    EXPECT_EQ(caller.ask("saved"), both);
+    for (size_t at; (at = both.find(R"("inst":"1")")) != std::string::npos;)
+        both.replace(at, 10, R"("inst":"2")");
+    EXPECT_EQ(caller.ask("add", R"({"lan.json":[{"inst":""}],"secret.json":[{"inst":""}]})"), both);
+}
+
 TEST_F(ServiceObject, HiddenFamilyIsWrittenAndNotRead)
 {
     Secret secret = {"abc"};

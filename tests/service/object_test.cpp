@@ -325,6 +325,25 @@ TEST_F(ServiceObject, EachChangeSendsAnEventWithTheCounter)
                                        wire::field(3, "count", wire::text(now))})));
 }
 
+// The instance says which block is refused after the change.
+TEST_F(ServiceObject, ChangeIsMadeAlsoWhenItsEventFindsNoMemory)
+{
+    static const bv_service_family families[] = {
+        {"lan.json", sizeof(Lan), BV_SERVICE_USER, 0, nullptr,
+         [](const void *, const void *, uint32_t instance) {
+             fault_realloc.fail_next(static_cast<int>(instance) - 10);
+         }}};
+    sample.signal(SIGTERM);
+    sample.wait();
+    sample.service.families = families;
+    sample.service.n_families = 1;
+    sample.start();
+    const Lan lan = {};
+    for (uint32_t instance : {11u, 12u})
+        EXPECT_EQ(bv_service_set(caller, "lan.json", &lan, sizeof(lan), instance), 0);
+    EXPECT_NE(caller.ask("status").find(R"("dropped":"2")"), std::string::npos);
+}
+
 TEST_F(ServiceObject, LongAnswersComeInPartsOfOneGeneration)
 {
     add_many();

@@ -365,8 +365,10 @@ void bv::service::put_planned(Text &out, const Plan &plan)
     for (const Change &change : changes_of(plan)) {
         if (change.is == nullptr)
             continue;
-        if (change.family.listed != last)
-            out.item(last == nullptr ? "{\"%s\":[" : "],\"%s\":[", change.family.name());
+        if (change.family.listed != last) {
+            out.put(last == nullptr ? "{" : "]");
+            out.item("\"%s\":[", change.family.name());
+        }
         last = change.family.listed;
         put_instance(out, change.family, change.number, change.is);
     }

@@ -544,13 +544,13 @@ void announce(const struct bv_service_family &family)
     data.put("count", Count(family).text);
     BusMessage event;
     event.put("id", id);
-    if (bv_blobmsg_add_field(&event.buffer, BLOBMSG_TYPE_TABLE, "data",
+    const bool failed =
+        data.failed || event.failed || // then a buffer may have no head
+        bv_blobmsg_add_field(&event.buffer, BLOBMSG_TYPE_TABLE, "data",
                              bv_blob_data(data.buffer.head),
-                             static_cast<unsigned>(bv_blob_len(data.buffer.head))) != 0)
-        event.failed = true;
+                             static_cast<unsigned>(bv_blob_len(data.buffer.head))) != 0;
     constexpr int kNoWait = -1; // the result is then that of a timeout
-    if (data.failed || event.failed || poll(&socket, 1, 0) != 1 ||
-        (socket.revents & POLLOUT) == 0 ||
+    if (failed || poll(&socket, 1, 0) != 1 || (socket.revents & POLLOUT) == 0 ||
         bv_ubus_invoke(g_connection, UBUS_SYSTEM_OBJECT_EVENT, "send", event.buffer.head, nullptr,
                        nullptr, kNoWait) != UBUS_STATUS_TIMEOUT)
         ++g_dropped;

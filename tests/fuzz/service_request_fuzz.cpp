@@ -72,9 +72,14 @@ int ubus_send_reply(ubus_context *, ubus_request_data *, blob_attr *message)
     FUZZ_CHECK(status == 0 || length == 0);
     // A first part that is the whole answer is JSON.
     if (length != 0 && length == blobmsg_get_u32(fields[1])) {
-        json_object *answer = json_tokener_parse(blobmsg_get_string(fields[2]));
+        Text plain;
+        put_plain(plain, blobmsg_get_string(fields[2]));
+        json_tokener *tokener = json_tokener_new();
+        json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
+        json_object *answer = json_tokener_parse_ex(tokener, plain.bytes, -1);
         FUZZ_CHECK(answer != nullptr);
         json_object_put(answer);
+        json_tokener_free(tokener);
     }
     ++g_replies;
     return 0;

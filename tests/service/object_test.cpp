@@ -234,6 +234,16 @@ TEST_F(ServiceObject, RevertAndResetTellOfEachInstanceThatDiffers)
     }
 }
 
+TEST_F(ServiceObject, AnswersHaveSeveralFamilies)
+{
+    std::string both = kLan1;
+    both.replace(both.size() - 1, 1, R"(,"secret.json":[{"inst":"1","para":{}}]})");
+    EXPECT_EQ(caller.ask("saved"), both);
+    for (size_t at; (at = both.find(R"("inst":"1")")) != std::string::npos;)
+        both.replace(at, 10, R"("inst":"2")");
+    EXPECT_EQ(caller.ask("add", R"({"lan.json":[{"inst":""}],"secret.json":[{"inst":""}]})"), both);
+}
+
 TEST_F(ServiceObject, HiddenFamilyIsWrittenAndNotRead)
 {
     Secret secret = {"abc"};
@@ -313,6 +323,25 @@ TEST_F(ServiceObject, EachChangeSendsAnEventWithTheCounter)
     EXPECT_EQ(wire::to_hex(event.payload(wire::kAttrData)),
               wire::to_hex(wire::join({wire::field(3, "family", wire::text("lan.json")),
                                        wire::field(3, "count", wire::text(now))})));
+}
+
+// The instance says which block is refused after the change.
+TEST_F(ServiceObject, ChangeIsMadeAlsoWhenItsEventFindsNoMemory)
+{
+    static const bv_service_family families[] = {
+        {"lan.json", sizeof(Lan), BV_SERVICE_USER, 0, nullptr,
+         [](const void *, const void *, uint32_t instance) {
+             fault_realloc.fail_next(static_cast<int>(instance) - 10);
+         }}};
+    sample.signal(SIGTERM);
+    sample.wait();
+    sample.service.families = families;
+    sample.service.n_families = 1;
+    sample.start();
+    const Lan lan = {};
+    for (uint32_t instance : {11u, 12u})
+        EXPECT_EQ(bv_service_set(caller, "lan.json", &lan, sizeof(lan), instance), 0);
+    EXPECT_NE(caller.ask("status").find(R"("dropped":"2")"), std::string::npos);
 }
 
 TEST_F(ServiceObject, LongAnswersComeInPartsOfOneGeneration)

@@ -502,7 +502,7 @@ int32_t bv_service_get(struct bv_service_client *client, const char *family, voi
     const int32_t status = ask_image(request, family, instance, size, nullptr);
     if (status != BV_OK)
         return status;
-    const char *digits = request.answer.bytes != nullptr ? request.answer.bytes + 1 : "";
+    const char *digits = request.answer.length != 0 ? request.answer.bytes + 1 : "";
     return read_hex(digits, static_cast<uint8_t *>(image), size)
                ? BV_OK
                : client->words.refuse(UBUS_STATUS_PARSE_ERROR, "the answer makes no sense");

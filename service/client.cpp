@@ -150,8 +150,8 @@ void take_reply(ubus_request *bus_request, int, blob_attr *message)
         request.answer.put(bv_blobmsg_get_string(fields[kData]));
 }
 
-// What the bus says of a request that no kit's object got: where owners connect again, the number
-// may be nobody's by now, or another object's.
+// What the bus says of a request that no object of the kit got. Once owners have connected again,
+// the number that was looked up may be unknown, or belong to another object.
 bool is_elsewhere(int32_t status)
 {
     return status == UBUS_STATUS_NOT_FOUND || status == UBUS_STATUS_INVALID_ARGUMENT ||

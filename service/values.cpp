@@ -17,7 +17,8 @@ constexpr size_t kRoom = 2 * bv::kParameterTextSize;
 
 // As much of a type's name as tells it from the others; a zero byte is always after it.
 constexpr size_t kTypeSize = 8;
-static_assert(kTypeSize > sizeof(bv::ParameterType::name), "a longer name is no known type");
+static_assert(kTypeSize > sizeof(bv::ParameterType::name),
+              "it holds every name of a type and a zero byte");
 
 bv_db_para g_one; // of the one value that is converted: too large for a small stack
 bv_db_family g_family;

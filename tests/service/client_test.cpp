@@ -145,6 +145,27 @@ TEST(ServiceClient, ChangeThatTheOwnerRefusesAsTheBusWouldIsNotSentAgain)
     }
 }
 
+TEST(ServiceClient, AnswerThatBecameEmptyIsNotTakenFromAnEarlierPart)
+{
+    ScriptedBus bus = bus_for_client([](Peer &peer) {
+        peer.answer_lookup();
+        const wire::Message first = peer.receive();
+        const std::string image = "\"" + std::string(2 * sizeof(Lan), '0') + "\"";
+        peer.send_reply(first, wire::join({wire::field(5, "status", wire::word(0)),
+                                           wire::field(5, "generation", wire::word(1)),
+                                           wire::field(5, "total", wire::word(1000)),
+                                           wire::field(3, "data", wire::text(image.c_str()))}));
+        peer.send_status(first, 0);
+        reply_with(peer, peer.receive(), 0); // of another generation: it starts again
+        peer.answer_lookup();
+        reply_with(peer, peer.receive(), 0);
+    });
+    const Caller caller;
+    Lan lan = {};
+    EXPECT_EQ(bv_service_get(caller, "lan.json", &lan, sizeof(lan), 1), UBUS_STATUS_PARSE_ERROR);
+    bus.join();
+}
+
 TEST(ServiceClient, LookUpThatFindsNoObjectIsNoOwner)
 {
     ScriptedBus bus = bus_for_client([](Peer &peer) { peer.send_status(peer.receive(), 0); });

@@ -165,8 +165,8 @@ void keep_only(json_object *instance, const char *parameter)
     put(instance, "para", only);
 }
 
-// Whether another service, which comes first, owns a family of this name too. Without the service's
-// name nobody could tell one's values from the other's.
+// Whether another service, which comes first, owns a family of this name too. Values are shown
+// without the service's name, so the two could not be told apart.
 bool is_left_out(const char *service, const char *family)
 {
     for (const auto &first : Members(all_families())) {

@@ -152,7 +152,7 @@ void family_changed(const char *service, const char *family, void *priv)
         print_hidden_change(service, family);
     else if (before != nullptr)
         print_changes(service, family, before, after);
-    if (fflush(stdout) != 0 || ferror(stdout) != 0) // nobody reads what would come
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) // nobody can read the rest
         _exit(refused("standard output: %s", strerror(errno)));
     const bool is_first = before == nullptr;
     put(families, family, after);
